@@ -1,0 +1,163 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "plugin/parseddata.h"
+
+#include <QtCore/QByteArray>
+#include <QtCore/QByteArrayView>
+#include <QtCore/QHash>
+
+#include <algorithm>
+#include <chrono>
+#include <limits>
+#include <list>
+
+/*!
+    For hosts that take every byte exactly once: tells which bytes of an offer are new.
+
+    Needs "offsets": true in the plugin's configuration. Offers then say where in the connection's
+    stream they begin, and this class remembers up to where each connection was consumed. For each
+    record:
+
+        const auto offer = offers.open(*record);
+        const qsizetype used = parse(offer.fresh());
+        if (const int len = offers.consume(offer, used))
+            plugin->discard(len, record->getPluginSubId());
+
+    Nothing announces the end of a connection, so connections are forgotten by age and by number.
+    Forgetting one early costs exactness only if an offer is handled later than that which was made
+    before the connection's last cut was carried out: the age must exceed the longest time for
+    which the host lets records wait, the number that of connections active within it.
+
+    Thread: one at a time.
+    Owner:  the host.
+*/
+class ExactOffers
+{
+public:
+    using Clock = std::chrono::steady_clock;
+
+    struct Limits
+    {
+        std::chrono::milliseconds age = std::chrono::minutes(10); // since the last offer
+        std::size_t connections = 100000; // at least 1; the one longest without an offer goes first
+    };
+
+    //! One offer, with what was known when it was opened. A value that shares the record's bytes.
+    class Offer
+    {
+    public:
+        // The bytes that have not been consumed; empty if the offer only repeats. Valid as long as
+        // the offer. At most 2 GiB - 1 together with what is repeated: discard() takes an int.
+        QByteArrayView fresh() const { return QByteArrayView(buffer).sliced(repeated); }
+
+        // How many of the connection's bytes lie before the first fresh one.
+        quint64 position() const { return offset + static_cast<quint64>(repeated); }
+
+        // Of the connection, unique in the process; 0 if the record is not stamped. Then all of its
+        // bytes count as fresh.
+        quint64 connection() const { return number; }
+
+    private:
+        friend class ExactOffers;
+        QByteArray buffer;
+        qsizetype repeated = 0;
+        quint64 offset = 0;
+        quint64 number = 0;
+    };
+
+    ExactOffers() : ExactOffers(Limits()) {}
+    explicit ExactOffers(const Limits &values) : limits(values) {}
+    ExactOffers(const ExactOffers &) = delete;
+    ExactOffers &operator=(const ExactOffers &) = delete;
+
+    Offer open(const ParsedData &record, Clock::time_point now = Clock::now())
+    {
+        forgetOld(now);
+        Offer offer;
+        offer.buffer = record.getOriginalMessage();
+        offer.buffer.truncate(std::numeric_limits<int>::max());
+        const auto subids = record.getPluginSubId();
+        bool stamped = false;
+        offer.offset = subids.value(QStringLiteral("offset")).toULongLong(&stamped);
+        if (stamped)
+            offer.number = subids.value(QStringLiteral("connection")).toULongLong();
+        if (offer.number == 0)
+            return offer;
+
+        const auto known = index.constFind(offer.number);
+        if (known != index.constEnd()) {
+            touch(*known, now);
+            offer.repeated = overlap(offer, (*known)->consumed);
+        }
+        return offer;
+    }
+
+    // used: bytes consumed at the front of offer.fresh(), 0 to its size. Returns the length for
+    // discard(); 0 if there is nothing to discard, and discard() must not be called.
+    int consume(const Offer &offer, qsizetype used, Clock::time_point now = Clock::now())
+    {
+        if (used <= 0)
+            return 0;
+        if (offer.number != 0)
+            remember(offer.number, offer.position() + static_cast<quint64>(used), now);
+        return static_cast<int>(offer.repeated + used);
+    }
+
+    // How many connections are remembered.
+    std::size_t size() const { return entries.size(); }
+
+private:
+    struct Entry
+    {
+        quint64 number;
+        quint64 consumed; // bytes, from the connection's first one on
+        Clock::time_point seen;
+    };
+    using Entries = std::list<Entry>;
+
+    static qsizetype overlap(const Offer &offer, quint64 consumed)
+    {
+        const quint64 size = static_cast<quint64>(offer.buffer.size());
+        return consumed <= offer.offset
+                ? 0
+                : static_cast<qsizetype>(std::min(consumed - offer.offset, size));
+    }
+
+    void touch(Entries::iterator entry, Clock::time_point now)
+    {
+        entry->seen = now;
+        entries.splice(entries.end(), entries, entry);
+    }
+
+    void remember(quint64 number, quint64 consumed, Clock::time_point now)
+    {
+        const auto known = index.constFind(number);
+        if (known != index.constEnd()) {
+            (*known)->consumed = std::max((*known)->consumed, consumed);
+            touch(*known, now);
+            return;
+        }
+        index.insert(number, entries.insert(entries.end(), {number, consumed, now}));
+        if (entries.size() > limits.connections)
+            forgetFirst();
+    }
+
+    void forgetOld(Clock::time_point now)
+    {
+        while (!entries.empty() && now - entries.front().seen > limits.age)
+            forgetFirst();
+    }
+
+    void forgetFirst()
+    {
+        index.remove(entries.front().number);
+        entries.pop_front();
+    }
+
+    const Limits limits;
+    Entries entries; // by the time of their last offer, the oldest first
+    QHash<quint64, Entries::iterator> index; // into entries, by connection
+};

@@ -1,0 +1,60 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include <QtCore/QMap>
+#include <QtCore/QString>
+
+class IInputPlugin;
+class QJsonObject;
+class QObject;
+
+//! Makes objects of one interface.
+template<class Interface>
+class Factory
+{
+public:
+    class Q_DECL_EXPORT Creator
+    {
+    public:
+        Creator() = default;
+        virtual ~Creator() = default;
+        Creator(const Creator &) = delete;
+        Creator &operator=(const Creator &) = delete;
+
+        // A new object without parent and without configuration; the caller owns it.
+        virtual Interface *create() const = 0;
+    };
+};
+
+//! The creator of one class that implements the interface.
+template<class Class, class Interface>
+class Register
+{
+public:
+    class Creator : public Factory<Interface>::Creator
+    {
+    public:
+        Interface *create() const override { return function ? function() : new Class(nullptr); }
+
+    private:
+        // Never set by this library; it keeps the object's size that hosts were built with.
+        Interface *(*function)() = nullptr;
+    };
+};
+
+/*!
+    The host's map of creators by class name. The host owns the map and the creators in it.
+*/
+using InputPluginCreators = QMap<QString, const Factory<IInputPlugin>::Creator *>;
+
+// The two entry points of an input plugin library, resolved by the names "registerPlugin" and
+// "create". Neither locks: not to be called concurrently on one map or while a creator is in use.
+extern "C" {
+// Adds the library's creator to the map under "TcpInputPlugin2". An entry that was there before is
+// deleted first, also for other copies that share the map's data.
+using RegisterPluginFunction = void (*)(InputPluginCreators &creators);
+// A new plugin with a copy of the configuration. The caller owns it, or the parent, if not null.
+using CreatePluginFunction = IInputPlugin *(*)(QObject *parent, const QJsonObject &config);
+}

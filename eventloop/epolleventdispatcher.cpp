@@ -1,0 +1,381 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "eventloop/epolleventdispatcher.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QThread>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace {
+// Ready descriptors served in one turn. The kernel begins the next turn's where it left off, so
+// that all have their turn, and posted events and timers theirs in between.
+constexpr int EventsPerTurn = 512;
+
+struct TypeInfo
+{
+    QSocketNotifier::Type type;
+    quint32 interest;
+    const char *name;
+};
+// In the order of the enumeration.
+constexpr TypeInfo Types[] = {
+        {QSocketNotifier::Read, EPOLLIN, "Read"},
+        {QSocketNotifier::Write, EPOLLOUT, "Write"},
+        {QSocketNotifier::Exception, EPOLLPRI, "Exception"},
+};
+
+void warnOfSecondNotifier(const QSocketNotifier *notifier)
+{
+    qWarning("QSocketNotifier: Multiple socket notifiers for same socket %d and type %s",
+             static_cast<int>(notifier->socket()), Types[notifier->type()].name);
+}
+
+int toMs(TimerQueue::Duration duration)
+{
+    const auto ms = std::chrono::ceil<std::chrono::milliseconds>(duration).count();
+    return static_cast<int>(std::clamp<qint64>(ms, 0, INT_MAX));
+}
+} // namespace
+
+std::unique_ptr<QAbstractEventDispatcher> EpollEventDispatcher::create()
+{
+    std::unique_ptr<EpollEventDispatcher> dispatcher(new EpollEventDispatcher);
+    if (dispatcher->open())
+        return dispatcher;
+
+    const int error = errno;
+    dispatcher.reset();
+    errno = error;
+    return nullptr;
+}
+
+bool EpollEventDispatcher::open()
+{
+    epollFd = epoll_create1(EPOLL_CLOEXEC);
+    if (epollFd < 0)
+        return false;
+    wakeUpFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (wakeUpFd < 0)
+        return false;
+
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.fd = wakeUpFd;
+    return epoll_ctl(epollFd, EPOLL_CTL_ADD, wakeUpFd, &event) == 0;
+}
+
+EpollEventDispatcher::~EpollEventDispatcher()
+{
+    if (wakeUpFd >= 0)
+        close(wakeUpFd);
+    if (epollFd >= 0)
+        close(epollFd);
+}
+
+bool EpollEventDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
+{
+    const quint64 turn = ++turns;
+    interrupted = false;
+    Q_EMIT awake();
+    QCoreApplication::sendPostedEvents();
+
+    const bool withNotifiers = !flags.testFlag(QEventLoop::ExcludeSocketNotifiers);
+    const bool withTimers = !flags.testFlag(QEventLoop::X11ExcludeTimers);
+    if (withNotifiers)
+        collectUnwatched();
+
+    // Every event that is posted wakes up. So this also tells of events posted by those just sent.
+    // Unless a nested turn has taken that word, or an interruption that was meant for this loop.
+    const bool canWait = flags.testFlag(QEventLoop::WaitForMoreEvents) && !wakeUpPending
+            && turn == turns && (!withNotifiers || nextReady == ready.size());
+    if (canWait && !interrupted)
+        Q_EMIT aboutToBlock();
+    if (interrupted)
+        return false;
+
+    int events = collectReady(withNotifiers, withTimers, canWait) ? 1 : 0;
+    if (withNotifiers)
+        events += activateNotifiers();
+    if (withTimers)
+        events += activateTimers();
+    return events > 0;
+}
+
+void EpollEventDispatcher::registerSocketNotifier(QSocketNotifier *notifier)
+{
+    Q_ASSERT(notifier->thread() == thread() && thread() == QThread::currentThread());
+    const int fd = static_cast<int>(notifier->socket());
+    Descriptor &descriptor = descriptors[fd];
+    QSocketNotifier *&place = descriptor.notifiers[notifier->type()];
+    if (place && place != notifier)
+        warnOfSecondNotifier(notifier);
+
+    place = notifier;
+    descriptor.pending.reset(notifier->type());
+    watch(fd, descriptor);
+}
+
+void EpollEventDispatcher::unregisterSocketNotifier(QSocketNotifier *notifier)
+{
+    Q_ASSERT(notifier->thread() == thread() && thread() == QThread::currentThread());
+    const int fd = static_cast<int>(notifier->socket());
+    const auto position = descriptors.find(fd);
+    if (position == descriptors.end())
+        return;
+
+    Descriptor &descriptor = position->second;
+    QSocketNotifier *&place = descriptor.notifiers[notifier->type()];
+    if (place != notifier) {
+        if (place)
+            warnOfSecondNotifier(notifier);
+        return;
+    }
+
+    place = nullptr;
+    descriptor.pending.reset(notifier->type());
+    watch(fd, descriptor);
+    if (descriptor.notifiers == decltype(descriptor.notifiers){})
+        descriptors.erase(position);
+}
+
+// Tells the kernel what the notifiers want, in every case: it forgets a descriptor that is closed,
+// and the number may be another file's since.
+void EpollEventDispatcher::watch(int fd, Descriptor &descriptor)
+{
+    epoll_event event{};
+    event.data.fd = fd;
+    for (const TypeInfo &info : Types) {
+        if (descriptor.notifiers[info.type])
+            event.events |= info.interest;
+    }
+
+    unwatched.erase(fd);
+    if (event.events == 0) {
+        epoll_ctl(epollFd, EPOLL_CTL_DEL, fd, nullptr); // fails if it was closed: just as well
+        return;
+    }
+
+    int operation = descriptor.watched ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
+    descriptor.watched = epoll_ctl(epollFd, operation, fd, &event) == 0;
+    if (!descriptor.watched && (errno == ENOENT || errno == EEXIST)) {
+        operation = errno == ENOENT ? EPOLL_CTL_ADD : EPOLL_CTL_MOD;
+        descriptor.watched = epoll_ctl(epollFd, operation, fd, &event) == 0;
+    }
+    if (!descriptor.watched) {
+        descriptor.alwaysReady = errno == EPERM;
+        unwatched.insert(fd);
+    }
+}
+
+// Deals with what the kernel has refused; usually there is nothing.
+void EpollEventDispatcher::collectUnwatched()
+{
+    for (auto next = unwatched.begin(); next != unwatched.end();) {
+        const int fd = *next;
+        if (descriptors[fd].alwaysReady)
+            collect(fd, EPOLLIN | EPOLLOUT); // as poll(2) says of such files
+        else
+            disableNotifiers(fd);
+        next = unwatched.upper_bound(fd); // looked up again: disabling changes the set
+    }
+}
+
+void EpollEventDispatcher::disableNotifiers(int fd)
+{
+    for (QSocketNotifier *notifier : std::array(descriptors[fd].notifiers)) {
+        if (!notifier)
+            continue;
+        qWarning("QSocketNotifier: Invalid socket %d with type %s, disabling...", fd,
+                 Types[notifier->type()].name);
+        notifier->setEnabled(false);
+    }
+}
+
+// Waits for anything to happen, and notes what is ready. True if wakeUp() has been called.
+bool EpollEventDispatcher::collectReady(bool withNotifiers, bool withTimers, bool canWait)
+{
+    std::array<epoll_event, EventsPerTurn> events;
+    int count = 0;
+    do { // the time-out is worked out anew after each signal
+        const int timeoutMs = canWait ? waitMs(withTimers) : 0;
+        if (withNotifiers) {
+            count = epoll_wait(epollFd, events.data(), EventsPerTurn, timeoutMs);
+        } else {
+            pollfd wakeUpOnly{wakeUpFd, POLLIN, 0};
+            events[0].data.fd = wakeUpFd;
+            count = poll(&wakeUpOnly, 1, timeoutMs);
+        }
+    } while (count < 0 && errno == EINTR);
+
+    bool awoken = false;
+    for (int i = 0; i < count; ++i) {
+        const epoll_event &event = events[static_cast<std::size_t>(i)];
+        if (event.data.fd == wakeUpFd)
+            awoken = true;
+        else
+            collect(event.data.fd, event.events);
+    }
+    if (awoken)
+        clearWakeUp();
+    return awoken;
+}
+
+// -1: until something happens.
+int EpollEventDispatcher::waitMs(bool withTimers) const
+{
+    const auto deadline = withTimers ? timers.nextDeadline() : std::nullopt;
+    return deadline ? toMs(*deadline - TimerQueue::Clock::now()) : -1;
+}
+
+void EpollEventDispatcher::collect(int fd, quint32 events)
+{
+    const auto position = descriptors.find(fd);
+    if (position == descriptors.end())
+        return;
+
+    Descriptor &descriptor = position->second;
+    const bool queued = descriptor.pending.any();
+    for (const TypeInfo &info : Types) {
+        // As poll(2) has it: errors and hang-ups are news for all.
+        if (descriptor.notifiers[info.type] && (events & (info.interest | EPOLLERR | EPOLLHUP)))
+            descriptor.pending.set(info.type);
+    }
+    if (!queued && descriptor.pending.any())
+        ready.push_back(fd);
+}
+
+// In this order. A wake-up that comes in between writes nothing; what it is for, an event or the
+// end of a loop, is what the next turn begins with.
+void EpollEventDispatcher::clearWakeUp()
+{
+    eventfd_t count = 0;
+    eventfd_read(wakeUpFd, &count);
+    wakeUpPending.exchange(false);
+}
+
+int EpollEventDispatcher::activateNotifiers()
+{
+    int activated = 0;
+    while (nextReady < ready.size()) {
+        QSocketNotifier *notifier = takePending(ready[nextReady]);
+        if (!notifier) {
+            ++nextReady;
+            continue;
+        }
+        // The slot may run a nested turn, which goes on from here.
+        QEvent event(QEvent::SockAct);
+        QCoreApplication::sendEvent(notifier, &event);
+        ++activated;
+    }
+    ready.clear();
+    nextReady = 0;
+    return activated;
+}
+
+// Null if the descriptor has no more pending notifiers.
+QSocketNotifier *EpollEventDispatcher::takePending(int fd)
+{
+    const auto position = descriptors.find(fd);
+    if (position == descriptors.end())
+        return nullptr;
+
+    Descriptor &descriptor = position->second;
+    for (const TypeInfo &info : Types) {
+        if (descriptor.pending.test(info.type)) {
+            descriptor.pending.reset(info.type);
+            return descriptor.notifiers[info.type];
+        }
+    }
+    return nullptr;
+}
+
+bool EpollEventDispatcher::unregisterTimers(QObject *object)
+{
+    Q_ASSERT(object->thread() == thread() && thread() == QThread::currentThread());
+    return timers.removeAll(object);
+}
+
+#if QT_VERSION >= QT_VERSION_CHECK(6, 8, 0)
+void EpollEventDispatcher::registerTimer(Qt::TimerId timerId, Duration interval,
+                                         Qt::TimerType timerType, QObject *object)
+{
+    Q_ASSERT(object->thread() == thread() && thread() == QThread::currentThread());
+    timers.add({qToUnderlying(timerId), interval, timerType, object}, TimerQueue::Clock::now());
+}
+
+bool EpollEventDispatcher::unregisterTimer(Qt::TimerId timerId)
+{
+    return timers.remove(qToUnderlying(timerId));
+}
+
+QList<EpollEventDispatcher::TimerInfoV2>
+EpollEventDispatcher::timersForObject(QObject *object) const
+{
+    QList<TimerInfoV2> infos;
+    for (const TimerQueue::Timer &timer : timers.timersOf(object))
+        infos.append({timer.interval, Qt::TimerId(timer.id), timer.type});
+    return infos;
+}
+
+EpollEventDispatcher::Duration EpollEventDispatcher::remainingTime(Qt::TimerId timerId) const
+{
+    return timers.remaining(qToUnderlying(timerId), TimerQueue::Clock::now())
+            .value_or(std::chrono::milliseconds(-1)); // -1 also in the older interface's unit
+}
+#else
+void EpollEventDispatcher::registerTimer(int timerId, qint64 interval, Qt::TimerType timerType,
+                                         QObject *object)
+{
+    Q_ASSERT(object->thread() == thread() && thread() == QThread::currentThread());
+    timers.add({timerId, std::chrono::milliseconds(interval), timerType, object},
+               TimerQueue::Clock::now());
+}
+
+bool EpollEventDispatcher::unregisterTimer(int timerId)
+{
+    return timers.remove(timerId);
+}
+
+QList<EpollEventDispatcher::TimerInfo> EpollEventDispatcher::registeredTimers(QObject *object) const
+{
+    QList<TimerInfo> infos;
+    for (const TimerQueue::Timer &timer : timers.timersOf(object))
+        infos.append(TimerInfo(timer.id, toMs(timer.interval), timer.type));
+    return infos;
+}
+
+int EpollEventDispatcher::remainingTime(int timerId)
+{
+    const auto remaining = timers.remaining(timerId, TimerQueue::Clock::now());
+    return remaining ? toMs(*remaining) : -1;
+}
+#endif
+
+int EpollEventDispatcher::activateTimers()
+{
+    return timers.deliverDue(TimerQueue::Clock::now(), [](int id, QObject *object) {
+        QTimerEvent event(id);
+        QCoreApplication::sendEvent(object, &event);
+    });
+}
+
+void EpollEventDispatcher::wakeUp()
+{
+    if (!wakeUpPending.exchange(true))
+        eventfd_write(wakeUpFd, 1);
+}
+
+void EpollEventDispatcher::interrupt()
+{
+    interrupted = true;
+    wakeUp();
+}

@@ -1,0 +1,112 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "eventloop/timerqueue.h"
+
+#include <QtCore/QAbstractEventDispatcher>
+#include <QtCore/QSocketNotifier>
+
+#include <array>
+#include <atomic>
+#include <bitset>
+#include <memory>
+#include <set>
+#include <unordered_map>
+#include <vector>
+
+#if QT_VERSION >= QT_VERSION_CHECK(6, 8, 0)
+using EventDispatcherBase = QAbstractEventDispatcherV2;
+#else
+using EventDispatcherBase = QAbstractEventDispatcher;
+#endif
+
+/*!
+    An event loop for threads with many sockets and timers.
+
+    Qt's own dispatchers for Unix hand the whole set of sockets to the kernel in every turn and
+    keep the timers in a sorted list. Here the kernel keeps the set, as in epoll(7), and the timers
+    are in a tree: an event costs the same however many sockets are idle, and restarting a timer
+    costs O(log n). In all else this follows Qt's QEventDispatcherUNIX, also where a slot runs a
+    nested event loop. One thing epoll cannot do: notice that a descriptor has been closed while
+    its notifier was enabled. Such a notifier stays silent, where Qt's disables it with a warning;
+    so whoever closes a descriptor has to disable its notifiers first, as all of Qt's classes do.
+
+    Thread: made in any thread, then handed to QThread::setEventDispatcher() before that thread
+            starts (or QCoreApplication::setEventDispatcher() before the application object is
+            made) and used in that thread only; wakeUp() and interrupt() from any thread.
+    Owner:  the thread, which deletes it at its end: one that is started again needs a new one, and
+            whoever gives up a thread before its start has to delete the dispatcher. Or else the
+            application.
+    Locks:  none; two atomic flags.
+*/
+class EpollEventDispatcher final : public EventDispatcherBase
+{
+    Q_OBJECT
+
+public:
+    // Null if the descriptors it needs cannot be had (errno says why). Once made, it needs no more.
+    static std::unique_ptr<QAbstractEventDispatcher> create();
+    ~EpollEventDispatcher() override;
+
+    bool processEvents(QEventLoop::ProcessEventsFlags flags) override;
+
+    void registerSocketNotifier(QSocketNotifier *notifier) override;
+    void unregisterSocketNotifier(QSocketNotifier *notifier) override;
+
+    bool unregisterTimers(QObject *object) override;
+#if QT_VERSION >= QT_VERSION_CHECK(6, 8, 0)
+    void registerTimer(Qt::TimerId timerId, Duration interval, Qt::TimerType timerType,
+                       QObject *object) override;
+    bool unregisterTimer(Qt::TimerId timerId) override;
+    QList<TimerInfoV2> timersForObject(QObject *object) const override;
+    Duration remainingTime(Qt::TimerId timerId) const override;
+#else
+    void registerTimer(int timerId, qint64 interval, Qt::TimerType timerType,
+                       QObject *object) override;
+    bool unregisterTimer(int timerId) override;
+    QList<TimerInfo> registeredTimers(QObject *object) const override;
+    int remainingTime(int timerId) override;
+#endif
+
+    void wakeUp() override;
+    void interrupt() override;
+
+private:
+    // What the notifiers of one descriptor want and get.
+    struct Descriptor
+    {
+        std::array<QSocketNotifier *, 3> notifiers{}; // by QSocketNotifier::Type
+        std::bitset<3> pending; // found ready, not activated yet
+        bool watched = false; // by the kernel
+        bool alwaysReady = false; // of a kind the kernel does not watch, a regular file say
+    };
+
+    EpollEventDispatcher() = default;
+    bool open();
+
+    void watch(int fd, Descriptor &descriptor);
+    void collectUnwatched();
+    void disableNotifiers(int fd);
+    bool collectReady(bool withNotifiers, bool withTimers, bool canWait);
+    int waitMs(bool withTimers) const;
+    void collect(int fd, quint32 events);
+    void clearWakeUp();
+    int activateNotifiers();
+    QSocketNotifier *takePending(int fd);
+    int activateTimers();
+
+    int epollFd = -1; // set once
+    int wakeUpFd = -1; // set once; an eventfd
+    std::atomic<bool> wakeUpPending{false}; // wakeUpFd is readable, or about to be
+    std::atomic<bool> interrupted{false};
+    quint64 turns = 0; // nested ones included; the dispatcher's thread only
+
+    // The rest belongs to the dispatcher's thread.
+    std::unordered_map<int, Descriptor> descriptors;
+    std::set<int> unwatched; // descriptors the kernel has refused: always ready, or invalid
+    std::vector<int> ready; // descriptors to activate; nested turns share it
+    std::size_t nextReady = 0; // index into ready
+    TimerQueue timers;
+};

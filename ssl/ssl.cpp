@@ -1,0 +1,120 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "ssl/ssl.h"
+
+#include "plugin/cwrn.h"
+
+#include <QtCore/QFile>
+#include <QtCore/QJsonObject>
+#include <QtNetwork/QSslCertificate>
+#include <QtNetwork/QSslConfiguration>
+#include <QtNetwork/QSslKey>
+#include <QtNetwork/QSslSocket>
+
+#include <optional>
+
+namespace {
+
+QSslCertificate certificateFrom(const QByteArray &pem)
+{
+    return QSslCertificate(pem, QSsl::Pem);
+}
+
+QSslKey keyFrom(const QByteArray &pem)
+{
+    return QSslKey(pem, QSsl::Rsa, QSsl::Pem, QSsl::PrivateKey, QByteArray());
+}
+
+// Nothing, and a line in the log, if the file cannot be opened. failure: the line's format.
+std::optional<QByteArray> readFile(const QString &name, const QString &failure)
+{
+    QFile file(name);
+    if (!file.open(QIODevice::ReadOnly)) {
+        CWRN(QtWarningMsg, failure, name);
+        return std::nullopt;
+    }
+    return file.readAll();
+}
+
+std::optional<QSsl::SslProtocol> protocolFrom(const QString &version)
+{
+    if (version == QLatin1String("1.3"))
+        return QSsl::TlsV1_3;
+    if (version == QLatin1String("1.3+"))
+        return QSsl::TlsV1_3OrLater;
+    if (version == QLatin1String("1.2"))
+        return QSsl::TlsV1_2;
+    if (version == QLatin1String("1.2+"))
+        return QSsl::TlsV1_2OrLater;
+    return std::nullopt;
+}
+
+void setVersion(const QString &version, QSslConfiguration &sslConfig)
+{
+    const auto protocol = protocolFrom(version);
+    if (!protocol) {
+        CWRN(QtWarningMsg, QStringLiteral("SSL Config: unknown TLS version %1, ignoring"), version);
+        return;
+    }
+    CWRN(QtDebugMsg, QStringLiteral("SSL: Setting TLS protocol version '%1'"), version);
+    // Deliberate: the cipher order is the client's as soon as a version is chosen.
+    sslConfig.setSslOption(QSsl::SslOptionDisableServerCipherPreference, true);
+    sslConfig.setProtocol(*protocol);
+}
+
+// False if the key names a file that cannot be opened.
+bool applyFile(const QString &key, const QString &name, QSslConfiguration &sslConfig)
+{
+    const QString failure = key == QLatin1String("CAFile")
+            ? QStringLiteral("SSL: Failed to open CA Certificate file %1")
+            : key == QLatin1String("CertFile")
+            ? QStringLiteral("SSL: Failed to open Certificate file %1")
+            : QStringLiteral("SSL: Failed to open key file %1");
+    const auto pem = readFile(name, failure);
+    if (!pem)
+        return false;
+    if (key == QLatin1String("CAFile"))
+        sslConfig.addCaCertificate(certificateFrom(*pem));
+    else if (key == QLatin1String("CertFile"))
+        sslConfig.setLocalCertificate(certificateFrom(*pem));
+    else
+        sslConfig.setPrivateKey(keyFrom(*pem));
+    return true;
+}
+
+} // namespace
+
+bool ssl::readSslConfig(const QJsonObject &config, QSslConfiguration &sslConfig)
+{
+    sslConfig = QSslConfiguration::defaultConfiguration();
+    CWRN(QtDebugMsg, QStringLiteral("SSL: Reading SSL config"));
+
+    bool result = true;
+    QSslSocket::PeerVerifyMode verifyMode = QSslSocket::VerifyPeer;
+    // Sorted by key: so inline PEM is applied after, and wins over, the file of the same kind.
+    const QStringList keys = config.keys();
+    for (const QString &key : keys) {
+        const QJsonValue value = config.value(key);
+        const QString text = value.toString();
+        if (key == QLatin1String("CACertificate"))
+            sslConfig.addCaCertificate(certificateFrom(text.toUtf8()));
+        else if (key == QLatin1String("Certificate"))
+            sslConfig.setLocalCertificate(certificateFrom(text.toUtf8()));
+        else if (key == QLatin1String("PrivateKey"))
+            sslConfig.setPrivateKey(keyFrom(text.toUtf8()));
+        else if (key == QLatin1String("CAFile") || key == QLatin1String("CertFile")
+                 || key == QLatin1String("KeyFile"))
+            result = applyFile(key, text, sslConfig) && result;
+        else if (key == QLatin1String("verifyPeer") && !value.toBool(false))
+            verifyMode = QSslSocket::VerifyNone;
+        else if (key == QLatin1String("tlsVersion"))
+            setVersion(text, sslConfig);
+        else if (key == QLatin1String("tlsDebug") && value.toBool(false)) {
+            CWRN(QtDebugMsg, QStringLiteral("SSL: Enable Handshake Debugging"));
+            sslConfig.setHandshakeMustInterruptOnError(true);
+        }
+    }
+    sslConfig.setPeerVerifyMode(verifyMode);
+    return result;
+}

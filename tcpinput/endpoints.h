@@ -1,0 +1,18 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include <QtNetwork/QHostAddress>
+
+//! Both ends of an accepted connection, as the kernel knew them when it was accepted.
+struct Endpoints
+{
+    QHostAddress peer;
+    QHostAddress local;
+    quint16 peerPort = 0;
+    quint16 localPort = 0;
+
+    // Also of a connection that its peer has reset already.
+    static Endpoints of(qintptr descriptor);
+};

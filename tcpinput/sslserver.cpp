@@ -1,0 +1,134 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "tcpinput/sslserver.h"
+
+#include "tcpinput/listenbacklog.h"
+#include "tcpinput/tlshandshake.h"
+
+#include <QtCore/QThread>
+
+#include <memory>
+#include <unistd.h>
+
+namespace {
+
+// A peer that ends with close_notify but keeps TCP open, or sends what is no TLS any more, is not
+// disconnected in Qt's eyes: the connection would stay until the idle time-out although nothing can
+// come any more.
+void disconnectIfOver(QSslSocket *socket)
+{
+    const QAbstractSocket::SocketError error = socket->error();
+    if (error == QAbstractSocket::RemoteHostClosedError
+        || error == QAbstractSocket::SslInternalError)
+        socket->disconnectFromHost();
+}
+
+// The worker's client connects to the socket after these events have happened in another thread:
+// they are told again, in the worker's thread, once it has.
+void announceAgain(QSslSocket *socket)
+{
+    if (socket->bytesAvailable() > 0)
+        Q_EMIT socket->readyRead();
+    disconnectIfOver(socket);
+    if (socket->state() == QAbstractSocket::UnconnectedState)
+        Q_EMIT socket->disconnected();
+}
+
+} // namespace
+
+SslServer::SslServer(QObject *parent)
+    : QSslServer(parent),
+      guard(this, [this] { return waiting(); })
+{
+    setListenBacklogSize(ListenBacklog);
+}
+
+SslServer::~SslServer()
+{
+    close();
+}
+
+bool SslServer::listen(const QHostAddress &address, quint16 port)
+{
+    const bool listening = QSslServer::listen(address, port);
+    if (listening)
+        guard.watch();
+    return listening;
+}
+
+void SslServer::close()
+{
+    QSslServer::close();
+    const auto handshakes = findChildren<TlsHandshake *>(QString(), Qt::FindDirectChildrenOnly);
+    for (TlsHandshake *handshake : handshakes)
+        handshake->drop();
+
+    std::deque<Socket *> dropped;
+    {
+        const QMutexLocker locker(&mutex);
+        dropped.swap(ready);
+    }
+    for (Socket *socket : dropped) {
+        socket->moveToThread(QThread::currentThread());
+        delete socket;
+    }
+}
+
+bool SslServer::hasPendingConnections() const
+{
+    const QMutexLocker locker(&mutex);
+    return !ready.empty();
+}
+
+QTcpSocket *SslServer::nextPendingConnection()
+{
+    Socket *socket = nullptr;
+    {
+        const QMutexLocker locker(&mutex);
+        if (ready.empty())
+            return nullptr;
+        socket = ready.front();
+        ready.pop_front();
+    }
+    socket->moveToThread(QThread::currentThread());
+    socket->restoreEndpoints();
+    connect(
+            socket, &QAbstractSocket::errorOccurred, socket, [socket] { disconnectIfOver(socket); },
+            Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+            socket, [socket] { announceAgain(socket); }, Qt::QueuedConnection);
+    return socket;
+}
+
+void SslServer::incomingConnection(qintptr descriptor)
+{
+    auto socket = std::make_unique<Socket>(Acceptance::of(descriptor, stamping));
+    socket->setSslConfiguration(sslConfiguration());
+    if (!socket->setSocketDescriptor(descriptor)) {
+        ::close(static_cast<int>(descriptor));
+        return;
+    }
+    auto *handshake = new TlsHandshake(this, std::move(socket));
+    connect(handshake, &TlsHandshake::finished, this, &SslServer::enqueue);
+    connect(handshake, &QObject::destroyed, this, [this] { --openHandshakes; });
+    ++openHandshakes;
+    guard.accepted();
+}
+
+void SslServer::enqueue(Socket *socket)
+{
+    socket->moveToThread(nullptr); // its parent is null already
+    {
+        const QMutexLocker locker(&mutex);
+        ready.push_back(socket);
+    }
+    // The signal is private to Qt's class, but can be invoked by name.
+    QMetaObject::invokeMethod(this, "pendingConnectionAvailable", Qt::DirectConnection);
+}
+
+qsizetype SslServer::waiting() const
+{
+    const QMutexLocker locker(&mutex);
+    return openHandshakes + static_cast<qsizetype>(ready.size());
+}

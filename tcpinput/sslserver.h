@@ -1,0 +1,67 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "tcpinput/acceptedsocket.h"
+#include "tcpinput/acceptguard.h"
+
+#include <QtCore/QMutex>
+#include <QtNetwork/QSslServer>
+#include <QtNetwork/QSslSocket>
+
+#include <deque>
+
+class TlsHandshake;
+
+/*!
+    A TLS server whose connections are taken by other threads.
+
+    Handshakes run here, each in a TlsHandshake of its own; QSslServer's handling of them is not
+    used: thirty failed ones stop it for good, and closing it with one open crashes. A finished
+    socket is detached from this thread and waits without one until another thread takes it.
+
+    Emits the signals of QSslServer as it does: errorOccurred() and sslErrors() while the handshake
+    lasts, pendingConnectionAvailable() when a connection can be taken.
+
+    Thread: its creator's, except hasPendingConnections() and nextPendingConnection(): any.
+    Owner:  the plugin.
+    Locks:  mutex; never held while emitting.
+*/
+class SslServer : public QSslServer
+{
+    Q_OBJECT
+
+public:
+    using Socket = AcceptedSocket<QSslSocket>;
+
+    explicit SslServer(QObject *parent);
+    ~SslServer() override;
+
+    // Whether the offers of connections accepted from now on are stamped. Default: no.
+    void setStamping(bool on) { stamping = on; }
+
+    bool listen(const QHostAddress &address, quint16 port);
+    // Also drops open handshakes and the connections that nobody has taken. Hides
+    // QTcpServer::close(), which is not virtual: call it through this class.
+    void close();
+
+    bool hasPendingConnections() const override;
+    // A socket without parent that lives in the calling thread and belongs to the caller; null if
+    // none is pending. What it received, and its end, are announced once more in that thread.
+    QTcpSocket *nextPendingConnection() override;
+
+    AcceptGuard guard;
+
+protected:
+    void incomingConnection(qintptr descriptor) override;
+
+private:
+    void enqueue(Socket *socket);
+    qsizetype waiting() const;
+
+    bool stamping = false; // this and the next: the server's thread only
+    qsizetype openHandshakes = 0;
+    mutable QMutex mutex;
+    std::deque<Socket *> ready; // guarded by mutex; the sockets live in no thread
+};

@@ -1,0 +1,113 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "plugin/connection.h"
+
+#include <QtCore/QByteArray>
+#include <QtCore/QMutex>
+#include <QtCore/QObject>
+#include <QtCore/QQueue>
+#include <QtCore/QReadWriteLock>
+#include <QtCore/QString>
+#include <QtCore/QTimer>
+
+class QTcpSocket;
+
+/*!
+    One accepted connection: buffers its bytes, offers them to the task, cuts what was consumed.
+
+    Thread: its task's worker thread; discard() and currentId() from any thread.
+    Owner:  the TcpTask2 that made it (QObject parent). It never deletes itself.
+    Locks:  inbufLock, socketMutex; never held together, never while emitting and never while the
+            socket is closed: that emits disconnected() before it returns.
+*/
+class TcpClient2 : public QObject
+{
+    Q_OBJECT
+
+public:
+    // A bare client for the meta-type system: no socket, no id, nothing runs.
+    explicit TcpClient2(QObject *parent = nullptr);
+
+    // connected: not null; becomes a child unless it has a parent. timeoutMs: idle time-out.
+    TcpClient2(QObject *parent, const QString &clientId, QTcpSocket *connected, int timeoutMs);
+
+    // Closes a socket that is still open, without emitting disconnected().
+    ~TcpClient2() override;
+
+    // In the client's thread only; see currentId().
+    QString &getId() { return id; }
+
+    // A copy of the id, from any thread.
+    QString currentId() const;
+
+    // Cuts len bytes later, in the client's thread, even when called from there. len <= 0 cuts
+    // nothing, a len beyond the buffer empties it.
+    void discard(int len);
+
+    // Stamps this connection's offers with their positions; connectionNumber is not 0. Once, before
+    // the first offer and before another thread sees the client.
+    void stampOffers(quint64 connectionNumber) { number = connectionNumber; }
+
+    // 0 if offers are not stamped. From any thread.
+    quint64 connectionNumber() const { return number; }
+
+    // Cuts up to the position, counted from the connection's first byte, later, in the client's
+    // thread. A position at or before the front cuts nothing and causes no offer; one beyond the
+    // received bytes empties the buffer.
+    void discardTo(quint64 position);
+
+    // The position of the oldest offer whose position has not been taken: how many of the
+    // connection's bytes lie before the first byte of its buffer. One per readyRead(), in order, if
+    // offers are stamped.
+    quint64 takeOfferPosition();
+
+    // Offers the whole unconsumed buffer and restarts the idle time-out.
+    void emitData();
+
+Q_SIGNALS:
+    // The connection is gone; comes once, after the last offer.
+    void disconnected(QString id);
+
+    // An offer: c carries a copy of the whole buffer and both endpoints, nothing else.
+    void readyRead(Connection c, QString id);
+
+    void cut(int len);
+
+    // The id that the first read found differs from the one given at construction.
+    void idChanged(const QString &oid, const QString &id);
+
+public Q_SLOTS:
+    // Offers what is left, closes the socket and reports the end. A second call does nothing.
+    void mdisconnected();
+    void mreadyRead();
+    void cutInbuf(int len);
+
+private Q_SLOTS:
+    void timeout();
+    void checkData();
+
+private:
+    void cutTo(quint64 position);
+    void cutFront(qsizetype len);
+    bool appendAvailable();
+    void deriveId();
+    bool isOfferDue(qint64 now, qint64 intervalMs) const;
+
+    mutable QReadWriteLock inbufLock;
+    mutable QMutex socketMutex;
+    QTcpSocket *socket = nullptr; // guarded by socketMutex; written in the client's thread only
+    QString id; // as socket; written once more, at the first read
+    QTimer idleTimer; // this and all below: the client's thread only, but for inbuf
+    QTimer checkTimer;
+    QByteArray inbuf; // guarded by inbufLock
+    qint64 lastEmit = 0; // ms since the epoch
+    qint64 bytesReceived = 0;
+    qint64 msgsReceived = 0; // reads, not messages of the data stream
+    bool idBuilt = false;
+    quint64 number = 0; // set once, see stampOffers()
+    quint64 bytesCut = 0; // client's thread
+    QQueue<quint64> positions; // of the offers on their way to the task; client's thread
+};

@@ -1,0 +1,128 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "plugin/connection.h"
+#include "plugin/iinputplugin.h"
+#include "tcpinput/sslserver.h"
+#include "tcpinput/tcpserver.h"
+
+#include <QtCore/QList>
+#include <QtCore/QMap>
+#include <QtCore/QPointer>
+#include <QtCore/QReadWriteLock>
+#include <QtCore/QTimer>
+#include <QtNetwork/QSslError>
+#include <QtNetwork/QSslSocket>
+
+class QThread;
+class TcpTask2;
+
+/*!
+    Listens for devices over TCP or TLS, deals their connections in strict rotation over worker
+    threads, and relays records to the host and the host's discards to the workers.
+
+    Configuration keys (exact names; unknown ones are ignored), read at every start():
+    "port" (1 to 65534, default 7446), "ipAddr" (default any IPv4), "interface" (its last IPv4
+    address), "offsets" (true: offers carry their position; default false), "timeout" (seconds > 0,
+   default 60), "threadpoolSize" (> 0, default 4), "ssl" (object: TLS, see ssl::readSslConfig). Bad
+   values are ignored.
+
+    Thread: its creator's; discard() from any thread.
+    Owner:  the host, or the QObject parent.
+    Locks:  tasksLock; never held while logging or emitting.
+*/
+class TcpInputPlugin2 : public IInputPlugin
+{
+    Q_OBJECT
+
+public:
+    explicit TcpInputPlugin2(QObject *parent);
+    TcpInputPlugin2(QObject *parent, const QJsonObject &initial);
+
+    // Waits for every worker thread that was ever made and hands their last records to the host.
+    ~TcpInputPlugin2() override;
+
+    // Only logs: a stream has nothing to drop.
+    void drop(int len) override;
+
+    bool event(QEvent *event) override;
+
+    // The worker thread for number n, made on first use, not started; n <= 0 stands for the
+    // thread whose turn it is. Null without descriptors.
+    QThread *getThread(int n);
+
+    // The task whose turn it is, made on first use with its thread; null without a thread.
+    TcpTask2 *getTask();
+
+Q_SIGNALS:
+    void newConnection(Connection conn); // never emitted
+    void stopSignal();
+    void logSize(QString);
+
+public Q_SLOTS:
+    // Nothing: a changed configuration takes effect at the next start().
+    void onConfigChanged() override;
+
+    // False if TLS is asked for and cannot be set up. A port in use is no failure: getStatus()
+    // then shows port 0.
+    bool start() override;
+
+    // Closes the server and retires all workers without waiting for them; they make their last
+    // offers meanwhile. Returns after about 10 ms, always true.
+    bool stop() override;
+
+    QString getStatus() override;
+
+    void discard(int length, const QMap<QString, QString> &subid) override;
+
+    void slotReceivedData(shared_parsedData data);
+    QStringList onQuery(QString q);
+    void socketError(QSslSocket *socket, QAbstractSocket::SocketError);
+    void threadFinished();
+
+    // Hands one pending connection to the task whose turn it is.
+    void handleConnection();
+
+    void showThreads();
+    void sslErrors(QSslSocket *, const QList<QSslError> &errors);
+    void hshakeError(QSslSocket *, const QSslError &error);
+
+private:
+    struct ListenAddress
+    {
+        QHostAddress address;
+        quint16 port;
+    };
+
+    void initialise();
+    QTcpServer &activeServer();
+    AcceptGuard &activeGuard();
+    bool readConfig(ListenAddress &listen);
+    bool readSsl(const QJsonObject &object);
+    void listenTcp(const ListenAddress &listen);
+    void listenTls(const ListenAddress &listen);
+    bool handOver();
+    bool startThread(int number);
+    void retryUntaken();
+    void forgetUntaken();
+    void retireTasks();
+
+    // All of this belongs to the plugin's thread, except that discard() reads tasks.
+    TcpServer tcpServer;
+    SslServer sslServer;
+    bool useSsl = false;
+    int timeoutMs = 60000;
+    Connection connTemplate;
+    QTimer statusTimer;
+    int poolSize = 4;
+    int taskIndex = 0;
+    QMap<int, TcpTask2 *> tasks; // written under tasksLock
+    QMap<int, QThread *> threads;
+    QReadWriteLock tasksLock;
+    QList<QPointer<QThread>> retired; // by stop(), not deleted yet
+    QTimer retryTimer;
+    int untaken = 0; // connections that no task could be had for
+    bool destroying = false; // the host's events that are processed meanwhile start nothing new
+};

@@ -1,0 +1,60 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "tcpinput/acceptedsocket.h"
+#include "tcpinput/acceptguard.h"
+
+#include <QtCore/QMutex>
+#include <QtNetwork/QTcpServer>
+
+#include <deque>
+
+/*!
+    A TCP server whose connections are taken by other threads.
+
+    An accepted connection waits as a bare descriptor. Its socket is made by the thread that takes
+    it, so no socket and no notifier is ever shared between threads.
+
+    Thread: its creator's, except hasPendingConnections() and nextPendingConnection(): any.
+    Owner:  the plugin.
+    Locks:  mutex; never held while emitting.
+*/
+class TcpServer : public QTcpServer
+{
+    Q_OBJECT
+
+public:
+    explicit TcpServer(QObject *parent);
+    ~TcpServer() override;
+
+    // Whether the offers of connections accepted from now on are stamped. Default: no.
+    void setStamping(bool on) { stamping = on; }
+
+    bool listen(const QHostAddress &address, quint16 port);
+    // Also drops the connections that nobody has taken. Hides QTcpServer::close(), which is not
+    // virtual: call it through this class.
+    void close();
+
+    bool hasPendingConnections() const override;
+    // A socket without parent that lives in the calling thread and belongs to the caller; null if
+    // none is pending. Bytes and the end of the connection wait in the kernel until then.
+    QTcpSocket *nextPendingConnection() override;
+
+    AcceptGuard guard;
+
+protected:
+    void incomingConnection(qintptr descriptor) override;
+
+private:
+    struct Pending
+    {
+        qintptr descriptor;
+        Acceptance acceptance;
+    };
+
+    bool stamping = false; // the server's thread only
+    mutable QMutex mutex;
+    std::deque<Pending> pending; // guarded by mutex
+};

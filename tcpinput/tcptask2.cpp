@@ -1,0 +1,299 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "tcpinput/tcptask2.h"
+
+#include "plugin/cwrn.h"
+#include "tcpinput/acceptedsocket.h"
+#include "tcpinput/clientid.h"
+#include "tcpinput/tcpclient2.h"
+#include "tcpinput/threadid.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QEvent>
+#include <QtCore/QEventLoop>
+#include <QtCore/QThread>
+#include <QtNetwork/QSslServer>
+#include <QtNetwork/QTcpSocket>
+
+#include <algorithm>
+#include <limits>
+#include <optional>
+#include <utility>
+
+namespace {
+
+constexpr int StopProcessingMs = 10;
+
+QString clientKey()
+{
+    return QStringLiteral("client");
+}
+
+QString offsetKey()
+{
+    return QStringLiteral("offset");
+}
+
+QString connectionKey()
+{
+    return QStringLiteral("connection");
+}
+
+// Digits alone: QString's own reading also takes signs and blanks.
+std::optional<quint64> positionFrom(const QString &text)
+{
+    const auto isDigit = [](QChar c) { return c >= QLatin1Char('0') && c <= QLatin1Char('9'); };
+    bool ok = std::all_of(text.begin(), text.end(), isDigit);
+    const quint64 value = ok ? text.toULongLong(&ok) : 0;
+    return ok ? std::optional(value) : std::nullopt;
+}
+
+// offset + length within the numbers that there are.
+quint64 advance(quint64 offset, int length)
+{
+    const auto distance = static_cast<quint64>(std::abs(static_cast<qint64>(length)));
+    if (length < 0)
+        return offset - std::min(offset, distance);
+    return offset + std::min(distance, std::numeric_limits<quint64>::max() - offset);
+}
+
+quint64 connectionNumber(const QTcpSocket *socket)
+{
+    const auto *accepted = dynamic_cast<const AcceptedConnection *>(socket);
+    return accepted ? accepted->acceptance.number : 0;
+}
+
+QTcpSocket *takeSocket(const Connection &conn)
+{
+    QTcpServer *server = conn.getSsl() ? conn.getSslServer() : conn.getTcpServer();
+    return server->nextPendingConnection();
+}
+
+} // namespace
+
+TcpTask2::TcpTask2(QObject *parent) : QObject(parent) {}
+
+TcpTask2::~TcpTask2()
+{
+    dying = true;
+    deletePending = false; // the events sent below must not delete it once more
+    const auto children = findChildren<TcpClient2 *>(QString(), Qt::FindDirectChildrenOnly);
+    for (TcpClient2 *client : children)
+        client->mdisconnected();
+    // The offers travel to this task as queued calls, which would die with it. Without clients
+    // there are none, and the task may belong to a thread that could not be started.
+    if (!children.isEmpty())
+        QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
+}
+
+void TcpTask2::discard(int length, const QMap<QString, QString> &subid)
+{
+    logDiscard(tryDiscard(length, subid), subid);
+}
+
+TcpTask2::DiscardResult TcpTask2::tryDiscard(int length, const QMap<QString, QString> &subid) const
+{
+    const auto id = subid.constFind(clientKey());
+    if (id == subid.constEnd())
+        return DiscardResult::NoClientKey;
+    const QReadLocker locker(&clientsLock);
+    TcpClient2 *client = clients.value(*id);
+    if (!client)
+        return DiscardResult::NoSuchClient;
+    // Calls across threads, and a signal under the lock: only so is the client still there. They
+    // do no more than post the cut to the client's thread.
+    if (client->connectionNumber() != 0 && subid.contains(offsetKey()))
+        return discardTo(client, length, subid);
+    client->discard(length);
+    return DiscardResult::Posted;
+}
+
+TcpTask2::DiscardResult TcpTask2::discardTo(TcpClient2 *client, int length,
+                                            const QMap<QString, QString> &subid)
+{
+    const auto offset = positionFrom(subid.value(offsetKey()));
+    const auto number =
+            positionFrom(subid.value(connectionKey(), QString::number(client->connectionNumber())));
+    if (!offset || !number)
+        return DiscardResult::InvalidPosition;
+    if (*number == client->connectionNumber())
+        client->discardTo(advance(*offset, length));
+    return DiscardResult::Posted;
+}
+
+void TcpTask2::logDiscard(DiscardResult result, const QMap<QString, QString> &subid)
+{
+    if (result == DiscardResult::NoClientKey)
+        CWRN(QtDebugMsg, QStringLiteral("TcpTask2: subid[client] not set"));
+    if (result == DiscardResult::NoSuchClient)
+        CWRN(QtDebugMsg, QStringLiteral("TcpTask2: discard for non-existing client %1"),
+             subid.value(clientKey()));
+    if (result == DiscardResult::InvalidPosition) {
+        const QString offset = subid.value(offsetKey());
+        CWRN(QtDebugMsg, QStringLiteral("TcpTask2: discard with invalid position %1"),
+             positionFrom(offset) ? subid.value(connectionKey()) : offset);
+    }
+}
+
+bool TcpTask2::event(QEvent *event)
+{
+    if (event->type() == QEvent::DeferredDelete) {
+        if (stopsOnStack == 0)
+            return QObject::event(event); // deletes this
+        // stop() processes events: the plugin's deleteLater() can come in there.
+        deletePending = true;
+        return true;
+    }
+    const bool handled = QObject::event(event);
+    if (deletePending && stopsOnStack == 0)
+        delete this; // now that stop() has returned; a second deleteLater() would be ignored
+    return handled;
+}
+
+void TcpTask2::logSize(const QString &id)
+{
+    CWRN(QtDebugMsg, QStringLiteral("  TcpTask2: id = %1, #clients = %2, id = %3"), id,
+         static_cast<qint64>(clients.size()), currentThreadNumber());
+}
+
+void TcpTask2::addConnection(Connection conn)
+{
+    CWRN(QtDebugMsg,
+         conn.getSsl() ? QStringLiteral("TcpTask2: Handling SSL connection, %1")
+                       : QStringLiteral("TcpTask2: Handling TCP connection, %1"),
+         currentThreadNumber());
+
+    QTcpSocket *socket = takeSocket(conn);
+    if (!socket) {
+        CWRN(QtWarningMsg, QStringLiteral("TcpTask2: Creating receiving socket failed"));
+        return;
+    }
+    conn.setSocket(socket);
+    conn.setSenderHost(socket->peerAddress());
+    conn.setSenderPort(socket->peerPort());
+    const QString id = clientId(conn.getLocalAddress().toString(), conn.getLocalPort(),
+                                conn.getSenderHost().toString(), conn.getSenderPort());
+    CWRN(QtDebugMsg, QStringLiteral("TcpTask2: new connection %1"), id);
+
+    auto *client = new TcpClient2(this, id, socket, conn.getTimeout());
+    if (const quint64 number = connectionNumber(socket))
+        client->stampOffers(number);
+    connectClient(client);
+    {
+        const QWriteLocker locker(&clientsLock);
+        // Deliberate: a client that held the id before stays as it is, but cannot be reached.
+        clients.insert(id, client);
+    }
+    CWRN(QtDebugMsg, QStringLiteral("TcpTask2 (%1): new client added, size = %2"), num,
+         static_cast<qint64>(clients.size()));
+}
+
+// Queued although in one thread: a client is never deleted from inside its own signal.
+void TcpTask2::connectClient(TcpClient2 *client)
+{
+    connect(client, &TcpClient2::disconnected, this, &TcpTask2::disconnected, Qt::QueuedConnection);
+    if (client->connectionNumber() == 0)
+        connect(client, &TcpClient2::readyRead, this, &TcpTask2::readyRead, Qt::QueuedConnection);
+    else // the client lives until its offers are handled: its deletion is posted after them
+        connect(
+                client, &TcpClient2::readyRead, this,
+                [this, client](const Connection &c, const QString &id) {
+                    deliverStamped(c, id, client);
+                },
+                Qt::QueuedConnection);
+    connect(client, &TcpClient2::idChanged, this, &TcpTask2::idChanged, Qt::QueuedConnection);
+    connect(this, &TcpTask2::stopTimer, client, &TcpClient2::mdisconnected, Qt::QueuedConnection);
+}
+
+void TcpTask2::disconnected(const QString &id)
+{
+    TcpClient2 *client = clients.value(id);
+    if (!client)
+        return;
+    // When two clients shared the id, this one may be alive: it makes its last offer first. The
+    // rest of its end is no news, and by the time it came a third client could have the id.
+    disconnect(client, &TcpClient2::disconnected, this, &TcpTask2::disconnected);
+    disconnect(client, &TcpClient2::idChanged, this, &TcpTask2::idChanged);
+    client->mdisconnected();
+    disconnect(client, &TcpClient2::readyRead, this, nullptr);
+
+    const QWriteLocker locker(&clientsLock);
+    client->deleteLater();
+    clients.remove(id);
+}
+
+void TcpTask2::readyRead(Connection c, const QString &id)
+{
+    Q_EMIT receivedData(makeRecord(c, id));
+}
+
+void TcpTask2::deliverStamped(const Connection &c, const QString &id, TcpClient2 *client)
+{
+    const shared_parsedData record = makeRecord(c, id);
+    record->addPluginSubId(offsetKey(), QString::number(client->takeOfferPosition()));
+    record->addPluginSubId(connectionKey(), QString::number(client->connectionNumber()));
+    Q_EMIT receivedData(record);
+}
+
+shared_parsedData TcpTask2::makeRecord(const Connection &c, const QString &id) const
+{
+    const QString peer = c.getSenderHost().toString();
+    shared_parsedData record(new ParsedData);
+    record->setPeerAddress(peer);
+    record->setPeerPort(c.getSenderPort());
+    record->setOriginalMessage(c.getData());
+    record->setSource(
+            QLatin1String("TCP:")
+            + clientId(c.getLocalAddress().toString(), c.getLocalPort(), peer, c.getSenderPort()));
+    record->addPluginSubId(clientKey(), id);
+    record->addPluginSubId(QStringLiteral("task"), QString::number(num));
+    return record;
+}
+
+void TcpTask2::stop()
+{
+    Q_EMIT stopTimer();
+    // Called directly from the plugin's destructor, this is the plugin's thread: the task's own
+    // state is left alone then, and the events are those of the calling thread.
+    const bool ownThread = QThread::currentThread() == thread();
+    if (!(ownThread && dying)) {
+        stopsOnStack += ownThread ? 1 : 0;
+        QEventLoop().processEvents(QEventLoop::AllEvents, StopProcessingMs);
+        stopsOnStack -= ownThread ? 1 : 0;
+    }
+    running = false;
+}
+
+QString TcpTask2::getInfo(const QString &prefix)
+{
+    QStringList ids;
+    {
+        const QReadLocker locker(&clientsLock);
+        for (const TcpClient2 *client : std::as_const(clients))
+            ids.append(client->currentId());
+    }
+
+    QString result;
+    for (const QString &id : std::as_const(ids)) {
+        const QStringList answer = query(QLatin1String("lookup TCP:") + id);
+        result += prefix + id + QLatin1String("\r\n");
+        if (answer.isEmpty())
+            result += QStringLiteral("      (empty %1)\r\n").arg(answer.size());
+        else
+            result += QLatin1String("      ") + answer.first() + QLatin1String("\r\n");
+    }
+    return result;
+}
+
+void TcpTask2::idChanged(const QString &oid, const QString &id)
+{
+    const QWriteLocker locker(&clientsLock);
+    TcpClient2 *client = clients.value(oid);
+    if (!client)
+        return;
+    // Deliberate order, insert first: a change from an id to itself takes the client out of the
+    // registry, and discards for it are then reported as for a client that does not exist.
+    clients.insert(id, client);
+    clients.remove(oid);
+}

@@ -1,0 +1,92 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "plugin/connection.h"
+#include "plugin/parseddata.h"
+
+#include <QtCore/QMap>
+#include <QtCore/QObject>
+#include <QtCore/QReadWriteLock>
+#include <QtCore/QString>
+
+#include <atomic>
+
+class TcpClient2;
+
+/*!
+    All connections of one worker thread: adopts them, keeps the registry of their clients, turns
+    each offer into a record and routes the host's discards.
+
+    Thread: its worker thread. From any thread: discard() and tryDiscard(); from the plugin's
+            thread: getInfo() and stop().
+    Owner:  the plugin, which retires it with deleteLater(). It dies in its own thread.
+    Locks:  clientsLock; never held while logging or emitting to a receiver in the same thread.
+*/
+class TcpTask2 : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit TcpTask2(QObject *parent);
+
+    // Every client makes its last offer, and all offers made so far are passed on.
+    ~TcpTask2() override;
+
+    // The task's number, once, before the task is moved into its thread.
+    void setNum(int n) { num = n; }
+
+    enum class DiscardResult { Posted, NoClientKey, NoSuchClient, InvalidPosition };
+
+    // Hands length to the client that subid names by "client"; logs if there is none. For a client
+    // whose offers are stamped, a subid with "offset" means the bytes up to offset + length, and
+    // none if its "connection" is another one than the client's.
+    void discard(int length, const QMap<QString, QString> &subid);
+
+    // The two halves of discard(), for a caller that holds a lock during the first.
+    DiscardResult tryDiscard(int length, const QMap<QString, QString> &subid) const;
+    static void logDiscard(DiscardResult result, const QMap<QString, QString> &subid);
+
+    bool event(QEvent *event) override;
+
+Q_SIGNALS:
+    void receivedData(shared_parsedData data);
+    QStringList query(QString q);
+    void stopTimer();
+
+public Q_SLOTS:
+    // id: the plugin's.
+    void logSize(const QString &id);
+
+    // Takes one pending connection from the server named in the record.
+    void addConnection(Connection conn);
+
+    void disconnected(const QString &id);
+    void readyRead(Connection c, const QString &id);
+
+    // Winds all clients down; processes the calling thread's events for at most 10 ms.
+    void stop();
+
+    // Two lines a client, each behind the prefix; asks query() for a name of each.
+    QString getInfo(const QString &prefix = QString());
+
+private Q_SLOTS:
+    void idChanged(const QString &oid, const QString &id);
+
+private:
+    static DiscardResult discardTo(TcpClient2 *client, int length,
+                                   const QMap<QString, QString> &subid);
+    shared_parsedData makeRecord(const Connection &c, const QString &id) const;
+    void deliverStamped(const Connection &c, const QString &id, TcpClient2 *client);
+    void connectClient(TcpClient2 *client);
+
+    // By client id. Guarded by clientsLock; written in the task's thread only.
+    QMap<QString, TcpClient2 *> clients;
+    std::atomic<bool> running = true; // until the first stop()
+    mutable QReadWriteLock clientsLock;
+    int num = 0; // set once, before the task is moved
+    int stopsOnStack = 0; // this and below: the task's thread only
+    bool deletePending = false; // deletion was asked for while a stop() was on the stack
+    bool dying = false;
+};

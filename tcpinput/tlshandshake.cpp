@@ -1,0 +1,120 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "tcpinput/tlshandshake.h"
+
+namespace {
+
+constexpr char HandshakeRecord = 0x16; // first byte of a ClientHello's record, RFC 8446, 5.1
+
+} // namespace
+
+TlsHandshake::TlsHandshake(SslServer *owner, std::unique_ptr<SslServer::Socket> accepted)
+    : QObject(owner),
+      server(owner),
+      socket(std::move(accepted))
+{
+    forwardSignals();
+    connect(socket.get(), &QIODevice::readyRead, this, &TlsHandshake::checkHello);
+    connect(socket.get(), &QAbstractSocket::errorOccurred, this, &TlsHandshake::fail);
+    connect(socket.get(), &QSslSocket::encrypted, this, &TlsHandshake::encrypted);
+    connect(&timer, &QTimer::timeout, this, &TlsHandshake::timedOut);
+    timer.setSingleShot(true);
+    timer.start(server->handshakeTimeout());
+}
+
+TlsHandshake::~TlsHandshake()
+{
+    if (state == Open)
+        ignoreSocket();
+}
+
+void TlsHandshake::drop()
+{
+    if (!socket)
+        return;
+    state = Over;
+    ignoreSocket();
+    socket->abort();
+    deleteLater(); // with the socket, which may be emitting just now
+}
+
+void TlsHandshake::forwardSignals()
+{
+    QSslSocket *from = socket.get();
+    connect(from, &QSslSocket::peerVerifyError, server,
+            [this, from](const QSslError &error) { Q_EMIT server->peerVerifyError(from, error); });
+    connect(from, &QSslSocket::sslErrors, server, [this, from](const QList<QSslError> &errors) {
+        Q_EMIT server->sslErrors(from, errors);
+    });
+    connect(from, &QSslSocket::handshakeInterruptedOnError, server,
+            [this, from](const QSslError &error) {
+                Q_EMIT server->handshakeInterruptedOnError(from, error);
+            });
+    connect(from, &QSslSocket::alertSent, server,
+            [this, from](QSsl::AlertLevel level, QSsl::AlertType type, const QString &text) {
+                Q_EMIT server->alertSent(from, level, type, text);
+            });
+    connect(from, &QSslSocket::alertReceived, server,
+            [this, from](QSsl::AlertLevel level, QSsl::AlertType type, const QString &text) {
+                Q_EMIT server->alertReceived(from, level, type, text);
+            });
+    connect(from, &QSslSocket::preSharedKeyAuthenticationRequired, server,
+            [this, from](QSslPreSharedKeyAuthenticator *authenticator) {
+                Q_EMIT server->preSharedKeyAuthenticationRequired(from, authenticator);
+            });
+}
+
+// A peer that does not speak TLS is dropped without a word, before OpenSSL sees it.
+void TlsHandshake::checkHello()
+{
+    char first = 0;
+    if (socket->peek(&first, 1) != 1)
+        return;
+    disconnect(socket.get(), &QIODevice::readyRead, this, &TlsHandshake::checkHello);
+    if (first != HandshakeRecord) {
+        drop();
+        return;
+    }
+    timer.start(); // progress was made
+    socket->startServerEncryption();
+    Q_EMIT server->startedEncryptionHandshake(socket.get());
+}
+
+void TlsHandshake::fail(QAbstractSocket::SocketError error)
+{
+    Q_EMIT server->errorOccurred(socket.get(), error);
+    state = Over;
+    ignoreSocket();
+    deleteLater(); // not drop(): an alert for the peer may be on its way
+}
+
+void TlsHandshake::timedOut()
+{
+    fail(QAbstractSocket::SocketTimeoutError);
+}
+
+void TlsHandshake::encrypted()
+{
+    state = Encrypted;
+    ignoreSocket(); // from now on its errors are the connection's, not the handshake's
+    // The signal comes from inside the socket's receiving, which goes on afterwards: the socket
+    // must not change its thread before that is over.
+    QMetaObject::invokeMethod(this, &TlsHandshake::handOver, Qt::QueuedConnection);
+}
+
+void TlsHandshake::handOver()
+{
+    if (state != Encrypted)
+        return; // dropped meanwhile
+    SslServer::Socket *finishedSocket = socket.release();
+    deleteLater();
+    Q_EMIT finished(finishedSocket);
+}
+
+void TlsHandshake::ignoreSocket()
+{
+    timer.stop();
+    socket->disconnect(this);
+    socket->disconnect(server);
+}

@@ -1,0 +1,48 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "tcpinput/sslserver.h"
+
+#include <QtCore/QTimer>
+
+#include <memory>
+
+/*!
+    One handshake of a TLS server, from acceptance to the finished or failed socket.
+
+    Thread: the server's.
+    Owner:  the server (QObject parent); deletes itself at the end.
+*/
+class TlsHandshake : public QObject
+{
+    Q_OBJECT
+
+public:
+    // accepted: not null, with descriptor and configuration set.
+    TlsHandshake(SslServer *owner, std::unique_ptr<SslServer::Socket> accepted);
+    ~TlsHandshake() override;
+
+    // Ends it at once, without a signal; also from inside one of its own.
+    void drop();
+
+Q_SIGNALS:
+    // Comes in a later pass of the event loop than the end of the handshake, never from inside
+    // the socket. The receiver owns the socket.
+    void finished(SslServer::Socket *socket);
+
+private:
+    void forwardSignals();
+    void checkHello();
+    void fail(QAbstractSocket::SocketError error);
+    void timedOut();
+    void encrypted();
+    void handOver();
+    void ignoreSocket();
+
+    SslServer *const server;
+    std::unique_ptr<SslServer::Socket> socket;
+    QTimer timer;
+    enum { Open, Encrypted, Over } state = Open;
+};

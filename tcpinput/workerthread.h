@@ -1,0 +1,39 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include <QtCore/QPointer>
+#include <QtCore/QThread>
+
+#include <memory>
+
+class QAbstractEventDispatcher;
+
+/*!
+    A thread with an event loop of our own, that can be destroyed at any time.
+
+    Thread: its creator's.
+    Owner:  the plugin.
+*/
+class WorkerThread : public QThread
+{
+    Q_OBJECT
+
+public:
+    // Null if the process has no descriptors left for an event loop. Qt would start such a thread
+    // all the same and abort the process.
+    static std::unique_ptr<WorkerThread> make();
+
+    // Whether make() would succeed now.
+    static bool isAvailable();
+
+    // Quits the event loop and waits: for the event in hand, and for the task that dies with the
+    // loop. ~QThread would abort the process while the thread still runs.
+    ~WorkerThread() override;
+
+private:
+    explicit WorkerThread(std::unique_ptr<QAbstractEventDispatcher> loop);
+
+    QPointer<QAbstractEventDispatcher> dispatcher; // deleted by the thread itself, if it ever ran
+};

@@ -1,0 +1,37 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include <QtCore/QSet>
+#include <QtCore/QString>
+#include <QtCore/QStringView>
+
+/*!
+    What the program has seen so far, over all its plugin objects.
+
+    Thread: any one.
+*/
+class Counters
+{
+public:
+    // Remembers a number of 8 bytes a connection, not its id. Exact for the first million ids; then
+    // it starts afresh, and an id that comes again counts again.
+    void addConnection(QStringView clientId);
+    qint64 connections() const { return earlierIds + seenIds.size(); }
+
+    // "messages N bytes B connections C": bytes are those of the messages, without framing.
+    QString line() const;
+    // The same, and what else an operator wants to know.
+    QString longLine() const;
+
+    qint64 messages = 0; // complete ones
+    qint64 bytes = 0; // in them
+    qint64 partial = 0; // beginnings of messages that were given up
+    qint64 tooLong = 0; // messages that were skipped
+    qint64 offers = 0;
+
+private:
+    QSet<size_t> seenIds;
+    qint64 earlierIds = 0;
+};

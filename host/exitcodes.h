@@ -1,0 +1,15 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+//! What the program tells its caller; listed in its --help text.
+enum ExitCode {
+    ExitOk = 0,
+    ExitBadArguments = 2,
+    ExitNoLibrary = 3, // missing, not loadable, or without its entry points
+    ExitBadConfiguration = 4, // unreadable, not JSON, or not an object
+    ExitStartFailed = 5, // start() was false
+    ExitNotListening = 6, // start() was true, but nothing listens: the port is in use
+    ExitOutputFailed = 7, // standard output is closed or full
+};

@@ -1,0 +1,119 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "host/framing.h"
+
+#include <QtCore/QtEndian>
+
+#include <algorithm>
+
+namespace {
+
+constexpr qsizetype LengthPrefixBytes = 4;
+
+Frame skipLine(QByteArrayView buffer, FrameState &state)
+{
+    if (buffer.isEmpty())
+        return {};
+
+    const qsizetype end = buffer.indexOf('\n');
+    if (end < 0)
+        return {Frame::Skipped, buffer.size(), {}};
+
+    state.skippingLine = false;
+    return {Frame::Skipped, end + 1, {}};
+}
+
+// A line without its end. It may be one byte too long only if that byte is the CR of its end.
+bool isHopeless(QByteArrayView buffer, const FrameFormat &format)
+{
+    return buffer.size() > format.maxMessage
+            && (buffer.size() > format.maxMessage + 1 || buffer.back() != '\r');
+}
+
+Frame takeUnfinishedLine(QByteArrayView buffer, const FrameFormat &format, FrameState &state)
+{
+    if (isHopeless(buffer, format)) {
+        state = {};
+        state.skippingLine = true;
+        return {Frame::TooLong, buffer.size(), {}};
+    }
+    state.searched = buffer.size();
+    return {};
+}
+
+Frame takeLine(QByteArrayView buffer, const FrameFormat &format, FrameState &state)
+{
+    if (state.skippingLine)
+        return skipLine(buffer, state);
+
+    const qsizetype end = buffer.indexOf('\n', state.searched);
+    if (end < 0)
+        return takeUnfinishedLine(buffer, format, state);
+
+    state.searched = 0;
+    QByteArrayView line = buffer.first(end);
+    if (line.endsWith('\r'))
+        line.chop(1);
+    if (line.size() > format.maxMessage)
+        return {Frame::TooLong, end + 1, {}};
+    return {Frame::Complete, end + 1, line};
+}
+
+Frame skipBytes(QByteArrayView buffer, FrameState &state, Frame::Kind kind)
+{
+    const auto size = static_cast<qsizetype>(std::min<qint64>(state.skipBytes, buffer.size()));
+    if (size == 0)
+        return {};
+
+    state.skipBytes -= size;
+    return {kind, size, {}};
+}
+
+Frame takeCounted(QByteArrayView buffer, const FrameFormat &format, FrameState &state)
+{
+    if (state.skipBytes > 0)
+        return skipBytes(buffer, state, Frame::Skipped);
+    if (buffer.size() < LengthPrefixBytes)
+        return {};
+
+    const qint64 length = qFromBigEndian<quint32>(buffer.data());
+    if (length > format.maxMessage) {
+        state.skipBytes = LengthPrefixBytes + length;
+        return skipBytes(buffer, state, Frame::TooLong);
+    }
+    if (buffer.size() - LengthPrefixBytes < length)
+        return {};
+
+    const auto size = static_cast<qsizetype>(length);
+    return {Frame::Complete, LengthPrefixBytes + size, buffer.sliced(LengthPrefixBytes, size)};
+}
+
+Frame takeAll(QByteArrayView buffer)
+{
+    if (buffer.isEmpty())
+        return {};
+    return {Frame::Complete, buffer.size(), buffer};
+}
+
+} // namespace
+
+Frame takeFrame(QByteArrayView buffer, const FrameFormat &format, FrameState &state)
+{
+    switch (format.framing) {
+    case Framing::Lines:
+        return takeLine(buffer, format, state);
+    case Framing::Length:
+        return takeCounted(buffer, format, state);
+    case Framing::None:
+        break;
+    }
+    return takeAll(buffer);
+}
+
+QByteArrayView partialMessage(QByteArrayView rest, const FrameFormat &format)
+{
+    if (format.framing != Framing::Length)
+        return rest;
+    return rest.sliced(std::min(rest.size(), LengthPrefixBytes));
+}

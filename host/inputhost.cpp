@@ -1,0 +1,184 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "host/inputhost.h"
+
+#include "host/listenstatus.h"
+#include "host/logging.h"
+#include "host/signalnotifier.h"
+#include "plugin/cwrn.h"
+#include "plugin/iinputplugin.h"
+
+#include <QtCore/QCoreApplication>
+
+#include <chrono>
+
+#include <unistd.h>
+
+namespace {
+
+// With positions in its offers, every message is printed exactly once, whatever the timing.
+QJsonObject withOffsets(QJsonObject configuration)
+{
+    const QString key = QStringLiteral("offsets");
+    if (!configuration.contains(key))
+        configuration.insert(key, true);
+    return configuration;
+}
+
+} // namespace
+
+InputHost::InputHost(const Options &commandLine)
+    : options(commandLine),
+      configurationReader(commandLine),
+      output(commandLine.output, commandLine.format.framing, STDOUT_FILENO),
+      reader(commandLine.format, output, counters)
+{
+    reader.setMessageLimit(options.exitAfter);
+    connect(&reader, &MessageReader::finished, this, [] { QCoreApplication::quit(); });
+    connect(&output, &Output::failed, this, &InputHost::handleOutputFailure);
+    connect(&statusTimer, &QTimer::timeout, this, &InputHost::reportStatus);
+}
+
+InputHost::~InputHost() = default;
+
+int InputHost::run()
+{
+    if (!loader.load(options.pluginFile, options.entryPoint))
+        return fail(ExitNoLibrary, loader.errorString());
+    if (!configurationReader.read())
+        return fail(ExitBadConfiguration, configurationReader.errorString());
+
+    SignalNotifier unixSignals; // only now: reading the configuration may be interrupted
+    connectSignals(unixSignals);
+    if (const ExitCode code = startPlugin(configurationReader.configuration()))
+        return code;
+    if (options.statusEverySeconds > 0)
+        statusTimer.start(std::chrono::seconds(options.statusEverySeconds));
+
+    QCoreApplication::exec();
+    finish();
+    return outcome;
+}
+
+// The calling order that the plugin wants: make it, name it, connect it, start it. Leaves no plugin
+// behind if it fails.
+ExitCode InputHost::startPlugin(const QJsonObject &configuration)
+{
+    plugin = loader.create(withOffsets(configuration));
+    plugin->pluginId = options.id;
+    connectPlugin();
+    if (!plugin->start()) {
+        stopPlugin();
+        return fail(ExitStartFailed, QStringLiteral("The plugin refused to start"));
+    }
+
+    const ListenStatus status = ListenStatus::parse(plugin->getStatus());
+    if (!status.isListening()) {
+        stopPlugin();
+        return fail(ExitNotListening,
+                    QStringLiteral("The plugin does not listen: is the port in use?"));
+    }
+    runningConfiguration = configuration;
+    reader.setIdleTimeout(status.timeoutSeconds);
+    CWRN(QtInfoMsg, QStringLiteral("Listening on %1 port %2"), status.address, status.port);
+    return ExitOk;
+}
+
+void InputHost::connectPlugin()
+{
+    connect(plugin.get(), &IInputPlugin::receivedData, &reader, &MessageReader::receive);
+    connect(&reader, &MessageReader::answered, plugin.get(), &IInputPlugin::discard);
+    // Directly, or the answer does not reach the plugin.
+    connect(plugin.get(), &IInputPlugin::query, this, &InputHost::answer, Qt::DirectConnection);
+}
+
+// Offers are still on their way after stop(), and the plugin hands over the last of them before it
+// is gone. The posted calls come first: the reader takes offers in the order in which they came.
+void InputHost::stopPlugin()
+{
+    reader.setAnswering(false);
+    plugin->stop();
+    QCoreApplication::sendPostedEvents();
+    plugin.reset();
+    reader.forgetAll();
+    reader.setAnswering(true);
+}
+
+ExitCode InputHost::fail(ExitCode code, const QString &text)
+{
+    CWRN(QtCriticalMsg, QStringLiteral("%1"), text);
+    return code;
+}
+
+void InputHost::reload()
+{
+    if (!configurationReader.read()) {
+        fail(ExitBadConfiguration, configurationReader.errorString());
+        CWRN(QtWarningMsg, QStringLiteral("Configuration not changed"));
+        return;
+    }
+    CWRN(QtInfoMsg, QStringLiteral("Restarting with a new configuration"));
+    replacePlugin(configurationReader.configuration());
+}
+
+void InputHost::replacePlugin(const QJsonObject &configuration)
+{
+    stopPlugin();
+    if (startPlugin(configuration) == ExitOk)
+        return;
+
+    CWRN(QtWarningMsg, QStringLiteral("Restarting with the old configuration"));
+    if (const ExitCode code = startPlugin(runningConfiguration)) {
+        outcome = code;
+        QCoreApplication::quit();
+    }
+}
+
+void InputHost::reportStatus()
+{
+    if (!plugin)
+        return;
+
+    QString status = plugin->getStatus();
+    status.replace(QLatin1String("\r\n"), QLatin1String("\n"));
+    report(counters.longLine() + QLatin1Char('\n') + status);
+}
+
+// The plugin reports its threads if the level holds "debug". It wants no answer to other questions.
+QList<QString> InputHost::answer(const QString &question) const
+{
+    if (question == QLatin1String("loglevel"))
+        return {options.logLevel};
+    return {};
+}
+
+void InputHost::handleOutputFailure(const QString &reason)
+{
+    outcome = fail(ExitOutputFailed,
+                   QStringLiteral("Cannot write to standard output: %1").arg(reason));
+    QCoreApplication::quit();
+}
+
+void InputHost::connectSignals(SignalNotifier &unixSignals)
+{
+    connect(&unixSignals, &SignalNotifier::stopRequested, this, [] { QCoreApplication::quit(); });
+    connect(&unixSignals, &SignalNotifier::statusRequested, this, &InputHost::reportStatus);
+    connect(&unixSignals, &SignalNotifier::reloadRequested, this, [this, &unixSignals] {
+        // Stopping may process events; one reload at a time.
+        unixSignals.setEnabled(false);
+        reload();
+        unixSignals.setEnabled(true);
+    });
+}
+
+void InputHost::finish()
+{
+    statusTimer.stop();
+    if (plugin)
+        stopPlugin();
+    output.flush();
+    output.writeCount(counters.line());
+    output.flush();
+    report(counters.longLine() + QLatin1Char('\n'));
+}

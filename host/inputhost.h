@@ -1,0 +1,67 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "host/configuration.h"
+#include "host/counters.h"
+#include "host/exitcodes.h"
+#include "host/messagereader.h"
+#include "host/options.h"
+#include "host/output.h"
+#include "host/pluginloader.h"
+
+#include <QtCore/QObject>
+#include <QtCore/QTimer>
+
+#include <memory>
+
+class IInputPlugin;
+class SignalNotifier;
+
+/*!
+    The host: loads the library, runs one plugin at a time, and answers it.
+
+    A plugin is started once. A restarted one keeps the signal connections of its former start and
+    would hand over each connection once more per start, so a new configuration gets a new plugin.
+
+    Thread: the main thread; the plugin lives there, too.
+*/
+class InputHost : public QObject
+{
+    Q_OBJECT
+
+public:
+    // commandLine: outlives the host.
+    explicit InputHost(const Options &commandLine);
+    ~InputHost() override;
+
+    // Runs the event loop until a signal, or something else, ends the program: its exit code.
+    int run();
+
+private:
+    ExitCode startPlugin(const QJsonObject &configuration);
+    void connectPlugin();
+    void stopPlugin();
+    ExitCode fail(ExitCode code, const QString &text);
+
+    void reload();
+    void replacePlugin(const QJsonObject &configuration);
+    void reportStatus();
+    QList<QString> answer(const QString &question) const;
+    void handleOutputFailure(const QString &reason);
+
+    void connectSignals(SignalNotifier &unixSignals);
+    void finish();
+
+    const Options &options;
+    ConfigurationReader configurationReader;
+    PluginLoader loader;
+    Counters counters;
+    Output output;
+    MessageReader reader;
+    QTimer statusTimer;
+    std::unique_ptr<IInputPlugin> plugin; // null only while none runs
+    QJsonObject runningConfiguration; // of the plugin, or of the last one that listened
+    ExitCode outcome = ExitOk;
+};

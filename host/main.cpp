@@ -1,0 +1,38 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "host/exitcodes.h"
+#include "host/inputhost.h"
+#include "host/logging.h"
+#include "host/options.h"
+#include "host/process.h"
+
+#include <QtCore/QCoreApplication>
+
+#include <cstdio>
+
+int main(int argc, char *argv[])
+{
+    occupyStandardDescriptors();
+    ignoreBrokenPipes();
+    QCoreApplication application(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("inputhost"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(INPUTHOST_VERSION));
+
+    const CommandLine commandLine = parseCommandLine(QCoreApplication::arguments());
+    switch (commandLine.outcome) {
+    case CommandLine::Inform:
+        std::fputs(qPrintable(commandLine.text), stdout);
+        return ExitOk;
+    case CommandLine::Refuse:
+        report(commandLine.text + QStringLiteral("\nTry inputhost --help.\n"));
+        return ExitBadArguments;
+    case CommandLine::Run:
+        break;
+    }
+
+    installLogging(commandLine.options.logLevel);
+    raiseDescriptorLimit();
+    InputHost host(commandLine.options);
+    return host.run();
+}

@@ -1,0 +1,27 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include <QtCore/QByteArrayView>
+#include <QtCore/QString>
+
+//! Where a message came from, as its record told.
+struct Origin
+{
+    QString time; // when the record was made; ISO 8601, UTC
+    QString plugin;
+    QString source;
+    QString peer;
+    unsigned short port = 0;
+    QString client;
+    QString task;
+};
+
+//! One message on its way out. It refers to bytes and origin of others, so it is never kept.
+struct Message
+{
+    const Origin &origin;
+    QByteArrayView bytes; // without framing
+    bool partial = false; // the beginning of a message whose end never came
+};

@@ -1,0 +1,313 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "host/messagereader.h"
+
+#include "plugin/cwrn.h"
+
+#include <QtCore/QTimeZone>
+
+#include <algorithm>
+#include <chrono>
+#include <limits>
+#include <utility>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// A cut is one queued call in a worker thread. After this time it counts as carried out.
+constexpr std::chrono::nanoseconds CutGrace = 50ms;
+
+constexpr qsizetype MaxClients = 100000;
+
+// The plugin's timers fire up to 5 % late, and the last offer is some time on its way.
+constexpr int MostTimerDelayPercent = 5;
+constexpr std::chrono::nanoseconds MostLastOfferDelay = 2s;
+
+constexpr qint64 DefaultIdleTimeoutSeconds = 60;
+constexpr std::chrono::milliseconds ForgetInterval = 1s;
+
+// A connection's number is its own; a client id comes again when a device uses its port again.
+QString keyOf(const ParsedData &record)
+{
+    QString number = record.getPluginSubIdKey(QStringLiteral("connection"));
+    if (!number.isEmpty())
+        return number;
+    return record.getPluginSubIdKey(QStringLiteral("task")) + QLatin1Char('/')
+            + record.getPluginSubIdKey(QStringLiteral("client"));
+}
+
+Origin originOf(const ParsedData &record)
+{
+    return {record.getTimestamp(QTimeZone::utc()),
+            record.getPluginId(),
+            record.getSource(),
+            record.getPeerAddress(),
+            record.getPeerPort(),
+            record.getPluginSubIdKey(QStringLiteral("client")),
+            record.getPluginSubIdKey(QStringLiteral("task"))};
+}
+
+// discard() takes an int. What is beyond is offered again.
+QByteArrayView discardablePart(QByteArrayView buffer)
+{
+    constexpr qsizetype most = std::numeric_limits<int>::max();
+    return buffer.first(std::min(buffer.size(), most));
+}
+
+} // namespace
+
+MessageReader::MessageReader(const FrameFormat &frameFormat, Output &messageOutput, Counters &total)
+    : format(frameFormat),
+      output(messageOutput),
+      counters(total)
+{
+    clock.start();
+    setIdleTimeout(DefaultIdleTimeoutSeconds);
+
+    settleTimer.setSingleShot(true);
+    settleTimer.setTimerType(Qt::PreciseTimer);
+    settleTimer.setInterval(std::chrono::duration_cast<std::chrono::milliseconds>(CutGrace));
+    connect(&settleTimer, &QTimer::timeout, this, &MessageReader::postSettling);
+    connect(&forgetTimer, &QTimer::timeout, this, &MessageReader::forgetSilent);
+    forgetTimer.start(ForgetInterval);
+}
+
+void MessageReader::setIdleTimeout(qint64 seconds)
+{
+    const std::chrono::nanoseconds timeout = std::chrono::seconds(seconds);
+    forgetAfter = (timeout + timeout * MostTimerDelayPercent / 100 + MostLastOfferDelay).count();
+}
+
+void MessageReader::forgetAll()
+{
+    while (!clients.empty())
+        forgetOldest();
+}
+
+void MessageReader::receive(const shared_parsedData &record)
+{
+    if (done)
+        return;
+
+    ++counters.offers;
+    Client &client = clientOf(*record);
+    const ExactOffers::Offer offer = exactOffers.open(*record);
+    if (offer.connection() != 0) {
+        client.origin = originOf(*record);
+        client.lastOfferTime = now();
+        readExactly(client, offer, record->getPluginSubId());
+        return;
+    }
+    if (takeOffer(client, record->getOriginalMessage())) {
+        client.origin = originOf(*record);
+        readMessages(client);
+    }
+    client.lastOfferTime = now();
+}
+
+// The answer names the offer's own position, so it cuts the same bytes whenever it is carried out.
+void MessageReader::readExactly(Client &client, const ExactOffers::Offer &offer,
+                                const QMap<QString, QString> &subId)
+{
+    client.lastOffer = offer;
+    client.taken = takeFrames(client, offer.fresh());
+    const int length = exactOffers.consume(offer, client.taken);
+    if (client.tail().isEmpty() && !client.framing.isSkipping())
+        forget(client); // what it has consumed is remembered elsewhere
+    if (length > 0 && answering)
+        Q_EMIT answered(length, subId);
+}
+
+QByteArrayView MessageReader::Client::tail() const
+{
+    return lastOffer.fresh().sliced(taken);
+}
+
+// Only what is remembered of a client that was never heard of need not be kept.
+bool MessageReader::Client::isWorthKeeping() const
+{
+    return !tracker.isSettled() || !tracker.unread().isEmpty() || framing.isSkipping();
+}
+
+MessageReader::Client &MessageReader::clientOf(const ParsedData &record)
+{
+    const QString key = keyOf(record);
+    auto known = clientsByKey.find(key);
+    if (known == clientsByKey.end()) {
+        counters.addConnection(record.getPluginSubIdKey(QStringLiteral("client")));
+        if (clientsByKey.size() == MaxClients)
+            forgetOldest();
+        clients.push_back({key, record.getPluginSubId(), {}, {}, {}, 0, {}, 0});
+        known = clientsByKey.insert(key, std::prev(clients.end()));
+    }
+    clients.splice(clients.end(), clients, known.value());
+    return *known.value();
+}
+
+// False if it is unclear what is new in the offer.
+bool MessageReader::takeOffer(Client &client, const QByteArray &offer)
+{
+    OfferTracker::Fit fit = client.tracker.accept(offer, reachedTime);
+    if (fit == OfferTracker::Fit::Foreign) {
+        giveUp(client);
+        fit = client.tracker.accept(offer, reachedTime);
+    }
+    if (fit != OfferTracker::Fit::Unclear)
+        return true;
+
+    // While the plugin is being stopped, its last offer comes without being asked for.
+    if (answering) {
+        Q_EMIT answered(0, client.subId);
+        settleLater(client);
+    }
+    return false;
+}
+
+void MessageReader::readMessages(Client &client)
+{
+    const qsizetype taken = takeMessages(client);
+    if (taken == 0 || !answering)
+        return; // no answer to an offer without messages: see answered()
+
+    Q_EMIT answered(static_cast<int>(taken), client.subId);
+    // Comes round when all offers that wait now are handled.
+    const qint64 time = now();
+    QMetaObject::invokeMethod(
+            this, [this, time] { reachedTime = time; }, Qt::QueuedConnection);
+    settleLater(client);
+}
+
+// Consumes them: how many bytes, framing included.
+qsizetype MessageReader::takeMessages(Client &client)
+{
+    const qsizetype taken = takeFrames(client, discardablePart(client.tracker.unread()));
+    if (taken > 0)
+        client.tracker.consume(taken, now());
+    return taken;
+}
+
+qsizetype MessageReader::takeFrames(Client &client, QByteArrayView bytes)
+{
+    qsizetype taken = 0;
+    while (!done) {
+        const Frame frame = takeFrame(bytes.sliced(taken), format, client.framing);
+        if (frame.kind == Frame::Incomplete)
+            break;
+        taken += frame.size;
+        handle(client, frame);
+    }
+    return taken;
+}
+
+void MessageReader::handle(const Client &client, const Frame &frame)
+{
+    if (frame.kind == Frame::Complete) {
+        writeMessage(client, frame.message);
+    } else if (frame.kind == Frame::TooLong) {
+        ++counters.tooLong;
+        CWRN(QtWarningMsg, QStringLiteral("Message of more than %1 bytes skipped, from %2"),
+             format.maxMessage, client.origin.source);
+    }
+}
+
+void MessageReader::writeMessage(const Client &client, QByteArrayView bytes)
+{
+    output.write({client.origin, bytes});
+    ++counters.messages;
+    counters.bytes += bytes.size();
+    if (counters.messages != messageLimit)
+        return;
+
+    done = true;
+    Q_EMIT finished();
+}
+
+void MessageReader::settleLater(const Client &client)
+{
+    unsettledKeys.insert(client.key);
+    if (!settleTimer.isActive())
+        settleTimer.start();
+}
+
+// The call is queued: offers that wait already were perhaps made before the cut, and come first.
+void MessageReader::postSettling()
+{
+    const qint64 time = now() - CutGrace.count();
+    QMetaObject::invokeMethod(
+            this, [this, time] { settle(time); }, Qt::QueuedConnection);
+}
+
+void MessageReader::settle(qint64 time)
+{
+    const QSet<QString> keys = std::exchange(unsettledKeys, {});
+    for (const QString &key : keys) {
+        const auto known = clientsByKey.constFind(key);
+        if (known == clientsByKey.constEnd())
+            continue;
+        const Clients::iterator client = known.value();
+        settleClient(*client, time);
+        if (!client->isWorthKeeping())
+            forget(*client);
+    }
+}
+
+void MessageReader::settleClient(Client &client, qint64 time)
+{
+    // It was asked for another offer when the unclear one came, and has made none.
+    if (client.tracker.isUnclear() && client.lastOfferTime <= time) {
+        client.tracker.decide();
+        readMessages(client);
+    }
+    if (!client.tracker.isUnclear())
+        client.tracker.settle(time);
+    if (!client.tracker.isSettled())
+        settleLater(client);
+}
+
+void MessageReader::forgetSilent()
+{
+    const qint64 time = now();
+    while (!clients.empty() && time - clients.front().lastOfferTime > forgetAfter)
+        forgetOldest();
+}
+
+void MessageReader::forgetOldest()
+{
+    giveUp(clients.front());
+    forget(clients.front());
+}
+
+void MessageReader::forget(const Client &client)
+{
+    const auto known = clientsByKey.constFind(client.key);
+    const Clients::iterator position = known.value();
+    clientsByKey.erase(known);
+    clients.erase(position);
+}
+
+// Reads and prints what is left of a connection.
+void MessageReader::giveUp(Client &client)
+{
+    if (client.tracker.isUnclear()) {
+        client.tracker.decide();
+        takeMessages(client);
+    }
+    const bool isExact = client.lastOffer.connection() != 0;
+    const QByteArrayView rest = isExact ? client.tail() : client.tracker.unread();
+    if (!rest.isEmpty() && !done) {
+        output.write({client.origin, partialMessage(rest, format), true});
+        ++counters.partial;
+    }
+    client.tracker.clear();
+    client.lastOffer = {};
+    client.taken = 0;
+    client.framing = {};
+}
+
+qint64 MessageReader::now()
+{
+    lastTime = std::max(clock.nsecsElapsed(), lastTime + 1);
+    return lastTime;
+}

@@ -1,0 +1,246 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "host/options.h"
+
+#include <QtCore/QCommandLineParser>
+#include <QtCore/QCoreApplication>
+#include <QtCore/QJsonArray>
+#include <QtCore/QJsonDocument>
+
+#include <limits>
+#include <optional>
+
+namespace {
+
+const char Notes[] = R"(
+Messages go to standard output, everything else to standard error. Writing
+waits for a slow reader of standard output, and the whole reception waits with
+it: give the program a reader that keeps up, or a file.
+
+Output formats:
+  json   One object a line: time, plugin, source, peer, port, client, task,
+         bytes, and text (valid UTF-8) or base64. "partial": true marks the
+         beginning of a message whose end never came. It is printed when the
+         program stops, or once the plugin has closed the silent connection.
+  raw    The messages with the framing that they came with (lines end with LF,
+         though); no partial ones.
+  count  Nothing but, on exit, "messages N bytes B connections C". Partial
+         messages are not counted. C: client ids seen so far.
+  none   Nothing.
+
+Signals:
+  SIGINT, SIGTERM  Stop, print what is still coming, exit. The same signal once
+                   more ends the program at once.
+  SIGHUP           Read the configuration again and go on with a new plugin. If
+                   this fails, the configuration stays as it was.
+  SIGUSR1          Counters and status to standard error.
+
+Exit codes:
+  0  stopped by a signal or after the messages asked for
+  2  bad arguments
+  3  library missing, not loadable, or without its entry points
+  4  configuration unreadable, not JSON, or not an object
+  5  the plugin refused to start
+  6  the plugin started but does not listen (is the port in use?)
+  7  standard output is closed or full
+)";
+
+//! The options as the parser knows them.
+struct Definitions
+{
+    const QCommandLineOption plugin{
+            QStringLiteral("plugin"),
+            QStringLiteral("The library to load. Default: the one that belongs to this program, or "
+                           "else what the system finds under the name tcpinputplugin2."),
+            QStringLiteral("FILE")};
+    const QCommandLineOption entry{
+            QStringLiteral("entry"),
+            QStringLiteral("How to get plugins from the library: create (default) or "
+                           "registerPlugin."),
+            QStringLiteral("NAME"), QStringLiteral("create")};
+    const QCommandLineOption config{
+            QStringLiteral("config"),
+            QStringLiteral("The plugin's configuration, a JSON object; - reads standard input. "
+                           "Default: an empty object."),
+            QStringLiteral("FILE")};
+    const QCommandLineOption set{
+            QStringLiteral("set"),
+            QStringLiteral("Sets one key of the configuration. VALUE is JSON, or else taken as "
+                           "text. May be repeated."),
+            QStringLiteral("KEY=VALUE")};
+    const QCommandLineOption id{
+            QStringLiteral("id"),
+            QStringLiteral("The plugin's id in records and log lines. Default: tcp."),
+            QStringLiteral("ID"), QStringLiteral("tcp")};
+    const QCommandLineOption framing{
+            QStringLiteral("framing"),
+            QStringLiteral("Where messages end: lines (default; LF or CR LF), length (after a "
+                           "4-byte big-endian byte count), none (whatever arrives together)."),
+            QStringLiteral("FRAMING"), QStringLiteral("lines")};
+    const QCommandLineOption maxMessage{
+            QStringLiteral("max-message"),
+            QStringLiteral("A longer message is skipped, with a warning. Default: 1048576. Without "
+                           "meaning for --framing none."),
+            QStringLiteral("BYTES"), QStringLiteral("1048576")};
+    const QCommandLineOption output{
+            QStringLiteral("output"),
+            QStringLiteral("json (default), raw, count or none; see below."),
+            QStringLiteral("FORMAT"), QStringLiteral("json")};
+    const QCommandLineOption logLevel{
+            QStringLiteral("log-level"),
+            QStringLiteral("The least important log lines to show: debug, info (default) or "
+                           "warning. The plugin asks for it, too."),
+            QStringLiteral("LEVEL"), QStringLiteral("info")};
+    const QCommandLineOption statusEvery{
+            QStringLiteral("status-every"),
+            QStringLiteral("Counters and status to standard error, again and again."),
+            QStringLiteral("SECONDS")};
+    const QCommandLineOption exitAfter{
+            QStringLiteral("exit-after"),
+            QStringLiteral("Exits after N messages; nothing is printed after the last of them."),
+            QStringLiteral("N")};
+    const QCommandLineOption help{{QStringLiteral("h"), QStringLiteral("help")},
+                                  QStringLiteral("Shows this text.")};
+    const QCommandLineOption version{{QStringLiteral("v"), QStringLiteral("version")},
+                                     QStringLiteral("Shows the version.")};
+
+    void addTo(QCommandLineParser &parser) const
+    {
+        parser.addOptions({plugin, entry, config, set, id, framing, maxMessage, output, logLevel,
+                           statusEvery, exitAfter, help, version});
+    }
+};
+
+//! Reads values, and keeps the first complaint.
+class ValueReader
+{
+public:
+    explicit ValueReader(const QCommandLineParser &commandLine) : parser(commandLine) {}
+
+    QString error() const { return complaint; }
+
+    void complain(const QString &text)
+    {
+        if (complaint.isEmpty())
+            complaint = text;
+    }
+
+    // One of the names; the first if it is none of them.
+    template<class Value>
+    Value choice(const QCommandLineOption &option,
+                 std::initializer_list<std::pair<const char *, Value>> choices)
+    {
+        const QString text = parser.value(option);
+        for (const auto &[name, value] : choices) {
+            if (text == QLatin1String(name))
+                return value;
+        }
+        refuse(option, text);
+        return choices.begin()->second;
+    }
+
+    // From 1 up to the maximum; 0 if the option was not given and has no default.
+    qint64 number(const QCommandLineOption &option, qint64 maximum)
+    {
+        const QString text = parser.value(option);
+        if (text.isEmpty() && !parser.isSet(option))
+            return 0;
+
+        bool ok = false;
+        const qint64 value = text.toLongLong(&ok);
+        if (!ok || value < 1 || value > maximum)
+            refuse(option, text);
+        return value;
+    }
+
+private:
+    void refuse(const QCommandLineOption &option, const QString &text)
+    {
+        complain(QStringLiteral("Invalid value for --%1: '%2'.").arg(option.names().last(), text));
+    }
+
+    const QCommandLineParser &parser;
+    QString complaint;
+};
+
+QJsonValue jsonOrText(const QString &text)
+{
+    // A document is an array or an object, so put the value into an array.
+    const QByteArray array = '[' + text.toUtf8() + ']';
+    const QJsonArray values = QJsonDocument::fromJson(array).array();
+    return values.size() == 1 ? values.first() : QJsonValue(text);
+}
+
+QList<std::pair<QString, QJsonValue>> readSettings(const QStringList &texts, ValueReader &reader)
+{
+    QList<std::pair<QString, QJsonValue>> settings;
+    for (const QString &text : texts) {
+        const qsizetype separator = text.indexOf(QLatin1Char('='));
+        if (separator < 1) {
+            reader.complain(QStringLiteral("--set wants KEY=VALUE, not '%1'.").arg(text));
+            continue;
+        }
+        settings.append({text.left(separator), jsonOrText(text.mid(separator + 1))});
+    }
+    return settings;
+}
+
+Options readOptions(const QCommandLineParser &parser, const Definitions &known, ValueReader &reader)
+{
+    Options options;
+    options.pluginFile = parser.value(known.plugin);
+    options.entryPoint = reader.choice<EntryPoint>(
+            known.entry,
+            {{"create", EntryPoint::Create}, {"registerPlugin", EntryPoint::RegisterPlugin}});
+    options.configFile = parser.value(known.config);
+    options.settings = readSettings(parser.values(known.set), reader);
+    options.id = parser.value(known.id);
+    options.format.framing = reader.choice<Framing>(
+            known.framing,
+            {{"lines", Framing::Lines}, {"length", Framing::Length}, {"none", Framing::None}});
+    options.format.maxMessage =
+            reader.number(known.maxMessage, std::numeric_limits<int>::max() / 2);
+    options.output = reader.choice<OutputFormat>(known.output,
+                                                 {{"json", OutputFormat::Json},
+                                                  {"raw", OutputFormat::Raw},
+                                                  {"count", OutputFormat::Count},
+                                                  {"none", OutputFormat::None}});
+    options.logLevel = QLatin1String(reader.choice<const char *>(
+            known.logLevel, {{"debug", "debug"}, {"info", "info"}, {"warning", "warning"}}));
+    constexpr int mostSeconds = std::numeric_limits<int>::max() / 1000;
+    options.statusEverySeconds = static_cast<int>(reader.number(known.statusEvery, mostSeconds));
+    options.exitAfter = reader.number(known.exitAfter, std::numeric_limits<qint64>::max());
+    return options;
+}
+
+} // namespace
+
+CommandLine parseCommandLine(const QStringList &arguments)
+{
+    const Definitions known;
+    QCommandLineParser parser;
+    parser.setApplicationDescription(
+            QStringLiteral("Receives messages over TCP or TLS through the tcpinputplugin2 library, "
+                           "and prints them."));
+    known.addTo(parser);
+
+    if (!parser.parse(arguments))
+        return {CommandLine::Refuse, {}, parser.errorText()};
+    if (parser.isSet(known.help))
+        return {CommandLine::Inform, {}, parser.helpText() + QLatin1String(Notes)};
+    if (parser.isSet(known.version)) {
+        const QString version = QCoreApplication::applicationName() + QLatin1Char(' ')
+                + QCoreApplication::applicationVersion() + QLatin1Char('\n');
+        return {CommandLine::Inform, {}, version};
+    }
+
+    ValueReader reader(parser);
+    if (!parser.positionalArguments().isEmpty())
+        reader.complain(QStringLiteral("Unexpected argument '%1'.")
+                                .arg(parser.positionalArguments().first()));
+    const Options options = readOptions(parser, known, reader);
+    if (!reader.error().isEmpty())
+        return {CommandLine::Refuse, {}, reader.error()};
+    return {CommandLine::Run, options, {}};
+}

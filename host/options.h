@@ -1,0 +1,46 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "host/framing.h"
+#include "host/output.h"
+#include "host/pluginloader.h"
+
+#include <QtCore/QJsonValue>
+#include <QtCore/QList>
+#include <QtCore/QString>
+#include <QtCore/QStringList>
+
+#include <utility>
+
+//! What the command line asks for.
+struct Options
+{
+    QString pluginFile; // empty: look for it
+    EntryPoint entryPoint = EntryPoint::Create;
+    QString configFile; // empty: none; "-": standard input
+    QList<std::pair<QString, QJsonValue>> settings; // applied over the file, in this order
+    QString id;
+    FrameFormat format;
+    OutputFormat output = OutputFormat::Json;
+    QString logLevel; // "debug", "info" or "warning"
+    int statusEverySeconds = 0; // 0: never
+    qint64 exitAfter = 0; // messages; 0: never
+};
+
+struct CommandLine
+{
+    enum Outcome {
+        Run, // with the options
+        Inform, // the text was asked for: help or version
+        Refuse, // the text says what is wrong
+    };
+
+    Outcome outcome = Run;
+    Options options;
+    QString text;
+};
+
+// arguments: as of QCoreApplication::arguments(), which must exist.
+CommandLine parseCommandLine(const QStringList &arguments);

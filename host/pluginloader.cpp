@@ -1,0 +1,79 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "host/pluginloader.h"
+
+#include "plugin/iinputplugin.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QDir>
+#include <QtCore/QFileInfo>
+
+namespace {
+
+// The name that the library registers its creator under.
+QString creatorName()
+{
+    return QStringLiteral("TcpInputPlugin2");
+}
+
+// In the tree where the program was built or installed; otherwise the plain name, which the system
+// looks up.
+QString findLibrary()
+{
+    const QDir program(QCoreApplication::applicationDirPath());
+    const QString file = QStringLiteral("libtcpinputplugin2.so");
+    for (const char *folder : {INSTALLED_LIBRARY_DIR, "../lib", "../tcpinput", "."}) {
+        const QFileInfo candidate(program, QLatin1String(folder) + QLatin1Char('/') + file);
+        if (candidate.exists())
+            return candidate.canonicalFilePath();
+    }
+    return QStringLiteral("tcpinputplugin2");
+}
+
+} // namespace
+
+PluginLoader::~PluginLoader()
+{
+    qDeleteAll(creators);
+}
+
+bool PluginLoader::load(const QString &file, EntryPoint entry)
+{
+    library.setFileName(file.isEmpty() ? findLibrary() : file);
+    if (!library.load()) {
+        error = library.errorString();
+        return false;
+    }
+    if (!resolve(entry)) {
+        error = QStringLiteral("%1 is no input plugin: it has no such entry point")
+                        .arg(library.fileName());
+        return false;
+    }
+    return true;
+}
+
+bool PluginLoader::resolve(EntryPoint entry)
+{
+    if (entry == EntryPoint::Create) {
+        createPlugin = reinterpret_cast<CreatePluginFunction>(library.resolve("create"));
+        return createPlugin;
+    }
+
+    const auto registerPlugin =
+            reinterpret_cast<RegisterPluginFunction>(library.resolve("registerPlugin"));
+    if (!registerPlugin)
+        return false;
+    registerPlugin(creators);
+    return creators.value(creatorName());
+}
+
+std::unique_ptr<IInputPlugin> PluginLoader::create(const QJsonObject &config) const
+{
+    if (createPlugin)
+        return std::unique_ptr<IInputPlugin>(createPlugin(nullptr, config));
+
+    std::unique_ptr<IInputPlugin> plugin(creators.value(creatorName())->create());
+    plugin->setConfig(config);
+    return plugin;
+}

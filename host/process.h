@@ -1,0 +1,17 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+//! What a program that serves many connections asks of the system, once, at its start.
+
+// Every connection takes a descriptor, and the usual soft limit of 1,024 is soon reached: raises it
+// to the hard limit. The program must not use select().
+void raiseDescriptorLimit();
+
+// Writing to a closed pipe then fails instead of ending the program.
+void ignoreBrokenPipes();
+
+// A standard stream that was closed by the caller: keeps its number from a socket or pipe, which
+// would get what is written to that stream. Writing to standard output still fails.
+void occupyStandardDescriptors();

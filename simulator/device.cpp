@@ -1,0 +1,88 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "simulator/device.h"
+
+#include "simulator/deviceconnection.h"
+#include "simulator/run.h"
+
+#include <limits>
+
+namespace {
+
+// Number of the last message of a device's first `connection` connections.
+quint64 lastMessage(const Options &options, quint64 connection)
+{
+    const bool saysNothing =
+            options.fault == Fault::Silent || options.fault == Fault::AbortHandshake;
+    if (connection == 0 || saysNothing)
+        return 0;
+    if (options.messages == 0)
+        return std::numeric_limits<quint64>::max();
+    const quint64 connections = options.reconnect + 1;
+    const quint64 share = options.messages / connections;
+    return share * connection + qMin(connection, options.messages % connections);
+}
+
+} // namespace
+
+Device::Device(QObject *parent, const Run &sharedRun, quint64 deviceNumber)
+    : QObject(parent),
+      run(sharedRun),
+      number(deviceNumber),
+      lastConnection(sharedRun.options.reconnect + 1),
+      pace(sharedRun.options.rate)
+{}
+
+Device::~Device() = default;
+
+void Device::start()
+{
+    connectNext();
+}
+
+void Device::stop()
+{
+    stopping = true;
+    if (connection)
+        connection->stop();
+}
+
+void Device::abandon()
+{
+    if (connection)
+        connection->abandon();
+}
+
+void Device::connectNext()
+{
+    const Options &options = run.options;
+    const quint64 first = lastMessage(options, connectionNumber) + 1;
+    ++connectionNumber;
+    const RandomSource cuts({options.seed, number, connectionNumber});
+    Outbox outbox(run.format, Segmenter(options.segments, run.format.usualBytes(), cuts), number,
+                  first, lastMessage(options, connectionNumber), options.checksum);
+    ConnectionRecord numbers;
+    numbers.device = number;
+    numbers.connection = connectionNumber;
+    connection = std::make_unique<DeviceConnection>(
+            run, numbers, std::move(outbox), pace,
+            endingFor(options, connectionNumber == lastConnection));
+    // Queued: it is deleted here, and may finish in the middle of a call of ours.
+    connect(connection.get(), &DeviceConnection::finished, this, &Device::onConnectionFinished,
+            Qt::QueuedConnection);
+    connection->open();
+}
+
+void Device::onConnectionFinished()
+{
+    const ConnectionRecord record = connection->result();
+    connection.reset();
+    Q_EMIT connectionEnded(record);
+
+    // What a failed connection left unsent would be missing from the numbering.
+    if (!stopping && !record.failed && connectionNumber < lastConnection)
+        connectNext();
+    else
+        Q_EMIT finished(this);
+}

@@ -1,0 +1,58 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "simulator/pace.h"
+#include "simulator/report.h"
+
+#include <QtCore/QObject>
+
+#include <memory>
+
+class DeviceConnection;
+struct Run;
+
+/*!
+    One remote device: its messages, over one connection or, if it reconnects, several in turn.
+
+    Thread: the main thread.
+    Owner:  the Fleet.
+*/
+class Device : public QObject
+{
+    Q_OBJECT
+
+public:
+    // deviceNumber: from 1.
+    Device(QObject *parent, const Run &sharedRun, quint64 deviceNumber);
+    ~Device() override;
+
+    void start();
+
+    // Finishes the message begun, closes and does not connect again.
+    void stop();
+
+    // Closes now.
+    void abandon();
+
+Q_SIGNALS:
+    void connectionEnded(const ConnectionRecord &record);
+    // Once, never from within start(), stop() or abandon(). Says who, as QObject::sender() is slow
+    // for a receiver with thousands of senders.
+    void finished(Device *device);
+
+private Q_SLOTS:
+    void onConnectionFinished();
+
+private:
+    void connectNext();
+
+    const Run &run;
+    const quint64 number;
+    const quint64 lastConnection;
+    quint64 connectionNumber = 0;
+    bool stopping = false;
+    Pace pace; // goes on over reconnections
+    std::unique_ptr<DeviceConnection> connection;
+};

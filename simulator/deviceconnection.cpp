@@ -1,0 +1,327 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "simulator/deviceconnection.h"
+
+#include "simulator/pace.h"
+#include "simulator/plainchannel.h"
+#include "simulator/run.h"
+#include "simulator/tlschannel.h"
+
+#include <QtCore/QTimerEvent>
+
+#include <cerrno>
+
+namespace {
+
+constexpr int WritesPerTurn = 64; // then it is another connection's turn
+constexpr int AcknowledgedPollMs = 5; // no event tells when the peer's kernel has everything
+
+constexpr quint64 PauseStream = 1; // keeps the pauses' random numbers apart from the cuts'
+
+QHostAddress sourceFor(const Options &options, quint64 device)
+{
+    if (options.sources.isEmpty())
+        return {};
+    const auto count = static_cast<quint64>(options.sources.size());
+    return options.sources.at(static_cast<qsizetype>((device - 1) % count));
+}
+
+} // namespace
+
+DeviceConnection::DeviceConnection(const Run &sharedRun, const ConnectionRecord &numbers,
+                                   Outbox &&toSend, Pace &devicePace, const Ending &finalEnding)
+    : run(sharedRun),
+      outbox(std::move(toSend)),
+      pace(devicePace),
+      ending(finalEnding),
+      pauses({run.options.seed, numbers.device, numbers.connection, PauseStream}),
+      record(numbers)
+{
+    connect(&readable, &QSocketNotifier::activated, this, &DeviceConnection::onReadable);
+    connect(&writable, &QSocketNotifier::activated, this, &DeviceConnection::onWritable);
+}
+
+void DeviceConnection::open()
+{
+    record.startMs = run.clock.elapsed();
+    const Options &options = run.options;
+    const int error = socket.connectTo(run.peer, options.port, sourceFor(options, record.device));
+    if (error != 0 && error != EINPROGRESS)
+        return fail(errorText(error));
+
+    readable.setSocket(socket.descriptor());
+    writable.setSocket(socket.descriptor());
+    timer.start(options.connectTimeoutMs, this);
+    writable.setEnabled(true);
+}
+
+void DeviceConnection::stop()
+{
+    switch (state) {
+    case State::Connecting:
+    case State::Handshaking:
+        return finish(End::Closed);
+    case State::Sending:
+        outbox.stop();
+        if (ending.closeAfterWait)
+            ending = orderlyClose(run.options);
+        timer.stop(); // no pause and no pace any more
+        return pump();
+    case State::Ending:
+        if (ending.then == Ending::Then::AwaitPeer && !ending.shutdownWrite)
+            waitIsOver();
+        return; // the others end by themselves
+    case State::Finished:
+        return;
+    }
+}
+
+void DeviceConnection::abandon()
+{
+    if (state != State::Finished)
+        finish(ending.then == Ending::Then::Reset ? End::Reset : End::Abandoned);
+}
+
+void DeviceConnection::timerEvent(QTimerEvent *event)
+{
+    if (event->timerId() != timer.timerId())
+        return QObject::timerEvent(event);
+    timer.stop();
+    switch (state) {
+    case State::Connecting:
+    case State::Handshaking:
+        return fail(QStringLiteral("not connected within %1 ms").arg(run.options.connectTimeoutMs));
+    case State::Sending:
+        return pump();
+    case State::Ending:
+        return ending.then == Ending::Then::Reset ? awaitEnd() : waitIsOver();
+    case State::Finished:
+        return;
+    }
+}
+
+void DeviceConnection::onReadable()
+{
+    if (state == State::Handshaking)
+        return handshake();
+
+    const IoResult result = channel->receive();
+    if (result.status == IoResult::Failed)
+        return fail(result.error);
+    if (result.status == IoResult::Closed)
+        return peerClosed();
+    // A write may have waited for this, and for nothing else.
+    if (state == State::Sending && !timer.isActive() && !writable.isEnabled())
+        pump();
+}
+
+void DeviceConnection::onWritable()
+{
+    switch (state) {
+    case State::Connecting:
+        return connected();
+    case State::Handshaking:
+        return handshake();
+    case State::Sending:
+        return pump();
+    case State::Ending:
+        return beginEnding(ending);
+    case State::Finished:
+        return;
+    }
+}
+
+void DeviceConnection::connected()
+{
+    const int error = socket.connectResult();
+    if (error != 0)
+        return fail(errorText(error));
+
+    record.localAddress = socket.localAddress();
+    record.localPort = socket.localPort();
+    if (run.tls)
+        channel = std::make_unique<TlsChannel>(*run.tls, socket);
+    else
+        channel = std::make_unique<PlainChannel>(socket);
+    state = State::Handshaking;
+    handshake();
+}
+
+void DeviceConnection::handshake()
+{
+    const IoResult result = channel->handshake();
+    switch (result.status) {
+    case IoResult::Done:
+        return established();
+    case IoResult::WantRead:
+        if (run.options.fault == Fault::AbortHandshake)
+            return established(); // as far as this device goes
+        break;
+    case IoResult::WantWrite:
+        break;
+    case IoResult::Closed:
+        return fail(QStringLiteral("closed by the peer during the TLS handshake"));
+    case IoResult::Failed:
+        return fail(result.error);
+    }
+    readable.setEnabled(true);
+    writable.setEnabled(result.status == IoResult::WantWrite);
+}
+
+void DeviceConnection::established()
+{
+    timer.stop();
+    record.opened = true;
+    record.openMs = run.clock.elapsed();
+    readable.setEnabled(ending.reads);
+    state = State::Sending;
+    pace.start();
+    pump();
+}
+
+void DeviceConnection::pump()
+{
+    for (int i = 0; i < WritesPerTurn; ++i) {
+        if (!sendOne())
+            return;
+    }
+    writable.setEnabled(true);
+}
+
+// False if the next write has to wait for something, or there is none.
+bool DeviceConnection::sendOne()
+{
+    if (outbox.isAtEnd()) {
+        beginEnding(ending);
+        return false;
+    }
+    const QByteArrayView segment = outbox.segment(pace.due());
+    if (segment.isEmpty()) {
+        wait(pace.msUntil(outbox.nextNumber()));
+        return false;
+    }
+    const IoResult result = channel->send(segment);
+    switch (result.status) {
+    case IoResult::Done:
+        outbox.accept(result.bytes);
+        return !pause();
+    case IoResult::WantRead:
+    case IoResult::WantWrite:
+        writable.setEnabled(result.status == IoResult::WantWrite);
+        return false;
+    case IoResult::Closed:
+        peerClosed();
+        return false;
+    case IoResult::Failed:
+        break;
+    }
+    fail(result.error);
+    return false;
+}
+
+// True if there is a pause before the next write.
+bool DeviceConnection::pause()
+{
+    const Options &options = run.options;
+    if (options.pauseMaxMs == 0 || outbox.isWithinSegment() || outbox.isAtEnd())
+        return false;
+    const auto spread = static_cast<quint32>(options.pauseMaxMs - options.pauseMinMs);
+    wait(options.pauseMinMs + static_cast<int>(pauses.below(spread + 1)));
+    return true;
+}
+
+void DeviceConnection::wait(int ms)
+{
+    writable.setEnabled(false);
+    timer.start(ms, this);
+}
+
+void DeviceConnection::beginEnding(const Ending &steps)
+{
+    ending = steps;
+    state = State::Ending;
+    timer.stop();
+    if (ending.closeNotify) {
+        const IoResult result = channel->sendEnd();
+        if (result.status == IoResult::Failed)
+            return fail(result.error);
+        writable.setEnabled(result.status == IoResult::WantWrite);
+        if (result.status != IoResult::Done)
+            return;
+    }
+    writable.setEnabled(false);
+    if (ending.shutdownWrite)
+        socket.shutdownWrite();
+    if (ending.ignoreTls)
+        channel = std::make_unique<PlainChannel>(socket);
+    awaitEnd();
+}
+
+void DeviceConnection::awaitEnd()
+{
+    switch (ending.then) {
+    case Ending::Then::Close: {
+        // Closing over unread bytes would reset the connection.
+        const IoResult result = ending.reads ? channel->receive() : IoResult{};
+        return result.status == IoResult::Failed ? fail(result.error) : finish(End::Closed);
+    }
+    case Ending::Then::AwaitPeer:
+        if (ending.waitMs >= 0)
+            timer.start(ending.waitMs, this);
+        return;
+    case Ending::Then::Reset:
+        if (socket.unacknowledged() > 0)
+            timer.start(AcknowledgedPollMs, this);
+        else
+            finish(End::Reset);
+    }
+}
+
+void DeviceConnection::waitIsOver()
+{
+    if (ending.closeAfterWait)
+        beginEnding(orderlyClose(run.options));
+    else
+        finish(ending.shutdownWrite ? End::Unanswered : End::Closed);
+}
+
+void DeviceConnection::peerClosed()
+{
+    if (state == State::Sending && run.options.fault == Fault::None)
+        return fail(QStringLiteral("closed by the peer before everything was sent"));
+    if (state == State::Ending && ending.then == Ending::Then::Reset) {
+        readable.setEnabled(false); // it will be reset nevertheless
+        return;
+    }
+    finish(ending.shutdownWrite ? End::Closed : End::PeerClosed);
+}
+
+void DeviceConnection::fail(const QString &error)
+{
+    // What peers do to faulty devices is theirs to decide.
+    const bool isExpected = record.opened && run.options.fault != Fault::None;
+    record.failed = !isExpected;
+    record.error = error;
+    finish(isExpected ? End::PeerClosed : End::Failed);
+}
+
+void DeviceConnection::finish(End end)
+{
+    timer.stop();
+    readable.setEnabled(false); // before its descriptor goes
+    writable.setEnabled(false);
+    channel.reset();
+    if (end == End::Reset)
+        socket.reset();
+    else
+        socket.close();
+
+    state = State::Finished;
+    record.end = end;
+    record.endMs = run.clock.elapsed();
+    record.messages = outbox.acceptedMessages();
+    record.bytes = outbox.acceptedBytes();
+    record.checksum = outbox.checksum();
+    Q_EMIT finished();
+}

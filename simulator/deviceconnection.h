@@ -1,0 +1,92 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "simulator/channel.h"
+#include "simulator/ending.h"
+#include "simulator/outbox.h"
+#include "simulator/report.h"
+#include "simulator/tcpsocket.h"
+
+#include <QtCore/QBasicTimer>
+#include <QtCore/QObject>
+#include <QtCore/QSocketNotifier>
+
+#include <memory>
+
+class Pace;
+struct Run;
+
+/*!
+    One TCP connection from connecting to its end: sends its outbox at the pace, then ends as told.
+
+    Thread: the main thread. Non-blocking; every function returns at once.
+    Owner:  the Device.
+*/
+class DeviceConnection : public QObject
+{
+    Q_OBJECT
+
+public:
+    // Of the record given only device and connection matter. devicePace: starts when it opens.
+    DeviceConnection(const Run &sharedRun, const ConnectionRecord &numbers, Outbox &&toSend,
+                     Pace &devicePace, const Ending &finalEnding);
+
+    // Call once.
+    void open();
+
+    // Finishes the message begun and closes.
+    void stop();
+
+    // Closes now.
+    void abandon();
+
+    // Complete once finished() was emitted.
+    const ConnectionRecord &result() const { return record; }
+
+Q_SIGNALS:
+    // Once. May come from within open(), stop() and abandon().
+    void finished();
+
+protected:
+    void timerEvent(QTimerEvent *event) override;
+
+private Q_SLOTS:
+    void onReadable();
+    void onWritable();
+
+private:
+    enum class State { Connecting, Handshaking, Sending, Ending, Finished };
+
+    void connected();
+    void handshake();
+    void established();
+
+    void pump();
+    bool sendOne();
+    bool pause();
+    void wait(int ms);
+
+    void beginEnding(const Ending &steps);
+    void awaitEnd();
+    void waitIsOver();
+
+    void peerClosed();
+    void fail(const QString &error);
+    void finish(End end);
+
+    const Run &run;
+    Outbox outbox;
+    Pace &pace;
+    Ending ending;
+    RandomSource pauses;
+    ConnectionRecord record;
+
+    TcpSocket socket;
+    std::unique_ptr<Channel> channel; // from Handshaking on
+    QSocketNotifier readable{QSocketNotifier::Read};
+    QSocketNotifier writable{QSocketNotifier::Write};
+    QBasicTimer timer; // time-out, next write or end of waiting, as the state is
+    State state = State::Connecting;
+};

@@ -1,0 +1,91 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "simulator/fleet.h"
+
+#include "simulator/device.h"
+#include "simulator/run.h"
+
+namespace {
+
+constexpr int StartsPerTurn = 64; // then those started get their turn
+constexpr int StopGraceMs = 2000; // for peers that do not read
+
+} // namespace
+
+Fleet::Fleet(const Run &sharedRun) : run(sharedRun), pace(sharedRun.options.connectRate)
+{
+    launchTimer.setSingleShot(true);
+    graceTimer.setSingleShot(true);
+    connect(&launchTimer, &QTimer::timeout, this, &Fleet::launch);
+    connect(&graceTimer, &QTimer::timeout, this, &Fleet::abandon);
+}
+
+void Fleet::launch()
+{
+    pace.start();
+    for (int i = 0; i < StartsPerTurn && mayStart(); ++i) {
+        const int waitMs = pace.msUntil(started + 1);
+        if (waitMs > 0)
+            return launchTimer.start(waitMs);
+        startDevice();
+    }
+    if (mayStart())
+        launchTimer.start(0);
+}
+
+// As far as the counts go; the connect rate may want to wait.
+bool Fleet::mayStart() const
+{
+    const Options &options = run.options;
+    return !stopping && started < options.connections
+            && (options.parallel == 0 || active < options.parallel);
+}
+
+void Fleet::startDevice()
+{
+    ++started;
+    ++active;
+    auto *device = new Device(this, run, started);
+    connect(device, &Device::connectionEnded, this, &Fleet::onConnectionEnded);
+    connect(device, &Device::finished, this, &Fleet::onDeviceFinished);
+    device->start();
+}
+
+void Fleet::onConnectionEnded(const ConnectionRecord &record)
+{
+    collected.add(record);
+}
+
+void Fleet::onDeviceFinished(Device *device)
+{
+    device->deleteLater();
+    --active;
+    if (active == 0 && (stopping || started == run.options.connections))
+        Q_EMIT finished();
+    else if (mayStart() && !launchTimer.isActive())
+        launchTimer.start(0);
+}
+
+void Fleet::stop()
+{
+    if (stopping)
+        return abandon();
+    stopping = true;
+    launchTimer.stop();
+    if (active == 0) {
+        Q_EMIT finished();
+        return;
+    }
+    graceTimer.start(StopGraceMs);
+    const QList<Device *> devices = findChildren<Device *>();
+    for (Device *device : devices)
+        device->stop();
+}
+
+void Fleet::abandon()
+{
+    const QList<Device *> devices = findChildren<Device *>();
+    for (Device *device : devices)
+        device->abandon();
+}

@@ -1,0 +1,58 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "simulator/pace.h"
+#include "simulator/report.h"
+
+#include <QtCore/QObject>
+#include <QtCore/QTimer>
+
+class Device;
+struct Run;
+
+/*!
+    All devices of a run: starts them as the limits allow and collects their records.
+
+    Thread: the main thread.
+*/
+class Fleet : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit Fleet(const Run &sharedRun);
+
+    const Report &report() const { return collected; }
+    bool wasInterrupted() const { return stopping; }
+
+public Q_SLOTS:
+    // Starts as many devices as may start now, and the others later.
+    void launch();
+
+    // The first time: devices finish the message begun and close, within a few seconds. The second
+    // time: they close now.
+    void stop();
+
+Q_SIGNALS:
+    void finished(); // once, all devices are gone
+
+private Q_SLOTS:
+    void onConnectionEnded(const ConnectionRecord &record);
+    void onDeviceFinished(Device *device);
+    void abandon();
+
+private:
+    bool mayStart() const;
+    void startDevice();
+
+    const Run &run;
+    Report collected;
+    Pace pace;
+    QTimer launchTimer;
+    QTimer graceTimer;
+    quint64 started = 0;
+    quint64 active = 0;
+    bool stopping = false;
+};

@@ -1,0 +1,78 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "simulator/messageformat.h"
+
+#include "simulator/randomsource.h"
+
+#include <QtCore/QtEndian>
+
+namespace {
+
+constexpr int LetterCount = 26;
+constexpr int LengthBytes = 4;
+
+QByteArray manyLetters(int count)
+{
+    QByteArray letters(count, Qt::Uninitialized);
+    for (int i = 0; i < count; ++i)
+        letters[i] = static_cast<char>('a' + i % LetterCount);
+    return letters;
+}
+
+} // namespace
+
+MessageFormat::MessageFormat(const Options &options)
+    : framing(options.framing),
+      size(options.size),
+      isGarbage(options.fault == Fault::Garbage),
+      seed(options.seed),
+      letters(manyLetters(options.size + LetterCount))
+{}
+
+void MessageFormat::append(QByteArray &out, quint64 device, quint64 number) const
+{
+    if (isGarbage) {
+        out += garbage(device, number);
+        return;
+    }
+    const QByteArray text = payload(device, number);
+    if (framing == Framing::Length) {
+        char length[LengthBytes];
+        qToBigEndian(static_cast<quint32>(text.size()), length);
+        out.append(length, LengthBytes);
+    }
+    out += text;
+    if (framing == Framing::Lines)
+        out += '\n';
+}
+
+qsizetype MessageFormat::usualBytes() const
+{
+    return size + (framing == Framing::Length ? LengthBytes : 1);
+}
+
+QByteArray MessageFormat::payload(quint64 device, quint64 number) const
+{
+    QByteArray text;
+    text.reserve(size);
+    text += 'd' + QByteArray::number(device) + '-' + QByteArray::number(number);
+    if (text.size() >= size)
+        return text;
+    text += ' ';
+    // Neighbouring messages begin with different letters: a byte lost or doubled shows.
+    const auto start = static_cast<qsizetype>(number % LetterCount);
+    text.append(letters.constData() + start, size - text.size());
+    return text;
+}
+
+QByteArray MessageFormat::garbage(quint64 device, quint64 number) const
+{
+    RandomSource random({seed, device, number});
+    QByteArray bytes(size, Qt::Uninitialized);
+    for (char &byte : bytes)
+        byte = static_cast<char>(random.below(256));
+    // No TLS record and no old-style ClientHello begins so.
+    bytes[0] = static_cast<char>(bytes[0] & 0x0f);
+    return bytes;
+}

@@ -1,0 +1,78 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include <QtCore/QList>
+#include <QtCore/QString>
+#include <QtCore/QStringList>
+#include <QtNetwork/QHostAddress>
+
+enum class Framing { Lines, Length };
+enum class Segments { Whole, Byte, Random };
+enum class CloseMode { Close, HalfClose, Abort, Stay };
+enum class OutputFormat { Text, Json };
+enum class TlsVersion { Any, OneTwo, OneThree };
+enum class Fault { None, Silent, Garbage, AbortHandshake, CloseNotifyOnly, CloseWithoutReading };
+
+struct TlsOptions
+{
+    bool enabled = false;
+    QString caFile; // empty: the system's certificate authorities
+    QString certFile; // empty: no client certificate
+    QString keyFile;
+    QString serverName; // empty: the host as it was given
+    TlsVersion version = TlsVersion::Any;
+    bool insecure = false;
+};
+
+/*!
+    What a run of the simulator does: the command line as values, checked for contradictions.
+*/
+struct Options
+{
+    QString host = QStringLiteral("127.0.0.1");
+    quint16 port = 7446;
+    QList<QHostAddress> sources; // bound to in turn; empty: the kernel chooses
+
+    quint64 connections = 1;
+    quint64 parallel = 0; // at most so many open at once; 0: no limit
+    double connectRate = 0; // per second; 0: no limit
+    int connectTimeoutMs = 30000; // connecting and TLS handshake together
+
+    quint64 messages = 1; // per device; 0: until stopped
+    quint64 reconnect = 0;
+    int size = 64;
+    Framing framing = Framing::Lines;
+    double rate = 0; // messages per second and device; 0: no limit
+
+    Segments segments = Segments::Whole;
+    quint32 seed = 1;
+    int pauseMinMs = 0;
+    int pauseMaxMs = 0;
+
+    CloseMode close = CloseMode::Close;
+    int lingerMs = -1; // -1: no limit
+    Fault fault = Fault::None;
+    TlsOptions tls;
+
+    OutputFormat output = OutputFormat::Text;
+    bool quiet = false;
+    bool checksum = true;
+
+    // Garbage and silence come instead of a handshake.
+    bool startsTls() const
+    {
+        return tls.enabled && fault != Fault::Silent && fault != Fault::Garbage;
+    }
+};
+
+struct ParsedOptions
+{
+    Options options;
+    QString text; // to be printed instead of a run: help or version
+    QString error; // to be printed instead of a run: what is wrong with the command line
+};
+
+// arguments: with the program's name first. Needs the application object.
+ParsedOptions parseOptions(const QStringList &arguments);

@@ -1,0 +1,69 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "simulator/segmenter.h"
+
+#include <QtCore/QByteArray>
+#include <QtCore/QCryptographicHash>
+#include <QtCore/QList>
+
+#include <memory>
+#include <optional>
+
+class MessageFormat;
+
+/*!
+    The byte stream of one connection: made message by message, given out segment by segment.
+
+    Knows neither sockets nor time. Counts what was accepted, as that is what has been sent.
+*/
+class Outbox
+{
+public:
+    // Messages first to last of the device; none if last < first.
+    Outbox(const MessageFormat &messageFormat, const Segmenter &cuts, quint64 deviceNumber,
+           quint64 first, quint64 last, bool withChecksum);
+
+    // What to write next, or the rest of it. due: number of the last message that may be begun.
+    // Empty: nothing before a further message is due, or nothing any more. Valid until the next
+    // call of a function that is not const.
+    QByteArrayView segment(quint64 due);
+
+    // The first count bytes of segment() were taken.
+    void accept(qsizetype count);
+
+    // Begins no further message.
+    void stop() { lastMessage = nextMessage - 1; }
+
+    bool isAtEnd() const { return nextMessage > lastMessage && offset == buffer.size(); }
+    bool isWithinSegment() const { return rest > 0; }
+    quint64 nextNumber() const { return nextMessage; }
+
+    quint64 acceptedMessages() const { return messages; }
+    quint64 acceptedBytes() const { return bytes; }
+    QByteArray checksum() const; // hexadecimal; empty if not wanted
+
+private:
+    void beginSegment(quint64 due);
+    void gather();
+
+    const MessageFormat &format;
+    const quint64 device;
+    quint64 nextMessage;
+    quint64 lastMessage;
+
+    Segmenter segmenter;
+    std::optional<Segmenter::Cut> cut; // of the segment that waits for bytes
+    qsizetype rest = 0; // of the segment given out
+
+    QByteArray buffer;
+    qsizetype offset = 0; // of the first byte in buffer that was not accepted
+    QList<quint64> ends; // in the stream, of the messages in buffer
+    quint64 gathered = 0; // bytes of the stream made so far
+
+    quint64 messages = 0;
+    quint64 bytes = 0;
+    std::unique_ptr<QCryptographicHash> hash;
+};

@@ -1,0 +1,39 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "simulator/pace.h"
+
+#include <cmath>
+#include <limits>
+
+namespace {
+
+constexpr double NsPerSecond = 1e9;
+constexpr double MsPerSecond = 1e3;
+constexpr double LongestMs = 24 * 3600 * MsPerSecond; // whoever waits so long just asks again
+
+} // namespace
+
+void Pace::start()
+{
+    if (!clock.isValid())
+        clock.start();
+}
+
+quint64 Pace::due() const
+{
+    if (rate <= 0)
+        return std::numeric_limits<quint64>::max();
+    if (!clock.isValid())
+        return 1;
+    return 1 + static_cast<quint64>(static_cast<double>(clock.nsecsElapsed()) * rate / NsPerSecond);
+}
+
+int Pace::msUntil(quint64 number) const
+{
+    if (number <= due())
+        return 0;
+    const double elapsedMs = static_cast<double>(clock.nsecsElapsed()) * MsPerSecond / NsPerSecond;
+    const double ms = static_cast<double>(number - 1) * MsPerSecond / rate - elapsedMs;
+    return static_cast<int>(std::ceil(qBound(0.0, ms, LongestMs)));
+}

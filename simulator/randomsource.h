@@ -1,0 +1,31 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include <QtCore/QtGlobal>
+
+#include <initializer_list>
+#include <random>
+
+/*!
+    Reproducible numbers, the same from any compiler and library.
+
+    A few bytes only, since every device has its own: what one draws must not depend on when
+    another does.
+*/
+class RandomSource
+{
+public:
+    explicit RandomSource(std::initializer_list<quint64> seeds)
+    {
+        std::seed_seq mixed(seeds.begin(), seeds.end());
+        engine.seed(mixed);
+    }
+
+    // From 0 to limit - 1. limit: from 1.
+    quint32 below(quint32 limit) { return static_cast<quint32>(engine() % limit); }
+
+private:
+    std::minstd_rand engine;
+};

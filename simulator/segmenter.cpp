@@ -1,0 +1,28 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "simulator/segmenter.h"
+
+#include <limits>
+
+// Twice a message: cuts fall within messages and reach over their ends.
+Segmenter::Segmenter(Segments segments, qsizetype messageBytes, const RandomSource &source)
+    : mode(segments),
+      longest(static_cast<quint32>(2 * messageBytes)),
+      random(source)
+{}
+
+Segmenter::Cut Segmenter::next()
+{
+    switch (mode) {
+    case Segments::Whole:
+        return {1, std::numeric_limits<qsizetype>::max()};
+    case Segments::Byte:
+        break;
+    case Segments::Random: {
+        const qsizetype length = 1 + static_cast<qsizetype>(random.below(longest));
+        return {length, length};
+    }
+    }
+    return {1, 1};
+}

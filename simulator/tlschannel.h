@@ -1,0 +1,27 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "simulator/channel.h"
+#include "simulator/tlscontext.h"
+
+/*!
+    TLS, client side. Counts as accepted what went to the kernel as a complete TLS record.
+*/
+class TlsChannel : public Channel
+{
+public:
+    TlsChannel(const TlsContext &context, const TcpSocket &socket) : ssl(context.newClient(socket))
+    {}
+
+    IoResult handshake() override;
+    IoResult send(QByteArrayView data) override;
+    IoResult receive() override;
+    IoResult sendEnd() override;
+
+private:
+    IoResult resultOf(int returned) const;
+
+    SslPointer ssl;
+};

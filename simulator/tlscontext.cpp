@@ -1,0 +1,104 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "simulator/tlscontext.h"
+
+#include "simulator/tcpsocket.h"
+
+#include <QtCore/QFile>
+
+#include <openssl/err.h>
+#include <openssl/x509v3.h>
+
+QString takeSslErrors()
+{
+    QStringList texts;
+    while (const unsigned long error = ERR_get_error()) {
+        char text[256];
+        ERR_error_string_n(error, text, sizeof text);
+        texts.append(QString::fromLatin1(text));
+    }
+    return texts.join(QStringLiteral("; "));
+}
+
+TlsContext::TlsContext(const Options &options) : context(SSL_CTX_new(TLS_client_method()))
+{
+    require(context != nullptr, QStringLiteral("OpenSSL"));
+    if (!context)
+        return;
+    const QString name = options.tls.serverName.isEmpty() ? options.host : options.tls.serverName;
+    serverName = name.toUtf8();
+    isAddress = !QHostAddress(name).isNull();
+
+    SSL_CTX_set_mode(context.get(),
+                     SSL_MODE_ENABLE_PARTIAL_WRITE // count what the kernel has accepted
+                             | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER
+                             | SSL_MODE_RELEASE_BUFFERS); // thousands of idle connections
+    // A peer that just closes is as good as one that says so: nothing of it is wanted.
+    SSL_CTX_set_options(context.get(), SSL_OP_IGNORE_UNEXPECTED_EOF);
+    setVersion(options.tls.version);
+    loadAuthorities(options.tls);
+    loadCertificate(options.tls);
+}
+
+SslPointer TlsContext::newClient(const TcpSocket &socket) const
+{
+    SslPointer ssl(SSL_new(context.get()));
+    if (!ssl || SSL_set_fd(ssl.get(), socket.descriptor()) != 1)
+        return nullptr;
+    if (isAddress) {
+        X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl.get()), serverName.constData());
+    } else {
+        SSL_set1_host(ssl.get(), serverName.constData());
+        // What SSL_set_tlsext_host_name() does, whose cast is not const-correct.
+        SSL_ctrl(ssl.get(), SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name,
+                 const_cast<char *>(serverName.constData()));
+    }
+    SSL_set_connect_state(ssl.get());
+    return ssl;
+}
+
+void TlsContext::loadAuthorities(const TlsOptions &tls)
+{
+    if (tls.insecure) {
+        SSL_CTX_set_verify(context.get(), SSL_VERIFY_NONE, nullptr);
+        return;
+    }
+    SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER, nullptr);
+    if (tls.caFile.isEmpty())
+        require(SSL_CTX_set_default_verify_paths(context.get()) == 1,
+                QStringLiteral("the system's certificate authorities"));
+    else
+        require(SSL_CTX_load_verify_file(context.get(), QFile::encodeName(tls.caFile)) == 1,
+                tls.caFile);
+}
+
+void TlsContext::loadCertificate(const TlsOptions &tls)
+{
+    if (tls.certFile.isEmpty())
+        return;
+    const QByteArray certFile = QFile::encodeName(tls.certFile);
+    const QByteArray keyFile = QFile::encodeName(tls.keyFile);
+    require(SSL_CTX_use_certificate_chain_file(context.get(), certFile) == 1, tls.certFile);
+    require(SSL_CTX_use_PrivateKey_file(context.get(), keyFile, SSL_FILETYPE_PEM) == 1,
+            tls.keyFile);
+}
+
+void TlsContext::setVersion(TlsVersion version)
+{
+    if (version == TlsVersion::Any) {
+        SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION);
+        return;
+    }
+    const int only = version == TlsVersion::OneTwo ? TLS1_2_VERSION : TLS1_3_VERSION;
+    SSL_CTX_set_min_proto_version(context.get(), only);
+    SSL_CTX_set_max_proto_version(context.get(), only);
+}
+
+// Keeps the first problem, and clears OpenSSL's memory of every one.
+void TlsContext::require(bool succeeded, const QString &what)
+{
+    const QString errors = takeSslErrors();
+    if (!succeeded && problem.isEmpty())
+        problem = QStringLiteral("%1: %2").arg(what, errors);
+}

@@ -1,0 +1,48 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "simulator/options.h"
+
+#include <memory>
+#include <openssl/ssl.h>
+
+class TcpSocket;
+
+template<class T, void (*free)(T *)>
+struct OpenSslDeleter
+{
+    void operator()(T *object) const { free(object); }
+};
+using SslPointer = std::unique_ptr<SSL, OpenSslDeleter<SSL, SSL_free>>;
+using SslContextPointer = std::unique_ptr<SSL_CTX, OpenSslDeleter<SSL_CTX, SSL_CTX_free>>;
+
+// Takes the errors OpenSSL has noted in this thread and makes a text of them.
+QString takeSslErrors();
+
+/*!
+    What the TLS connections of a run share: certificates, key, versions, how the peer is verified.
+*/
+class TlsContext
+{
+public:
+    // Reads the files; error() tells of those that are not usable.
+    explicit TlsContext(const Options &options);
+
+    QString error() const { return problem; }
+
+    // A client that has yet to do its handshake over the socket. Null if there is no memory.
+    SslPointer newClient(const TcpSocket &socket) const;
+
+private:
+    void loadAuthorities(const TlsOptions &tls);
+    void loadCertificate(const TlsOptions &tls);
+    void setVersion(TlsVersion version);
+    void require(bool succeeded, const QString &what);
+
+    SslContextPointer context;
+    QByteArray serverName; // expected in the certificate; a name or an address
+    bool isAddress = false;
+    QString problem;
+};

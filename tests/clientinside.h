@@ -1,0 +1,65 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "tcpinput/tcpclient2.h"
+
+//! The client's private members that a test must see. The instantiations below may name them.
+template<class Name, typename Name::Type Pointer>
+struct ExposedMember
+{
+    friend typename Name::Type memberOf(Name) { return Pointer; }
+};
+
+struct IdleTimer
+{
+    using Type = QTimer TcpClient2::*;
+    friend Type memberOf(IdleTimer);
+};
+template struct ExposedMember<IdleTimer, &TcpClient2::idleTimer>;
+
+struct CheckTimer
+{
+    using Type = QTimer TcpClient2::*;
+    friend Type memberOf(CheckTimer);
+};
+template struct ExposedMember<CheckTimer, &TcpClient2::checkTimer>;
+
+struct SocketMutex
+{
+    using Type = QMutex TcpClient2::*;
+    friend Type memberOf(SocketMutex);
+};
+template struct ExposedMember<SocketMutex, &TcpClient2::socketMutex>;
+
+struct InbufLock
+{
+    using Type = QReadWriteLock TcpClient2::*;
+    friend Type memberOf(InbufLock);
+};
+template struct ExposedMember<InbufLock, &TcpClient2::inbufLock>;
+
+inline QTimer &idleTimerOf(TcpClient2 &client)
+{
+    return client.*memberOf(IdleTimer{});
+}
+
+inline QTimer &checkTimerOf(TcpClient2 &client)
+{
+    return client.*memberOf(CheckTimer{});
+}
+
+// Whether neither of its locks is held, by this thread or another.
+inline bool holdsNoLock(TcpClient2 &client)
+{
+    QMutex &mutex = client.*memberOf(SocketMutex{});
+    QReadWriteLock &lock = client.*memberOf(InbufLock{});
+    const bool mutexIsFree = mutex.tryLock();
+    if (mutexIsFree)
+        mutex.unlock();
+    const bool lockIsFree = lock.tryLockForWrite();
+    if (lockIsFree)
+        lock.unlock();
+    return mutexIsFree && lockIsFree;
+}

@@ -1,0 +1,158 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "eventloop/epolleventdispatcher.h"
+
+#include <QtCore/QAbstractEventDispatcher>
+#include <QtCore/QCoreApplication>
+#include <QtCore/QDir>
+#include <QtCore/QEventLoop>
+#include <QtCore/QRegularExpression>
+#include <QtCore/QSocketNotifier>
+#include <QtCore/QThread>
+#include <QtCore/QTimer>
+#include <QtCore/QTimerEvent>
+#include <QtTest/QTest>
+
+#include <functional>
+#include <memory>
+#include <utility>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+// What the tests of event dispatchers share.
+namespace dispatchertest {
+
+constexpr int GuardMs = 60000; // a hang guard, no measure
+
+// The calling thread's.
+inline QAbstractEventDispatcher *dispatcher()
+{
+    return QAbstractEventDispatcher::instance();
+}
+
+// One turn of the event loop.
+inline bool turn(QEventLoop::ProcessEventsFlags flags = QEventLoop::AllEvents)
+{
+    return dispatcher()->processEvents(flags);
+}
+
+// Turns that do not wait, until nothing is left to do.
+inline void settle()
+{
+    while (turn()) {}
+}
+
+// Turns that wait for events: a wake-up that is missing shows. False after the guard time.
+inline bool turnUntil(const std::function<bool()> &done)
+{
+    QTimer guard;
+    guard.setSingleShot(true);
+    guard.start(GuardMs);
+    // A turn delivers what was posted, and then it waits: not if that was all we wanted.
+    QObject::connect(dispatcher(), &QAbstractEventDispatcher::aboutToBlock, &guard, [&] {
+        if (done())
+            dispatcher()->interrupt();
+    });
+    while (!done() && guard.isActive())
+        turn(QEventLoop::WaitForMoreEvents);
+    return done();
+}
+
+// Before the thread starts.
+inline void setEpollDispatcher(QThread *thread)
+{
+    std::unique_ptr<QAbstractEventDispatcher> epoll = EpollEventDispatcher::create();
+    QVERIFY(epoll);
+    thread->setEventDispatcher(epoll.release());
+}
+
+class BodyThread : public QThread
+{
+public:
+    explicit BodyThread(std::function<void()> function) : body(std::move(function)) {}
+
+protected:
+    void run() override { body(); }
+
+private:
+    std::function<void()> body;
+};
+
+// A file descriptor, closed with its holder.
+class Fd
+{
+public:
+    explicit Fd(int value = -1) : fd(value) {}
+    Fd(Fd &&other) noexcept : fd(std::exchange(other.fd, -1)) {}
+    Fd &operator=(Fd &&other) noexcept
+    {
+        std::swap(fd, other.fd);
+        return *this;
+    }
+    ~Fd() { reset(); }
+
+    operator int() const { return fd; }
+    void reset()
+    {
+        if (fd >= 0)
+            close(fd);
+        fd = -1;
+    }
+
+private:
+    int fd;
+};
+
+// Two connected sockets: the notifiers are a's.
+struct SocketPair
+{
+    SocketPair()
+    {
+        int fds[2] = {-1, -1};
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds) != 0)
+            qFatal("socketpair failed");
+        a = Fd(fds[0]);
+        b = Fd(fds[1]);
+    }
+    void send() const { QCOMPARE(write(b, "x", 1), ssize_t(1)); }
+    // Fails if there is nothing to receive.
+    void receive() const
+    {
+        char c = 0;
+        QCOMPARE(read(a, &c, 1), ssize_t(1));
+    }
+
+    Fd a;
+    Fd b;
+};
+
+class TimerObject : public QObject
+{
+public:
+    std::function<void(int id)> beat = [](int) {};
+
+protected:
+    void timerEvent(QTimerEvent *event) override { beat(event->timerId()); }
+};
+
+template<class Slot>
+void onActivated(QSocketNotifier *notifier, Slot slot)
+{
+    QObject::connect(notifier, &QSocketNotifier::activated, notifier, slot);
+}
+
+inline QRegularExpression expression(const char *pattern)
+{
+    return QRegularExpression(QString::fromLatin1(pattern));
+}
+
+inline int openDescriptors()
+{
+    return int(QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::Files | QDir::System).size());
+}
+
+} // namespace dispatchertest

@@ -1,0 +1,42 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include <QtCore/QObject>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+// What hosts that were built separately rely on: where a member lies in an object, and which slot
+// of the virtual table a function has. Itanium C++ ABI.
+
+//! The member of type T that lies offset bytes into the object.
+template<class T, class Object>
+T &memberAt(Object &object, std::size_t offset)
+{
+    return *reinterpret_cast<T *>(reinterpret_cast<char *>(&object) + offset);
+}
+
+//! The virtual table slot of a virtual member function.
+template<class Function>
+int virtualSlot(Function function)
+{
+    static_assert(sizeof(function) == 2 * sizeof(std::ptrdiff_t));
+    std::ptrdiff_t words[2];
+    std::memcpy(words, &function, sizeof(words));
+    // The table's offset in bytes. Bit 0 marks "virtual" where code addresses leave it free.
+    const auto offset = static_cast<std::size_t>(words[0]) & ~std::size_t{1};
+    return static_cast<int>(offset / sizeof(void *));
+}
+
+//! The first slot that a class derived from QObject adds to the table.
+inline int firstSlotAfterQObject()
+{
+    struct Last : QObject
+    {
+        using QObject::disconnectNotify;
+    };
+    return virtualSlot(&Last::disconnectNotify) + 1;
+}

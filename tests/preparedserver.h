@@ -1,0 +1,45 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "plugin/connection.h"
+#include "tests/nativesocket.h"
+
+#include <QtNetwork/QSslServer>
+#include <QtNetwork/QTcpServer>
+#include <QtNetwork/QTcpSocket>
+
+#include <deque>
+
+//! A server that does not listen: the test decides what is pending.
+template<class Base>
+class PreparedServer : public Base
+{
+public:
+    ~PreparedServer() override { qDeleteAll(sockets); }
+
+    QTcpSocket *nextPendingConnection() override
+    {
+        ++asked;
+        if (sockets.empty())
+            return nullptr;
+        QTcpSocket *const socket = sockets.front();
+        sockets.pop_front();
+        return socket;
+    }
+
+    void prepare(SocketPair &pair)
+    {
+        sockets.push_back(new QTcpSocket);
+        sockets.back()->setSocketDescriptor(pair.accepted.release());
+    }
+
+    int asked = 0;
+
+private:
+    std::deque<QTcpSocket *> sockets;
+};
+
+using PreparedTcpServer = PreparedServer<QTcpServer>;
+using PreparedSslServer = PreparedServer<QSslServer>;

@@ -1,0 +1,129 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "certificates.h"
+#include "nativesocket.h"
+
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+
+#include <memory>
+
+/*!
+    A TLS device made of one blocking socket, so that any thread can play it without an event loop.
+    What it has to say is collected until flush(), which hands it to the kernel in one piece.
+
+    Does not verify the server.
+
+    Thread: any, one at a time.
+*/
+class TlsDevice
+{
+public:
+    // version: TLS1_2_VERSION or TLS1_3_VERSION. certificate: the name of its files, or nothing.
+    explicit TlsDevice(int version, const QString &certificate = QString())
+        : context(SSL_CTX_new(TLS_client_method()))
+    {
+        SSL_CTX_set_min_proto_version(context.get(), version);
+        SSL_CTX_set_max_proto_version(context.get(), version);
+        if (!certificate.isEmpty()) {
+            const QByteArray name = certificateFile(certificate).toLocal8Bit();
+            SSL_CTX_use_certificate_file(context.get(), name + ".pem", SSL_FILETYPE_PEM);
+            SSL_CTX_use_PrivateKey_file(context.get(), name + ".key", SSL_FILETYPE_PEM);
+        }
+        ssl.reset(SSL_new(context.get()));
+        SSL_set_bio(ssl.get(), BIO_new(BIO_s_mem()), BIO_new(BIO_s_mem()));
+        SSL_set_connect_state(ssl.get());
+    }
+
+    bool connect(const QHostAddress &address, quint16 port)
+    {
+        socket = NativeSocket::connectedTo(address, port);
+        return socket.isValid();
+    }
+
+    // Does what is left of the handshake. With TLS 1.3 its last flight is not flushed: it can
+    // leave together with what the device sends first. False if the server gives up.
+    bool handshake()
+    {
+        while (!step()) {
+            if (!flush() || !receive())
+                return false;
+        }
+        return isEncrypted();
+    }
+    // Begins the handshake, and stops with a flight in hand that answers the server's first.
+    bool handshakeUntilAnswer()
+    {
+        step();
+        if (!flush())
+            return false;
+        while (BIO_ctrl_pending(SSL_get_wbio(ssl.get())) == 0) {
+            if (!receive())
+                return false;
+            step();
+        }
+        return true;
+    }
+    bool isEncrypted() const { return SSL_is_init_finished(ssl.get()) == 1; }
+
+    void write(const QByteArray &bytes)
+    {
+        if (!bytes.isEmpty())
+            SSL_write(ssl.get(), bytes.constData(), static_cast<int>(bytes.size()));
+    }
+    void writeCloseNotify() { SSL_shutdown(ssl.get()); }
+    bool flush()
+    {
+        char *bytes = nullptr;
+        const long count = BIO_get_mem_data(SSL_get_wbio(ssl.get()), &bytes);
+        const bool sent = count <= 0 || socket.send(QByteArray(bytes, count));
+        (void)BIO_reset(SSL_get_wbio(ssl.get()));
+        return sent;
+    }
+
+    // Reads and forgets until the server has ended the connection; false if it does not.
+    bool waitForEnd() const
+    {
+        char bytes[4096];
+        ssize_t count = 0;
+        do
+            count = ::recv(socket.descriptor(), bytes, sizeof bytes, 0);
+        while (count > 0);
+        return count == 0 || errno == ECONNRESET;
+    }
+
+    NativeSocket socket;
+
+private:
+    // True when nothing more is to be received for the handshake.
+    bool step()
+    {
+        ERR_clear_error();
+        const int result = SSL_do_handshake(ssl.get());
+        return result == 1 || SSL_get_error(ssl.get(), result) != SSL_ERROR_WANT_READ;
+    }
+    bool receive()
+    {
+        char bytes[16384];
+        const ssize_t count = ::recv(socket.descriptor(), bytes, sizeof bytes, 0);
+        if (count <= 0)
+            return false;
+        BIO_write(SSL_get_rbio(ssl.get()), bytes, static_cast<int>(count));
+        return true;
+    }
+
+    template<auto function>
+    struct Free
+    {
+        template<class T>
+        void operator()(T *object) const
+        {
+            function(object);
+        }
+    };
+    std::unique_ptr<SSL_CTX, Free<SSL_CTX_free>> context;
+    std::unique_ptr<SSL, Free<SSL_free>> ssl;
+};

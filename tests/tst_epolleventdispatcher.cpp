@@ -1,0 +1,221 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "dispatchertest.h"
+
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QFile>
+#include <QtCore/QScopeGuard>
+#include <QtCore/QSemaphore>
+
+#include <cerrno>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/resource.h>
+
+using namespace dispatchertest;
+
+namespace {
+void runWithEpoll(const std::function<void()> &body)
+{
+    BodyThread thread(body);
+    setEpollDispatcher(&thread);
+    thread.start();
+    QVERIFY(thread.wait(2 * GuardMs));
+}
+} // namespace
+
+/*!
+    What only this dispatcher promises. The program's main thread uses it, too.
+*/
+class tst_EpollEventDispatcher : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init() { QTest::failOnWarning(expression(".*")); }
+
+    void servesTheApplication();
+    void nullWithoutDescriptors();
+    void descriptorsAreClosed();
+    void descriptorsAreNotInherited();
+    void unknownTimer();
+    void coarseTimersAreNeverEarly();
+    void veryCoarseTimerIsOnTheSecond();
+    void wakeUpsAreOneEvent();
+    void manyThreads();
+};
+
+void tst_EpollEventDispatcher::servesTheApplication()
+{
+    QVERIFY(dispatcher()->inherits("EpollEventDispatcher"));
+    QCOMPARE(dispatcher()->thread(), QThread::currentThread());
+    bool fired = false;
+    QTimer::singleShot(1, this, [&] { fired = true; });
+    QVERIFY(turnUntil([&] { return fired; }));
+}
+
+void tst_EpollEventDispatcher::nullWithoutDescriptors()
+{
+    rlimit limit{};
+    QCOMPARE(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const auto restore = qScopeGuard([&] { setrlimit(RLIMIT_NOFILE, &limit); });
+
+    const int before = openDescriptors();
+    for (int available = 0; available <= 2; ++available) {
+        // The lowest numbers that are free, up to the limit.
+        std::vector<Fd> fillers;
+        for (int i = 0; i < available + 1; ++i)
+            fillers.emplace_back(dup(0));
+        rlimit tight = limit;
+        tight.rlim_cur = rlim_t(int(fillers.back()));
+        fillers.clear();
+        QCOMPARE(setrlimit(RLIMIT_NOFILE, &tight), 0);
+
+        errno = 0;
+        const std::unique_ptr<QAbstractEventDispatcher> made = EpollEventDispatcher::create();
+        const int error = errno;
+        QCOMPARE(setrlimit(RLIMIT_NOFILE, &limit), 0);
+        QCOMPARE(made != nullptr, available == 2);
+        if (!made)
+            QCOMPARE(error, EMFILE);
+        QCOMPARE(openDescriptors(), before + (made ? 2 : 0));
+    }
+    QCOMPARE(openDescriptors(), before);
+}
+
+void tst_EpollEventDispatcher::descriptorsAreClosed()
+{
+    const int before = openDescriptors();
+    {
+        std::unique_ptr<QAbstractEventDispatcher> unused = EpollEventDispatcher::create();
+        QCOMPARE(openDescriptors(), before + 2);
+    }
+    QCOMPARE(openDescriptors(), before);
+
+    for (int i = 0; i < 20; ++i) {
+        runWithEpoll([] {
+            dispatcher()->wakeUp();
+            turn();
+        });
+    }
+    QCOMPARE(openDescriptors(), before);
+
+    {
+        QThread neverStarted;
+        setEpollDispatcher(&neverStarted);
+        delete neverStarted.eventDispatcher();
+    }
+    QCOMPARE(openDescriptors(), before);
+}
+
+void tst_EpollEventDispatcher::descriptorsAreNotInherited()
+{
+    const std::unique_ptr<QAbstractEventDispatcher> made = EpollEventDispatcher::create();
+    QVERIFY(made);
+    int ours = 0;
+    for (const QString &name :
+         QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::Files | QDir::System)) {
+        const QString target = QFile::symLinkTarget(QStringLiteral("/proc/self/fd/") + name);
+        if (!target.contains(QLatin1String("anon_inode:[event")))
+            continue;
+        ++ours;
+        QVERIFY(fcntl(name.toInt(), F_GETFD) & FD_CLOEXEC);
+    }
+    QVERIFY(ours >= 4); // these and the application's
+}
+
+void tst_EpollEventDispatcher::unknownTimer()
+{
+    constexpr int Unknown = 1 << 20;
+    QCOMPARE(dispatcher()->remainingTime(Unknown), -1);
+    QVERIFY(!dispatcher()->unregisterTimer(Unknown));
+    QVERIFY(!dispatcher()->unregisterTimers(this));
+}
+
+void tst_EpollEventDispatcher::coarseTimersAreNeverEarly()
+{
+    runWithEpoll([] {
+        for (const int intervalMs : {21, 45, 100, 320}) {
+            TimerObject object;
+            int beats = 0;
+            object.beat = [&](int) { ++beats; };
+            QElapsedTimer elapsed;
+            elapsed.start();
+            object.startTimer(intervalMs);
+            QVERIFY(turnUntil([&] { return beats == 1; }));
+            QVERIFY(elapsed.nsecsElapsed() >= intervalMs * 1000000LL);
+        }
+    });
+}
+
+void tst_EpollEventDispatcher::veryCoarseTimerIsOnTheSecond()
+{
+    runWithEpoll([] {
+        TimerObject object;
+        int beats = 0;
+        object.beat = [&](int) { ++beats; };
+        QElapsedTimer elapsed;
+        elapsed.start();
+        const int id = object.startTimer(1000, Qt::VeryCoarseTimer);
+        QVERIFY(dispatcher()->remainingTime(id) <= 2000);
+        QVERIFY(turnUntil([&] { return beats == 1; }));
+        QVERIFY(elapsed.elapsed() >= 1000);
+    });
+}
+
+void tst_EpollEventDispatcher::wakeUpsAreOneEvent()
+{
+    runWithEpoll([] {
+        for (int i = 0; i < 1000; ++i)
+            dispatcher()->wakeUp();
+        QVERIFY(turn());
+        QVERIFY(!turn());
+    });
+}
+
+// Rings of events: each hops from thread to thread.
+void tst_EpollEventDispatcher::manyThreads()
+{
+    constexpr size_t Threads = 8;
+    constexpr int Hops = 2000;
+    std::vector<std::unique_ptr<QThread>> threads;
+    std::vector<std::unique_ptr<QObject>> objects;
+    for (size_t i = 0; i < Threads; ++i) {
+        threads.push_back(std::make_unique<QThread>());
+        setEpollDispatcher(threads.back().get());
+        objects.push_back(std::make_unique<QObject>());
+        objects.back()->moveToThread(threads.back().get());
+        threads.back()->start();
+    }
+    QSemaphore completed;
+    std::function<void(size_t, int)> hop;
+    hop = [&](size_t thread, int left) {
+        if (left == 0) {
+            completed.release();
+            return;
+        }
+        const size_t next = (thread + 1) % Threads;
+        QMetaObject::invokeMethod(
+                objects[next].get(), [&, next, left] { hop(next, left - 1); },
+                Qt::QueuedConnection);
+    };
+    for (size_t i = 0; i < Threads; ++i)
+        hop(i, Hops);
+    QVERIFY(completed.tryAcquire(int(Threads), GuardMs));
+    for (const auto &thread : threads)
+        thread->quit();
+    for (const auto &thread : threads)
+        QVERIFY(thread->wait(GuardMs));
+}
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication::setEventDispatcher(EpollEventDispatcher::create().release());
+    QCoreApplication application(argc, argv);
+    tst_EpollEventDispatcher test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_epolleventdispatcher.moc"

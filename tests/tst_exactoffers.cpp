@@ -1,0 +1,199 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "plugin/exactoffers.h"
+
+#include <QtTest/QtTest>
+
+namespace {
+
+// An offer of a connection, from its byte number offset on.
+shared_parsedData offerOf(quint64 connection, quint64 offset, const QByteArray &bytes)
+{
+    const shared_parsedData record(new ParsedData);
+    record->setOriginalMessage(bytes);
+    record->addPluginSubId(QStringLiteral("offset"), QString::number(offset));
+    record->addPluginSubId(QStringLiteral("connection"), QString::number(connection));
+    return record;
+}
+
+QByteArray freshOf(const ExactOffers::Offer &offer)
+{
+    return offer.fresh().toByteArray();
+}
+
+} // namespace
+
+class tst_ExactOffers : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void everythingIsNewAtFirst();
+    void repeatIsNotNew();
+    void repeatWithMoreBehind();
+    void afterTheCut();
+    void consumedInParts();
+    void lateOfferOfLess();
+    void nothingToDiscard();
+    void connectionsAreApart();
+    void recordWithoutPosition_data();
+    void recordWithoutPosition();
+    void forgetsByAge();
+    void forgetsByNumber();
+    void anOfferKeepsAConnectionRemembered();
+    void farPositions();
+};
+
+void tst_ExactOffers::everythingIsNewAtFirst()
+{
+    ExactOffers offers;
+    const auto offer = offers.open(*offerOf(7, 100, "abc"));
+    QCOMPARE(freshOf(offer), QByteArray("abc"));
+    QCOMPARE(offer.position(), 100U);
+    QCOMPARE(offer.connection(), 7U);
+    QCOMPARE(offers.size(), 0U);
+    QCOMPARE(offers.consume(offer, 3), 3);
+    QCOMPARE(offers.size(), 1U);
+}
+
+void tst_ExactOffers::repeatIsNotNew()
+{
+    ExactOffers offers;
+    QCOMPARE(offers.consume(offers.open(*offerOf(1, 0, "hello\n")), 6), 6);
+    const auto repeat = offers.open(*offerOf(1, 0, "hello\n"));
+    QVERIFY(repeat.fresh().isEmpty());
+    QCOMPARE(repeat.position(), 6U);
+    QCOMPARE(offers.consume(repeat, 0), 0);
+}
+
+void tst_ExactOffers::repeatWithMoreBehind()
+{
+    ExactOffers offers;
+    offers.consume(offers.open(*offerOf(1, 0, "ab")), 2);
+    const auto offer = offers.open(*offerOf(1, 0, "abcd"));
+    QCOMPARE(freshOf(offer), QByteArray("cd"));
+    QCOMPARE(offers.consume(offer, 1), 3); // with what is repeated: positions are absolute
+    QCOMPARE(freshOf(offers.open(*offerOf(1, 0, "abcd"))), QByteArray("d"));
+}
+
+void tst_ExactOffers::afterTheCut()
+{
+    ExactOffers offers;
+    offers.consume(offers.open(*offerOf(1, 0, "abcd")), 3);
+    const auto offer = offers.open(*offerOf(1, 3, "def"));
+    QCOMPARE(freshOf(offer), QByteArray("def"));
+    QCOMPARE(offers.consume(offer, 3), 3);
+    // Equal bytes at another position are new.
+    QCOMPARE(freshOf(offers.open(*offerOf(1, 6, "def"))), QByteArray("def"));
+}
+
+void tst_ExactOffers::consumedInParts()
+{
+    ExactOffers offers;
+    const auto offer = offers.open(*offerOf(1, 10, "abcd"));
+    QCOMPARE(offers.consume(offer, 1), 1);
+    QCOMPARE(offers.consume(offer, 3), 3); // counted from the same front
+    QCOMPARE(freshOf(offers.open(*offerOf(1, 10, "abcd"))), QByteArray("d"));
+    QCOMPARE(offers.consume(offer, 2), 2); // never goes back
+    QCOMPARE(freshOf(offers.open(*offerOf(1, 10, "abcd"))), QByteArray("d"));
+}
+
+void tst_ExactOffers::lateOfferOfLess()
+{
+    ExactOffers offers;
+    offers.consume(offers.open(*offerOf(1, 0, "abcdef")), 6);
+    QVERIFY(offers.open(*offerOf(1, 0, "abc")).fresh().isEmpty());
+    QVERIFY(offers.open(*offerOf(1, 2, "")).fresh().isEmpty());
+}
+
+void tst_ExactOffers::nothingToDiscard()
+{
+    ExactOffers offers;
+    const auto offer = offers.open(*offerOf(1, 0, "incomplete"));
+    QCOMPARE(offers.consume(offer, 0), 0);
+    QCOMPARE(offers.consume(offer, -1), 0);
+    QCOMPARE(offers.size(), 0U);
+}
+
+void tst_ExactOffers::connectionsAreApart()
+{
+    ExactOffers offers;
+    offers.consume(offers.open(*offerOf(1, 0, "same")), 4);
+    QCOMPARE(freshOf(offers.open(*offerOf(2, 0, "same"))), QByteArray("same"));
+}
+
+void tst_ExactOffers::recordWithoutPosition_data()
+{
+    QTest::addColumn<QString>("offset");
+    QTest::addColumn<QString>("connection");
+    QTest::newRow("neither") << QString() << QString();
+    QTest::newRow("no connection") << QStringLiteral("0") << QString();
+    QTest::newRow("no offset") << QString() << QStringLiteral("1");
+    QTest::newRow("no numbers") << QStringLiteral("x") << QStringLiteral("y");
+}
+
+void tst_ExactOffers::recordWithoutPosition()
+{
+    QFETCH(QString, offset);
+    QFETCH(QString, connection);
+    ExactOffers offers;
+    ParsedData record;
+    record.setOriginalMessage("abc");
+    if (!offset.isNull())
+        record.addPluginSubId(QStringLiteral("offset"), offset);
+    if (!connection.isNull())
+        record.addPluginSubId(QStringLiteral("connection"), connection);
+    for (int n = 0; n < 2; ++n) {
+        const auto offer = offers.open(record);
+        QCOMPARE(freshOf(offer), QByteArray("abc"));
+        QCOMPARE(offer.connection(), 0U);
+        QCOMPARE(offers.consume(offer, 2), 2);
+    }
+    QCOMPARE(offers.size(), 0U);
+}
+
+void tst_ExactOffers::forgetsByAge()
+{
+    using namespace std::chrono_literals;
+    ExactOffers offers({100ms, 10});
+    const auto begin = ExactOffers::Clock::now();
+    const auto record = offerOf(1, 0, "abc");
+    offers.consume(offers.open(*record, begin), 3, begin);
+    QVERIFY(offers.open(*record, begin + 100ms).fresh().isEmpty());
+    QCOMPARE(freshOf(offers.open(*record, begin + 201ms)), QByteArray("abc"));
+    QCOMPARE(offers.size(), 0U);
+}
+
+void tst_ExactOffers::forgetsByNumber()
+{
+    ExactOffers offers({std::chrono::hours(1), 2});
+    for (quint64 connection : {1U, 2U, 3U})
+        offers.consume(offers.open(*offerOf(connection, 0, "abc")), 3);
+    QCOMPARE(offers.size(), 2U);
+    QCOMPARE(freshOf(offers.open(*offerOf(1, 0, "abc"))), QByteArray("abc"));
+    QVERIFY(offers.open(*offerOf(2, 0, "abc")).fresh().isEmpty());
+    QVERIFY(offers.open(*offerOf(3, 0, "abc")).fresh().isEmpty());
+}
+
+void tst_ExactOffers::anOfferKeepsAConnectionRemembered()
+{
+    ExactOffers offers({std::chrono::hours(1), 2});
+    offers.consume(offers.open(*offerOf(1, 0, "abc")), 3);
+    offers.consume(offers.open(*offerOf(2, 0, "abc")), 3);
+    offers.open(*offerOf(1, 0, "abc"));
+    offers.consume(offers.open(*offerOf(3, 0, "abc")), 3);
+    QVERIFY(offers.open(*offerOf(1, 0, "abc")).fresh().isEmpty());
+    QCOMPARE(freshOf(offers.open(*offerOf(2, 0, "abc"))), QByteArray("abc"));
+}
+
+void tst_ExactOffers::farPositions()
+{
+    ExactOffers offers;
+    const quint64 far = (quint64(1) << 40U) + 5;
+    offers.consume(offers.open(*offerOf(1, far, "abc")), 3);
+    QCOMPARE(freshOf(offers.open(*offerOf(1, far + 2, "cd"))), QByteArray("d"));
+}
+
+QTEST_APPLESS_MAIN(tst_ExactOffers)
+#include "tst_exactoffers.moc"

@@ -1,0 +1,205 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "host/options.h"
+
+#include <QtCore/QJsonArray>
+#include <QtCore/QJsonObject>
+#include <QtTest/QtTest>
+
+namespace {
+
+CommandLine parse(const QStringList &arguments)
+{
+    return parseCommandLine(QStringList(QStringLiteral("inputhost")) + arguments);
+}
+
+QStringList words(const char *text)
+{
+    return QString::fromLatin1(text).split(QLatin1Char(' '), Qt::SkipEmptyParts);
+}
+
+} // namespace
+
+class tst_HostOptions : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void defaults();
+    void all();
+    void otherChoices();
+    void settings_data();
+    void settings();
+    void settingsKeepTheirOrder();
+    void refused_data();
+    void refused();
+    void limits();
+    void help();
+    void version();
+};
+
+void tst_HostOptions::defaults()
+{
+    const CommandLine line = parse({});
+    QCOMPARE(line.outcome, CommandLine::Run);
+    const Options &options = line.options;
+    QCOMPARE(options.pluginFile, QString());
+    QCOMPARE(options.entryPoint, EntryPoint::Create);
+    QCOMPARE(options.configFile, QString());
+    QVERIFY(options.settings.isEmpty());
+    QCOMPARE(options.id, QStringLiteral("tcp"));
+    QCOMPARE(options.format.framing, Framing::Lines);
+    QCOMPARE(options.format.maxMessage, 1024 * 1024);
+    QCOMPARE(options.output, OutputFormat::Json);
+    QCOMPARE(options.logLevel, QStringLiteral("info"));
+    QCOMPARE(options.statusEverySeconds, 0);
+    QCOMPARE(options.exitAfter, 0);
+}
+
+void tst_HostOptions::all()
+{
+    const CommandLine line = parse(words(
+            "--plugin lib.so --entry registerPlugin --config - --set a=1 --id x --framing length "
+            "--max-message 7 --output raw --log-level debug --status-every 3 --exit-after 9"));
+    QCOMPARE(line.outcome, CommandLine::Run);
+    const Options &options = line.options;
+    QCOMPARE(options.pluginFile, QStringLiteral("lib.so"));
+    QCOMPARE(options.entryPoint, EntryPoint::RegisterPlugin);
+    QCOMPARE(options.configFile, QStringLiteral("-"));
+    QCOMPARE(options.settings.size(), 1);
+    QCOMPARE(options.id, QStringLiteral("x"));
+    QCOMPARE(options.format.framing, Framing::Length);
+    QCOMPARE(options.format.maxMessage, 7);
+    QCOMPARE(options.output, OutputFormat::Raw);
+    QCOMPARE(options.logLevel, QStringLiteral("debug"));
+    QCOMPARE(options.statusEverySeconds, 3);
+    QCOMPARE(options.exitAfter, 9);
+}
+
+void tst_HostOptions::otherChoices()
+{
+    QCOMPARE(parse(words("--entry create")).options.entryPoint, EntryPoint::Create);
+    QCOMPARE(parse(words("--framing lines")).options.format.framing, Framing::Lines);
+    QCOMPARE(parse(words("--framing none")).options.format.framing, Framing::None);
+    QCOMPARE(parse(words("--output json")).options.output, OutputFormat::Json);
+    QCOMPARE(parse(words("--output count")).options.output, OutputFormat::Count);
+    QCOMPARE(parse(words("--output none")).options.output, OutputFormat::None);
+    QCOMPARE(parse(words("--log-level info")).options.logLevel, QStringLiteral("info"));
+    QCOMPARE(parse(words("--log-level warning")).options.logLevel, QStringLiteral("warning"));
+    QCOMPARE(parse(words("--id=")).options.id, QString());
+}
+
+void tst_HostOptions::settings_data()
+{
+    QTest::addColumn<QString>("argument");
+    QTest::addColumn<QString>("key");
+    QTest::addColumn<QJsonValue>("value");
+
+    const auto row = [](const char *argument, const char *key, const QJsonValue &value) {
+        QTest::newRow(argument) << QString::fromUtf8(argument) << QString::fromUtf8(key) << value;
+    };
+    row("port=7446", "port", 7446);
+    row("x=1.5", "x", 1.5);
+    row("x=true", "x", true);
+    row("x=null", "x", QJsonValue::Null);
+    row("x=\"7446\"", "x", QStringLiteral("7446"));
+    row("x={\"a\":[1]}", "x", QJsonObject{{QStringLiteral("a"), QJsonArray{1}}});
+    row("x=[1,2]", "x", QJsonArray{1, 2});
+    row("ipAddr=127.0.0.1", "ipAddr", QStringLiteral("127.0.0.1"));
+    row("ipAddr=::1", "ipAddr", QStringLiteral("::1"));
+    row("interface=lo", "interface", QStringLiteral("lo"));
+    row("x=", "x", QString());
+    row("x=1,2", "x", QStringLiteral("1,2"));
+    row("x=1],[2", "x", QStringLiteral("1],[2"));
+    row("x=a=b", "x", QStringLiteral("a=b"));
+    row("x=\xc3\xa4", "x", QStringLiteral("\u00e4"));
+}
+
+void tst_HostOptions::settings()
+{
+    QFETCH(QString, argument);
+    const CommandLine line = parse({QStringLiteral("--set"), argument});
+    QCOMPARE(line.outcome, CommandLine::Run);
+    QCOMPARE(line.options.settings.size(), 1);
+    QTEST(line.options.settings.first().first, "key");
+    QTEST(line.options.settings.first().second, "value");
+}
+
+void tst_HostOptions::settingsKeepTheirOrder()
+{
+    const CommandLine line = parse(words("--set a=1 --set b=2 --set a=3"));
+    const QList<std::pair<QString, QJsonValue>> expected = {
+            {QStringLiteral("a"), 1}, {QStringLiteral("b"), 2}, {QStringLiteral("a"), 3}};
+    QCOMPARE(line.options.settings, expected);
+}
+
+void tst_HostOptions::refused_data()
+{
+    QTest::addColumn<QString>("named"); // by the complaint
+
+    QTest::newRow("--nonsense") << "nonsense";
+    QTest::newRow("surplus") << "surplus";
+    QTest::newRow("--plugin") << "plugin";
+    QTest::newRow("--set port") << "KEY=VALUE";
+    QTest::newRow("--set =1") << "KEY=VALUE";
+    QTest::newRow("--entry other") << "--entry: 'other'";
+    QTest::newRow("--framing line") << "--framing: 'line'";
+    QTest::newRow("--output JSON") << "--output: 'JSON'";
+    QTest::newRow("--log-level error") << "--log-level: 'error'";
+    QTest::newRow("--max-message 0") << "--max-message: '0'";
+    QTest::newRow("--max-message -1") << "--max-message: '-1'";
+    QTest::newRow("--max-message 1k") << "--max-message: '1k'";
+    QTest::newRow("--max-message 99999999999") << "--max-message: '99999999999'";
+    QTest::newRow("--max-message=") << "--max-message: ''";
+    QTest::newRow("--status-every 0") << "--status-every: '0'";
+    QTest::newRow("--status-every x") << "--status-every: 'x'";
+    QTest::newRow("--status-every=") << "--status-every: ''";
+    QTest::newRow("--exit-after 0") << "--exit-after: '0'";
+    QTest::newRow("--exit-after x --output x") << "--output: 'x'"; // the first one read
+}
+
+void tst_HostOptions::refused()
+{
+    QFETCH(QString, named);
+    const CommandLine line = parse(words(QTest::currentDataTag()));
+    QCOMPARE(line.outcome, CommandLine::Refuse);
+    QVERIFY2(line.text.contains(named), qPrintable(line.text));
+}
+
+void tst_HostOptions::limits()
+{
+    QCOMPARE(parse(words("--max-message 1")).options.format.maxMessage, 1);
+    QCOMPARE(parse(words("--max-message 1073741823")).options.format.maxMessage, 1073741823);
+    QCOMPARE(parse(words("--max-message 1073741824")).outcome, CommandLine::Refuse);
+    QCOMPARE(parse(words("--status-every 2147483")).options.statusEverySeconds, 2147483);
+    QCOMPARE(parse(words("--status-every 2147484")).outcome, CommandLine::Refuse);
+    QCOMPARE(parse(words("--exit-after 9223372036854775807")).options.exitAfter,
+             Q_INT64_C(9223372036854775807));
+}
+
+void tst_HostOptions::help()
+{
+    for (const char *arguments : {"--help", "-h", "--help --output x"}) {
+        const CommandLine line = parse(words(arguments));
+        QCOMPARE(line.outcome, CommandLine::Inform);
+        for (const char *named :
+             {"--plugin", "--entry", "--config", "--set", "--id", "--framing", "--max-message",
+              "--output", "--log-level", "--status-every", "--exit-after", "--help", "--version",
+              "Exit codes", "SIGHUP", "slow reader"})
+            QVERIFY2(line.text.contains(QLatin1String(named)), named);
+    }
+}
+
+void tst_HostOptions::version()
+{
+    QCoreApplication::setApplicationVersion(QStringLiteral("1.2.3"));
+    for (const char *arguments : {"--version", "-v"}) {
+        const CommandLine line = parse(words(arguments));
+        QCOMPARE(line.outcome, CommandLine::Inform);
+        QCOMPARE(line.text, QStringLiteral("tst_hostoptions 1.2.3\n"));
+    }
+}
+
+QTEST_GUILESS_MAIN(tst_HostOptions)
+#include "tst_hostoptions.moc"

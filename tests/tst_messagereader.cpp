@@ -1,0 +1,501 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "host/messagereader.h"
+
+#include "messagecapture.h"
+
+#include <QtTest/QtTest>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int CutGraceMs = 50;
+
+shared_parsedData offer(const QByteArray &bytes, const QString &client = QStringLiteral("c"),
+                        int task = 0)
+{
+    shared_parsedData record(new ParsedData);
+    record->setPluginId(QStringLiteral("tcp"));
+    record->setPeerAddress(QStringLiteral("127.0.0.2"));
+    record->setPeerPort(40001);
+    record->setSource(QStringLiteral("TCP:") + client);
+    record->setOriginalMessage(bytes);
+    record->addPluginSubId(QStringLiteral("client"), client);
+    record->addPluginSubId(QStringLiteral("task"), QString::number(task));
+    return record;
+}
+
+// An offer of a connection, from its byte number offset on.
+shared_parsedData stamped(quint64 connection, quint64 offset, const QByteArray &bytes)
+{
+    const shared_parsedData record = offer(bytes);
+    record->addPluginSubId(QStringLiteral("offset"), QString::number(offset));
+    record->addPluginSubId(QStringLiteral("connection"), QString::number(connection));
+    return record;
+}
+
+} // namespace
+
+class tst_MessageReader : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+
+    void answersWithCompleteMessages();
+    void doesNotAnswerIncompleteOnes();
+    void recordFields();
+    void repeatIsNeitherPrintedNorDiscarded();
+    void newBytesBehindARepeat();
+    void sameBytesLaterAreNew();
+    void offersThatWaitAreRepeats();
+    void unclearOfferThenSilence();
+    void unclearOfferThenAnother();
+    void lastOffersOfAPlugin();
+    void unclearOfferIsReadBeforeItsClientIsForgotten();
+    void clientsAreApart();
+    void otherConnectionUnderTheSameId();
+    void tooLongWarnsOnce();
+    void tooLongAcrossOffers();
+    void lengthFraming();
+    void noFraming();
+    void messageLimit();
+    void messageLimitEndsPartialsToo();
+    void forgetsAll();
+    void forgetsSilentConnections();
+    void forgetsTheLongestSilentOfTooMany();
+    void keepsNothingOfSettledConnections();
+    void countsConnectionsOnce();
+    void stampedOffersAreTakenOnce();
+    void stampedTailIsPartial();
+    void stampedTooLongAcrossOffers();
+    void stampedConnectionsShareAnId();
+
+private:
+    void make(const FrameFormat &format, OutputFormat outputFormat = OutputFormat::Raw);
+    QByteArray written() const; // since the last call
+    QList<int> discards() const { return discarded; }
+
+    int pipeEnds[2] = {-1, -1};
+    std::unique_ptr<Counters> counters;
+    std::unique_ptr<Output> output;
+    std::unique_ptr<MessageReader> reader;
+    QList<int> discarded;
+};
+
+void tst_MessageReader::init()
+{
+    QCOMPARE(::pipe2(pipeEnds, O_NONBLOCK | O_CLOEXEC), 0);
+    make({});
+}
+
+void tst_MessageReader::cleanup()
+{
+    reader.reset();
+    ::close(pipeEnds[0]);
+    ::close(pipeEnds[1]);
+}
+
+void tst_MessageReader::make(const FrameFormat &format, OutputFormat outputFormat)
+{
+    reader.reset();
+    discarded.clear();
+    counters = std::make_unique<Counters>();
+    output = std::make_unique<Output>(outputFormat, format.framing, pipeEnds[1]);
+    reader = std::make_unique<MessageReader>(format, *output, *counters);
+    connect(reader.get(), &MessageReader::answered, this,
+            [this](int bytes, const QMap<QString, QString> &) { discarded += bytes; });
+}
+
+QByteArray tst_MessageReader::written() const
+{
+    output->flush();
+    QByteArray result;
+    char buffer[4096];
+    for (ssize_t size = 0; (size = ::read(pipeEnds[0], buffer, sizeof buffer)) > 0;)
+        result.append(buffer, size);
+    return result;
+}
+
+void tst_MessageReader::answersWithCompleteMessages()
+{
+    QSignalSpy spy(reader.get(), &MessageReader::answered);
+    reader->receive(offer("a\nbc\nd", QStringLiteral("x"), 3));
+    QCOMPARE(written(), QByteArray("a\nbc\n"));
+    QCOMPARE(spy.count(), 1);
+    QCOMPARE(spy.first().at(0).toInt(), 5);
+    const auto subId = spy.first().at(1).value<QMap<QString, QString>>();
+    const QMap<QString, QString> expected = {{QStringLiteral("client"), QStringLiteral("x")},
+                                             {QStringLiteral("task"), QStringLiteral("3")}};
+    QCOMPARE(subId, expected);
+    QCOMPARE(counters->longLine(),
+             QStringLiteral("messages 2 bytes 3 connections 1 partial 0 too-long 0 offers 1"));
+}
+
+void tst_MessageReader::doesNotAnswerIncompleteOnes()
+{
+    reader->receive(offer("ab"));
+    reader->receive(offer("abc"));
+    QCOMPARE(discards(), QList<int>());
+    reader->receive(offer("abc\n"));
+    QCOMPARE(discards(), QList<int>({4}));
+    QCOMPARE(written(), QByteArray("abc\n"));
+}
+
+void tst_MessageReader::recordFields()
+{
+    make({}, OutputFormat::Json);
+    const shared_parsedData record = offer("a\n", QStringLiteral("x"), 2);
+    reader->receive(record);
+    const QByteArray time = record->getTimestamp(QTimeZone::utc()).toLatin1();
+    QVERIFY(time.endsWith('Z'));
+    QCOMPARE(written(),
+             "{\"time\":\"" + time
+                     + "\","
+                       R"("plugin":"tcp","source":"TCP:x","peer":"127.0.0.2","port":40001,)"
+                       R"("client":"x","task":2,"bytes":1,"text":"a"})"
+                       "\n");
+}
+
+void tst_MessageReader::repeatIsNeitherPrintedNorDiscarded()
+{
+    reader->receive(offer("hello\n"));
+    reader->receive(offer("hello\n"));
+    QCOMPARE(written(), QByteArray("hello\n"));
+    QCOMPARE(discards(), QList<int>({6}));
+    QCOMPARE(counters->offers, 2);
+}
+
+void tst_MessageReader::newBytesBehindARepeat()
+{
+    reader->receive(offer("a\nb"));
+    reader->receive(offer("a\nbc\nd\ne"));
+    QCOMPARE(written(), QByteArray("a\nbc\nd\n"));
+    QCOMPARE(discards(), QList<int>({2, 5}));
+}
+
+void tst_MessageReader::sameBytesLaterAreNew()
+{
+    QElapsedTimer since;
+    since.start();
+    reader->receive(offer("a\n"));
+    QTRY_COMPARE(reader->rememberedConnections(), 0);
+    QVERIFY(since.elapsed() >= CutGraceMs * 95 / 100);
+    reader->receive(offer("a\n"));
+    QCOMPARE(written(), QByteArray("a\na\n"));
+    QCOMPARE(discards(), QList<int>({2, 2}));
+}
+
+// However long the host takes: what waited when it discarded was made before.
+void tst_MessageReader::offersThatWaitAreRepeats()
+{
+    QMetaObject::invokeMethod(
+            reader.get(), [this] { reader->receive(offer("a\na\n")); }, Qt::QueuedConnection);
+    reader->receive(offer("a\n"));
+    QThread::msleep(2 * CutGraceMs); // as writing to a slow reader does
+    QTRY_COMPARE(counters->offers, 2);
+    QCOMPARE(written(), QByteArray("a\na\n"));
+    QCOMPARE(discards(), QList<int>({2, 2}));
+}
+
+void tst_MessageReader::unclearOfferThenSilence()
+{
+    reader->receive(offer("a\n"));
+    QCoreApplication::sendPostedEvents();
+    reader->receive(offer("a\nb\n"));
+    QCOMPARE(written(), QByteArray("a\n"));
+    QCOMPARE(discards(), QList<int>({2, 0}));
+    QTRY_COMPARE(counters->messages, 2);
+    QCOMPARE(written(), QByteArray("b\n"));
+    QCOMPARE(discards(), QList<int>({2, 0, 2}));
+    QTRY_COMPARE(reader->rememberedConnections(), 0);
+}
+
+void tst_MessageReader::unclearOfferThenAnother()
+{
+    reader->receive(offer("a\n"));
+    QCoreApplication::sendPostedEvents();
+    reader->receive(offer("a\nb\n"));
+    QCOMPARE(written(), QByteArray("a\n"));
+    reader->receive(offer("a\nb\nc\n"));
+    QCOMPARE(written(), QByteArray("a\nb\nc\n"));
+    QCOMPARE(discards(), QList<int>({2, 0, 6}));
+    QTRY_COMPARE(reader->rememberedConnections(), 0);
+    QCOMPARE(counters->messages, 4);
+}
+
+// Nobody answers a question any more.
+void tst_MessageReader::lastOffersOfAPlugin()
+{
+    for (const char *client : {"x", "y", "z"})
+        reader->receive(offer("a\n", QString::fromLatin1(client)));
+    QCoreApplication::sendPostedEvents();
+    QCOMPARE(written(), QByteArray("a\na\na\n"));
+    QCOMPARE(discards(), QList<int>({2, 2, 2}));
+
+    reader->setAnswering(false);
+    reader->receive(offer("b\n", QStringLiteral("x"))); // the cut was carried out
+    reader->receive(offer("b\n", QStringLiteral("x"))); // but not the one for this
+    QCOMPARE(written(), QByteArray("b\n"));
+    reader->receive(offer("a\n", QStringLiteral("y"))); // made when the device closed
+    reader->receive(offer("a\na\n", QStringLiteral("z"))); // made by an earlier discard
+    reader->receive(offer("a\na\na\n", QStringLiteral("z"))); // made by stop()
+    QCOMPARE(written(), QByteArray("a\na\na\n"));
+    reader->forgetAll();
+    QCOMPARE(written(), QByteArray());
+    QCOMPARE(discards(), QList<int>({2, 2, 2}));
+}
+
+void tst_MessageReader::unclearOfferIsReadBeforeItsClientIsForgotten()
+{
+    reader->receive(offer("a\n"));
+    QCoreApplication::sendPostedEvents();
+    reader->receive(offer("a\nb\nhalf"));
+    reader->forgetAll();
+    QCOMPARE(written(), QByteArray("a\nb\n"));
+    QCOMPARE(discards(), QList<int>({2, 0})); // nobody is there to answer
+    QCOMPARE(counters->partial, 1);
+}
+
+void tst_MessageReader::clientsAreApart()
+{
+    reader->receive(offer("a\nb", QStringLiteral("x"), 0));
+    reader->receive(offer("a\nb", QStringLiteral("y"), 0));
+    reader->receive(offer("a\nb", QStringLiteral("x"), 1));
+    QCOMPARE(written(), QByteArray("a\na\na\n"));
+    QCOMPARE(discards(), QList<int>({2, 2, 2}));
+    QCOMPARE(counters->connections(), 2);
+}
+
+void tst_MessageReader::otherConnectionUnderTheSameId()
+{
+    make({}, OutputFormat::Json);
+    reader->receive(offer("half"));
+    reader->receive(offer("whole\n"));
+    const QByteArrayList lines = written().split('\n');
+    QVERIFY(lines.at(0).endsWith(R"("bytes":4,"text":"half","partial":true})"));
+    QVERIFY(lines.at(1).endsWith(R"("bytes":5,"text":"whole"})"));
+    QCOMPARE(discards(), QList<int>({6}));
+    QCOMPARE(counters->partial, 1);
+}
+
+void tst_MessageReader::tooLongWarnsOnce()
+{
+    make({Framing::Lines, 3});
+    const MessageCapture capture;
+    reader->receive(offer("1234\nabc\n12345\n", QStringLiteral("x")));
+    const QList<CapturedMessage> lines = MessageCapture::take();
+    QCOMPARE(lines.size(), 2);
+    for (const CapturedMessage &line : lines) {
+        QCOMPARE(line.level, QtWarningMsg);
+        QVERIFY(line.text.endsWith(
+                QLatin1String("Message of more than 3 bytes skipped, from TCP:x")));
+    }
+    QCOMPARE(written(), QByteArray("abc\n"));
+    QCOMPARE(discards(), QList<int>({15}));
+    QCOMPARE(counters->tooLong, 2);
+}
+
+void tst_MessageReader::tooLongAcrossOffers()
+{
+    make({Framing::Lines, 3});
+    const MessageCapture capture;
+    reader->receive(offer("12345"));
+    // Nothing of it is held: the plugin's buffer is empty again.
+    QCOMPARE(discards(), QList<int>({5}));
+    reader->receive(offer("12345678")); // a repeat, and more
+    QCOMPARE(discards(), QList<int>({5, 3}));
+    QCoreApplication::sendPostedEvents();
+    reader->receive(offer("9\nabc\n"));
+    QCOMPARE(discards(), QList<int>({5, 3, 6}));
+    QCOMPARE(written(), QByteArray("abc\n"));
+    QCOMPARE(MessageCapture::take().size(), 1);
+    QCOMPARE(counters->tooLong, 1);
+}
+
+void tst_MessageReader::lengthFraming()
+{
+    make({Framing::Length, 100}, OutputFormat::Json);
+    const QByteArray bytes("\0\0\0\1a\0\0\0\0\0\0\0\3bc", 15);
+    reader->receive(offer(bytes));
+    QCOMPARE(discards(), QList<int>({9}));
+    reader->forgetAll();
+    const QByteArrayList lines = written().split('\n');
+    QVERIFY(lines.at(0).endsWith(R"("bytes":1,"text":"a"})"));
+    QVERIFY(lines.at(1).endsWith(R"("bytes":0,"text":""})"));
+    QVERIFY(lines.at(2).endsWith(R"("bytes":2,"text":"bc","partial":true})"));
+}
+
+void tst_MessageReader::noFraming()
+{
+    make({Framing::None, 3});
+    reader->receive(offer("12345\n"));
+    reader->receive(offer("12345\n67"));
+    QCOMPARE(written(), QByteArray("12345\n67"));
+    QCOMPARE(discards(), QList<int>({6, 2}));
+    QCOMPARE(counters->messages, 2);
+    QCOMPARE(counters->bytes, 8);
+}
+
+void tst_MessageReader::messageLimit()
+{
+    QSignalSpy finished(reader.get(), &MessageReader::finished);
+    reader->setMessageLimit(3);
+    reader->receive(offer("a\nb\n"));
+    QCOMPARE(finished.count(), 0);
+    reader->receive(offer("c\nd\n", QStringLiteral("x")));
+    QCOMPARE(finished.count(), 1);
+    reader->receive(offer("e\n", QStringLiteral("y")));
+    QCOMPARE(finished.count(), 1);
+    QCOMPARE(counters->offers, 2);
+    QCOMPARE(written(), QByteArray("a\nb\nc\n"));
+    QCOMPARE(discards(), QList<int>({4, 2}));
+    QCOMPARE(counters->messages, 3);
+}
+
+void tst_MessageReader::messageLimitEndsPartialsToo()
+{
+    make({}, OutputFormat::Json);
+    reader->setMessageLimit(1);
+    reader->receive(offer("half", QStringLiteral("x")));
+    reader->receive(offer("a\nb\n"));
+    reader->forgetAll();
+    QCOMPARE(written().count('\n'), 1);
+    QCOMPARE(counters->partial, 0);
+}
+
+void tst_MessageReader::forgetsAll()
+{
+    make({}, OutputFormat::Json);
+    reader->receive(offer("a\nhalf"));
+    reader->receive(offer("b\n", QStringLiteral("x")));
+    reader->forgetAll();
+    QCOMPARE(written().split('\n').at(2).right(35),
+             QByteArray(R"("bytes":4,"text":"half","partial":true})").right(35));
+    reader->forgetAll();
+    QCOMPARE(written(), QByteArray());
+    // A new plugin: new connections.
+    reader->receive(offer("a\n"));
+    QCOMPARE(counters->messages, 3);
+}
+
+void tst_MessageReader::forgetsSilentConnections()
+{
+    make({}, OutputFormat::Json);
+    reader->setIdleTimeout(1);
+    QElapsedTimer since;
+    since.start();
+    reader->receive(offer("half"));
+    QTRY_COMPARE_WITH_TIMEOUT(counters->partial, 1, 60000);
+    QVERIFY(since.elapsed() >= 3050 * 95 / 100);
+    QVERIFY(written().endsWith(R"("text":"half","partial":true})"
+                               "\n"));
+}
+
+void tst_MessageReader::forgetsTheLongestSilentOfTooMany()
+{
+    make({}, OutputFormat::Json);
+    for (int n = 0; n < 100000; ++n)
+        reader->receive(offer("half", QString::number(n)));
+    reader->receive(offer("half of it", QStringLiteral("0")));
+    QCOMPARE(written(), QByteArray());
+    reader->receive(offer("half", QStringLiteral("x")));
+    // 0 has made itself heard meanwhile.
+    const QByteArray forgotten = written();
+    QCOMPARE(forgotten.count('\n'), 1);
+    QVERIFY2(forgotten.contains(R"("client":"1",)"), forgotten.constData());
+    QCOMPARE(reader->rememberedConnections(), 100000);
+}
+
+void tst_MessageReader::keepsNothingOfSettledConnections()
+{
+    for (int n = 0; n < 10; ++n)
+        reader->receive(offer("a\n", QString::number(n)));
+    reader->receive(offer("a\nb", QStringLiteral("x")));
+    QCOMPARE(reader->rememberedConnections(), 11);
+    QTRY_COMPARE(reader->rememberedConnections(), 1);
+    reader->receive(offer("bc\n", QStringLiteral("x")));
+    QCOMPARE(counters->messages, 12);
+    QTRY_COMPARE(reader->rememberedConnections(), 0);
+}
+
+void tst_MessageReader::countsConnectionsOnce()
+{
+    for (int round = 0; round < 2; ++round) {
+        for (int n = 0; n < 5; ++n)
+            reader->receive(offer("a\n", QString::number(n)));
+        QTRY_COMPARE(reader->rememberedConnections(), 0);
+    }
+    QCOMPARE(counters->connections(), 5);
+}
+
+void tst_MessageReader::stampedOffersAreTakenOnce()
+{
+    make({});
+    reader->receive(stamped(1, 0, "a\nb\nc"));
+    QCOMPARE(written(), QByteArray("a\nb\n"));
+    QCOMPARE(discards(), QList<int>{4});
+    QCOMPARE(reader->rememberedConnections(), 1);
+
+    reader->receive(stamped(1, 0, "a\nb\nc")); // not cut yet
+    reader->receive(stamped(1, 0, "a\nb\nc\na\nb\n")); // and the same bytes sent again
+    QCOMPARE(written(), QByteArray("c\na\nb\n"));
+    QCOMPARE(discards(), QList<int>({4, 10}));
+    QCOMPARE(reader->rememberedConnections(), 0); // nothing is left of it
+
+    reader->receive(stamped(1, 4, "c\na\nb\n")); // the last offer, half cut
+    QCOMPARE(written(), QByteArray());
+    QCOMPARE(discards().size(), 2);
+    reader->receive(stamped(1, 10, "a\n"));
+    QCOMPARE(written(), QByteArray("a\n"));
+    QCOMPARE(discards().last(), 2);
+}
+
+void tst_MessageReader::stampedTailIsPartial()
+{
+    make({}, OutputFormat::Json);
+    reader->receive(stamped(1, 0, "a\nrest"));
+    reader->receive(stamped(1, 2, "rest")); // its last offer
+    reader->forgetAll();
+    const QByteArray text = written();
+    QCOMPARE(text.count("\"partial\":true"), 1);
+    QVERIFY2(text.contains("\"text\":\"rest\""), text.constData());
+    QCOMPARE(reader->rememberedConnections(), 0);
+}
+
+void tst_MessageReader::stampedTooLongAcrossOffers()
+{
+    FrameFormat format;
+    format.maxMessage = 4;
+    make(format);
+    const MessageCapture capture;
+    reader->receive(stamped(1, 0, "0123456789"));
+    reader->receive(stamped(1, 0, "0123456789abc"));
+    reader->receive(stamped(1, 10, "abc\nok\n"));
+    QCOMPARE(written(), QByteArray("ok\n"));
+    QCOMPARE(MessageCapture::take().size(), 1);
+    int sum = 0;
+    QCOMPARE(discards().size(), 3);
+    for (int length : discards())
+        sum = std::max(sum, length);
+    QCOMPARE(sum, 13);
+    QCOMPARE(counters->tooLong, 1);
+}
+
+// A device that uses its port again has the same client id, and nothing to do with the one before.
+void tst_MessageReader::stampedConnectionsShareAnId()
+{
+    make({});
+    reader->receive(stamped(1, 0, "same\n"));
+    reader->receive(stamped(2, 0, "same\n"));
+    QCOMPARE(written(), QByteArray("same\nsame\n"));
+    QCOMPARE(discards(), QList<int>({5, 5}));
+}
+
+QTEST_GUILESS_MAIN(tst_MessageReader)
+#include "tst_messagereader.moc"

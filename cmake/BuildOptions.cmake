@@ -31,5 +31,7 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 # ccache, when it is there, makes a second build of the same sources cheap.
 find_program(CCACHE_PROGRAM ccache)
 if(CCACHE_PROGRAM AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-    set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE_PROGRAM})
+    # What ccache wants to be told before it caches compilations with precompiled headers.
+    set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env
+        CCACHE_SLOPPINESS=pch_defines,time_macros ${CCACHE_PROGRAM})
 endif()

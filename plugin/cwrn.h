@@ -3,9 +3,9 @@
 
 #pragma once
 
+#include <QtCore/QDateTime>
 #include <QtCore/QDebug>
 #include <QtCore/QString>
-#include <QtCore/QTime>
 
 #include <type_traits>
 #include <utility>
@@ -17,7 +17,7 @@
     so a marker that an earlier argument brought in is replaced by a later one. Arguments are
     strings, unsigned short, int, long or long long. Nothing is filtered here.
 
-    Thread: any; no shared state.
+    Thread: any; no state is shared between threads.
 */
 class CWRN
 {
@@ -26,11 +26,36 @@ public:
     CWRN(QtMsgType level, QString format, Args &&...args) : message(std::move(format))
     {
         (substitute(args), ...);
-        const QTime now = QTime::currentTime();
-        QDebug(level).noquote() << now.toString(QStringLiteral("hh:mm:ss.zzz")) << message;
+        QDebug(level).noquote() << localTime() << message;
     }
 
 private:
+    // Now as hh:mm:ss.zzz. Each thread keeps its latest second: conversion to local time costs more
+    // than all the rest of a line, and a device that comes and goes causes a dozen lines at once.
+    static QString localTime()
+    {
+        thread_local qint64 secondShown = -1;
+        thread_local QTime time;
+        const qint64 now = QDateTime::currentMSecsSinceEpoch();
+        if (now / 1000 != secondShown) {
+            secondShown = now / 1000;
+            time = QDateTime::fromMSecsSinceEpoch(now).time();
+        }
+        QString text = QStringLiteral("hh:mm:ss.zzz");
+        QChar *const digits = text.data();
+        putDigits(digits, 2, time.hour());
+        putDigits(digits + 3, 2, time.minute());
+        putDigits(digits + 6, 2, time.second());
+        putDigits(digits + 9, 3, static_cast<int>(now % 1000));
+        return text;
+    }
+
+    static void putDigits(QChar *first, int count, int value)
+    {
+        for (QChar *digit = first + count; digit != first; value /= 10)
+            *--digit = QLatin1Char(static_cast<char>('0' + value % 10));
+    }
+
     template<class T>
     void substitute(const T &value)
     {

@@ -4,12 +4,13 @@
 #pragma once
 
 #include <QtCore/QString>
+#include <QtCore/QStringBuilder>
 
 // "tcp2:<local address>:<local port>-<peer address>:<peer port>": the key of a task's registry and
 // the routing id "client" of every record. IPv6 addresses stand without brackets.
 inline QString clientId(const QString &localAddress, quint16 localPort, const QString &peerAddress,
                         quint16 peerPort)
 {
-    return QLatin1String("tcp2:") + localAddress + QLatin1Char(':') + QString::number(localPort)
-            + QLatin1Char('-') + peerAddress + QLatin1Char(':') + QString::number(peerPort);
+    return QLatin1String("tcp2:") % localAddress % QLatin1Char(':') % QString::number(localPort)
+            % QLatin1Char('-') % peerAddress % QLatin1Char(':') % QString::number(peerPort);
 }

@@ -39,7 +39,7 @@ void announceAgain(QSslSocket *socket)
 
 SslServer::SslServer(QObject *parent)
     : QSslServer(parent),
-      guard(this, [this] { return waiting(); })
+      guard(this, [this] { return openHandshakes + ready.size(); })
 {
     setListenBacklogSize(ListenBacklog);
 }
@@ -64,12 +64,7 @@ void SslServer::close()
     for (TlsHandshake *handshake : handshakes)
         handshake->drop();
 
-    std::deque<Socket *> dropped;
-    {
-        const QMutexLocker locker(&mutex);
-        dropped.swap(ready);
-    }
-    for (Socket *socket : dropped) {
+    for (Socket *socket : ready.takeAll()) {
         socket->moveToThread(QThread::currentThread());
         delete socket;
     }
@@ -77,20 +72,14 @@ void SslServer::close()
 
 bool SslServer::hasPendingConnections() const
 {
-    const QMutexLocker locker(&mutex);
-    return !ready.empty();
+    return ready.size() > 0;
 }
 
 QTcpSocket *SslServer::nextPendingConnection()
 {
-    Socket *socket = nullptr;
-    {
-        const QMutexLocker locker(&mutex);
-        if (ready.empty())
-            return nullptr;
-        socket = ready.front();
-        ready.pop_front();
-    }
+    Socket *socket = ready.take().value_or(nullptr);
+    if (!socket)
+        return nullptr;
     socket->moveToThread(QThread::currentThread());
     socket->restoreEndpoints();
     connect(
@@ -119,16 +108,7 @@ void SslServer::incomingConnection(qintptr descriptor)
 void SslServer::enqueue(Socket *socket)
 {
     socket->moveToThread(nullptr); // its parent is null already
-    {
-        const QMutexLocker locker(&mutex);
-        ready.push_back(socket);
-    }
+    ready.add(socket);
     // The signal is private to Qt's class, but can be invoked by name.
     QMetaObject::invokeMethod(this, "pendingConnectionAvailable", Qt::DirectConnection);
-}
-
-qsizetype SslServer::waiting() const
-{
-    const QMutexLocker locker(&mutex);
-    return openHandshakes + static_cast<qsizetype>(ready.size());
 }

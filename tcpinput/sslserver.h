@@ -5,12 +5,10 @@
 
 #include "tcpinput/acceptedsocket.h"
 #include "tcpinput/acceptguard.h"
+#include "tcpinput/pendingconnections.h"
 
-#include <QtCore/QMutex>
 #include <QtNetwork/QSslServer>
 #include <QtNetwork/QSslSocket>
-
-#include <deque>
 
 class TlsHandshake;
 
@@ -26,7 +24,7 @@ class TlsHandshake;
 
     Thread: its creator's, except hasPendingConnections() and nextPendingConnection(): any.
     Owner:  the plugin.
-    Locks:  mutex; never held while emitting.
+    Locks:  those of its parts; never held while emitting.
 */
 class SslServer : public QSslServer
 {
@@ -47,6 +45,8 @@ public:
     void close();
 
     bool hasPendingConnections() const override;
+    // The oldest connection that is not reserved yet goes to that thread and to no other.
+    void reserveFor(const QThread *taker) { ready.reserveFor(taker); }
     // A socket without parent that lives in the calling thread and belongs to the caller; null if
     // none is pending. What it received, and its end, are announced once more in that thread.
     QTcpSocket *nextPendingConnection() override;
@@ -58,10 +58,8 @@ protected:
 
 private:
     void enqueue(Socket *socket);
-    qsizetype waiting() const;
 
     bool stamping = false; // this and the next: the server's thread only
     qsizetype openHandshakes = 0;
-    mutable QMutex mutex;
-    std::deque<Socket *> ready; // guarded by mutex; the sockets live in no thread
+    PendingConnections<Socket *> ready; // the sockets live in no thread
 };

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <utility>
 
 namespace {
 
@@ -20,18 +21,6 @@ constexpr int CheckIntervalMs = 2000;
 constexpr int LogReadAboveBytes = 1000;
 constexpr qsizetype ReofferAboveBytes = 20; // left after a cut
 constexpr qsizetype KickAboveBytes = 80;
-
-// Removing from the front keeps the whole block, and first copies all of a shared one: what is left
-// moves to a block of its own instead.
-void removeFront(QByteArray &buffer, qsizetype len)
-{
-    if (len >= buffer.size())
-        buffer = QByteArray();
-    else if (len > 0 && !buffer.isDetached())
-        buffer = QByteArray(buffer.constData() + len, buffer.size() - len);
-    else if (len > 0)
-        buffer.remove(0, len);
-}
 
 } // namespace
 
@@ -107,7 +96,7 @@ void TcpClient2::emitData()
     Connection c;
     {
         const QReadLocker locker(&inbufLock);
-        c.setData(inbuf);
+        c.setData(inbuf.copy());
     }
     {
         const QMutexLocker locker(&socketMutex);
@@ -192,9 +181,7 @@ void TcpClient2::cutFront(qsizetype len)
     qsizetype remaining = 0;
     {
         const QWriteLocker locker(&inbufLock);
-        const qsizetype cut = std::clamp<qsizetype>(len, 0, inbuf.size());
-        removeFront(inbuf, cut);
-        bytesCut += static_cast<quint64>(cut);
+        bytesCut += static_cast<quint64>(inbuf.cutFront(len));
         remaining = inbuf.size();
     }
     if (remaining <= ReofferAboveBytes)
@@ -267,7 +254,7 @@ bool TcpClient2::appendAvailable()
     bytesReceived += msgsize;
     ++msgsReceived;
     const QWriteLocker locker(&inbufLock);
-    inbuf.append(data);
+    inbuf.append(std::move(data));
     return true;
 }
 

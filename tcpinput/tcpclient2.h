@@ -4,8 +4,8 @@
 #pragma once
 
 #include "plugin/connection.h"
+#include "tcpinput/inputbuffer.h"
 
-#include <QtCore/QByteArray>
 #include <QtCore/QMutex>
 #include <QtCore/QObject>
 #include <QtCore/QQueue>
@@ -102,7 +102,7 @@ private:
     QString id; // as socket; written once more, at the first read
     QTimer idleTimer; // this and all below: the client's thread only, but for inbuf
     QTimer checkTimer;
-    QByteArray inbuf; // guarded by inbufLock
+    InputBuffer inbuf; // guarded by inbufLock
     qint64 lastEmit = 0; // ms since the epoch
     qint64 bytesReceived = 0;
     qint64 msgsReceived = 0; // reads, not messages of the data stream

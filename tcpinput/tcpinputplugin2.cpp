@@ -21,7 +21,9 @@ namespace {
 constexpr quint16 DefaultPort = 7446;
 constexpr int HighestPort = 65534;
 constexpr int StatusIntervalMs = 10000;
-constexpr int RetryIntervalMs = 500; // for connections that no worker could be had for
+// For connections that no worker could be had for: longer each time, since each try is logged.
+constexpr int FirstRetryMs = 500;
+constexpr int LongestRetryMs = 1900;
 constexpr unsigned long StopPauseMs = 10; // for the workers to begin their winding down
 constexpr unsigned long ReportPauseMs = 1;
 
@@ -67,7 +69,6 @@ void TcpInputPlugin2::initialise()
     qRegisterMetaType<Connection>();
     qRegisterMetaType<shared_parsedData>();
 
-    retryTimer.setInterval(RetryIntervalMs);
     connect(&retryTimer, &QTimer::timeout, this, &TcpInputPlugin2::retryUntaken);
 
     for (const AcceptGuard *guard : {&tcpServer.guard, &sslServer.guard}) {
@@ -375,10 +376,11 @@ void TcpInputPlugin2::handleConnection()
     // What was accepted on top would take the descriptors that the worker's thread waits for.
     activeGuard().hold(true);
     if (!retryTimer.isActive())
-        retryTimer.start();
+        retryTimer.start(FirstRetryMs);
 }
 
-// The socket stays in the server until the task takes it, in its own thread.
+// The socket stays in the server until the task takes it, in its own thread. When all that is
+// pending has been dealt out before, the task will find nothing to take.
 bool TcpInputPlugin2::handOver()
 {
     TcpTask2 *task = getTask();
@@ -387,15 +389,19 @@ bool TcpInputPlugin2::handOver()
 
     Connection conn = connTemplate;
     conn.setSsl(useSsl);
-    if (useSsl)
+    if (useSsl) {
         conn.setSslServer(&sslServer);
-    else
+        sslServer.reserveFor(task->thread());
+    } else {
         conn.setTcpServer(&tcpServer);
+        tcpServer.reserveFor(task->thread());
+    }
     conn.setPluginId(pluginId);
     conn.setTimeout(timeoutMs);
     CWRN(QtDebugMsg, QStringLiteral("TcpInputPlugin2(%1): new connection, %2"), pluginId,
          currentThreadNumber());
-    QMetaObject::invokeMethod(task, "addConnection", Qt::QueuedConnection, Q_ARG(Connection, conn));
+    QMetaObject::invokeMethod(
+            task, [task, conn] { task->addConnection(conn); }, Qt::QueuedConnection);
     taskIndex = (taskIndex + 1) % poolSize;
     return true;
 }
@@ -406,8 +412,10 @@ void TcpInputPlugin2::retryUntaken()
     if (!WorkerThread::isAvailable())
         return;
     while (untaken > 0 && activeServer().hasPendingConnections()) {
-        if (!handOver())
+        if (!handOver()) {
+            retryTimer.start(qMin(2 * retryTimer.interval(), LongestRetryMs));
             return;
+        }
         --untaken;
     }
     forgetUntaken();

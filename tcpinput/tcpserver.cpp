@@ -11,10 +11,7 @@
 
 TcpServer::TcpServer(QObject *parent)
     : QTcpServer(parent),
-      guard(this, [this] {
-          const QMutexLocker locker(&mutex);
-          return static_cast<qsizetype>(pending.size());
-      })
+      guard(this, [this] { return pending.size(); })
 {
     setListenBacklogSize(ListenBacklog);
 }
@@ -35,32 +32,24 @@ bool TcpServer::listen(const QHostAddress &address, quint16 port)
 void TcpServer::close()
 {
     QTcpServer::close();
-    const QMutexLocker locker(&mutex);
-    for (const Pending &connection : pending)
+    for (const Pending &connection : pending.takeAll())
         ::close(static_cast<int>(connection.descriptor));
-    pending.clear();
 }
 
 bool TcpServer::hasPendingConnections() const
 {
-    const QMutexLocker locker(&mutex);
-    return !pending.empty();
+    return pending.size() > 0;
 }
 
 QTcpSocket *TcpServer::nextPendingConnection()
 {
-    Pending next;
-    {
-        const QMutexLocker locker(&mutex);
-        if (pending.empty())
-            return nullptr;
-        next = std::move(pending.front());
-        pending.pop_front();
-    }
+    const std::optional<Pending> next = pending.take();
+    if (!next)
+        return nullptr;
 
-    auto *socket = new AcceptedSocket<QTcpSocket>(next.acceptance);
-    if (!socket->setSocketDescriptor(next.descriptor)) {
-        ::close(static_cast<int>(next.descriptor));
+    auto *socket = new AcceptedSocket<QTcpSocket>(next->acceptance);
+    if (!socket->setSocketDescriptor(next->descriptor)) {
+        ::close(static_cast<int>(next->descriptor));
         delete socket;
         return nullptr;
     }
@@ -70,9 +59,6 @@ QTcpSocket *TcpServer::nextPendingConnection()
 
 void TcpServer::incomingConnection(qintptr descriptor)
 {
-    {
-        const QMutexLocker locker(&mutex);
-        pending.push_back({descriptor, Acceptance::of(descriptor, stamping)});
-    }
+    pending.add({descriptor, Acceptance::of(descriptor, stamping)});
     guard.accepted();
 }

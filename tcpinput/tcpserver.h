@@ -5,11 +5,9 @@
 
 #include "tcpinput/acceptedsocket.h"
 #include "tcpinput/acceptguard.h"
+#include "tcpinput/pendingconnections.h"
 
-#include <QtCore/QMutex>
 #include <QtNetwork/QTcpServer>
-
-#include <deque>
 
 /*!
     A TCP server whose connections are taken by other threads.
@@ -19,7 +17,7 @@
 
     Thread: its creator's, except hasPendingConnections() and nextPendingConnection(): any.
     Owner:  the plugin.
-    Locks:  mutex; never held while emitting.
+    Locks:  those of its parts; never held while emitting.
 */
 class TcpServer : public QTcpServer
 {
@@ -38,6 +36,8 @@ public:
     void close();
 
     bool hasPendingConnections() const override;
+    // The oldest connection that is not reserved yet goes to that thread and to no other.
+    void reserveFor(const QThread *taker) { pending.reserveFor(taker); }
     // A socket without parent that lives in the calling thread and belongs to the caller; null if
     // none is pending. Bytes and the end of the connection wait in the kernel until then.
     QTcpSocket *nextPendingConnection() override;
@@ -55,6 +55,5 @@ private:
     };
 
     bool stamping = false; // the server's thread only
-    mutable QMutex mutex;
-    std::deque<Pending> pending; // guarded by mutex
+    PendingConnections<Pending> pending;
 };

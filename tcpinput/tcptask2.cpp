@@ -239,7 +239,7 @@ void TcpTask2::deliverStamped(const Connection &c, const QString &id, TcpClient2
 shared_parsedData TcpTask2::makeRecord(const Connection &c, const QString &id) const
 {
     const QString peer = c.getSenderHost().toString();
-    shared_parsedData record(new ParsedData);
+    const auto record = shared_parsedData::create();
     record->setPeerAddress(peer);
     record->setPeerPort(c.getSenderPort());
     record->setOriginalMessage(c.getData());

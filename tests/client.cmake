@@ -5,6 +5,8 @@
 core_test(tst_tcpclient2)
 core_test(tst_clientreading)
 core_test(tst_clientending)
+core_test(tst_inputbuffer)
+core_test(tst_pendingconnections)
 core_test(tst_tcptask2)
 core_test(tst_taskstopping)
 core_test(tst_tcpserver 300)

@@ -1,0 +1,87 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include <QtCore/QMutex>
+#include <QtCore/QThread>
+
+#include <algorithm>
+#include <deque>
+#include <optional>
+#include <utility>
+
+/*!
+    The connections that a server has accepted and that no worker has taken yet, in the order of
+    their acceptance. A connection can be reserved for the thread that it was dealt to: in a burst
+    the threads come for theirs in any order, and each gets its own.
+
+    Thread: any.
+    Owner:  the server, as a member; what a T holds is the taker's to free.
+    Locks:  mutex; nothing is called under it.
+*/
+template<class T>
+class PendingConnections
+{
+public:
+    void add(T connection)
+    {
+        const QMutexLocker locker(&mutex);
+        queue.push_back({std::move(connection), nullptr});
+    }
+
+    // Reserves the oldest connection that is not reserved; nothing if there is none.
+    void reserveFor(const QThread *taker)
+    {
+        const QMutexLocker locker(&mutex);
+        if (reserved < queue.size())
+            queue[reserved++].taker = taker;
+    }
+
+    // The oldest connection that is reserved for the calling thread, else the oldest one that is
+    // not reserved; nothing if there is neither.
+    std::optional<T> take()
+    {
+        const QMutexLocker locker(&mutex);
+        const QThread *taker = QThread::currentThread();
+        const auto free = queue.begin() + static_cast<std::ptrdiff_t>(reserved);
+        auto found = std::find_if(queue.begin(), free,
+                                  [taker](const Entry &entry) { return entry.taker == taker; });
+        if (found == queue.end())
+            return std::nullopt;
+        if (found != free)
+            --reserved;
+        T connection = std::move(found->connection);
+        queue.erase(found);
+        return connection;
+    }
+
+    // Takes all, whoever they are reserved for.
+    std::deque<T> takeAll()
+    {
+        const QMutexLocker locker(&mutex);
+        std::deque<T> all;
+        for (Entry &entry : queue)
+            all.push_back(std::move(entry.connection));
+        queue.clear();
+        reserved = 0;
+        return all;
+    }
+
+    qsizetype size() const
+    {
+        const QMutexLocker locker(&mutex);
+        return static_cast<qsizetype>(queue.size());
+    }
+
+private:
+    struct Entry
+    {
+        T connection;
+        const QThread *taker; // only compared
+    };
+
+    mutable QMutex mutex;
+    std::deque<Entry> queue; // this and the next: guarded by mutex
+    std::size_t reserved = 0; // how many of the queue's first entries are reserved
+};

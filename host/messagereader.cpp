@@ -111,18 +111,14 @@ void MessageReader::receive(const shared_parsedData &record)
 void MessageReader::readExactly(Client &client, const ExactOffers::Offer &offer,
                                 const QMap<QString, QString> &subId)
 {
-    client.lastOffer = offer;
-    client.taken = takeFrames(client, offer.fresh());
-    const int length = exactOffers.consume(offer, client.taken);
-    if (client.tail().isEmpty() && !client.framing.isSkipping())
+    const qsizetype taken = takeFrames(client, offer.fresh());
+    const int length = exactOffers.consume(offer, taken);
+    client.tail =
+            offer.fresh().sliced(taken).toByteArray(); // a copy: the offer itself may be large
+    if (client.tail.isEmpty() && !client.framing.isSkipping())
         forget(client); // what it has consumed is remembered elsewhere
     if (length > 0 && answering)
         Q_EMIT answered(length, subId);
-}
-
-QByteArrayView MessageReader::Client::tail() const
-{
-    return lastOffer.fresh().sliced(taken);
 }
 
 // Only what is remembered of a client that was never heard of need not be kept.
@@ -139,7 +135,7 @@ MessageReader::Client &MessageReader::clientOf(const ParsedData &record)
         counters.addConnection(record.getPluginSubIdKey(QStringLiteral("client")));
         if (clientsByKey.size() == MaxClients)
             forgetOldest();
-        clients.push_back({key, record.getPluginSubId(), {}, {}, {}, 0, {}, 0});
+        clients.push_back({key, record.getPluginSubId(), {}, {}, {}, {}, 0});
         known = clientsByKey.insert(key, std::prev(clients.end()));
     }
     clients.splice(clients.end(), clients, known.value());
@@ -294,15 +290,13 @@ void MessageReader::giveUp(Client &client)
         client.tracker.decide();
         takeMessages(client);
     }
-    const bool isExact = client.lastOffer.connection() != 0;
-    const QByteArrayView rest = isExact ? client.tail() : client.tracker.unread();
+    const QByteArrayView rest = client.tail.isEmpty() ? client.tracker.unread() : client.tail;
     if (!rest.isEmpty() && !done) {
         output.write({client.origin, partialMessage(rest, format), true});
         ++counters.partial;
     }
     client.tracker.clear();
-    client.lastOffer = {};
-    client.taken = 0;
+    client.tail.clear();
     client.framing = {};
 }
 

@@ -71,15 +71,11 @@ Q_SIGNALS:
 private:
     struct Client
     {
-        // Of an exact client: what it has not consumed.
-        QByteArrayView tail() const;
-
         QString key;
         QMap<QString, QString> subId;
         Origin origin; // of the last offer
         OfferTracker tracker;
-        ExactOffers::Offer lastOffer; // of an exact client; it leaves the tracker alone
-        qsizetype taken = 0; // of its fresh bytes
+        QByteArray tail; // what an exact client has not consumed; it leaves the tracker alone
         FrameState framing;
         qint64 lastOfferTime = 0;
 

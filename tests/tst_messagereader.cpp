@@ -75,6 +75,7 @@ private Q_SLOTS:
     void stampedTailIsPartial();
     void stampedTooLongAcrossOffers();
     void stampedConnectionsShareAnId();
+    void keepsNoMoreThanTheTailOfAStampedOffer();
 
 private:
     void make(const FrameFormat &format, OutputFormat outputFormat = OutputFormat::Raw);
@@ -495,6 +496,17 @@ void tst_MessageReader::stampedConnectionsShareAnId()
     reader->receive(stamped(2, 0, "same\n"));
     QCOMPARE(written(), QByteArray("same\nsame\n"));
     QCOMPARE(discards(), QList<int>({5, 5}));
+}
+
+// A large offer must not stay in memory for the sake of the few bytes behind its last message.
+void tst_MessageReader::keepsNoMoreThanTheTailOfAStampedOffer()
+{
+    QByteArray bytes = QByteArray(1 << 20, 'x') + "\nhalf";
+    shared_parsedData record = stamped(1, 0, bytes);
+    reader->receive(record);
+    record.clear();
+    QCOMPARE(reader->rememberedConnections(), 1);
+    QVERIFY(bytes.isDetached()); // nobody else holds them
 }
 
 QTEST_GUILESS_MAIN(tst_MessageReader)

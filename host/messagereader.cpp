@@ -58,10 +58,12 @@ QByteArrayView discardablePart(QByteArrayView buffer)
 
 } // namespace
 
-MessageReader::MessageReader(const FrameFormat &frameFormat, Output &messageOutput, Counters &total)
+MessageReader::MessageReader(const FrameFormat &frameFormat, Output &messageOutput, Counters &total,
+                             const ExactOffers::Limits &memory)
     : format(frameFormat),
       output(messageOutput),
-      counters(total)
+      counters(total),
+      exactOffers(memory)
 {
     clock.start();
     setIdleTimeout(DefaultIdleTimeoutSeconds);
@@ -93,7 +95,7 @@ void MessageReader::receive(const shared_parsedData &record)
 
     ++counters.offers;
     Client &client = clientOf(*record);
-    const ExactOffers::Offer offer = exactOffers.open(*record);
+    const ExactOffers::Offer offer = exactOffers.open(*record, pacedTime);
     if (offer.connection() != 0) {
         client.origin = originOf(*record);
         client.lastOfferTime = now();
@@ -112,7 +114,7 @@ void MessageReader::readExactly(Client &client, const ExactOffers::Offer &offer,
                                 const QMap<QString, QString> &subId)
 {
     const qsizetype taken = takeFrames(client, offer.fresh());
-    const int length = exactOffers.consume(offer, taken);
+    const int length = exactOffers.consume(offer, taken, pacedTime);
     client.tail =
             offer.fresh().sliced(taken).toByteArray(); // a copy: the offer itself may be large
     if (client.tail.isEmpty() && !client.framing.isSkipping())
@@ -264,6 +266,11 @@ void MessageReader::settleClient(Client &client, qint64 time)
 
 void MessageReader::forgetSilent()
 {
+    // Whoever reads the output may hold everything up for hours. Offers wait meanwhile, repeats
+    // among them, so the connections that they belong to must not grow old: this comes once a pass
+    // of the event loop at most, and each pass handles all offers that wait.
+    pacedTime += ForgetInterval;
+
     const qint64 time = now();
     while (!clients.empty() && time - clients.front().lastOfferTime > forgetAfter)
         forgetOldest();

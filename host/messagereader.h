@@ -41,7 +41,9 @@ class MessageReader : public QObject
     Q_OBJECT
 
 public:
-    MessageReader(const FrameFormat &frameFormat, Output &messageOutput, Counters &total);
+    // memory: of stamped connections; its age counts no time for which offers had to wait.
+    MessageReader(const FrameFormat &frameFormat, Output &messageOutput, Counters &total,
+                  const ExactOffers::Limits &memory = {});
 
     // The plugin's idle time-out. Default: 60 s.
     void setIdleTimeout(qint64 seconds);
@@ -110,6 +112,7 @@ private:
     Counters &counters;
 
     ExactOffers exactOffers;
+    ExactOffers::Clock::time_point pacedTime; // its time, see forgetSilent()
     Clients clients; // the longest silent one first
     QHash<QString, Clients::iterator> clientsByKey;
     QSet<QString> unsettledKeys; // of clients, some of which may be forgotten meanwhile

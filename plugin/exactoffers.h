@@ -29,7 +29,8 @@
     Nothing announces the end of a connection, so connections are forgotten by age and by number.
     Forgetting one early costs exactness only if an offer is handled later than that which was made
     before the connection's last cut was carried out: the age must exceed the longest time for
-    which the host lets records wait, the number that of connections active within it.
+    which the host lets records wait, the number that of connections active within it. A host that
+    may be held up for any time passes times of a clock that stands still meanwhile.
 
     Thread: one at a time.
     Owner:  the host.

@@ -76,6 +76,7 @@ private Q_SLOTS:
     void stampedTooLongAcrossOffers();
     void stampedConnectionsShareAnId();
     void keepsNoMoreThanTheTailOfAStampedOffer();
+    void heldUpHostForgetsNoStampedConnection();
 
 private:
     void make(const FrameFormat &format, OutputFormat outputFormat = OutputFormat::Raw);
@@ -507,6 +508,18 @@ void tst_MessageReader::keepsNoMoreThanTheTailOfAStampedOffer()
     record.clear();
     QCOMPARE(reader->rememberedConnections(), 1);
     QVERIFY(bytes.isDetached()); // nobody else holds them
+}
+
+// Whoever reads the output decides how long offers wait. A repeat among them is one all the same.
+void tst_MessageReader::heldUpHostForgetsNoStampedConnection()
+{
+    constexpr std::chrono::milliseconds age(1);
+    reader = std::make_unique<MessageReader>(FrameFormat(), *output, *counters,
+                                             ExactOffers::Limits{age, 10});
+    reader->receive(stamped(1, 0, "a\n"));
+    QTest::qSleep(2 * static_cast<int>(age.count())); // no synchronisation: this is the hold-up
+    reader->receive(stamped(1, 0, "a\n"));
+    QCOMPARE(written(), QByteArray("a\n"));
 }
 
 QTEST_GUILESS_MAIN(tst_MessageReader)

@@ -4,5 +4,6 @@
 host_test(tst_endtoend)
 host_test(tst_delivery 600)
 host_test(tst_lifecycle 600)
-host_test(tst_offsets 600)
-test_uses_certificates(tst_offsets)
+host_test(tst_offsets 300)
+host_test(tst_latehosts 600)
+test_uses_certificates(tst_latehosts)

@@ -203,6 +203,7 @@ private Q_SLOTS:
     void noOutput();
     void messagesComeAtOnce();
     void sendAndCloseAtOnce();
+    void netcat();
     void maxMessage();
     void exitAfter();
 
@@ -542,6 +543,26 @@ void tst_InputHost::sendAndCloseAtOnce()
     texts.sort();
     expected.sort();
     QCOMPARE(texts, expected);
+}
+
+// The simplest device there is: one line each, and not one more.
+void tst_InputHost::netcat()
+{
+    constexpr int devices = 50;
+    Host host;
+    host.start();
+    for (int n = 0; n < devices; ++n) {
+        QProcess device;
+        device.start(QStringLiteral("nc"),
+                     {QStringLiteral("-q0"), testAddress().toString(), QString::number(host.port)});
+        device.write("hello\n");
+        device.closeWriteChannel();
+        QVERIFY2(device.waitForFinished(HangGuardMs), qPrintable(device.errorString()));
+        QCOMPARE(device.exitCode(), 0);
+    }
+    QTRY_VERIFY_WITH_TIMEOUT(host.lines().size() >= devices, HangGuardMs);
+    QCOMPARE(host.stop(), int(ExitOk));
+    QCOMPARE(host.texts(), QStringList(devices, QStringLiteral("hello")));
 }
 
 void tst_InputHost::maxMessage()

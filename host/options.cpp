@@ -62,7 +62,7 @@ struct Definitions
     const QCommandLineOption config{
             QStringLiteral("config"),
             QStringLiteral("The plugin's configuration, a JSON object; - reads standard input. "
-                           "Default: an empty object."),
+                           "Default: an empty object. \"offsets\" is true unless it is given."),
             QStringLiteral("FILE")};
     const QCommandLineOption set{
             QStringLiteral("set"),

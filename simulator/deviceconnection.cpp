@@ -234,7 +234,8 @@ bool DeviceConnection::pause()
 void DeviceConnection::wait(int ms)
 {
     writable.setEnabled(false);
-    timer.start(ms, this);
+    // Devices know nothing of each other: a coarse timer would have thousands send at one moment.
+    timer.start(ms, Qt::PreciseTimer, this);
 }
 
 void DeviceConnection::beginEnding(const Ending &steps)

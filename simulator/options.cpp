@@ -71,8 +71,10 @@ struct Choice
 };
 
 constexpr Choice<Framing> Framings[] = {{"lines", Framing::Lines}, {"length", Framing::Length}};
-constexpr Choice<Segments> SegmentModes[] = {
-        {"whole", Segments::Whole}, {"byte", Segments::Byte}, {"random", Segments::Random}};
+constexpr Choice<Segments> SegmentModes[] = {{"whole", Segments::Whole},
+                                             {"byte", Segments::Byte},
+                                             {"random", Segments::Random},
+                                             {"blocks", Segments::Blocks}};
 constexpr Choice<CloseMode> CloseModes[] = {{"close", CloseMode::Close},
                                             {"half-close", CloseMode::HalfClose},
                                             {"abort", CloseMode::Abort},
@@ -122,8 +124,9 @@ QList<QCommandLineOption> knownOptions()
             {"rate", "Messages per second and device; 0: as fast as TCP takes them. Default: 0.",
              "rate"},
             {"segments",
-             "How the stream is cut into writes: whole (a message each), byte (one byte each) or "
-             "random (also across messages). Default: whole.",
+             "How the stream is cut into writes: whole (a message each), byte (one byte each), "
+             "random (also across messages) or blocks (64 KiB each, also across messages: the "
+             "cheapest). Default: whole.",
              "segments"},
             {"seed", "For everything random; the same seed gives the same cuts. Default: 1.", "n"},
             {"pause-ms", "Random pause between two writes, or one number. Default: 0.", "min-max"},

@@ -9,7 +9,7 @@
 #include <QtNetwork/QHostAddress>
 
 enum class Framing { Lines, Length };
-enum class Segments { Whole, Byte, Random };
+enum class Segments { Whole, Byte, Random, Blocks };
 enum class CloseMode { Close, HalfClose, Abort, Stay };
 enum class OutputFormat { Text, Json };
 enum class TlsVersion { Any, OneTwo, OneThree };

@@ -5,6 +5,12 @@
 
 #include <limits>
 
+namespace {
+
+constexpr qsizetype BlockBytes = 64 * 1024;
+
+} // namespace
+
 // Twice a message: cuts fall within messages and reach over their ends.
 Segmenter::Segmenter(Segments segments, qsizetype messageBytes, const RandomSource &source)
     : mode(segments),
@@ -23,6 +29,8 @@ Segmenter::Cut Segmenter::next()
         const qsizetype length = 1 + static_cast<qsizetype>(random.below(longest));
         return {length, length};
     }
+    case Segments::Blocks:
+        return {BlockBytes, BlockBytes};
     }
     return {1, 1};
 }

@@ -65,6 +65,7 @@ private Q_SLOTS:
     void segmentsAreTheStream_data();
     void segmentsAreTheStream();
     void wholeSegmentsAreMessages();
+    void blocksReachOverMessages();
     void randomCutsAreReproducible();
     void countsWhatIsAccepted();
     void holdsBackWhatIsNotDue();
@@ -142,7 +143,7 @@ void tst_DeviceSimParts::segmentsAreTheStream_data()
 {
     QTest::addColumn<QString>("segments");
     QTest::addColumn<QString>("framing");
-    for (const char *segments : {"whole", "byte", "random"}) {
+    for (const char *segments : {"whole", "byte", "random", "blocks"}) {
         for (const char *framing : {"lines", "length"}) {
             QTest::addRow("%s %s", segments, framing)
                     << QString::fromLatin1(segments) << QString::fromLatin1(framing);
@@ -180,6 +181,17 @@ void tst_DeviceSimParts::wholeSegmentsAreMessages()
     const QList<QByteArray> expected{messageOf(options, 1, 1), messageOf(options, 1, 2)};
     QCOMPARE(drain(outbox), expected);
     QCOMPARE(outbox.checksum(), QByteArray());
+}
+
+void tst_DeviceSimParts::blocksReachOverMessages()
+{
+    const Options options = parse("--segments blocks --size 999").options;
+    const MessageFormat format(options);
+    Outbox outbox(format, segmenter(options), 1, 1, 100, false);
+    const QList<QByteArray> blocks = drain(outbox);
+    QCOMPARE(blocks.size(), 2);
+    QCOMPARE(blocks.first().size(), 64 * 1024);
+    QCOMPARE(blocks.last().size(), 100 * 1000 - 64 * 1024);
 }
 
 void tst_DeviceSimParts::randomCutsAreReproducible()

@@ -54,6 +54,11 @@ void Device::abandon()
         connection->abandon();
 }
 
+quint64 Device::openMessages() const
+{
+    return connection ? connection->sentMessages() : 0;
+}
+
 void Device::connectNext()
 {
     const Options &options = run.options;

@@ -36,6 +36,9 @@ public:
     // Closes now.
     void abandon();
 
+    // Messages that the connection it has now has sent so far; 0 between two of them.
+    quint64 openMessages() const;
+
 Q_SIGNALS:
     void connectionEnded(const ConnectionRecord &record);
     // Once, never from within start(), stop() or abandon(). Says who, as QObject::sender() is slow

@@ -42,6 +42,9 @@ public:
     // Closes now.
     void abandon();
 
+    // So far; as the record counts them.
+    quint64 sentMessages() const { return outbox.acceptedMessages(); }
+
     // Complete once finished() was emitted.
     const ConnectionRecord &result() const { return record; }
 

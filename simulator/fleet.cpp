@@ -34,6 +34,18 @@ void Fleet::launch()
         launchTimer.start(0);
 }
 
+QString Fleet::progress() const
+{
+    quint64 messages = collected.messageCount();
+    const QList<Device *> devices = findChildren<Device *>();
+    for (const Device *device : devices)
+        messages += device->openMessages();
+    return QStringLiteral("%1 devices started, %2 active; %3 messages\n")
+            .arg(started)
+            .arg(active)
+            .arg(messages);
+}
+
 // As far as the counts go; the connect rate may want to wait.
 bool Fleet::mayStart() const
 {

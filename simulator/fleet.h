@@ -27,6 +27,9 @@ public:
     const Report &report() const { return collected; }
     bool wasInterrupted() const { return stopping; }
 
+    // A line with the numbers so far, of the connections that are open too.
+    QString progress() const;
+
 public Q_SLOTS:
     // Starts as many devices as may start now, and the others later.
     void launch();

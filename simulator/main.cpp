@@ -5,8 +5,8 @@
 #include "simulator/fleet.h"
 #include "simulator/options.h"
 #include "simulator/run.h"
-#include "simulator/stopsignals.h"
 #include "simulator/tlscontext.h"
+#include "simulator/unixsignals.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtNetwork/QHostInfo>
@@ -53,9 +53,11 @@ QHostAddress resolve(const QString &host)
 
 ExitStatus runFleet(const Run &run)
 {
-    StopSignals stopSignals;
+    UnixSignals unixSignals;
     Fleet fleet(run);
-    QObject::connect(&stopSignals, &StopSignals::stopRequested, &fleet, &Fleet::stop);
+    QObject::connect(&unixSignals, &UnixSignals::progressRequested, &fleet,
+                     [&fleet] { print(stderr, fleet.progress().toLocal8Bit()); });
+    QObject::connect(&unixSignals, &UnixSignals::stopRequested, &fleet, &Fleet::stop);
     // Queued: the last device may finish before the event loop runs.
     QObject::connect(&fleet, &Fleet::finished, qApp, &QCoreApplication::quit, Qt::QueuedConnection);
     fleet.launch();

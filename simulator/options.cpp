@@ -40,6 +40,7 @@ Faulty devices (--fault); what the peer does then does not count as a failure:
     close-notify-only      ends TLS with close_notify and keeps TCP open
     close-without-reading  closes without having read what the peer sent after the handshake
 
+SIGUSR1 writes a line with the numbers so far to standard error.
 A signal (SIGINT, SIGTERM) ends the run: devices finish the message they have begun and close. A
 second one, or two seconds, makes them close at once.
 

@@ -47,6 +47,7 @@ public:
     void add(const ConnectionRecord &record);
 
     bool hasFailures() const { return failed > 0; }
+    quint64 messageCount() const { return messages; }
 
     // interrupted: by a signal.
     QByteArray toText(const Options &options, qint64 elapsedMs, bool interrupted) const;

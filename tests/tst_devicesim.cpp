@@ -153,6 +153,7 @@ private Q_SLOTS:
 
     void stopsAtMessageEnd_data();
     void stopsAtMessageEnd();
+    void tellsItsProgress();
     void countsWhatTheKernelAccepted();
 
     void nobodyListens();
@@ -543,6 +544,26 @@ void tst_DeviceSim::stopsAtMessageEnd()
     Options options;
     options.size = 20;
     QCOMPARE(receiver.peers.first()->bytes, stream(1, 1, static_cast<quint64>(messages), options));
+}
+
+void tst_DeviceSim::tellsItsProgress()
+{
+    Receiver receiver;
+    QVERIFY(receiver.listen(testAddress()));
+    Simulator simulator;
+    simulator.start(receiver,
+                    words("--connections 3 --parallel 2 --messages 5 --size 9 --close stay"));
+    QTRY_COMPARE(receiver.peers.size(), 2);
+    for (const auto &peer : receiver.peers)
+        QTRY_COMPARE(peer->bytes.size(), 50);
+    simulator.signal(SIGUSR1);
+    QByteArray errors;
+    QTRY_VERIFY((errors += simulator.errors()).endsWith('\n'));
+    QCOMPARE(errors, QByteArray("2 devices started, 2 active; 10 messages\n"));
+
+    simulator.signal(SIGTERM);
+    QVERIFY(simulator.waitForEnd());
+    QCOMPARE(simulator.exitCode(), 0);
 }
 
 void tst_DeviceSim::countsWhatTheKernelAccepted()

@@ -7,21 +7,22 @@
 #include <QtCore/QSocketNotifier>
 
 /*!
-    Makes SIGINT and SIGTERM Qt signals.
+    Makes SIGINT, SIGTERM and SIGUSR1 Qt signals.
 
     Construct before any other thread exists: the signals are blocked in the calling thread, and in
     those it starts, so that they can be read from a descriptor.
 */
-class StopSignals : public QObject
+class UnixSignals : public QObject
 {
     Q_OBJECT
 
 public:
-    StopSignals();
-    ~StopSignals() override;
+    UnixSignals();
+    ~UnixSignals() override;
 
 Q_SIGNALS:
-    void stopRequested(); // once for each signal
+    void stopRequested(); // once for each SIGINT and SIGTERM
+    void progressRequested(); // SIGUSR1
 
 private Q_SLOTS:
     void onReadable();

@@ -172,7 +172,7 @@ def _paced(setup, name, connections, rate):
             cpu = _cpu_over(receiver, window)
             messages = devices.messages_so_far() - messages
             session.add_sent(devices, devices.stop())
-        if not 0.9 < messages / (connections * rate * window) < 1.1:
+        if messages < 0.8 * connections * rate * window:
             print(f"      note: {messages} messages in {window} s, this machine is too busy")
         session.stop_and_compare()
     return cpu / messages * 1e6

@@ -1,8 +1,10 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
+#include "load.h"
 #include "loglines.h"
 #include "nofreedescriptors.h"
+#include "play.h"
 #include "processresources.h"
 #include "tcpinput/tcpinputplugin2.h"
 #include "tcpinput/tlshandshake.h"
@@ -16,7 +18,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <functional>
 #include <vector>
 
 namespace {
@@ -39,19 +40,6 @@ qsizetype openSockets()
         const ssize_t length = ::readlink(qPrintable(folder.filePath(name)), target, sizeof target);
         return length > 0 && QByteArray(target, length).startsWith("socket:");
     });
-}
-
-// Runs what blocks in a thread of its own, while this one serves.
-bool play(const std::function<void()> &function)
-{
-    const std::unique_ptr<QThread> thread(QThread::create(function));
-    QEventLoop loop;
-    QObject::connect(thread.get(), &QThread::finished, &loop, &QEventLoop::quit);
-    QTimer::singleShot(HangGuardMs, &loop, [&loop] { loop.exit(1); });
-    thread->start();
-    const bool finished = loop.exec() == 0;
-    thread->wait();
-    return finished;
 }
 
 const QByteArray BrokenHello("\x16\x03\x01\x00\x05hello", 10);
@@ -218,17 +206,15 @@ void tst_TlsFaults::failedHandshakesLeaveNothing_data()
         const char *name;
         Failure failure;
         bool logs;
-        int most;
-    } rows[] = {{"closed", Failure::Closed, true, 3000},
-                {"reset", Failure::Reset, true, 3000},
-                {"garbage", Failure::Garbage, false, 3000},
-                {"broken hello", Failure::Broken, true, 3000},
-                {"wrong version", Failure::Version, true, 3000},
-                // These are whole handshakes with all their arithmetic.
-                {"no certificate", Failure::NoCertificate, true, 1000},
-                {"foreign certificate", Failure::ForeignCertificate, true, 1000}};
+    } rows[] = {{"closed", Failure::Closed, true},
+                {"reset", Failure::Reset, true},
+                {"garbage", Failure::Garbage, false},
+                {"broken hello", Failure::Broken, true},
+                {"wrong version", Failure::Version, true},
+                {"no certificate", Failure::NoCertificate, true},
+                {"foreign certificate", Failure::ForeignCertificate, true}};
     for (const auto &row : rows) {
-        for (const int count : {30, row.most})
+        for (const int count : {30, load(3000, 300)})
             QTest::addRow("%d %s", count, row.name) << row.failure << count << row.logs;
     }
 }

@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
+#include "load.h"
 #include "loadedplugin.h"
 #include "loglines.h"
 #include "numberedmessages.h"
@@ -17,7 +18,7 @@
 namespace {
 
 constexpr int HangGuardMs = 300000;
-constexpr int Connections = 3000;
+const int Connections = load(3000, 300);
 constexpr int Parallel = 50;
 constexpr int PoolSize = 4;
 constexpr int StallMs = 20;

@@ -1,0 +1,25 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include <QtCore/QEventLoop>
+#include <QtCore/QThread>
+#include <QtCore/QTimer>
+
+#include <functional>
+#include <memory>
+
+// Runs what blocks in a thread of its own, while this one serves. False if it takes for ever.
+inline bool play(const std::function<void()> &function)
+{
+    constexpr int HangGuardMs = 300000;
+    const std::unique_ptr<QThread> thread(QThread::create(function));
+    QEventLoop loop;
+    QObject::connect(thread.get(), &QThread::finished, &loop, &QEventLoop::quit);
+    QTimer::singleShot(HangGuardMs, &loop, [&loop] { loop.exit(1); });
+    thread->start();
+    const bool finished = loop.exec() == 0;
+    thread->wait();
+    return finished;
+}

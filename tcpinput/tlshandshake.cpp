@@ -3,6 +3,8 @@
 
 #include "tcpinput/tlshandshake.h"
 
+#include "ssl/sessiontickets.h"
+
 namespace {
 
 constexpr char HandshakeRecord = 0x16; // first byte of a ClientHello's record, RFC 8446, 5.1
@@ -77,7 +79,7 @@ void TlsHandshake::checkHello()
         return;
     }
     timer.start(); // progress was made
-    socket->startServerEncryption();
+    startServerEncryptionWithoutTickets(*socket);
     Q_EMIT server->startedEncryptionHandshake(socket.get());
 }
 

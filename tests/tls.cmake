@@ -12,3 +12,13 @@ foreach(name IN ITEMS tst_tlsmatrix tst_tlshandover tst_tlsfaults tst_sessiontic
     # Qt Test's own guard, five minutes for a function, is too short for the full load.
     set_property(TEST ${name} APPEND PROPERTY ENVIRONMENT QTEST_FUNCTION_TIMEOUT=900000)
 endforeach()
+
+if(NOT TARGET inputhost OR NOT TARGET devicesim)
+    return()
+endif()
+host_test(tst_tlsprograms 300)
+test_uses_certificates(tst_tlsprograms)
+target_compile_definitions(tst_tlsprograms PRIVATE
+    DEVICESIM_FILE="$<TARGET_FILE:devicesim>"
+    INPUTHOST_FILE="$<TARGET_FILE:inputhost>")
+add_dependencies(tst_tlsprograms devicesim inputhost)

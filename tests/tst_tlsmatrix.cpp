@@ -133,6 +133,8 @@ private Q_SLOTS:
     void version();
     void certificate_data();
     void certificate();
+    void unusableServer_data();
+    void unusableServer();
 
 private:
     void start(QJsonObject tls);
@@ -166,9 +168,12 @@ void tst_TlsMatrix::cleanup()
 
 void tst_TlsMatrix::start(QJsonObject tls)
 {
+    const QJsonObject good = serverTls();
+    for (auto it = good.begin(); it != good.end(); ++it) {
+        if (!tls.contains(it.key()) && it.key() != QLatin1String("verifyPeer"))
+            tls.insert(it.key(), it.value());
+    }
     tls.insert(text("CAFile"), certificateFile(text("ca.pem")));
-    tls.insert(text("CertFile"), certificateFile(text("server.pem")));
-    tls.insert(text("KeyFile"), certificateFile(text("server.key")));
     port = freePort();
     QJsonObject config = tcpConfig(port);
     config.insert(text("ssl"), tls);
@@ -301,6 +306,49 @@ void tst_TlsMatrix::certificate()
         expectRefusal(role, {text("W: TcpInputPlugin2(t): SSL Errors"), socketError(reason)},
                       false);
     }
+}
+
+void tst_TlsMatrix::unusableServer_data()
+{
+    QTest::addColumn<QJsonObject>("tls");
+    QTest::addColumn<QString>("client");
+    QTest::addColumn<bool>("hasKey");
+    for (const char *client : {"1.2", "1.3"}) {
+        QTest::addRow("null certificate, client %s", client)
+                << QJsonObject{{text("Certificate"), text("nonsense")}} << text(client) << true;
+        QTest::addRow("null key, client %s", client)
+                << QJsonObject{{text("PrivateKey"), 1}} << text(client) << false;
+        QTest::addRow("no RSA key, client %s", client)
+                << QJsonObject{{text("CertFile"), certificateFile(text("ec.pem"))},
+                               {text("KeyFile"), certificateFile(text("ec.key"))}}
+                << text(client) << false;
+    }
+}
+
+// It starts and listens, but every handshake fails.
+void tst_TlsMatrix::unusableServer()
+{
+    QFETCH(QJsonObject, tls);
+    QFETCH(QString, client);
+    QFETCH(bool, hasKey);
+    QFETCH_GLOBAL(bool, program);
+    tls.insert(text("verifyPeer"), false);
+    start(tls);
+    if (!hasKey) {
+        expectRefusal({client, QString()},
+                      {socketError(text("Cannot provide a certificate with no key"))}, false);
+        return;
+    }
+    // QSslSocket offers a cipher for pre-shared keys, too, and gives up when it has none to show.
+    const bool clientGivesUp = !program && client == QLatin1String("1.2");
+    const char *const reason = clientGivesUp
+            ? "0A000410:SSL routines::sslv3 alert handshake failure"
+            : client == QLatin1String("1.2")
+            ? "0A0000C1:SSL routines::no shared cipher"
+            : "0A000076:SSL routines::no suitable signature algorithm";
+    expectRefusal({client, QString()},
+                  {socketError(text("Error during SSL handshake: error:") + text(reason))},
+                  !clientGivesUp);
 }
 
 QTEST_GUILESS_MAIN(tst_TlsMatrix)

@@ -1,0 +1,179 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "tcpinput/endpoints.h"
+
+#include <QtCore/QByteArray>
+#include <QtCore/QHashFunctions>
+#include <QtCore/QString>
+#include <QtCore/QStringList>
+
+#include <algorithm>
+#include <utility>
+
+/*!
+    What a client has to do, in the simplest terms: no sockets, timers, threads or queues. Each
+    function is one thing that happens to the client; what it does about it is added to its events,
+    as text: its log lines (see logLine()) and its signals.
+
+    Thread: one.
+*/
+class ClientModel
+{
+public:
+    // now: milliseconds, by the clock that the client compares its offers with.
+    ClientModel(const QString &givenId, const Endpoints &ends, bool withPositions, qint64 now)
+        : id(givenId),
+          endpoints(ends),
+          stamped(withPositions),
+          time(now)
+    {}
+
+    static QString offerText(const QString &id, const QByteArray &bytes)
+    {
+        return QStringLiteral("%1 offers %2 bytes, hash %3")
+                .arg(id)
+                .arg(bytes.size())
+                .arg(qHash(bytes));
+    }
+    static QString positionText(quint64 position)
+    {
+        return QStringLiteral("that begin at %1").arg(position);
+    }
+    static QString idChangedText(const QString &oid, const QString &id)
+    {
+        return oid + QLatin1String(" is now ") + id;
+    }
+    static QString disconnectedText(const QString &id) { return id + QLatin1String(" is gone"); }
+
+    void advance(qint64 ms) { time += ms; }
+
+    // The socket says that there is something to read, and this is what it holds.
+    void read(const QByteArray &bytes)
+    {
+        if (!isOpen || !append(bytes))
+            return;
+        if (isDue(200)) {
+            offer();
+            lastOffer = time;
+        }
+    }
+
+    void cut(qsizetype len)
+    {
+        const qsizetype count = std::clamp<qsizetype>(len, 0, buffer.size());
+        buffer = buffer.sliced(count);
+        position += static_cast<quint64>(count);
+        if (buffer.size() <= 20)
+            return;
+        events +=
+                QStringLiteral("D: TcpClient: inbuf still %1 bytes, triggering").arg(buffer.size());
+        offer();
+        lastOffer = time;
+    }
+
+    // A cut of a stamped client, up to a position in the stream.
+    void cutTo(quint64 to)
+    {
+        if (to > position)
+            cut(static_cast<qsizetype>(
+                    std::min(to - position, static_cast<quint64>(buffer.size()))));
+    }
+
+    // Every two seconds.
+    void check()
+    {
+        if (buffer.size() <= 80 || !isDue(2000))
+            return;
+        events += QStringLiteral("I: TcpClient: inbuf parsing stopped, kicking");
+        offer();
+        lastOffer = time;
+    }
+
+    // rest: what its socket still holds.
+    void timeOut(const QByteArray &rest)
+    {
+        events += QStringLiteral("D: TcpClient: timeout");
+        end(rest);
+    }
+    void end(const QByteArray &rest)
+    {
+        if (!isOpen)
+            return;
+        append(rest);
+        if (!buffer.isEmpty())
+            offer();
+        buffer.clear();
+        isOpen = false;
+        idleTimerRuns = false;
+        events += QStringLiteral("D: TcpClient: closing connection %1 (received %2 bytes, %3 msgs)")
+                          .arg(id)
+                          .arg(bytesReceived)
+                          .arg(reads);
+        events += disconnectedText(id);
+    }
+
+    QString id;
+    bool isOpen = true;
+    bool idleTimerRuns = true; // set by each offer; a test may stop it to see that
+    QByteArray buffer;
+    quint64 position = 0; // of the buffer's first byte in the stream
+    QStringList events;
+
+private:
+    bool append(const QByteArray &bytes)
+    {
+        if (bytes.isEmpty())
+            return false;
+        if (!std::exchange(idKnown, true))
+            findId();
+        if (bytes.size() > 1000)
+            events += QStringLiteral("I: TcpClient2 (%1): msgsize = %2").arg(id).arg(bytes.size());
+        buffer += bytes;
+        bytesReceived += bytes.size();
+        ++reads;
+        return true;
+    }
+
+    void findId()
+    {
+        const QString local = endpoints.local.toString();
+        const QString peer = endpoints.peer.toString();
+        events += QStringLiteral("D: TCP READ: %1:%2 (%3:%4)")
+                          .arg(local)
+                          .arg(endpoints.localPort)
+                          .arg(peer)
+                          .arg(endpoints.peerPort);
+        const QString found = QStringLiteral("tcp2:%1:%2-%3:%4")
+                                      .arg(local)
+                                      .arg(endpoints.localPort)
+                                      .arg(peer)
+                                      .arg(endpoints.peerPort);
+        const QString before = std::exchange(id, found);
+        if (before != id)
+            events += idChangedText(before, id);
+    }
+
+    void offer()
+    {
+        events += offerText(id, buffer);
+        if (stamped)
+            events += positionText(position);
+        idleTimerRuns = true;
+    }
+
+    bool isDue(qint64 intervalMs) const
+    {
+        return time - lastOffer > intervalMs || time < lastOffer;
+    }
+
+    const Endpoints endpoints;
+    const bool stamped;
+    qint64 time;
+    qint64 lastOffer = 0;
+    qint64 bytesReceived = 0;
+    qint64 reads = 0;
+    bool idKnown = false;
+};

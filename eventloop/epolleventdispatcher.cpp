@@ -68,7 +68,7 @@ bool EpollEventDispatcher::open()
         return false;
 
     epoll_event event{};
-    event.events = EPOLLIN;
+    event.events = EPOLLIN | EPOLLET; // each write is news, whether those before were read or not
     event.data.fd = wakeUpFd;
     return epoll_ctl(epollFd, EPOLL_CTL_ADD, wakeUpFd, &event) == 0;
 }
@@ -102,12 +102,26 @@ bool EpollEventDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
     if (interrupted)
         return false;
 
-    int events = collectReady(withNotifiers, withTimers, canWait) ? 1 : 0;
+    int events = 0;
+    if (mayLeaveKernelAlone(flags))
+        events += wakeUpPending.exchange(false) ? 1 : 0;
+    else
+        events += collectReady(withNotifiers, withTimers, canWait && !wakeUpPending) ? 1 : 0;
     if (withNotifiers)
         events += activateNotifiers();
     if (withTimers)
         events += activateTimers();
     return events > 0;
+}
+
+// In a turn that is there for events that this thread has posted to itself, usually from the turn
+// before, asking the kernel once more seldom brings anything. Not twice in a row: sockets have
+// their turn however much the thread has to tell itself.
+bool EpollEventDispatcher::mayLeaveKernelAlone(QEventLoop::ProcessEventsFlags flags)
+{
+    leftKernelAlone = !leftKernelAlone && wakeUpPending && nextReady == ready.size()
+            && flags.testFlag(QEventLoop::EventLoopExec);
+    return leftKernelAlone;
 }
 
 void EpollEventDispatcher::registerSocketNotifier(QSocketNotifier *notifier)
@@ -216,17 +230,16 @@ bool EpollEventDispatcher::collectReady(bool withNotifiers, bool withTimers, boo
         }
     } while (count < 0 && errno == EINTR);
 
-    bool awoken = false;
     for (int i = 0; i < count; ++i) {
         const epoll_event &event = events[static_cast<std::size_t>(i)];
-        if (event.data.fd == wakeUpFd)
-            awoken = true;
-        else
+        if (event.data.fd != wakeUpFd)
             collect(event.data.fd, event.events);
+        else if (!withNotifiers)
+            clearWakeUpFd();
     }
-    if (awoken)
-        clearWakeUp();
-    return awoken;
+    // From here on a wake-up writes again. What those before were for, an event or the end of a
+    // loop, is what the next turn begins with.
+    return wakeUpPending.exchange(false);
 }
 
 // -1: until something happens.
@@ -253,13 +266,11 @@ void EpollEventDispatcher::collect(int fd, quint32 events)
         ready.push_back(fd);
 }
 
-// In this order. A wake-up that comes in between writes nothing; what it is for, an event or the
-// end of a loop, is what the next turn begins with.
-void EpollEventDispatcher::clearWakeUp()
+// Only poll(2) wants it: epoll tells of each write once.
+void EpollEventDispatcher::clearWakeUpFd()
 {
     eventfd_t count = 0;
     eventfd_read(wakeUpFd, &count);
-    wakeUpPending.exchange(false);
 }
 
 int EpollEventDispatcher::activateNotifiers()
@@ -368,9 +379,10 @@ int EpollEventDispatcher::activateTimers()
     });
 }
 
+// The dispatcher's own thread is awake, and does not wait as long as a wake-up is pending.
 void EpollEventDispatcher::wakeUp()
 {
-    if (!wakeUpPending.exchange(true))
+    if (!wakeUpPending.exchange(true) && QThread::currentThread() != thread())
         eventfd_write(wakeUpFd, 1);
 }
 

@@ -86,26 +86,28 @@ private:
     EpollEventDispatcher() = default;
     bool open();
 
+    bool mayLeaveKernelAlone(QEventLoop::ProcessEventsFlags flags);
     void watch(int fd, Descriptor &descriptor);
     void collectUnwatched();
     void disableNotifiers(int fd);
     bool collectReady(bool withNotifiers, bool withTimers, bool canWait);
     int waitMs(bool withTimers) const;
     void collect(int fd, quint32 events);
-    void clearWakeUp();
+    void clearWakeUpFd();
     int activateNotifiers();
     QSocketNotifier *takePending(int fd);
     int activateTimers();
 
     int epollFd = -1; // set once
     int wakeUpFd = -1; // set once; an eventfd
-    std::atomic<bool> wakeUpPending{false}; // wakeUpFd is readable, or about to be
+    std::atomic<bool> wakeUpPending{false}; // the next turn does not wait
     std::atomic<bool> interrupted{false};
     quint64 turns = 0; // nested ones included; the dispatcher's thread only
 
     // The rest belongs to the dispatcher's thread.
     std::unordered_map<int, Descriptor> descriptors;
     std::set<int> unwatched; // descriptors the kernel has refused: always ready, or invalid
+    bool leftKernelAlone = false; // in the latest turn
     std::vector<int> ready; // descriptors to activate; nested turns share it
     std::size_t nextReady = 0; // index into ready
     TimerQueue timers;

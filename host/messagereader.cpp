@@ -38,8 +38,10 @@ QString keyOf(const ParsedData &record)
             + record.getPluginSubIdKey(QStringLiteral("client"));
 }
 
-Origin originOf(const ParsedData &record)
+Origin originOf(const ParsedData &record, bool inFull)
 {
+    if (!inFull)
+        return {{}, {}, record.getSource(), {}, 0, {}, {}};
     return {record.getTimestamp(QTimeZone::utc()),
             record.getPluginId(),
             record.getSource(),
@@ -97,13 +99,13 @@ void MessageReader::receive(const shared_parsedData &record)
     Client &client = clientOf(*record);
     const ExactOffers::Offer offer = exactOffers.open(*record, pacedTime);
     if (offer.connection() != 0) {
-        client.origin = originOf(*record);
+        client.origin = originOf(*record, output.showsOrigins());
         client.lastOfferTime = now();
         readExactly(client, offer, record->getPluginSubId());
         return;
     }
     if (takeOffer(client, record->getOriginalMessage())) {
-        client.origin = originOf(*record);
+        client.origin = originOf(*record, output.showsOrigins());
         readMessages(client);
     }
     client.lastOfferTime = now();

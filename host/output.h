@@ -35,6 +35,9 @@ public:
     // descriptor: stays the caller's, open for as long as the object lives.
     Output(OutputFormat outputFormat, Framing inputFraming, int outputDescriptor);
 
+    // Whether anything but the source of a message's origin is of interest.
+    bool showsOrigins() const { return format == OutputFormat::Json; }
+
     void write(const Message &message);
 
     // A line in place of records; only for OutputFormat::Count.

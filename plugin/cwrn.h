@@ -4,8 +4,8 @@
 #pragma once
 
 #include <QtCore/QDateTime>
-#include <QtCore/QDebug>
 #include <QtCore/QString>
+#include <QtCore/qlogging.h>
 
 #include <type_traits>
 #include <utility>
@@ -26,7 +26,8 @@ public:
     CWRN(QtMsgType level, QString format, Args &&...args) : message(std::move(format))
     {
         (substitute(args), ...);
-        QDebug(level).noquote() << localTime() << message;
+        // As QDebug does at its end, without its stream.
+        qt_message_output(level, QMessageLogContext(), localTime() + QLatin1Char(' ') + message);
     }
 
 private:

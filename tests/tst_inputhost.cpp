@@ -749,7 +749,10 @@ void tst_InputHost::logLevels()
         const bool isWarning = qstrcmp(level, "warning") == 0;
         QCOMPARE(log.contains("debug: "), isDebug);
         QCOMPARE(log.contains("info: "), !isWarning);
-        QCOMPARE(log.count("warning: "), 1);
+        // The end can come before a worker takes the connection that asked whether there is a
+        // server.
+        const auto droppedAtStop = log.count("Creating receiving socket failed");
+        QVERIFY2(log.count("warning: ") - droppedAtStop == 1, log.constData());
         QCOMPARE(host.lines().size(), 1);
     }
 }

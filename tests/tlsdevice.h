@@ -77,11 +77,17 @@ public:
     void writeCloseNotify() { SSL_shutdown(ssl.get()); }
     bool flush()
     {
+        const QByteArray bytes = takeOutput();
+        return bytes.isEmpty() || socket.send(bytes);
+    }
+    // What flush() would send, for who wants to send it in a way of his own.
+    QByteArray takeOutput()
+    {
         char *bytes = nullptr;
         const long count = BIO_get_mem_data(SSL_get_wbio(ssl.get()), &bytes);
-        const bool sent = count <= 0 || socket.send(QByteArray(bytes, count));
+        const QByteArray result(bytes, count > 0 ? count : 0);
         (void)BIO_reset(SSL_get_wbio(ssl.get()));
-        return sent;
+        return result;
     }
 
     // Reads and forgets until the server has ended the connection; false if it does not.

@@ -1,0 +1,88 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include <array>
+
+//! How a device's connection ends. Without TLS the three that are about close_notify do not exist.
+enum class Ending {
+    Fin, // FIN once the peer's kernel has acknowledged the last byte
+    HalfClose, // FIN right after the last byte; the device goes on reading until the plugin closes
+    CloseAtOnce, // close() right after the last byte, with whatever the device has not read
+    Reset, // RST right after the last byte
+    NotifyThenFin, // close_notify and FIN, then as HalfClose
+    NotifyAlone, // close_notify; TCP stays open until the plugin closes
+    FinWithoutNotify, // as CloseAtOnce, but what has come in is read
+    IdleTimeout, // the device stays; the plugin closes
+    HostStop, // stop() while all devices are sending
+    Destroyed, // the plugin is deleted while all devices are sending
+};
+
+enum class Transport { Tcp, Tls12, Tls13 };
+
+//! How the device's bytes are divided among its writes.
+enum class Segmentation {
+    Whole, // one write
+    Bytes, // one byte a write
+    Random, // 1 to 400 bytes a write, with pauses of up to 30 ms
+};
+
+enum class HostKind {
+    Prompt, // answers each offer at once
+    Late, // answers each offer 500 ms after it came
+    OneByOne, // consumes one message per offer
+    AtEnd, // consumes nothing before the connection has ended
+};
+
+template<class Value>
+struct Named
+{
+    Value value;
+    const char *name;
+};
+
+constexpr std::array<Named<Ending>, 10> Endings{
+        {{Ending::Fin, "FIN after the last byte"},
+         {Ending::HalfClose, "half-close"},
+         {Ending::CloseAtOnce, "close at once"},
+         {Ending::Reset, "RST"},
+         {Ending::NotifyThenFin, "close_notify then FIN"},
+         {Ending::NotifyAlone, "close_notify alone"},
+         {Ending::FinWithoutNotify, "FIN without close_notify"},
+         {Ending::IdleTimeout, "idle time-out"},
+         {Ending::HostStop, "host's stop()"},
+         {Ending::Destroyed, "plugin destroyed"}}};
+constexpr std::array<Named<Transport>, 3> Transports{
+        {{Transport::Tcp, "TCP"}, {Transport::Tls12, "TLS 1.2"}, {Transport::Tls13, "TLS 1.3"}}};
+constexpr std::array<Named<Segmentation>, 3> Segmentations{
+        {{Segmentation::Whole, "one write"},
+         {Segmentation::Bytes, "one byte a write"},
+         {Segmentation::Random, "random"}}};
+constexpr std::array<Named<HostKind>, 4> HostKinds{{{HostKind::Prompt, "prompt"},
+                                                    {HostKind::Late, "500 ms late"},
+                                                    {HostKind::OneByOne, "one message per offer"},
+                                                    {HostKind::AtEnd, "nothing until the end"}}};
+
+//! One cell of the matrix.
+struct Cell
+{
+    Ending ending;
+    Transport transport;
+    Segmentation segmentation;
+    HostKind host;
+    bool exact; // "offsets" on and a host with ExactOffers; else neither
+};
+
+constexpr bool exists(Ending ending, Transport transport)
+{
+    return transport != Transport::Tcp
+            || (ending != Ending::NotifyThenFin && ending != Ending::NotifyAlone
+                && ending != Ending::FinWithoutNotify);
+}
+
+// The plugin's end is the host's doing: what the kernel still holds then is not the plugin's.
+constexpr bool isCutShort(Ending ending)
+{
+    return ending == Ending::HostStop || ending == Ending::Destroyed;
+}

@@ -1,0 +1,30 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "round.h"
+
+#include <QtCore/QList>
+#include <QtCore/QTextStream>
+
+/*!
+    The matrix as Markdown tables.
+*/
+class Report
+{
+public:
+    void add(const QList<CellResult> &results);
+    bool isClean() const;
+
+    // One row a way to end and transport, one column a host; segmentations are added up.
+    void write(QTextStream &out) const;
+    // One row a cell.
+    void writeCells(QTextStream &out) const;
+
+private:
+    void writeHosts(QTextStream &out, bool exact) const;
+    void writeLeftovers(QTextStream &out) const;
+
+    QList<CellResult> cells;
+};

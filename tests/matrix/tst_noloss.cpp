@@ -1,0 +1,144 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "oracle.h"
+#include "round.h"
+#include "stream.h"
+
+#include <QtTest/QtTest>
+
+namespace {
+
+constexpr int Messages = 10;
+constexpr qsizetype Size = Stream::MessageBytes;
+
+// Everything of a stream offered, parsed and consumed in one piece.
+void takeAll(Oracle &oracle, const QByteArray &stream)
+{
+    oracle.offered(0, stream);
+    oracle.parsed(0, stream.size());
+    for (qsizetype begin = 0; begin < stream.size(); begin += Size)
+        oracle.consumed(begin, QByteArrayView(stream).sliced(begin, Size));
+}
+
+} // namespace
+
+/*!
+    The no-loss matrix, shortened: fewer and smaller rounds than the program noloss plays. And that
+    its oracle notices what it is there for.
+*/
+class tst_NoLoss : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void oracleAcceptsWhatIsRight();
+    void oracleNoticesLoss();
+    void oracleNoticesDisorder();
+    void oracleNoticesRepeats();
+
+    void round_data();
+    void round();
+
+private:
+    const QByteArray stream = Stream::messages(7, Messages);
+};
+
+void tst_NoLoss::oracleAcceptsWhatIsRight()
+{
+    Oracle oracle(stream);
+    oracle.offered(0, QByteArrayView(stream).first(3 * Size + 1));
+    takeAll(oracle, stream);
+    QCOMPARE(oracle.missing(stream.size()), 0);
+    QCOMPARE(oracle.outOfOrder(), 0);
+    QCOMPARE(oracle.repeated(), 0);
+    QCOMPARE(oracle.positionOf(QByteArrayView(stream).sliced(4 * Size)), 4 * Size);
+    QCOMPARE(oracle.positionOf(QByteArrayView(stream).first(5)), stream.size()); // all consumed
+}
+
+void tst_NoLoss::oracleNoticesLoss()
+{
+    Oracle end(stream);
+    end.offered(0, QByteArrayView(stream).chopped(1));
+    QCOMPARE(end.missing(stream.size()), 1);
+    QCOMPARE(end.missing(stream.size() - 1), 0);
+
+    Oracle middle(stream);
+    middle.offered(0, QByteArrayView(stream).first(2 * Size));
+    middle.offered(3 * Size, QByteArrayView(stream).sliced(3 * Size));
+    QCOMPARE(middle.missing(stream.size()), Size);
+    QCOMPARE(middle.outOfOrder(), 0);
+}
+
+void tst_NoLoss::oracleNoticesDisorder()
+{
+    QByteArray swapped = stream;
+    std::swap(swapped[2 * Size - 1], swapped[2 * Size]); // a message's end and the next beginning
+    Oracle oracle(stream);
+    takeAll(oracle, swapped);
+    // From the first wrong byte on nothing counts as offered, and neither message is intact.
+    QCOMPARE(oracle.outOfOrder(), (stream.size() - 2 * Size + 1) + 2 * Size);
+    QCOMPARE(oracle.missing(stream.size()), stream.size() - 2 * Size + 1);
+}
+
+void tst_NoLoss::oracleNoticesRepeats()
+{
+    Oracle oracle(stream);
+    takeAll(oracle, stream);
+    oracle.offered(2 * Size, QByteArrayView(stream).sliced(2 * Size));
+    oracle.parsed(2 * Size, stream.size() - 2 * Size);
+    QCOMPARE(oracle.repeated(), stream.size() - 2 * Size);
+    QCOMPARE(oracle.missing(stream.size()), 0);
+}
+
+void tst_NoLoss::round_data()
+{
+    QTest::addColumn<Ending>("ending");
+    QTest::addColumn<Transport>("transport");
+    QTest::addColumn<bool>("exact");
+    // Each way to end with and without TLS, each with one host and then the other. The idle
+    // time-out, which takes its time, once.
+    bool exact = false;
+    for (const auto &ending : Endings) {
+        for (const auto &transport : Transports) {
+            if (!exists(ending.value, transport.value) || transport.value == Transport::Tls12
+                || (ending.value == Ending::IdleTimeout && transport.value == Transport::Tcp))
+                continue;
+            exact = !exact;
+            QTest::addRow("%s, %s, %s host", ending.name, transport.name, exact ? "exact" : "plain")
+                    << ending.value << transport.value << exact;
+        }
+    }
+    QTest::addRow("close_notify alone, TLS 1.2, exact host")
+            << Ending::NotifyAlone << Transport::Tls12 << true;
+    QTest::addRow("plugin destroyed, TLS 1.2, plain host")
+            << Ending::Destroyed << Transport::Tls12 << false;
+}
+
+void tst_NoLoss::round()
+{
+    RoundPlan plan;
+    plan.wholeMessages = 500;
+    QFETCH(Ending, ending);
+    plan.ending = ending;
+    QFETCH(Transport, transport);
+    plan.transport = transport;
+    QFETCH(bool, exact);
+    plan.exact = exact;
+
+    const QList<CellResult> results = playRound(plan);
+    QCOMPARE(results.size(), 12);
+    CellResult total = results.first();
+    for (const CellResult &result : results.sliced(1))
+        total.add(result);
+    QCOMPARE(total.connections, 12);
+    QCOMPARE(total.failed, 0);
+    QCOMPARE(total.missing, 0);
+    QCOMPARE(total.outOfOrder, 0);
+    if (exact)
+        QCOMPARE(total.repeated, 0);
+    QVERIFY(total.accepted > 0);
+}
+
+QTEST_GUILESS_MAIN(tst_NoLoss)
+#include "tst_noloss.moc"

@@ -1,0 +1,168 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "cases.h"
+
+#include "nofreedescriptors.h"
+#include "scene.h"
+
+#include <QtNetwork/QTcpServer>
+
+namespace {
+
+// Of a connection, as the host guide lists them.
+constexpr int LinesSilent = 6; // from its acceptance to its end, without a byte
+constexpr int LinesServed = LinesSilent + 2; // the first read, and a discard that comes too late
+constexpr int LinesConstant = 40; // start, worker threads, the two lines about descriptors
+
+QString text(const char *latin1)
+{
+    return QString::fromLatin1(latin1);
+}
+
+void startIn(Scene &scene)
+{
+    if (!scene.plugin->start() || !isListening(*scene.plugin))
+        qFatal("the plugin does not listen");
+}
+
+// linesEach: of a connection that belongs to the cause.
+void count(Outcome &outcome, Scene &scene, int causes, int linesEach)
+{
+    scene.plugin.reset(); // what it had to say is said
+    outcome.tls = scene.tls;
+    outcome.connections = causes + scene.goodDevices;
+    outcome.lines = scene.lines();
+    outcome.allowedLines = causes * linesEach + scene.goodDevices * LinesServed + LinesConstant;
+}
+
+void raiseDescriptorLimit()
+{
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+} // namespace
+
+Outcome NeverDeaf::descriptorsOut(bool tls)
+{
+    Outcome outcome;
+    outcome.cause = text("descriptor limit reached, then released");
+    Scene scene(tls);
+    startIn(scene);
+    outcome.before = scene.serveMedian();
+    Scene::GoodDevice waiting(scene);
+    {
+        const NoFreeDescriptors none;
+        waiting.go();
+        serveUntil([&] { return scene.logged(text("Out of file descriptors")) > 0; });
+    }
+    outcome.after = scene.serve();
+    serveUntil([&] { return waiting.isServed(); });
+    outcome.during = waiting.servedAfter();
+    count(outcome, scene, 0, 0);
+    return outcome;
+}
+
+Outcome NeverDeaf::silentPeers(int peers)
+{
+    Outcome outcome;
+    outcome.cause = text("%1 silent TLS peers").arg(peers);
+    raiseDescriptorLimit();
+    Scene scene(true);
+    startIn(scene);
+    outcome.before = scene.serveMedian();
+    std::vector<NativeSocket> silent;
+    for (int n = 0; n < peers; ++n) // the backlog has room for them
+        silent.push_back(NativeSocket::connectedTo(testAddress(), scene.port));
+    scene.serve(); // accepted after all of them
+    outcome.during = scene.serveMedian();
+    silent.clear();
+    outcome.after = scene.serve();
+    count(outcome, scene, peers, 1);
+    return outcome;
+}
+
+Outcome NeverDeaf::garbageHandshakes(int peers)
+{
+    Outcome outcome;
+    outcome.cause = text("%1 garbage handshakes").arg(peers);
+    const QByteArray request("GET / HTTP/1.0\r\n\r\n");
+    const QByteArray brokenHello("\x16\x03\x01\x00\x05hello", 10);
+    Scene scene(true);
+    startIn(scene);
+    outcome.before = scene.serveMedian();
+    outcome.during = scene.serveDuring([&] {
+        for (int n = 0; n < peers; ++n) {
+            NativeSocket peer = NativeSocket::connectedTo(testAddress(), scene.port);
+            peer.send(n % 2 == 0 ? request : brokenHello);
+            char answer[64];
+            while (::recv(peer.descriptor(), answer, sizeof answer, 0) > 0) {}
+        }
+    });
+    outcome.after = scene.serve();
+    count(outcome, scene, peers, 1);
+    return outcome;
+}
+
+Outcome NeverDeaf::closersAtOnce(bool tls, int peers)
+{
+    Outcome outcome;
+    outcome.cause = text("%1 connects that close at once").arg(peers);
+    Scene scene(tls);
+    startIn(scene);
+    outcome.before = scene.serveMedian();
+    outcome.during = scene.serveDuring([&] {
+        for (int n = 0; n < peers; ++n)
+            NativeSocket::connectedTo(testAddress(), scene.port);
+    });
+    outcome.after = scene.serve();
+    count(outcome, scene, peers, tls ? 1 : LinesSilent);
+    return outcome;
+}
+
+Outcome NeverDeaf::resetsInBacklog(bool tls, int peers)
+{
+    constexpr int Invalid = 2; // a socket that broke may say so twice
+    Outcome outcome;
+    outcome.cause = text("%1 connections reset in the backlog").arg(peers);
+    raiseDescriptorLimit();
+    Scene scene(tls);
+    startIn(scene);
+    outcome.before = scene.serveMedian();
+    // In the plugin's own thread: nobody accepts meanwhile.
+    std::vector<NativeSocket> waiting;
+    for (int n = 0; n < peers; ++n)
+        waiting.push_back(NativeSocket::connectedTo(testAddress(), scene.port));
+    for (NativeSocket &peer : waiting)
+        peer.reset();
+    outcome.after = scene.serve();
+    count(outcome, scene, peers, tls ? 1 : LinesSilent + Invalid);
+    return outcome;
+}
+
+Outcome NeverDeaf::portTaken(bool tls)
+{
+    constexpr int LinesHandedOverTwice = 3; // by an object that was started twice
+    Outcome outcome;
+    outcome.cause = text("port taken at start, then freed");
+    {
+        Scene undisturbed(tls);
+        startIn(undisturbed);
+        outcome.before = undisturbed.serveMedian();
+    }
+    Scene scene(tls);
+    QTcpServer other;
+    if (!other.listen(testAddress(), scene.port) || !scene.plugin->start()
+        || isListening(*scene.plugin))
+        qFatal("the port is not taken");
+    other.close();
+    scene.plugin->stop();
+    startIn(scene);
+    outcome.after = scene.serve();
+    count(outcome, scene, 1, LinesHandedOverTwice);
+    --outcome.connections; // only the good one
+    return outcome;
+}

@@ -1,0 +1,38 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include <QtCore/QString>
+
+//! What good devices felt of an abuse. Times in milliseconds; negative: never served.
+struct Outcome
+{
+    QString cause;
+    bool tls = false;
+    double before = -1; // median
+    double during = 0; // 0: no good device could be there
+    double after = -1; // of one that connects when the cause ends
+    qsizetype connections = 0; // good ones included
+    qsizetype lines = 0; // logged, all in all
+    qsizetype allowedLines = 0; // as specified for so many connections, and a constant
+
+    bool isServed() const { return before >= 0 && during >= 0 && after >= 0; }
+};
+
+//! The ways to make an input deaf. Each plays against a plugin of its own and blocks.
+namespace NeverDeaf {
+
+// No descriptor is free for a while. during: a device that connects then, and waits.
+Outcome descriptorsOut(bool tls);
+// Peers that connect and never say a word. during: median.
+Outcome silentPeers(int count);
+// Handshakes that are none, or are broken. during: the longest, here and below.
+Outcome garbageHandshakes(int count);
+Outcome closersAtOnce(bool tls, int count);
+// Connections that are reset before anybody has accepted them.
+Outcome resetsInBacklog(bool tls, int count);
+// start() finds the port taken; it is freed; stop(), start().
+Outcome portTaken(bool tls);
+
+} // namespace NeverDeaf

@@ -1,0 +1,68 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "cases.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QList>
+
+#include <cstdio>
+
+namespace {
+
+constexpr double LongestAfterMs = 2000;
+constexpr double SilentFactor = 2;
+
+QByteArray milliseconds(double value)
+{
+    if (value < 0)
+        return "never";
+    return value > 0 ? QByteArray::number(value, 'f', 1) : "-";
+}
+
+void print(const Outcome &outcome)
+{
+    std::printf("| %s | %s | %s | %s | %s | %lld | %lld | %lld |\n", qPrintable(outcome.cause),
+                outcome.tls ? "TLS 1.3" : "TCP", milliseconds(outcome.before).constData(),
+                milliseconds(outcome.during).constData(), milliseconds(outcome.after).constData(),
+                static_cast<long long>(outcome.connections), static_cast<long long>(outcome.lines),
+                static_cast<long long>(outcome.allowedLines));
+    std::fflush(stdout);
+}
+
+bool isGood(const Outcome &outcome)
+{
+    return outcome.isServed() && outcome.after <= LongestAfterMs
+            && outcome.lines <= outcome.allowedLines;
+}
+
+} // namespace
+
+/*!
+    Measures how long a good device takes to be served before, while and after others do their
+    worst, and writes a table to standard output. Exits with 1 if one took too long, or if more was
+    logged than may be.
+*/
+int main(int argc, char **argv)
+{
+    const QCoreApplication application(argc, argv);
+    std::printf(
+            "| Cause | Transport | before, ms | during, ms | after, ms | Connections | Log lines "
+            "| Allowed |\n|---|---|---|---|---|---|---|---|\n");
+    bool good = true;
+    const auto play = [&good](const Outcome &outcome) {
+        print(outcome);
+        good = isGood(outcome) && good;
+    };
+    for (const bool tls : {false, true}) {
+        play(NeverDeaf::descriptorsOut(tls));
+        play(NeverDeaf::closersAtOnce(tls, 10000));
+        play(NeverDeaf::resetsInBacklog(tls, 200));
+        play(NeverDeaf::portTaken(tls));
+    }
+    play(NeverDeaf::garbageHandshakes(600));
+    const Outcome silent = NeverDeaf::silentPeers(1000);
+    play(silent);
+    good = good && silent.during <= SilentFactor * silent.before;
+    return good ? 0 : 1;
+}

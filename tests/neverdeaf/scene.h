@@ -1,0 +1,163 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "certificates.h"
+#include "loadedplugin.h"
+#include "loglines.h"
+#include "serving.h"
+#include "tlsdevice.h"
+
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QObject>
+
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <vector>
+
+/*!
+    A plugin, a host that consumes everything at once, the log, and good devices, whose service is
+    what counts.
+
+    Thread: the plugin's.
+*/
+class Scene : public QObject
+{
+public:
+    //! A device that connects, sends one line, ends properly, and knows when the host had it.
+    class GoodDevice
+    {
+    public:
+        // Has its descriptor already, and nothing else.
+        explicit GoodDevice(Scene &owner)
+            : scene(owner),
+              line("good " + QByteArray::number(++owner.goodDevices) + '\n')
+        {
+            device.socket = NativeSocket::unconnected(testAddress());
+            scene.expected.insert(line, this);
+        }
+        ~GoodDevice()
+        {
+            if (thread.joinable())
+                thread.join();
+            scene.expected.remove(line);
+        }
+        Q_DISABLE_COPY_MOVE(GoodDevice)
+
+        void go()
+        {
+            started = scene.clock.nsecsElapsed();
+            thread = std::thread([this] { play(); });
+        }
+        bool isServed() const { return served >= 0; }
+        // Milliseconds from go(), or from another time, to the host; negative if not served.
+        double servedAfter() const { return servedAfter(started); }
+        double servedAfter(qint64 sinceNs) const
+        {
+            return isServed() ? static_cast<double>(served - sinceNs) / 1e6 : -1;
+        }
+
+    private:
+        friend class Scene;
+        void play()
+        {
+            if (!device.socket.connect(testAddress(), scene.port))
+                return;
+            if (!scene.tls) {
+                device.socket.send(line);
+            } else if (device.handshake()) {
+                device.write(line);
+                device.writeCloseNotify();
+                device.flush();
+            }
+            device.socket.finish();
+            device.waitForEnd();
+        }
+
+        Scene &scene;
+        const QByteArray line;
+        TlsDevice device{TLS1_3_VERSION};
+        qint64 started = 0; // nanoseconds of the scene's clock, as is served
+        qint64 served = -1;
+        std::thread thread;
+    };
+
+    explicit Scene(bool useTls) : tls(useTls), port(freePort())
+    {
+        clock.start();
+        QJsonObject config = tcpConfig(port);
+        if (tls)
+            config.insert(QStringLiteral("ssl"), serverTls());
+        plugin = library.create(config);
+        connect(plugin.get(), &IInputPlugin::receivedData, this, &Scene::receive);
+    }
+
+    // Milliseconds that a good device takes from connecting to the host; negative if it never
+    // gets there.
+    double serve()
+    {
+        GoodDevice good(*this);
+        good.go();
+        serveUntil([&good] { return good.isServed(); });
+        return good.servedAfter();
+    }
+    double serveMedian()
+    {
+        constexpr int Devices = 15;
+        std::vector<double> times;
+        for (int n = 0; n < Devices; ++n)
+            times.push_back(serve());
+        std::sort(times.begin(), times.end());
+        return times.front() < 0 ? -1 : times[Devices / 2];
+    }
+    // While function runs in another thread: the longest that a good device took.
+    double serveDuring(const std::function<void()> &function)
+    {
+        std::atomic<bool> over{false};
+        std::thread thread([&] {
+            function();
+            over = true;
+        });
+        double longest = 0;
+        bool all = true;
+        while (all && !over) {
+            const double time = serve();
+            all = time >= 0;
+            longest = std::max(longest, time);
+        }
+        thread.join();
+        return all ? longest : -1;
+    }
+
+    qsizetype lines() { return keepLog(), log.size(); }
+    qsizetype logged(const QString &part) { return keepLog(), log.filter(part).size(); }
+
+    const bool tls;
+    const quint16 port;
+    QElapsedTimer clock;
+    int goodDevices = 0;
+
+private:
+    void receive(const shared_parsedData &record)
+    {
+        const QByteArray bytes = record->getOriginalMessage();
+        GoodDevice *good = expected.value(bytes);
+        if (good && !good->isServed())
+            good->served = clock.nsecsElapsed();
+        if (plugin) // not being destroyed
+            plugin->discard(static_cast<int>(bytes.size()), record->getPluginSubId());
+    }
+    void keepLog() { log += takeLog(); }
+
+    MessageCapture capture;
+    QStringList log;
+    QHash<QByteArray, GoodDevice *> expected; // by their lines
+    LoadedLibrary library;
+
+public:
+    std::unique_ptr<IInputPlugin> plugin; // not started
+};

@@ -12,7 +12,8 @@ namespace {
 
 // Of a connection, as the host guide lists them.
 constexpr int LinesSilent = 6; // from its acceptance to its end, without a byte
-constexpr int LinesServed = LinesSilent + 2; // the first read, and a discard that comes too late
+constexpr int LinesServed =
+        LinesSilent + 3; // the first read, and both discards if they come too late
 constexpr int LinesConstant = 40; // start, worker threads, the two lines about descriptors
 
 QString text(const char *latin1)

@@ -400,6 +400,7 @@ bool TcpInputPlugin2::handOver()
     conn.setTimeout(timeoutMs);
     CWRN(QtDebugMsg, QStringLiteral("TcpInputPlugin2(%1): new connection, %2"), pluginId,
          currentThreadNumber());
+    // As by its name "addConnection", without looking that up for every connection.
     QMetaObject::invokeMethod(
             task, [task, conn] { task->addConnection(conn); }, Qt::QueuedConnection);
     taskIndex = (taskIndex + 1) % poolSize;

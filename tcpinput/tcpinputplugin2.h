@@ -31,7 +31,8 @@ class TcpTask2;
 
     Thread: its creator's; discard() from any thread.
     Owner:  the host, or the QObject parent.
-    Locks:  tasksLock; never held while logging or emitting.
+    Locks:  tasksLock; never held while logging, nor while emitting to anybody but the client that
+            a discard is for.
 */
 class TcpInputPlugin2 : public IInputPlugin
 {

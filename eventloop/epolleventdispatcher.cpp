@@ -106,7 +106,7 @@ bool EpollEventDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
     if (mayLeaveKernelAlone(flags))
         events += wakeUpPending.exchange(false) ? 1 : 0;
     else
-        events += collectReady(withNotifiers, withTimers, canWait && !wakeUpPending) ? 1 : 0;
+        events += collectReady(withNotifiers, withTimers, canWait && turn == turns) ? 1 : 0;
     if (withNotifiers)
         events += activateNotifiers();
     if (withTimers)
@@ -219,8 +219,8 @@ bool EpollEventDispatcher::collectReady(bool withNotifiers, bool withTimers, boo
 {
     std::array<epoll_event, EventsPerTurn> events;
     int count = 0;
-    do { // the time-out is worked out anew after each signal
-        const int timeoutMs = canWait ? waitMs(withTimers) : 0;
+    do { // the time-out is worked out anew after each signal, whose handler may wake up
+        const int timeoutMs = canWait && !wakeUpPending ? waitMs(withTimers) : 0;
         if (withNotifiers) {
             count = epoll_wait(epollFd, events.data(), EventsPerTurn, timeoutMs);
         } else {

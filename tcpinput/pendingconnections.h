@@ -14,7 +14,9 @@
 /*!
     The connections that a server has accepted and that no worker has taken yet, in the order of
     their acceptance. A connection can be reserved for the thread that it was dealt to: in a burst
-    the threads come for theirs in any order, and each gets its own.
+    the threads come for theirs in any order, and each gets its own. Once one has been reserved only
+    reserved ones can be taken: a thread that comes too late, for a connection that was closed
+   since, does not get one that is about to be dealt to another.
 
     Thread: any.
     Owner:  the server, as a member; what a T holds is the taker's to free.
@@ -34,12 +36,13 @@ public:
     void reserveFor(const QThread *taker)
     {
         const QMutexLocker locker(&mutex);
+        dealt = true;
         if (reserved < queue.size())
             queue[reserved++].taker = taker;
     }
 
-    // The oldest connection that is reserved for the calling thread, else the oldest one that is
-    // not reserved; nothing if there is neither.
+    // The oldest connection that is reserved for the calling thread; as long as none was ever
+    // reserved, the oldest of all. Nothing if there is none.
     std::optional<T> take()
     {
         const QMutexLocker locker(&mutex);
@@ -47,7 +50,7 @@ public:
         const auto free = queue.begin() + static_cast<std::ptrdiff_t>(reserved);
         auto found = std::find_if(queue.begin(), free,
                                   [taker](const Entry &entry) { return entry.taker == taker; });
-        if (found == queue.end())
+        if (found == queue.end() || (found == free && dealt))
             return std::nullopt;
         if (found != free)
             --reserved;
@@ -82,6 +85,7 @@ private:
     };
 
     mutable QMutex mutex;
-    std::deque<Entry> queue; // this and the next: guarded by mutex
+    std::deque<Entry> queue; // this and all below: guarded by mutex
     std::size_t reserved = 0; // how many of the queue's first entries are reserved
+    bool dealt = false; // reserveFor() was called
 };

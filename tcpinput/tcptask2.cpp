@@ -78,13 +78,19 @@ TcpTask2::~TcpTask2()
 {
     dying = true;
     deletePending = false; // the events sent below must not delete it once more
-    const auto children = findChildren<TcpClient2 *>(QString(), Qt::FindDirectChildrenOnly);
-    for (TcpClient2 *client : children)
-        client->mdisconnected();
-    // The offers travel to this task as queued calls, which would die with it. Without clients
-    // there are none, and the task may belong to a thread that could not be started.
-    if (!children.isEmpty())
+    // The offers travel to this task as queued calls, which would die with it, and so does a
+    // connection that is still to be added, which then has its last offer as well. Without clients
+    // nothing is sent: the task may belong to a thread that could not be started.
+    const auto clientsMade = [this] {
+        return findChildren<TcpClient2 *>(QString(), Qt::FindDirectChildrenOnly);
+    };
+    qsizetype ended = 0;
+    for (auto all = clientsMade(); all.size() > ended; all = clientsMade()) {
+        ended = all.size();
+        for (TcpClient2 *client : std::as_const(all))
+            client->mdisconnected();
         QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
+    }
 }
 
 void TcpTask2::discard(int length, const QMap<QString, QString> &subid)
@@ -239,7 +245,7 @@ void TcpTask2::deliverStamped(const Connection &c, const QString &id, TcpClient2
 shared_parsedData TcpTask2::makeRecord(const Connection &c, const QString &id) const
 {
     const QString peer = c.getSenderHost().toString();
-    const auto record = shared_parsedData::create();
+    auto record = shared_parsedData::create();
     record->setPeerAddress(peer);
     record->setPeerPort(c.getSenderPort());
     record->setOriginalMessage(c.getData());

@@ -5,6 +5,8 @@
 
 #include "ssl/sessiontickets.h"
 
+#include <sys/ioctl.h>
+
 namespace {
 
 constexpr char HandshakeRecord = 0x16; // first byte of a ClientHello's record, RFC 8446, 5.1
@@ -93,7 +95,20 @@ void TlsHandshake::fail(QAbstractSocket::SocketError error)
 
 void TlsHandshake::timedOut()
 {
+    // When this thread was held up, the peer's answer may have come in time and not been read yet.
+    if (!prolonged && hasUnread()) {
+        prolonged = true;
+        timer.start();
+        return;
+    }
     fail(QAbstractSocket::SocketTimeoutError);
+}
+
+bool TlsHandshake::hasUnread() const
+{
+    int bytes = 0;
+    return ::ioctl(static_cast<int>(socket->socketDescriptor()), FIONREAD, &bytes) == 0
+            && bytes > 0;
 }
 
 void TlsHandshake::encrypted()

@@ -37,6 +37,7 @@ private:
     void checkHello();
     void fail(QAbstractSocket::SocketError error);
     void timedOut();
+    bool hasUnread() const;
     void encrypted();
     void handOver();
     void ignoreSocket();
@@ -44,5 +45,6 @@ private:
     SslServer *const server;
     std::unique_ptr<SslServer::Socket> socket;
     QTimer timer;
+    bool prolonged = false; // once, for an answer that was there in time
     enum { Open, Encrypted, Over } state = Open;
 };

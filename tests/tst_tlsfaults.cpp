@@ -66,6 +66,7 @@ private Q_SLOTS:
     void stopsFromInsideAHandshake();
     void silentPeersDelayNobody();
     void silentPeersAreDropped();
+    void answersThatWaitAreInTime();
     void errorsStayWithTheirConnection();
     void peerGoneBeforeTheHandOver_data();
     void peerGoneBeforeTheHandOver();
@@ -378,6 +379,33 @@ void tst_TlsFaults::silentPeersAreDropped()
     QTRY_COMPARE(handshakes(), 0);
     QTRY_COMPARE(openSockets(), before);
     QCOMPARE(socketErrors(), Peers);
+}
+
+// Devices do not suffer for a host that holds its thread up for longer than handshakes may take.
+void tst_TlsFaults::answersThatWaitAreInTime()
+{
+    constexpr int TimeoutMs = 200;
+    start();
+    server().setHandshakeTimeout(TimeoutMs);
+    std::vector<TlsDevice> devices;
+    for (int n = 0; n < 20; ++n)
+        devices.emplace_back(TLS1_3_VERSION);
+    bool answered = true;
+    QVERIFY(play([&] {
+        for (TlsDevice &device : devices)
+            answered = answered && device.connect(testAddress(), port)
+                    && device.handshakeUntilAnswer();
+    }));
+    QVERIFY(answered);
+    for (int n = 0; n < 20; ++n) {
+        TlsDevice &device = devices[static_cast<size_t>(n)];
+        device.write("held up " + QByteArray::number(n));
+        QVERIFY(device.flush());
+    }
+    QThread::msleep(2 * TimeoutMs); // the host
+    for (int n = 0; n < 20; ++n)
+        QVERIFY(waitForRecord("held up " + QByteArray::number(n)));
+    QCOMPARE(socketErrors(), 0);
 }
 
 void tst_TlsFaults::errorsStayWithTheirConnection()

@@ -16,7 +16,8 @@
 /*!
     What a client has to do, in the simplest terms: no sockets, timers, threads or queues. Each
     function is one thing that happens to the client; what it does about it is added to its events,
-    as text: its log lines (see logLine()) and its signals.
+    as text: its log lines (see logLine()) and its signals. A model of what listens to it overrides
+    them.
 
     Thread: one.
 */
@@ -30,6 +31,9 @@ public:
           stamped(withPositions),
           time(now)
     {}
+
+    virtual ~ClientModel() = default;
+    Q_DISABLE_COPY_MOVE(ClientModel)
 
     static QString offerText(const QString &id, const QByteArray &bytes)
     {
@@ -68,8 +72,7 @@ public:
         position += static_cast<quint64>(count);
         if (buffer.size() <= 20)
             return;
-        events +=
-                QStringLiteral("D: TcpClient: inbuf still %1 bytes, triggering").arg(buffer.size());
+        log(QStringLiteral("D: TcpClient: inbuf still %1 bytes, triggering").arg(buffer.size()));
         offer();
         lastOffer = time;
     }
@@ -87,7 +90,7 @@ public:
     {
         if (buffer.size() <= 80 || !isDue(2000))
             return;
-        events += QStringLiteral("I: TcpClient: inbuf parsing stopped, kicking");
+        log(QStringLiteral("I: TcpClient: inbuf parsing stopped, kicking"));
         offer();
         lastOffer = time;
     }
@@ -95,7 +98,7 @@ public:
     // rest: what its socket still holds.
     void timeOut(const QByteArray &rest)
     {
-        events += QStringLiteral("D: TcpClient: timeout");
+        log(QStringLiteral("D: TcpClient: timeout"));
         end(rest);
     }
     void end(const QByteArray &rest)
@@ -108,11 +111,11 @@ public:
         buffer.clear();
         isOpen = false;
         idleTimerRuns = false;
-        events += QStringLiteral("D: TcpClient: closing connection %1 (received %2 bytes, %3 msgs)")
-                          .arg(id)
-                          .arg(bytesReceived)
-                          .arg(reads);
-        events += disconnectedText(id);
+        log(QStringLiteral("D: TcpClient: closing connection %1 (received %2 bytes, %3 msgs)")
+                    .arg(id)
+                    .arg(bytesReceived)
+                    .arg(reads));
+        gone();
     }
 
     QString id;
@@ -122,6 +125,20 @@ public:
     quint64 position = 0; // of the buffer's first byte in the stream
     QStringList events;
 
+protected:
+    virtual void log(const QString &line) { events += line; }
+    virtual void offered()
+    {
+        events += offerText(id, buffer);
+        if (stamped)
+            events += positionText(position);
+    }
+    virtual void renamed(const QString &before) { events += idChangedText(before, id); }
+    virtual void gone() { events += disconnectedText(id); }
+
+    const Endpoints endpoints;
+    const bool stamped;
+
 private:
     bool append(const QByteArray &bytes)
     {
@@ -130,7 +147,7 @@ private:
         if (!std::exchange(idKnown, true))
             findId();
         if (bytes.size() > 1000)
-            events += QStringLiteral("I: TcpClient2 (%1): msgsize = %2").arg(id).arg(bytes.size());
+            log(QStringLiteral("I: TcpClient2 (%1): msgsize = %2").arg(id).arg(bytes.size()));
         buffer += bytes;
         bytesReceived += bytes.size();
         ++reads;
@@ -141,11 +158,11 @@ private:
     {
         const QString local = endpoints.local.toString();
         const QString peer = endpoints.peer.toString();
-        events += QStringLiteral("D: TCP READ: %1:%2 (%3:%4)")
-                          .arg(local)
-                          .arg(endpoints.localPort)
-                          .arg(peer)
-                          .arg(endpoints.peerPort);
+        log(QStringLiteral("D: TCP READ: %1:%2 (%3:%4)")
+                    .arg(local)
+                    .arg(endpoints.localPort)
+                    .arg(peer)
+                    .arg(endpoints.peerPort));
         const QString found = QStringLiteral("tcp2:%1:%2-%3:%4")
                                       .arg(local)
                                       .arg(endpoints.localPort)
@@ -153,14 +170,12 @@ private:
                                       .arg(endpoints.peerPort);
         const QString before = std::exchange(id, found);
         if (before != id)
-            events += idChangedText(before, id);
+            renamed(before);
     }
 
     void offer()
     {
-        events += offerText(id, buffer);
-        if (stamped)
-            events += positionText(position);
+        offered();
         idleTimerRuns = true;
     }
 
@@ -169,8 +184,6 @@ private:
         return time - lastOffer > intervalMs || time < lastOffer;
     }
 
-    const Endpoints endpoints;
-    const bool stamped;
     qint64 time;
     qint64 lastOffer = 0;
     qint64 bytesReceived = 0;

@@ -31,9 +31,10 @@ public:
 
     void prepare(SocketPair &pair)
     {
-        sockets.push_back(new QTcpSocket);
+        prepare(new QTcpSocket);
         sockets.back()->setSocketDescriptor(pair.accepted.release());
     }
+    void prepare(QTcpSocket *socket) { sockets.push_back(socket); }
 
     int asked = 0;
 

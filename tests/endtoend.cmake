@@ -9,3 +9,5 @@ host_test(tst_latehosts 1800)
 test_uses_certificates(tst_latehosts)
 # Qt Test's own guard, five minutes for a function, is too short for the full load.
 set_property(TEST tst_latehosts APPEND PROPERTY ENVIRONMENT QTEST_FUNCTION_TIMEOUT=900000)
+host_test(tst_hostilehost 600)
+test_uses_certificates(tst_hostilehost)

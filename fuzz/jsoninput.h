@@ -1,0 +1,40 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include <QtCore/QByteArrayView>
+#include <QtCore/QFile>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
+
+inline QJsonDocument jsonFrom(QByteArrayView input)
+{
+    return QJsonDocument::fromJson(QByteArray::fromRawData(input.data(), input.size()));
+}
+
+// The input may name files of the working directory, where scripts/fuzz puts certificates, but not
+// others: reading some of them would never end.
+inline bool namesLocalFilesOnly(const QJsonObject &sslObject)
+{
+    for (const char *key : {"CAFile", "CertFile", "KeyFile"}) {
+        if (sslObject.value(QLatin1String(key)).toString().contains(QLatin1Char('/')))
+            return false;
+    }
+    return true;
+}
+
+// "@NAME" for an inline certificate or key stands for that file's text: they are made for each
+// machine, so no corpus has any.
+inline QJsonObject withInlineFiles(QJsonObject sslObject)
+{
+    for (const char *key : {"CACertificate", "Certificate", "PrivateKey"}) {
+        auto value = sslObject.find(QLatin1String(key));
+        if (value == sslObject.end() || !value->toString().startsWith(QLatin1Char('@')))
+            continue;
+        QFile file(value->toString().mid(1));
+        if (file.open(QIODevice::ReadOnly))
+            *value = QString::fromLatin1(file.readAll());
+    }
+    return sslObject;
+}

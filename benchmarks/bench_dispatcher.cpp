@@ -6,6 +6,7 @@
 #include "benchmarks/eventthread.h"
 
 #include <QtCore/QAbstractEventDispatcher>
+#include <QtCore/QCoreApplication>
 #include <QtCore/QSocketNotifier>
 
 #include <benchmark/benchmark.h>
@@ -72,6 +73,7 @@ BENCHMARK(socketEvent)
 
 int main(int argc, char **argv)
 {
+    const QCoreApplication application(argc, argv); // without it Qt sends no event
     raiseDescriptorLimit();
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();

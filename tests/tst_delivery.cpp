@@ -45,7 +45,13 @@ public:
     }
 
 private:
-    void reconnect() { socket = RawDevice(testAddress(), port); }
+    // What the former connection still has on its way may arrive after the first bytes of this one.
+    void reconnect()
+    {
+        socket = RawDevice(testAddress(), port);
+        ++stream;
+        inStream = 0;
+    }
 
     const quint16 port;
     int stream; // numbers are per connection: only there is an order kept

@@ -720,7 +720,8 @@ void tst_InputHost::status()
             + address + ':' + port + ", timeout: 99s, pool size: 2\n   tcp2:" + address + ':' + port
             + '-' + peer + "\n      (empty 0)\n";
     QTRY_VERIFY2_WITH_TIMEOUT(host.log().contains(expected), host.log().constData(), HangGuardMs);
-    QCOMPARE(host.stop(), int(ExitOk));
+    const int exitCode = host.stop();
+    QVERIFY2(exitCode == ExitOk, host.log().constData());
     QVERIFY(host.log().endsWith(
             "messages 1 bytes 1 connections 1 partial 1 too-long 1 offers 2\n"));
 }

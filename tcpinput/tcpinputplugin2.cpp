@@ -304,13 +304,8 @@ bool TcpInputPlugin2::stop()
 void TcpInputPlugin2::retireTasks()
 {
     const QWriteLocker locker(&tasksLock);
-    for (TcpTask2 *task : std::as_const(tasks)) {
-        // A thread that has ended, after a stopSignal() alone, carries out no deletion any more.
-        if (task->thread()->isFinished())
-            delete task;
-        else
-            task->deleteLater();
-    }
+    for (TcpTask2 *task : std::as_const(tasks))
+        task->deleteLater();
     tasks.clear();
 }
 

@@ -15,7 +15,6 @@ endforeach()
 
 # The program.
 plugin_test(tst_inputhost 300)
-runs_programs(tst_inputhost)
 target_link_libraries(tst_inputhost PRIVATE Qt6::Network)
 target_include_directories(tst_inputhost PRIVATE ${PROJECT_SOURCE_DIR})
 target_compile_definitions(tst_inputhost PRIVATE

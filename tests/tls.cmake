@@ -17,7 +17,6 @@ if(NOT TARGET inputhost OR NOT TARGET devicesim)
     return()
 endif()
 host_test(tst_tlsprograms 300)
-runs_programs(tst_tlsprograms)
 test_uses_certificates(tst_tlsprograms)
 target_compile_definitions(tst_tlsprograms PRIVATE
     DEVICESIM_FILE="$<TARGET_FILE:devicesim>"

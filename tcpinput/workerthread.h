@@ -28,12 +28,19 @@ public:
     // Whether make() would succeed now.
     static bool isAvailable();
 
-    // Quits the event loop and waits: for the event in hand, and for the task that dies with the
-    // loop. ~QThread would abort the process while the thread still runs.
+    // Quits the event loop and waits: for the event in hand, for the task that dies with the loop,
+    // and until the kernel has ended the thread. ~QThread would abort the process while the thread
+    // still runs.
     ~WorkerThread() override;
 
+protected:
+    void run() override;
+
 private:
+    void waitForKernel() const;
+
     explicit WorkerThread(std::unique_ptr<QAbstractEventDispatcher> loop);
 
     QPointer<QAbstractEventDispatcher> dispatcher; // deleted by the thread itself, if it ever ran
+    int kernelId = 0; // written by the thread when it starts, read when wait() has returned
 };

@@ -39,6 +39,7 @@ public:
 
     // The whole map, to be handed back to IInputPlugin::discard().
     QMap<QString, QString> getPluginSubId() const { return read(pluginSubIds); }
+    void setPluginSubId(const QMap<QString, QString> &value) { write(pluginSubIds, value); }
     // Replaces an existing value.
     void addPluginSubId(const QString &key, const QString &value)
     {

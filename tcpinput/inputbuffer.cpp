@@ -4,9 +4,13 @@
 #include "tcpinput/inputbuffer.h"
 
 #include <algorithm>
+#include <cstring>
 #include <utility>
 
 namespace {
+
+// Of a block, for the beginning of a message that has come before.
+constexpr qsizetype MostHeadroom = 4096;
 
 // Capacity 0: memory that is not the array's own.
 bool usesHalfOf(qsizetype size, const QByteArray &block)
@@ -24,23 +28,73 @@ QByteArray sharedEnd(QByteArray &bytes, qsizetype from)
             QByteArray::DataPointer(block.d_ptr(), block.data() + from, bytes.size() - from));
 }
 
+// A block of its own with room in front, so that prepending that much copies nothing else.
+QByteArray blockWithHeadroom(QByteArrayView received, qsizetype headroom)
+{
+    QByteArray block(headroom + received.size(), Qt::Uninitialized);
+    std::memcpy(block.data() + headroom, received.data(), static_cast<size_t>(received.size()));
+    block.remove(0, headroom); // moves the beginning
+    return block;
+}
+
 } // namespace
 
-void InputBuffer::append(QByteArray &&chunk)
+void InputBuffer::append(QByteArrayView received)
 {
-    // A socket reads into blocks of 16 KiB: a record of a few bytes must not hold one.
-    if (bytes.isEmpty() && usesHalfOf(chunk.size(), chunk))
-        bytes = std::move(chunk);
+    if (received.isEmpty())
+        return;
+    if (!fresh.isEmpty())
+        fresh.append(received);
+    else if (bytes.isEmpty())
+        bytes = received.toByteArray();
+    else if (bytes.isDetached())
+        bytes.append(received);
     else
-        bytes.append(chunk.constData(), chunk.size());
+        fresh = blockWithHeadroom(received, std::min(bytes.size(), MostHeadroom));
+}
+
+char *InputBuffer::extend(qsizetype size)
+{
+    const qsizetype before = last().size();
+    last().resize(before + size);
+    return last().data() + before;
+}
+
+void InputBuffer::chop(qsizetype size)
+{
+    last().chop(size);
+}
+
+QByteArray InputBuffer::copy()
+{
+    if (fresh.isEmpty())
+        return bytes;
+    if (bytes.isDetached() && bytes.size() > fresh.data_ptr().freeSpaceAtBegin())
+        bytes.append(fresh);
+    else
+        bytes = std::move(fresh.prepend(bytes));
+    fresh = QByteArray();
+    return bytes;
 }
 
 qsizetype InputBuffer::cutFront(qsizetype len)
 {
-    const qsizetype cut = std::clamp<qsizetype>(len, 0, bytes.size());
+    const qsizetype cut = std::clamp<qsizetype>(len, 0, size());
+    if (cut < bytes.size()) {
+        cutFrontOfBytes(cut);
+    } else {
+        const qsizetype cutOfFresh = cut - bytes.size();
+        bytes = std::exchange(fresh, {});
+        cutFrontOfBytes(cutOfFresh);
+    }
+    return cut;
+}
+
+void InputBuffer::cutFrontOfBytes(qsizetype cut)
+{
     const qsizetype rest = bytes.size() - cut;
     if (cut == 0)
-        return 0;
+        return;
     if (rest == 0)
         bytes = QByteArray();
     else if (!usesHalfOf(rest, bytes))
@@ -49,5 +103,10 @@ qsizetype InputBuffer::cutFront(qsizetype len)
         bytes.remove(0, cut); // moves the beginning
     else
         bytes = sharedEnd(bytes, cut);
-    return cut;
+}
+
+void InputBuffer::clear()
+{
+    bytes = QByteArray();
+    fresh = QByteArray();
 }

@@ -6,10 +6,13 @@
 #include "plugin/cwrn.h"
 #include "tcpinput/clientid.h"
 #include "tcpinput/clock.h"
+#include "tcpinput/receivingsocket.h"
 
+#include <QtCore/QThread>
 #include <QtNetwork/QTcpSocket>
 
 #include <algorithm>
+#include <chrono>
 #include <limits>
 #include <utility>
 
@@ -17,7 +20,7 @@ namespace {
 
 constexpr qint64 OfferIntervalMs = 200; // at most one offer per interval on the read path
 constexpr qint64 KickAfterMs = 2000; // an offer that nobody answered is repeated after this
-constexpr int CheckIntervalMs = 2000;
+constexpr std::chrono::steady_clock::duration CheckInterval = std::chrono::seconds(2);
 constexpr int LogReadAboveBytes = 1000;
 constexpr qsizetype ReofferAboveBytes = 20; // left after a cut
 constexpr qsizetype KickAboveBytes = 80;
@@ -30,11 +33,15 @@ TcpClient2::TcpClient2(QObject *parent, const QString &clientId, QTcpSocket *con
                        int timeoutMs)
     : QObject(parent),
       socket(connected),
+      plain(dynamic_cast<ReceivingSocket *>(connected)),
       id(clientId),
-      idleTimer(this)
+      idleTimer(this),
+      idleTimeout(timeoutMs),
+      created(std::chrono::steady_clock::now()),
+      active(created)
 {
     idleTimer.setInterval(timeoutMs);
-    checkTimer.setInterval(CheckIntervalMs);
+    checkTimer.setSingleShot(true);
 
     CWRN(QtDebugMsg,
          QStringLiteral("TcpClient: id = '%1', local = '%2:%3'")
@@ -43,12 +50,11 @@ TcpClient2::TcpClient2(QObject *parent, const QString &clientId, QTcpSocket *con
     connect(socket, &QIODevice::readyRead, this, &TcpClient2::mreadyRead, Qt::AutoConnection);
     connect(socket, &QAbstractSocket::disconnected, this, &TcpClient2::mdisconnected,
             Qt::AutoConnection);
-    connect(&idleTimer, &QTimer::timeout, this, &TcpClient2::timeout, Qt::QueuedConnection);
-    connect(this, &TcpClient2::cut, this, &TcpClient2::cutInbuf, Qt::QueuedConnection);
+    connect(&idleTimer, &QTimer::timeout, this, &TcpClient2::checkIdle, Qt::DirectConnection);
+    connect(this, &TcpClient2::cut, this, &TcpClient2::requestCut, Qt::DirectConnection);
     connect(&checkTimer, &QTimer::timeout, this, &TcpClient2::checkData, Qt::AutoConnection);
 
     idleTimer.start();
-    checkTimer.start();
 
     const QMutexLocker locker(&socketMutex);
     socket->setSocketOption(QAbstractSocket::KeepAliveOption, QVariant(true));
@@ -82,22 +88,75 @@ void TcpClient2::discard(int len)
 
 void TcpClient2::discardTo(quint64 position)
 {
-    QMetaObject::invokeMethod(
-            this, [this, position] { cutTo(position); }, Qt::QueuedConnection);
+    {
+        const QWriteLocker locker(&inbufLock);
+        if (position <= bytesCut && postedCuts == 0)
+            return;
+        if (cutWithoutOffer(lengthTo(position)))
+            return;
+        ++postedCuts;
+    }
+    postCut([this, position] { cutTo(position); });
 }
 
-quint64 TcpClient2::takeOfferPosition()
+void TcpClient2::requestCut(int len)
 {
-    return positions.dequeue();
+    {
+        const QWriteLocker locker(&inbufLock);
+        if (cutWithoutOffer(len))
+            return;
+        ++postedCuts;
+    }
+    postCut([this, len] { cutInbuf(len); });
+}
+
+template<class Cut>
+void TcpClient2::postCut(Cut cut)
+{
+    const auto carryOut = [this, cut] {
+        cut();
+        const QWriteLocker locker(&inbufLock);
+        --postedCuts;
+    };
+    QMetaObject::invokeMethod(this, carryOut, Qt::QueuedConnection);
+}
+
+// Most cuts leave nothing that would be offered again. Those need not wake up the client's thread,
+// and the waking up costs more than all the rest of a cut: they are carried out at once. Nobody can
+// tell the difference, as long as no cut overtakes another one. False: it has to be posted.
+// The caller holds inbufLock.
+bool TcpClient2::cutWithoutOffer(qsizetype len)
+{
+    const qsizetype left = inbuf.size() - std::max<qsizetype>(len, 0);
+    if (postedCuts > 0 || left < 0 || left > ReofferAboveBytes
+        || QThread::currentThread() == thread())
+        return false;
+    bytesCut += static_cast<quint64>(inbuf.cutFront(len));
+    return true;
+}
+
+// From the front of the buffer; 0 for a position before it. The caller holds inbufLock.
+qsizetype TcpClient2::lengthTo(quint64 position) const
+{
+    constexpr auto Longest = static_cast<quint64>(std::numeric_limits<qsizetype>::max());
+    return static_cast<qsizetype>(std::min(position - std::min(position, bytesCut), Longest));
 }
 
 void TcpClient2::emitData()
 {
+    offer(snapshot());
+}
+
+TcpClient2::Snapshot TcpClient2::snapshot()
+{
+    const QWriteLocker locker(&inbufLock);
+    return {inbuf.copy(), bytesCut};
+}
+
+void TcpClient2::offer(const Snapshot &unconsumed)
+{
     Connection c;
-    {
-        const QReadLocker locker(&inbufLock);
-        c.setData(inbuf.copy());
-    }
+    c.setData(unconsumed.data);
     {
         const QMutexLocker locker(&socketMutex);
         c.setSenderHost(socket->peerAddress());
@@ -105,10 +164,9 @@ void TcpClient2::emitData()
         c.setLocalAddress(socket->localAddress());
         c.setLocalPort(socket->localPort());
     }
-    if (number != 0)
-        positions.enqueue(bytesCut);
+    offeredPosition = unconsumed.position;
     Q_EMIT readyRead(c, id);
-    idleTimer.start();
+    active = std::chrono::steady_clock::now();
 }
 
 void TcpClient2::mdisconnected()
@@ -125,13 +183,8 @@ void TcpClient2::mdisconnected()
     if (socket->bytesAvailable() > 0)
         appendAvailable();
 
-    int size = 0;
-    {
-        const QReadLocker locker(&inbufLock);
-        size = static_cast<int>(inbuf.size());
-    }
-    if (size > 0) {
-        emitData();
+    if (const Snapshot last = snapshot(); !last.data.isEmpty()) {
+        offer(last);
         const QWriteLocker locker(&inbufLock);
         inbuf.clear();
     }
@@ -159,7 +212,10 @@ void TcpClient2::mreadyRead()
     const qint64 now = Clock::now();
     if (!isOfferDue(now, OfferIntervalMs))
         return;
-    emitData();
+    const Snapshot unconsumed = snapshot();
+    if (unconsumed.data.isEmpty()) // the host has cut what it was not offered
+        return;
+    offer(unconsumed);
     lastEmit = now;
 }
 
@@ -170,10 +226,13 @@ void TcpClient2::cutInbuf(int len)
 
 void TcpClient2::cutTo(quint64 position)
 {
-    if (position <= bytesCut)
-        return;
-    constexpr auto Longest = static_cast<quint64>(std::numeric_limits<qsizetype>::max());
-    cutFront(static_cast<qsizetype>(std::min(position - bytesCut, Longest)));
+    qsizetype len = 0;
+    {
+        const QReadLocker locker(&inbufLock);
+        len = lengthTo(position);
+    }
+    if (len > 0)
+        cutFront(len);
 }
 
 void TcpClient2::cutFront(qsizetype len)
@@ -193,6 +252,18 @@ void TcpClient2::cutFront(qsizetype len)
     lastEmit = Clock::now();
 }
 
+// Offers put the time-out off. They come far more often than the timer, so they only leave word,
+// and the timer is set to the rest when its time has come.
+void TcpClient2::checkIdle()
+{
+    using namespace std::chrono;
+    const auto rest = ceil<milliseconds>(active + idleTimeout - steady_clock::now());
+    if (rest > 0ms)
+        idleTimer.start(rest);
+    else // never from inside the timer
+        QMetaObject::invokeMethod(this, &TcpClient2::timeout, Qt::QueuedConnection);
+}
+
 void TcpClient2::timeout()
 {
     CWRN(QtDebugMsg, QStringLiteral("TcpClient: timeout"));
@@ -202,19 +273,19 @@ void TcpClient2::timeout()
 void TcpClient2::checkData()
 {
     const qint64 now = Clock::now();
-    qsizetype size = 0;
-    {
-        const QReadLocker locker(&inbufLock);
-        size = inbuf.size();
-    }
-    if (size <= KickAboveBytes || !isOfferDue(now, KickAfterMs))
+    const Snapshot unconsumed = snapshot();
+    const qsizetype size = unconsumed.data.size();
+    if (size <= KickAboveBytes)
+        return;
+    startCheckTimer();
+    if (!isOfferDue(now, KickAfterMs))
         return;
 
     // Deliberate: the size is passed although the text has no place for it. Qt warns of that, and
     // operators search for both lines.
     CWRN(QtInfoMsg, QStringLiteral("TcpClient: inbuf parsing stopped, kicking"),
          static_cast<qint64>(size));
-    emitData();
+    offer(unconsumed);
     lastEmit = now;
 }
 
@@ -239,7 +310,25 @@ bool TcpClient2::appendAvailable()
     if (msgsize > LogReadAboveBytes)
         CWRN(QtInfoMsg, QStringLiteral("TcpClient2 (%1): msgsize = %2"), id, msgsize);
 
+    const qsizetype size = takeIn(msgsize);
+    if (size == 0)
+        return false;
+
+    bytesReceived += msgsize;
+    ++msgsReceived;
+    if (size > KickAboveBytes && !checkTimer.isActive())
+        startCheckTimer();
+    return true;
+}
+
+// Reads into the buffer; its size, or 0 if there was nothing to read.
+qsizetype TcpClient2::takeIn(int msgsize)
+{
+    if (plain && socket && socket->isValid())
+        return takeInFrom(*plain, msgsize);
+
     QByteArray data;
+    bool valid = false;
     {
         const QMutexLocker locker(&socketMutex);
         valid = socket && socket->isValid();
@@ -249,13 +338,35 @@ bool TcpClient2::appendAvailable()
     if (!valid)
         CWRN(QtWarningMsg, QStringLiteral("TcpClient2 (%1): socket not valid (2)"), id);
     if (data.isEmpty())
-        return false;
-
-    bytesReceived += msgsize;
-    ++msgsReceived;
+        return 0;
     const QWriteLocker locker(&inbufLock);
-    inbuf.append(std::move(data));
-    return true;
+    inbuf.append(data);
+    return inbuf.size();
+}
+
+// The same without copies on the way.
+qsizetype TcpClient2::takeInFrom(ReceivingSocket &from, int msgsize)
+{
+    const QWriteLocker locker(&inbufLock);
+    const QByteArrayView received = from.received();
+    const qsizetype waiting = msgsize - received.size(); // in the kernel
+    inbuf.append(received);
+    from.skip(received.size());
+    if (waiting > 0) {
+        char *const room = inbuf.extend(waiting);
+        const qint64 came = from.read(room, waiting);
+        inbuf.chop(waiting - std::max<qint64>(came, 0));
+    }
+    return inbuf.size();
+}
+
+// Checks come at multiples of the interval since the client was made. A thread with thousands of
+// clients would do little else than check buffers, most of them empty: those are left out.
+void TcpClient2::startCheckTimer()
+{
+    const auto age = std::chrono::steady_clock::now() - created;
+    checkTimer.start(
+            std::chrono::ceil<std::chrono::milliseconds>(CheckInterval - age % CheckInterval));
 }
 
 // The task forms the id with the address that the server listens on, which may be a wildcard; the

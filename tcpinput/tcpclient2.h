@@ -8,17 +8,19 @@
 
 #include <QtCore/QMutex>
 #include <QtCore/QObject>
-#include <QtCore/QQueue>
 #include <QtCore/QReadWriteLock>
 #include <QtCore/QString>
 #include <QtCore/QTimer>
 
+#include <chrono>
+
 class QTcpSocket;
+class ReceivingSocket;
 
 /*!
     One accepted connection: buffers its bytes, offers them to the task, cuts what was consumed.
 
-    Thread: its task's worker thread; discard() and currentId() from any thread.
+    Thread: its task's worker thread; discard(), discardTo() and currentId() from any thread.
     Owner:  the TcpTask2 that made it (QObject parent). It never deletes itself.
     Locks:  inbufLock, socketMutex; never held together, never while emitting and never while the
             socket is closed: that emits disconnected() before it returns.
@@ -43,8 +45,9 @@ public:
     // A copy of the id, from any thread.
     QString currentId() const;
 
-    // Cuts len bytes later, in the client's thread, even when called from there. len <= 0 cuts
-    // nothing, a len beyond the buffer empties it.
+    // Cuts len bytes: later, in the client's thread, even when called from there; but at once, in
+    // the calling thread, if that is another one and what is left need not be offered again.
+    // len <= 0 cuts nothing, a len beyond the buffer empties it.
     void discard(int len);
 
     // Stamps this connection's offers with their positions; connectionNumber is not 0. Once, before
@@ -54,15 +57,14 @@ public:
     // 0 if offers are not stamped. From any thread.
     quint64 connectionNumber() const { return number; }
 
-    // Cuts up to the position, counted from the connection's first byte, later, in the client's
-    // thread. A position at or before the front cuts nothing and causes no offer; one beyond the
+    // Cuts up to the position, counted from the connection's first byte, when discard() would. A
+    // position at or before the front cuts nothing and causes no offer; one beyond the
     // received bytes empties the buffer.
     void discardTo(quint64 position);
 
-    // The position of the oldest offer whose position has not been taken: how many of the
-    // connection's bytes lie before the first byte of its buffer. One per readyRead(), in order, if
-    // offers are stamped.
-    quint64 takeOfferPosition();
+    // The position of the offer that readyRead() is telling of, while it does: how many of the
+    // connection's bytes lie before the first byte of its buffer.
+    quint64 offerPosition() const { return offeredPosition; }
 
     // Offers the whole unconsumed buffer and restarts the idle time-out.
     void emitData();
@@ -90,17 +92,40 @@ private Q_SLOTS:
     void checkData();
 
 private:
+    //! What an offer is made of: the buffer, and the position of its first byte.
+    struct Snapshot
+    {
+        QByteArray data;
+        quint64 position;
+    };
+
+    void checkIdle();
+    void startCheckTimer();
+    Snapshot snapshot();
+    void offer(const Snapshot &unconsumed);
+
+    void requestCut(int len);
+    template<class Cut>
+    void postCut(Cut cut);
+    bool cutWithoutOffer(qsizetype len);
+    qsizetype lengthTo(quint64 position) const;
     void cutTo(quint64 position);
     void cutFront(qsizetype len);
     bool appendAvailable();
+    qsizetype takeIn(int msgsize);
+    qsizetype takeInFrom(ReceivingSocket &from, int msgsize);
     void deriveId();
     bool isOfferDue(qint64 now, qint64 intervalMs) const;
 
     mutable QReadWriteLock inbufLock;
     mutable QMutex socketMutex;
     QTcpSocket *socket = nullptr; // guarded by socketMutex; written in the client's thread only
+    ReceivingSocket *plain = nullptr; // the socket, if it is one
     QString id; // as socket; written once more, at the first read
     QTimer idleTimer; // this and all below: the client's thread only, but for inbuf
+    std::chrono::milliseconds idleTimeout{0};
+    std::chrono::steady_clock::time_point created;
+    std::chrono::steady_clock::time_point active; // when the idle time began
     QTimer checkTimer;
     InputBuffer inbuf; // guarded by inbufLock
     qint64 lastEmit = 0; // ms since the epoch
@@ -108,6 +133,7 @@ private:
     qint64 msgsReceived = 0; // reads, not messages of the data stream
     bool idBuilt = false;
     quint64 number = 0; // set once, see stampOffers()
-    quint64 bytesCut = 0; // client's thread
-    QQueue<quint64> positions; // of the offers on their way to the task; client's thread
+    quint64 bytesCut = 0; // guarded by inbufLock, as the next
+    int postedCuts = 0; // on their way to the client's thread: those that follow stay behind them
+    quint64 offeredPosition = 0; // of the latest offer; client's thread
 };

@@ -4,8 +4,7 @@
 #include "tcpinput/tcpserver.h"
 
 #include "tcpinput/listenbacklog.h"
-
-#include <QtNetwork/QTcpSocket>
+#include "tcpinput/receivingsocket.h"
 
 #include <unistd.h>
 
@@ -47,14 +46,7 @@ QTcpSocket *TcpServer::nextPendingConnection()
     if (!next)
         return nullptr;
 
-    auto *socket = new AcceptedSocket<QTcpSocket>(next->acceptance);
-    if (!socket->setSocketDescriptor(next->descriptor)) {
-        ::close(static_cast<int>(next->descriptor));
-        delete socket;
-        return nullptr;
-    }
-    socket->restoreEndpoints();
-    return socket;
+    return new ReceivingSocket(next->descriptor, next->acceptance);
 }
 
 void TcpServer::incomingConnection(qintptr descriptor)

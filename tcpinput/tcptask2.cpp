@@ -6,6 +6,8 @@
 #include "plugin/cwrn.h"
 #include "tcpinput/acceptedsocket.h"
 #include "tcpinput/clientid.h"
+#include "tcpinput/recordmaker.h"
+#include "tcpinput/subids.h"
 #include "tcpinput/tcpclient2.h"
 #include "tcpinput/threadid.h"
 
@@ -13,6 +15,7 @@
 #include <QtCore/QEvent>
 #include <QtCore/QEventLoop>
 #include <QtCore/QThread>
+#include <QtCore/qnumeric.h>
 #include <QtNetwork/QSslServer>
 #include <QtNetwork/QTcpSocket>
 
@@ -25,27 +28,16 @@ namespace {
 
 constexpr int StopProcessingMs = 10;
 
-QString clientKey()
-{
-    return QStringLiteral("client");
-}
-
-QString offsetKey()
-{
-    return QStringLiteral("offset");
-}
-
-QString connectionKey()
-{
-    return QStringLiteral("connection");
-}
-
 // Digits alone: QString's own reading also takes signs and blanks.
 std::optional<quint64> positionFrom(const QString &text)
 {
-    const auto isDigit = [](QChar c) { return c >= QLatin1Char('0') && c <= QLatin1Char('9'); };
-    bool ok = std::all_of(text.begin(), text.end(), isDigit);
-    const quint64 value = ok ? text.toULongLong(&ok) : 0;
+    quint64 value = 0;
+    bool ok = !text.isEmpty();
+    for (const QChar c : text) {
+        const auto digit = static_cast<quint64>(c.unicode()) - '0';
+        ok = ok && digit <= 9 && !qMulOverflow<quint64>(value, 10, &value)
+                && !qAddOverflow(value, digit, &value);
+    }
     return ok ? std::optional(value) : std::nullopt;
 }
 
@@ -78,9 +70,9 @@ TcpTask2::~TcpTask2()
 {
     dying = true;
     deletePending = false; // the events sent below must not delete it once more
-    // The offers travel to this task as queued calls, which would die with it, and so does a
-    // connection that is still to be added, which then has its last offer as well. Without clients
-    // nothing is sent: the task may belong to a thread that could not be started.
+    // Connections that are still to be added travel as queued calls, which would die with the task:
+    // those have their last offer as well. Without clients nothing is sent: the task may belong to
+    // a thread that could not be started.
     const auto clientsMade = [this] {
         return findChildren<TcpClient2 *>(QString(), Qt::FindDirectChildrenOnly);
     };
@@ -100,7 +92,7 @@ void TcpTask2::discard(int length, const QMap<QString, QString> &subid)
 
 TcpTask2::DiscardResult TcpTask2::tryDiscard(int length, const QMap<QString, QString> &subid) const
 {
-    const auto id = subid.constFind(clientKey());
+    const auto id = subid.constFind(SubIds::client());
     if (id == subid.constEnd())
         return DiscardResult::NoClientKey;
     const QReadLocker locker(&clientsLock);
@@ -109,18 +101,20 @@ TcpTask2::DiscardResult TcpTask2::tryDiscard(int length, const QMap<QString, QSt
         return DiscardResult::NoSuchClient;
     // Calls across threads, and a signal under the lock: only so is the client still there. They
     // do no more than post the cut to the client's thread.
-    if (client->connectionNumber() != 0 && subid.contains(offsetKey()))
-        return discardTo(client, length, subid);
+    const auto offset = subid.constFind(SubIds::offset());
+    if (client->connectionNumber() != 0 && offset != subid.constEnd())
+        return discardTo(client, length, *offset, subid);
     client->discard(length);
     return DiscardResult::Posted;
 }
 
-TcpTask2::DiscardResult TcpTask2::discardTo(TcpClient2 *client, int length,
+TcpTask2::DiscardResult TcpTask2::discardTo(TcpClient2 *client, int length, const QString &from,
                                             const QMap<QString, QString> &subid)
 {
-    const auto offset = positionFrom(subid.value(offsetKey()));
-    const auto number =
-            positionFrom(subid.value(connectionKey(), QString::number(client->connectionNumber())));
+    const auto offset = positionFrom(from);
+    const auto named = subid.constFind(SubIds::connection());
+    const auto number = named == subid.constEnd() ? std::optional(client->connectionNumber())
+                                                  : positionFrom(*named);
     if (!offset || !number)
         return DiscardResult::InvalidPosition;
     if (*number == client->connectionNumber())
@@ -134,11 +128,11 @@ void TcpTask2::logDiscard(DiscardResult result, const QMap<QString, QString> &su
         CWRN(QtDebugMsg, QStringLiteral("TcpTask2: subid[client] not set"));
     if (result == DiscardResult::NoSuchClient)
         CWRN(QtDebugMsg, QStringLiteral("TcpTask2: discard for non-existing client %1"),
-             subid.value(clientKey()));
+             subid.value(SubIds::client()));
     if (result == DiscardResult::InvalidPosition) {
-        const QString offset = subid.value(offsetKey());
+        const QString offset = subid.value(SubIds::offset());
         CWRN(QtDebugMsg, QStringLiteral("TcpTask2: discard with invalid position %1"),
-             positionFrom(offset) ? subid.value(connectionKey()) : offset);
+             positionFrom(offset) ? subid.value(SubIds::connection()) : offset);
     }
 }
 
@@ -195,21 +189,22 @@ void TcpTask2::addConnection(Connection conn)
          static_cast<qint64>(clients.size()));
 }
 
-// Queued although in one thread: a client is never deleted from inside its own signal.
 void TcpTask2::connectClient(TcpClient2 *client)
 {
+    // Queued although in one thread: a client is never deleted from inside its own signal.
     connect(client, &TcpClient2::disconnected, this, &TcpTask2::disconnected, Qt::QueuedConnection);
-    if (client->connectionNumber() == 0)
-        connect(client, &TcpClient2::readyRead, this, &TcpTask2::readyRead, Qt::QueuedConnection);
-    else // the client lives until its offers are handled: its deletion is posted after them
-        connect(
-                client, &TcpClient2::readyRead, this,
-                [this, client](const Connection &c, const QString &id) {
-                    deliverStamped(c, id, client);
-                },
-                Qt::QueuedConnection);
-    connect(client, &TcpClient2::idChanged, this, &TcpTask2::idChanged, Qt::QueuedConnection);
     connect(this, &TcpTask2::stopTimer, client, &TcpClient2::mdisconnected, Qt::QueuedConnection);
+    // Directly: these two do not touch the client. The registry knows the new id before the host
+    // gets a record that bears it.
+    connect(client, &TcpClient2::idChanged, this, &TcpTask2::idChanged, Qt::DirectConnection);
+    connect(
+            client, &TcpClient2::readyRead, this,
+            [this, client, maker = RecordMaker(num)](const Connection &c,
+                                                     const QString &id) mutable {
+                const RecordMaker::Stamp stamp{client->connectionNumber(), client->offerPosition()};
+                Q_EMIT receivedData(maker.make(c, id, stamp.connection == 0 ? nullptr : &stamp));
+            },
+            Qt::DirectConnection);
 }
 
 void TcpTask2::disconnected(const QString &id)
@@ -231,30 +226,7 @@ void TcpTask2::disconnected(const QString &id)
 
 void TcpTask2::readyRead(Connection c, const QString &id)
 {
-    Q_EMIT receivedData(makeRecord(c, id));
-}
-
-void TcpTask2::deliverStamped(const Connection &c, const QString &id, TcpClient2 *client)
-{
-    const shared_parsedData record = makeRecord(c, id);
-    record->addPluginSubId(offsetKey(), QString::number(client->takeOfferPosition()));
-    record->addPluginSubId(connectionKey(), QString::number(client->connectionNumber()));
-    Q_EMIT receivedData(record);
-}
-
-shared_parsedData TcpTask2::makeRecord(const Connection &c, const QString &id) const
-{
-    const QString peer = c.getSenderHost().toString();
-    auto record = shared_parsedData::create();
-    record->setPeerAddress(peer);
-    record->setPeerPort(c.getSenderPort());
-    record->setOriginalMessage(c.getData());
-    record->setSource(
-            QLatin1String("TCP:")
-            + clientId(c.getLocalAddress().toString(), c.getLocalPort(), peer, c.getSenderPort()));
-    record->addPluginSubId(clientKey(), id);
-    record->addPluginSubId(QStringLiteral("task"), QString::number(num));
-    return record;
+    Q_EMIT receivedData(RecordMaker(num).make(c, id));
 }
 
 void TcpTask2::stop()
@@ -273,11 +245,11 @@ void TcpTask2::stop()
 
 QString TcpTask2::getInfo(const QString &prefix)
 {
-    QStringList ids;
+    QMap<QString, QString> ids; // in the order of the registry's
     {
         const QReadLocker locker(&clientsLock);
-        for (const TcpClient2 *client : std::as_const(clients))
-            ids.append(client->currentId());
+        for (auto entry = clients.constBegin(); entry != clients.constEnd(); ++entry)
+            ids.insert(entry.key(), (*entry)->currentId());
     }
 
     QString result;

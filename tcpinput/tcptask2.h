@@ -6,6 +6,7 @@
 #include "plugin/connection.h"
 #include "plugin/parseddata.h"
 
+#include <QtCore/QHash>
 #include <QtCore/QMap>
 #include <QtCore/QObject>
 #include <QtCore/QReadWriteLock>
@@ -75,14 +76,12 @@ private Q_SLOTS:
     void idChanged(const QString &oid, const QString &id);
 
 private:
-    static DiscardResult discardTo(TcpClient2 *client, int length,
+    static DiscardResult discardTo(TcpClient2 *client, int length, const QString &from,
                                    const QMap<QString, QString> &subid);
-    shared_parsedData makeRecord(const Connection &c, const QString &id) const;
-    void deliverStamped(const Connection &c, const QString &id, TcpClient2 *client);
     void connectClient(TcpClient2 *client);
 
     // By client id. Guarded by clientsLock; written in the task's thread only.
-    QMap<QString, TcpClient2 *> clients;
+    QHash<QString, TcpClient2 *> clients;
     std::atomic<bool> running = true; // until the first stop()
     mutable QReadWriteLock clientsLock;
     int num = 0; // set once, before the task is moved

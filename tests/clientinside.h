@@ -5,6 +5,9 @@
 
 #include "tcpinput/tcpclient2.h"
 
+#include <chrono>
+#include <utility>
+
 //! The client's private members that a test must see. The instantiations below may name them.
 template<class Name, typename Name::Type Pointer>
 struct ExposedMember
@@ -39,6 +42,20 @@ struct InbufLock
     friend Type memberOf(InbufLock);
 };
 template struct ExposedMember<InbufLock, &TcpClient2::inbufLock>;
+
+struct Active
+{
+    using Type = std::chrono::steady_clock::time_point TcpClient2::*;
+    friend Type memberOf(Active);
+};
+template struct ExposedMember<Active, &TcpClient2::active>;
+
+// Whether the idle time has begun anew since the last call. From then on it counts as over.
+inline bool takeIdleRestart(TcpClient2 &client)
+{
+    using Time = std::chrono::steady_clock::time_point;
+    return std::exchange(client.*memberOf(Active{}), Time()) != Time();
+}
 
 inline QTimer &idleTimerOf(TcpClient2 &client)
 {

@@ -183,13 +183,12 @@ private:
                 subIds.insert(QStringLiteral("offset"), QString::number(position));
                 subIds.insert(QStringLiteral("connection"), QString::number(number));
             }
-            task.post(true,
-                      [&to = task, subIds, bytes = buffer] { to.log(recordText(subIds, bytes)); });
+            task.log(recordText(subIds, buffer));
         }
         void renamed(const QString &before) override
         {
             if (isHeard)
-                task.post(true, [&to = task, before, now = id] { to.idChanged(before, now); });
+                task.idChanged(before, id);
         }
         void gone() override
         {

@@ -98,7 +98,9 @@ private Q_SLOTS:
     void checkTimerKicks();
     void kickInRealTime();
 
-    void offersRestartTheIdleTimer();
+    void offersRestartTheIdleTime();
+    void idleTimerIsSetToTheRest();
+    void checkTimerRunsWhileThereIsSomethingToCheck();
     void remainderWaitsForTheNextRead();
 
 private:
@@ -639,16 +641,11 @@ void tst_ClientReading::kickInRealTime()
     QCOMPARE(connection.takeOffers(), QList<QByteArray>({bytes(81), bytes(81)}));
 }
 
-void tst_ClientReading::offersRestartTheIdleTimer()
+void tst_ClientReading::offersRestartTheIdleTime()
 {
     ConnectedClient connection;
-    QTimer &idle = idleTimerOf(*connection.client);
-    const auto restarted = [&] {
-        const bool active = idle.isActive();
-        idle.stop();
-        return active;
-    };
-    idle.stop();
+    const auto restarted = [&] { return takeIdleRestart(*connection.client); };
+    QVERIFY(restarted()); // at the beginning
     QVERIFY(connection.deliver(bytes(100)));
     QVERIFY(restarted());
 
@@ -666,7 +663,36 @@ void tst_ClientReading::offersRestartTheIdleTimer()
     QVERIFY(!restarted());
     connection.client->emitData();
     QVERIFY(restarted());
-    QCOMPARE(idle.interval(), 600000);
+}
+
+// The timer fires a whole time-out after it was started, and is then set to the rest.
+void tst_ClientReading::idleTimerIsSetToTheRest()
+{
+    ConnectedClient connection;
+    QTimer &idle = idleTimerOf(*connection.client);
+    QVERIFY(QMetaObject::invokeMethod(&idle, "timeout"));
+    QCoreApplication::sendPostedEvents();
+    QVERIFY(idle.isActive());
+    QVERIFY(idle.interval() > 0 && idle.interval() <= 600000);
+    QVERIFY(connection.deliver("still open"));
+    QCOMPARE(connection.takeOffers(), QList<QByteArray>({"still open"}));
+}
+
+// Of thousands of clients few have anything to check.
+void tst_ClientReading::checkTimerRunsWhileThereIsSomethingToCheck()
+{
+    ConnectedClient connection;
+    const QTimer &timer = checkTimerOf(*connection.client);
+    QVERIFY(connection.deliver(bytes(80)));
+    QVERIFY(!timer.isActive());
+    QVERIFY(connection.deliver("!"));
+    QVERIFY(timer.isActive());
+    QVERIFY(timer.interval() > 0 && timer.interval() <= 2000);
+
+    check(*connection.client);
+    QVERIFY(timer.isActive());
+    connection.client->cutInbuf(1);
+    QTRY_VERIFY_WITH_TIMEOUT(!timer.isActive(), NativeSocket::HangGuardMs);
 }
 
 void tst_ClientReading::remainderWaitsForTheNextRead()

@@ -5,18 +5,9 @@
 
 #include <QtTest/QtTest>
 
+#include <cstring>
+
 namespace {
-
-constexpr qsizetype SocketBlock = 16384; // what a socket reads into at least
-
-// As a socket hands out what it has read: in a block that may be much larger.
-QByteArray chunk(const QByteArray &bytes, qsizetype capacity = SocketBlock)
-{
-    QByteArray result;
-    result.reserve(capacity);
-    result.append(bytes);
-    return result;
-}
 
 QByteArray pattern(qsizetype size)
 {
@@ -45,8 +36,11 @@ private Q_SLOTS:
     void cuts();
     void copiesStayAsTheyWere();
 
-    void smallReadsLeaveTheirBlock();
-    void largeReadsKeepTheirBlock();
+    void smallReadsTakeLittleMemory();
+    void whatComesBehindAnOfferIsCopiedOnce();
+    void restGoesInFront();
+    void cutReachesIntoWhatCameBehind();
+    void extends();
     void foreignMemoryIsNotKept();
 
     void cutOfSharedLargeRestCopiesNothing();
@@ -62,9 +56,9 @@ void tst_InputBuffer::appends()
     InputBuffer buffer;
     QCOMPARE(buffer.size(), 0);
     QCOMPARE(buffer.copy(), QByteArray());
-    buffer.append(chunk("abc"));
-    buffer.append(chunk("defg"));
-    buffer.append(QByteArray());
+    buffer.append("abc");
+    buffer.append("defg");
+    buffer.append({});
     QCOMPARE(buffer.size(), 7);
     QCOMPARE(buffer.copy(), QByteArray("abcdefg"));
     buffer.clear();
@@ -97,12 +91,12 @@ void tst_InputBuffer::cuts()
     QFETCH(QByteArray, rest);
     for (const bool shared : {false, true}) {
         InputBuffer buffer;
-        buffer.append(QByteArray("0123456789"));
+        buffer.append("0123456789");
         const QByteArray offered = shared ? buffer.copy() : QByteArray();
         QCOMPARE(buffer.cutFront(len), cut);
         QCOMPARE(buffer.size(), rest.size());
         QCOMPARE(buffer.copy(), rest);
-        buffer.append(QByteArray("x"));
+        buffer.append("x");
         QCOMPARE(buffer.copy(), rest + 'x');
         QCOMPARE(offered, shared ? QByteArray("0123456789") : QByteArray());
     }
@@ -116,7 +110,7 @@ void tst_InputBuffer::copiesStayAsTheyWere()
     QByteArray model;
     for (int n = 0; n < 200; ++n) {
         const QByteArray bytes = pattern(n * 7 % 400 + 1);
-        buffer.append(chunk(bytes));
+        buffer.append(bytes);
         model += bytes;
         copies.append(buffer.copy());
         expected.append(QByteArray(model.constData(), model.size()));
@@ -129,30 +123,83 @@ void tst_InputBuffer::copiesStayAsTheyWere()
         QVERIFY(isTerminated(copy));
 }
 
-void tst_InputBuffer::smallReadsLeaveTheirBlock()
+void tst_InputBuffer::smallReadsTakeLittleMemory()
 {
     InputBuffer buffer;
-    buffer.append(chunk(pattern(17)));
+    buffer.append(pattern(17));
     QVERIFY(buffer.copy().capacity() < 100);
     buffer.clear();
-    buffer.append(chunk(pattern(SocketBlock / 2 - 100)));
-    QVERIFY(buffer.copy().capacity() < SocketBlock);
+    const QByteArray offered = [&] {
+        buffer.append(pattern(17));
+        return buffer.copy();
+    }();
+    buffer.append(pattern(17)); // behind it
+    buffer.cutFront(17);
+    QVERIFY(buffer.copy().capacity() < 100);
 }
 
-void tst_InputBuffer::largeReadsKeepTheirBlock()
+void tst_InputBuffer::whatComesBehindAnOfferIsCopiedOnce()
 {
     InputBuffer buffer;
-    QByteArray large = chunk(pattern(SocketBlock / 2 + 100));
-    const char *where = large.constData();
-    buffer.append(std::move(large));
-    QCOMPARE(buffer.copy().constData(), where);
+    buffer.append(pattern(100000) + "begin");
+    const QByteArray offered = buffer.copy();
+    buffer.append("ning" + pattern(200000));
+    buffer.append(pattern(300000));
+    QCOMPARE(buffer.size(), 600009);
+    QCOMPARE(buffer.cutFront(100000), 100000);
+    QCOMPARE(buffer.size(), 500009);
+    buffer.append("!");
+    QCOMPARE(buffer.copy(), "beginning" + pattern(200000) + pattern(300000) + '!');
+    QCOMPARE(offered, pattern(100000) + "begin");
+}
+
+// The beginning of a message is put in front of what came behind it, which stays where it is.
+void tst_InputBuffer::restGoesInFront()
+{
+    InputBuffer buffer;
+    buffer.append(pattern(5000));
+    const QByteArray offered = buffer.copy();
+    buffer.append(pattern(100000));
+    buffer.cutFront(4000);
+    QVERIFY(buffer.copy().data_ptr().freeSpaceAtBegin() > 0); // of the 4,096 bytes left for it
+    QCOMPARE(buffer.copy(), pattern(5000).mid(4000) + pattern(100000));
+}
+
+void tst_InputBuffer::cutReachesIntoWhatCameBehind()
+{
+    InputBuffer buffer;
+    buffer.append("0123456789");
+    const QByteArray offered = buffer.copy();
+    buffer.append("abcdefghij");
+    QCOMPARE(buffer.cutFront(13), 13);
+    QCOMPARE(buffer.copy(), QByteArray("defghij"));
+    buffer.append("klm");
+    QCOMPARE(buffer.cutFront(100), 10);
+    QCOMPARE(buffer.copy(), QByteArray());
+    QCOMPARE(offered, QByteArray("0123456789"));
+}
+
+void tst_InputBuffer::extends()
+{
+    for (const bool shared : {false, true}) {
+        InputBuffer buffer;
+        buffer.append("0123456789");
+        const QByteArray offered = shared ? buffer.copy() : QByteArray();
+        buffer.append("ab");
+        std::memcpy(buffer.extend(8), "cdef", 4);
+        buffer.chop(4);
+        QCOMPARE(buffer.size(), 16);
+        QCOMPARE(buffer.copy(), QByteArray("0123456789abcdef"));
+        QVERIFY(isTerminated(buffer.copy()));
+        QCOMPARE(offered, shared ? QByteArray("0123456789") : QByteArray());
+    }
 }
 
 void tst_InputBuffer::foreignMemoryIsNotKept()
 {
     static const char bytes[] = "for a while only";
     InputBuffer buffer;
-    buffer.append(QByteArray::fromRawData(bytes, sizeof bytes - 1));
+    buffer.append(QByteArrayView(bytes, sizeof bytes - 1));
     QVERIFY(buffer.copy().constData() != bytes);
     QCOMPARE(buffer.copy(), QByteArray(bytes));
 }
@@ -166,7 +213,7 @@ void tst_InputBuffer::cutOfSharedLargeRestCopiesNothing()
     QCOMPARE(buffer.copy().constData(), offered.constData() + 100);
     QCOMPARE(buffer.copy(), offered.mid(100));
 
-    buffer.append(QByteArray("more")); // not into the memory of the record
+    buffer.append("more"); // not into the memory of the record
     QCOMPARE(offered, pattern(100000));
     QVERIFY(isTerminated(offered));
     QCOMPARE(buffer.copy(), offered.mid(100) + "more");

@@ -160,9 +160,7 @@ void tst_TcpClient2::intervalsAndParents()
     QCOMPARE(idle.parent(), connection.client.get());
 
     const QTimer &check = checkTimerOf(*connection.client);
-    QCOMPARE(check.interval(), 2000);
-    QVERIFY(check.isActive());
-    QVERIFY(!check.isSingleShot());
+    QVERIFY(!check.isActive()); // until there is something to check
     QCOMPARE(check.parent(), nullptr);
 }
 

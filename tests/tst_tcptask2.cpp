@@ -569,10 +569,10 @@ void tst_TcpTask2::equalIdsDeleteALiveClientAfterItsLastOffer()
                                   .arg(second.pair.localPort)
                                   .arg(PeerAddress.toString())
                                   .arg(second.pair.peerPort),
+                          QStringLiteral("record of 3 bytes by ") + id,
                           QStringLiteral("D: TcpClient: closing connection %1 "
                                          "(received 3 bytes, 1 msgs)")
-                                  .arg(id),
-                          QStringLiteral("record of 3 bytes by ") + id}));
+                                  .arg(id)}));
 }
 
 // The end of the client that the task deleted is no news to the task: by then a third one may have
@@ -601,13 +601,11 @@ void tst_TcpTask2::record()
 {
     task->setNum(2);
     const Accepted accepted = accept();
-    QVERIFY(accepted.deliver("abc"));
-    QCOMPARE(records.size(), 0);
     EventLog::take();
-    turn();
+    QVERIFY(accepted.deliver("abc"));
 
-    QCOMPARE(EventLog::take(),
-             QStringList(QStringLiteral("record of 3 bytes by ") + accepted.derivedId()));
+    QCOMPARE(EventLog::take().last(),
+             QStringLiteral("record of 3 bytes by ") + accepted.derivedId());
     QCOMPARE(records.size(), 1);
     ParsedData &record = *records[0];
     QCOMPARE(record.getPeerAddress(), PeerAddress.toString());
@@ -815,7 +813,7 @@ void tst_TcpTask2::infoWithQueuedReceiver()
     QCOMPARE(queries, QStringList(QStringLiteral("lookup TCP:") + accepted.givenId()));
 }
 
-// Also while the task still has the client under its former one.
+// The registry has it before the first record: the host may answer that at once.
 void tst_TcpTask2::infoShowsTheCurrentId()
 {
     const Accepted accepted = accept();
@@ -824,7 +822,9 @@ void tst_TcpTask2::infoShowsTheCurrentId()
     QCOMPARE(registry(), linesOf({accepted.derivedId()}) + QStringList(QString()));
     EventLog::take();
     task->discard(1, clientSubId(accepted.derivedId()));
-    QCOMPARE(EventLog::take(), QStringList(nonExisting(accepted.derivedId())));
+    QCOMPARE(EventLog::take(), QStringList());
+    task->discard(1, clientSubId(accepted.givenId()));
+    QCOMPARE(EventLog::take(), QStringList(nonExisting(accepted.givenId())));
 }
 
 void tst_TcpTask2::logSize()

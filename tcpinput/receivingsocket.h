@@ -1,0 +1,62 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "tcpinput/acceptedsocket.h"
+
+#include <QtCore/QByteArray>
+#include <QtCore/QSocketNotifier>
+#include <QtNetwork/QTcpSocket>
+
+/*!
+    The server's end of a plain connection, which only ever receives: one call to the kernel for
+    whatever has come, where a QTcpSocket's own engine makes two, and a few at the start and the end
+    of a connection, where that makes dozens.
+
+    To its user it is a QTcpSocket: readyRead() comes with bytes, errorOccurred() and disconnected()
+    once when the peer has closed or reset the connection. It knows both its endpoints from the
+    beginning and never forgets them, however early the peer has gone. What Qt's engine alone can do
+    (connecting, sending, pausing, socket options other than KeepAliveOption) it refuses or ignores.
+
+    Thread: the one it lives in; made there.
+    Owner:  the caller.
+*/
+class ReceivingSocket final : public QTcpSocket, public AcceptedConnection
+{
+public:
+    // Owns the descriptor from now on.
+    ReceivingSocket(qintptr descriptor, const Acceptance &known);
+    ~ReceivingSocket() override;
+
+    // What has been received and not been read. Valid until readyRead() returns or something is
+    // read.
+    QByteArrayView received() const { return unread; }
+    // That, and what waits in the kernel when there is a lot. Reading it never emits a signal.
+    qint64 bytesAvailable() const override { return unread.size() + waiting; }
+    // Takes all that the kernel has got, and does not wait for more, whatever the time given.
+    bool waitForReadyRead(int msecs) override;
+    void setSocketOption(SocketOption option, const QVariant &value) override;
+    // -1 once it is disconnected.
+    qintptr socketDescriptor() const override;
+    void disconnectFromHost() override;
+    void close() override;
+
+protected:
+    qint64 readData(char *data, qint64 maxSize) override;
+    qint64 skipData(qint64 maxSize) override;
+    qint64 writeData(const char *data, qint64 size) override;
+
+private:
+    void receive();
+    void take(QByteArrayView received);
+    qsizetype bytesInKernel() const;
+    void endByPeer();
+    void disconnectNow();
+    int descriptor() const { return static_cast<int>(notifier.socket()); }
+
+    QSocketNotifier notifier;
+    QByteArrayView unread; // in the thread's buffer while readyRead() is emitted, else in kept
+    qsizetype waiting = 0; // in the kernel; only known, and not 0, while readyRead() is emitted
+    QByteArray kept; // what readers have left, which they seldom do
+};

@@ -1,0 +1,39 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include <QtCore/QString>
+
+/*!
+    The keys of a record's sub-ids, which route the host's answer back to where the bytes lie.
+
+    Thread: any.
+*/
+namespace SubIds {
+
+// The number of the task.
+inline QString task()
+{
+    return QStringLiteral("task");
+}
+
+// The client id within the task.
+inline QString client()
+{
+    return QStringLiteral("client");
+}
+
+// The number of the connection, unique in the process; with "offsets" only, as the next.
+inline QString connection()
+{
+    return QStringLiteral("connection");
+}
+
+// How many of the connection's bytes lie before the first one of the record.
+inline QString offset()
+{
+    return QStringLiteral("offset");
+}
+
+} // namespace SubIds

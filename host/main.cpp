@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
+#include "eventloop/epolleventdispatcher.h"
 #include "host/exitcodes.h"
 #include "host/inputhost.h"
 #include "host/logging.h"
@@ -15,6 +16,9 @@ int main(int argc, char *argv[])
 {
     occupyStandardDescriptors();
     ignoreBrokenPipes();
+    settleTimeZone();
+    // Each record wakes this thread up. Null, and so Qt's own, without descriptors for one.
+    QCoreApplication::setEventDispatcher(EpollEventDispatcher::create().release());
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("inputhost"));
     QCoreApplication::setApplicationVersion(QStringLiteral(INPUTHOST_VERSION));

@@ -19,6 +19,11 @@ using namespace std::chrono_literals;
 // A cut is one queued call in a worker thread. After this time it counts as carried out.
 constexpr std::chrono::nanoseconds CutGrace = 50ms;
 
+// The plugin offers a message that has come in pieces some 200 ms after the first one, and not
+// before the next piece comes. Asked, it tells at once what it has got.
+constexpr std::chrono::milliseconds AskInterval = 10ms;
+constexpr int MostAsks = 20; // without anything new; after that, the plugin does it by itself
+
 constexpr qsizetype MaxClients = 100000;
 
 // The plugin's timers fire up to 5 % late, and the last offer is some time on its way.
@@ -28,14 +33,17 @@ constexpr std::chrono::nanoseconds MostLastOfferDelay = 2s;
 constexpr qint64 DefaultIdleTimeoutSeconds = 60;
 constexpr std::chrono::milliseconds ForgetInterval = 1s;
 
-// A connection's number is its own; a client id comes again when a device uses its port again.
 QString keyOf(const ParsedData &record)
 {
-    QString number = record.getPluginSubIdKey(QStringLiteral("connection"));
-    if (!number.isEmpty())
-        return number;
     return record.getPluginSubIdKey(QStringLiteral("task")) + QLatin1Char('/')
             + record.getPluginSubIdKey(QStringLiteral("client"));
+}
+
+// What is cut then is counted from where the buffer begins, and the answer is another offer.
+QMap<QString, QString> withoutPosition(QMap<QString, QString> subId)
+{
+    subId.remove(QStringLiteral("offset"));
+    return subId;
 }
 
 Origin originOf(const ParsedData &record, bool inFull)
@@ -74,6 +82,9 @@ MessageReader::MessageReader(const FrameFormat &frameFormat, Output &messageOutp
     settleTimer.setTimerType(Qt::PreciseTimer);
     settleTimer.setInterval(std::chrono::duration_cast<std::chrono::milliseconds>(CutGrace));
     connect(&settleTimer, &QTimer::timeout, this, &MessageReader::postSettling);
+    askTimer.setSingleShot(true);
+    askTimer.setInterval(AskInterval);
+    connect(&askTimer, &QTimer::timeout, this, &MessageReader::askForMore);
     connect(&forgetTimer, &QTimer::timeout, this, &MessageReader::forgetSilent);
     forgetTimer.start(ForgetInterval);
 }
@@ -96,54 +107,111 @@ void MessageReader::receive(const shared_parsedData &record)
         return;
 
     ++counters.offers;
-    Client &client = clientOf(*record);
     const ExactOffers::Offer offer = exactOffers.open(*record, pacedTime);
-    if (offer.connection() != 0) {
-        client.origin = originOf(*record, output.showsOrigins());
-        client.lastOfferTime = now();
-        readExactly(client, offer, record->getPluginSubId());
-        return;
-    }
-    if (takeOffer(client, record->getOriginalMessage())) {
-        client.origin = originOf(*record, output.showsOrigins());
+    if (offer.connection() != 0)
+        receiveExactly(*record, offer);
+    else
+        receivePlainly(*record);
+}
+
+void MessageReader::receivePlainly(const ParsedData &record)
+{
+    Client &client = clientOf(record);
+    if (takeOffer(client, record.getOriginalMessage())) {
+        client.origin = originOf(record, output.showsOrigins());
         readMessages(client);
     }
     client.lastOfferTime = now();
+}
+
+// Most offers leave nothing that must be kept here.
+void MessageReader::receiveExactly(const ParsedData &record, const ExactOffers::Offer &offer)
+{
+    const QMap<QString, QString> subId = record.getPluginSubId();
+    Client client = takeOut(subId.value(QStringLiteral("connection")));
+    if (client.key.isEmpty())
+        counters.addConnection(subId.value(QStringLiteral("client")));
+    client.origin = originOf(record, output.showsOrigins());
+    readExactly(client, offer, subId);
+    if (!client.isWorthKeeping())
+        return; // what it has consumed is remembered elsewhere
+    client.key = subId.value(QStringLiteral("connection"));
+    client.subId = withoutPosition(subId);
+    client.lastOfferTime = now();
+    askLater(keep(std::move(client)));
 }
 
 // The answer names the offer's own position, so it cuts the same bytes whenever it is carried out.
 void MessageReader::readExactly(Client &client, const ExactOffers::Offer &offer,
                                 const QMap<QString, QString> &subId)
 {
-    const qsizetype taken = takeFrames(client, offer.fresh());
+    const QByteArrayView fresh = offer.fresh();
+    const qsizetype taken = takeFrames(client, fresh);
     const int length = exactOffers.consume(offer, taken, pacedTime);
-    client.tail =
-            offer.fresh().sliced(taken).toByteArray(); // a copy: the offer itself may be large
-    if (client.tail.isEmpty() && !client.framing.isSkipping())
-        forget(client); // what it has consumed is remembered elsewhere
+    const bool grown = taken > 0 || fresh.size() > client.tail.size();
+    client.tail = fresh.sliced(taken).toByteArray(); // a copy: the offer itself may be large
+    client.asks = grown ? 0 : client.asks + 1;
     if (length > 0 && answering)
         Q_EMIT answered(length, subId);
+}
+
+void MessageReader::askLater(const Client &client)
+{
+    if (client.tail.isEmpty() || client.asks >= MostAsks)
+        return;
+    incompleteKeys.insert(client.key);
+    if (!askTimer.isActive())
+        askTimer.start();
+}
+
+void MessageReader::askForMore()
+{
+    const QSet<QString> keys = std::exchange(incompleteKeys, {});
+    for (const QString &key : keys) {
+        const auto known = clientsByKey.constFind(key);
+        if (known != clientsByKey.constEnd() && answering)
+            Q_EMIT answered(0, known.value()->subId);
+    }
 }
 
 // Only what is remembered of a client that was never heard of need not be kept.
 bool MessageReader::Client::isWorthKeeping() const
 {
-    return !tracker.isSettled() || !tracker.unread().isEmpty() || framing.isSkipping();
+    return !tracker.isSettled() || !tracker.unread().isEmpty() || !tail.isEmpty()
+            || framing.isSkipping();
 }
 
 MessageReader::Client &MessageReader::clientOf(const ParsedData &record)
 {
     const QString key = keyOf(record);
-    auto known = clientsByKey.find(key);
-    if (known == clientsByKey.end()) {
+    const auto known = clientsByKey.constFind(key);
+    if (known == clientsByKey.constEnd()) {
         counters.addConnection(record.getPluginSubIdKey(QStringLiteral("client")));
-        if (clientsByKey.size() == MaxClients)
-            forgetOldest();
-        clients.push_back({key, record.getPluginSubId(), {}, {}, {}, {}, 0});
-        known = clientsByKey.insert(key, std::prev(clients.end()));
+        return keep({key, record.getPluginSubId(), {}, {}, {}, {}, 0, 0});
     }
     clients.splice(clients.end(), clients, known.value());
     return *known.value();
+}
+
+MessageReader::Client &MessageReader::keep(Client &&client)
+{
+    if (clientsByKey.size() == MaxClients)
+        forgetOldest();
+    clients.push_back(std::move(client));
+    clientsByKey.insert(clients.back().key, std::prev(clients.end()));
+    return clients.back();
+}
+
+// A new one, without a key, if there is none.
+MessageReader::Client MessageReader::takeOut(const QString &key)
+{
+    const auto known = clientsByKey.constFind(key);
+    if (known == clientsByKey.constEnd())
+        return {};
+    Client client = std::move(*known.value());
+    clients.erase(known.value());
+    clientsByKey.erase(known);
+    return client;
 }
 
 // False if it is unclear what is new in the offer.

@@ -73,19 +73,24 @@ Q_SIGNALS:
 private:
     struct Client
     {
-        QString key;
+        QString key; // an exact one's connection number, which is its own; else task and client
         QMap<QString, QString> subId;
         Origin origin; // of the last offer
         OfferTracker tracker;
         QByteArray tail; // what an exact client has not consumed; it leaves the tracker alone
         FrameState framing;
         qint64 lastOfferTime = 0;
+        int asks = 0; // of an exact one, since it had anything new
 
         bool isWorthKeeping() const;
     };
     using Clients = std::list<Client>;
 
+    void receivePlainly(const ParsedData &record);
+    void receiveExactly(const ParsedData &record, const ExactOffers::Offer &offer);
     Client &clientOf(const ParsedData &record);
+    Client &keep(Client &&client);
+    Client takeOut(const QString &key);
     void readExactly(Client &client, const ExactOffers::Offer &offer,
                      const QMap<QString, QString> &subId);
     bool takeOffer(Client &client, const QByteArray &offer);
@@ -95,6 +100,8 @@ private:
     void handle(const Client &client, const Frame &frame);
     void writeMessage(const Client &client, QByteArrayView bytes);
 
+    void askLater(const Client &client);
+    void askForMore();
     void settleLater(const Client &client);
     void postSettling();
     void settle(qint64 time);
@@ -115,6 +122,7 @@ private:
     ExactOffers::Clock::time_point pacedTime; // its time, see forgetSilent()
     Clients clients; // the longest silent one first
     QHash<QString, Clients::iterator> clientsByKey;
+    QSet<QString> incompleteKeys; // of exact clients with the beginning of a message
     QSet<QString> unsettledKeys; // of clients, some of which may be forgotten meanwhile
 
     // Times are in nanoseconds, and no two are the same.
@@ -123,6 +131,7 @@ private:
     qint64 reachedTime = 0; // offers made before discards until then are handled
     qint64 forgetAfter = 0;
     QTimer settleTimer;
+    QTimer askTimer;
     QTimer forgetTimer;
 
     qint64 messageLimit = 0;

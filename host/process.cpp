@@ -7,6 +7,7 @@
 
 #include <csignal>
 
+#include <cstdlib>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -40,4 +41,10 @@ void occupyStandardDescriptors()
         // open() gives the lowest number that is free.
         ::open("/dev/null", descriptor == STDERR_FILENO ? O_WRONLY : O_RDONLY);
     }
+}
+
+void settleTimeZone()
+{
+    constexpr int KeepGiven = 0;
+    ::setenv("TZ", ":/etc/localtime", KeepGiven);
 }

@@ -15,3 +15,7 @@ void ignoreBrokenPipes();
 // A standard stream that was closed by the caller: keeps its number from a socket or pipe, which
 // would get what is written to that stream. Writing to standard output still fails.
 void occupyStandardDescriptors();
+
+// Keeps the local time zone that the process has started with, unless TZ names one: the C library
+// looks for a changed one at every conversion otherwise, and each record needs one. Before threads.
+void settleTimeZone();

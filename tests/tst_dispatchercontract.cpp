@@ -1496,6 +1496,9 @@ void tst_DispatcherContract::timerMovesToThread()
         QCOMPARE(beatsElsewhere.load(), 3);
         QCOMPARE(timer.thread(), home);
         QCOMPARE(dispatcher()->registeredTimers(&timer).size(), 1);
+        // The timer is still at work in the other thread when its slot returns there.
+        QMetaObject::invokeMethod(
+                QAbstractEventDispatcher::instance(&other), [] {}, Qt::BlockingQueuedConnection);
     });
     other.quit();
     QVERIFY(other.wait(GuardMs));

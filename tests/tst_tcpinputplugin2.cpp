@@ -356,6 +356,7 @@ void tst_TcpInputPlugin2::threadOfTaskIndex()
     QVERIFY(plugin.start());
     const NativeSocket device = plugin.connectDevice();
     QTRY_COMPARE(taskIndexOf(plugin), 1);
+    passQueueOf(tasksOf(plugin).first()); // the worker has said what it has to say
     takeLog();
     QThread *next = plugin.getThread(0);
     QCOMPARE(takeLog(), QStringList{ThreadLine});

@@ -182,6 +182,8 @@ void TcpTask2::addConnection(Connection conn)
     connectClient(client);
     {
         const QWriteLocker locker(&clientsLock);
+        connect(this, &TcpTask2::stopTimer, client, &TcpClient2::mdisconnected,
+                Qt::QueuedConnection); // under the lock: see stop()
         // Deliberate: a client that held the id before stays as it is, but cannot be reached.
         clients.insert(id, client);
     }
@@ -193,7 +195,6 @@ void TcpTask2::connectClient(TcpClient2 *client)
 {
     // Queued although in one thread: a client is never deleted from inside its own signal.
     connect(client, &TcpClient2::disconnected, this, &TcpTask2::disconnected, Qt::QueuedConnection);
-    connect(this, &TcpTask2::stopTimer, client, &TcpClient2::mdisconnected, Qt::QueuedConnection);
     // Directly: these two do not touch the client. The registry knows the new id before the host
     // gets a record that bears it.
     connect(client, &TcpClient2::idChanged, this, &TcpTask2::idChanged, Qt::DirectConnection);
@@ -231,7 +232,12 @@ void TcpTask2::readyRead(Connection c, const QString &id)
 
 void TcpTask2::stop()
 {
-    Q_EMIT stopTimer();
+    {
+        // Qt walks the list of a signal's connections without a lock, and another thread may be
+        // adding a client to it. Under the lock this only posts.
+        const QReadLocker locker(&clientsLock);
+        Q_EMIT stopTimer();
+    }
     // Called directly from the plugin's destructor, this is the plugin's thread: the task's own
     // state is left alone then, and the events are those of the calling thread.
     const bool ownThread = QThread::currentThread() == thread();

@@ -23,7 +23,7 @@ class TcpClient2;
     Thread: its worker thread. From any thread: discard() and tryDiscard(); from the plugin's
             thread: getInfo() and stop().
     Owner:  the plugin, which retires it with deleteLater(). It dies in its own thread.
-    Locks:  clientsLock; never held while logging or emitting to a receiver in the same thread.
+    Locks:  clientsLock; never held while logging or where code of the host could run.
 */
 class TcpTask2 : public QObject
 {

@@ -5,6 +5,7 @@
 
 import ctypes
 import os
+import re
 import signal
 import subprocess
 import tempfile
@@ -57,6 +58,18 @@ class Process:
     def descriptors(self):
         return len(os.listdir(f"/proc/{self.pid}/fd"))
 
+    def threads(self):
+        return len(os.listdir(f"/proc/{self.pid}/task"))
+
+    def wake_ups(self):
+        """Returns {thread: times that it has gone to sleep so far}."""
+        counts = {}
+        for thread in os.listdir(f"/proc/{self.pid}/task"):
+            with open(f"/proc/{self.pid}/task/{thread}/status", encoding="ascii") as file:
+                counts[int(thread)] = int(re.search(r"^voluntary_ctxt_switches:\s+(\d+)",
+                                                    file.read(), re.MULTILINE)[1])
+        return counts
+
     def is_asleep(self):
         """Whether none of its threads runs or wants to."""
         for thread in os.listdir(f"/proc/{self.pid}/task"):
@@ -98,6 +111,10 @@ class Process:
         if status != 0:
             raise RuntimeError(f"{' '.join(self.arguments)}: exit status {status}: "
                                f"{_text_of(self._err)[-1000:]} {_text_of(self._out)[-1000:]}")
+        return self.output()
+
+    def output(self):
+        """What it wrote to standard output."""
         return _text_of(self._out)
 
     def complaints(self):

@@ -1,0 +1,100 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "restartinghost.h"
+
+#include "host/configuration.h"
+#include "host/exitcodes.h"
+#include "host/listenstatus.h"
+#include "host/logging.h"
+#include "host/signalnotifier.h"
+#include "plugin/iinputplugin.h"
+
+#include <QtCore/QCoreApplication>
+
+#include <malloc.h>
+#include <unistd.h>
+
+namespace {
+constexpr int MostStarts = 8; // of one object
+// More than have offers at the same time, and few enough to be reached within the first cycle.
+constexpr ExactOffers::Limits Remembered{std::chrono::minutes(1), 500};
+} // namespace
+
+RestartingHost::RestartingHost(const Options &commandLine)
+    : options(commandLine),
+      output(commandLine.output, commandLine.format.framing, STDOUT_FILENO),
+      reader(commandLine.format, output, counters, Remembered)
+{}
+
+RestartingHost::~RestartingHost() = default;
+
+int RestartingHost::run()
+{
+    ConfigurationReader configurationReader(options);
+    if (!loader.load(options.pluginFile, options.entryPoint))
+        return ExitNoLibrary;
+    if (!configurationReader.read())
+        return ExitBadConfiguration;
+    configuration = configurationReader.configuration();
+    configuration.insert(QStringLiteral("offsets"), true);
+
+    SignalNotifier unixSignals;
+    connect(&unixSignals, &SignalNotifier::stopRequested, this, [] { QCoreApplication::quit(); });
+    connect(&unixSignals, &SignalNotifier::reloadRequested, this, &RestartingHost::restart);
+    connect(&unixSignals, &SignalNotifier::statusRequested, this, [this] {
+        ::malloc_trim(0);
+        report(counters.longLine() + QLatin1Char('\n'));
+    });
+
+    makePlugin();
+    if (!startPlugin())
+        return ExitNotListening;
+    const int outcome = QCoreApplication::exec();
+    removePlugin();
+    output.writeCount(counters.line());
+    output.flush();
+    return outcome;
+}
+
+void RestartingHost::makePlugin()
+{
+    plugin = loader.create(configuration);
+    plugin->pluginId = options.id;
+    starts = 0;
+    connect(plugin.get(), &IInputPlugin::receivedData, &reader, &MessageReader::receive);
+    connect(&reader, &MessageReader::answered, plugin.get(), &IInputPlugin::discard);
+}
+
+bool RestartingHost::startPlugin()
+{
+    ++starts;
+    if (!plugin->start())
+        return false;
+    const ListenStatus status = ListenStatus::parse(plugin->getStatus());
+    reader.setIdleTimeout(status.timeoutSeconds);
+    return status.isListening();
+}
+
+void RestartingHost::removePlugin()
+{
+    reader.setAnswering(false);
+    plugin->stop();
+    QCoreApplication::sendPostedEvents();
+    plugin.reset();
+    reader.forgetAll();
+    reader.setAnswering(true);
+}
+
+// What is still offered of connections that a stop() has ended comes after the next start().
+void RestartingHost::restart()
+{
+    if (starts < MostStarts) {
+        plugin->stop();
+    } else {
+        removePlugin();
+        makePlugin();
+    }
+    if (!startPlugin())
+        QCoreApplication::exit(ExitNotListening);
+}

@@ -1,0 +1,85 @@
+# SPDX-FileCopyrightText: the tcpinputplugin2 authors
+# SPDX-License-Identifier: MIT
+
+"""Whether everything has returned to its level. docs/SOAK.md tells the rules."""
+
+import dataclasses
+
+MIB = 1 << 20
+# The level of memory is the highest of the first cycles.
+LEVEL_PART = 1 / 4
+LEAST_LEVEL_CYCLES = 2
+IN_USE_TOLERANCE = 1 * MIB
+# Allocators keep free memory for the next peak, and how many devices meet is a matter of chance.
+KEPT_TOLERANCE = 0.25  # of the level
+# The main thread has timers of its own, of seconds: one more or less falls into the time measured.
+MAIN_WAKE_UPS_TOLERANCE = 3
+
+
+@dataclasses.dataclass
+class Record:
+    """Of one host."""
+
+    level: dict  # descriptors and threads
+    keeps_free_memory: bool
+    quiet: list = dataclasses.field(default_factory=list)  # QuietPoint
+    connections: int = 0
+    sent: int = 0  # messages, while nothing was restarted
+    counted: int = 0
+    connections_after: list = dataclasses.field(default_factory=list)  # each cycle
+    faults: list = dataclasses.field(default_factory=list)
+
+    def add_steady(self, sent, counted):
+        """Nothing was restarted meanwhile. counted: (messages, bytes)."""
+        self.connections += sent.connections
+        self.sent += sent.content[0]
+        self.counted += counted[0]
+        self.faults += sent.failures
+        if sent.content != counted:
+            self.faults.append(f"sent {sent.content}, counted {counted} (messages, bytes)")
+
+    def add_rough(self, sent, counted):
+        """A restart may lose what no client had read, but nothing comes twice."""
+        self.connections += sent.connections
+        if counted[0] > sent.content[0]:
+            self.faults.append(f"while restarting: sent {sent.content}, counted {counted}")
+
+    def add_quiet(self, point):
+        self.quiet.append(point)
+        self.connections_after.append(self.connections)
+
+    def level_cycles(self):
+        return max(LEAST_LEVEL_CYCLES, round(len(self.quiet) * LEVEL_PART))
+
+    def memory_level(self):
+        return max(point.resident for point in self.quiet[:self.level_cycles()])
+
+    def most_memory(self):
+        level = self.memory_level()
+        return level + (KEPT_TOLERANCE * level if self.keeps_free_memory else IN_USE_TOLERANCE)
+
+    def highest_memory(self):
+        """After the cycles that make the level; None if there were none."""
+        later = self.quiet[self.level_cycles():]
+        return max((point.resident for point in later), default=None)
+
+    def judge(self):
+        """Returns all that is wrong, as lines."""
+        first = self.quiet[0]
+        wrong = list(self.faults)
+        for point in self.quiet:
+            when = f"minute {point.minutes:.1f}: "
+            for name, level in self.level.items():
+                value = getattr(point, name)
+                if value != level:
+                    wrong.append(f"{when}{value} {name} instead of {level}")
+            if point.worker_wake_ups > 0:
+                wrong.append(f"{when}workers without connections woke up "
+                             f"{point.worker_wake_ups} times")
+            if point.main_wake_ups > first.main_wake_ups + MAIN_WAKE_UPS_TOLERANCE:
+                wrong.append(f"{when}the main thread woke up {point.main_wake_ups} times instead "
+                             f"of {first.main_wake_ups}")
+        highest = self.highest_memory()
+        if highest is not None and highest > self.most_memory():
+            wrong.append(f"{highest / MIB:.2f} MiB resident, level {self.memory_level() / MIB:.2f}")
+        return wrong

@@ -6,6 +6,7 @@
 #include "certificates.h"
 #include "nativesocket.h"
 
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
@@ -15,7 +16,8 @@
     A TLS device made of one blocking socket, so that any thread can play it without an event loop.
     What it has to say is collected until flush(), which hands it to the kernel in one piece.
 
-    Does not verify the server.
+    Does not verify the server. What OpenSSL keeps for a thread goes with the device, since a thread
+    of Qt's may be waited for and still be on its way out when the program ends: a leak, then.
 
     Thread: any, one at a time.
 */
@@ -121,6 +123,10 @@ private:
         return true;
     }
 
+    struct ThreadState
+    {
+        ~ThreadState() { OPENSSL_thread_stop(); } // made anew where it is needed again
+    };
     template<auto function>
     struct Free
     {
@@ -130,6 +136,7 @@ private:
             function(object);
         }
     };
+    ThreadState threadState; // the first, so that it goes last
     std::unique_ptr<SSL_CTX, Free<SSL_CTX_free>> context;
     std::unique_ptr<SSL, Free<SSL_free>> ssl;
 };

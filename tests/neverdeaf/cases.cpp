@@ -67,6 +67,34 @@ Outcome NeverDeaf::descriptorsOut(bool tls)
     return outcome;
 }
 
+Outcome NeverDeaf::workerWithoutDescriptors(bool tls)
+{
+    Outcome outcome;
+    outcome.cause = text("no descriptors for the first worker thread");
+    {
+        Scene undisturbed(tls);
+        startIn(undisturbed);
+        outcome.before = undisturbed.serveMedian();
+    }
+    Scene scene(tls); // has no worker yet
+    startIn(scene);
+    Scene::GoodDevice waiting(scene);
+    {
+        NoFreeDescriptors none;
+        none.giveBack(1); // for the connection; a worker thread takes two
+        waiting.go();
+        serveUntil([&] { return scene.logged(text("no thread found")) > 0; });
+    }
+    const qint64 ended = scene.clock.nsecsElapsed();
+    outcome.after = scene.serve();
+    serveUntil([&] { return waiting.isServed(); });
+    outcome.during = waiting.servedAfter();
+    if (waiting.isServed())
+        outcome.after = std::max(outcome.after, waiting.servedAfter(ended));
+    count(outcome, scene, 0, 0);
+    return outcome;
+}
+
 Outcome NeverDeaf::silentPeers(int peers)
 {
     Outcome outcome;

@@ -25,6 +25,10 @@ namespace NeverDeaf {
 
 // No descriptor is free for a while. during: a device that connects then, and waits.
 Outcome descriptorsOut(bool tls);
+// A plugin without workers accepts a connection, and then a worker thread cannot be had for a
+// while. during: the device that waits for it; after: it, too, from the end of the cause, if it
+// takes longer.
+Outcome workerWithoutDescriptors(bool tls);
 // Peers that connect and never say a word. during: median.
 Outcome silentPeers(int count);
 // Handshakes that are none, or are broken. during: the longest, here and below.

@@ -56,6 +56,7 @@ int main(int argc, char **argv)
     };
     for (const bool tls : {false, true}) {
         play(NeverDeaf::descriptorsOut(tls));
+        play(NeverDeaf::workerWithoutDescriptors(tls));
         play(NeverDeaf::closersAtOnce(tls, 10000));
         play(NeverDeaf::resetsInBacklog(tls, 200));
         play(NeverDeaf::portTaken(tls));

@@ -30,6 +30,8 @@ void tst_NeverDeaf::goodDevicesAreServed_data()
         const char *const transport = tls ? "TLS" : "TCP";
         QTest::addRow("descriptors out, %s", transport)
                 << Case([tls] { return NeverDeaf::descriptorsOut(tls); });
+        QTest::addRow("no worker thread, %s", transport)
+                << Case([tls] { return NeverDeaf::workerWithoutDescriptors(tls); });
         QTest::addRow("connects that close at once, %s", transport)
                 << Case([tls] { return NeverDeaf::closersAtOnce(tls, 500); });
         QTest::addRow("resets in the backlog, %s", transport)

@@ -103,7 +103,6 @@ void ReceivingSocket::close()
 {
     QIODevice::close();
     unread = {};
-    waiting = 0;
     kept.clear();
     disconnectNow();
 }
@@ -129,12 +128,6 @@ qint64 ReceivingSocket::skipData(qint64 maxSize)
     const qsizetype size = std::min<qsizetype>(maxSize, unread.size());
     unread = unread.sliced(size);
     return size;
-}
-
-qint64 ReceivingSocket::writeData(const char *, qint64)
-{
-    setErrorString(QStringLiteral("This socket only receives"));
-    return -1;
 }
 
 void ReceivingSocket::receive()
@@ -185,6 +178,7 @@ void ReceivingSocket::disconnectNow()
         return;
     notifier.setEnabled(false);
     ::close(descriptor());
+    waiting = 0; // whoever has the number next is read from otherwise
     setSocketState(UnconnectedState);
     Q_EMIT stateChanged(UnconnectedState);
     Q_EMIT readChannelFinished();

@@ -36,6 +36,7 @@ public:
     qint64 bytesAvailable() const override { return unread.size() + waiting; }
     // Takes all that the kernel has got, and does not wait for more, whatever the time given.
     bool waitForReadyRead(int msecs) override;
+    bool waitForDisconnected(int) override { return false; } // waits for nothing
     void setSocketOption(SocketOption option, const QVariant &value) override;
     // -1 once it is disconnected.
     qintptr socketDescriptor() const override;
@@ -45,7 +46,6 @@ public:
 protected:
     qint64 readData(char *data, qint64 maxSize) override;
     qint64 skipData(qint64 maxSize) override;
-    qint64 writeData(const char *data, qint64 size) override;
 
 private:
     void receive();

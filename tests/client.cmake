@@ -4,6 +4,7 @@
 # The library's inside: clients, tasks, servers and threads.
 core_test(tst_tcpclient2)
 core_test(tst_clientreading)
+core_test(tst_clientcutting)
 core_test(tst_clientending)
 core_test(tst_inputbuffer)
 core_test(tst_receivingsocket)

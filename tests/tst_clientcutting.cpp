@@ -1,0 +1,385 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "tcpinput/receivingsocket.h"
+#include "tests/connectedclient.h"
+#include "tests/movableclock.h"
+#include "tests/worker.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QThread>
+#include <QtTest/QTest>
+
+#include <atomic>
+#include <limits>
+#include <memory>
+#include <random>
+
+namespace {
+
+QByteArray bytes(int size)
+{
+    QByteArray result;
+    for (int i = 0; result.size() < size; ++i)
+        result += QByteArray::number(i, 36) + '.';
+    result.truncate(size);
+    return result;
+}
+
+template<class Function>
+void inAnotherThread(Function function)
+{
+    const std::unique_ptr<QThread> thread(QThread::create(function));
+    thread->start();
+    thread->wait();
+}
+
+//! Counts the calls that are posted to an object.
+class PostedCalls : public QObject
+{
+public:
+    explicit PostedCalls(QObject *receiver) { receiver->installEventFilter(this); }
+    int count = 0;
+
+protected:
+    bool eventFilter(QObject *, QEvent *event) override
+    {
+        count += event->type() == QEvent::MetaCall ? 1 : 0;
+        return false;
+    }
+};
+
+// What the client holds now. Offers it.
+QByteArray heldBy(ConnectedClient &connection)
+{
+    connection.takeOffers();
+    connection.client->emitData();
+    return connection.takeOffers().constFirst();
+}
+
+struct Offer
+{
+    quint64 position;
+    QByteArray data;
+    quint64 end() const { return position + quint64(data.size()); }
+};
+
+} // namespace
+
+// Cuts that a host asks for in its own thread.
+class tst_ClientCutting : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+
+    void cuts_data();
+    void cuts();
+    void cutsToPositions_data();
+    void cutsToPositions();
+    void cutsInTheClientsThreadArePosted();
+    void noCutOvertakesAnother_data();
+    void noCutOvertakesAnother();
+    void cutAtOnceKeepsOffers();
+    void cutAfterTheEnd();
+    void cutWhileTheWorkerReads_data();
+    void cutWhileTheWorkerReads();
+
+private:
+    std::unique_ptr<EventLog> log;
+    std::unique_ptr<MovableClock> clock;
+};
+
+void tst_ClientCutting::init()
+{
+    log = std::make_unique<EventLog>();
+    clock = std::make_unique<MovableClock>();
+}
+
+void tst_ClientCutting::cleanup()
+{
+    clock.reset();
+    log.reset();
+}
+
+void tst_ClientCutting::cuts_data()
+{
+    QTest::addColumn<int>("size");
+    QTest::addColumn<int>("len");
+    QTest::addColumn<bool>("posted");
+    QTest::addColumn<int>("left");
+    const auto row = [](int size, int len, bool posted, int left) {
+        QTest::addRow("%d of %d", len, size) << size << len << posted << left;
+    };
+    // What leaves no more than 20 bytes changes nothing for the client's thread.
+    row(30, 10, false, 20);
+    row(30, 29, false, 1);
+    row(30, 30, false, 0);
+    row(20, 0, false, 20);
+    row(20, -1, false, 20);
+    row(1, std::numeric_limits<int>::min(), false, 1);
+    // What leaves more is offered again.
+    row(30, 9, true, 21);
+    row(21, 0, true, 21);
+    row(21, -1, true, 21);
+    row(60000, 10, true, 59990);
+    // Also of what may come in until it is carried out.
+    row(30, 31, true, 0);
+    row(30, std::numeric_limits<int>::max(), true, 0);
+}
+
+void tst_ClientCutting::cuts()
+{
+    QFETCH(int, size);
+    QFETCH(int, len);
+    QFETCH(bool, posted);
+    QFETCH(int, left);
+    ConnectedClient connection;
+    QVERIFY(connection.deliver(bytes(size)));
+    const PostedCalls calls(connection.client.get());
+
+    inAnotherThread([&] { connection.client->discard(len); });
+
+    QCOMPARE(heldBy(connection), bytes(size).last(posted ? size : left));
+    QCoreApplication::sendPostedEvents();
+    QCOMPARE(calls.count, posted ? 1 : 0);
+    const bool offered = posted && left > 20;
+    QCOMPARE(connection.takeOffers(),
+             offered ? QList<QByteArray>({bytes(size).last(left)}) : QList<QByteArray>());
+    QCOMPARE(heldBy(connection), bytes(size).last(left));
+    QVERIFY(connection.noLockHeld);
+}
+
+void tst_ClientCutting::cutsToPositions_data()
+{
+    QTest::addColumn<int>("size");
+    QTest::addColumn<quint64>("position");
+    QTest::addColumn<bool>("posted");
+    QTest::addColumn<int>("left");
+    // Ten bytes have been cut before.
+    const auto row = [](int size, quint64 position, bool posted, int left) {
+        QTest::addRow("to %llu of 10 + %d", qulonglong(position), size)
+                << size << position << posted << left;
+    };
+    row(30, 20, false, 20);
+    row(30, 40, false, 0);
+    row(30, 19, true, 21);
+    row(30, 41, true, 0);
+    row(30, std::numeric_limits<quint64>::max(), true, 0);
+    // What has been cut already: also if much is left.
+    row(30, 10, false, 30);
+    row(30, 0, false, 30);
+    row(20, 10, false, 20);
+}
+
+void tst_ClientCutting::cutsToPositions()
+{
+    QFETCH(int, size);
+    QFETCH(quint64, position);
+    QFETCH(bool, posted);
+    QFETCH(int, left);
+    ConnectedClient connection;
+    connection.client->stampOffers(1);
+    QVERIFY(connection.deliver("0123456789" + bytes(size)));
+    connection.client->cutInbuf(10);
+    const PostedCalls calls(connection.client.get());
+
+    inAnotherThread([&] { connection.client->discardTo(position); });
+
+    QCOMPARE(heldBy(connection), bytes(size).last(posted ? size : left));
+    QCoreApplication::sendPostedEvents();
+    QCOMPARE(calls.count, posted ? 1 : 0);
+    const bool offered = posted && left > 20;
+    QCOMPARE(connection.takeOffers(),
+             offered ? QList<QByteArray>({bytes(size).last(left)}) : QList<QByteArray>());
+    QCOMPARE(heldBy(connection), bytes(size).last(left));
+    QCOMPARE(connection.client->offerPosition(), quint64(10 + size - left));
+}
+
+void tst_ClientCutting::cutsInTheClientsThreadArePosted()
+{
+    ConnectedClient connection;
+    connection.client->stampOffers(1);
+    QVERIFY(connection.deliver(bytes(30)));
+    const PostedCalls calls(connection.client.get());
+
+    connection.client->discard(10);
+    connection.client->discardTo(15);
+
+    QCOMPARE(heldBy(connection), bytes(30));
+    QCoreApplication::sendPostedEvents();
+    QCOMPARE(calls.count, 2);
+    QCOMPARE(heldBy(connection), bytes(30).mid(15));
+}
+
+void tst_ClientCutting::noCutOvertakesAnother_data()
+{
+    QTest::addColumn<bool>("toPositions");
+    QTest::newRow("lengths") << false;
+    QTest::newRow("positions") << true;
+}
+
+// By itself the second one would be carried out at once, and the first one then leave so little
+// that the host would see no offer after it.
+void tst_ClientCutting::noCutOvertakesAnother()
+{
+    QFETCH(bool, toPositions);
+    ConnectedClient connection;
+    connection.client->stampOffers(1);
+    QVERIFY(connection.deliver(bytes(100)));
+    const PostedCalls calls(connection.client.get());
+    const auto cut = [&](int len, quint64 position) {
+        inAnotherThread([&] {
+            if (toPositions)
+                connection.client->discardTo(position);
+            else
+                connection.client->discard(len);
+        });
+    };
+
+    cut(10, 10);
+    cut(80, 90);
+    QCOMPARE(heldBy(connection), bytes(100));
+
+    QCoreApplication::sendPostedEvents();
+    QCOMPARE(calls.count, 2);
+    QCOMPARE(connection.takeOffers(), QList<QByteArray>({bytes(100).mid(10)}));
+    QCOMPARE(heldBy(connection), bytes(100).mid(90));
+
+    // From then on nothing is on its way.
+    cut(5, 95);
+    QCOMPARE(heldBy(connection), bytes(100).mid(95));
+    QCoreApplication::sendPostedEvents();
+    QCOMPARE(calls.count, 2);
+}
+
+void tst_ClientCutting::cutAtOnceKeepsOffers()
+{
+    ConnectedClient connection;
+    QVERIFY(connection.deliver(bytes(60000)));
+    const QList<QByteArray> offers = connection.takeOffers();
+    inAnotherThread([&] { connection.client->discard(59990); });
+    QCOMPARE(offers, QList<QByteArray>({bytes(60000)}));
+
+    MovableClock::advance(201);
+    QVERIFY(connection.deliver("!"));
+    QCOMPARE(connection.takeOffers(), QList<QByteArray>({bytes(60000).last(10) + '!'}));
+}
+
+void tst_ClientCutting::cutAfterTheEnd()
+{
+    ConnectedClient connection;
+    connection.client->stampOffers(1);
+    QVERIFY(connection.deliver(bytes(100)));
+    connection.client->mdisconnected();
+    EventLog::take();
+
+    inAnotherThread([&] {
+        for (int len : {-1, 0, 10, 100, 1000})
+            connection.client->discard(len);
+        for (quint64 position : {0U, 10U, 100U, 1000U})
+            connection.client->discardTo(position);
+    });
+    QCoreApplication::sendPostedEvents();
+
+    QCOMPARE(EventLog::take(), QStringList());
+}
+
+void tst_ClientCutting::cutWhileTheWorkerReads_data()
+{
+    QTest::addColumn<bool>("toPositions");
+    QTest::newRow("lengths") << false;
+    QTest::newRow("positions") << true;
+}
+
+// Every read is offered, and answered while the next ones come in: each byte is offered until it is
+// cut and not afterwards, and in its place.
+void tst_ClientCutting::cutWhileTheWorkerReads()
+{
+    QFETCH(bool, toPositions);
+    static std::atomic<qint64> time;
+    Clock::setSource([]() -> qint64 { return time += 201; });
+    Worker worker;
+    SocketPair pair = SocketPair::connected(QHostAddress(ConnectedClient::localAddress()),
+                                            QHostAddress(ConnectedClient::peerAddress()));
+    QObject host; // its slots run in this thread
+    QList<Offer> offers;
+    std::unique_ptr<TcpClient2> client;
+    worker.run([&] {
+        const int descriptor = pair.accepted.release();
+        auto *socket = new ReceivingSocket(descriptor, Acceptance::of(descriptor, true));
+        client = std::make_unique<TcpClient2>(nullptr, QStringLiteral("id"), socket, 600000);
+        client->stampOffers(1);
+        QObject::connect(
+                client.get(), &TcpClient2::readyRead, client.get(),
+                [&](const Connection &c) {
+                    const Offer offer{client->offerPosition(), c.getData()};
+                    QMetaObject::invokeMethod(
+                            &host, [&offers, offer] { offers.append(offer); },
+                            Qt::QueuedConnection);
+                },
+                Qt::DirectConnection);
+    });
+
+    std::mt19937 random(4711);
+    const auto between = [&](quint64 least, quint64 most) {
+        return std::uniform_int_distribution<quint64>(least, most)(random);
+    };
+    const QByteArray stream = bytes(3000000);
+    const auto total = quint64(stream.size());
+    const std::unique_ptr<QThread> device(QThread::create([&] {
+        std::mt19937 sizes(42);
+        for (qsizetype sent = 0; sent < stream.size();) {
+            const auto size =
+                    std::min<qsizetype>(1 + qsizetype(sizes() % 5000), stream.size() - sent);
+            if (!pair.device.send(stream.mid(sent, size)))
+                return;
+            sent += size;
+        }
+    }));
+    device->start();
+
+    quint64 consumed = 0;
+    const auto consume = [&](quint64 size) {
+        consumed += size;
+        if (toPositions)
+            client->discardTo(consumed);
+        else
+            client->discard(int(size));
+    };
+    Offer last{0, {}};
+    while (last.end() < total) {
+        QTRY_VERIFY_WITH_TIMEOUT(!offers.isEmpty(), NativeSocket::HangGuardMs);
+        for (const Offer &offer : std::exchange(offers, {})) {
+            QVERIFY(offer.data
+                    == QByteArrayView(stream).sliced(qsizetype(offer.position), offer.data.size()));
+            QVERIFY(offer.position >= last.position);
+            QVERIFY(offer.end() >= last.end());
+            QVERIFY(offer.position <= consumed);
+            last = offer;
+            const quint64 fresh = offer.end() - consumed;
+            if (fresh > 0)
+                consume(between(0, 3) == 0 ? between(1, fresh) : fresh);
+            else if (between(0, 9) == 0)
+                client->discard(0);
+        }
+    }
+    consume(total - consumed);
+
+    worker.run([] {}); // the cuts that were posted
+    worker.run([&] {
+        client->emitData();
+        client.reset();
+    });
+    QCoreApplication::sendPostedEvents(&host);
+    QVERIFY(!offers.isEmpty());
+    QCOMPARE(offers.constLast().position, total);
+    QCOMPARE(offers.constLast().data, QByteArray());
+    device->wait();
+    worker.quitAndWait();
+}
+
+QTEST_GUILESS_MAIN(tst_ClientCutting)
+#include "tst_clientcutting.moc"

@@ -132,6 +132,8 @@ private Q_SLOTS:
 
     void record();
     void recordsInOrder();
+    void firstRecordIsAnsweredAtOnce();
+    void recordsShareNoSubIds();
     void recordOfAnUnregisteredClient();
     void recordIsNotKept();
 
@@ -640,6 +642,42 @@ void tst_TcpTask2::recordsInOrder()
     QCOMPARE(records[0]->getOriginalMessage(), QByteArray("abc"));
     QCOMPARE(records[1]->getOriginalMessage(), QByteArray("abcdef"));
     QVERIFY(records[0] != records[1]);
+}
+
+// The id that the first record bears is derived by the same read.
+void tst_TcpTask2::firstRecordIsAnsweredAtOnce()
+{
+    const Accepted accepted = accept();
+    QVERIFY(accepted.givenId() != accepted.derivedId());
+    QSignalSpy cut(accepted.client, &TcpClient2::cut);
+    connect(
+            task.get(), &TcpTask2::receivedData, task.get(),
+            [answered = task.get()](const shared_parsedData &record) {
+                answered->discard(2, record->getPluginSubId());
+            },
+            Qt::DirectConnection);
+    EventLog::take();
+
+    QVERIFY(accepted.deliver("abc"));
+
+    QCOMPARE(cut, QList<QVariantList>({{2}}));
+    QCOMPARE(EventLog::take().filter(QStringLiteral("discard")), QStringList());
+    turn();
+    MovableClock::advance(201);
+    QVERIFY(accepted.deliver("def"));
+    QCOMPARE(records.last()->getOriginalMessage(), QByteArray("cdef"));
+}
+
+// A host may do with a record what it likes.
+void tst_TcpTask2::recordsShareNoSubIds()
+{
+    const Accepted accepted = accept();
+    QVERIFY(accepted.deliver("abc"));
+    records[0]->addPluginSubId(QStringLiteral("client"), QStringLiteral("the host's"));
+    MovableClock::advance(201);
+    QVERIFY(accepted.deliver("def"));
+    QCOMPARE(records[1]->getPluginSubIdKey(QStringLiteral("client")), accepted.derivedId());
+    QCOMPARE(records[0]->getPluginSubIdKey(QStringLiteral("client")), QStringLiteral("the host's"));
 }
 
 void tst_TcpTask2::recordOfAnUnregisteredClient()

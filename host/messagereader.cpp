@@ -19,10 +19,12 @@ using namespace std::chrono_literals;
 // A cut is one queued call in a worker thread. After this time it counts as carried out.
 constexpr std::chrono::nanoseconds CutGrace = 50ms;
 
-// The plugin offers a message that has come in pieces some 200 ms after the first one, and not
-// before the next piece comes. Asked, it tells at once what it has got.
-constexpr std::chrono::milliseconds AskInterval = 10ms;
-constexpr int MostAsks = 20; // without anything new; after that, the plugin does it by itself
+// While an offer ends within a message, the plugin is asked what it has got since: what comes
+// within 200 ms of an offer is not offered by itself, unless something comes after that. As answers
+// to questions are offers, too, asking goes on, with intervals that grow: each is twice the last
+// one.
+constexpr std::chrono::nanoseconds FirstAskAfter = 10ms;
+constexpr int MostAsks = 10; // without anything new, in 10 s
 
 constexpr qsizetype MaxClients = 100000;
 
@@ -83,7 +85,6 @@ MessageReader::MessageReader(const FrameFormat &frameFormat, Output &messageOutp
     settleTimer.setInterval(std::chrono::duration_cast<std::chrono::milliseconds>(CutGrace));
     connect(&settleTimer, &QTimer::timeout, this, &MessageReader::postSettling);
     askTimer.setSingleShot(true);
-    askTimer.setInterval(AskInterval);
     connect(&askTimer, &QTimer::timeout, this, &MessageReader::askForMore);
     connect(&forgetTimer, &QTimer::timeout, this, &MessageReader::forgetSilent);
     forgetTimer.start(ForgetInterval);
@@ -132,17 +133,20 @@ void MessageReader::receiveExactly(const ParsedData &record, const ExactOffers::
     if (client.key.isEmpty())
         counters.addConnection(subId.value(QStringLiteral("client")));
     client.origin = originOf(record, output.showsOrigins());
-    readExactly(client, offer, subId);
+    const bool grown = readExactly(client, offer, subId);
     if (!client.isWorthKeeping())
         return; // what it has consumed is remembered elsewhere
     client.key = subId.value(QStringLiteral("connection"));
     client.subId = withoutPosition(subId);
     client.lastOfferTime = now();
-    askLater(keep(std::move(client)));
+    Client &kept = keep(std::move(client));
+    if (grown)
+        askLater(kept, 0);
 }
 
 // The answer names the offer's own position, so it cuts the same bytes whenever it is carried out.
-void MessageReader::readExactly(Client &client, const ExactOffers::Offer &offer,
+// True if there was anything new.
+bool MessageReader::readExactly(Client &client, const ExactOffers::Offer &offer,
                                 const QMap<QString, QString> &subId)
 {
     const QByteArrayView fresh = offer.fresh();
@@ -150,28 +154,47 @@ void MessageReader::readExactly(Client &client, const ExactOffers::Offer &offer,
     const int length = exactOffers.consume(offer, taken, pacedTime);
     const bool grown = taken > 0 || fresh.size() > client.tail.size();
     client.tail = fresh.sliced(taken).toByteArray(); // a copy: the offer itself may be large
-    client.asks = grown ? 0 : client.asks + 1;
     if (length > 0 && answering)
         Q_EMIT answered(length, subId);
+    return grown;
 }
 
-void MessageReader::askLater(const Client &client)
+// asks: how many there have been without anything new.
+void MessageReader::askLater(Client &client, int asks)
 {
-    if (client.tail.isEmpty() || client.asks >= MostAsks)
-        return;
-    incompleteKeys.insert(client.key);
-    if (!askTimer.isActive())
-        askTimer.start();
+    client.asks = asks;
+    client.askTime = now() + FirstAskAfter.count() * (1LL << asks);
+    keysByAskTime.insert(client.askTime, client.key);
+    if (keysByAskTime.firstKey() == client.askTime)
+        startAskTimer();
+}
+
+void MessageReader::startAskTimer()
+{
+    const std::chrono::nanoseconds rest(keysByAskTime.firstKey() - now());
+    askTimer.start(std::max(std::chrono::ceil<std::chrono::milliseconds>(rest), 0ms));
 }
 
 void MessageReader::askForMore()
 {
-    const QSet<QString> keys = std::exchange(incompleteKeys, {});
-    for (const QString &key : keys) {
-        const auto known = clientsByKey.constFind(key);
-        if (known != clientsByKey.constEnd() && answering)
-            Q_EMIT answered(0, known.value()->subId);
+    const qint64 time = now();
+    while (!keysByAskTime.isEmpty() && keysByAskTime.firstKey() <= time) {
+        const qint64 askTime = keysByAskTime.firstKey();
+        const auto known = clientsByKey.constFind(keysByAskTime.take(askTime));
+        if (known != clientsByKey.constEnd() && known.value()->askTime == askTime)
+            ask(*known.value());
     }
+    if (!keysByAskTime.isEmpty())
+        startAskTimer();
+}
+
+void MessageReader::ask(Client &client)
+{
+    if (client.tail.isEmpty() || !answering)
+        return;
+    Q_EMIT answered(0, client.subId);
+    if (client.asks + 1 < MostAsks)
+        askLater(client, client.asks + 1);
 }
 
 // Only what is remembered of a client that was never heard of need not be kept.
@@ -187,7 +210,7 @@ MessageReader::Client &MessageReader::clientOf(const ParsedData &record)
     const auto known = clientsByKey.constFind(key);
     if (known == clientsByKey.constEnd()) {
         counters.addConnection(record.getPluginSubIdKey(QStringLiteral("client")));
-        return keep({key, record.getPluginSubId(), {}, {}, {}, {}, 0, 0});
+        return keep({key, record.getPluginSubId(), {}, {}, {}, {}, 0, 0, 0});
     }
     clients.splice(clients.end(), clients, known.value());
     return *known.value();

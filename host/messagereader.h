@@ -81,6 +81,7 @@ private:
         FrameState framing;
         qint64 lastOfferTime = 0;
         int asks = 0; // of an exact one, since it had anything new
+        qint64 askTime = 0; // of the next one; earlier ones that still wait are void
 
         bool isWorthKeeping() const;
     };
@@ -91,7 +92,7 @@ private:
     Client &clientOf(const ParsedData &record);
     Client &keep(Client &&client);
     Client takeOut(const QString &key);
-    void readExactly(Client &client, const ExactOffers::Offer &offer,
+    bool readExactly(Client &client, const ExactOffers::Offer &offer,
                      const QMap<QString, QString> &subId);
     bool takeOffer(Client &client, const QByteArray &offer);
     void readMessages(Client &client);
@@ -100,8 +101,10 @@ private:
     void handle(const Client &client, const Frame &frame);
     void writeMessage(const Client &client, QByteArrayView bytes);
 
-    void askLater(const Client &client);
+    void askLater(Client &client, int asks);
+    void startAskTimer();
     void askForMore();
+    void ask(Client &client);
     void settleLater(const Client &client);
     void postSettling();
     void settle(qint64 time);
@@ -122,7 +125,7 @@ private:
     ExactOffers::Clock::time_point pacedTime; // its time, see forgetSilent()
     Clients clients; // the longest silent one first
     QHash<QString, Clients::iterator> clientsByKey;
-    QSet<QString> incompleteKeys; // of exact clients with the beginning of a message
+    QMultiMap<qint64, QString> keysByAskTime; // of exact clients, some without questions by now
     QSet<QString> unsettledKeys; // of clients, some of which may be forgotten meanwhile
 
     // Times are in nanoseconds, and no two are the same.

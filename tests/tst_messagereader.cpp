@@ -13,6 +13,7 @@
 namespace {
 
 constexpr int CutGraceMs = 50;
+constexpr int FirstAskAfterMs = 10;
 
 shared_parsedData offer(const QByteArray &bytes, const QString &client = QStringLiteral("c"),
                         int task = 0)
@@ -77,6 +78,12 @@ private Q_SLOTS:
     void stampedConnectionsShareAnId();
     void keepsNoMoreThanTheTailOfAStampedOffer();
     void heldUpHostForgetsNoStampedConnection();
+    void asksForTheRest();
+    void goesOnAsking();
+    void newBytesBeginAnew();
+    void asksForNothingElse_data();
+    void asksForNothingElse();
+    void asksNobodyWhileThePluginStops();
 
 private:
     void make(const FrameFormat &format, OutputFormat outputFormat = OutputFormat::Raw);
@@ -521,6 +528,111 @@ void tst_MessageReader::heldUpHostForgetsNoStampedConnection()
     QTest::qSleep(2 * static_cast<int>(age.count())); // no synchronisation: this is the hold-up
     reader->receive(stamped(1, 0, "a\n"));
     QCOMPARE(written(), QByteArray("a\n"));
+}
+
+// Not from a position: what is asked for is the buffer, however much of it has been cut.
+void tst_MessageReader::asksForTheRest()
+{
+    QSignalSpy spy(reader.get(), &MessageReader::answered);
+    QElapsedTimer since;
+    since.start();
+    reader->receive(stamped(1, 30, "a\nhalf"));
+    QCOMPARE(discards(), QList<int>({2}));
+
+    QTRY_VERIFY(spy.count() >= 2);
+
+    QVERIFY(since.elapsed() >= FirstAskAfterMs);
+    QCOMPARE(spy[1][0].toInt(), 0);
+    const auto subId = spy[1][1].value<QMap<QString, QString>>();
+    const QMap<QString, QString> expected = {{QStringLiteral("client"), QStringLiteral("c")},
+                                             {QStringLiteral("task"), QStringLiteral("0")},
+                                             {QStringLiteral("connection"), QStringLiteral("1")}};
+    QCOMPARE(subId, expected);
+
+    reader->receive(stamped(1, 32, "half\n"));
+    QCOMPARE(written(), QByteArray("a\nhalf\n"));
+    QCOMPARE(reader->rememberedConnections(), 0);
+}
+
+// Whether the plugin has nothing to offer, or only what is known, each interval is twice the last.
+void tst_MessageReader::goesOnAsking()
+{
+    QElapsedTimer since;
+    QList<qint64> times;
+    connect(reader.get(), &MessageReader::answered, this, [&](int bytes) {
+        QCOMPARE(bytes, 0);
+        times += since.elapsed();
+        if (times.size() == 3)
+            reader->receive(stamped(1, 0, "half"));
+    });
+    since.start();
+    reader->receive(stamped(1, 0, "half"));
+    QTRY_VERIFY(times.size() >= 6);
+
+    for (int ask = 0; ask < 6; ++ask)
+        QVERIFY2(times[ask] >= (FirstAskAfterMs << (ask + 1)) - FirstAskAfterMs,
+                 QByteArray::number(ask));
+}
+
+// Of two that have been asked as often, the one with something new is asked first.
+void tst_MessageReader::newBytesBeginAnew()
+{
+    QMap<QString, int> asks;
+    int between = 0; // questions to the first one between the fifth and the sixth to the other
+    const auto count = [&](int, const QMap<QString, QString> &subId) {
+        const QString connection = subId.value(QStringLiteral("connection"));
+        ++asks[connection];
+        const int other = asks[QStringLiteral("2")];
+        if (connection == QLatin1String("1") && other == 5)
+            ++between;
+        if (connection == QLatin1String("2") && other == 5)
+            reader->receive(stamped(1, 0, "half of it"));
+    };
+    connect(reader.get(), &MessageReader::answered, this, count);
+    reader->receive(stamped(1, 0, "half"));
+    reader->receive(stamped(2, 0, "half"));
+    QTRY_VERIFY(asks[QStringLiteral("2")] >= 6);
+    QVERIFY2(between >= 2, QByteArray::number(between));
+}
+
+void tst_MessageReader::asksForNothingElse_data()
+{
+    QTest::addColumn<quint64>("connection");
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::newRow("complete") << quint64(1) << QByteArray("a\n");
+    QTest::newRow("without positions") << quint64(0) << QByteArray("half");
+    QTest::newRow("skipped, as it is too long") << quint64(1) << QByteArray("123456789");
+}
+
+void tst_MessageReader::asksForNothingElse()
+{
+    QFETCH(quint64, connection);
+    QFETCH(QByteArray, bytes);
+    make({Framing::Lines, 5});
+    const MessageCapture capture; // a warning that something is too long
+    reader->receive(connection == 0 ? offer(bytes) : stamped(connection, 0, bytes));
+    discarded.clear();
+    QSignalSpy spy(reader.get(), &MessageReader::answered);
+
+    reader->receive(stamped(2, 0, "half")); // its question comes later
+    QTRY_VERIFY(!spy.isEmpty());
+
+    const auto subId = spy[0][1].value<QMap<QString, QString>>();
+    QCOMPARE(subId.value(QStringLiteral("connection")), QStringLiteral("2"));
+}
+
+void tst_MessageReader::asksNobodyWhileThePluginStops()
+{
+    reader->receive(stamped(1, 0, "half"));
+    reader->setAnswering(false);
+    QThread::msleep(2 * FirstAskAfterMs); // the time of the question is over
+    QCoreApplication::processEvents();
+    reader->setAnswering(true);
+    reader->receive(stamped(2, 0, "half"));
+    QSignalSpy spy(reader.get(), &MessageReader::answered);
+    QTRY_VERIFY(!spy.isEmpty());
+    const auto subId = spy[0][1].value<QMap<QString, QString>>();
+    QCOMPARE(subId.value(QStringLiteral("connection")), QStringLiteral("2"));
 }
 
 QTEST_GUILESS_MAIN(tst_MessageReader)

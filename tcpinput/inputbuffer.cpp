@@ -28,41 +28,36 @@ QByteArray sharedEnd(QByteArray &bytes, qsizetype from)
             QByteArray::DataPointer(block.d_ptr(), block.data() + from, bytes.size() - from));
 }
 
-// A block of its own with room in front, so that prepending that much copies nothing else.
-QByteArray blockWithHeadroom(QByteArrayView received, qsizetype headroom)
+// A block with room in front, so that prepending that much copies nothing else.
+QByteArray blockWithHeadroom(qsizetype size, qsizetype headroom)
 {
-    QByteArray block(headroom + received.size(), Qt::Uninitialized);
-    std::memcpy(block.data() + headroom, received.data(), static_cast<size_t>(received.size()));
+    QByteArray block(headroom + size, Qt::Uninitialized);
     block.remove(0, headroom); // moves the beginning
     return block;
 }
 
 } // namespace
 
-void InputBuffer::append(QByteArrayView received)
-{
-    if (received.isEmpty())
-        return;
-    if (!fresh.isEmpty())
-        fresh.append(received);
-    else if (bytes.isEmpty())
-        bytes = received.toByteArray();
-    else if (bytes.isDetached())
-        bytes.append(received);
-    else
-        fresh = blockWithHeadroom(received, std::min(bytes.size(), MostHeadroom));
-}
-
 char *InputBuffer::extend(qsizetype size)
 {
-    const qsizetype before = last().size();
-    last().resize(before + size);
-    return last().data() + before;
+    if (this->size() == 0) {
+        bytes = QByteArray(size, Qt::Uninitialized);
+        return bytes.data();
+    }
+    if (fresh.isEmpty() && !bytes.isDetached()) {
+        fresh = blockWithHeadroom(size, std::min(bytes.size(), MostHeadroom));
+        return fresh.data();
+    }
+    QByteArray &block = last();
+    block.resize(block.size() + size);
+    return block.data() + block.size() - size;
 }
 
-void InputBuffer::chop(qsizetype size)
+void InputBuffer::append(QByteArrayView received)
 {
-    last().chop(size);
+    if (!received.isEmpty())
+        std::memcpy(extend(received.size()), received.data(),
+                    static_cast<std::size_t>(received.size()));
 }
 
 QByteArray InputBuffer::copy()

@@ -25,12 +25,12 @@ class InputBuffer
 public:
     qsizetype size() const { return bytes.size() + fresh.size(); }
 
-    void append(QByteArrayView received);
-
-    // Room behind the bytes that append() has just added, to be filled by the caller. chop() gives
-    // back what is left of it.
+    // Room for that many bytes more at the end, to be filled by the caller. chop() gives back what
+    // is left of it.
     char *extend(qsizetype size);
-    void chop(qsizetype size);
+    void chop(qsizetype size) { last().chop(size); }
+
+    void append(QByteArrayView received);
 
     // len <= 0 cuts nothing, a len beyond the size empties the buffer. Returns how much was cut.
     qsizetype cutFront(qsizetype len);

@@ -101,10 +101,10 @@ void ReceivingSocket::disconnectFromHost()
 
 void ReceivingSocket::close()
 {
-    QIODevice::close();
     unread = {};
+    waiting = 0;
     kept.clear();
-    disconnectNow();
+    QTcpSocket::close(); // disconnects
 }
 
 qint64 ReceivingSocket::readData(char *data, qint64 maxSize)

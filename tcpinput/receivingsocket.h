@@ -29,10 +29,8 @@ public:
     ReceivingSocket(qintptr descriptor, const Acceptance &known);
     ~ReceivingSocket() override;
 
-    // What has been received and not been read. Valid until readyRead() returns or something is
-    // read.
-    QByteArrayView received() const { return unread; }
-    // That, and what waits in the kernel when there is a lot. Reading it never emits a signal.
+    // What has been received and not been read, and what waits in the kernel when there is a lot.
+    // Reading that never emits a signal.
     qint64 bytesAvailable() const override { return unread.size() + waiting; }
     // Takes all that the kernel has got, and does not wait for more, whatever the time given.
     bool waitForReadyRead(int msecs) override;

@@ -6,7 +6,6 @@
 #include "plugin/cwrn.h"
 #include "tcpinput/clientid.h"
 #include "tcpinput/clock.h"
-#include "tcpinput/receivingsocket.h"
 
 #include <QtCore/QThread>
 #include <QtNetwork/QTcpSocket>
@@ -33,7 +32,6 @@ TcpClient2::TcpClient2(QObject *parent, const QString &clientId, QTcpSocket *con
                        int timeoutMs)
     : QObject(parent),
       socket(connected),
-      plain(dynamic_cast<ReceivingSocket *>(connected)),
       id(clientId),
       idleTimer(this),
       idleTimeout(timeoutMs),
@@ -310,7 +308,13 @@ bool TcpClient2::appendAvailable()
     if (msgsize > LogReadAboveBytes)
         CWRN(QtInfoMsg, QStringLiteral("TcpClient2 (%1): msgsize = %2"), id, msgsize);
 
-    const qsizetype size = takeIn(msgsize);
+    {
+        const QMutexLocker locker(&socketMutex);
+        valid = socket && socket->isValid();
+    }
+    if (!valid)
+        CWRN(QtWarningMsg, QStringLiteral("TcpClient2 (%1): socket not valid (2)"), id);
+    const qsizetype size = valid ? takeIn(msgsize) : 0;
     if (size == 0)
         return false;
 
@@ -321,43 +325,15 @@ bool TcpClient2::appendAvailable()
     return true;
 }
 
-// Reads into the buffer; its size, or 0 if there was nothing to read.
+// Reads what is available straight into the buffer, which emits nothing; its size, or 0 if nothing
+// came.
 qsizetype TcpClient2::takeIn(int msgsize)
 {
-    if (plain && socket && socket->isValid())
-        return takeInFrom(*plain, msgsize);
-
-    QByteArray data;
-    bool valid = false;
-    {
-        const QMutexLocker locker(&socketMutex);
-        valid = socket && socket->isValid();
-        if (valid)
-            data = socket->read(msgsize);
-    }
-    if (!valid)
-        CWRN(QtWarningMsg, QStringLiteral("TcpClient2 (%1): socket not valid (2)"), id);
-    if (data.isEmpty())
-        return 0;
     const QWriteLocker locker(&inbufLock);
-    inbuf.append(data);
-    return inbuf.size();
-}
-
-// The same without copies on the way.
-qsizetype TcpClient2::takeInFrom(ReceivingSocket &from, int msgsize)
-{
-    const QWriteLocker locker(&inbufLock);
-    const QByteArrayView received = from.received();
-    const qsizetype waiting = msgsize - received.size(); // in the kernel
-    inbuf.append(received);
-    from.skip(received.size());
-    if (waiting > 0) {
-        char *const room = inbuf.extend(waiting);
-        const qint64 came = from.read(room, waiting);
-        inbuf.chop(waiting - std::max<qint64>(came, 0));
-    }
-    return inbuf.size();
+    char *const room = inbuf.extend(msgsize);
+    const qint64 came = std::max<qint64>(socket->read(room, msgsize), 0);
+    inbuf.chop(msgsize - came);
+    return came > 0 ? inbuf.size() : 0;
 }
 
 // Checks come at multiples of the interval since the client was made. A thread with thousands of

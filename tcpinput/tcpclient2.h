@@ -15,7 +15,6 @@
 #include <chrono>
 
 class QTcpSocket;
-class ReceivingSocket;
 
 /*!
     One accepted connection: buffers its bytes, offers them to the task, cuts what was consumed.
@@ -113,14 +112,12 @@ private:
     void cutFront(qsizetype len);
     bool appendAvailable();
     qsizetype takeIn(int msgsize);
-    qsizetype takeInFrom(ReceivingSocket &from, int msgsize);
     void deriveId();
     bool isOfferDue(qint64 now, qint64 intervalMs) const;
 
     mutable QReadWriteLock inbufLock;
     mutable QMutex socketMutex;
     QTcpSocket *socket = nullptr; // guarded by socketMutex; written in the client's thread only
-    ReceivingSocket *plain = nullptr; // the socket, if it is one
     QString id; // as socket; written once more, at the first read
     QTimer idleTimer; // this and all below: the client's thread only, but for inbuf
     std::chrono::milliseconds idleTimeout{0};

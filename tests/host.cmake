@@ -8,7 +8,7 @@ endif()
 # The host's parts, one by one.
 foreach(name IN ITEMS
         tst_framing tst_hostconfiguration tst_hostoptions tst_hostoutput tst_hosttexts
-        tst_messagereader tst_offertracker)
+        tst_messagereader tst_offertracker tst_process)
     plugin_test(${name})
     target_link_libraries(${name} PRIVATE inputhost_parts)
 endforeach()

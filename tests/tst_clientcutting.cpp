@@ -290,8 +290,14 @@ void tst_ClientCutting::cutAfterTheEnd()
 void tst_ClientCutting::cutWhileTheWorkerReads_data()
 {
     QTest::addColumn<bool>("toPositions");
-    QTest::newRow("lengths") << false;
-    QTest::newRow("positions") << true;
+    QTest::addColumn<int>("total");
+    QTest::addColumn<int>("atOnce");
+    for (bool toPositions : {false, true}) {
+        const char *const how = toPositions ? "positions" : "lengths";
+        // Most cuts leave so little that they are carried out at once.
+        QTest::addRow("%s, small", how) << toPositions << 300000 << 10;
+        QTest::addRow("%s, large", how) << toPositions << 3000000 << 5000;
+    }
 }
 
 // Every read is offered, and answered while the next ones come in: each byte is offered until it is
@@ -299,6 +305,8 @@ void tst_ClientCutting::cutWhileTheWorkerReads_data()
 void tst_ClientCutting::cutWhileTheWorkerReads()
 {
     QFETCH(bool, toPositions);
+    QFETCH(int, total);
+    QFETCH(int, atOnce);
     static std::atomic<qint64> time;
     Clock::setSource([]() -> qint64 { return time += 201; });
     Worker worker;
@@ -327,13 +335,13 @@ void tst_ClientCutting::cutWhileTheWorkerReads()
     const auto between = [&](quint64 least, quint64 most) {
         return std::uniform_int_distribution<quint64>(least, most)(random);
     };
-    const QByteArray stream = bytes(3000000);
-    const auto total = quint64(stream.size());
+    const QByteArray stream = bytes(total);
+    const auto end = quint64(total);
     const std::unique_ptr<QThread> device(QThread::create([&] {
         std::mt19937 sizes(42);
         for (qsizetype sent = 0; sent < stream.size();) {
-            const auto size =
-                    std::min<qsizetype>(1 + qsizetype(sizes() % 5000), stream.size() - sent);
+            const auto size = std::min<qsizetype>(1 + qsizetype(sizes() % unsigned(atOnce)),
+                                                  stream.size() - sent);
             if (!pair.device.send(stream.mid(sent, size)))
                 return;
             sent += size;
@@ -350,7 +358,7 @@ void tst_ClientCutting::cutWhileTheWorkerReads()
             client->discard(int(size));
     };
     Offer last{0, {}};
-    while (last.end() < total) {
+    while (last.end() < end) {
         QTRY_VERIFY_WITH_TIMEOUT(!offers.isEmpty(), NativeSocket::HangGuardMs);
         for (const Offer &offer : std::exchange(offers, {})) {
             QVERIFY(offer.data
@@ -366,7 +374,7 @@ void tst_ClientCutting::cutWhileTheWorkerReads()
                 client->discard(0);
         }
     }
-    consume(total - consumed);
+    consume(end - consumed);
 
     worker.run([] {}); // the cuts that were posted
     worker.run([&] {
@@ -375,7 +383,7 @@ void tst_ClientCutting::cutWhileTheWorkerReads()
     });
     QCoreApplication::sendPostedEvents(&host);
     QVERIFY(!offers.isEmpty());
-    QCOMPARE(offers.constLast().position, total);
+    QCOMPARE(offers.constLast().position, end);
     QCOMPARE(offers.constLast().data, QByteArray());
     device->wait();
     worker.quitAndWait();

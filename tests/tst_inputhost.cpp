@@ -202,6 +202,8 @@ private Q_SLOTS:
     void countOutput();
     void noOutput();
     void messagesComeAtOnce();
+    void messageInTwoPieces_data();
+    void messageInTwoPieces();
     void sendAndCloseAtOnce();
     void netcat();
     void maxMessage();
@@ -521,6 +523,41 @@ void tst_InputHost::messagesComeAtOnce()
         device.send(QByteArray::number(n) + '\n');
         QTRY_COMPARE_WITH_TIMEOUT(host.texts().value(n), QString::number(n), HangGuardMs);
     }
+}
+
+void tst_InputHost::messageInTwoPieces_data()
+{
+    QTest::addColumn<int>("first");
+    QTest::addColumn<int>("offers"); // of the first piece, before the second one is sent
+    QTest::addColumn<int>("second");
+    QTest::newRow("a few bytes first") << 5 << 1 << 40;
+    QTest::newRow("most of it first") << 40 << 1 << 10;
+    QTest::newRow("asked for several times") << 40 << 5 << 10;
+}
+
+// The device stays connected and silent: nothing else makes the plugin offer the second piece.
+void tst_InputHost::messageInTwoPieces()
+{
+    QFETCH(int, first);
+    QFETCH(int, offers);
+    QFETCH(int, second);
+    Host host;
+    host.start();
+    Device device(host);
+    const auto offersSoFar = [&] {
+        const QByteArray line = host.counters();
+        return line.mid(line.lastIndexOf(' ') + 1).toInt();
+    };
+
+    device.send(QByteArray(first, 'x'));
+    QTRY_VERIFY_WITH_TIMEOUT(offersSoFar() >= offers, HangGuardMs);
+    device.send(QByteArray(second, 'y') + '\n');
+
+    QTRY_VERIFY_WITH_TIMEOUT(!host.lines().isEmpty(), HangGuardMs);
+    QCOMPARE(host.texts(),
+             QStringList(QString(first, QLatin1Char('x')) + QString(second, QLatin1Char('y'))));
+    QCOMPARE(device.socket.state(), QAbstractSocket::ConnectedState);
+    QCOMPARE(host.stop(), int(ExitOk));
 }
 
 // Offered when it is read, and once more when the connection ends.

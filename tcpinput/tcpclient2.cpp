@@ -88,7 +88,7 @@ void TcpClient2::discardTo(quint64 position)
 {
     {
         const QWriteLocker locker(&inbufLock);
-        if (position <= bytesCut && postedCuts == 0)
+        if (position <= bytesCut) // cuts that are on their way do not take it back
             return;
         if (cutWithoutOffer(lengthTo(position)))
             return;

@@ -100,7 +100,7 @@ TcpTask2::DiscardResult TcpTask2::tryDiscard(int length, const QMap<QString, QSt
     if (!client)
         return DiscardResult::NoSuchClient;
     // Calls across threads, and a signal under the lock: only so is the client still there. They
-    // do no more than post the cut to the client's thread.
+    // do no more than cut bytes, or post that to the client's thread.
     const auto offset = subid.constFind(SubIds::offset());
     if (client->connectionNumber() != 0 && offset != subid.constEnd())
         return discardTo(client, length, *offset, subid);

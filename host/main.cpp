@@ -17,8 +17,9 @@ int main(int argc, char *argv[])
     occupyStandardDescriptors();
     ignoreBrokenPipes();
     settleTimeZone();
-    // Each record wakes this thread up. Null, and so Qt's own, without descriptors for one.
-    QCoreApplication::setEventDispatcher(EpollEventDispatcher::create().release());
+    // Each record wakes this thread up. Without descriptors for this one, Qt takes its own.
+    if (auto dispatcher = EpollEventDispatcher::create())
+        QCoreApplication::setEventDispatcher(dispatcher.release());
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("inputhost"));
     QCoreApplication::setApplicationVersion(QStringLiteral(INPUTHOST_VERSION));

@@ -192,9 +192,10 @@ void MessageReader::ask(Client &client)
 {
     if (client.tail.isEmpty() || !answering)
         return;
-    Q_EMIT answered(0, client.subId);
+    const QMap<QString, QString> subId = client.subId;
     if (client.asks + 1 < MostAsks)
         askLater(client, client.asks + 1);
+    Q_EMIT answered(0, subId); // last: an offer that comes at once replaces the client
 }
 
 // Only what is remembered of a client that was never heard of need not be kept.

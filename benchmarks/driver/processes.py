@@ -70,6 +70,11 @@ class Process:
                                                     file.read(), re.MULTILINE)[1])
         return counts
 
+    def waited_seconds(self):
+        """How long its main thread has been ready to run and had no CPU."""
+        with open(f"/proc/{self.pid}/schedstat", encoding="ascii") as file:
+            return int(file.read().split()[1]) / 1e9
+
     def is_asleep(self):
         """Whether none of its threads runs or wants to."""
         for thread in os.listdir(f"/proc/{self.pid}/task"):

@@ -80,9 +80,9 @@ def _section(command, records, minutes, cores):
     ])
 
 
-HEADINGS = ("Host", "Connections", "Restarts", "Messages sent", "counted", "Resident: level, MiB",
-            "highest after", "last", "Growth, bytes a connection", "Descriptors", "Threads",
-            "Wake-ups: workers", "main")
+HEADINGS = ("Host", "Connections", "Restarts", "Cycles disturbed", "Messages sent", "counted",
+            "Resident: level, MiB", "highest after", "last", "Growth, bytes a connection",
+            "Descriptors", "Threads", "Wake-ups: workers", "main")
 
 
 def table(records):
@@ -93,20 +93,20 @@ def table(records):
 
 def _row(host, record):
     highest, last = record.highest_memory(), record.quiet[-1].resident
-    return (host.name, f"{record.connections:,}", f"{host.reloads}", f"{record.sent:,}",
-            f"{record.counted:,}", f"{record.memory_level() / MIB:.2f}",
-            "-" if highest is None else f"{highest / MIB:.2f}", f"{last / MIB:.2f}",
+    return (host.name, f"{record.connections:,}", f"{host.reloads}",
+            f"{sum(record.disturbed)}", f"{record.sent:,}", f"{record.counted:,}",
+            f"{record.memory_level() / MIB:.2f}", "-" if highest is None else f"{highest / MIB:.2f}", f"{last / MIB:.2f}",
             _growth(record), _range(record, "descriptors"), _range(record, "threads"),
             _range(record, "worker_wake_ups"), _range(record, "main_wake_ups"))
 
 
 def _growth(record):
     """Of resident memory, from the end of the cycles that make the level to the last one."""
-    at_level = record.quiet[:record.level_cycles()][-1]
-    connections = record.connections - record.connections_after[record.quiet.index(at_level)]
+    at_level = record.level_cycles() - 1
+    connections = record.connections - record.connections_after[at_level]
     if connections == 0:
         return "-"
-    return f"{(record.quiet[-1].resident - at_level.resident) / connections:.1f}"
+    return f"{(record.quiet[-1].resident - record.quiet[at_level].resident) / connections:.1f}"
 
 
 def _range(record, name):

@@ -83,9 +83,11 @@ def play_cycle(hosts, records, watch):
     for host, of_host in zip(hosts, sent):
         records[host].add_rough(of_host, difference(middle[host], before[host]))
 
+    waited = {host: host.waited_seconds() for host in hosts}
     sent = load.steady(BUILD, CERTIFICATES, hosts)
     for host, of_host in zip(hosts, sent):
-        records[host].add_steady(of_host, difference(host.counted(), middle[host]))
+        records[host].add_steady(of_host, difference(host.counted(), middle[host]),
+                                 host.waited_seconds() - waited[host])
     points = watch.quiet_points()
     for host in hosts:
         records[host].add_quiet(points[host])
@@ -93,7 +95,8 @@ def play_cycle(hosts, records, watch):
         print(f"minute {point.minutes:5.1f}  {host.name:20} {point.resident / 2**20:6.2f} MiB, "
               f"{point.descriptors} descriptors, {point.threads} threads, "
               f"{point.worker_wake_ups}+{point.main_wake_ups} wake-ups; "
-              f"{records[host].connections} connections", flush=True)
+              f"{records[host].connections} connections"
+              f"{', disturbed' if records[host].disturbed[-1] else ''}", flush=True)
 
 
 def difference(later, earlier):

@@ -3,11 +3,14 @@
 
 #include "tcpinput/receivingsocket.h"
 
+#include <QtCore/QDeadlineTimer>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
 
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -65,9 +68,9 @@ ReceivingSocket::~ReceivingSocket()
     setSocketState(UnconnectedState); // or else the base closes it once more
 }
 
-bool ReceivingSocket::waitForReadyRead(int)
+bool ReceivingSocket::waitForReadyRead(int msecs)
 {
-    if (state() != ConnectedState)
+    if (state() != ConnectedState || !waitForNews(msecs))
         return false;
     QByteArray all(bytesInKernel(), Qt::Uninitialized);
     if (all.isEmpty()) {
@@ -79,6 +82,18 @@ bool ReceivingSocket::waitForReadyRead(int)
     if (size > 0)
         take(QByteArrayView(all).first(size));
     return size > 0;
+}
+
+// For bytes, or for the end.
+bool ReceivingSocket::waitForNews(int msecs) const
+{
+    const QDeadlineTimer deadline(msecs);
+    pollfd request = {descriptor(), POLLIN, 0};
+    int count = 0;
+    do {
+        count = ::poll(&request, 1, static_cast<int>(deadline.remainingTime()));
+    } while (count < 0 && errno == EINTR);
+    return count > 0;
 }
 
 void ReceivingSocket::setSocketOption(SocketOption option, const QVariant &value)

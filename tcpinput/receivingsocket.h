@@ -32,7 +32,8 @@ public:
     // What has been received and not been read, and what waits in the kernel when there is a lot.
     // Reading that never emits a signal.
     qint64 bytesAvailable() const override { return unread.size() + waiting; }
-    // Takes all that the kernel has got, and does not wait for more, whatever the time given.
+    // Waits for bytes or the end, without limit if msecs is negative, and takes all that the kernel
+    // has got.
     bool waitForReadyRead(int msecs) override;
     bool waitForDisconnected(int) override { return false; } // waits for nothing
     void setSocketOption(SocketOption option, const QVariant &value) override;
@@ -49,6 +50,7 @@ private:
     void receive();
     void take(QByteArrayView received);
     qsizetype bytesInKernel() const;
+    bool waitForNews(int msecs) const;
     void endByPeer();
     void disconnectNow();
     int descriptor() const { return static_cast<int>(notifier.socket()); }

@@ -13,6 +13,7 @@
 
 #include <functional>
 #include <memory>
+#include <thread>
 
 #include <fcntl.h>
 
@@ -181,6 +182,7 @@ private Q_SLOTS:
     void waitTakesWhatHasCome_data();
     void waitTakesWhatHasCome();
     void waitWithNothingThere();
+    void waitsUntilBytesCome();
     void waitNoticesTheEnd_data();
     void waitNoticesTheEnd();
     void waitWhileReading();
@@ -573,11 +575,22 @@ void tst_ReceivingSocket::waitWithNothingThere()
     Receiver receiver;
     receiver.makeSocket();
     QVERIFY(!receiver.socket->waitForReadyRead(0));
-    QVERIFY(!receiver.socket->waitForReadyRead(-1));
+    QVERIFY(!receiver.socket->waitForReadyRead(1));
     QVERIFY(!receiver.socket->waitForDisconnected(-1));
     QCOMPARE(receiver.announced, 0);
     QCOMPARE(receiver.events, QStringList());
     QVERIFY(isOpen(receiver.accepted));
+}
+
+void tst_ReceivingSocket::waitsUntilBytesCome()
+{
+    Receiver receiver;
+    receiver.makeSocket();
+    std::thread device([&] { receiver.device.send("abc"); });
+    const bool came = receiver.socket->waitForReadyRead(-1);
+    device.join();
+    QVERIFY(came);
+    QCOMPARE(receiver.received, QByteArray("abc"));
 }
 
 void tst_ReceivingSocket::waitNoticesTheEnd_data()

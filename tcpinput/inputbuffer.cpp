@@ -49,8 +49,12 @@ char *InputBuffer::extend(qsizetype size)
         return fresh.data();
     }
     QByteArray &block = last();
-    block.resize(block.size() + size);
-    return block.data() + block.size() - size;
+    const qsizetype before = block.size();
+    // By half: doubled, it would be little used, and the first cut would copy it to save memory.
+    if (const qsizetype grown = before + size; grown > block.capacity())
+        block.reserve(grown + grown / 2);
+    block.resize(before + size);
+    return block.data() + before;
 }
 
 void InputBuffer::append(QByteArrayView received)
@@ -64,10 +68,14 @@ QByteArray InputBuffer::copy()
 {
     if (fresh.isEmpty())
         return bytes;
-    if (bytes.isDetached() && bytes.size() > fresh.data_ptr().freeSpaceAtBegin())
-        bytes.append(fresh);
-    else
+    if (bytes.size() <= fresh.data_ptr().freeSpaceAtBegin()) {
         bytes = std::move(fresh.prepend(bytes));
+    } else {
+        QByteArray joined;
+        joined.reserve(size()); // and no more: see extend()
+        joined.append(bytes).append(fresh);
+        bytes = std::move(joined);
+    }
     fresh = QByteArray();
     return bytes;
 }

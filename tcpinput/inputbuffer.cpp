@@ -83,12 +83,14 @@ QByteArray InputBuffer::copy()
 qsizetype InputBuffer::cutFront(qsizetype len)
 {
     const qsizetype cut = std::clamp<qsizetype>(len, 0, size());
+    if (cut == 0)
+        return 0;
     if (cut < bytes.size()) {
         cutFrontOfBytes(cut);
     } else {
         const qsizetype cutOfFresh = cut - bytes.size();
         bytes = std::exchange(fresh, {});
-        cutFrontOfBytes(cutOfFresh);
+        cutFrontOfBytes(cutOfFresh); // also if that is nothing: much of the block may be headroom
     }
     return cut;
 }
@@ -96,8 +98,6 @@ qsizetype InputBuffer::cutFront(qsizetype len)
 void InputBuffer::cutFrontOfBytes(qsizetype cut)
 {
     const qsizetype rest = bytes.size() - cut;
-    if (cut == 0)
-        return;
     if (rest == 0)
         bytes = QByteArray();
     else if (!usesHalfOf(rest, bytes))

@@ -37,6 +37,7 @@ private Q_SLOTS:
     void copiesStayAsTheyWere();
 
     void smallReadsTakeLittleMemory();
+    void littleBehindALargeOfferTakesLittleMemory();
     void whatComesBehindAnOfferIsCopiedOnce();
     void restGoesInFront();
     void cutReachesIntoWhatCameBehind();
@@ -136,6 +137,18 @@ void tst_InputBuffer::smallReadsTakeLittleMemory()
     buffer.append(pattern(17)); // behind it
     buffer.cutFront(17);
     QVERIFY(buffer.copy().capacity() < 100);
+}
+
+// The room in front of it was for a rest that never came.
+void tst_InputBuffer::littleBehindALargeOfferTakesLittleMemory()
+{
+    InputBuffer buffer;
+    buffer.append(pattern(5000));
+    const QByteArray offered = buffer.copy();
+    buffer.append("little");
+    buffer.cutFront(5000);
+    QVERIFY(buffer.copy().capacity() < 100);
+    QCOMPARE(buffer.copy(), QByteArray("little"));
 }
 
 void tst_InputBuffer::whatComesBehindAnOfferIsCopiedOnce()

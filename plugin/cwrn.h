@@ -112,7 +112,9 @@ private:
                                            - behind.begin());
             if (digits == 0)
                 continue;
-            const int number = behind.first(digits).toInt();
+            int number = 0;
+            for (const QChar digit : behind.first(digits))
+                number = number * 10 + digit.digitValue();
             if (number < lowest) {
                 lowest = number;
                 place = at;

@@ -27,6 +27,17 @@ class Q_DECL_EXPORT ParsedData
 {
 public:
     ParsedData() = default;
+    // What an input plugin knows of an offer, without a lock for each piece. time: of creation,
+    // local.
+    ParsedData(const QByteArray &message, const QString &from, const QString &address,
+               unsigned short port, const QMap<QString, QString> &subIds, const QDateTime &time)
+        : pluginSubIds(subIds),
+          peerAddress(address),
+          peerPort(port),
+          originalMessage(message),
+          timestamp(time),
+          source(from)
+    {}
     ParsedData(const ParsedData &) = delete;
     ParsedData &operator=(const ParsedData &) = delete;
 

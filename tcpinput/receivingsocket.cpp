@@ -4,6 +4,7 @@
 #include "tcpinput/receivingsocket.h"
 
 #include <QtCore/QDeadlineTimer>
+#include <QtCore/QEvent>
 
 #include <algorithm>
 #include <cerrno>
@@ -48,7 +49,7 @@ thread_local QByteArray ReceiveBuffer::ofThread;
 
 ReceivingSocket::ReceivingSocket(qintptr descriptor, const Acceptance &known)
     : AcceptedConnection(known),
-      notifier(descriptor, QSocketNotifier::Read, this)
+      notifier(descriptor, *this)
 {
     setLocalAddress(known.endpoints.local);
     setLocalPort(known.endpoints.localPort);
@@ -56,7 +57,6 @@ ReceivingSocket::ReceivingSocket(qintptr descriptor, const Acceptance &known)
     setPeerPort(known.endpoints.peerPort);
     setSocketState(ConnectedState);
     setOpenMode(QIODevice::ReadOnly | QIODevice::Unbuffered);
-    connect(&notifier, &QSocketNotifier::activated, this, &ReceivingSocket::receive);
 }
 
 ReceivingSocket::~ReceivingSocket()
@@ -80,7 +80,7 @@ bool ReceivingSocket::waitForReadyRead(int msecs)
     const ssize_t size =
             ::recv(descriptor(), all.data(), static_cast<std::size_t>(all.size()), MSG_DONTWAIT);
     if (size > 0)
-        take(QByteArrayView(all).first(size));
+        handOut(QByteArrayView(all).first(size));
     return size > 0;
 }
 
@@ -145,6 +145,14 @@ qint64 ReceivingSocket::skipData(qint64 maxSize)
     return size;
 }
 
+bool ReceivingSocket::Notifier::event(QEvent *event)
+{
+    if (event->type() != QEvent::SockAct)
+        return QSocketNotifier::event(event);
+    receiver.receive();
+    return true;
+}
+
 void ReceivingSocket::receive()
 {
     ReceiveBuffer buffer;
@@ -152,20 +160,23 @@ void ReceivingSocket::receive()
     if (size == ReceiveBytes)
         waiting = std::min(bytesInKernel(), MostBytesPerTurn - ReceiveBytes);
     if (size > 0)
-        take(QByteArrayView(buffer.data(), size));
+        handOut(QByteArrayView(buffer.data(), size));
     else if (size == 0 || (errno != EAGAIN && errno != EINTR))
         endByPeer();
 }
 
 // received: valid during the call only.
-void ReceivingSocket::take(QByteArrayView received)
+void ReceivingSocket::handOut(QByteArrayView received)
 {
     if (!unread.isEmpty()) {
         kept = unread.toByteArray().append(received);
         received = kept;
     }
     unread = received;
-    Q_EMIT readyRead();
+    if (reader)
+        reader->bytesCame();
+    else
+        Q_EMIT readyRead();
     waiting = 0; // there will be another notification
     if (unread.isEmpty())
         return;

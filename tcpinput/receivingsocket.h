@@ -9,15 +9,27 @@
 #include <QtCore/QSocketNotifier>
 #include <QtNetwork/QTcpSocket>
 
+//! Who reads a ReceivingSocket without Qt's signal and device layer in between, which cost several
+//! times what reading a small message does.
+class ReceivingSocketReader
+{
+public:
+    virtual void bytesCame() = 0;
+
+protected:
+    ~ReceivingSocketReader() = default;
+};
+
 /*!
     The server's end of a plain connection, which only ever receives: one call to the kernel for
     whatever has come, where a QTcpSocket's own engine makes two, and a few at the start and the end
     of a connection, where that makes dozens.
 
     To its user it is a QTcpSocket: readyRead() comes with bytes, errorOccurred() and disconnected()
-    once when the peer has closed or reset the connection. It knows both its endpoints from the
-    beginning and never forgets them, however early the peer has gone. What Qt's engine alone can do
-    (connecting, sending, pausing, socket options other than KeepAliveOption) it refuses or ignores.
+    once when the peer has closed or reset the connection. A reader, if it has one, is called
+   instead of readyRead(). It knows both its endpoints from the beginning and never forgets them,
+   however early the peer has gone. What Qt's engine alone can do (connecting, sending, pausing,
+   socket options other than KeepAliveOption) it refuses or ignores.
 
     Thread: the one it lives in; made there.
     Owner:  the caller.
@@ -28,6 +40,11 @@ public:
     // Owns the descriptor from now on.
     ReceivingSocket(qintptr descriptor, const Acceptance &known);
     ~ReceivingSocket() override;
+
+    // Not owned; null for none, which is the default.
+    void setReader(ReceivingSocketReader *value) { reader = value; }
+    // As read(), without the device layer: how many bytes there were.
+    qint64 take(char *data, qint64 maxSize) { return readData(data, maxSize); }
 
     // What has been received and not been read, and what waits in the kernel when there is a lot.
     // Reading that never emits a signal.
@@ -47,16 +64,31 @@ protected:
     qint64 skipData(qint64 maxSize) override;
 
 private:
+    //! Calls receive() itself, without a signal.
+    class Notifier final : public QSocketNotifier
+    {
+    public:
+        Notifier(qintptr descriptor, ReceivingSocket &owner)
+            : QSocketNotifier(descriptor, Read, &owner),
+              receiver(owner)
+        {}
+        bool event(QEvent *event) override;
+
+    private:
+        ReceivingSocket &receiver;
+    };
+
     void receive();
-    void take(QByteArrayView received);
+    void handOut(QByteArrayView received);
     qsizetype bytesInKernel() const;
     bool waitForNews(int msecs) const;
     void endByPeer();
     void disconnectNow();
     int descriptor() const { return static_cast<int>(notifier.socket()); }
 
-    QSocketNotifier notifier;
-    QByteArrayView unread; // in the thread's buffer while readyRead() is emitted, else in kept
-    qsizetype waiting = 0; // in the kernel; only known, and not 0, while readyRead() is emitted
+    Notifier notifier;
+    ReceivingSocketReader *reader = nullptr;
+    QByteArrayView unread; // in the thread's buffer while the reader is told, else in kept
+    qsizetype waiting = 0; // in the kernel; only known, and not 0, while the reader is told
     QByteArray kept; // what readers have left, which they seldom do
 };

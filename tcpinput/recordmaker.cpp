@@ -6,34 +6,22 @@
 #include "tcpinput/clientid.h"
 #include "tcpinput/subids.h"
 
-shared_parsedData RecordMaker::make(const Connection &c, const QString &id, const Stamp *stamp)
+RecordMaker::RecordMaker(int task, const Endpoints &endpoints)
+    : peerText(endpoints.peer.toString()),
+      source(QLatin1String("TCP:")
+             + clientId(endpoints.local.toString(), endpoints.localPort, peerText,
+                        endpoints.peerPort)),
+      taskNumber(task),
+      peerPort(endpoints.peerPort)
+{}
+
+shared_parsedData RecordMaker::make(const QByteArray &data, const QString &id,
+                                    const QDateTime &time, const Stamp *stamp)
 {
-    nameEndpoints(c);
     nameClient(id, stamp);
     if (stamp) // copies nothing if the host has let go of the latest record
         subIds.insert(SubIds::offset(), QString::number(stamp->position));
-    auto record = shared_parsedData::create();
-    record->setPeerAddress(peerText);
-    record->setPeerPort(peerPort);
-    record->setOriginalMessage(c.getData());
-    record->setSource(source);
-    record->setPluginSubId(subIds);
-    return record;
-}
-
-void RecordMaker::nameEndpoints(const Connection &c)
-{
-    const bool known = !source.isEmpty() && peerPort == c.getSenderPort()
-            && localPort == c.getLocalPort() && peer == c.getSenderHost()
-            && local == c.getLocalAddress();
-    if (known)
-        return;
-    peer = c.getSenderHost();
-    peerPort = c.getSenderPort();
-    local = c.getLocalAddress();
-    localPort = c.getLocalPort();
-    peerText = peer.toString();
-    source = QLatin1String("TCP:") + clientId(local.toString(), localPort, peerText, peerPort);
+    return shared_parsedData::create(data, source, peerText, peerPort, subIds, time);
 }
 
 void RecordMaker::nameClient(const QString &id, const Stamp *stamp)

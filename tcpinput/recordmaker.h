@@ -3,16 +3,17 @@
 
 #pragma once
 
-#include "plugin/connection.h"
 #include "plugin/parseddata.h"
+#include "tcpinput/endpoints.h"
 
+#include <QtCore/QByteArray>
+#include <QtCore/QDateTime>
 #include <QtCore/QMap>
 #include <QtCore/QString>
-#include <QtNetwork/QHostAddress>
 
 /*!
     Makes the records of one connection. They differ in their bytes and little else: the texts that
-    name the connection are put together once, and again only if the connection is named otherwise.
+    name the connection are put together once, and some of them again if its id changes.
 
     Thread: one at a time.
     Owner:  the task.
@@ -21,7 +22,7 @@ class RecordMaker
 {
 public:
     // task: its number.
-    explicit RecordMaker(int task) : taskNumber(task) {}
+    RecordMaker(int task, const Endpoints &endpoints);
 
     //! Where a stamped offer belongs.
     struct Stamp
@@ -30,22 +31,18 @@ public:
         quint64 position; // how many of its bytes lie before the first one of the offer
     };
 
-    // c: an offer, id: the client's, stamp: null, or that of this connection. The record has no
+    // id: the client's, time: local, stamp: null, or that of this connection. The record has no
     // plugin id yet.
-    shared_parsedData make(const Connection &c, const QString &id, const Stamp *stamp = nullptr);
+    shared_parsedData make(const QByteArray &data, const QString &id, const QDateTime &time,
+                           const Stamp *stamp = nullptr);
 
 private:
-    void nameEndpoints(const Connection &c);
     void nameClient(const QString &id, const Stamp *stamp);
 
-    const int taskNumber;
-    QHostAddress peer; // what the texts were made of
-    QHostAddress local;
-    unsigned short peerPort = 0;
-    unsigned short localPort = 0;
-    QString client;
-
-    QString peerText;
-    QString source; // empty: nothing has been made yet
+    const QString peerText;
+    const QString source;
     QMap<QString, QString> subIds;
+    QString client; // that subIds were made for
+    const int taskNumber;
+    const quint16 peerPort;
 };

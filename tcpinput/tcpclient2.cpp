@@ -7,6 +7,7 @@
 #include "tcpinput/clientid.h"
 #include "tcpinput/clock.h"
 
+#include <QtCore/QMetaMethod>
 #include <QtCore/QThread>
 #include <QtNetwork/QTcpSocket>
 
@@ -32,6 +33,7 @@ TcpClient2::TcpClient2(QObject *parent, const QString &clientId, QTcpSocket *con
                        int timeoutMs)
     : QObject(parent),
       socket(connected),
+      plain(dynamic_cast<ReceivingSocket *>(connected)),
       id(clientId),
       idleTimer(this),
       idleTimeout(timeoutMs),
@@ -45,7 +47,10 @@ TcpClient2::TcpClient2(QObject *parent, const QString &clientId, QTcpSocket *con
          QStringLiteral("TcpClient: id = '%1', local = '%2:%3'")
                  .arg(id, socket->localAddress().toString(), QString::number(socket->localPort())));
 
-    connect(socket, &QIODevice::readyRead, this, &TcpClient2::mreadyRead, Qt::AutoConnection);
+    if (plain)
+        plain->setReader(this);
+    else
+        connect(socket, &QIODevice::readyRead, this, &TcpClient2::mreadyRead, Qt::AutoConnection);
     connect(socket, &QAbstractSocket::disconnected, this, &TcpClient2::mdisconnected,
             Qt::AutoConnection);
     connect(&idleTimer, &QTimer::timeout, this, &TcpClient2::checkIdle, Qt::DirectConnection);
@@ -64,8 +69,12 @@ TcpClient2::~TcpClient2()
 {
     idleTimer.stop();
     checkTimer.stop();
+    if (place != BacklogWatch::None)
+        watch->remove(place);
     if (!socket)
         return;
+    if (plain)
+        plain->setReader(nullptr);
     // First, so that closing does not run mdisconnected() on an object that is being destroyed.
     socket->disconnect(this);
     if (socket->isOpen())
@@ -153,6 +162,17 @@ TcpClient2::Snapshot TcpClient2::snapshot()
 
 void TcpClient2::offer(const Snapshot &unconsumed)
 {
+    offeredPosition = unconsumed.position;
+    if (taker)
+        taker(unconsumed.data);
+    static const QMetaMethod signal = QMetaMethod::fromSignal(&TcpClient2::readyRead);
+    if (isSignalConnected(signal))
+        emitOffer(unconsumed);
+    active = std::chrono::steady_clock::now();
+}
+
+void TcpClient2::emitOffer(const Snapshot &unconsumed)
+{
     Connection c;
     c.setData(unconsumed.data);
     {
@@ -162,16 +182,17 @@ void TcpClient2::offer(const Snapshot &unconsumed)
         c.setLocalAddress(socket->localAddress());
         c.setLocalPort(socket->localPort());
     }
-    offeredPosition = unconsumed.position;
     Q_EMIT readyRead(c, id);
-    active = std::chrono::steady_clock::now();
 }
 
 void TcpClient2::mdisconnected()
 {
     if (!socket) // closed before, or never open
         return;
-    disconnect(socket, &QIODevice::readyRead, this, &TcpClient2::mreadyRead);
+    if (plain)
+        plain->setReader(nullptr);
+    else
+        disconnect(socket, &QIODevice::readyRead, this, &TcpClient2::mreadyRead);
     // What has come in belongs to the last offer, also what the event loop has not seen yet:
     // close() throws it away.
     if (socket->state() == QAbstractSocket::ConnectedState)
@@ -197,6 +218,7 @@ void TcpClient2::mdisconnected()
     {
         const QMutexLocker locker(&socketMutex);
         closing = std::exchange(socket, nullptr);
+        plain = nullptr;
     }
     closing->close();
     closing->deleteLater();
@@ -294,7 +316,7 @@ bool TcpClient2::appendAvailable()
     bool valid = false;
     {
         const QMutexLocker locker(&socketMutex);
-        valid = socket && socket->isValid();
+        valid = isSocketValid();
         if (valid)
             msgsize = static_cast<int>(socket->bytesAvailable());
     }
@@ -310,7 +332,7 @@ bool TcpClient2::appendAvailable()
 
     {
         const QMutexLocker locker(&socketMutex);
-        valid = socket && socket->isValid();
+        valid = isSocketValid();
     }
     if (!valid)
         CWRN(QtWarningMsg, QStringLiteral("TcpClient2 (%1): socket not valid (2)"), id);
@@ -321,8 +343,14 @@ bool TcpClient2::appendAvailable()
     bytesReceived += msgsize;
     ++msgsReceived;
     if (size > KickAboveBytes && !checkTimer.isActive())
-        startCheckTimer();
+        checkLater();
     return true;
+}
+
+// A ReceivingSocket stays valid until its client closes it. The caller holds socketMutex.
+bool TcpClient2::isSocketValid() const
+{
+    return plain || (socket && socket->isValid());
 }
 
 // Reads what is available straight into the buffer, which emits nothing; its size, or 0 if nothing
@@ -331,9 +359,30 @@ qsizetype TcpClient2::takeIn(int msgsize)
 {
     const QWriteLocker locker(&inbufLock);
     char *const room = inbuf.extend(msgsize);
-    const qint64 came = std::max<qint64>(socket->read(room, msgsize), 0);
+    const qint64 size = plain ? plain->take(room, msgsize) : socket->read(room, msgsize);
+    const qint64 came = std::max<qint64>(size, 0);
     inbuf.chop(msgsize - came);
     return came > 0 ? inbuf.size() : 0;
+}
+
+void TcpClient2::checkLater()
+{
+    if (!watch)
+        startCheckTimer();
+    else if (place == BacklogWatch::None)
+        place = watch->add(this);
+}
+
+void TcpClient2::endWatch()
+{
+    place = BacklogWatch::None;
+    bool stale = false;
+    {
+        const QReadLocker locker(&inbufLock);
+        stale = inbuf.size() > KickAboveBytes;
+    }
+    if (stale && !checkTimer.isActive())
+        startCheckTimer();
 }
 
 // Checks come at multiples of the interval since the client was made. A thread with thousands of

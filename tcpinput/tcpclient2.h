@@ -4,7 +4,9 @@
 #pragma once
 
 #include "plugin/connection.h"
+#include "tcpinput/backlogwatch.h"
 #include "tcpinput/inputbuffer.h"
+#include "tcpinput/receivingsocket.h"
 
 #include <QtCore/QMutex>
 #include <QtCore/QObject>
@@ -13,8 +15,7 @@
 #include <QtCore/QTimer>
 
 #include <chrono>
-
-class QTcpSocket;
+#include <functional>
 
 /*!
     One accepted connection: buffers its bytes, offers them to the task, cuts what was consumed.
@@ -24,7 +25,7 @@ class QTcpSocket;
     Locks:  inbufLock, socketMutex; never held together, never while emitting and never while the
             socket is closed: that emits disconnected() before it returns.
 */
-class TcpClient2 : public QObject
+class TcpClient2 : public QObject, private ReceivingSocketReader
 {
     Q_OBJECT
 
@@ -68,11 +69,23 @@ public:
     // Offers the whole unconsumed buffer and restarts the idle time-out.
     void emitData();
 
+    // Who gets the bytes of each offer, before readyRead() is emitted and at a fraction of its
+    // cost; empty: nobody, which is the default.
+    using Taker = std::function<void(const QByteArray &data)>;
+    void offerTo(Taker value) { taker = std::move(value); }
+
+    // Not owned, and outlives the client; of the same thread. Without one, which is the default,
+    // the client checks its backlog by itself.
+    void setBacklogWatch(BacklogWatch *value) { watch = value; }
+    // The watch has looked at the client, and forgets it.
+    void endWatch();
+
 Q_SIGNALS:
     // The connection is gone; comes once, after the last offer.
     void disconnected(QString id);
 
-    // An offer: c carries a copy of the whole buffer and both endpoints, nothing else.
+    // An offer: c carries a copy of the whole buffer and both endpoints, nothing else. Put
+    // together only if somebody is connected.
     void readyRead(Connection c, QString id);
 
     void cut(int len);
@@ -98,10 +111,13 @@ private:
         quint64 position;
     };
 
+    void bytesCame() override { mreadyRead(); }
     void checkIdle();
+    void checkLater();
     void startCheckTimer();
     Snapshot snapshot();
     void offer(const Snapshot &unconsumed);
+    void emitOffer(const Snapshot &unconsumed);
 
     void requestCut(int len);
     template<class Cut>
@@ -111,6 +127,7 @@ private:
     void cutTo(quint64 position);
     void cutFront(qsizetype len);
     bool appendAvailable();
+    bool isSocketValid() const;
     qsizetype takeIn(int msgsize);
     void deriveId();
     bool isOfferDue(qint64 now, qint64 intervalMs) const;
@@ -118,6 +135,7 @@ private:
     mutable QReadWriteLock inbufLock;
     mutable QMutex socketMutex;
     QTcpSocket *socket = nullptr; // guarded by socketMutex; written in the client's thread only
+    ReceivingSocket *plain = nullptr; // the socket if it is one; the client's thread only
     QString id; // as socket; written once more, at the first read
     QTimer idleTimer; // this and all below: the client's thread only, but for inbuf
     std::chrono::milliseconds idleTimeout{0};
@@ -132,5 +150,8 @@ private:
     quint64 number = 0; // set once, see stampOffers()
     quint64 bytesCut = 0; // guarded by inbufLock, as the next
     int postedCuts = 0; // on their way to the client's thread: those that follow stay behind them
-    quint64 offeredPosition = 0; // of the latest offer; client's thread
+    quint64 offeredPosition = 0; // of the latest offer; this and below: client's thread
+    Taker taker;
+    BacklogWatch *watch = nullptr;
+    BacklogWatch::Place place = BacklogWatch::None;
 };

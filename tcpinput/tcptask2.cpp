@@ -56,6 +56,11 @@ quint64 connectionNumber(const QTcpSocket *socket)
     return accepted ? accepted->acceptance.number : 0;
 }
 
+Endpoints endpointsOf(const QTcpSocket &socket)
+{
+    return {socket.peerAddress(), socket.localAddress(), socket.peerPort(), socket.localPort()};
+}
+
 QTcpSocket *takeSocket(const Connection &conn)
 {
     QTcpServer *server = conn.getSsl() ? conn.getSslServer() : conn.getTcpServer();
@@ -83,6 +88,7 @@ TcpTask2::~TcpTask2()
             client->mdisconnected();
         QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
     }
+    qDeleteAll(clientsMade()); // while the watch that they refer to is there
 }
 
 void TcpTask2::discard(int length, const QMap<QString, QString> &subid)
@@ -179,7 +185,10 @@ void TcpTask2::addConnection(Connection conn)
     auto *client = new TcpClient2(this, id, socket, conn.getTimeout());
     if (const quint64 number = connectionNumber(socket))
         client->stampOffers(number);
-    connectClient(client);
+    if (!watch)
+        watch = std::make_unique<BacklogWatch>();
+    client->setBacklogWatch(watch.get());
+    connectClient(client, endpointsOf(*socket));
     {
         const QWriteLocker locker(&clientsLock);
         connect(this, &TcpTask2::stopTimer, client, &TcpClient2::mdisconnected,
@@ -191,21 +200,19 @@ void TcpTask2::addConnection(Connection conn)
          static_cast<qint64>(clients.size()));
 }
 
-void TcpTask2::connectClient(TcpClient2 *client)
+void TcpTask2::connectClient(TcpClient2 *client, const Endpoints &endpoints)
 {
     // Queued although in one thread: a client is never deleted from inside its own signal.
     connect(client, &TcpClient2::disconnected, this, &TcpTask2::disconnected, Qt::QueuedConnection);
     // Directly: these two do not touch the client. The registry knows the new id before the host
     // gets a record that bears it.
     connect(client, &TcpClient2::idChanged, this, &TcpTask2::idChanged, Qt::DirectConnection);
-    connect(
-            client, &TcpClient2::readyRead, this,
-            [this, client, maker = RecordMaker(num)](const Connection &c,
-                                                     const QString &id) mutable {
+    client->offerTo(
+            [this, client, maker = RecordMaker(num, endpoints)](const QByteArray &data) mutable {
                 const RecordMaker::Stamp stamp{client->connectionNumber(), client->offerPosition()};
-                Q_EMIT receivedData(maker.make(c, id, stamp.connection == 0 ? nullptr : &stamp));
-            },
-            Qt::DirectConnection);
+                Q_EMIT receivedData(maker.make(data, client->getId(), localSecond.now(),
+                                               stamp.connection == 0 ? nullptr : &stamp));
+            });
 }
 
 void TcpTask2::disconnected(const QString &id)
@@ -218,7 +225,7 @@ void TcpTask2::disconnected(const QString &id)
     disconnect(client, &TcpClient2::disconnected, this, &TcpTask2::disconnected);
     disconnect(client, &TcpClient2::idChanged, this, &TcpTask2::idChanged);
     client->mdisconnected();
-    disconnect(client, &TcpClient2::readyRead, this, nullptr);
+    client->offerTo({});
 
     const QWriteLocker locker(&clientsLock);
     client->deleteLater();
@@ -227,7 +234,9 @@ void TcpTask2::disconnected(const QString &id)
 
 void TcpTask2::readyRead(Connection c, const QString &id)
 {
-    Q_EMIT receivedData(RecordMaker(num).make(c, id));
+    const Endpoints endpoints{c.getSenderHost(), c.getLocalAddress(), c.getSenderPort(),
+                              c.getLocalPort()};
+    Q_EMIT receivedData(RecordMaker(num, endpoints).make(c.getData(), id, localSecond.now()));
 }
 
 void TcpTask2::stop()

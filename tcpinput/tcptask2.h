@@ -5,6 +5,8 @@
 
 #include "plugin/connection.h"
 #include "plugin/parseddata.h"
+#include "tcpinput/backlogwatch.h"
+#include "tcpinput/localsecond.h"
 
 #include <QtCore/QHash>
 #include <QtCore/QMap>
@@ -13,7 +15,9 @@
 #include <QtCore/QString>
 
 #include <atomic>
+#include <memory>
 
+struct Endpoints;
 class TcpClient2;
 
 /*!
@@ -78,7 +82,7 @@ private Q_SLOTS:
 private:
     static DiscardResult discardTo(TcpClient2 *client, int length, const QString &from,
                                    const QMap<QString, QString> &subid);
-    void connectClient(TcpClient2 *client);
+    void connectClient(TcpClient2 *client, const Endpoints &endpoints);
 
     // By client id. Guarded by clientsLock; written in the task's thread only.
     QHash<QString, TcpClient2 *> clients;
@@ -88,4 +92,6 @@ private:
     int stopsOnStack = 0; // this and below: the task's thread only
     bool deletePending = false; // deletion was asked for while a stop() was on the stack
     bool dying = false;
+    LocalSecond localSecond;
+    std::unique_ptr<BacklogWatch> watch; // from the first client on: it belongs to the thread
 };

@@ -101,6 +101,8 @@ private Q_SLOTS:
     void offersRestartTheIdleTime();
     void idleTimerIsSetToTheRest();
     void checkTimerRunsWhileThereIsSomethingToCheck();
+    void takerGetsOffersBeforeTheSignal();
+    void signalComesToWhoeverConnectsLate();
     void remainderWaitsForTheNextRead();
 
 private:
@@ -693,6 +695,55 @@ void tst_ClientReading::checkTimerRunsWhileThereIsSomethingToCheck()
     QVERIFY(timer.isActive());
     connection.client->cutInbuf(1);
     QTRY_VERIFY_WITH_TIMEOUT(!timer.isActive(), NativeSocket::HangGuardMs);
+}
+
+void tst_ClientReading::takerGetsOffersBeforeTheSignal()
+{
+    ConnectedClient connection;
+    TcpClient2 *const client = connection.client.get();
+    client->stampOffers(7);
+    client->offerTo([&](const QByteArray &data) {
+        EventLog::note(QStringLiteral("taken: %1 from %2 on by %3")
+                               .arg(QString::fromLatin1(data))
+                               .arg(client->offerPosition())
+                               .arg(client->getId()));
+    });
+    QVERIFY(connection.deliver("abcdefghijklmnopqrstuvwxyz"));
+    client->cutInbuf(2);
+    const QString id = connection.derivedId();
+    const QStringList events = EventLog::take();
+    QCOMPARE(events.filter(QRegularExpression(QStringLiteral("^(taken|offer)"))),
+             QStringList({QStringLiteral("taken: abcdefghijklmnopqrstuvwxyz from 0 on by ") + id,
+                          QStringLiteral("offer of 26 bytes by ") + id,
+                          QStringLiteral("taken: cdefghijklmnopqrstuvwxyz from 2 on by ") + id,
+                          QStringLiteral("offer of 24 bytes by ") + id}));
+
+    client->offerTo({});
+    client->emitData();
+    QCOMPARE(EventLog::take(), QStringList({QStringLiteral("offer of 24 bytes by ") + id}));
+}
+
+// Nothing is put together for nobody; that must not cost anybody an offer.
+void tst_ClientReading::signalComesToWhoeverConnectsLate()
+{
+    ConnectedClient connection((ConnectedClient::WithoutClient()));
+    TcpClient2 client(nullptr, QStringLiteral("given"), connection.socket, 600000);
+    QVERIFY(connection.deliver("nobody's"));
+    QList<QByteArray> offers;
+    QSignalSpy spy(&client, &TcpClient2::readyRead); // connects in a way of its own
+    client.emitData();
+    QCOMPARE(spy.size(), 1);
+    connect(&client, &TcpClient2::readyRead, this, [&](const Connection &c, const QString &id) {
+        offers.append(c.getData());
+        QCOMPARE(id, connection.derivedId());
+        QCOMPARE(c.getSenderHost().toString(), ConnectedClient::peerAddress());
+        QCOMPARE(c.getSenderPort(), connection.peerPort);
+        QCOMPARE(c.getLocalAddress().toString(), ConnectedClient::localAddress());
+        QCOMPARE(c.getLocalPort(), connection.localPort);
+    });
+    client.emitData();
+    QCOMPARE(offers, QList<QByteArray>({"nobody's"}));
+    QCOMPARE(spy.size(), 2);
 }
 
 void tst_ClientReading::remainderWaitsForTheNextRead()

@@ -111,6 +111,7 @@ private Q_SLOTS:
     void dataLength();
     void dataId_data();
     void dataId();
+    void madeWhole();
     void timestampIsTheCreationTime();
     void timestampZones();
     void gettersReturnCopies();
@@ -341,6 +342,25 @@ void tst_ParsedData::dataId()
     record.setPeerAddress(address);
     record.setPeerPort(port);
     QTEST(record.getDataId(), "expected");
+}
+
+void tst_ParsedData::madeWhole()
+{
+    const QMap<QString, QString> subIds{{QStringLiteral("client"), QStringLiteral("c")}};
+    const QDateTime time(QDate(2024, 2, 29), QTime(1, 2, 3));
+    const ParsedData record("bytes", QStringLiteral("from"), QStringLiteral("10.0.0.7"), 80, subIds,
+                            time);
+    QCOMPARE(record.getOriginalMessage(), QByteArray("bytes"));
+    QCOMPARE(record.getSource(), QStringLiteral("from"));
+    QCOMPARE(record.getPeerAddress(), QStringLiteral("10.0.0.7"));
+    QCOMPARE(record.getPeerPort(), quint16(80));
+    QCOMPARE(record.getPluginSubId(), subIds);
+    QCOMPARE(record.getTimestamp(QTimeZone::systemTimeZone()), time.toString(Qt::ISODate));
+    QCOMPARE(record.getPluginId(), QString());
+    QCOMPARE(record.getFormat(), QString());
+    QCOMPARE(record.getDeviceId(), QString());
+    QCOMPARE(record.getDevice(), nullptr);
+    QVERIFY(record.getData().isEmpty() && !record.isParsed() && !record.isGPSPosData());
 }
 
 void tst_ParsedData::timestampIsTheCreationTime()

@@ -128,6 +128,33 @@ private:
     }
 };
 
+//! Who is told directly.
+class DirectReader final : public ReceivingSocketReader
+{
+public:
+    explicit DirectReader(ReceivingSocket &given, qint64 most) : socket(given), mostAtOnce(most)
+    {
+        socket.setReader(this);
+    }
+    ~DirectReader() { socket.setReader(nullptr); }
+    Q_DISABLE_COPY_MOVE(DirectReader)
+
+    void bytesCame() override
+    {
+        ++announced;
+        QByteArray room(qMin(socket.bytesAvailable(), mostAtOnce), Qt::Uninitialized);
+        room.truncate(socket.take(room.data(), room.size()));
+        received += room;
+    }
+
+    int announced = 0;
+    QByteArray received;
+
+private:
+    ReceivingSocket &socket;
+    const qint64 mostAtOnce;
+};
+
 //! Sends all of it, however long that takes, and then ends.
 class Sender
 {
@@ -195,6 +222,9 @@ private Q_SLOTS:
     void nestedLoopWithAnotherSocket();
     void nestedLoopWithTheSameSocket();
     void manySockets();
+    void directReader();
+    void directReaderThatLeavesSome();
+    void directReaderOfMuch();
 };
 
 void tst_ReceivingSocket::isAConnectedSocket()
@@ -757,6 +787,56 @@ void tst_ReceivingSocket::manySockets()
         }
     }
     QCOMPARE(openDescriptors(), before);
+}
+
+// Instead of readyRead(), and no longer than it is wanted.
+void tst_ReceivingSocket::directReader()
+{
+    Receiver receiver;
+    receiver.makeSocket();
+    {
+        DirectReader reader(*receiver.socket, 1 << 20);
+        QVERIFY(receiver.sendUnseen("direct"));
+        QTRY_COMPARE(reader.received, QByteArray("direct"));
+        QCOMPARE(reader.announced, 1);
+        QCOMPARE(receiver.announced, 0);
+    }
+    QVERIFY(receiver.sendUnseen("signal"));
+    QTRY_COMPARE(receiver.received, QByteArray("signal"));
+
+    DirectReader reader(*receiver.socket, 1 << 20);
+    receiver.device.close();
+    QTRY_VERIFY(receiver.ended());
+    QCOMPARE(receiver.events, EndByPeer);
+    QCOMPARE(reader.announced, 0);
+}
+
+// What it leaves is there the next time, before what comes then.
+void tst_ReceivingSocket::directReaderThatLeavesSome()
+{
+    Receiver receiver;
+    receiver.makeSocket();
+    DirectReader reader(*receiver.socket, 4);
+    QVERIFY(receiver.sendUnseen("abcdef"));
+    QTRY_COMPARE(reader.received, QByteArray("abcd"));
+    QCOMPARE(receiver.socket->bytesAvailable(), 2);
+    QVERIFY(receiver.sendUnseen("gh"));
+    QTRY_COMPARE(reader.received, QByteArray("abcdefgh"));
+    QCOMPARE(reader.announced, 2);
+}
+
+// More than the thread's buffer: the rest is taken from the kernel.
+void tst_ReceivingSocket::directReaderOfMuch()
+{
+    Receiver receiver;
+    receiver.makeRoom();
+    const QByteArray sent = QByteArray(2 * ReceiveBytes, 'a') + "end";
+    QVERIFY(receiver.sendUnseen(sent));
+    receiver.makeSocket();
+    DirectReader reader(*receiver.socket, 1 << 20);
+    QTRY_COMPARE(reader.received.size(), sent.size());
+    QCOMPARE(reader.received, sent);
+    QCOMPARE(reader.announced, 1);
 }
 
 int main(int argc, char *argv[])

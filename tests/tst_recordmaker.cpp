@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
+#include "tcpinput/localsecond.h"
 #include "tcpinput/recordmaker.h"
 
 #include <QtTest/QTest>
@@ -9,16 +10,13 @@
 
 namespace {
 
-Connection offer(const QByteArray &data = "abc")
+Endpoints endpoints()
 {
-    Connection c;
-    c.setData(data);
-    c.setSenderHost(QHostAddress(QStringLiteral("10.1.2.3")));
-    c.setSenderPort(40001);
-    c.setLocalAddress(QHostAddress(QStringLiteral("192.168.0.10")));
-    c.setLocalPort(5000);
-    return c;
+    return {QHostAddress(QStringLiteral("10.1.2.3")), QHostAddress(QStringLiteral("192.168.0.10")),
+            40001, 5000};
 }
+
+const QDateTime Time(QDate(2024, 2, 29), QTime(1, 2, 3));
 
 QMap<QString, QString> plainSubIds(const QString &client)
 {
@@ -45,31 +43,33 @@ private Q_SLOTS:
     void stampedRecord();
     void recordsStayAsTheyAre();
     void followsTheId();
-    void followsTheEndpoints_data();
-    void followsTheEndpoints();
-    void ofNothing();
+    void namesTheEndpoints_data();
+    void namesTheEndpoints();
+    void localSecond();
 };
 
 void tst_RecordMaker::record()
 {
-    RecordMaker maker(3);
+    RecordMaker maker(3, endpoints());
     for (const char *data : {"abc", "", "abcdef"}) {
-        const shared_parsedData record = maker.make(offer(data), QStringLiteral("id"));
+        const shared_parsedData record = maker.make(data, QStringLiteral("id"), Time);
         QCOMPARE(record->getOriginalMessage(), QByteArray(data));
         QCOMPARE(record->getPeerAddress(), QStringLiteral("10.1.2.3"));
         QCOMPARE(record->getPeerPort(), quint16(40001));
         QCOMPARE(record->getSource(), QStringLiteral("TCP:tcp2:192.168.0.10:5000-10.1.2.3:40001"));
         QCOMPARE(record->getPluginSubId(), plainSubIds(QStringLiteral("id")));
         QCOMPARE(record->getPluginId(), QString());
+        QCOMPARE(record->getTimestamp(QTimeZone::systemTimeZone()), Time.toString(Qt::ISODate));
+        QCOMPARE(record->getTimestamp(QTimeZone::utc()), Time.toUTC().toString(Qt::ISODate));
     }
 }
 
 void tst_RecordMaker::stampedRecord()
 {
-    RecordMaker maker(3);
+    RecordMaker maker(3, endpoints());
     RecordMaker::Stamp stamp{7, 0};
     const auto subIds = [&] {
-        return maker.make(offer(), QStringLiteral("id"), &stamp)->getPluginSubId();
+        return maker.make("abc", QStringLiteral("id"), Time, &stamp)->getPluginSubId();
     };
     QCOMPARE(subIds(), stampedSubIds(QStringLiteral("id"), "7", "0"));
     stamp.position = 1;
@@ -81,15 +81,15 @@ void tst_RecordMaker::stampedRecord()
 // Whatever is made later, and whatever a host does with one of them.
 void tst_RecordMaker::recordsStayAsTheyAre()
 {
-    RecordMaker maker(3);
+    RecordMaker maker(3, endpoints());
     RecordMaker::Stamp stamp{7, 10};
-    const shared_parsedData first = maker.make(offer(), QStringLiteral("id"), &stamp);
+    const shared_parsedData first = maker.make("abc", QStringLiteral("id"), Time, &stamp);
     stamp.position = 20;
-    const shared_parsedData second = maker.make(offer(), QStringLiteral("id"), &stamp);
+    const shared_parsedData second = maker.make("abc", QStringLiteral("id"), Time, &stamp);
     second->addPluginSubId(QStringLiteral("client"), QStringLiteral("the host's"));
     stamp.position = 30;
-    const shared_parsedData third = maker.make(offer(), QStringLiteral("id"), &stamp);
-    const shared_parsedData fourth = maker.make(offer(), QStringLiteral("other"), &stamp);
+    const shared_parsedData third = maker.make("abc", QStringLiteral("id"), Time, &stamp);
+    const shared_parsedData fourth = maker.make("abc", QStringLiteral("other"), Time, &stamp);
 
     QCOMPARE(first->getPluginSubId(), stampedSubIds(QStringLiteral("id"), "7", "10"));
     QCOMPARE(second->getPluginSubId(), stampedSubIds(QStringLiteral("the host's"), "7", "20"));
@@ -99,52 +99,59 @@ void tst_RecordMaker::recordsStayAsTheyAre()
 
 void tst_RecordMaker::followsTheId()
 {
-    RecordMaker maker(3);
+    RecordMaker maker(3, endpoints());
     for (const QString &id :
          {QStringLiteral("a"), QStringLiteral("b"), QString(), QStringLiteral("a")})
-        QCOMPARE(maker.make(offer(), id)->getPluginSubId(), plainSubIds(id));
+        QCOMPARE(maker.make("abc", id, Time)->getPluginSubId(), plainSubIds(id));
 }
 
-void tst_RecordMaker::followsTheEndpoints_data()
+void tst_RecordMaker::namesTheEndpoints_data()
 {
-    QTest::addColumn<Connection>("changed");
+    QTest::addColumn<QString>("peer");
+    QTest::addColumn<QString>("local");
+    QTest::addColumn<quint16>("peerPort");
+    QTest::addColumn<quint16>("localPort");
     QTest::addColumn<QString>("source");
-    Connection c = offer();
-    c.setSenderHost(QHostAddress(QStringLiteral("10.1.2.4")));
-    QTest::newRow("peer address") << c << QStringLiteral("192.168.0.10:5000-10.1.2.4:40001");
-    c = offer();
-    c.setSenderPort(40002);
-    QTest::newRow("peer port") << c << QStringLiteral("192.168.0.10:5000-10.1.2.3:40002");
-    c = offer();
-    c.setLocalAddress(QHostAddress(QStringLiteral("::1")));
-    QTest::newRow("local address") << c << QStringLiteral("::1:5000-10.1.2.3:40001");
-    c = offer();
-    c.setLocalPort(5001);
-    QTest::newRow("local port") << c << QStringLiteral("192.168.0.10:5001-10.1.2.3:40001");
+    const auto row = [](const char *peer, const char *local, quint16 peerPort, quint16 localPort,
+                        const char *source) {
+        QTest::newRow(source) << QString::fromLatin1(peer) << QString::fromLatin1(local) << peerPort
+                              << localPort << QString::fromLatin1(source);
+    };
+    row("10.1.2.4", "192.168.0.10", 40001, 5000, "192.168.0.10:5000-10.1.2.4:40001");
+    row("10.1.2.3", "192.168.0.10", 65535, 1, "192.168.0.10:1-10.1.2.3:65535");
+    row("2001:db8::7", "::1", 40001, 5000, "::1:5000-2001:db8::7:40001");
+    row("", "", 0, 0, ":0-:0"); // that nobody knows
 }
 
-void tst_RecordMaker::followsTheEndpoints()
+void tst_RecordMaker::namesTheEndpoints()
 {
-    QFETCH(Connection, changed);
+    QFETCH(QString, peer);
+    QFETCH(QString, local);
+    QFETCH(quint16, peerPort);
+    QFETCH(quint16, localPort);
     QFETCH(QString, source);
-    RecordMaker maker(3);
-    const QString id = QStringLiteral("id");
-    const QString before = maker.make(offer(), id)->getSource();
-    const shared_parsedData record = maker.make(changed, id);
-    QCOMPARE(record->getSource(), QLatin1String("TCP:tcp2:") + source);
-    QCOMPARE(record->getPeerAddress(), changed.getSenderHost().toString());
-    QCOMPARE(record->getPeerPort(), changed.getSenderPort());
-    QCOMPARE(record->getPluginSubId(), plainSubIds(id));
-    QCOMPARE(maker.make(offer(), id)->getSource(), before);
+    RecordMaker maker(0, {QHostAddress(peer), QHostAddress(local), peerPort, localPort});
+    for (int turn = 0; turn < 2; ++turn) {
+        const shared_parsedData record = maker.make("abc", QString(), Time);
+        QCOMPARE(record->getSource(), QLatin1String("TCP:tcp2:") + source);
+        QCOMPARE(record->getPeerAddress(), peer);
+        QCOMPARE(record->getPeerPort(), peerPort);
+        QCOMPARE(record->getPluginSubIdKey(QStringLiteral("task")), QStringLiteral("0"));
+        QVERIFY(record->getPluginSubId().contains(QStringLiteral("client")));
+    }
 }
 
-// Endpoints that nobody knows have a name, too: it is made although they equal the initial ones.
-void tst_RecordMaker::ofNothing()
+void tst_RecordMaker::localSecond()
 {
-    const shared_parsedData record = RecordMaker(0).make(Connection(), QString());
-    QCOMPARE(record->getSource(), QStringLiteral("TCP:tcp2::0-:0"));
-    QCOMPARE(record->getPluginSubIdKey(QStringLiteral("task")), QStringLiteral("0"));
-    QVERIFY(record->getPluginSubId().contains(QStringLiteral("client")));
+    LocalSecond clock;
+    const qint64 before = QDateTime::currentSecsSinceEpoch();
+    const QDateTime first = clock.now();
+    const qint64 after = QDateTime::currentSecsSinceEpoch();
+    QCOMPARE(first.timeSpec(), Qt::LocalTime);
+    QVERIFY(before <= first.toSecsSinceEpoch() && first.toSecsSinceEpoch() <= after);
+    QTRY_VERIFY(clock.now() > first); // it goes on
+    const QDateTime next = clock.now();
+    QVERIFY(next.toSecsSinceEpoch() <= QDateTime::currentSecsSinceEpoch());
 }
 
 QTEST_GUILESS_MAIN(tst_RecordMaker)

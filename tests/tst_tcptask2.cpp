@@ -131,6 +131,7 @@ private Q_SLOTS:
     void equalIdsDoNotReachAThirdClient();
 
     void record();
+    void recordThatNobodyAnswersIsRepeated();
     void recordsInOrder();
     void firstRecordIsAnsweredAtOnce();
     void recordsShareNoSubIds();
@@ -628,6 +629,21 @@ void tst_TcpTask2::record()
     QVERIFY(!record.isParsed());
     QVERIFY(!record.isGPSPosData());
     QVERIFY(record.getDataId().startsWith(QLatin1Char('-')));
+}
+
+// With the task's watch, the client's timer and the real clock.
+void tst_TcpTask2::recordThatNobodyAnswersIsRepeated()
+{
+    clock.reset();
+    const Accepted accepted = accept();
+    const QByteArray sent(81, 'x');
+    QVERIFY(accepted.deliver(sent));
+    QElapsedTimer sinceRecord;
+    sinceRecord.start();
+    QVERIFY(!checkTimerOf(*accepted.client).isActive());
+    QTRY_COMPARE_WITH_TIMEOUT(records.size(), 2, NativeSocket::HangGuardMs);
+    QVERIFY(sinceRecord.elapsed() >= 1990);
+    QCOMPARE(records[1]->getOriginalMessage(), sent);
 }
 
 void tst_TcpTask2::recordsInOrder()

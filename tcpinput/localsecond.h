@@ -1,0 +1,30 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include <QtCore/QDateTime>
+
+/*!
+    The local time to the second, which is all that a record tells of its own. Working it out takes
+    the C library's time zone lock, which all threads of the process share, and more time than all
+    else in a record: it is done once a second.
+
+    Thread: one.
+*/
+class LocalSecond
+{
+public:
+    const QDateTime &now()
+    {
+        const qint64 current = QDateTime::currentSecsSinceEpoch();
+        if (current != second)
+            time = QDateTime::fromSecsSinceEpoch(current);
+        second = current;
+        return time;
+    }
+
+private:
+    qint64 second = -1;
+    QDateTime time;
+};

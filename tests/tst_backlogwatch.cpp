@@ -1,0 +1,110 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "tcpinput/backlogwatch.h"
+#include "tests/connectedclient.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtTest/QTest>
+
+#include <memory>
+
+namespace {
+
+QByteArray bytes(int size)
+{
+    return QByteArray(size, 'x');
+}
+
+} // namespace
+
+class tst_BacklogWatch : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void cleanup() { EventLog::take(); }
+
+    void clientsThatHoldTooMuchAreChecked();
+    void clientsThatAreCutInTimeAreLeftAlone();
+    void clientsThatGoWhileTheyAreWatched();
+    void watchesAgain();
+    void clientsWithoutWatchCheckThemselves();
+
+private:
+    // A turn of the watch later, when the last client given has its timer.
+    static bool looked(ConnectedClient &last)
+    {
+        return QTest::qWaitFor([&] { return checkTimerOf(*last.client).isActive(); },
+                               NativeSocket::HangGuardMs);
+    }
+};
+
+void tst_BacklogWatch::clientsThatHoldTooMuchAreChecked()
+{
+    BacklogWatch watch;
+    ConnectedClient few;
+    ConnectedClient many;
+    for (ConnectedClient *connection : {&few, &many})
+        connection->client->setBacklogWatch(&watch);
+    QVERIFY(few.deliver(bytes(80)));
+    QVERIFY(many.deliver(bytes(81)));
+    QVERIFY(!checkTimerOf(*many.client).isActive());
+
+    QVERIFY(looked(many));
+    QVERIFY(!checkTimerOf(*few.client).isActive());
+    // Its first check comes before anything is due, or in time for it.
+    QVERIFY(checkTimerOf(*many.client).interval() <= 2000);
+}
+
+void tst_BacklogWatch::clientsThatAreCutInTimeAreLeftAlone()
+{
+    BacklogWatch watch;
+    ConnectedClient cut;
+    ConnectedClient other;
+    for (ConnectedClient *connection : {&cut, &other}) {
+        connection->client->setBacklogWatch(&watch);
+        QVERIFY(connection->deliver(bytes(81)));
+    }
+    cut.client->cutInbuf(1);
+
+    QVERIFY(looked(other));
+    QVERIFY(!checkTimerOf(*cut.client).isActive());
+}
+
+void tst_BacklogWatch::clientsThatGoWhileTheyAreWatched()
+{
+    BacklogWatch watch;
+    auto going = std::make_unique<ConnectedClient>();
+    ConnectedClient staying;
+    for (ConnectedClient *connection : {going.get(), &staying}) {
+        connection->client->setBacklogWatch(&watch);
+        QVERIFY(connection->deliver(bytes(81)));
+    }
+    going.reset();
+    QVERIFY(looked(staying));
+}
+
+void tst_BacklogWatch::watchesAgain()
+{
+    BacklogWatch watch;
+    ConnectedClient connection;
+    connection.client->setBacklogWatch(&watch);
+    for (int turn = 0; turn < 2; ++turn) {
+        // Twice, and watched once.
+        QVERIFY(connection.deliver(bytes(81)));
+        QVERIFY(connection.deliver(bytes(81)));
+        QVERIFY(looked(connection));
+        checkTimerOf(*connection.client).stop();
+    }
+}
+
+void tst_BacklogWatch::clientsWithoutWatchCheckThemselves()
+{
+    ConnectedClient connection;
+    QVERIFY(connection.deliver(bytes(81)));
+    QVERIFY(checkTimerOf(*connection.client).isActive());
+}
+
+QTEST_GUILESS_MAIN(tst_BacklogWatch)
+#include "tst_backlogwatch.moc"

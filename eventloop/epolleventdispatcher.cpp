@@ -46,9 +46,10 @@ int toMs(TimerQueue::Duration duration)
 }
 } // namespace
 
-std::unique_ptr<QAbstractEventDispatcher> EpollEventDispatcher::create()
+std::unique_ptr<QAbstractEventDispatcher>
+EpollEventDispatcher::create(std::chrono::milliseconds wakeUpInterval)
 {
-    std::unique_ptr<EpollEventDispatcher> dispatcher(new EpollEventDispatcher);
+    std::unique_ptr<EpollEventDispatcher> dispatcher(new EpollEventDispatcher(wakeUpInterval));
     if (dispatcher->open())
         return dispatcher;
 
@@ -106,7 +107,7 @@ bool EpollEventDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
     if (mayLeaveKernelAlone(flags))
         events += wakeUpPending.exchange(false) ? 1 : 0;
     else
-        events += collectReady(withNotifiers, withTimers, canWait && turn == turns) ? 1 : 0;
+        events += collectReady(flags, canWait && turn == turns) ? 1 : 0;
     if (withNotifiers)
         events += activateNotifiers();
     if (withTimers)
@@ -215,12 +216,14 @@ void EpollEventDispatcher::disableNotifiers(int fd)
 }
 
 // Waits for anything to happen, and notes what is ready. True if wakeUp() has been called.
-bool EpollEventDispatcher::collectReady(bool withNotifiers, bool withTimers, bool canWait)
+bool EpollEventDispatcher::collectReady(QEventLoop::ProcessEventsFlags flags, bool canWait)
 {
+    const bool withNotifiers = !flags.testFlag(QEventLoop::ExcludeSocketNotifiers);
     std::array<epoll_event, EventsPerTurn> events;
+    int timeoutMs = 0;
     int count = 0;
     do { // the time-out is worked out anew after each signal, whose handler may wake up
-        const int timeoutMs = canWait && !wakeUpPending ? waitMs(withTimers) : 0;
+        timeoutMs = canWait ? beginWait(flags) : 0;
         if (withNotifiers) {
             count = epoll_wait(epollFd, events.data(), EventsPerTurn, timeoutMs);
         } else {
@@ -237,16 +240,47 @@ bool EpollEventDispatcher::collectReady(bool withNotifiers, bool withTimers, boo
         else if (!withNotifiers)
             clearWakeUpFd();
     }
-    // From here on a wake-up writes again. What those before were for, an event or the end of a
-    // loop, is what the next turn begins with.
-    return wakeUpPending.exchange(false);
+    return takeWakeUp(timeoutMs != 0);
 }
 
-// -1: until something happens.
-int EpollEventDispatcher::waitMs(bool withTimers) const
+// Settles whether wake-ups end the wait that now begins. Returns how long it may last, in ms; -1:
+// until something happens.
+//
+// No wake-up is lost. A waker sets wakeUpPending and then reads deferring; here deferring is set
+// and then wakeUpPending is read. All four are sequentially consistent: in their one order, either
+// the waker reads what is set here, or we read what the waker has set. So, before a wait that is
+// not moderated, either the waker writes, or we do not wait. One that is moderated has an end
+// anyhow, where wakeUpPending is looked at again.
+int EpollEventDispatcher::beginWait(QEventLoop::ProcessEventsFlags flags)
 {
-    const auto deadline = withTimers ? timers.nextDeadline() : std::nullopt;
-    return deadline ? toMs(*deadline - TimerQueue::Clock::now()) : -1;
+    constexpr TimerQueue::TimePoint Never = TimerQueue::TimePoint::max();
+    const bool withTimers = !flags.testFlag(QEventLoop::X11ExcludeTimers);
+    const bool moderated = isModerated(flags);
+    const auto end = std::min(withTimers ? timers.nextDeadline().value_or(Never) : Never,
+                              moderated ? deferUntil : Never);
+    deferring = moderated;
+    if (wakeUpPending)
+        return 0;
+    return end == Never ? -1 : toMs(end - TimerQueue::Clock::now());
+}
+
+bool EpollEventDispatcher::isModerated(QEventLoop::ProcessEventsFlags flags) const
+{
+    return wakeUpInterval > TimerQueue::Duration::zero()
+            && flags.testFlag(QEventLoop::EventLoopExec)
+            && !flags.testFlag(QEventLoop::ExcludeSocketNotifiers)
+            && TimerQueue::Clock::now() < deferUntil;
+}
+
+// True if wakeUp() has been called. From here on a wake-up writes again, unless it is deferred.
+// What those before were for, an event or the end of a loop, is what the next turn begins with.
+bool EpollEventDispatcher::takeWakeUp(bool waited)
+{
+    const bool taken = wakeUpPending.exchange(false);
+    // It was not pending when the wait began, and this thread did not run since: another's.
+    if (taken && waited && wakeUpInterval > TimerQueue::Duration::zero())
+        deferUntil = TimerQueue::Clock::now() + wakeUpInterval;
+    return taken;
 }
 
 void EpollEventDispatcher::collect(int fd, quint32 events)
@@ -379,15 +413,23 @@ int EpollEventDispatcher::activateTimers()
     });
 }
 
-// The dispatcher's own thread is awake, and does not wait as long as a wake-up is pending.
 void EpollEventDispatcher::wakeUp()
 {
-    if (!wakeUpPending.exchange(true) && QThread::currentThread() != thread())
-        eventfd_write(wakeUpFd, 1);
+    if (!wakeUpPending.exchange(true) && !deferring) // in this order, see beginWait()
+        endWait();
 }
 
+// Ends the wait in every case: the wake-up that is pending may be a deferred one.
 void EpollEventDispatcher::interrupt()
 {
     interrupted = true;
-    wakeUp();
+    wakeUpPending = true;
+    endWait();
+}
+
+// The dispatcher's own thread is awake, and does not wait as long as a wake-up is pending.
+void EpollEventDispatcher::endWait()
+{
+    if (QThread::currentThread() != thread())
+        eventfd_write(wakeUpFd, 1);
 }

@@ -11,6 +11,7 @@
 #include <array>
 #include <atomic>
 #include <bitset>
+#include <chrono>
 #include <memory>
 #include <set>
 #include <unordered_map>
@@ -33,13 +34,24 @@ using EventDispatcherBase = QAbstractEventDispatcher;
     its notifier was enabled. Such a notifier stays silent, where Qt's disables it with a warning;
     so whoever closes a descriptor has to disable its notifiers first, as all of Qt's classes do.
 
+    Wake-up moderation, off by default: to wake a thread that sleeps costs the waker about as much
+    as the rest of a posted event. With an interval, a thread that another one has woken is not
+    woken again before the interval is over, as a network card spaces its interrupts: what other
+    threads post meanwhile is handled together, at the end of the interval or as soon as a socket,
+    a timer or interrupt() ends the wait. So a posted event is late by an interval at most, rounded
+    up to whole milliseconds, which is what epoll_wait() counts in, and only where there was a
+    wake-up in the interval before it. When nothing has come in an interval the thread waits as
+    usual, and is woken at once. Sockets, timers and interrupt() are never late. It is for event
+    loops, nested ones included: turns without QEventLoop::EventLoopExec, and those that exclude
+    socket notifiers, are not moderated.
+
     Thread: made in any thread, then handed to QThread::setEventDispatcher() before that thread
             starts (or QCoreApplication::setEventDispatcher() before the application object is
             made) and used in that thread only; wakeUp() and interrupt() from any thread.
     Owner:  the thread, which deletes it at its end: one that is started again needs a new one, and
             whoever gives up a thread before its start has to delete the dispatcher. Or else the
             application.
-    Locks:  none; two atomic flags.
+    Locks:  none; three atomic flags.
 */
 class EpollEventDispatcher final : public EventDispatcherBase
 {
@@ -47,7 +59,9 @@ class EpollEventDispatcher final : public EventDispatcherBase
 
 public:
     // Null if the descriptors it needs cannot be had (errno says why). Once made, it needs no more.
-    static std::unique_ptr<QAbstractEventDispatcher> create();
+    // wakeUpInterval: of the moderation, 0 (off) to a day.
+    static std::unique_ptr<QAbstractEventDispatcher>
+    create(std::chrono::milliseconds wakeUpInterval = std::chrono::milliseconds(0));
     ~EpollEventDispatcher() override;
 
     bool processEvents(QEventLoop::ProcessEventsFlags flags) override;
@@ -83,15 +97,18 @@ private:
         bool alwaysReady = false; // of a kind the kernel does not watch, a regular file say
     };
 
-    EpollEventDispatcher() = default;
+    explicit EpollEventDispatcher(TimerQueue::Duration interval) : wakeUpInterval(interval) {}
     bool open();
 
     bool mayLeaveKernelAlone(QEventLoop::ProcessEventsFlags flags);
     void watch(int fd, Descriptor &descriptor);
     void collectUnwatched();
     void disableNotifiers(int fd);
-    bool collectReady(bool withNotifiers, bool withTimers, bool canWait);
-    int waitMs(bool withTimers) const;
+    bool collectReady(QEventLoop::ProcessEventsFlags flags, bool canWait);
+    int beginWait(QEventLoop::ProcessEventsFlags flags);
+    bool isModerated(QEventLoop::ProcessEventsFlags flags) const;
+    bool takeWakeUp(bool waited);
+    void endWait();
     void collect(int fd, quint32 events);
     void clearWakeUpFd();
     int activateNotifiers();
@@ -101,10 +118,13 @@ private:
     int epollFd = -1; // set once
     int wakeUpFd = -1; // set once; an eventfd
     std::atomic<bool> wakeUpPending{false}; // the next turn does not wait
+    std::atomic<bool> deferring{false}; // wakeUp() leaves the wait alone; see beginWait()
     std::atomic<bool> interrupted{false};
     quint64 turns = 0; // nested ones included; the dispatcher's thread only
 
     // The rest belongs to the dispatcher's thread.
+    const TimerQueue::Duration wakeUpInterval; // zero: no moderation
+    TimerQueue::TimePoint deferUntil{}; // an interval after the latest wake-up by another thread
     std::unordered_map<int, Descriptor> descriptors;
     std::set<int> unwatched; // descriptors the kernel has refused: always ready, or invalid
     bool leftKernelAlone = false; // in the latest turn

@@ -16,6 +16,7 @@
 #include <QtCore/QTimerEvent>
 #include <QtTest/QTest>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <utility>
@@ -46,7 +47,8 @@ inline void settle()
     while (turn()) {}
 }
 
-// Turns that wait for events: a wake-up that is missing shows. False after the guard time.
+// Turns that wait for events, as an event loop's do: a wake-up that is missing shows. False after
+// the guard time.
 inline bool turnUntil(const std::function<bool()> &done)
 {
     QTimer guard;
@@ -58,14 +60,14 @@ inline bool turnUntil(const std::function<bool()> &done)
             dispatcher()->interrupt();
     });
     while (!done() && guard.isActive())
-        turn(QEventLoop::WaitForMoreEvents);
+        turn(QEventLoop::WaitForMoreEvents | QEventLoop::EventLoopExec);
     return done();
 }
 
 // Before the thread starts.
-inline void setEpollDispatcher(QThread *thread)
+inline void setEpollDispatcher(QThread *thread, std::chrono::milliseconds wakeUpInterval = {})
 {
-    std::unique_ptr<QAbstractEventDispatcher> epoll = EpollEventDispatcher::create();
+    std::unique_ptr<QAbstractEventDispatcher> epoll = EpollEventDispatcher::create(wakeUpInterval);
     QVERIFY(epoll);
     thread->setEventDispatcher(epoll.release());
 }

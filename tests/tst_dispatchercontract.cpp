@@ -69,7 +69,7 @@ SocketPair tcpPair()
 
 /*!
     The contract of an event dispatcher: each scenario runs with Qt's two dispatchers for Unix and
-    with ours, and must end the same.
+    with ours, without and with moderation of its wake-ups, and must end the same.
 */
 class tst_DispatcherContract : public QObject
 {
@@ -144,6 +144,7 @@ void tst_DispatcherContract::initTestCase_data()
 {
     QTest::addColumn<QByteArray>("dispatcher");
     QTest::newRow("epoll") << QByteArray("epoll");
+    QTest::newRow("epoll-moderated") << QByteArray("epoll-moderated");
     QTest::newRow("qt") << QByteArray("qt"); // the default: GLib's, where Qt is built with it
     QTest::newRow("qt-unix") << QByteArray("qt-unix");
 }
@@ -178,6 +179,8 @@ void tst_DispatcherContract::setDispatcher(QThread *thread)
     qputenv("QT_NO_GLIB", dispatcher == "qt-unix" ? "1" : ""); // read when the thread starts
     if (dispatcher == "epoll")
         setEpollDispatcher(thread);
+    else if (dispatcher == "epoll-moderated")
+        setEpollDispatcher(thread, std::chrono::milliseconds(5));
 }
 
 void tst_DispatcherContract::returnValue()

@@ -8,11 +8,15 @@
 #include <QtCore/QByteArray>
 #include <QtCore/QByteArrayView>
 #include <QtCore/QHash>
+#include <QtCore/QMap>
+#include <QtCore/qnumeric.h>
 
 #include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <limits>
 #include <list>
+#include <optional>
 
 /*!
     For hosts that take every byte exactly once: tells which bytes of an offer are new.
@@ -81,17 +85,15 @@ public:
         offer.buffer = record.getOriginalMessage();
         offer.buffer.truncate(std::numeric_limits<int>::max());
         const auto subids = record.getPluginSubId();
-        bool stamped = false;
-        offer.offset = subids.value(QStringLiteral("offset")).toULongLong(&stamped);
-        if (stamped)
-            offer.number = subids.value(QStringLiteral("connection")).toULongLong();
-        if (offer.number == 0)
+        const auto offset = numberOf(subids, QStringLiteral("offset"));
+        if (!offset)
             return offer;
-
-        const auto known = index.constFind(offer.number);
-        if (known != index.constEnd()) {
-            touch(*known, now);
-            offer.repeated = overlap(offer, (*known)->consumed);
+        offer.offset = *offset;
+        offer.number = numberOf(subids, QStringLiteral("connection")).value_or(0);
+        const auto known = find(offer.number);
+        if (known != entries.end()) {
+            touch(known, now);
+            offer.repeated = overlap(offer, known->consumed);
         }
         return offer;
     }
@@ -119,12 +121,37 @@ private:
     };
     using Entries = std::list<Entry>;
 
+    // Digits alone, as the plugin writes them: QString's own reading takes longer, and also takes
+    // signs and blanks.
+    static std::optional<quint64> numberOf(const QMap<QString, QString> &subids, const QString &key)
+    {
+        const auto text = subids.constFind(key);
+        if (text == subids.constEnd() || text->isEmpty())
+            return std::nullopt;
+        quint64 number = 0;
+        for (const QChar c : *text) {
+            const auto digit = static_cast<quint64>(c.unicode()) - '0';
+            if (digit > 9 || qMulOverflow<quint64>(number, 10, &number)
+                || qAddOverflow(number, digit, &number))
+                return std::nullopt;
+        }
+        return number;
+    }
+
     static qsizetype overlap(const Offer &offer, quint64 consumed)
     {
         const quint64 size = static_cast<quint64>(offer.buffer.size());
         return consumed <= offer.offset
                 ? 0
                 : static_cast<qsizetype>(std::min(consumed - offer.offset, size));
+    }
+
+    // Mostly the last one: consume() follows open().
+    Entries::iterator find(quint64 number)
+    {
+        if (!entries.empty() && entries.back().number == number)
+            return std::prev(entries.end());
+        return index.value(number, entries.end());
     }
 
     void touch(Entries::iterator entry, Clock::time_point now)
@@ -135,10 +162,10 @@ private:
 
     void remember(quint64 number, quint64 consumed, Clock::time_point now)
     {
-        const auto known = index.constFind(number);
-        if (known != index.constEnd()) {
-            (*known)->consumed = std::max((*known)->consumed, consumed);
-            touch(*known, now);
+        const auto known = find(number);
+        if (known != entries.end()) {
+            known->consumed = std::max(known->consumed, consumed);
+            touch(known, now);
             return;
         }
         index.insert(number, entries.insert(entries.end(), {number, consumed, now}));

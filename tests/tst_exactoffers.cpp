@@ -42,6 +42,7 @@ private Q_SLOTS:
     void forgetsByAge();
     void forgetsByNumber();
     void anOfferKeepsAConnectionRemembered();
+    void offersOpenAtATime();
     void farPositions();
 };
 
@@ -131,6 +132,13 @@ void tst_ExactOffers::recordWithoutPosition_data()
     QTest::newRow("no connection") << QStringLiteral("0") << QString();
     QTest::newRow("no offset") << QString() << QStringLiteral("1");
     QTest::newRow("no numbers") << QStringLiteral("x") << QStringLiteral("y");
+    QTest::newRow("empty") << QStringLiteral("") << QStringLiteral("");
+    QTest::newRow("sign") << QStringLiteral("+0") << QStringLiteral("1");
+    QTest::newRow("blank") << QStringLiteral("0") << QStringLiteral(" 1");
+    QTest::newRow("something behind") << QStringLiteral("0") << QStringLiteral("1x");
+    QTest::newRow("other digits") << QStringLiteral("0") << QString(QChar(0x0661));
+    QTest::newRow("too large") << QStringLiteral("18446744073709551616") << QStringLiteral("1");
+    QTest::newRow("far too large") << QStringLiteral("0") << QString(30, QLatin1Char('9'));
 }
 
 void tst_ExactOffers::recordWithoutPosition()
@@ -187,12 +195,31 @@ void tst_ExactOffers::anOfferKeepsAConnectionRemembered()
     QCOMPARE(freshOf(offers.open(*offerOf(2, 0, "abc"))), QByteArray("abc"));
 }
 
+void tst_ExactOffers::offersOpenAtATime()
+{
+    ExactOffers offers;
+    for (quint64 round : {0U, 2U}) { // unknown ones at first, then known ones
+        const auto first = offers.open(*offerOf(1, round, "abc"));
+        const auto second = offers.open(*offerOf(2, round, "abc"));
+        QCOMPARE(offers.consume(first, 2), 2);
+        QCOMPARE(offers.consume(second, 2), 2);
+    }
+    QCOMPARE(freshOf(offers.open(*offerOf(1, 3, "cd"))), QByteArray("d"));
+    QCOMPARE(freshOf(offers.open(*offerOf(2, 3, "cd"))), QByteArray("d"));
+    QCOMPARE(offers.size(), 2U);
+}
+
 void tst_ExactOffers::farPositions()
 {
     ExactOffers offers;
     const quint64 far = (quint64(1) << 40U) + 5;
     offers.consume(offers.open(*offerOf(1, far, "abc")), 3);
     QCOMPARE(freshOf(offers.open(*offerOf(1, far + 2, "cd"))), QByteArray("d"));
+
+    constexpr quint64 farthest = std::numeric_limits<quint64>::max();
+    const auto last = offers.open(*offerOf(farthest, farthest, ""));
+    QCOMPARE(last.position(), farthest);
+    QCOMPARE(last.connection(), farthest);
 }
 
 QTEST_APPLESS_MAIN(tst_ExactOffers)

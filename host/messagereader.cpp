@@ -129,14 +129,14 @@ void MessageReader::receivePlainly(const ParsedData &record)
 void MessageReader::receiveExactly(const ParsedData &record, const ExactOffers::Offer &offer)
 {
     const QMap<QString, QString> subId = record.getPluginSubId();
-    Client client = takeOut(subId.value(QStringLiteral("connection")));
-    if (client.key.isEmpty())
+    if (offer.position() == 0) // its first one, or nothing has been consumed since
         counters.addConnection(subId.value(QStringLiteral("client")));
+    Client client = takeOut(offer.connection());
     client.origin = originOf(record, output.showsOrigins());
     const bool grown = readExactly(client, offer, subId);
     if (!client.isWorthKeeping())
         return; // what it has consumed is remembered elsewhere
-    client.key = subId.value(QStringLiteral("connection"));
+    client.number = offer.connection();
     client.subId = withoutPosition(subId);
     client.lastOfferTime = now();
     Client &kept = keep(std::move(client));
@@ -164,27 +164,27 @@ void MessageReader::askLater(Client &client, int asks)
 {
     client.asks = asks;
     client.askTime = now() + FirstAskAfter.count() * (1LL << asks);
-    keysByAskTime.insert(client.askTime, client.key);
-    if (keysByAskTime.firstKey() == client.askTime)
+    numbersByAskTime.insert(client.askTime, client.number);
+    if (numbersByAskTime.firstKey() == client.askTime)
         startAskTimer();
 }
 
 void MessageReader::startAskTimer()
 {
-    const std::chrono::nanoseconds rest(keysByAskTime.firstKey() - now());
+    const std::chrono::nanoseconds rest(numbersByAskTime.firstKey() - now());
     askTimer.start(std::max(std::chrono::ceil<std::chrono::milliseconds>(rest), 0ms));
 }
 
 void MessageReader::askForMore()
 {
     const qint64 time = now();
-    while (!keysByAskTime.isEmpty() && keysByAskTime.firstKey() <= time) {
-        const qint64 askTime = keysByAskTime.firstKey();
-        const auto known = clientsByKey.constFind(keysByAskTime.take(askTime));
-        if (known != clientsByKey.constEnd() && known.value()->askTime == askTime)
+    while (!numbersByAskTime.isEmpty() && numbersByAskTime.firstKey() <= time) {
+        const qint64 askTime = numbersByAskTime.firstKey();
+        const auto known = exactClients.constFind(numbersByAskTime.take(askTime));
+        if (known != exactClients.constEnd() && known.value()->askTime == askTime)
             ask(*known.value());
     }
-    if (!keysByAskTime.isEmpty())
+    if (!numbersByAskTime.isEmpty())
         startAskTimer();
 }
 
@@ -208,10 +208,10 @@ bool MessageReader::Client::isWorthKeeping() const
 MessageReader::Client &MessageReader::clientOf(const ParsedData &record)
 {
     const QString key = keyOf(record);
-    const auto known = clientsByKey.constFind(key);
-    if (known == clientsByKey.constEnd()) {
+    const auto known = plainClients.constFind(key);
+    if (known == plainClients.constEnd()) {
         counters.addConnection(record.getPluginSubIdKey(QStringLiteral("client")));
-        return keep({key, record.getPluginSubId(), {}, {}, {}, {}, 0, 0, 0});
+        return keep({0, key, record.getPluginSubId(), {}, {}, {}, {}, 0, 0, 0});
     }
     clients.splice(clients.end(), clients, known.value());
     return *known.value();
@@ -219,22 +219,26 @@ MessageReader::Client &MessageReader::clientOf(const ParsedData &record)
 
 MessageReader::Client &MessageReader::keep(Client &&client)
 {
-    if (clientsByKey.size() == MaxClients)
+    if (rememberedConnections() == MaxClients)
         forgetOldest();
     clients.push_back(std::move(client));
-    clientsByKey.insert(clients.back().key, std::prev(clients.end()));
-    return clients.back();
+    const Clients::iterator kept = std::prev(clients.end());
+    if (kept->number != 0)
+        exactClients.insert(kept->number, kept);
+    else
+        plainClients.insert(kept->key, kept);
+    return *kept;
 }
 
-// A new one, without a key, if there is none.
-MessageReader::Client MessageReader::takeOut(const QString &key)
+// A new one if there is none.
+MessageReader::Client MessageReader::takeOut(quint64 number)
 {
-    const auto known = clientsByKey.constFind(key);
-    if (known == clientsByKey.constEnd())
+    const auto known = exactClients.constFind(number);
+    if (known == exactClients.constEnd())
         return {};
     Client client = std::move(*known.value());
     clients.erase(known.value());
-    clientsByKey.erase(known);
+    exactClients.erase(known);
     return client;
 }
 
@@ -335,8 +339,8 @@ void MessageReader::settle(qint64 time)
 {
     const QSet<QString> keys = std::exchange(unsettledKeys, {});
     for (const QString &key : keys) {
-        const auto known = clientsByKey.constFind(key);
-        if (known == clientsByKey.constEnd())
+        const auto known = plainClients.constFind(key);
+        if (known == plainClients.constEnd())
             continue;
         const Clients::iterator client = known.value();
         settleClient(*client, time);
@@ -378,9 +382,8 @@ void MessageReader::forgetOldest()
 
 void MessageReader::forget(const Client &client)
 {
-    const auto known = clientsByKey.constFind(client.key);
-    const Clients::iterator position = known.value();
-    clientsByKey.erase(known);
+    const Clients::iterator position =
+            client.number != 0 ? exactClients.take(client.number) : plainClients.take(client.key);
     clients.erase(position);
 }
 

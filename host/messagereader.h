@@ -57,7 +57,7 @@ public:
     // There will be no more offers from the connections known so far.
     void forgetAll();
 
-    qsizetype rememberedConnections() const { return clientsByKey.size(); }
+    qsizetype rememberedConnections() const { return static_cast<qsizetype>(clients.size()); }
 
 public Q_SLOTS:
     void receive(const shared_parsedData &record);
@@ -73,7 +73,8 @@ Q_SIGNALS:
 private:
     struct Client
     {
-        QString key; // an exact one's connection number, which is its own; else task and client
+        quint64 number = 0; // an exact one's connection; 0: it goes by its key
+        QString key; // else: task and client
         QMap<QString, QString> subId;
         Origin origin; // of the last offer
         OfferTracker tracker;
@@ -91,7 +92,7 @@ private:
     void receiveExactly(const ParsedData &record, const ExactOffers::Offer &offer);
     Client &clientOf(const ParsedData &record);
     Client &keep(Client &&client);
-    Client takeOut(const QString &key);
+    Client takeOut(quint64 number);
     bool readExactly(Client &client, const ExactOffers::Offer &offer,
                      const QMap<QString, QString> &subId);
     bool takeOffer(Client &client, const QByteArray &offer);
@@ -124,8 +125,9 @@ private:
     ExactOffers exactOffers;
     ExactOffers::Clock::time_point pacedTime; // its time, see forgetSilent()
     Clients clients; // the longest silent one first
-    QHash<QString, Clients::iterator> clientsByKey;
-    QMultiMap<qint64, QString> keysByAskTime; // of exact clients, some without questions by now
+    QHash<quint64, Clients::iterator> exactClients; // by connection
+    QHash<QString, Clients::iterator> plainClients; // by key
+    QMultiMap<qint64, quint64> numbersByAskTime; // of exact clients, some without questions by now
     QSet<QString> unsettledKeys; // of clients, some of which may be forgotten meanwhile
 
     // Times are in nanoseconds, and no two are the same.

@@ -72,6 +72,7 @@ private Q_SLOTS:
     void forgetsTheLongestSilentOfTooMany();
     void keepsNothingOfSettledConnections();
     void countsConnectionsOnce();
+    void countsStampedConnectionsOnce();
     void stampedOffersAreTakenOnce();
     void stampedTailIsPartial();
     void stampedTooLongAcrossOffers();
@@ -441,6 +442,27 @@ void tst_MessageReader::countsConnectionsOnce()
         QTRY_COMPARE(reader->rememberedConnections(), 0);
     }
     QCOMPARE(counters->connections(), 5);
+}
+
+void tst_MessageReader::countsStampedConnectionsOnce()
+{
+    const auto from = [this](const QString &client, quint64 connection, quint64 offset,
+                             const QByteArray &bytes) {
+        const shared_parsedData record = stamped(connection, offset, bytes);
+        record->addPluginSubId(QStringLiteral("client"), client);
+        reader->receive(record);
+    };
+    from(QStringLiteral("x"), 1, 0, "half"); // nothing of it is ever consumed
+    QCOMPARE(counters->connections(), 1);
+    from(QStringLiteral("y"), 2, 0, "half");
+    from(QStringLiteral("y"), 2, 0, "half\na\n");
+    from(QStringLiteral("y"), 2, 5, "a\nb\n");
+    from(QStringLiteral("y"), 2, 9, "c\n");
+    QCOMPARE(counters->connections(), 2);
+    from(QStringLiteral("y"), 3, 0, "a\n"); // has the same id, and counts as the same
+    QCOMPARE(counters->connections(), 2);
+    from(QStringLiteral("z"), 4, 0, "a\n");
+    QCOMPARE(counters->connections(), 3);
 }
 
 void tst_MessageReader::stampedOffersAreTakenOnce()

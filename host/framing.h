@@ -52,7 +52,7 @@ struct Frame
 };
 
 // The first frame in the buffer. The caller takes its bytes from the front and calls again, until
-// it is Incomplete; the next buffer must begin with the bytes that were left.
+// it is Incomplete or nothing is left; the next buffer must begin with the bytes that were left.
 Frame takeFrame(QByteArrayView buffer, const FrameFormat &format, FrameState &state);
 
 // The message bytes in the rest that takeFrame() left: the beginning of a message.

@@ -48,10 +48,8 @@ QMap<QString, QString> withoutPosition(QMap<QString, QString> subId)
     return subId;
 }
 
-Origin originOf(const ParsedData &record, bool inFull)
+Origin originOf(const ParsedData &record)
 {
-    if (!inFull)
-        return {{}, {}, record.getSource(), {}, 0, {}, {}};
     return {record.getTimestamp(QTimeZone::utc()),
             record.getPluginId(),
             record.getSource(),
@@ -119,7 +117,7 @@ void MessageReader::receivePlainly(const ParsedData &record)
 {
     Client &client = clientOf(record);
     if (takeOffer(client, record.getOriginalMessage())) {
-        client.origin = originOf(record, output.showsOrigins());
+        setOrigin(client, record);
         readMessages(client);
     }
     client.lastOfferTime = now();
@@ -132,7 +130,7 @@ void MessageReader::receiveExactly(const ParsedData &record, const ExactOffers::
     if (offer.position() == 0) // its first one, or nothing has been consumed since
         counters.addConnection(subId.value(QStringLiteral("client")));
     Client client = takeOut(offer.connection());
-    client.origin = originOf(record, output.showsOrigins());
+    setOrigin(client, record);
     const bool grown = readExactly(client, offer, subId);
     if (!client.isWorthKeeping())
         return; // what it has consumed is remembered elsewhere
@@ -157,6 +155,14 @@ bool MessageReader::readExactly(Client &client, const ExactOffers::Offer &offer,
     if (length > 0 && answering)
         Q_EMIT answered(length, subId);
     return grown;
+}
+
+void MessageReader::setOrigin(Client &client, const ParsedData &record) const
+{
+    if (output.showsOrigins())
+        client.origin = originOf(record);
+    else
+        client.origin.source = record.getSource(); // warnings name it
 }
 
 // asks: how many there have been without anything new.
@@ -287,7 +293,7 @@ qsizetype MessageReader::takeMessages(Client &client)
 qsizetype MessageReader::takeFrames(Client &client, QByteArrayView bytes)
 {
     qsizetype taken = 0;
-    while (!done) {
+    while (!done && taken < bytes.size()) {
         const Frame frame = takeFrame(bytes.sliced(taken), format, client.framing);
         if (frame.kind == Frame::Incomplete)
             break;

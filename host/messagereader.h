@@ -95,6 +95,7 @@ private:
     Client takeOut(quint64 number);
     bool readExactly(Client &client, const ExactOffers::Offer &offer,
                      const QMap<QString, QString> &subId);
+    void setOrigin(Client &client, const ParsedData &record) const;
     bool takeOffer(Client &client, const QByteArray &offer);
     void readMessages(Client &client);
     qsizetype takeMessages(Client &client);

@@ -246,11 +246,11 @@ bool EpollEventDispatcher::collectReady(QEventLoop::ProcessEventsFlags flags, bo
 // Settles whether wake-ups end the wait that now begins. Returns how long it may last, in ms; -1:
 // until something happens.
 //
-// No wake-up is lost. A waker sets wakeUpPending and then reads deferring; here deferring is set
-// and then wakeUpPending is read. All four are sequentially consistent: in their one order, either
-// the waker reads what is set here, or we read what the waker has set. So, before a wait that is
-// not moderated, either the waker writes, or we do not wait. One that is moderated has an end
-// anyhow, where wakeUpPending is looked at again.
+// No wake-up is lost. A waker sets wakeUpPending and then reads asleep; here asleep is set and then
+// wakeUpPending is read. All four are sequentially consistent: in their one order, either the waker
+// reads what is set here, or we read what the waker has set. So, before a wait that is not
+// moderated, either the waker writes, or we do not wait. One that is moderated has an end anyhow,
+// where wakeUpPending is looked at again; and whoever is awake looks at it before the next wait.
 int EpollEventDispatcher::beginWait(QEventLoop::ProcessEventsFlags flags)
 {
     constexpr TimerQueue::TimePoint Never = TimerQueue::TimePoint::max();
@@ -258,7 +258,7 @@ int EpollEventDispatcher::beginWait(QEventLoop::ProcessEventsFlags flags)
     const bool moderated = isModerated(flags);
     const auto end = std::min(withTimers ? timers.nextDeadline().value_or(Never) : Never,
                               moderated ? deferUntil : Never);
-    deferring = moderated;
+    asleep = !moderated;
     if (wakeUpPending)
         return 0;
     return end == Never ? -1 : toMs(end - TimerQueue::Clock::now());
@@ -272,10 +272,11 @@ bool EpollEventDispatcher::isModerated(QEventLoop::ProcessEventsFlags flags) con
             && TimerQueue::Clock::now() < deferUntil;
 }
 
-// True if wakeUp() has been called. From here on a wake-up writes again, unless it is deferred.
-// What those before were for, an event or the end of a loop, is what the next turn begins with.
+// True if wakeUp() has been called. What it was for, an event or the end of a loop, is what the
+// next turn begins with.
 bool EpollEventDispatcher::takeWakeUp(bool waited)
 {
+    asleep = false;
     const bool taken = wakeUpPending.exchange(false);
     // It was not pending when the wait began, and this thread did not run since: another's.
     if (taken && waited && wakeUpInterval > TimerQueue::Duration::zero())
@@ -415,7 +416,7 @@ int EpollEventDispatcher::activateTimers()
 
 void EpollEventDispatcher::wakeUp()
 {
-    if (!wakeUpPending.exchange(true) && !deferring) // in this order, see beginWait()
+    if (!wakeUpPending.exchange(true) && asleep) // in this order, see beginWait()
         endWait();
 }
 

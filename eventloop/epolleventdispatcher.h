@@ -118,7 +118,7 @@ private:
     int epollFd = -1; // set once
     int wakeUpFd = -1; // set once; an eventfd
     std::atomic<bool> wakeUpPending{false}; // the next turn does not wait
-    std::atomic<bool> deferring{false}; // wakeUp() leaves the wait alone; see beginWait()
+    std::atomic<bool> asleep{false}; // wakeUp() has to end the wait; see beginWait()
     std::atomic<bool> interrupted{false};
     quint64 turns = 0; // nested ones included; the dispatcher's thread only
 

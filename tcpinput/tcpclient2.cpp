@@ -160,13 +160,24 @@ TcpClient2::Snapshot TcpClient2::snapshot()
     return {inbuf.copy(), bytesCut};
 }
 
+// Leaves nothing for an end within this one to offer again.
+TcpClient2::Snapshot TcpClient2::takeRest()
+{
+    const QWriteLocker locker(&inbufLock);
+    Snapshot rest{inbuf.copy(), bytesCut};
+    inbuf.clear();
+    return rest;
+}
+
 void TcpClient2::offer(const Snapshot &unconsumed)
 {
+    if (!socket) // ended in a log line, whose handler ran the event loop: that was the last offer
+        return;
     offeredPosition = unconsumed.position;
     if (taker)
         taker(unconsumed.data);
     static const QMetaMethod signal = QMetaMethod::fromSignal(&TcpClient2::readyRead);
-    if (isSignalConnected(signal))
+    if (socket && isSignalConnected(signal)) // the taker may have ended it, too
         emitOffer(unconsumed);
     active = std::chrono::steady_clock::now();
 }
@@ -202,24 +213,23 @@ void TcpClient2::mdisconnected()
     if (socket->bytesAvailable() > 0)
         appendAvailable();
 
-    if (const Snapshot last = snapshot(); !last.data.isEmpty()) {
+    if (const Snapshot last = takeRest(); !last.data.isEmpty())
         offer(last);
-        const QWriteLocker locker(&inbufLock);
-        inbuf.clear();
-    }
+    if (!socket) // the end came once more, from within a log line or the taker
+        return;
 
-    CWRN(QtDebugMsg,
-         QStringLiteral("TcpClient: closing connection %1 (received %2 bytes, %3 msgs)"), id,
-         bytesReceived, msgsReceived);
-    disconnect(socket, &QAbstractSocket::disconnected, this, &TcpClient2::mdisconnected);
-    idleTimer.stop();
-
+    // Before the log line, whose handler may run the event loop: nobody else ends this socket.
     QTcpSocket *closing = nullptr;
     {
         const QMutexLocker locker(&socketMutex);
         closing = std::exchange(socket, nullptr);
         plain = nullptr;
     }
+    disconnect(closing, &QAbstractSocket::disconnected, this, &TcpClient2::mdisconnected);
+    idleTimer.stop();
+    CWRN(QtDebugMsg,
+         QStringLiteral("TcpClient: closing connection %1 (received %2 bytes, %3 msgs)"), id,
+         bytesReceived, msgsReceived);
     closing->close();
     closing->deleteLater();
     Q_EMIT disconnected(id);

@@ -116,6 +116,7 @@ private:
     void checkLater();
     void startCheckTimer();
     Snapshot snapshot();
+    Snapshot takeRest();
     void offer(const Snapshot &unconsumed);
     void emitOffer(const Snapshot &unconsumed);
 

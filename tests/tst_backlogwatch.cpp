@@ -28,6 +28,8 @@ private Q_SLOTS:
     void clientsThatHoldTooMuchAreChecked();
     void clientsThatAreCutInTimeAreLeftAlone();
     void clientsThatGoWhileTheyAreWatched();
+    void clientsThatGoAfterTheLook();
+    void laterClientsDoNotPutTheLookOff();
     void watchesAgain();
     void clientsWithoutWatchCheckThemselves();
 
@@ -79,10 +81,42 @@ void tst_BacklogWatch::clientsThatGoWhileTheyAreWatched()
     ConnectedClient staying;
     for (ConnectedClient *connection : {going.get(), &staying}) {
         connection->client->setBacklogWatch(&watch);
-        QVERIFY(connection->deliver(bytes(81)));
+        for (int twice = 0; twice < 2; ++twice)
+            QVERIFY(connection->deliver(bytes(81)));
     }
     going.reset();
     QVERIFY(looked(staying));
+}
+
+// The watch has forgotten them.
+void tst_BacklogWatch::clientsThatGoAfterTheLook()
+{
+    BacklogWatch watch;
+    auto going = std::make_unique<ConnectedClient>();
+    going->client->setBacklogWatch(&watch);
+    QVERIFY(going->deliver(bytes(81)));
+    QVERIFY(looked(*going));
+    going.reset();
+
+    ConnectedClient next;
+    next.client->setBacklogWatch(&watch);
+    QVERIFY(next.deliver(bytes(81)));
+    QVERIFY(looked(next));
+}
+
+void tst_BacklogWatch::laterClientsDoNotPutTheLookOff()
+{
+    BacklogWatch watch;
+    TcpClient2 later;
+    ConnectedClient first;
+    first.client->setBacklogWatch(&watch);
+    QVERIFY(first.deliver(bytes(81)));
+    QVERIFY(QTest::qWaitFor(
+            [&] {
+                watch.add(&later);
+                return checkTimerOf(*first.client).isActive();
+            },
+            NativeSocket::HangGuardMs));
 }
 
 void tst_BacklogWatch::watchesAgain()

@@ -132,6 +132,7 @@ private Q_SLOTS:
 
     void record();
     void recordThatNobodyAnswersIsRepeated();
+    void taskGoesWhileAClientIsWatched();
     void recordsInOrder();
     void firstRecordIsAnsweredAtOnce();
     void recordsShareNoSubIds();
@@ -644,6 +645,16 @@ void tst_TcpTask2::recordThatNobodyAnswersIsRepeated()
     QTRY_COMPARE_WITH_TIMEOUT(records.size(), 2, NativeSocket::HangGuardMs);
     QVERIFY(sinceRecord.elapsed() >= 1990);
     QCOMPARE(records[1]->getOriginalMessage(), sent);
+}
+
+// The client takes its name off the watch, which must still be there.
+void tst_TcpTask2::taskGoesWhileAClientIsWatched()
+{
+    const Accepted accepted = accept();
+    QVERIFY(accepted.deliver(QByteArray(81, 'x')));
+    QVERIFY(!checkTimerOf(*accepted.client).isActive());
+    task.reset();
+    QVERIFY(!records.isEmpty());
 }
 
 void tst_TcpTask2::recordsInOrder()

@@ -11,6 +11,7 @@
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QJsonArray>
+#include <QtNetwork/QNetworkInterface>
 
 #include <cmath>
 #include <limits>
@@ -34,8 +35,13 @@ public:
         port = given > 0 && given < 65535 ? given : 7446;
 
         address = QHostAddress(QHostAddress::AnyIPv4);
-        if (object.value(QLatin1String("interface")).toString() == QLatin1String("lo"))
-            address = QHostAddress(QHostAddress::LocalHost);
+        // What is a name is for Qt to say: it takes numbers, too.
+        const QString name = object.value(QLatin1String("interface")).toString();
+        for (const QNetworkAddressEntry &entry :
+             QNetworkInterface::interfaceFromName(name).addressEntries()) {
+            if (entry.ip().protocol() == QAbstractSocket::IPv4Protocol)
+                address = entry.ip();
+        }
         const QJsonValue text = object.value(QLatin1String("ipAddr"));
         if (!text.isUndefined() && !address.setAddress(text.toString()))
             address = QHostAddress(QHostAddress::LocalHost);

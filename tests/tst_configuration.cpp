@@ -107,6 +107,7 @@ private Q_SLOTS:
     void namesAreExact();
 
     void interfaceLastIPv4();
+    void interfaceByNumber();
     void interfaceAbsent_data();
     void interfaceAbsent();
     void ipAddrIsAppliedAfterInterface();
@@ -378,6 +379,20 @@ void tst_Configuration::interfaceLastIPv4()
         QVERIFY(PrivateNetwork::setAddress("lo:2", QHostAddress(u"0.0.0.0"_s)));
         QVERIFY(PrivateNetwork::setAddress("lo:1", QHostAddress(u"0.0.0.0"_s)));
     }
+}
+
+// What is a name is for Qt to say.
+void tst_Configuration::interfaceByNumber()
+{
+    const auto loopback = QNetworkInterface::interfaceFromName(u"lo"_s);
+    QString expected;
+    for (const QNetworkAddressEntry &entry : loopback.addressEntries()) {
+        if (entry.ip().protocol() == QAbstractSocket::IPv4Protocol)
+            expected = entry.ip().toString();
+    }
+    const quint16 port = freePort(QHostAddress(expected));
+    Plugin plugin({{u"interface"_s, QString::number(loopback.index())}, {u"port"_s, port}});
+    QCOMPARE(plugin.startLog(), startLines(expected, port));
 }
 
 void tst_Configuration::interfaceAbsent_data()

@@ -11,6 +11,8 @@ from hosts import IDLE_TIMEOUT_SECONDS
 
 # Longer than any timer of a connection: the idle time-out, and the look at its buffer every 2 s.
 QUIET_SECONDS = IDLE_TIMEOUT_SECONDS + 2
+# A worker looks at the buffers of those that have read up to a second later, gone or not.
+LAST_LOOK_SECONDS = 2
 MOST_SAMPLES = 600  # more make no better plot
 
 
@@ -57,7 +59,8 @@ class Watch(threading.Thread):
                     return  # a host is gone; who talks to it will say so
 
     def quiet_points(self):
-        """Waits for QUIET_SECONDS. Returns {host: QuietPoint}."""
+        """Waits for the last look and QUIET_SECONDS. Returns {host: QuietPoint}."""
+        time.sleep(LAST_LOOK_SECONDS)
         before = {host: host.wake_ups() for host in self.samples}
         time.sleep(QUIET_SECONDS)
         return {host: self._quiet_point(host, before[host]) for host in self.samples}

@@ -3,13 +3,13 @@
 
 #pragma once
 
+#include "plugin/decimalnumber.h"
 #include "plugin/parseddata.h"
 
 #include <QtCore/QByteArray>
 #include <QtCore/QByteArrayView>
 #include <QtCore/QHash>
 #include <QtCore/QMap>
-#include <QtCore/qnumeric.h>
 
 #include <algorithm>
 #include <chrono>
@@ -121,21 +121,10 @@ private:
     };
     using Entries = std::list<Entry>;
 
-    // Digits alone, as the plugin writes them: QString's own reading takes longer, and also takes
-    // signs and blanks.
     static std::optional<quint64> numberOf(const QMap<QString, QString> &subids, const QString &key)
     {
         const auto text = subids.constFind(key);
-        if (text == subids.constEnd() || text->isEmpty())
-            return std::nullopt;
-        quint64 number = 0;
-        for (const QChar c : *text) {
-            const auto digit = static_cast<quint64>(c.unicode()) - '0';
-            if (digit > 9 || qMulOverflow<quint64>(number, 10, &number)
-                || qAddOverflow(number, digit, &number))
-                return std::nullopt;
-        }
-        return number;
+        return text == subids.constEnd() ? std::nullopt : decimalNumber(*text);
     }
 
     static qsizetype overlap(const Offer &offer, quint64 consumed)

@@ -4,6 +4,7 @@
 #include "tcpinput/tcptask2.h"
 
 #include "plugin/cwrn.h"
+#include "plugin/decimalnumber.h"
 #include "tcpinput/acceptedsocket.h"
 #include "tcpinput/clientid.h"
 #include "tcpinput/recordmaker.h"
@@ -15,7 +16,6 @@
 #include <QtCore/QEvent>
 #include <QtCore/QEventLoop>
 #include <QtCore/QThread>
-#include <QtCore/qnumeric.h>
 #include <QtNetwork/QSslServer>
 #include <QtNetwork/QTcpSocket>
 
@@ -27,19 +27,6 @@
 namespace {
 
 constexpr int StopProcessingMs = 10;
-
-// Digits alone: QString's own reading also takes signs and blanks.
-std::optional<quint64> positionFrom(const QString &text)
-{
-    quint64 value = 0;
-    bool ok = !text.isEmpty();
-    for (const QChar c : text) {
-        const auto digit = static_cast<quint64>(c.unicode()) - '0';
-        ok = ok && digit <= 9 && !qMulOverflow<quint64>(value, 10, &value)
-                && !qAddOverflow(value, digit, &value);
-    }
-    return ok ? std::optional(value) : std::nullopt;
-}
 
 // offset + length within the numbers that there are.
 quint64 advance(quint64 offset, int length)
@@ -117,10 +104,10 @@ TcpTask2::DiscardResult TcpTask2::tryDiscard(int length, const QMap<QString, QSt
 TcpTask2::DiscardResult TcpTask2::discardTo(TcpClient2 *client, int length, const QString &from,
                                             const QMap<QString, QString> &subid)
 {
-    const auto offset = positionFrom(from);
+    const auto offset = decimalNumber(from);
     const auto named = subid.constFind(SubIds::connection());
     const auto number = named == subid.constEnd() ? std::optional(client->connectionNumber())
-                                                  : positionFrom(*named);
+                                                  : decimalNumber(*named);
     if (!offset || !number)
         return DiscardResult::InvalidPosition;
     if (*number == client->connectionNumber())
@@ -138,7 +125,7 @@ void TcpTask2::logDiscard(DiscardResult result, const QMap<QString, QString> &su
     if (result == DiscardResult::InvalidPosition) {
         const QString offset = subid.value(SubIds::offset());
         CWRN(QtDebugMsg, QStringLiteral("TcpTask2: discard with invalid position %1"),
-             positionFrom(offset) ? subid.value(SubIds::connection()) : offset);
+             decimalNumber(offset) ? subid.value(SubIds::connection()) : offset);
     }
 }
 
@@ -204,8 +191,8 @@ void TcpTask2::connectClient(TcpClient2 *client, const Endpoints &endpoints)
 {
     // Queued although in one thread: a client is never deleted from inside its own signal.
     connect(client, &TcpClient2::disconnected, this, &TcpTask2::disconnected, Qt::QueuedConnection);
-    // Directly: these two do not touch the client. The registry knows the new id before the host
-    // gets a record that bears it.
+    // Directly, as the taker below: neither changes the client. The registry knows the new id
+    // before the host gets a record that bears it.
     connect(client, &TcpClient2::idChanged, this, &TcpTask2::idChanged, Qt::DirectConnection);
     client->offerTo(
             [this, client, maker = RecordMaker(num, endpoints)](const QByteArray &data) mutable {

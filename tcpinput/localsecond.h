@@ -15,16 +15,17 @@
 class LocalSecond
 {
 public:
-    const QDateTime &now()
+    const QDateTime &now() { return at(QDateTime::currentSecsSinceEpoch()); }
+
+    const QDateTime &at(qint64 secondsSinceEpoch)
     {
-        const qint64 current = QDateTime::currentSecsSinceEpoch();
-        if (current != second)
-            time = QDateTime::fromSecsSinceEpoch(current);
-        second = current;
+        if (time.isNull() || secondsSinceEpoch != second)
+            time = QDateTime::fromSecsSinceEpoch(secondsSinceEpoch);
+        second = secondsSinceEpoch;
         return time;
     }
 
 private:
-    qint64 second = -1;
+    qint64 second = 0;
     QDateTime time;
 };

@@ -27,9 +27,9 @@ protected:
 
     To its user it is a QTcpSocket: readyRead() comes with bytes, errorOccurred() and disconnected()
     once when the peer has closed or reset the connection. A reader, if it has one, is called
-   instead of readyRead(). It knows both its endpoints from the beginning and never forgets them,
-   however early the peer has gone. What Qt's engine alone can do (connecting, sending, pausing,
-   socket options other than KeepAliveOption) it refuses or ignores.
+    instead of readyRead(). It knows both its endpoints from the beginning and never forgets them,
+    however early the peer has gone. What Qt's engine alone can do (connecting, sending, pausing,
+    socket options other than KeepAliveOption) it refuses or ignores.
 
     Thread: the one it lives in; made there.
     Owner:  the caller.

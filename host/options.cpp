@@ -9,7 +9,6 @@
 #include <QtCore/QJsonDocument>
 
 #include <limits>
-#include <optional>
 
 namespace {
 
@@ -42,7 +41,8 @@ Exit codes:
   3  library missing, not loadable, or without its entry points
   4  configuration unreadable, not JSON, or not an object
   5  the plugin refused to start
-  6  the plugin started but does not listen (is the port in use?)
+  6  the plugin started but does not listen: the port is in use or only for
+     root, or the address is not this machine's
   7  standard output is closed or full
 )";
 
@@ -67,7 +67,7 @@ struct Definitions
     const QCommandLineOption set{
             QStringLiteral("set"),
             QStringLiteral("Sets one key of the configuration. VALUE is JSON, or else taken as "
-                           "text. May be repeated."),
+                           "text, unless it begins with {, [ or \". May be repeated."),
             QStringLiteral("KEY=VALUE")};
     const QCommandLineOption id{
             QStringLiteral("id"),
@@ -136,7 +136,10 @@ public:
             if (text == QLatin1String(name))
                 return value;
         }
-        refuse(option, text);
+        QStringList names;
+        for (const auto &[name, value] : choices)
+            names.append(QLatin1String(name));
+        refuse(option, text, QStringLiteral("one of ") + names.join(QLatin1String(", ")));
         return choices.begin()->second;
     }
 
@@ -150,26 +153,34 @@ public:
         bool ok = false;
         const qint64 value = text.toLongLong(&ok);
         if (!ok || value < 1 || value > maximum)
-            refuse(option, text);
+            refuse(option, text, QStringLiteral("a number from 1 to %1").arg(maximum));
         return value;
     }
 
 private:
-    void refuse(const QCommandLineOption &option, const QString &text)
+    void refuse(const QCommandLineOption &option, const QString &text, const QString &wanted)
     {
-        complain(QStringLiteral("Invalid value for --%1: '%2'.").arg(option.names().last(), text));
+        complain(QStringLiteral("Invalid value for --%1: '%2'. It takes %3.")
+                         .arg(option.names().last(), text, wanted));
     }
 
     const QCommandLineParser &parser;
     QString complaint;
 };
 
-QJsonValue jsonOrText(const QString &text)
+// Not one value: Undefined.
+QJsonValue json(const QString &text)
 {
     // A document is an array or an object, so put the value into an array.
     const QByteArray array = '[' + text.toUtf8() + ']';
     const QJsonArray values = QJsonDocument::fromJson(array).array();
-    return values.size() == 1 ? values.first() : QJsonValue(text);
+    return values.size() == 1 ? values.first() : QJsonValue(QJsonValue::Undefined);
+}
+
+// No text of any key begins like this: a brace or a quote is missing, or the shell has taken it.
+bool isMeantAsJson(const QString &text)
+{
+    return !text.isEmpty() && QLatin1String("{[\"").contains(text.front());
 }
 
 QList<std::pair<QString, QJsonValue>> readSettings(const QStringList &texts, ValueReader &reader)
@@ -181,7 +192,12 @@ QList<std::pair<QString, QJsonValue>> readSettings(const QStringList &texts, Val
             reader.complain(QStringLiteral("--set wants KEY=VALUE, not '%1'.").arg(text));
             continue;
         }
-        settings.append({text.left(separator), jsonOrText(text.mid(separator + 1))});
+        const QString key = text.left(separator);
+        const QString value = text.mid(separator + 1);
+        const QJsonValue parsed = json(value);
+        if (parsed.isUndefined() && isMeantAsJson(value))
+            reader.complain(QStringLiteral("--set %1: this is not JSON: %2").arg(key, value));
+        settings.append({key, parsed.isUndefined() ? QJsonValue(value) : parsed});
     }
     return settings;
 }

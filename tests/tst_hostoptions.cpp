@@ -143,16 +143,23 @@ void tst_HostOptions::refused_data()
     QTest::newRow("--plugin") << "plugin";
     QTest::newRow("--set port") << "KEY=VALUE";
     QTest::newRow("--set =1") << "KEY=VALUE";
-    QTest::newRow("--entry other") << "--entry: 'other'";
-    QTest::newRow("--framing line") << "--framing: 'line'";
-    QTest::newRow("--output JSON") << "--output: 'JSON'";
-    QTest::newRow("--log-level error") << "--log-level: 'error'";
-    QTest::newRow("--max-message 0") << "--max-message: '0'";
+    QTest::newRow("--set ssl={\"CertFile\":\"a\"") << "--set ssl: this is not JSON: {\"CertFile\":";
+    QTest::newRow("--set ssl={CertFile:a}") << "--set ssl: this is not JSON";
+    QTest::newRow("--set x=[1") << "--set x: this is not JSON";
+    QTest::newRow("--set x=\"a") << "--set x: this is not JSON";
+    QTest::newRow("--entry other") << "--entry: 'other'. It takes one of create, registerPlugin.";
+    QTest::newRow("--framing line") << "--framing: 'line'. It takes one of lines, length, none.";
+    QTest::newRow("--output JSON") << "--output: 'JSON'. It takes one of json, raw, count, none.";
+    QTest::newRow("--log-level error")
+            << "--log-level: 'error'. It takes one of debug, info, warning.";
+    QTest::newRow("--max-message 0")
+            << "--max-message: '0'. It takes a number from 1 to 1073741823.";
     QTest::newRow("--max-message -1") << "--max-message: '-1'";
     QTest::newRow("--max-message 1k") << "--max-message: '1k'";
     QTest::newRow("--max-message 99999999999") << "--max-message: '99999999999'";
     QTest::newRow("--max-message=") << "--max-message: ''";
-    QTest::newRow("--status-every 0") << "--status-every: '0'";
+    QTest::newRow("--status-every 0")
+            << "--status-every: '0'. It takes a number from 1 to 2147483.";
     QTest::newRow("--status-every x") << "--status-every: 'x'";
     QTest::newRow("--status-every=") << "--status-every: ''";
     QTest::newRow("--exit-after 0") << "--exit-after: '0'";

@@ -77,7 +77,8 @@ ExitCode InputHost::startPlugin(const QJsonObject &configuration)
     if (!status.isListening()) {
         stopPlugin();
         return fail(ExitNotListening,
-                    QStringLiteral("The plugin does not listen: is the port in use?"));
+                    QStringLiteral("The plugin does not listen: is the port in use or only for "
+                                   "root, or the address another machine's?"));
     }
     runningConfiguration = configuration;
     reader.setIdleTimeout(status.timeoutSeconds);

@@ -38,6 +38,8 @@ class AcceptedSocket final : public Socket, public AcceptedConnection
 public:
     explicit AcceptedSocket(const Acceptance &known) : AcceptedConnection(known) {}
 
+    using Socket::setErrorString; // for ends that only the server knows of
+
     // Puts back what Qt does not know (any more).
     void restoreEndpoints()
     {

@@ -101,6 +101,7 @@ void TlsHandshake::timedOut()
         timer.start();
         return;
     }
+    socket->setErrorString(QStringLiteral("The handshake took too long"));
     fail(QAbstractSocket::SocketTimeoutError);
 }
 

@@ -15,7 +15,7 @@
 void raiseDescriptorLimit()
 {
     rlimit limit = {};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == limit.rlim_max)
         return;
 
     const rlim_t soft = limit.rlim_cur;

@@ -3,9 +3,13 @@
 
 #include "host/process.h"
 
+#include "messagecapture.h"
+
+#include <QtCore/QScopeGuard>
 #include <QtTest/QtTest>
 
 #include <ctime>
+#include <sys/resource.h>
 
 // What inputhost asks of the system.
 class tst_Process : public QObject
@@ -19,6 +23,7 @@ private Q_SLOTS:
     void timeZone_data();
     void timeZone();
     void timeZoneStaysTheSystems();
+    void descriptorLimit();
 
 private:
     bool wasSet = false;
@@ -71,6 +76,30 @@ void tst_Process::timeZoneStaysTheSystems()
 
     QVERIFY(!qEnvironmentVariableIsEmpty("TZ"));
     QCOMPARE(offset(), before);
+}
+
+void tst_Process::descriptorLimit()
+{
+    rlimit given{};
+    QCOMPARE(::getrlimit(RLIMIT_NOFILE, &given), 0);
+    const auto restore = qScopeGuard([&] { ::setrlimit(RLIMIT_NOFILE, &given); });
+    const rlimit lower{given.rlim_max - 1, given.rlim_max};
+    QCOMPARE(::setrlimit(RLIMIT_NOFILE, &lower), 0);
+
+    const MessageCapture capture;
+    raiseDescriptorLimit();
+    rlimit raised{};
+    QCOMPARE(::getrlimit(RLIMIT_NOFILE, &raised), 0);
+    QCOMPARE(raised.rlim_cur, given.rlim_max);
+    const auto lines = MessageCapture::take();
+    QCOMPARE(lines.size(), 1);
+    QVERIFY2(lines.first().text.endsWith(QStringLiteral("Limit of descriptors raised from %1 to %2")
+                                                 .arg(lower.rlim_cur)
+                                                 .arg(raised.rlim_cur)),
+             qPrintable(lines.first().text));
+
+    raiseDescriptorLimit(); // nothing to do, nothing to say
+    QCOMPARE(MessageCapture::take().size(), 0);
 }
 
 QTEST_GUILESS_MAIN(tst_Process)

@@ -193,13 +193,16 @@ public:
     {
         if (!isSet(name))
             return;
+        QStringList names;
         for (const Choice<T> &one : choices) {
-            if (text(name) == tr(one.name)) {
+            names.append(tr(one.name));
+            if (text(name) == names.last()) {
                 value = one.value;
                 return;
             }
         }
-        fail(QStringLiteral("--%1: unknown value: %2").arg(tr(name), text(name)));
+        fail(QStringLiteral("--%1: unknown value: %2; it takes %3")
+                     .arg(tr(name), text(name), names.join(QStringLiteral(", "))));
     }
 
     void pause(int &min, int &max);

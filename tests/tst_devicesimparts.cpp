@@ -451,12 +451,14 @@ void tst_DeviceSimParts::rejects_data()
     row("--rate nan", "--rate: not a number in range: nan");
     row("--rate inf", "--rate: not a number in range: inf");
     row("--linger-ms -1", "--linger-ms: not a number in range: -1");
-    row("--framing xml", "--framing: unknown value: xml");
-    row("--segments half", "--segments: unknown value: half");
-    row("--close never", "--close: unknown value: never");
-    row("--fault none", "--fault: unknown value: none");
-    row("--tls --tls-version 1.1", "--tls-version: unknown value: 1.1");
-    row("--output xml", "--output: unknown value: xml");
+    row("--framing xml", "--framing: unknown value: xml; it takes lines, length");
+    row("--segments half", "--segments: unknown value: half; it takes whole, byte, random, blocks");
+    row("--close never", "--close: unknown value: never; it takes close, half-close, abort, stay");
+    row("--fault none",
+        "--fault: unknown value: none; it takes silent, garbage, abort-handshake, "
+        "close-notify-only, close-without-reading");
+    row("--tls --tls-version 1.1", "--tls-version: unknown value: 1.1; it takes 1.2, 1.3");
+    row("--output xml", "--output: unknown value: xml; it takes text, json");
     row("--pause-ms 5-2", "--pause-ms: not MIN-MAX: 5-2");
     row("--pause-ms 1-2-3", "--pause-ms: not MIN-MAX: 1-2-3");
     row("--pause-ms x", "--pause-ms: not MIN-MAX: x");

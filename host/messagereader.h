@@ -65,7 +65,8 @@ public Q_SLOTS:
 Q_SIGNALS:
     // To be connected with IInputPlugin::discard(). An offer without a complete message is not
     // answered: the plugin answers a discard of 0 bytes with the same offer, at once and for ever.
-    // Here, 0 bytes ask once for another offer; see OfferTracker.
+    // Here, 0 bytes ask for another offer: in exact connections for the rest of a message, after a
+    // pause and a few times; in others once, see OfferTracker.
     void answered(int bytes, const QMap<QString, QString> &subId);
     // The message limit is reached.
     void finished();

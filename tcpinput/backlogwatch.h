@@ -15,7 +15,7 @@ class TcpClient2;
     The clients of one thread that have read enough to need a check later. Almost all of them are
     cut to nothing within milliseconds, so that a timer of each one's own would be started and fire
     for nothing, thousands of times a second: the watch looks at all of them together, and only
-   those that still hold too much get on with a timer.
+    those that still hold too much get on with a timer.
 
     It looks soon enough for the first check that can have a result: one comes 2 s after an offer at
     the earliest, and reads that make no offer follow one by 200 ms at most.

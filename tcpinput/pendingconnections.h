@@ -16,7 +16,7 @@
     their acceptance. A connection can be reserved for the thread that it was dealt to: in a burst
     the threads come for theirs in any order, and each gets its own. Once one has been reserved only
     reserved ones can be taken: a thread that comes too late, for a connection that was closed
-   since, does not get one that is about to be dealt to another.
+    since, does not get one that is about to be dealt to another.
 
     Thread: any.
     Owner:  the server, as a member; what a T holds is the taker's to free.

@@ -26,8 +26,8 @@ class TcpTask2;
     Configuration keys (exact names; unknown ones are ignored), read at every start():
     "port" (1 to 65534, default 7446), "ipAddr" (default any IPv4), "interface" (its last IPv4
     address), "offsets" (true: offers carry their position; default false), "timeout" (seconds > 0,
-   default 60), "threadpoolSize" (> 0, default 4), "ssl" (object: TLS, see ssl::readSslConfig). Bad
-   values are ignored.
+    default 60), "threadpoolSize" (> 0, default 4), "ssl" (object: TLS, see ssl::readSslConfig). Bad
+    values are ignored, except of "ipAddr": 127.0.0.1.
 
     Thread: its creator's; discard() from any thread.
     Owner:  the host, or the QObject parent.

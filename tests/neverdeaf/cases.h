@@ -15,7 +15,7 @@ struct Outcome
     double after = -1; // of one that connects when the cause ends
     qsizetype connections = 0; // good ones included
     qsizetype lines = 0; // logged, all in all
-    qsizetype allowedLines = 0; // as specified for so many connections, and a constant
+    qsizetype allowedLines = 0; // that the host guide lists for so many connections, and a constant
 
     bool isServed() const { return before >= 0 && during >= 0 && after >= 0; }
 };

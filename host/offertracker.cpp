@@ -3,8 +3,6 @@
 
 #include "host/offertracker.h"
 
-#include <utility>
-
 OfferTracker::Fit OfferTracker::accept(const QByteArray &offer, qint64 reached)
 {
     constexpr qsizetype none = -1;

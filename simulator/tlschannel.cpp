@@ -5,8 +5,6 @@
 
 #include "simulator/tcpsocket.h"
 
-#include <QtCore/QStringList>
-
 #include <cerrno>
 #include <limits>
 #include <openssl/err.h>

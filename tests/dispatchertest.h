@@ -6,7 +6,6 @@
 #include "eventloop/epolleventdispatcher.h"
 
 #include <QtCore/QAbstractEventDispatcher>
-#include <QtCore/QCoreApplication>
 #include <QtCore/QDir>
 #include <QtCore/QEventLoop>
 #include <QtCore/QRegularExpression>

@@ -6,7 +6,6 @@
 #include <QtCore/QObject>
 
 #include <cstddef>
-#include <cstdint>
 #include <cstring>
 
 // What hosts that were built separately rely on: where a member lies in an object, and which slot

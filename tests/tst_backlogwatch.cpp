@@ -4,7 +4,6 @@
 #include "tcpinput/backlogwatch.h"
 #include "tests/connectedclient.h"
 
-#include <QtCore/QCoreApplication>
 #include <QtTest/QTest>
 
 #include <memory>

@@ -7,7 +7,6 @@
 #include "tests/processresources.h"
 
 #include <QtCore/QCoreApplication>
-#include <QtCore/QEventLoop>
 #include <QtCore/QThread>
 #include <QtTest/QTest>
 

@@ -7,10 +7,8 @@
 #include "tests/nativesocket.h"
 #include "tests/processresources.h"
 
-#include <QtCore/QCoreApplication>
 #include <QtCore/QFile>
 #include <QtCore/QSet>
-#include <QtCore/QSocketNotifier>
 #include <QtCore/QThread>
 #include <QtCore/QTimer>
 #include <QtNetwork/QNetworkInterface>

@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <climits>
 #include <random>
-#include <set>
 
 using namespace std::chrono_literals;
 

@@ -9,7 +9,6 @@
 
 #include <QtCore/QAbstractEventDispatcher>
 #include <QtCore/QCoreApplication>
-#include <QtCore/QPointer>
 #include <QtCore/QSemaphore>
 #include <QtCore/QTimer>
 #include <QtTest/QTest>

@@ -4,7 +4,6 @@
 #include "cases.h"
 
 #include <QtCore/QCoreApplication>
-#include <QtCore/QList>
 
 #include <cstdio>
 

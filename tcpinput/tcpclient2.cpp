@@ -6,6 +6,7 @@
 #include "plugin/cwrn.h"
 #include "tcpinput/clientid.h"
 #include "tcpinput/clock.h"
+#include "tcpinput/reentry.h"
 
 #include <QtCore/QMetaMethod>
 #include <QtCore/QThread>
@@ -121,6 +122,7 @@ template<class Cut>
 void TcpClient2::postCut(Cut cut)
 {
     const auto carryOut = [this, cut] {
+        const Reentry reentry;
         cut();
         const QWriteLocker locker(&inbufLock);
         --postedCuts;
@@ -198,6 +200,7 @@ void TcpClient2::emitOffer(const Snapshot &unconsumed)
 
 void TcpClient2::mdisconnected()
 {
+    const Reentry reentry;
     if (!socket) // closed before, or never open
         return;
     if (plain)
@@ -231,12 +234,13 @@ void TcpClient2::mdisconnected()
          QStringLiteral("TcpClient: closing connection %1 (received %2 bytes, %3 msgs)"), id,
          bytesReceived, msgsReceived);
     closing->close();
-    closing->deleteLater();
+    Reentry::deleteLater(closing);
     Q_EMIT disconnected(id);
 }
 
 void TcpClient2::mreadyRead()
 {
+    const Reentry reentry;
     if (!appendAvailable())
         return;
     const qint64 now = Clock::now();
@@ -296,12 +300,14 @@ void TcpClient2::checkIdle()
 
 void TcpClient2::timeout()
 {
+    const Reentry reentry;
     CWRN(QtDebugMsg, QStringLiteral("TcpClient: timeout"));
     mdisconnected();
 }
 
 void TcpClient2::checkData()
 {
+    const Reentry reentry;
     const qint64 now = Clock::now();
     const Snapshot unconsumed = snapshot();
     const qsizetype size = unconsumed.data.size();
@@ -408,7 +414,6 @@ void TcpClient2::startCheckTimer()
 // socket knows the real one.
 void TcpClient2::deriveId()
 {
-    const QString oid = id;
     QString local;
     QString peer;
     quint16 localPort = 0;
@@ -419,9 +424,16 @@ void TcpClient2::deriveId()
         localPort = socket->localPort();
         peer = socket->peerAddress().toString();
         peerPort = socket->peerPort();
-        id = clientId(local, localPort, peer, peerPort);
     }
     CWRN(QtDebugMsg, QStringLiteral("TCP READ: %1:%2 (%3:%4)"), local, localPort, peer, peerPort);
+    if (idBuilt || !socket) // another read, or the end, came from within the line
+        return;
+
+    const QString oid = id;
+    {
+        const QMutexLocker locker(&socketMutex);
+        id = clientId(local, localPort, peer, peerPort);
+    }
     idBuilt = true;
     if (id != oid)
         Q_EMIT idChanged(oid, id);

@@ -8,6 +8,7 @@
 #include "tcpinput/acceptedsocket.h"
 #include "tcpinput/clientid.h"
 #include "tcpinput/recordmaker.h"
+#include "tcpinput/reentry.h"
 #include "tcpinput/subids.h"
 #include "tcpinput/tcpclient2.h"
 #include "tcpinput/threadid.h"
@@ -15,6 +16,7 @@
 #include <QtCore/QCoreApplication>
 #include <QtCore/QEvent>
 #include <QtCore/QEventLoop>
+#include <QtCore/QPointer>
 #include <QtCore/QThread>
 #include <QtNetwork/QSslServer>
 #include <QtNetwork/QTcpSocket>
@@ -54,14 +56,26 @@ QTcpSocket *takeSocket(const Connection &conn)
     return server->nextPendingConnection();
 }
 
+//! Deletes an object with itself: Qt ignores a second deleteLater() for one object.
+class Deletion : public QObject
+{
+public:
+    explicit Deletion(QObject *doomed) : object(doomed) {}
+    ~Deletion() override { delete object; }
+    Q_DISABLE_COPY_MOVE(Deletion)
+
+private:
+    const QPointer<QObject> object;
+};
+
 } // namespace
 
 TcpTask2::TcpTask2(QObject *parent) : QObject(parent) {}
 
 TcpTask2::~TcpTask2()
 {
+    const Reentry reentry;
     dying = true;
-    deletePending = false; // the events sent below must not delete it once more
     // Connections that are still to be added travel as queued calls, which would die with the task:
     // those have their last offer as well. Without clients nothing is sent: the task may belong to
     // a thread that could not be started.
@@ -131,27 +145,25 @@ void TcpTask2::logDiscard(DiscardResult result, const QMap<QString, QString> &su
 
 bool TcpTask2::event(QEvent *event)
 {
-    if (event->type() == QEvent::DeferredDelete) {
-        if (stopsOnStack == 0)
-            return QObject::event(event); // deletes this
-        // stop() processes events: the plugin's deleteLater() can come in there.
-        deletePending = true;
+    // stop() processes events, and so may log lines: the plugin's deleteLater() can come in there.
+    if (event->type() == QEvent::DeferredDelete && Reentry::isOnStack()) {
+        if (!dying)
+            Reentry::deleteLater(new Deletion(this));
         return true;
     }
-    const bool handled = QObject::event(event);
-    if (deletePending && stopsOnStack == 0)
-        delete this; // now that stop() has returned; a second deleteLater() would be ignored
-    return handled;
+    return QObject::event(event);
 }
 
 void TcpTask2::logSize(const QString &id)
 {
+    const Reentry reentry;
     CWRN(QtDebugMsg, QStringLiteral("  TcpTask2: id = %1, #clients = %2, id = %3"), id,
          static_cast<qint64>(clients.size()), currentThreadNumber());
 }
 
 void TcpTask2::addConnection(Connection conn)
 {
+    const Reentry reentry;
     CWRN(QtDebugMsg,
          conn.getSsl() ? QStringLiteral("TcpTask2: Handling SSL connection, %1")
                        : QStringLiteral("TcpTask2: Handling TCP connection, %1"),
@@ -204,6 +216,7 @@ void TcpTask2::connectClient(TcpClient2 *client, const Endpoints &endpoints)
 
 void TcpTask2::disconnected(const QString &id)
 {
+    const Reentry reentry;
     TcpClient2 *client = clients.value(id);
     if (!client)
         return;
@@ -215,7 +228,7 @@ void TcpTask2::disconnected(const QString &id)
     client->offerTo({});
 
     const QWriteLocker locker(&clientsLock);
-    client->deleteLater();
+    Reentry::deleteLater(client);
     clients.remove(id);
 }
 
@@ -228,6 +241,7 @@ void TcpTask2::readyRead(Connection c, const QString &id)
 
 void TcpTask2::stop()
 {
+    const Reentry reentry;
     {
         // Qt walks the list of a signal's connections without a lock, and another thread may be
         // adding a client to it. Under the lock this only posts.
@@ -237,11 +251,8 @@ void TcpTask2::stop()
     // Called directly from the plugin's destructor, this is the plugin's thread: the task's own
     // state is left alone then, and the events are those of the calling thread.
     const bool ownThread = QThread::currentThread() == thread();
-    if (!(ownThread && dying)) {
-        stopsOnStack += ownThread ? 1 : 0;
+    if (!(ownThread && dying))
         QEventLoop().processEvents(QEventLoop::AllEvents, StopProcessingMs);
-        stopsOnStack -= ownThread ? 1 : 0;
-    }
     running = false;
 }
 

@@ -89,9 +89,7 @@ private:
     std::atomic<bool> running = true; // until the first stop()
     mutable QReadWriteLock clientsLock;
     int num = 0; // set once, before the task is moved
-    int stopsOnStack = 0; // this and below: the task's thread only
-    bool deletePending = false; // deletion was asked for while a stop() was on the stack
-    bool dying = false;
+    bool dying = false; // this and below: the task's thread only
     LocalSecond localSecond;
     std::unique_ptr<BacklogWatch> watch; // from the first client on: it belongs to the thread
 };

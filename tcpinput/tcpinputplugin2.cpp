@@ -5,6 +5,7 @@
 
 #include "plugin/cwrn.h"
 #include "ssl/ssl.h"
+#include "tcpinput/reentry.h"
 #include "tcpinput/tcptask2.h"
 #include "tcpinput/threadid.h"
 #include "tcpinput/workerthread.h"
@@ -129,6 +130,8 @@ QThread *TcpInputPlugin2::getThread(int n)
         return thread;
 
     CWRN(QtDebugMsg, QStringLiteral("TcpInputPlugin2(%1): Creating new TCP Thread"), pluginId);
+    if (QThread *thread = threads.value(number)) // made within the line, whose handler may run the
+        return thread; // event loop; as below
     QThread *thread = WorkerThread::make().release();
     if (!thread)
         return nullptr;
@@ -154,6 +157,8 @@ TcpTask2 *TcpInputPlugin2::getTask()
     }
 
     CWRN(QtInfoMsg, QStringLiteral("TcpInputPlugin2(%1): Creating new TcpTask2"), pluginId);
+    if (tasks.contains(number) || threads.value(number) != thread) // made, or stopped, within
+        return tasks.value(number);
     auto *task = new TcpTask2(nullptr);
     task->setNum(number);
     {
@@ -359,6 +364,7 @@ QStringList TcpInputPlugin2::onQuery(QString q)
 
 void TcpInputPlugin2::socketError(QSslSocket *socket, QAbstractSocket::SocketError)
 {
+    const Reentry reentry;
     CWRN(QtWarningMsg, QStringLiteral("TcpInputPlugin2(%1): SSL Socket error: %2"), pluginId,
          socket->errorString());
 }
@@ -383,6 +389,7 @@ void TcpInputPlugin2::handleConnection()
 // pending has been dealt out before, the task will find nothing to take.
 bool TcpInputPlugin2::handOver()
 {
+    const int number = taskIndex;
     TcpTask2 *task = getTask();
     if (!task)
         return false;
@@ -400,6 +407,8 @@ bool TcpInputPlugin2::handOver()
     conn.setTimeout(timeoutMs);
     CWRN(QtDebugMsg, QStringLiteral("TcpInputPlugin2(%1): new connection, %2"), pluginId,
          currentThreadNumber());
+    if (tasks.value(number) != task) // stopped within the line, and the connection was closed
+        return true;
     // As by its name "addConnection", without looking that up for every connection.
     QMetaObject::invokeMethod(
             task, [task, conn] { task->addConnection(conn); }, Qt::QueuedConnection);
@@ -442,11 +451,13 @@ void TcpInputPlugin2::showThreads()
 
 void TcpInputPlugin2::sslErrors(QSslSocket *, const QList<QSslError> &)
 {
+    const Reentry reentry;
     CWRN(QtWarningMsg, QStringLiteral("TcpInputPlugin2(%1): SSL Errors"), pluginId);
 }
 
 void TcpInputPlugin2::hshakeError(QSslSocket *, const QSslError &error)
 {
+    const Reentry reentry;
     CWRN(QtWarningMsg, QStringLiteral("TcpInputPlugin2(%1): SSL handshake error: %2"), pluginId,
          error.errorString());
 }

@@ -4,6 +4,7 @@
 #include "tcpinput/tlshandshake.h"
 
 #include "ssl/sessiontickets.h"
+#include "tcpinput/reentry.h"
 
 #include <sys/ioctl.h>
 
@@ -40,7 +41,7 @@ void TlsHandshake::drop()
     state = Over;
     ignoreSocket();
     socket->abort();
-    deleteLater(); // with the socket, which may be emitting just now
+    Reentry::deleteLater(this); // with the socket, which may be emitting just now
 }
 
 void TlsHandshake::forwardSignals()
@@ -87,10 +88,11 @@ void TlsHandshake::checkHello()
 
 void TlsHandshake::fail(QAbstractSocket::SocketError error)
 {
-    Q_EMIT server->errorOccurred(socket.get(), error);
+    // First of all: the receivers write a line, whose handler may run the event loop.
     state = Over;
     ignoreSocket();
-    deleteLater(); // not drop(): an alert for the peer may be on its way
+    Q_EMIT server->errorOccurred(socket.get(), error);
+    Reentry::deleteLater(this); // not drop(): an alert for the peer may be on its way
 }
 
 void TlsHandshake::timedOut()

@@ -3,6 +3,7 @@
 
 #include "certificates.h"
 #include "tcpinput/tcpinputplugin2.h"
+#include "tests/processresources.h"
 #include "tests/testaddress.h"
 
 #include <QtCore/QCoreApplication>
@@ -11,6 +12,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <memory>
 
 namespace {
@@ -24,8 +26,11 @@ constexpr int HangGuardMs = 60000;
 class LoopInALine
 {
 public:
-    explicit LoopInALine(const QString &text) : previous(qInstallMessageHandler(&handle))
+    // first: what else it does, before.
+    explicit LoopInALine(const QString &text, std::function<void()> first = {})
+        : previous(qInstallMessageHandler(&handle))
     {
+        action = std::move(first);
         wanted = text;
         entered = false;
         leaving = false;
@@ -43,6 +48,8 @@ private:
     {
         if (!line.contains(wanted) || entered.exchange(true))
             return;
+        if (action)
+            action();
         while (!leaving)
             QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
         for (int turn = 0; turn < 20; ++turn)
@@ -53,6 +60,7 @@ private:
     const QtMessageHandler previous;
 
     static inline QString wanted;
+    static inline std::function<void()> action;
     static inline std::atomic<bool> entered = false;
     static inline std::atomic<bool> leaving = false;
     static inline std::atomic<bool> left = false;
@@ -78,9 +86,14 @@ private Q_SLOTS:
     void pluginStops_data() { addLines(); }
     void pluginStops();
 
+    void inTheHostsThread_data();
+    void inTheHostsThread();
+    void failedHandshake_data();
+    void failedHandshake();
+
 private:
     static void addLines();
-    void connectDevice();
+    std::unique_ptr<QSslSocket> connectedDevice() const;
     void bringAboutTheLine();
     bool hasClients() const { return plugin->getStatus().contains(QLatin1String("tcp2:")); }
     bool allIsOffered() const;
@@ -132,22 +145,30 @@ void tst_NestedLoops::addLines()
         QTest::newRow(line) << QString::fromLatin1(line);
 }
 
-void tst_NestedLoops::connectDevice()
+// Unless the plugin has stopped meanwhile.
+std::unique_ptr<QSslSocket> tst_NestedLoops::connectedDevice() const
 {
-    device = std::make_unique<QSslSocket>();
-    device->setPeerVerifyMode(QSslSocket::VerifyNone);
+    auto result = std::make_unique<QSslSocket>();
+    result->setPeerVerifyMode(QSslSocket::VerifyNone);
     if (useTls)
-        device->connectToHostEncrypted(testAddress().toString(), port);
+        result->connectToHostEncrypted(testAddress().toString(), port);
     else
-        device->connectToHost(testAddress(), port);
-    WAIT_FOR(useTls ? device->isEncrypted() : device->state() == QAbstractSocket::ConnectedState);
+        result->connectToHost(testAddress(), port);
+    const auto isReady = [&] {
+        return result->state() == QAbstractSocket::UnconnectedState
+                || (useTls ? result->isEncrypted()
+                           : result->state() == QAbstractSocket::ConnectedState);
+    };
+    if (!QTest::qWaitFor(isReady, HangGuardMs))
+        qFatal("%s", qPrintable(result->errorString()));
+    return result;
 }
 
 // In the worker, whose thread is in that line when this returns.
 void tst_NestedLoops::bringAboutTheLine()
 {
     QFETCH(QString, line);
-    connectDevice();
+    device = connectedDevice();
     device->write(sent);
     WAIT_FOR(device->bytesToWrite() == 0 && device->encryptedBytesToWrite() == 0);
     if (line == QLatin1String("triggering")) {
@@ -195,6 +216,77 @@ void tst_NestedLoops::pluginStops()
     QVERIFY(LoopInALine::hasEnded());
     // What no worker has taken yet is dropped.
     QVERIFY(allIsOffered() || line == QLatin1String("Handling"));
+}
+
+// Where the plugin makes a worker. Either the plugin stops in there, or one more is needed.
+void tst_NestedLoops::inTheHostsThread_data()
+{
+    QTest::addColumn<QString>("line");
+    QTest::addColumn<bool>("stops");
+    for (const char *line :
+         {"Creating new TCP Thread", "Creating new TcpTask2", "new connection, "}) {
+        QTest::addRow("%s, stop", line) << QString::fromLatin1(line) << true;
+        QTest::addRow("%s, another device", line) << QString::fromLatin1(line) << false;
+    }
+}
+
+void tst_NestedLoops::inTheHostsThread()
+{
+    QFETCH(QString, line);
+    QFETCH(bool, stops);
+    const qsizetype threadsBefore = runningThreads();
+    std::unique_ptr<QSslSocket> other;
+    const auto first = [&] {
+        if (stops)
+            plugin->stop();
+        else
+            other = connectedDevice();
+        LoopInALine::leave();
+    };
+    const LoopInALine loop(line, first);
+    device = connectedDevice();
+    WAIT_FOR(LoopInALine::hasEnded());
+    if (!stops) {
+        device->write(sent);
+        WAIT_FOR(allIsOffered());
+        records.clear();
+        other->write(sent);
+        WAIT_FOR(allIsOffered());
+    }
+    plugin.reset();
+    QCOMPARE(runningThreads(), threadsBefore);
+}
+
+// Either the socket has more to tell in there, or the plugin stops.
+void tst_NestedLoops::failedHandshake_data()
+{
+    QTest::addColumn<bool>("stops");
+    QTest::newRow("peer ends") << false;
+    QTest::newRow("plugin stops") << true;
+}
+
+void tst_NestedLoops::failedHandshake()
+{
+    QFETCH_GLOBAL(bool, tls);
+    if (!tls)
+        return;
+    QFETCH(bool, stops);
+    QTcpSocket peer;
+    const LoopInALine loop(QStringLiteral("SSL Socket error"), [&] {
+        peer.abort();
+        if (stops)
+            plugin->stop();
+        LoopInALine::leave();
+    });
+    peer.connectToHost(testAddress(), port);
+    WAIT_FOR(peer.state() == QAbstractSocket::ConnectedState);
+    peer.write(QByteArray("\x16") + QByteArray(100, 'x'));
+    WAIT_FOR(LoopInALine::hasEnded());
+    if (stops)
+        return;
+    device = connectedDevice(); // it goes on listening
+    device->write(sent);
+    WAIT_FOR(allIsOffered());
 }
 
 QTEST_GUILESS_MAIN(tst_NestedLoops)

@@ -76,19 +76,23 @@ TcpTask2::~TcpTask2()
 {
     const Reentry reentry;
     dying = true;
-    // Connections that are still to be added travel as queued calls, which would die with the task:
-    // those have their last offer as well. Without clients nothing is sent: the task may belong to
-    // a thread that could not be started.
     const auto clientsMade = [this] {
         return findChildren<TcpClient2 *>(QString(), Qt::FindDirectChildrenOnly);
     };
+    // Connections that are still to be added travel as queued calls, which would die with the task:
+    // those have their last offer as well. In another thread than its own, which never ran then,
+    // there are none.
+    const bool ownThread = QThread::currentThread() == thread();
     qsizetype ended = 0;
-    for (auto all = clientsMade(); all.size() > ended; all = clientsMade()) {
+    auto all = clientsMade();
+    do {
         ended = all.size();
         for (TcpClient2 *client : std::as_const(all))
             client->mdisconnected();
-        QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
-    }
+        if (ownThread)
+            QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
+        all = clientsMade();
+    } while (all.size() > ended);
     qDeleteAll(clientsMade()); // while the watch that they refer to is there
 }
 

@@ -137,6 +137,7 @@ private Q_SLOTS:
     void destructionMakesTheLastOffers();
     void destructionAfterStop();
     void destructionWithTheThread();
+    void destructionBeforeTheFirstConnection();
     void destructionInAThreadThatNeverRan();
 
     void callsDoNotWaitForTheWorker();
@@ -487,6 +488,26 @@ void tst_TaskStopping::destructionWithTheThread()
     QVERIFY(!task);
     QCOMPARE(destroyedIn, worker->thread.get());
     QCOMPARE(records->takeLast(20), messagesOf(20));
+}
+
+// It was dealt to the task, which has not come to it.
+void tst_TaskStopping::destructionBeforeTheFirstConnection()
+{
+    worker = std::make_unique<Worker>();
+    makeTask(worker->thread.get());
+    worker->block();
+    const auto addFirst = [this] {
+        addClient();
+        QVERIFY(sendToAll());
+    };
+    QMetaObject::invokeMethod(task, addFirst, Qt::QueuedConnection);
+    worker->thread->quit();
+    task->deleteLater();
+    worker->release();
+    QVERIFY(worker->thread->wait());
+
+    QVERIFY(!task);
+    QCOMPARE(records->takeMessages(), messagesOf(1));
 }
 
 void tst_TaskStopping::destructionInAThreadThatNeverRan()

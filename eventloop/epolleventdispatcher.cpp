@@ -186,7 +186,8 @@ void EpollEventDispatcher::watch(int fd, Descriptor &descriptor)
         descriptor.watched = epoll_ctl(epollFd, operation, fd, &event) == 0;
     }
     if (!descriptor.watched) {
-        descriptor.alwaysReady = errno == EPERM;
+        // Without memory for another one: it may be ready, and is tried again in every turn.
+        descriptor.alwaysReady = errno == EPERM || errno == ENOMEM || errno == ENOSPC;
         unwatched.insert(fd);
     }
 }
@@ -196,11 +197,14 @@ void EpollEventDispatcher::collectUnwatched()
 {
     for (auto next = unwatched.begin(); next != unwatched.end();) {
         const int fd = *next;
-        if (descriptors[fd].alwaysReady)
-            collect(fd, EPOLLIN | EPOLLOUT); // as poll(2) says of such files
-        else
+        Descriptor &descriptor = descriptors[fd];
+        if (descriptor.alwaysReady)
+            watch(fd, descriptor);
+        if (!descriptor.watched && descriptor.alwaysReady)
+            collect(fd, EPOLLIN | EPOLLOUT); // as poll(2) says of files
+        else if (!descriptor.watched)
             disableNotifiers(fd);
-        next = unwatched.upper_bound(fd); // looked up again: disabling changes the set
+        next = unwatched.upper_bound(fd); // looked up again: all of this changes the set
     }
 }
 

@@ -94,7 +94,7 @@ private:
         std::array<QSocketNotifier *, 3> notifiers{}; // by QSocketNotifier::Type
         std::bitset<3> pending; // found ready, not activated yet
         bool watched = false; // by the kernel
-        bool alwaysReady = false; // of a kind the kernel does not watch, a regular file say
+        bool alwaysReady = false; // if the kernel does not watch it: a regular file, say
     };
 
     explicit EpollEventDispatcher(TimerQueue::Duration interval) : wakeUpInterval(interval) {}

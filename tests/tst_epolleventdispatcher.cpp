@@ -12,9 +12,22 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <sys/epoll.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 
 using namespace dispatchertest;
+
+// In place of the C library's: the kernel has no memory for another descriptor on demand.
+static bool outOfMemory = false;
+extern "C" int epoll_ctl(int epoll, int operation, int fd, epoll_event *event) noexcept
+{
+    if (outOfMemory && operation == EPOLL_CTL_ADD) {
+        errno = ENOMEM;
+        return -1;
+    }
+    return static_cast<int>(::syscall(SYS_epoll_ctl, epoll, operation, fd, event));
+}
 
 namespace {
 void runWithEpoll(const std::function<void()> &body)
@@ -40,6 +53,7 @@ private Q_SLOTS:
     void nullWithoutDescriptors();
     void descriptorsAreClosed();
     void descriptorsAreNotInherited();
+    void staysAliveWithoutMemory();
     void unknownTimer();
     void coarseTimersAreNeverEarly();
     void veryCoarseTimerIsOnTheSecond();
@@ -124,6 +138,30 @@ void tst_EpollEventDispatcher::descriptorsAreNotInherited()
         QVERIFY(fcntl(name.toInt(), F_GETFD) & FD_CLOEXEC);
     }
     QVERIFY(ours >= 4); // these and the application's
+}
+
+// A listener that was silenced for a passing want would be deaf for good.
+void tst_EpollEventDispatcher::staysAliveWithoutMemory()
+{
+    int ends[2];
+    QCOMPARE(pipe(ends), 0);
+    const Fd readEnd(ends[0]);
+    const Fd writeEnd(ends[1]);
+    outOfMemory = true;
+    const auto restore = qScopeGuard([] { outOfMemory = false; });
+    QSocketNotifier notifier(readEnd, QSocketNotifier::Read);
+    int activations = 0;
+    connect(&notifier, &QSocketNotifier::activated, this, [&] { ++activations; });
+    QVERIFY(turnUntil([&] { return activations > 1; })); // whatever there is to read
+    QVERIFY(notifier.isEnabled());
+
+    outOfMemory = false;
+    turn();
+    activations = 0;
+    settle();
+    QCOMPARE(activations, 0); // the kernel tells again
+    QCOMPARE(write(writeEnd, "x", 1), 1);
+    QVERIFY(turnUntil([&] { return activations > 0; }));
 }
 
 void tst_EpollEventDispatcher::unknownTimer()

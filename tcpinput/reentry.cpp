@@ -3,32 +3,29 @@
 
 #include "tcpinput/reentry.h"
 
-#include <QtCore/QList>
-#include <QtCore/QObject>
-#include <QtCore/QPointer>
-
 #include <utility>
 
 namespace {
 
-thread_local int callsOnStack = 0;
-thread_local QList<QPointer<QObject>> waiting; // for the outermost call's end
+// A pointer alone: hosts may delete the plugin when the thread's objects have been destroyed.
+thread_local Reentry *outermost = nullptr;
 
 } // namespace
 
 Reentry::Reentry()
 {
-    ++callsOnStack;
+    if (!outermost)
+        outermost = this;
 }
 
 // Qt deletes when control is back in the event loop that deleteLater() was called from: here, that
 // of the outermost call.
 Reentry::~Reentry()
 {
-    if (--callsOnStack > 0 || waiting.isEmpty())
+    if (outermost != this)
         return;
-    const auto objects = std::exchange(waiting, {});
-    for (const QPointer<QObject> &object : objects) {
+    outermost = nullptr;
+    for (const QPointer<QObject> &object : std::as_const(waiting)) {
         if (object)
             object->deleteLater();
     }
@@ -36,13 +33,13 @@ Reentry::~Reentry()
 
 bool Reentry::isOnStack()
 {
-    return callsOnStack > 0;
+    return outermost;
 }
 
 void Reentry::deleteLater(QObject *object)
 {
-    if (isOnStack())
-        waiting.append(object);
+    if (outermost)
+        outermost->waiting.append(object);
     else
         object->deleteLater();
 }

@@ -3,7 +3,9 @@
 
 #pragma once
 
-class QObject;
+#include <QtCore/QList>
+#include <QtCore/QObject>
+#include <QtCore/QPointer>
 
 /*!
     Marks, while it lives, a call on the stack that runs code of the host, which may run the event
@@ -26,4 +28,7 @@ public:
     // As object->deleteLater(), once no call is on the stack any more. The object belongs to the
     // calling thread and may be deleted by others before.
     static void deleteLater(QObject *object);
+
+private:
+    QList<QPointer<QObject>> waiting; // in the outermost one
 };

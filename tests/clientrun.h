@@ -17,6 +17,7 @@
 #include <functional>
 #include <limits>
 #include <memory>
+#include <thread>
 #include <vector>
 
 /*!
@@ -95,7 +96,7 @@ private:
                                                          &ClientRun::bytesAreAnnounced,
                                                          &ClientRun::hostAnswers,
                                                          &ClientRun::hostAnswers,
-                                                         &ClientRun::hostAnswers,
+                                                         &ClientRun::hostAnswersInItsThread,
                                                          &ClientRun::hostAnswersWithPosition,
                                                          &ClientRun::cutsAreCarriedOut,
                                                          &ClientRun::cutsAreCarriedOut,
@@ -170,29 +171,58 @@ private:
         model.read(unread);
     }
 
-    void hostAnswers()
+    int anyLength()
     {
         const int size = static_cast<int>(model.buffer.size());
-        const int length =
-                choices.of({0, -1, std::numeric_limits<int>::min(), 1, 2, size / 2, size / 3,
-                            size - 81, size - 80, size - 22, size - 21, size - 20, size - 19,
-                            size - 1, size, size, size + 1, std::numeric_limits<int>::max()});
-        note(QStringLiteral("the host discards %1").arg(length));
-        client->discard(length);
-        posted.push_back([this, length] { model.cut(length); });
+        return choices.of({0, -1, std::numeric_limits<int>::min(), 1, 2, size / 2, size / 3,
+                           size - 81, size - 80, size - 22, size - 21, size - 20, size - 19,
+                           size - 1, size, size, size + 1, std::numeric_limits<int>::max()});
     }
-    void hostAnswersWithPosition()
+    quint64 anyPosition()
     {
         const quint64 front = model.position;
         const auto size = static_cast<quint64>(model.buffer.size());
-        const quint64 position =
-                choices.of<quint64>({0, front, front - std::min<quint64>(front, 1), front + 1,
-                                     front + size / 2, front + size - std::min<quint64>(size, 21),
-                                     front + size - std::min<quint64>(size, 20), front + size,
-                                     front + size + 1, std::numeric_limits<quint64>::max()});
+        return choices.of<quint64>({0, front, front - std::min<quint64>(front, 1), front + 1,
+                                    front + size / 2, front + size - std::min<quint64>(size, 21),
+                                    front + size - std::min<quint64>(size, 20), front + size,
+                                    front + size + 1, std::numeric_limits<quint64>::max()});
+    }
+
+    void hostAnswers()
+    {
+        const int length = anyLength();
+        note(QStringLiteral("the host discards %1").arg(length));
+        client->discard(length);
+        postCut([this, length] { model.cut(length); });
+    }
+    void hostAnswersWithPosition()
+    {
+        const quint64 position = anyPosition();
         note(QStringLiteral("the host discards up to %1").arg(position));
         client->discardTo(position);
-        posted.push_back([this, position] { model.cutTo(position); });
+        if (position > model.position)
+            postCut([this, position] { model.cutTo(position); });
+    }
+    // As hosts do. What leaves nothing to be offered is cut at once then, unless cuts that came
+    // before are on their way.
+    void hostAnswersInItsThread()
+    {
+        const int length = anyLength();
+        note(QStringLiteral("the host discards %1, in its own thread").arg(length));
+        std::thread([this, length] { client->discard(length); }).join();
+        const qsizetype left = model.buffer.size() - std::max(length, 0);
+        if (postedCuts == 0 && left >= 0 && left <= 20)
+            model.cut(length);
+        else
+            postCut([this, length] { model.cut(length); });
+    }
+    void postCut(const std::function<void()> &cut)
+    {
+        ++postedCuts;
+        posted.push_back([this, cut] {
+            cut();
+            --postedCuts;
+        });
     }
     void cutsAreCarriedOut()
     {
@@ -277,6 +307,7 @@ private:
     std::unique_ptr<TcpClient2> client;
 
     std::vector<std::function<void()>> posted; // calls that wait in the client's queue
+    int postedCuts = 0; // among them
     quint64 streamed = 0;
     bool peerEnded = false;
     QStringList steps;

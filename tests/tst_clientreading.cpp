@@ -98,6 +98,7 @@ private Q_SLOTS:
     void checkTimerKicks();
     void kickInRealTime();
 
+    void offersRestartTheIdleTime_data();
     void offersRestartTheIdleTime();
     void idleTimerIsSetToTheRest();
     void checkTimerRunsWhileThereIsSomethingToCheck();
@@ -620,10 +621,14 @@ void tst_ClientReading::checkTimerKicks()
     ConnectedClient connection;
     QVERIFY(connection.deliver(bytes(81)));
     connection.takeOffers();
-    MovableClock::advance(2001);
-
-    QVERIFY(QMetaObject::invokeMethod(&checkTimerOf(*connection.client), "timeout"));
-    QCOMPARE(connection.takeOffers(), QList<QByteArray>({bytes(81)}));
+    QTimer &timer = checkTimerOf(*connection.client);
+    for (const int elapsedMs : {2001, 1000, 1001}) { // the second one has nothing to kick
+        MovableClock::advance(elapsedMs);
+        timer.stop(); // as it is when it fires
+        QVERIFY(QMetaObject::invokeMethod(&timer, "timeout"));
+        QVERIFY(timer.isActive()); // for the next one
+        QCOMPARE(connection.takeOffers().size(), elapsedMs == 1000 ? 0 : 1);
+    }
 }
 
 // With the real clock and the real timer.
@@ -640,9 +645,21 @@ void tst_ClientReading::kickInRealTime()
     QCOMPARE(connection.takeOffers(), QList<QByteArray>({bytes(81), bytes(81)}));
 }
 
+void tst_ClientReading::offersRestartTheIdleTime_data()
+{
+    QTest::addColumn<bool>("hasTaker");
+    QTest::newRow("by signal") << false;
+    QTest::newRow("to a taker") << true;
+}
+
 void tst_ClientReading::offersRestartTheIdleTime()
 {
     ConnectedClient connection;
+    QFETCH(bool, hasTaker);
+    if (hasTaker) {
+        disconnect(connection.client.get(), &TcpClient2::readyRead, nullptr, nullptr);
+        connection.client->offerTo([](const QByteArray &) {});
+    }
     const auto restarted = [&] { return takeIdleRestart(*connection.client); };
     QVERIFY(restarted()); // at the beginning
     QVERIFY(connection.deliver(bytes(100)));

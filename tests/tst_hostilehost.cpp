@@ -28,6 +28,7 @@ using SubIds = QMap<QString, QString>;
 
 const QString TaskKey = QStringLiteral("task");
 const QString ClientKey = QStringLiteral("client");
+const QString ConnectionKey = QStringLiteral("connection");
 
 //! Another thread of the host's, which does what it is told.
 class OtherThread
@@ -89,10 +90,23 @@ void discardNonsense(IInputPlugin &plugin, const SubIds &own)
     }
     plugin.discard(Most, {});
     SubIds otherConnection = own;
-    otherConnection.insert(QStringLiteral("connection"), QStringLiteral("18446744073709551615"));
+    otherConnection.insert(ConnectionKey, QStringLiteral("18446744073709551615"));
     plugin.discard(Most, otherConnection);
     for (int length : {0, -1, -Most, std::numeric_limits<int>::min()})
         plugin.discard(length, own);
+}
+
+// Answers that mix up two connections, both of which are there. They cut nothing: each worker has
+// its own clients, and a connection's number is no other's.
+void discardMixedUp(IInputPlugin &plugin, const SubIds &one, const SubIds &other)
+{
+    constexpr int Most = std::numeric_limits<int>::max();
+    for (const QString &key : {TaskKey, ClientKey, ConnectionKey}) {
+        SubIds mixed = one;
+        mixed.insert(key, other.value(key));
+        if (mixed != one) // both may be one worker's
+            plugin.discard(Most, mixed);
+    }
 }
 
 //! Takes numbered messages exactly, and answers each offer more often than it should.
@@ -164,6 +178,8 @@ private Q_SLOTS:
     void cleanup();
 
     void nonsenseCutsNothing();
+    void mixedUpAnswersCutNothing_data();
+    void mixedUpAnswersCutNothing();
     void moreThanThereIsCutsAll();
     void answersThatCutNothingDoNotStarveOthers();
     void clientIsGone();
@@ -315,6 +331,44 @@ void tst_HostileHost::nonsenseCutsNothing()
 
     QVERIFY(sendAndClose(*devices[0], "end"));
     QTRY_COMPARE_WITH_TIMEOUT(records.last()->getOriginalMessage(), bytes + "end", HangGuardMs);
+}
+
+void tst_HostileHost::mixedUpAnswersCutNothing_data()
+{
+    QTest::addColumn<int>("threads");
+    QTest::newRow("of one worker") << 1;
+    QTest::newRow("of two") << 2;
+}
+
+void tst_HostileHost::mixedUpAnswersCutNothing()
+{
+    QFETCH(int, threads);
+    start(true, threads);
+    connectDevices(2);
+    const QByteArray bytes(100, 'x');
+    for (const Device &device : devices)
+        device->write(bytes);
+    QTRY_VERIFY_WITH_TIMEOUT(allOffered(bytes), HangGuardMs);
+
+    QMap<QString, SubIds> own; // by client
+    for (const shared_parsedData &record : std::as_const(records))
+        own.insert(record->getPluginSubId().value(ClientKey), record->getPluginSubId());
+    QCOMPARE(own.size(), 2);
+    const SubIds &one = own.first();
+    const SubIds &other = own.last();
+    QCOMPARE(one.value(TaskKey) == other.value(TaskKey), threads == 1);
+    const auto mixUp = [&] {
+        discardMixedUp(*plugin, one, other);
+        discardMixedUp(*plugin, other, one);
+    };
+    mixUp();
+    OtherThread().run(mixUp);
+
+    records.clear();
+    for (const Device &device : devices)
+        QVERIFY(sendAndClose(*device, "end"));
+    QTRY_VERIFY_WITH_TIMEOUT(allOffered("end"), HangGuardMs);
+    QVERIFY(allOffered(bytes + "end"));
 }
 
 void tst_HostileHost::moreThanThereIsCutsAll()
@@ -513,8 +567,8 @@ void tst_HostileHost::deletesThePluginWhileReceiving()
 // The devices send on meanwhile, and the workers offer: nothing of it is lost.
 void tst_HostileHost::standsStill()
 {
-    constexpr unsigned long StallMs = 1000; // each client makes several offers meanwhile
-    constexpr int Messages = 100;
+    constexpr unsigned long StallMs = 3000; // each client makes many offers meanwhile
+    constexpr int Messages = 250;
     start(true);
     disconnect(plugin.get(), nullptr, this, nullptr);
     HostileHost host(*plugin);

@@ -58,6 +58,7 @@ private Q_SLOTS:
     void coarseTimersAreNeverEarly();
     void veryCoarseTimerIsOnTheSecond();
     void wakeUpsAreOneEvent();
+    void eventsWithoutEndStarveNoSocket();
     void manyThreads();
 };
 
@@ -210,6 +211,31 @@ void tst_EpollEventDispatcher::wakeUpsAreOneEvent()
             dispatcher()->wakeUp();
         QVERIFY(turn());
         QVERIFY(!turn());
+    });
+}
+
+// As many as a thread posts to itself, each from within the one before.
+void tst_EpollEventDispatcher::eventsWithoutEndStarveNoSocket()
+{
+    runWithEpoll([] {
+        constexpr int Most = 1000; // so that the test has an end when it fails
+        const SocketPair pair;
+        QSocketNotifier notifier(pair.a, QSocketNotifier::Read);
+        bool served = false;
+        onActivated(&notifier, [&] {
+            pair.receive();
+            served = true;
+        });
+        QObject object;
+        int posted = 0;
+        const std::function<void()> postAgain = [&] {
+            if (!served && ++posted < Most)
+                QMetaObject::invokeMethod(&object, postAgain, Qt::QueuedConnection);
+        };
+        postAgain();
+        pair.send();
+        QVERIFY(turnUntil([&] { return served; }));
+        QVERIFY(posted < Most);
     });
 }
 

@@ -298,6 +298,7 @@ private Q_SLOTS:
     // Last: UndefinedBehaviorSanitizer needs descriptors to look at a class for the first time.
     void noThreadWithoutDescriptors();
     void pendingUntilThreadCanBeHad();
+    void stoppedWhileNoThreadCanBeHad();
     void pausedWithoutDescriptors_data();
     void pausedWithoutDescriptors();
 
@@ -1289,6 +1290,32 @@ void tst_TcpInputPlugin2::pendingUntilThreadCanBeHad()
     }
     QCOMPARE(plugin.taskOf("here"), u"0"_s);
     QCOMPARE(taskIndexOf(plugin), 1);
+    takeLog();
+}
+
+// What was held for its sake is not held any more: accepting pauses and goes on as ever.
+void tst_TcpInputPlugin2::stoppedWhileNoThreadCanBeHad()
+{
+    Plugin plugin;
+    QVERIFY(plugin.start());
+    const NativeSocket early = plugin.connectDevice();
+    {
+        NoFreeDescriptors descriptors;
+        descriptors.giveBack(1); // for the connection
+        QTRY_VERIFY(plugin.findChild<TcpServer *>()->hasPendingConnections());
+        QVERIFY(plugin.stop());
+    }
+    QVERIFY(plugin.start());
+    NativeSocket device = NativeSocket::unconnected(plugin.address);
+    takeLog();
+    QStringList log;
+    {
+        const NoFreeDescriptors none;
+        QVERIFY(device.connect(plugin.address, plugin.port));
+        QTRY_VERIFY(!(log += takeLog()).filter(u"Out of file descriptors"_s).isEmpty());
+    }
+    QVERIFY(device.send("here"));
+    QCOMPARE(plugin.taskOf("here"), u"0"_s);
     takeLog();
 }
 

@@ -63,6 +63,8 @@ private Q_SLOTS:
     void failedHandshakesLeaveNothing();
     void openHandshakesEndWithTheServer_data();
     void openHandshakesEndWithTheServer();
+    void waitingConnectionsEndWithTheServer_data();
+    void waitingConnectionsEndWithTheServer();
     void stopsFromInsideAHandshake();
     void silentPeersDelayNobody();
     void silentPeersAreDropped();
@@ -299,6 +301,37 @@ void tst_TlsFaults::openHandshakesEndWithTheServer()
         return;
     QVERIFY(plugin->start());
     QVERIFY(serve(TLS1_3_VERSION, "good"));
+}
+
+void tst_TlsFaults::waitingConnectionsEndWithTheServer_data()
+{
+    QTest::addColumn<bool>("destroys");
+    QTest::newRow("stopped") << false;
+    QTest::newRow("destroyed") << true;
+}
+
+// Their handshake is done, and nobody has taken them.
+void tst_TlsFaults::waitingConnectionsEndWithTheServer()
+{
+    QFETCH(bool, destroys);
+    start();
+    disconnect(&server(), &QTcpServer::pendingConnectionAvailable, plugin.get(), nullptr);
+    const qsizetype before = openSockets();
+    TlsDevice device(TLS1_3_VERSION);
+    QVERIFY(play([&] {
+        if (device.connect(testAddress(), port) && device.handshake())
+            device.flush();
+    }));
+    QTRY_VERIFY_WITH_TIMEOUT(server().hasPendingConnections(), HangGuardMs);
+    QCOMPARE(openSockets(), before + 2);
+    if (destroys) {
+        plugin.reset();
+    } else {
+        plugin->stop();
+        QVERIFY(!server().hasPendingConnections());
+    }
+    QTRY_COMPARE(openSockets(), before); // without the listening one's, and with the device's
+    QVERIFY(device.waitForEnd());
 }
 
 void tst_TlsFaults::stopsFromInsideAHandshake()

@@ -163,11 +163,17 @@ Outcome NeverDeaf::resetsInBacklog(bool tls, int peers)
     outcome.before = scene.serveMedian();
     // In the plugin's own thread: nobody accepts meanwhile.
     std::vector<NativeSocket> waiting;
-    for (int n = 0; n < peers; ++n)
+    Scene::GoodDevice among(scene);
+    for (int n = 0; n < peers; ++n) {
         waiting.push_back(NativeSocket::connectedTo(testAddress(), scene.port));
+        if (n == peers / 2)
+            among.go();
+    }
     for (NativeSocket &peer : waiting)
         peer.reset();
     outcome.after = scene.serve();
+    serveUntil([&] { return among.isServed(); });
+    outcome.during = among.servedAfter();
     count(outcome, scene, peers, tls ? 1 : LinesSilent + Invalid);
     return outcome;
 }

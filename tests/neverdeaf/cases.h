@@ -34,7 +34,8 @@ Outcome silentPeers(int count);
 // Handshakes that are none, or are broken. during: the longest, here and below.
 Outcome garbageHandshakes(int count);
 Outcome closersAtOnce(bool tls, int count);
-// Connections that are reset before anybody has accepted them.
+// Connections that are reset before anybody has accepted them. during: a device that connects among
+// them.
 Outcome resetsInBacklog(bool tls, int count);
 // start() finds the port taken; it is freed; stop(), start().
 Outcome portTaken(bool tls);

@@ -393,6 +393,8 @@ bool TcpInputPlugin2::handOver()
     TcpTask2 *task = getTask();
     if (!task)
         return false;
+    if (taskIndex != number) // another was handed over within a line, whose handler may run the
+        return handOver(); // event loop
 
     Connection conn = connTemplate;
     conn.setSsl(useSsl);
@@ -405,6 +407,7 @@ bool TcpInputPlugin2::handOver()
     }
     conn.setPluginId(pluginId);
     conn.setTimeout(timeoutMs);
+    taskIndex = (taskIndex + 1) % poolSize; // before the line, for those that come in there
     CWRN(QtDebugMsg, QStringLiteral("TcpInputPlugin2(%1): new connection, %2"), pluginId,
          currentThreadNumber());
     if (tasks.value(number) != task) // stopped within the line, and the connection was closed
@@ -412,7 +415,6 @@ bool TcpInputPlugin2::handOver()
     // As by its name "addConnection", without looking that up for every connection.
     QMetaObject::invokeMethod(
             task, [task, conn] { task->addConnection(conn); }, Qt::QueuedConnection);
-    taskIndex = (taskIndex + 1) % poolSize;
     return true;
 }
 

@@ -97,6 +97,10 @@ private:
     void bringAboutTheLine();
     bool hasClients() const { return plugin->getStatus().contains(QLatin1String("tcp2:")); }
     bool allIsOffered() const;
+    QString taskOfLast() const
+    {
+        return records.last()->getPluginSubId().value(QStringLiteral("task"));
+    }
 
     std::unique_ptr<TcpInputPlugin2> plugin;
     std::unique_ptr<QSslSocket> device;
@@ -121,7 +125,7 @@ void tst_NestedLoops::init()
     QJsonObject config{{QStringLiteral("ipAddr"), testAddress().toString()},
                        {QStringLiteral("port"), port},
                        {QStringLiteral("timeout"), 1},
-                       {QStringLiteral("threadpoolSize"), 1}};
+                       {QStringLiteral("threadpoolSize"), 2}};
     if (useTls)
         config.insert(QStringLiteral("ssl"), serverTls());
     plugin = std::make_unique<TcpInputPlugin2>(nullptr, config);
@@ -249,9 +253,11 @@ void tst_NestedLoops::inTheHostsThread()
     if (!stops) {
         device->write(sent);
         WAIT_FOR(allIsOffered());
+        const QString taken = taskOfLast();
         records.clear();
         other->write(sent);
         WAIT_FOR(allIsOffered());
+        QVERIFY(taskOfLast() != taken); // in rotation all the same
     }
     plugin.reset();
     QCOMPARE(runningThreads(), threadsBefore);

@@ -5,7 +5,6 @@
 
 #include "plugin/cwrn.h"
 #include "ssl/ssl.h"
-#include "tcpinput/reentry.h"
 #include "tcpinput/tcptask2.h"
 #include "tcpinput/threadid.h"
 #include "tcpinput/workerthread.h"
@@ -364,7 +363,6 @@ QStringList TcpInputPlugin2::onQuery(QString q)
 
 void TcpInputPlugin2::socketError(QSslSocket *socket, QAbstractSocket::SocketError)
 {
-    const Reentry reentry;
     CWRN(QtWarningMsg, QStringLiteral("TcpInputPlugin2(%1): SSL Socket error: %2"), pluginId,
          socket->errorString());
 }
@@ -453,13 +451,11 @@ void TcpInputPlugin2::showThreads()
 
 void TcpInputPlugin2::sslErrors(QSslSocket *, const QList<QSslError> &)
 {
-    const Reentry reentry;
     CWRN(QtWarningMsg, QStringLiteral("TcpInputPlugin2(%1): SSL Errors"), pluginId);
 }
 
 void TcpInputPlugin2::hshakeError(QSslSocket *, const QSslError &error)
 {
-    const Reentry reentry;
     CWRN(QtWarningMsg, QStringLiteral("TcpInputPlugin2(%1): SSL handshake error: %2"), pluginId,
          error.errorString());
 }

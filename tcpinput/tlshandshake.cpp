@@ -4,7 +4,8 @@
 #include "tcpinput/tlshandshake.h"
 
 #include "ssl/sessiontickets.h"
-#include "tcpinput/reentry.h"
+
+#include <utility>
 
 #include <sys/ioctl.h>
 
@@ -41,7 +42,8 @@ void TlsHandshake::drop()
     state = Over;
     ignoreSocket();
     socket->abort();
-    Reentry::deleteLater(this); // with the socket, which may be emitting just now
+    if (!reporting)
+        deleteLater(); // with the socket, which may be emitting just now
 }
 
 void TlsHandshake::forwardSignals()
@@ -50,12 +52,15 @@ void TlsHandshake::forwardSignals()
     connect(from, &QSslSocket::peerVerifyError, server,
             [this, from](const QSslError &error) { Q_EMIT server->peerVerifyError(from, error); });
     connect(from, &QSslSocket::sslErrors, server, [this, from](const QList<QSslError> &errors) {
+        const bool within = std::exchange(reporting, true);
         Q_EMIT server->sslErrors(from, errors);
+        reporting = within;
+        if (!reporting && state == Over) // meanwhile: the receivers may run the event loop
+            deleteLater();
     });
+    // Passed on with the failure that follows.
     connect(from, &QSslSocket::handshakeInterruptedOnError, server,
-            [this, from](const QSslError &error) {
-                Q_EMIT server->handshakeInterruptedOnError(from, error);
-            });
+            [this](const QSslError &error) { interruption = error; });
     connect(from, &QSslSocket::alertSent, server,
             [this, from](QSsl::AlertLevel level, QSsl::AlertType type, const QString &text) {
                 Q_EMIT server->alertSent(from, level, type, text);
@@ -86,13 +91,31 @@ void TlsHandshake::checkHello()
     Q_EMIT server->startedEncryptionHandshake(socket.get());
 }
 
+// Comes from inside the socket's receiving, which may go on afterwards: with an alert for the peer,
+// or more errors, of which the first tells the reason. The receivers of the report may run the
+// event loop, and the socket does not bear that in there.
 void TlsHandshake::fail(QAbstractSocket::SocketError error)
 {
-    // First of all: the receivers write a line, whose handler may run the event loop.
-    state = Over;
+    state = Failed;
     ignoreSocket();
+    QMetaObject::invokeMethod(
+            this, [this, error, text = socket->errorString()] { report(error, text); },
+            Qt::QueuedConnection);
+}
+
+void TlsHandshake::report(QAbstractSocket::SocketError error, const QString &text)
+{
+    if (state != Failed)
+        return; // dropped meanwhile
+    state = Over;
+    socket->setErrorString(text);
+    const bool within = std::exchange(reporting, true);
+    if (interruption)
+        Q_EMIT server->handshakeInterruptedOnError(socket.get(), *interruption);
     Q_EMIT server->errorOccurred(socket.get(), error);
-    Reentry::deleteLater(this); // not drop(): an alert for the peer may be on its way
+    reporting = within;
+    if (!reporting)
+        deleteLater(); // not drop(): an alert for the peer may be on its way
 }
 
 void TlsHandshake::timedOut()

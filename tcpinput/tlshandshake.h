@@ -8,6 +8,7 @@
 #include <QtCore/QTimer>
 
 #include <memory>
+#include <optional>
 
 /*!
     One handshake of a TLS server, from acceptance to the finished or failed socket.
@@ -36,6 +37,7 @@ private:
     void forwardSignals();
     void checkHello();
     void fail(QAbstractSocket::SocketError error);
+    void report(QAbstractSocket::SocketError error, const QString &text);
     void timedOut();
     bool hasUnread() const;
     void encrypted();
@@ -45,6 +47,8 @@ private:
     SslServer *const server;
     std::unique_ptr<SslServer::Socket> socket;
     QTimer timer;
+    std::optional<QSslError> interruption; // of the handshake, by Qt
+    bool reporting = false; // to receivers, which may run the event loop: not to be deleted
     bool prolonged = false; // once, for an answer that was there in time
-    enum { Open, Encrypted, Over } state = Open;
+    enum { Open, Encrypted, Failed, Over } state = Open;
 };

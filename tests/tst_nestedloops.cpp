@@ -90,6 +90,9 @@ private Q_SLOTS:
     void inTheHostsThread();
     void failedHandshake_data();
     void failedHandshake();
+    void badCertificate_data();
+    void badCertificate();
+    void handshakesOfOthers();
 
 private:
     static void addLines();
@@ -293,6 +296,83 @@ void tst_NestedLoops::failedHandshake()
     device = connectedDevice(); // it goes on listening
     device->write(sent);
     WAIT_FOR(allIsOffered());
+}
+
+void tst_NestedLoops::badCertificate_data()
+{
+    QTest::addColumn<QString>("line");
+    QTest::addColumn<bool>("stops");
+    for (const char *line : {"SSL Errors", "SSL handshake error"}) {
+        QTest::addRow("%s, peer", line) << QString::fromLatin1(line) << false;
+        QTest::addRow("%s, stop", line) << QString::fromLatin1(line) << true;
+    }
+}
+
+// The socket does not bear an event loop inside of all that it tells.
+void tst_NestedLoops::badCertificate()
+{
+    QFETCH_GLOBAL(bool, tls);
+    if (!tls)
+        return;
+    QFETCH(QString, line);
+    QFETCH(bool, stops);
+    const bool debug = line == QLatin1String("SSL handshake error");
+    QJsonObject ssl = serverTls();
+    ssl.insert(QStringLiteral("verifyPeer"), true);
+    ssl.insert(QStringLiteral("tlsDebug"), debug);
+    port = freePort();
+    plugin = std::make_unique<TcpInputPlugin2>(
+            nullptr,
+            QJsonObject{{QStringLiteral("ipAddr"), testAddress().toString()},
+                        {QStringLiteral("port"), port},
+                        {QStringLiteral("ssl"), ssl}});
+    QVERIFY(plugin->start());
+    QSslSocket peer;
+    const LoopInALine loop(line, [&] {
+        peer.abort();
+        if (stops)
+            plugin->stop();
+        LoopInALine::leave();
+    });
+    peer.setPeerVerifyMode(QSslSocket::VerifyNone);
+    peer.setLocalCertificate(certificateFile(QStringLiteral("self-signed.pem")));
+    peer.setPrivateKey(certificateFile(QStringLiteral("self-signed.key")));
+    peer.connectToHostEncrypted(testAddress().toString(), port);
+    WAIT_FOR(LoopInALine::hasEnded());
+}
+
+// However long a line takes, a dialog say: those that wait for their deletion would make the server
+// pause.
+void tst_NestedLoops::handshakesOfOthers()
+{
+    QFETCH_GLOBAL(bool, tls);
+    if (!tls)
+        return;
+    constexpr int Others = 20;
+    const auto handshakes = [this] {
+        const auto objects = plugin->findChildren<QObject *>();
+        return std::count_if(objects.begin(), objects.end(),
+                             [](QObject *object) { return object->inherits("TlsHandshake"); });
+    };
+    qsizetype left = -1;
+    const LoopInALine loop(QStringLiteral("SSL Socket error"), [&] {
+        for (int i = 0; i < Others; ++i) {
+            QTcpSocket other;
+            other.connectToHost(testAddress(), port);
+            QVERIFY(QTest::qWaitFor([&] { return other.state() == QTcpSocket::ConnectedState; }));
+            other.write("no TLS");
+            QVERIFY(QTest::qWaitFor([&] { return other.state() == QTcpSocket::UnconnectedState; }));
+        }
+        left = handshakes();
+        LoopInALine::leave();
+    });
+    QTcpSocket peer;
+    peer.connectToHost(testAddress(), port);
+    WAIT_FOR(peer.state() == QAbstractSocket::ConnectedState);
+    peer.write(QByteArray("\x16") + QByteArray(100, 'x'));
+    WAIT_FOR(LoopInALine::hasEnded());
+    QCOMPARE(left, 1); // its own
+    WAIT_FOR(handshakes() == 0);
 }
 
 QTEST_GUILESS_MAIN(tst_NestedLoops)

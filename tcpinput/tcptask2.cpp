@@ -76,8 +76,11 @@ TcpTask2::~TcpTask2()
 {
     const Reentry reentry;
     dying = true;
+    // Guarded: at the end of the thread an event loop in a log line also carries out deletions that
+    // were asked for before.
     const auto clientsMade = [this] {
-        return findChildren<TcpClient2 *>(QString(), Qt::FindDirectChildrenOnly);
+        const auto all = findChildren<TcpClient2 *>(QString(), Qt::FindDirectChildrenOnly);
+        return QList<QPointer<TcpClient2>>(all.begin(), all.end());
     };
     // Connections that are still to be added travel as queued calls, which would die with the task:
     // those have their last offer as well. In another thread than its own, which never ran then,
@@ -87,8 +90,10 @@ TcpTask2::~TcpTask2()
     auto all = clientsMade();
     do {
         ended = all.size();
-        for (TcpClient2 *client : std::as_const(all))
-            client->mdisconnected();
+        for (const QPointer<TcpClient2> &client : std::as_const(all)) {
+            if (client)
+                client->mdisconnected();
+        }
         if (ownThread)
             QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
         all = clientsMade();

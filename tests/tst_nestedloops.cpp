@@ -7,6 +7,7 @@
 #include "tests/testaddress.h"
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QSemaphore>
 #include <QtNetwork/QSslSocket>
 #include <QtTest/QTest>
 
@@ -90,6 +91,7 @@ private Q_SLOTS:
     void inTheHostsThread();
     void failedHandshake_data();
     void failedHandshake();
+    void taskEndsWithItsThread();
     void badCertificate_data();
     void badCertificate();
     void handshakesOfOthers();
@@ -296,6 +298,54 @@ void tst_NestedLoops::failedHandshake()
     device = connectedDevice(); // it goes on listening
     device->write(sent);
     WAIT_FOR(allIsOffered());
+}
+
+// The deletion of one client is under way when the task's own end runs the event loop.
+void tst_NestedLoops::taskEndsWithItsThread()
+{
+    QFETCH_GLOBAL(bool, tls);
+    if (tls)
+        return;
+    useTls = false;
+    static std::atomic<bool> entered;
+    static QSemaphore leaving;
+    static std::atomic<bool> looping;
+    looping = true;
+    entered = false;
+    port = freePort();
+    plugin = std::make_unique<TcpInputPlugin2>(
+            nullptr,
+            QJsonObject{{QStringLiteral("ipAddr"), testAddress().toString()},
+                        {QStringLiteral("port"), port},
+                        {QStringLiteral("threadpoolSize"), 1}});
+    QVERIFY(plugin->start());
+    const std::unique_ptr<QSslSocket> alive = connectedDevice();
+    const auto previous =
+            qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &line) {
+                if (line.contains(QLatin1String("msgsize"))) {
+                    entered = true;
+                    while (looping)
+                        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+                    entered = false;
+                    leaving.acquire();
+                } else if (line.contains(QLatin1String("closing"))) {
+                    for (int turn = 0; turn < 5; ++turn)
+                        QCoreApplication::processEvents();
+                }
+            });
+    const auto restore = qScopeGuard([&] { qInstallMessageHandler(previous); });
+    device = connectedDevice();
+    WAIT_FOR(plugin->getStatus().count(QLatin1String("tcp2:")) == 2);
+    device->write(sent);
+    WAIT_FOR(entered);
+    device->disconnectFromHost();
+    WAIT_FOR(plugin->getStatus().count(QLatin1String("tcp2:")) == 1);
+    looping = false;
+    WAIT_FOR(!entered);
+    plugin->stop();
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::MetaCall); // the thread is told to quit
+    leaving.release();
+    plugin.reset();
 }
 
 void tst_NestedLoops::badCertificate_data()

@@ -3,12 +3,14 @@
 
 #pragma once
 
+#include "tcpinput/backlogwatch.h"
 #include "tcpinput/tcpclient2.h"
 
 #include <chrono>
 #include <utility>
 
-//! The client's private members that a test must see. The instantiations below may name them.
+//! The private members of a client and its watch that a test must see. The instantiations below may
+//! name them.
 template<class Name, typename Name::Type Pointer>
 struct ExposedMember
 {
@@ -50,6 +52,13 @@ struct Active
 };
 template struct ExposedMember<Active, &TcpClient2::active>;
 
+struct WatchTimer
+{
+    using Type = QBasicTimer BacklogWatch::*;
+    friend Type memberOf(WatchTimer);
+};
+template struct ExposedMember<WatchTimer, &BacklogWatch::timer>;
+
 // Whether the idle time has begun anew since the last call. From then on it counts as over.
 inline bool takeIdleRestart(TcpClient2 &client)
 {
@@ -65,6 +74,11 @@ inline QTimer &idleTimerOf(TcpClient2 &client)
 inline QTimer &checkTimerOf(TcpClient2 &client)
 {
     return client.*memberOf(CheckTimer{});
+}
+
+inline const QBasicTimer &timerOf(BacklogWatch &watch)
+{
+    return watch.*memberOf(WatchTimer{});
 }
 
 // Whether neither of its locks is held, by this thread or another.

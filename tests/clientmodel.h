@@ -50,6 +50,14 @@ public:
     {
         return oid + QLatin1String(" is now ") + id;
     }
+    static QString foundId(const Endpoints &ends)
+    {
+        return QStringLiteral("tcp2:%1:%2-%3:%4")
+                .arg(ends.local.toString())
+                .arg(ends.localPort)
+                .arg(ends.peer.toString())
+                .arg(ends.peerPort);
+    }
     static QString disconnectedText(const QString &id) { return id + QLatin1String(" is gone"); }
 
     void advance(qint64 ms) { time += ms; }
@@ -85,14 +93,22 @@ public:
                     std::min(to - position, static_cast<quint64>(buffer.size()))));
     }
 
-    // Every two seconds.
+    // Every two seconds while its buffer holds enough.
     void check()
     {
-        if (buffer.size() <= 80 || !isDue(2000))
+        checkTimerRuns = buffer.size() > 80;
+        if (!checkTimerRuns || !isDue(2000))
             return;
         log(QStringLiteral("I: TcpClient: inbuf parsing stopped, kicking"));
         offer();
         lastOffer = time;
+    }
+
+    // Its thread's watch looks at all that have read enough since it did so last.
+    void watchLooks()
+    {
+        if (std::exchange(isWatched, false) && buffer.size() > 80)
+            checkTimerRuns = true;
     }
 
     // rest: what its socket still holds.
@@ -106,9 +122,11 @@ public:
         if (!isOpen)
             return;
         append(rest);
-        if (!buffer.isEmpty())
+        if (!buffer.isEmpty() && !std::exchange(lastOfferMade, true))
             offer();
         buffer.clear();
+        if (!isOpen) // it was ended in its last offer
+            return;
         isOpen = false;
         idleTimerRuns = false;
         log(QStringLiteral("D: TcpClient: closing connection %1 (received %2 bytes, %3 msgs)")
@@ -121,6 +139,9 @@ public:
     QString id;
     bool isOpen = true;
     bool idleTimerRuns = true; // set by each offer; a test may stop it to see that
+    bool hasWatch = false; // or else it checks its backlog by itself
+    bool isWatched = false;
+    bool checkTimerRuns = false;
     QByteArray buffer;
     quint64 position = 0; // of the buffer's first byte in the stream
     QStringList events;
@@ -133,6 +154,8 @@ protected:
         if (stamped)
             events += positionText(position);
     }
+    // In the first read, whose bytes have not been taken yet.
+    virtual void idFound(const QByteArray &) {}
     virtual void renamed(const QString &before) { events += idChangedText(before, id); }
     virtual void gone() { events += disconnectedText(id); }
 
@@ -144,13 +167,21 @@ private:
     {
         if (bytes.isEmpty())
             return false;
-        if (!std::exchange(idKnown, true))
+        if (!std::exchange(idKnown, true)) {
             findId();
+            idFound(bytes);
+        }
         if (bytes.size() > 1000)
             log(QStringLiteral("I: TcpClient2 (%1): msgsize = %2").arg(id).arg(bytes.size()));
+        if (!isOpen) { // its new id has ended it, with these bytes
+            log(QStringLiteral("W: TcpClient2 (%1): socket not valid (2)").arg(id));
+            return false;
+        }
         buffer += bytes;
         bytesReceived += bytes.size();
         ++reads;
+        if (buffer.size() > 80 && !checkTimerRuns)
+            (hasWatch ? isWatched : checkTimerRuns) = true;
         return true;
     }
 
@@ -163,12 +194,7 @@ private:
                     .arg(endpoints.localPort)
                     .arg(peer)
                     .arg(endpoints.peerPort));
-        const QString found = QStringLiteral("tcp2:%1:%2-%3:%4")
-                                      .arg(local)
-                                      .arg(endpoints.localPort)
-                                      .arg(peer)
-                                      .arg(endpoints.peerPort);
-        const QString before = std::exchange(id, found);
+        const QString before = std::exchange(id, foundId(endpoints));
         if (before != id)
             renamed(before);
     }
@@ -176,7 +202,7 @@ private:
     void offer()
     {
         offered();
-        idleTimerRuns = true;
+        idleTimerRuns = isOpen;
     }
 
     bool isDue(qint64 intervalMs) const
@@ -189,4 +215,5 @@ private:
     qint64 bytesReceived = 0;
     qint64 reads = 0;
     bool idKnown = false;
+    bool lastOfferMade = false;
 };

@@ -6,39 +6,48 @@
 #include "tcpinput/tcpclient2.h"
 #include "tests/choices.h"
 #include "tests/clientinside.h"
+#include "tests/clientlink.h"
 #include "tests/clientmodel.h"
 #include "tests/eventlog.h"
-#include "tests/memorysocket.h"
+#include "tests/memorylink.h"
 #include "tests/movableclock.h"
 
 #include <QtCore/QCoreApplication>
-#include <QtCore/QPointer>
+#include <QtCore/QTimerEvent>
 
+#include <algorithm>
+#include <deque>
 #include <functional>
 #include <limits>
 #include <memory>
 #include <thread>
+#include <utility>
 #include <vector>
 
 /*!
     Plays a row of choices to a client and to the model of one, step by step: bytes arrive, the
-    host answers, time passes, timers fire, either side ends the connection. What both do must be
-    the same after each step.
+    host answers, also from within an offer, time passes, timers fire, either side ends the
+    connection. What both do must be the same after each step.
 
-    Thread: the main one; no event loop runs meanwhile.
+    Thread: the main one; no event loop runs meanwhile, but for the turns that the link makes.
 */
 class ClientRun
 {
 public:
-    explicit ClientRun(QByteArrayView row)
+    explicit ClientRun(QByteArrayView row,
+                       std::unique_ptr<ClientLink> given = std::make_unique<MemoryLink>())
         : choices(row),
-          stamped(choices.below(2) == 1),
-          givenId(choices.below(4) == 0 ? QStringLiteral("tcp2:192.168.0.10:5000-10.1.2.3:40001")
-                                        : QStringLiteral("given"))
+          kind(choices.below(4)),
+          host(choices.below(64)),
+          givenId(host % 4 == 0 ? ClientModel::foundId(given->endpoints) : QStringLiteral("given")),
+          link(std::move(given))
     {
-        client = std::make_unique<TcpClient2>(nullptr, givenId, socket, IdleTimeoutMs);
+        client = std::make_unique<TcpClient2>(nullptr, givenId, link->socket(), IdleTimeoutMs);
         if (stamped)
             client->stampOffers(1);
+        if (watched)
+            client->setBacklogWatch(&watch);
+        model.hasWatch = watched;
         connectClient();
         EventLog::take();
     }
@@ -52,6 +61,8 @@ public:
                 return false;
         }
         posted.clear();
+        client.reset();
+        watchLooks(); // it has forgotten the client
         return true;
     }
 
@@ -69,14 +80,20 @@ private:
     void connectClient()
     {
         QObject::connect(client.get(), &TcpClient2::idChanged, client.get(),
-                         [](const QString &oid, const QString &id) {
+                         [this](const QString &oid, const QString &id) {
                              EventLog::note(ClientModel::idChangedText(oid, id));
+                             if (stopsAtNewId)
+                                 client->mdisconnected();
                          });
         QObject::connect(client.get(), &TcpClient2::readyRead, client.get(),
                          [this](const Connection &c, const QString &id) {
                              EventLog::note(ClientModel::offerText(id, c.getData()));
                              if (stamped)
                                  EventLog::note(ClientModel::positionText(client->offerPosition()));
+                             if (clientAnswers > 0) {
+                                 --clientAnswers;
+                                 answerOffer(c.getData().size());
+                             }
                          });
         QObject::connect(
                 client.get(), &TcpClient2::disconnected, client.get(),
@@ -120,6 +137,12 @@ private:
             return idleTimerFires();
         case 2:
             return taskStops();
+        case 3:
+            return theWatchLooks();
+        case 4:
+            return choices.below(2) == 0 ? neighbourComes() : neighbourGoes();
+        case 5:
+            return hostWillAnswerOffers();
         default:
             return clockIsSet();
         }
@@ -127,15 +150,17 @@ private:
 
     void bytesArrive()
     {
-        const int count = choices.of({1,  2,  3,   19,  20,   21,   22,   40,    60,    79,   80,
-                                      81, 82, 100, 999, 1000, 1001, 4096, 16384, 16385, 70000});
+        const std::vector<int> &sizes = link->sizes();
+        const qsizetype size = sizes[std::size_t(choices.below(int(sizes.size())))];
+        const qsizetype count = std::min(size, link->room());
         note(QStringLiteral("%1 bytes arrive").arg(count));
         if (!model.isOpen || peerEnded)
             return;
         QByteArray bytes(count, Qt::Uninitialized);
         for (char &byte : bytes)
             byte = static_cast<char>((streamed++ * 2654435761U) >> 24U); // hardly repeats itself
-        socket->arrive(bytes);
+        if (!link->arrive(bytes))
+            EventLog::note(QStringLiteral("they do not arrive"));
     }
     void bytesArriveAndAreRead()
     {
@@ -147,28 +172,31 @@ private:
         note(QStringLiteral("the socket looks"));
         if (!model.isOpen)
             return;
-        const QByteArray unread = socket->unread();
-        if (socket->notify())
-            model.read(unread);
+        if (link->turnMakesCalls())
+            makeModelsCalls();
+        const QByteArray next = link->nextRead();
+        if (link->turn())
+            model.read(next);
         else if (peerEnded)
-            model.end(unread);
+            model.end(next);
     }
     // As a socket that was detached from its thread may hold bytes that nobody was told of.
     void bytesAreHeldBack()
     {
         note(QStringLiteral("the socket keeps to itself what it has"));
         if (model.isOpen)
-            socket->takeIn();
+            link->holdBack();
     }
     void bytesAreAnnounced()
     {
         note(QStringLiteral("what the socket has is announced"));
         if (!model.isOpen)
             return;
-        socket->takeIn();
-        const QByteArray unread = socket->unread();
-        Q_EMIT socket->readyRead();
-        model.read(unread);
+        const QByteArray all = link->unread();
+        if (link->look())
+            model.read(all);
+        else if (peerEnded)
+            model.end(all);
     }
 
     int anyLength()
@@ -193,29 +221,95 @@ private:
         const int length = anyLength();
         note(QStringLiteral("the host discards %1").arg(length));
         client->discard(length);
-        postCut([this, length] { model.cut(length); });
+        modelDiscards(length);
     }
     void hostAnswersWithPosition()
     {
         const quint64 position = anyPosition();
         note(QStringLiteral("the host discards up to %1").arg(position));
         client->discardTo(position);
-        if (position > model.position)
-            postCut([this, position] { model.cutTo(position); });
+        modelDiscardsTo(position);
     }
-    // As hosts do. What leaves nothing to be offered is cut at once then, unless cuts that came
-    // before are on their way.
+    // As hosts do.
     void hostAnswersInItsThread()
     {
         const int length = anyLength();
         note(QStringLiteral("the host discards %1, in its own thread").arg(length));
+        discardInAnotherThread(length);
+        modelDiscardsAtOnce(length);
+    }
+    void discardInAnotherThread(int length)
+    {
         std::thread([this, length] { client->discard(length); }).join();
+    }
+
+    void modelDiscards(int length)
+    {
+        postCut([this, length] { model.cut(length); });
+    }
+    void modelDiscardsTo(quint64 position)
+    {
+        if (position > model.position)
+            postCut([this, position] { model.cutTo(position); });
+    }
+    // What leaves nothing to be offered is cut at once, unless cuts that came before are on their
+    // way.
+    void modelDiscardsAtOnce(int length)
+    {
         const qsizetype left = model.buffer.size() - std::max(length, 0);
         if (postedCuts == 0 && left >= 0 && left <= 20)
             model.cut(length);
         else
-            postCut([this, length] { model.cut(length); });
+            modelDiscards(length);
     }
+
+    // From within them, the next few.
+    void hostWillAnswerOffers()
+    {
+        answer = choices.of({Answer::Cut, Answer::CutTo, Answer::CutInItsThread, Answer::Stop});
+        answerLeaves = choices.of<qsizetype>({0, 0, 20, 21, 100});
+        clientAnswers = modelAnswers = choices.of({1, 2, 3, 8});
+        note(QStringLiteral("the host will answer %1 offers, way %2, and leave %3 bytes")
+                     .arg(clientAnswers)
+                     .arg(int(answer))
+                     .arg(answerLeaves));
+    }
+    int answerLength(qsizetype offered) const
+    {
+        return static_cast<int>(std::max<qsizetype>(offered - answerLeaves, 0));
+    }
+    void answerOffer(qsizetype size)
+    {
+        const int length = answerLength(size);
+        switch (answer) {
+        case Answer::Cut:
+            return client->discard(length);
+        case Answer::CutTo:
+            return client->discardTo(client->offerPosition() + quint64(length));
+        case Answer::CutInItsThread:
+            return discardInAnotherThread(length);
+        case Answer::Stop:
+            return client->mdisconnected();
+        }
+    }
+    void modelOffered()
+    {
+        if (modelAnswers == 0)
+            return;
+        --modelAnswers;
+        const int length = answerLength(model.buffer.size());
+        switch (answer) {
+        case Answer::Cut:
+            return modelDiscards(length);
+        case Answer::CutTo:
+            return modelDiscardsTo(model.position + quint64(length));
+        case Answer::CutInItsThread:
+            return modelDiscardsAtOnce(length);
+        case Answer::Stop:
+            return model.end(takeRest());
+        }
+    }
+
     void postCut(const std::function<void()> &cut)
     {
         ++postedCuts;
@@ -227,10 +321,15 @@ private:
     void cutsAreCarriedOut()
     {
         note(QStringLiteral("queued calls are made"));
-        // The model first: it looks at the socket, which the client may close.
+        makeModelsCalls(); // first: it looks at the socket, which the client may close
+        QCoreApplication::sendPostedEvents(client.get(), QEvent::MetaCall);
+    }
+
+    // Those that they add wait for the next time.
+    void makeModelsCalls()
+    {
         for (const auto &call : std::exchange(posted, {}))
             call();
-        QCoreApplication::sendPostedEvents(client.get(), QEvent::MetaCall);
     }
 
     void timePasses()
@@ -249,67 +348,147 @@ private:
     void checkTimerFires()
     {
         note(QStringLiteral("the check timer fires"));
+        model.check(); // first, as above
+        checkTimerOf(*client).stop(); // as before it fires, which it does once
         QMetaObject::invokeMethod(&checkTimerOf(*client), "timeout");
-        model.check();
     }
     void idleTimerFires()
     {
         note(QStringLiteral("the idle timer fires"));
         QMetaObject::invokeMethod(&idleTimerOf(*client), "timeout");
-        posted.push_back([this] { model.timeOut(unread()); });
+        posted.push_back([this] { model.timeOut(takeRest()); });
     }
 
     void peerEnds()
     {
         note(QStringLiteral("the peer ends"));
-        peerEnded = true;
-        if (model.isOpen)
-            socket->arriveEnd();
+        if (!std::exchange(peerEnded, true) && model.isOpen)
+            link->end(choices);
     }
     void taskStops()
     {
         note(QStringLiteral("the task stops"));
-        const QByteArray rest = unread();
+        model.end(takeRest());
         client->mdisconnected();
-        model.end(rest);
     }
+    // What an end of the task's still gets; once, as it may come within another one.
+    QByteArray takeRest() { return std::exchange(restTaken, true) ? QByteArray() : link->unread(); }
 
-    QByteArray unread() const { return socket ? socket->unread() : QByteArray(); }
+    // The clients of a thread have one watch.
+    void neighbourComes()
+    {
+        note(QStringLiteral("another client is watched"));
+        auto neighbour = std::make_unique<TcpClient2>();
+        const BacklogWatch::Place place = watch.add(neighbour.get());
+        neighbours.push_back({std::move(neighbour), place});
+        watchRuns = true;
+    }
+    void neighbourGoes()
+    {
+        note(QStringLiteral("another client goes"));
+        if (neighbours.empty())
+            return;
+        watch.remove(neighbours.front().place);
+        neighbours.pop_front();
+    }
+    void theWatchLooks()
+    {
+        note(QStringLiteral("the watch looks"));
+        watchLooks();
+        model.watchLooks();
+    }
+    void watchLooks()
+    {
+        if (!timerOf(watch).isActive())
+            return;
+        QTimerEvent event(timerOf(watch).timerId());
+        QCoreApplication::sendEvent(&watch, &event);
+        neighbours.clear(); // and forgotten
+        watchRuns = false;
+    }
 
     void note(const QString &text) { steps += text; }
 
     bool isAsExpected()
     {
+        watchRuns = watchRuns || model.isWatched;
         expected = std::exchange(model.events, {});
-        expected += timerText(model.idleTimerRuns);
+        expected += timerTexts(model.idleTimerRuns, model.checkTimerRuns, watchRuns);
         actual = EventLog::take();
         // Qt's warning of the surplus argument of a kick's line.
         actual.removeIf([](const QString &line) {
             return line.startsWith(QLatin1String("w: QString::arg: "));
         });
-        actual += timerText(takeIdleRestart(*client) && idleTimerOf(*client).isActive());
+        actual += timerTexts(takeIdleRestart(*client) && idleTimerOf(*client).isActive(),
+                             checkTimerOf(*client).isActive(), timerOf(watch).isActive());
         return expected == actual;
     }
-    static QString timerText(bool runs)
+    static QStringList timerTexts(bool idle, bool check, bool look)
     {
-        return runs ? QStringLiteral("the idle time-out begins anew") : QString();
+        return {idle ? QStringLiteral("the idle time-out begins anew") : QString(),
+                check ? QStringLiteral("the check timer runs") : QString(),
+                look ? QStringLiteral("the watch will look") : QString()};
     }
 
+    //! What the host does from within an offer.
+    enum class Answer { Cut, CutTo, CutInItsThread, Stop };
+
+    //! Another client of the watch's.
+    struct Neighbour
+    {
+        std::unique_ptr<TcpClient2> client;
+        BacklogWatch::Place place;
+    };
+
+    //! It tells of its offers while they last.
+    class Model final : public ClientModel
+    {
+    public:
+        explicit Model(ClientRun &owner)
+            : ClientModel(owner.givenId, owner.link->endpoints, owner.stamped, Clock::now()),
+              run(owner)
+        {}
+
+    private:
+        void offered() override
+        {
+            ClientModel::offered();
+            run.modelOffered();
+        }
+        void idFound(const QByteArray &bytes) override
+        {
+            if (run.stopsAtNewId && id != run.givenId)
+                end(bytes + run.takeRest());
+        }
+
+        ClientRun &run;
+    };
+
     Choices choices;
-    const bool stamped;
+    const int kind; // of client
+    const bool stamped = kind % 2 == 1;
+    const bool watched = kind / 2 == 1; // or else it checks its backlog by itself
+    const int host; // its kind
+    const bool stopsAtNewId = host / 4 == 0; // from within idChanged()
     const QString givenId; // now and then what the client will find out
-    const Endpoints endpoints{QHostAddress(QStringLiteral("10.1.2.3")),
-                              QHostAddress(QStringLiteral("192.168.0.10")), 40001, 5000};
+    const std::unique_ptr<ClientLink> link;
     const EventLog log;
     const MovableClock clock;
-    const QPointer<MemorySocket> socket = new MemorySocket({endpoints, 0}); // the client's
-    ClientModel model{givenId, endpoints, stamped, Clock::now()};
+    Model model{*this};
+    BacklogWatch watch;
+    std::deque<Neighbour> neighbours; // that the watch has not looked at yet
+    bool watchRuns = false; // since something was added to it
     std::unique_ptr<TcpClient2> client;
 
     std::vector<std::function<void()>> posted; // calls that wait in the client's queue
     int postedCuts = 0; // among them
     quint64 streamed = 0;
     bool peerEnded = false;
+    bool restTaken = false;
+    Answer answer = Answer::Cut;
+    qsizetype answerLeaves = 0;
+    int clientAnswers = 0; // that are still to come, to the client's offers and to the model's
+    int modelAnswers = 0;
     QStringList steps;
     QStringList expected;
     QStringList actual;

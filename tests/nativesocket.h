@@ -85,9 +85,12 @@ public:
         result.setOption(IPPROTO_TCP, TCP_NODELAY, 1);
         return result;
     }
-    static NativeSocket listening(const QHostAddress &address)
+    // receiveBuffer: of what it accepts, if the kernel grants that; 0: the kernel's default.
+    static NativeSocket listening(const QHostAddress &address, int receiveBuffer = 0)
     {
         NativeSocket result = unconnected(address);
+        if (receiveBuffer > 0)
+            result.setOption(SOL_SOCKET, SO_RCVBUF, receiveBuffer);
         if (!result.bind(address, 0) || ::listen(result.fd, 16) != 0)
             result.close();
         return result;
@@ -152,13 +155,23 @@ public:
         return count == 0 || (count < 0 && errno == ECONNRESET);
     }
 
-    // Bytes that have arrived at a descriptor and have not been read.
+    // Bytes that have arrived at a descriptor and have not been read; -1: unknown.
+    static int arrived(int descriptor)
+    {
+        int count = 0;
+        return ::ioctl(descriptor, FIONREAD, &count) == 0 ? count : -1;
+    }
     static bool waitForArrival(int descriptor, int bytes)
     {
-        return waitFor([=] {
-            int count = 0;
-            return ::ioctl(descriptor, FIONREAD, &count) == 0 && count == bytes;
-        });
+        return waitFor([=] { return arrived(descriptor) == bytes; });
+    }
+    // What the kernel grants for bytes that wait to be read, its own overhead included.
+    static int receiveBuffer(int descriptor)
+    {
+        int size = 0;
+        socklen_t length = sizeof size;
+        ::getsockopt(descriptor, SOL_SOCKET, SO_RCVBUF, &size, &length);
+        return size;
     }
     // The peer has closed or reset the connection, which may have unread bytes.
     static bool waitForPeerEnd(int descriptor)
@@ -198,12 +211,13 @@ struct SocketPair
     quint16 localPort = 0; // the accepted end's
     quint16 peerPort = 0; // the device's
 
-    // With port 0 the kernel chooses the device's.
+    // With port 0 the kernel chooses the device's. receiveBuffer: the accepted end's, see
+    // NativeSocket::listening().
     static SocketPair connected(const QHostAddress &local, const QHostAddress &peer,
-                                quint16 devicePort = 0)
+                                quint16 devicePort = 0, int receiveBuffer = 0)
     {
         SocketPair result;
-        const NativeSocket listener = NativeSocket::listening(local);
+        const NativeSocket listener = NativeSocket::listening(local, receiveBuffer);
         result.localPort = listener.localPort();
         result.device = NativeSocket::unconnected(local);
         if (result.device.bind(peer, devicePort) && result.device.connect(local, result.localPort))

@@ -86,16 +86,17 @@ TcpTask2::~TcpTask2()
     // those have their last offer as well. In another thread than its own, which never ran then,
     // there are none.
     const bool ownThread = QThread::currentThread() == thread();
-    qsizetype ended = 0;
+    qsizetype ended = 0; // of those that are still there
     auto all = clientsMade();
     do {
-        ended = all.size();
         for (const QPointer<TcpClient2> &client : std::as_const(all)) {
             if (client)
                 client->mdisconnected();
         }
         if (ownThread)
             QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
+        all.removeAll(QPointer<TcpClient2>());
+        ended = all.size();
         all = clientsMade();
     } while (all.size() > ended);
     qDeleteAll(clientsMade()); // while the watch that they refer to is there

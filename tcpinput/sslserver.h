@@ -19,8 +19,9 @@ class TlsHandshake;
     used: thirty failed ones stop it for good, and closing it with one open crashes. A finished
     socket is detached from this thread and waits without one until another thread takes it.
 
-    Emits the signals of QSslServer as it does: errorOccurred() and sslErrors() while the handshake
-    lasts, pendingConnectionAvailable() when a connection can be taken.
+    Emits the signals of QSslServer: sslErrors() while the handshake lasts, errorOccurred() once it
+    has failed, right after handshakeInterruptedOnError() if that is why (an interrupted one cannot
+    be continued), pendingConnectionAvailable() when a connection can be taken.
 
     Thread: its creator's, except hasPendingConnections() and nextPendingConnection(): any.
     Owner:  the plugin.

@@ -108,10 +108,10 @@ void TlsHandshake::report(QAbstractSocket::SocketError error, const QString &tex
     if (state != Failed)
         return; // dropped meanwhile
     state = Over;
-    socket->setErrorString(text);
     const bool within = std::exchange(reporting, true);
     if (interruption)
         Q_EMIT server->handshakeInterruptedOnError(socket.get(), *interruption);
+    socket->setErrorString(text);
     Q_EMIT server->errorOccurred(socket.get(), error);
     reporting = within;
     if (!reporting)

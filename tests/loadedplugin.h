@@ -12,10 +12,12 @@
 
 #include <memory>
 
-//! The built library, loaded as a host loads it.
+//! The built library, or another with the same entry points, loaded as a host loads it.
 class LoadedLibrary
 {
 public:
+    explicit LoadedLibrary(const QString &file = QStringLiteral(PLUGIN_FILE)) : library(file) {}
+
     std::unique_ptr<IInputPlugin> create(const QJsonObject &config)
     {
         const auto function = reinterpret_cast<CreatePluginFunction>(library.resolve("create"));
@@ -28,7 +30,7 @@ public:
     bool unload() { return library.unload(); }
 
 private:
-    QLibrary library{QStringLiteral(PLUGIN_FILE)};
+    QLibrary library;
 };
 
 // Plain TCP on the given port of the address that belongs to this test process.

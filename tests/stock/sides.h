@@ -1,0 +1,30 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "tests/loadedplugin.h"
+
+#include <array>
+
+//! The two that are compared. Both are loaded, and used by their public surface only.
+struct Side
+{
+    const char *name;
+    LoadedLibrary library;
+};
+
+inline Side &stockSide()
+{
+    static Side side{"stock", LoadedLibrary(QStringLiteral(STOCK_PLUGIN_FILE))};
+    return side;
+}
+inline Side &librarySide()
+{
+    static Side side{"library", LoadedLibrary(QStringLiteral(PLUGIN_FILE))};
+    return side;
+}
+inline std::array<Side *, 2> bothSides()
+{
+    return {&stockSide(), &librarySide()};
+}

@@ -64,6 +64,24 @@ void InputBuffer::append(QByteArrayView received)
                     static_cast<std::size_t>(received.size()));
 }
 
+void InputBuffer::appendBlock(QByteArray block)
+{
+    if (this->size() == 0)
+        bytes = std::move(block);
+    else if (fresh.isEmpty() && !bytes.isDetached())
+        fresh = std::move(block);
+    else
+        append(block);
+}
+
+// With headroom, like all blocks that may come to lie behind another one.
+QByteArray InputBuffer::emptyBlock(qsizetype size)
+{
+    QByteArray block = blockWithHeadroom(size, MostHeadroom);
+    block.resize(0);
+    return block;
+}
+
 QByteArray InputBuffer::copy()
 {
     if (fresh.isEmpty())

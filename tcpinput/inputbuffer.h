@@ -31,6 +31,10 @@ public:
     void chop(qsizetype size) { last().chop(size); }
 
     void append(QByteArrayView received);
+    // Without copying it, mostly, if the block is an emptyBlock() that was filled.
+    void appendBlock(QByteArray block);
+    // Empty, with room for that many bytes.
+    static QByteArray emptyBlock(qsizetype size);
 
     // len <= 0 cuts nothing, a len beyond the size empties the buffer. Returns how much was cut.
     qsizetype cutFront(qsizetype len);

@@ -3,6 +3,8 @@
 
 #include "tcpinput/receivingsocket.h"
 
+#include "tcpinput/inputbuffer.h"
+
 #include <QtCore/QDeadlineTimer>
 #include <QtCore/QEvent>
 
@@ -19,8 +21,9 @@
 namespace {
 
 constexpr qsizetype ReceiveBytes = 64 * 1024;
-// Of one connection in one turn of the event loop, so that others have theirs.
-constexpr qsizetype MostBytesPerTurn = 256 * 1024;
+// Of one connection in one turn of the event loop: all that its kernel buffer may hold. What a turn
+// left behind could wait two seconds for its offer.
+constexpr qsizetype MostBytesPerTurn = 64 * 1024 * 1024;
 
 // Where all sockets of a thread receive: almost always the reader takes everything at once, so no
 // socket needs memory of its own, and the bytes are still in the processor's cache. If a reader
@@ -72,16 +75,13 @@ bool ReceivingSocket::waitForReadyRead(int msecs)
 {
     if (state() != ConnectedState || !waitForNews(msecs))
         return false;
-    QByteArray all(bytesInKernel(), Qt::Uninitialized);
-    if (all.isEmpty()) {
+    QByteArray all = receiveOn({});
+    const bool came = !all.isEmpty();
+    if (came)
+        handOutBlock(std::move(all));
+    else
         receive(); // nothing, unless it is the end
-        return false;
-    }
-    const ssize_t size =
-            ::recv(descriptor(), all.data(), static_cast<std::size_t>(all.size()), MSG_DONTWAIT);
-    if (size > 0)
-        handOut(QByteArrayView(all).first(size));
-    return size > 0;
+    return came;
 }
 
 // For bytes, or for the end.
@@ -117,7 +117,6 @@ void ReceivingSocket::disconnectFromHost()
 void ReceivingSocket::close()
 {
     unread = {};
-    waiting = 0;
     kept.clear();
     QTcpSocket::close(); // disconnects
 }
@@ -126,18 +125,17 @@ qint64 ReceivingSocket::readData(char *data, qint64 maxSize)
 {
     const qsizetype size = std::min<qsizetype>(maxSize, unread.size());
     std::memcpy(data, unread.data(), static_cast<std::size_t>(size));
-    skipData(size);
-
-    const qsizetype more = std::min<qsizetype>(maxSize - size, waiting);
-    if (more == 0)
-        return size;
-    const ssize_t came =
-            ::recv(descriptor(), data + size, static_cast<std::size_t>(more), MSG_DONTWAIT);
-    waiting = came > 0 ? waiting - came : 0; // an end is noticed at the next notification
-    return size + std::max<ssize_t>(came, 0);
+    return skipData(size);
 }
 
-// Of what has been received.
+QByteArray ReceivingSocket::takeBlock(qint64 size)
+{
+    if (unread.size() != size || unread.data() != kept.constData() || kept.size() != size)
+        return {};
+    unread = {};
+    return std::exchange(kept, {});
+}
+
 qint64 ReceivingSocket::skipData(qint64 maxSize)
 {
     const qsizetype size = std::min<qsizetype>(maxSize, unread.size());
@@ -158,30 +156,62 @@ void ReceivingSocket::receive()
     ReceiveBuffer buffer;
     const ssize_t size = ::recv(descriptor(), buffer.data(), ReceiveBytes, MSG_DONTWAIT);
     if (size == ReceiveBytes)
-        waiting = std::min(bytesInKernel(), MostBytesPerTurn - ReceiveBytes);
-    if (size > 0)
+        handOutBlock(receiveOn(QByteArrayView(buffer.data(), size)));
+    else if (size > 0)
         handOut(QByteArrayView(buffer.data(), size));
     else if (size == 0 || (errno != EAGAIN && errno != EINTR))
         endByPeer();
 }
 
+// What has been received and all that follows, until nothing is left: the rest of a large message
+// must not wait for the next turn, which may be far. To read makes room for what the peer could not
+// send yet, so that there may be more than the kernel held at first.
+QByteArray ReceivingSocket::receiveOn(QByteArrayView first)
+{
+    qsizetype more = bytesInKernel();
+    QByteArray all = InputBuffer::emptyBlock(first.size() + more);
+    all.resize(first.size());
+    std::copy(first.begin(), first.end(), all.begin());
+    for (; more > 0 && all.size() < MostBytesPerTurn; more = bytesInKernel()) {
+        const qsizetype before = all.size();
+        all.resize(before + more);
+        const ssize_t size = ::recv(descriptor(), all.data() + before,
+                                    static_cast<std::size_t>(more), MSG_DONTWAIT);
+        all.truncate(before + std::max<ssize_t>(size, 0));
+        if (size <= 0) // an end is noticed at the next notification
+            break;
+    }
+    return all;
+}
+
 // received: valid during the call only.
 void ReceivingSocket::handOut(QByteArrayView received)
 {
-    if (!unread.isEmpty()) {
-        kept = unread.toByteArray().append(received);
-        received = kept;
-    }
+    if (!unread.isEmpty())
+        return handOutBlock(received.toByteArray());
     unread = received;
+    tellReader();
+}
+
+void ReceivingSocket::handOutBlock(QByteArray block)
+{
+    kept = unread.isEmpty() ? std::move(block) : unread.toByteArray().append(block);
+    unread = kept;
+    tellReader();
+}
+
+void ReceivingSocket::tellReader()
+{
     if (reader)
         reader->bytesCame();
     else
         Q_EMIT readyRead();
-    waiting = 0; // there will be another notification
-    if (unread.isEmpty())
-        return;
-    kept = unread.toByteArray();
-    unread = kept;
+    if (unread.isEmpty()) {
+        kept.clear();
+    } else if (unread.data() != kept.constData()) {
+        kept = unread.toByteArray();
+        unread = kept;
+    }
 }
 
 qsizetype ReceivingSocket::bytesInKernel() const
@@ -204,7 +234,6 @@ void ReceivingSocket::disconnectNow()
         return;
     notifier.setEnabled(false);
     ::close(descriptor());
-    waiting = 0; // whoever has the number next is read from otherwise
     setSocketState(UnconnectedState);
     Q_EMIT stateChanged(UnconnectedState);
     Q_EMIT readChannelFinished();

@@ -22,8 +22,8 @@ protected:
 
 /*!
     The server's end of a plain connection, which only ever receives: one call to the kernel for
-    whatever has come, where a QTcpSocket's own engine makes two, and a few at the start and the end
-    of a connection, where that makes dozens.
+    a message of usual size, where a QTcpSocket's own engine makes two, and a few at the start and
+    the end of a connection, where that makes dozens.
 
     To its user it is a QTcpSocket: readyRead() comes with bytes, errorOccurred() and disconnected()
     once when the peer has closed or reset the connection. A reader, if it has one, is called
@@ -45,10 +45,12 @@ public:
     void setReader(ReceivingSocketReader *value) { reader = value; }
     // As read(), without the device layer: how many bytes there were.
     qint64 take(char *data, qint64 maxSize) { return readData(data, maxSize); }
+    // All that is available, without copying it, if it is of that size and in a block of its own;
+    // otherwise nothing.
+    QByteArray takeBlock(qint64 size);
 
-    // What has been received and not been read, and what waits in the kernel when there is a lot.
-    // Reading that never emits a signal.
-    qint64 bytesAvailable() const override { return unread.size() + waiting; }
+    // What has been received and not been read. Reading that never emits a signal.
+    qint64 bytesAvailable() const override { return unread.size(); }
     // Waits for bytes or the end, without limit if msecs is negative, and takes all that the kernel
     // has got.
     bool waitForReadyRead(int msecs) override;
@@ -79,7 +81,10 @@ private:
     };
 
     void receive();
+    QByteArray receiveOn(QByteArrayView first);
     void handOut(QByteArrayView received);
+    void handOutBlock(QByteArray block);
+    void tellReader();
     qsizetype bytesInKernel() const;
     bool waitForNews(int msecs) const;
     void endByPeer();
@@ -89,6 +94,5 @@ private:
     Notifier notifier;
     ReceivingSocketReader *reader = nullptr;
     QByteArrayView unread; // in the thread's buffer while the reader is told, else in kept
-    qsizetype waiting = 0; // in the kernel; only known, and not 0, while the reader is told
-    QByteArray kept; // what readers have left, which they seldom do
+    QByteArray kept; // a lot that came at once, or what readers have left, which they seldom do
 };

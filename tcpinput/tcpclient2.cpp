@@ -406,6 +406,10 @@ void TcpClient2::endWatch()
 void TcpClient2::startCheckTimer()
 {
     const auto age = std::chrono::steady_clock::now() - created;
+    if (QByteArray block = plain ? plain->takeBlock(msgsize) : QByteArray(); !block.isEmpty()) {
+        inbuf.appendBlock(std::move(block));
+        return inbuf.size();
+    }
     checkTimer.start(
             std::chrono::ceil<std::chrono::milliseconds>(CheckInterval - age % CheckInterval));
 }

@@ -48,10 +48,8 @@ public:
                                              ReceiveBytes,
                                              ReceiveBytes + 1,
                                              2 * ReceiveBytes,
-                                             MostBytesPerTurn - 1,
-                                             MostBytesPerTurn,
-                                             MostBytesPerTurn + 1,
-                                             2 * MostBytesPerTurn + ReceiveBytes};
+                                             4 * ReceiveBytes + 1,
+                                             9 * ReceiveBytes};
         return all;
     }
     qsizetype room() const override { return mostPending - pending.size(); }
@@ -78,12 +76,11 @@ public:
     }
 
     QByteArray unread() const override { return pending; }
-    QByteArray nextRead() const override { return pending.left(MostBytesPerTurn); }
+    QByteArray nextRead() const override { return pending; }
 
     bool turn() override
     {
-        const bool bytes = !pending.isEmpty();
-        pending = pending.mid(MostBytesPerTurn);
+        const bool bytes = !std::exchange(pending, {}).isEmpty();
         QCoreApplication::eventDispatcher()->processEvents(QEventLoop::X11ExcludeTimers);
         return bytes;
     }
@@ -106,10 +103,9 @@ private:
     {}
 
     static constexpr int ReceiveBytes = 64 * 1024; // at once, into the thread's buffer
-    static constexpr int MostBytesPerTurn = 256 * 1024;
     // The kernel reports twice what it was asked for, and may fill half of that with overhead of
-    // its own. Where it grants less, no turn leaves anything for the next.
-    static constexpr int WantedRoom = 8 * MostBytesPerTurn;
+    // its own.
+    static constexpr int WantedRoom = 32 * ReceiveBytes;
 
     NativeSocket device;
     const int accepted; // the client's

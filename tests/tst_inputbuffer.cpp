@@ -42,6 +42,8 @@ private Q_SLOTS:
     void restGoesInFront();
     void cutReachesIntoWhatCameBehind();
     void extends();
+    void blocks_data();
+    void blocks();
     void foreignMemoryIsNotKept();
 
     void cutOfSharedLargeRestCopiesNothing();
@@ -206,6 +208,40 @@ void tst_InputBuffer::extends()
         QVERIFY(isTerminated(buffer.copy()));
         QCOMPARE(offered, shared ? QByteArray("0123456789") : QByteArray());
     }
+}
+
+void tst_InputBuffer::blocks_data()
+{
+    QTest::addColumn<qsizetype>("before");
+    QTest::addColumn<bool>("shared");
+    QTest::addColumn<bool>("copied");
+    QTest::newRow("in an empty buffer") << qsizetype(0) << false << false;
+    QTest::newRow("behind an offer that its headroom takes") << qsizetype(4096) << true << false;
+    QTest::newRow("behind a larger offer") << qsizetype(4097) << true << true;
+    QTest::newRow("behind what nobody holds") << qsizetype(10) << false << true;
+}
+
+void tst_InputBuffer::blocks()
+{
+    QFETCH(qsizetype, before);
+    QFETCH(bool, shared);
+    QFETCH(bool, copied);
+    InputBuffer buffer;
+    buffer.append(pattern(before));
+    const QByteArray offered = shared ? buffer.copy() : QByteArray();
+    QByteArray block = InputBuffer::emptyBlock(100000);
+    block.append(pattern(100000));
+    const char *const where = block.constData();
+
+    buffer.appendBlock(std::move(block));
+
+    QCOMPARE(buffer.size(), before + 100000);
+    const QByteArray all = buffer.copy();
+    QVERIFY(all == pattern(before) + pattern(100000));
+    QVERIFY(isTerminated(all));
+    QCOMPARE(all.constData() + before == where, !copied);
+    QCOMPARE(offered, shared ? pattern(before) : QByteArray());
+    QVERIFY(all.capacity() <= 2 * all.size());
 }
 
 void tst_InputBuffer::foreignMemoryIsNotKept()

@@ -178,27 +178,43 @@ void TcpClient2::offer(const Snapshot &unconsumed)
     offeredPosition = unconsumed.position;
     if (taker)
         taker(unconsumed.data);
-    static const QMetaMethod signal = QMetaMethod::fromSignal(&TcpClient2::readyRead);
-    if (socket && isSignalConnected(signal)) // the taker may have ended it, too
-        emitOffer(unconsumed);
+    if (socket) // the taker may have ended it, too
+        emitOffer(unconsumed, *socket);
     active = std::chrono::steady_clock::now();
 }
 
-void TcpClient2::emitOffer(const Snapshot &unconsumed)
+// left: by a cut.
+void TcpClient2::offerRemainder(qsizetype left)
+{
+    if (left <= ReofferAboveBytes)
+        return;
+    CWRN(QtDebugMsg, QStringLiteral("TcpClient: inbuf still %1 bytes, triggering"),
+         static_cast<qint64>(left));
+    const Snapshot unconsumed = snapshot();
+    if (unconsumed.data.isEmpty()) // the host has cut what it was not offered
+        return;
+    offer(unconsumed);
+    lastEmit = Clock::now();
+}
+
+void TcpClient2::emitOffer(const Snapshot &unconsumed, QTcpSocket &from)
 {
     Connection c;
     c.setData(unconsumed.data);
     {
         const QMutexLocker locker(&socketMutex);
-        c.setSenderHost(socket->peerAddress());
-        c.setSenderPort(socket->peerPort());
-        c.setLocalAddress(socket->localAddress());
-        c.setLocalPort(socket->localPort());
+        c.setSenderHost(from.peerAddress());
+        c.setSenderPort(from.peerPort());
+        c.setLocalAddress(from.localAddress());
+        c.setLocalPort(from.localPort());
     }
     Q_EMIT readyRead(c, id);
 }
 
 void TcpClient2::mdisconnected()
+    static const QMetaMethod signal = QMetaMethod::fromSignal(&TcpClient2::readyRead);
+    if (!isSignalConnected(signal))
+        return;
 {
     const Reentry reentry;
     if (!socket) // closed before, or never open
@@ -216,12 +232,10 @@ void TcpClient2::mdisconnected()
     if (socket->bytesAvailable() > 0)
         appendAvailable();
 
-    if (const Snapshot last = takeRest(); !last.data.isEmpty())
-        offer(last);
-    if (!socket) // the end came once more, from within a log line or the taker
+    if (!socket) // the end came once more, from within a log line
         return;
 
-    // Before the log line, whose handler may run the event loop: nobody else ends this socket.
+    // Before anything that may run the event loop: nobody else ends this socket.
     QTcpSocket *closing = nullptr;
     {
         const QMutexLocker locker(&socketMutex);
@@ -242,12 +256,20 @@ void TcpClient2::mreadyRead()
 {
     const Reentry reentry;
     if (!appendAvailable())
+    const Snapshot last = takeRest();
+    offeredPosition = last.position;
+    if (!last.data.isEmpty())
+        emitOffer(last, *closing);
         return;
     const qint64 now = Clock::now();
     if (!isOfferDue(now, OfferIntervalMs))
         return;
     const Snapshot unconsumed = snapshot();
     if (unconsumed.data.isEmpty()) // the host has cut what it was not offered
+    // Deliberate, behind the line and the close: an offer reaches the task by a later call, and the
+    // last one is made in the same turn as all of this.
+    if (!last.data.isEmpty() && taker)
+        taker(last.data);
         return;
     offer(unconsumed);
     lastEmit = now;

@@ -118,7 +118,8 @@ private:
     Snapshot snapshot();
     Snapshot takeRest();
     void offer(const Snapshot &unconsumed);
-    void emitOffer(const Snapshot &unconsumed);
+    void offerRemainder(qsizetype left);
+    void emitOffer(const Snapshot &unconsumed, QTcpSocket &from);
 
     void requestCut(int len);
     template<class Cut>

@@ -202,8 +202,7 @@ void TcpTask2::addConnection(Connection conn)
         const QWriteLocker locker(&clientsLock);
         connect(this, &TcpTask2::stopTimer, client, &TcpClient2::mdisconnected,
                 Qt::QueuedConnection); // under the lock: see stop()
-        // Deliberate: a client that held the id before stays as it is, but cannot be reached.
-        clients.insert(id, client);
+        enter(client, id);
     }
     CWRN(QtDebugMsg, QStringLiteral("TcpTask2 (%1): new client added, size = %2"), num,
          static_cast<qint64>(clients.size()));
@@ -212,10 +211,22 @@ void TcpTask2::addConnection(Connection conn)
 void TcpTask2::connectClient(TcpClient2 *client, const Endpoints &endpoints)
 {
     // Queued although in one thread: a client is never deleted from inside its own signal.
-    connect(client, &TcpClient2::disconnected, this, &TcpTask2::disconnected, Qt::QueuedConnection);
+    connect(
+            client, &TcpClient2::disconnected, this,
+            [this, ended = QPointer<TcpClient2>(client)](const QString &id) {
+                if (ended)
+                    handleEnd(ended, id);
+            },
+            Qt::QueuedConnection);
     // Directly, as the taker below: neither changes the client. The registry knows the new id
     // before the host gets a record that bears it.
-    connect(client, &TcpClient2::idChanged, this, &TcpTask2::idChanged, Qt::DirectConnection);
+    connect(
+            client, &TcpClient2::idChanged, this,
+            [this, client](const QString &oid, const QString &id) {
+                if (clients.value(oid) == client)
+                    idChanged(oid, id);
+            },
+            Qt::DirectConnection);
     client->offerTo(
             [this, client, maker = RecordMaker(num, endpoints)](const QByteArray &data) mutable {
                 const RecordMaker::Stamp stamp{client->connectionNumber(), client->offerPosition()};
@@ -224,22 +235,46 @@ void TcpTask2::connectClient(TcpClient2 *client, const Endpoints &endpoints)
             });
 }
 
+// The caller holds clientsLock for writing. Deliberate: a client that held the id before stays as
+// it is, but discards do not reach it any more. It is a device that was reset and has come back
+// from the same port.
+void TcpTask2::enter(TcpClient2 *client, const QString &id)
+{
+    TcpClient2 *&holder = clients[id];
+    if (holder && holder != client)
+        displaced.insert(holder);
+    holder = client;
+}
+
+// By the time this comes, another client may hold the id: that one is left alone.
+void TcpTask2::handleEnd(TcpClient2 *client, const QString &id)
+{
+    if (clients.value(id) == client) {
+        disconnected(id);
+    } else if (displaced.remove(client)) {
+        ignore(client);
+        Reentry::deleteLater(client);
+    }
+}
+
 void TcpTask2::disconnected(const QString &id)
 {
     const Reentry reentry;
     TcpClient2 *client = clients.value(id);
     if (!client)
         return;
-    // When two clients shared the id, this one may be alive: it makes its last offer first. The
-    // rest of its end is no news, and by the time it came a third client could have the id.
-    disconnect(client, &TcpClient2::disconnected, this, &TcpTask2::disconnected);
-    disconnect(client, &TcpClient2::idChanged, this, &TcpTask2::idChanged);
-    client->mdisconnected();
-    client->offerTo({});
+    ignore(client); // the end that it reports below is this one
+    client->mdisconnected(); // makes its last offer, if whoever called this was too early
 
     const QWriteLocker locker(&clientsLock);
     Reentry::deleteLater(client);
     clients.remove(id);
+}
+
+void TcpTask2::ignore(TcpClient2 *client)
+{
+    disconnect(client, &TcpClient2::disconnected, this, nullptr);
+    disconnect(client, &TcpClient2::idChanged, this, nullptr);
 }
 
 void TcpTask2::readyRead(Connection c, const QString &id)
@@ -295,6 +330,6 @@ void TcpTask2::idChanged(const QString &oid, const QString &id)
         return;
     // Deliberate order, insert first: a change from an id to itself takes the client out of the
     // registry, and discards for it are then reported as for a client that does not exist.
-    clients.insert(id, client);
+    enter(client, id);
     clients.remove(oid);
 }

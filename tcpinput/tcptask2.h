@@ -12,6 +12,7 @@
 #include <QtCore/QMap>
 #include <QtCore/QObject>
 #include <QtCore/QReadWriteLock>
+#include <QtCore/QSet>
 #include <QtCore/QString>
 
 #include <atomic>
@@ -67,6 +68,7 @@ public Q_SLOTS:
     // Takes one pending connection from the server named in the record.
     void addConnection(Connection conn);
 
+    // Ends and deletes the client that holds the id, if there is one.
     void disconnected(const QString &id);
     void readyRead(Connection c, const QString &id);
 
@@ -83,6 +85,9 @@ private:
     static DiscardResult discardTo(TcpClient2 *client, int length, const QString &from,
                                    const QMap<QString, QString> &subid);
     void connectClient(TcpClient2 *client, const Endpoints &endpoints);
+    void enter(TcpClient2 *client, const QString &id);
+    void handleEnd(TcpClient2 *client, const QString &id);
+    void ignore(TcpClient2 *client);
 
     // By client id. Guarded by clientsLock; written in the task's thread only.
     QHash<QString, TcpClient2 *> clients;
@@ -90,6 +95,7 @@ private:
     mutable QReadWriteLock clientsLock;
     int num = 0; // set once, before the task is moved
     bool dying = false; // this and below: the task's thread only
+    QSet<TcpClient2 *> displaced; // from the registry, by others with their ids; not ended yet
     LocalSecond localSecond;
     std::unique_ptr<BacklogWatch> watch; // from the first client on: it belongs to the thread
 };

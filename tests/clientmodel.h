@@ -171,6 +171,7 @@ private:
             findId();
             idFound(bytes);
         }
+    bool lastOfferMade = false;
         if (bytes.size() > 1000)
             log(QStringLiteral("I: TcpClient2 (%1): msgsize = %2").arg(id).arg(bytes.size()));
         if (!isOpen) { // its new id has ended it, with these bytes
@@ -215,5 +216,5 @@ private:
     qint64 bytesReceived = 0;
     qint64 reads = 0;
     bool idKnown = false;
-    bool lastOfferMade = false;
+    bool isJustCut = false; // by cutAhead(), nothing done since
 };

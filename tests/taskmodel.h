@@ -65,7 +65,7 @@ public:
                     .arg(id, ends.local.toString())
                     .arg(ends.localPort));
         clients.push_back(std::make_unique<Client>(*this, id, socket));
-        registry.insert(id, clients.back().get());
+        enter(clients.back().get(), id);
         log(QStringLiteral("D: TcpTask2 (0): new client added, size = %1").arg(registry.size()));
     }
 
@@ -86,7 +86,7 @@ public:
     void idChanged(const QString &oid, const QString &id)
     {
         if (Client *client = registry.value(oid)) {
-            registry.insert(id, client);
+            enter(client, id);
             registry.remove(oid);
         }
     }
@@ -171,6 +171,7 @@ private:
 
         const quint64 number;
         bool isHeard = true; // its end and its changes of id
+        bool isDisplaced = false; // from the registry, by another one with its id
         bool isDeleted = false;
 
     protected:
@@ -183,20 +184,27 @@ private:
                 subIds.insert(QStringLiteral("offset"), QString::number(position));
                 subIds.insert(QStringLiteral("connection"), QString::number(number));
             }
-            task.log(recordText(subIds, buffer));
+            const QString record = recordText(subIds, buffer);
+            if (lastOfferMade)
+                lastRecord = record; // behind the closing line
+            else
+                task.log(record);
         }
         void renamed(const QString &before) override
         {
-            if (isHeard)
+            if (isHeard && task.registry.value(before) == this)
                 task.idChanged(before, id);
         }
         void gone() override
         {
+            if (!lastRecord.isNull())
+                task.log(lastRecord);
             if (isHeard)
-                task.post(true, [&to = task, which = id] { to.disconnected(which); });
+                task.post(true, [this, which = id] { task.ended(*this, which); });
         }
 
     private:
+        QString lastRecord;
         TaskModel &task;
         const QPointer<MemorySocket> socket;
     };
@@ -224,6 +232,22 @@ private:
                 : sum > std::numeric_limits<quint64>::max() ? std::numeric_limits<quint64>::max()
                                                             : static_cast<quint64>(sum);
         post(false, [&client, position] { client.cutTo(position); });
+    }
+
+    // Another client that has the id makes room.
+    void enter(Client *client, const QString &id)
+    {
+        Client *&holder = registry[id];
+        if (holder && holder != client)
+            holder->isDisplaced = true;
+        holder = client;
+    }
+    void ended(Client &client, const QString &id)
+    {
+        if (registry.value(id) == &client)
+            disconnected(id);
+        else if (client.isDisplaced)
+            client.isDeleted = true;
     }
 
     void log(const QString &line) { events += line; }

@@ -127,7 +127,9 @@ private Q_SLOTS:
     void firstReadChangesTheKey();
 
     void equalIds();
-    void equalIdsDeleteALiveClientAfterItsLastOffer();
+    void equalIdsTheSecondEndsFirst();
+    void equalIdsTheFirstReadsAtItsEnd();
+    void endsALiveClientAfterItsLastOffer();
     void equalIdsDoNotReachAThirdClient();
 
     void record();
@@ -532,34 +534,72 @@ void tst_TcpTask2::equalIds()
     QVERIFY(EventLog::take().last().endsWith(QStringLiteral("new client added, size = 1")));
     QCOMPARE(registry().size(), 3);
 
-    // Only the second can be reached; the first one's end removes it all the same.
+    // Only the second can be reached.
     QSignalSpy firstCut(first.client, &TcpClient2::cut);
     QSignalSpy secondCut(second.client, &TcpClient2::cut);
     task->discard(1, clientSubId(first.givenId()));
     QCOMPARE(firstCut.size(), 0);
     QCOMPARE(secondCut.size(), 1);
 
+    // The first one's end is its own alone.
     QVERIFY(first.end());
     turn();
     deleteLaterNow();
-    QCOMPARE(task->getInfo(), QString());
-    QVERIFY(!second.client);
-    QVERIFY(second.pair.device.ends());
-    QVERIFY(first.client);
-    task.reset();
     QVERIFY(!first.client);
+    QVERIFY(second.client);
+    QCOMPARE(registry(), linesOf({second.givenId()}) + QStringList(QString()));
+    QVERIFY(second.end());
+    turn();
+    deleteLaterNow();
+    QVERIFY(!second.client);
+    QCOMPARE(task->getInfo(), QString());
 }
 
-void tst_TcpTask2::equalIdsDeleteALiveClientAfterItsLastOffer()
+// In the other order: when the first one ends, nobody holds its id any more.
+void tst_TcpTask2::equalIdsTheSecondEndsFirst()
 {
     Accepted first = accept();
     Accepted second =
             accept(QHostAddress(QStringLiteral("127.62.0.3")), PeerAddress, first.pair.peerPort);
+    QVERIFY(second.end());
+    turn();
+    deleteLaterNow();
+    QVERIFY(!second.client);
+    QVERIFY(first.client);
+    QCOMPARE(task->getInfo(), QString());
+
+    QVERIFY(first.end());
+    turn();
+    deleteLaterNow();
+    QVERIFY(!first.client);
+}
+
+// Its first read is its last: the id that it finds is not given to the one that has taken its
+// place.
+void tst_TcpTask2::equalIdsTheFirstReadsAtItsEnd()
+{
+    Accepted first = accept();
+    const Accepted second =
+            accept(QHostAddress(QStringLiteral("127.62.0.3")), PeerAddress, first.pair.peerPort);
+    QVERIFY(first.sendUnseen("abc"));
+    QVERIFY(first.end());
+    turn();
+    deleteLaterNow();
+    QVERIFY(!first.client);
+    QVERIFY(second.client);
+    QCOMPARE(registry(), linesOf({second.givenId()}) + QStringList(QString()));
+    QVERIFY(!records.isEmpty());
+    QCOMPARE(records.constLast()->getOriginalMessage(), QByteArray("abc"));
+}
+
+void tst_TcpTask2::endsALiveClientAfterItsLastOffer()
+{
+    const Accepted second = accept(QHostAddress(QStringLiteral("127.62.0.3")), PeerAddress);
     QVERIFY(second.client);
     QVERIFY(second.sendUnseen("abc"));
-    QVERIFY(first.end());
     EventLog::take();
 
+    task->disconnected(second.givenId());
     turn();
     deleteLaterNow();
 
@@ -573,10 +613,10 @@ void tst_TcpTask2::equalIdsDeleteALiveClientAfterItsLastOffer()
                                   .arg(second.pair.localPort)
                                   .arg(PeerAddress.toString())
                                   .arg(second.pair.peerPort),
-                          QStringLiteral("record of 3 bytes by ") + id,
                           QStringLiteral("D: TcpClient: closing connection %1 "
                                          "(received 3 bytes, 1 msgs)")
-                                  .arg(id)}));
+                                  .arg(id),
+                          QStringLiteral("record of 3 bytes by ") + id}));
 }
 
 // The end of the client that the task deleted is no news to the task: by then a third one may have

@@ -91,6 +91,7 @@ TcpInputPlugin2::~TcpInputPlugin2()
     for (TcpTask2 *task : std::as_const(tasks))
         task->stop();
     retireTasks(); // each dies in its own thread, which ends no sooner than that is done
+    draining = true;
 
     for (QThread *thread : std::exchange(threads, {}))
         retired.append(thread);
@@ -369,6 +370,8 @@ void TcpInputPlugin2::socketError(QSslSocket *socket, QAbstractSocket::SocketErr
 
 void TcpInputPlugin2::threadFinished()
 {
+    if (draining) // who destroys a plugin does not hear of its threads
+        return;
     CWRN(QtDebugMsg, QStringLiteral("  -- TI2: thread finished"));
 }
 

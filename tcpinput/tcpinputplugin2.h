@@ -126,4 +126,5 @@ private:
     QTimer retryTimer;
     int untaken = 0; // connections that no task could be had for
     bool destroying = false; // the host's events that are processed meanwhile start nothing new
+    bool draining = false; // the last records alone are of interest
 };

@@ -106,7 +106,7 @@ int main(int argc, char **argv)
 {
     const QCoreApplication application(argc, argv);
     qInstallMessageHandler(dropLine);
-    Clock::setSource(&nextSecond);
+    Clock::setSources(&nextSecond, &std::chrono::steady_clock::now);
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
 }

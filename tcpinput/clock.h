@@ -6,21 +6,36 @@
 #include <QtCore/QDateTime>
 
 #include <atomic>
+#include <chrono>
 
 /*!
-    The wall clock that clients compare their last offer with; tests put another in its place.
+    The clocks that clients decide over offers with; tests put others in their place.
 
-    Thread: now() any; setSource() only while no client lives.
+    Thread: now() and steady() any; setSources() and reset() only while no client lives.
 */
 class Clock
 {
 public:
+    using Steady = std::chrono::steady_clock::time_point;
     using Source = qint64 (*)(); // milliseconds since the epoch
+    using SteadySource = Steady (*)();
 
+    // The wall clock, which may be set.
     static qint64 now() { return source.load(std::memory_order_relaxed)(); }
-    static void setSource(Source value) { source.store(value, std::memory_order_relaxed); }
-    static void reset() { setSource(&QDateTime::currentMSecsSinceEpoch); }
+    // For the time between two events: never set, and finer.
+    static Steady steady() { return steadySource.load(std::memory_order_relaxed)(); }
+
+    static void setSources(Source wall, SteadySource monotonic)
+    {
+        source.store(wall, std::memory_order_relaxed);
+        steadySource.store(monotonic, std::memory_order_relaxed);
+    }
+    static void reset()
+    {
+        setSources(&QDateTime::currentMSecsSinceEpoch, &std::chrono::steady_clock::now);
+    }
 
 private:
     static inline std::atomic<Source> source = &QDateTime::currentMSecsSinceEpoch;
+    static inline std::atomic<SteadySource> steadySource = &std::chrono::steady_clock::now;
 };

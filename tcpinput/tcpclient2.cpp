@@ -5,7 +5,6 @@
 
 #include "plugin/cwrn.h"
 #include "tcpinput/clientid.h"
-#include "tcpinput/clock.h"
 #include "tcpinput/reentry.h"
 
 #include <QtCore/QMetaMethod>
@@ -25,6 +24,8 @@ constexpr std::chrono::steady_clock::duration CheckInterval = std::chrono::secon
 constexpr int LogReadAboveBytes = 1000;
 constexpr qsizetype ReofferAboveBytes = 20; // left after a cut
 constexpr qsizetype KickAboveBytes = 80;
+// A cut counts as made this much later than it was asked for: see cutAhead().
+constexpr std::chrono::steady_clock::duration CutDelay = std::chrono::microseconds(500);
 
 } // namespace
 
@@ -100,7 +101,7 @@ void TcpClient2::discardTo(quint64 position)
         const QWriteLocker locker(&inbufLock);
         if (position <= bytesCut) // cuts that are on their way do not take it back
             return;
-        if (cutWithoutOffer(lengthTo(position)))
+        if (cutAhead(lengthTo(position)))
             return;
         ++postedCuts;
     }
@@ -111,7 +112,7 @@ void TcpClient2::requestCut(int len)
 {
     {
         const QWriteLocker locker(&inbufLock);
-        if (cutWithoutOffer(len))
+        if (cutAhead(len))
             return;
         ++postedCuts;
     }
@@ -130,18 +131,29 @@ void TcpClient2::postCut(Cut cut)
     QMetaObject::invokeMethod(this, carryOut, Qt::QueuedConnection);
 }
 
-// Most cuts leave nothing that would be offered again. Those need not wake up the client's thread,
-// and the waking up costs more than all the rest of a cut: they are carried out at once. Nobody can
-// tell the difference, as long as no cut overtakes another one. False: it has to be posted.
-// The caller holds inbufLock.
-bool TcpClient2::cutWithoutOffer(qsizetype len)
+// A cut is due in the client's thread, but most cuts leave nothing that would be offered again. To
+// wake up the thread for those costs more than all the rest of a cut: their bytes are taken away at
+// once, in the calling thread. Two rules keep that from being seen. No cut overtakes another one.
+// And none overtakes a read: a read that follows within CutDelay, the time that a thread may need
+// to wake up, counts as made before the cut, which then leaves its bytes and offers them
+// (mreadyRead()). False: the cut has to be posted. The caller holds inbufLock.
+bool TcpClient2::cutAhead(qsizetype len)
 {
     const qsizetype left = inbuf.size() - std::max<qsizetype>(len, 0);
     if (postedCuts > 0 || left < 0 || left > ReofferAboveBytes
         || QThread::currentThread() == thread())
         return false;
     bytesCut += static_cast<quint64>(inbuf.cutFront(len));
+    recentCut = Clock::steady();
     return true;
+}
+
+// How much a cut has left that counts as made only now, behind a read. 0: there is none.
+qsizetype TcpClient2::leftByRecentCut()
+{
+    const QWriteLocker locker(&inbufLock);
+    const auto cut = std::exchange(recentCut, std::nullopt);
+    return cut && Clock::steady() - *cut <= CutDelay ? inbuf.size() : 0;
 }
 
 // From the front of the buffer; 0 for a position before it. The caller holds inbufLock.
@@ -159,6 +171,7 @@ void TcpClient2::emitData()
 TcpClient2::Snapshot TcpClient2::snapshot()
 {
     const QWriteLocker locker(&inbufLock);
+    recentCut.reset(); // made before: its bytes are missing here
     return {inbuf.copy(), bytesCut};
 }
 
@@ -199,6 +212,9 @@ void TcpClient2::offerRemainder(qsizetype left)
 
 void TcpClient2::emitOffer(const Snapshot &unconsumed, QTcpSocket &from)
 {
+    static const QMetaMethod signal = QMetaMethod::fromSignal(&TcpClient2::readyRead);
+    if (!isSignalConnected(signal))
+        return;
     Connection c;
     c.setData(unconsumed.data);
     {
@@ -212,9 +228,6 @@ void TcpClient2::emitOffer(const Snapshot &unconsumed, QTcpSocket &from)
 }
 
 void TcpClient2::mdisconnected()
-    static const QMetaMethod signal = QMetaMethod::fromSignal(&TcpClient2::readyRead);
-    if (!isSignalConnected(signal))
-        return;
 {
     const Reentry reentry;
     if (!socket) // closed before, or never open
@@ -243,12 +256,20 @@ void TcpClient2::mdisconnected()
         plain = nullptr;
     }
     disconnect(closing, &QAbstractSocket::disconnected, this, &TcpClient2::mdisconnected);
+    const Snapshot last = takeRest();
+    offeredPosition = last.position;
+    if (!last.data.isEmpty())
+        emitOffer(last, *closing);
     idleTimer.stop();
     CWRN(QtDebugMsg,
          QStringLiteral("TcpClient: closing connection %1 (received %2 bytes, %3 msgs)"), id,
          bytesReceived, msgsReceived);
     closing->close();
     Reentry::deleteLater(closing);
+    // Deliberate, behind the line and the close: an offer reaches the task by a later call, and the
+    // last one is made in the same turn as all of this.
+    if (!last.data.isEmpty() && taker)
+        taker(last.data);
     Q_EMIT disconnected(id);
 }
 
@@ -256,20 +277,14 @@ void TcpClient2::mreadyRead()
 {
     const Reentry reentry;
     if (!appendAvailable())
-    const Snapshot last = takeRest();
-    offeredPosition = last.position;
-    if (!last.data.isEmpty())
-        emitOffer(last, *closing);
         return;
     const qint64 now = Clock::now();
-    if (!isOfferDue(now, OfferIntervalMs))
+    if (!isOfferDue(now, OfferIntervalMs)) {
+        offerRemainder(leftByRecentCut());
         return;
+    }
     const Snapshot unconsumed = snapshot();
     if (unconsumed.data.isEmpty()) // the host has cut what it was not offered
-    // Deliberate, behind the line and the close: an offer reaches the task by a later call, and the
-    // last one is made in the same turn as all of this.
-    if (!last.data.isEmpty() && taker)
-        taker(last.data);
         return;
     offer(unconsumed);
     lastEmit = now;
@@ -293,19 +308,14 @@ void TcpClient2::cutTo(quint64 position)
 
 void TcpClient2::cutFront(qsizetype len)
 {
-    qsizetype remaining = 0;
+    qsizetype left = 0;
     {
         const QWriteLocker locker(&inbufLock);
         bytesCut += static_cast<quint64>(inbuf.cutFront(len));
-        remaining = inbuf.size();
+        recentCut.reset(); // that one was made before
+        left = inbuf.size();
     }
-    if (remaining <= ReofferAboveBytes)
-        return;
-
-    CWRN(QtDebugMsg, QStringLiteral("TcpClient: inbuf still %1 bytes, triggering"),
-         static_cast<qint64>(remaining));
-    emitData();
-    lastEmit = Clock::now();
+    offerRemainder(left);
 }
 
 // Offers put the time-out off. They come far more often than the timer, so they only leave word,
@@ -396,6 +406,10 @@ bool TcpClient2::isSocketValid() const
 qsizetype TcpClient2::takeIn(int msgsize)
 {
     const QWriteLocker locker(&inbufLock);
+    if (QByteArray block = plain ? plain->takeBlock(msgsize) : QByteArray(); !block.isEmpty()) {
+        inbuf.appendBlock(std::move(block));
+        return inbuf.size();
+    }
     char *const room = inbuf.extend(msgsize);
     const qint64 size = plain ? plain->take(room, msgsize) : socket->read(room, msgsize);
     const qint64 came = std::max<qint64>(size, 0);
@@ -428,10 +442,6 @@ void TcpClient2::endWatch()
 void TcpClient2::startCheckTimer()
 {
     const auto age = std::chrono::steady_clock::now() - created;
-    if (QByteArray block = plain ? plain->takeBlock(msgsize) : QByteArray(); !block.isEmpty()) {
-        inbuf.appendBlock(std::move(block));
-        return inbuf.size();
-    }
     checkTimer.start(
             std::chrono::ceil<std::chrono::milliseconds>(CheckInterval - age % CheckInterval));
 }

@@ -5,6 +5,7 @@
 
 #include "plugin/connection.h"
 #include "tcpinput/backlogwatch.h"
+#include "tcpinput/clock.h"
 #include "tcpinput/inputbuffer.h"
 #include "tcpinput/receivingsocket.h"
 
@@ -16,6 +17,7 @@
 
 #include <chrono>
 #include <functional>
+#include <optional>
 
 /*!
     One accepted connection: buffers its bytes, offers them to the task, cuts what was consumed.
@@ -45,9 +47,8 @@ public:
     // A copy of the id, from any thread.
     QString currentId() const;
 
-    // Cuts len bytes: later, in the client's thread, even when called from there; but at once, in
-    // the calling thread, if that is another one and what is left need not be offered again.
-    // len <= 0 cuts nothing, a len beyond the buffer empties it.
+    // Cuts len bytes later, in the client's thread, even when called from there. len <= 0 cuts
+    // nothing, a len beyond the buffer empties it.
     void discard(int len);
 
     // Stamps this connection's offers with their positions; connectionNumber is not 0. Once, before
@@ -124,7 +125,8 @@ private:
     void requestCut(int len);
     template<class Cut>
     void postCut(Cut cut);
-    bool cutWithoutOffer(qsizetype len);
+    bool cutAhead(qsizetype len);
+    qsizetype leftByRecentCut();
     qsizetype lengthTo(quint64 position) const;
     void cutTo(quint64 position);
     void cutFront(qsizetype len);
@@ -150,8 +152,9 @@ private:
     qint64 msgsReceived = 0; // reads, not messages of the data stream
     bool idBuilt = false;
     quint64 number = 0; // set once, see stampOffers()
-    quint64 bytesCut = 0; // guarded by inbufLock, as the next
+    quint64 bytesCut = 0; // guarded by inbufLock, as the next two
     int postedCuts = 0; // on their way to the client's thread: those that follow stay behind them
+    std::optional<Clock::Steady> recentCut; // made by cutAhead(), nothing done since
     quint64 offeredPosition = 0; // of the latest offer; this and below: client's thread
     Taker taker;
     BacklogWatch *watch = nullptr;

@@ -60,7 +60,11 @@ public:
     }
     static QString disconnectedText(const QString &id) { return id + QLatin1String(" is gone"); }
 
-    void advance(qint64 ms) { time += ms; }
+    void advance(qint64 ms)
+    {
+        time += ms;
+        isJustCut = isJustCut && ms < 1;
+    }
 
     // The socket says that there is something to read, and this is what it holds.
     void read(const QByteArray &bytes)
@@ -70,6 +74,8 @@ public:
         if (isDue(200)) {
             offer();
             lastOffer = time;
+        } else if (std::exchange(isJustCut, false)) {
+            offerRemainder();
         }
     }
 
@@ -78,11 +84,14 @@ public:
         const qsizetype count = std::clamp<qsizetype>(len, 0, buffer.size());
         buffer = buffer.sliced(count);
         position += static_cast<quint64>(count);
-        if (buffer.size() <= 20)
-            return;
-        log(QStringLiteral("D: TcpClient: inbuf still %1 bytes, triggering").arg(buffer.size()));
-        offer();
-        lastOffer = time;
+        isJustCut = false;
+        offerRemainder();
+    }
+    // Asked for in another thread: a read that follows at once may have come before it.
+    void cutAhead(qsizetype len)
+    {
+        cut(len);
+        isJustCut = true;
     }
 
     // A cut of a stamped client, up to a position in the stream.
@@ -96,6 +105,7 @@ public:
     // Every two seconds while its buffer holds enough.
     void check()
     {
+        isJustCut = false;
         checkTimerRuns = buffer.size() > 80;
         if (!checkTimerRuns || !isDue(2000))
             return;
@@ -161,6 +171,7 @@ protected:
 
     const Endpoints endpoints;
     const bool stamped;
+    bool lastOfferMade = false;
 
 private:
     bool append(const QByteArray &bytes)
@@ -171,7 +182,6 @@ private:
             findId();
             idFound(bytes);
         }
-    bool lastOfferMade = false;
         if (bytes.size() > 1000)
             log(QStringLiteral("I: TcpClient2 (%1): msgsize = %2").arg(id).arg(bytes.size()));
         if (!isOpen) { // its new id has ended it, with these bytes
@@ -200,8 +210,18 @@ private:
             renamed(before);
     }
 
+    void offerRemainder()
+    {
+        if (buffer.size() <= 20)
+            return;
+        log(QStringLiteral("D: TcpClient: inbuf still %1 bytes, triggering").arg(buffer.size()));
+        offer();
+        lastOffer = time;
+    }
+
     void offer()
     {
+        isJustCut = false;
         offered();
         idleTimerRuns = isOpen;
     }

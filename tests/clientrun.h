@@ -258,7 +258,7 @@ private:
     {
         const qsizetype left = model.buffer.size() - std::max(length, 0);
         if (postedCuts == 0 && left >= 0 && left <= 20)
-            model.cut(length);
+            model.cutAhead(length);
         else
             modelDiscards(length);
     }

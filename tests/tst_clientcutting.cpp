@@ -11,6 +11,7 @@
 #include <QtTest/QTest>
 
 #include <atomic>
+#include <chrono>
 #include <limits>
 #include <memory>
 #include <random>
@@ -82,6 +83,10 @@ private Q_SLOTS:
     void cutsInTheClientsThreadArePosted();
     void noCutOvertakesAnother_data();
     void noCutOvertakesAnother();
+    void readRightBehindACut_data();
+    void readRightBehindACut();
+    void readBetweenCutAndRead_data();
+    void readBetweenCutAndRead();
     void cutAtOnceKeepsOffers();
     void cutAfterTheEnd();
     void cutWhileTheWorkerReads_data();
@@ -255,6 +260,82 @@ void tst_ClientCutting::noCutOvertakesAnother()
     QCOMPARE(calls.count, 2);
 }
 
+void tst_ClientCutting::readRightBehindACut_data()
+{
+    QTest::addColumn<int>("left");
+    QTest::addColumn<int>("size");
+    QTest::addColumn<qint64>("delayNs");
+    QTest::addColumn<bool>("offered");
+    const qint64 most = 500'000;
+    QTest::newRow("at once") << 0 << 30 << qint64(0) << true;
+    QTest::newRow("as late as counts") << 0 << 30 << most << true;
+    QTest::newRow("later") << 0 << 30 << most + 1 << false;
+    QTest::newRow("next to a remainder") << 20 << 1 << qint64(0) << true;
+    QTest::newRow("next to a remainder, later") << 20 << 1 << most + 1 << false;
+    QTest::newRow("too few bytes") << 0 << 20 << qint64(0) << false;
+    QTest::newRow("too few with a remainder") << 15 << 5 << qint64(0) << false;
+}
+
+// The cut is the later one of the two as far as offers go: the read would else have to wait for
+// the next one, a kick or the end.
+void tst_ClientCutting::readRightBehindACut()
+{
+    QFETCH(int, left);
+    QFETCH(int, size);
+    QFETCH(qint64, delayNs);
+    QFETCH(bool, offered);
+    ConnectedClient connection;
+    connection.client->stampOffers(1);
+    QVERIFY(connection.deliver(bytes(100)));
+    inAnotherThread([&] { connection.client->discard(100 - left); });
+    connection.takeOffers();
+    EventLog::take();
+
+    MovableClock::advance(std::chrono::nanoseconds(delayNs));
+    QVERIFY(connection.deliver(QByteArray(size, '!')));
+
+    const QByteArray all = bytes(100).last(left) + QByteArray(size, '!');
+    QCOMPARE(connection.takeOffers(), offered ? QList<QByteArray>({all}) : QList<QByteArray>());
+    const QStringList events = EventLog::take();
+    if (offered) {
+        QCOMPARE(connection.client->offerPosition(), quint64(100 - left));
+        QCOMPARE(events.value(0),
+                 QStringLiteral("D: TcpClient: inbuf still %1 bytes, triggering").arg(all.size()));
+    } else {
+        QCOMPARE(events, QStringList());
+    }
+    // The cut is over.
+    QVERIFY(connection.deliver("more than twenty bytes more"));
+    QCOMPARE(connection.takeOffers(), QList<QByteArray>());
+}
+
+void tst_ClientCutting::readBetweenCutAndRead_data()
+{
+    QTest::addColumn<bool>("due");
+    QTest::newRow("offered as always") << true;
+    QTest::newRow("too small to be offered") << false;
+}
+
+// The cut was made before the first of them, and so before the second.
+void tst_ClientCutting::readBetweenCutAndRead()
+{
+    QFETCH(bool, due);
+    ConnectedClient connection;
+    QVERIFY(connection.deliver(bytes(30)));
+    inAnotherThread([&] { connection.client->discard(30); });
+    connection.takeOffers();
+    if (due) {
+        MovableClock::advance(-1); // a clock that was set back: an offer is due
+        QVERIFY(connection.deliver(bytes(21)));
+        QCOMPARE(connection.takeOffers(), QList<QByteArray>({bytes(21)}));
+    } else {
+        QVERIFY(connection.deliver("!"));
+    }
+
+    QVERIFY(connection.deliver(bytes(30)));
+    QCOMPARE(connection.takeOffers(), QList<QByteArray>());
+}
+
 void tst_ClientCutting::cutAtOnceKeepsOffers()
 {
     ConnectedClient connection;
@@ -308,7 +389,7 @@ void tst_ClientCutting::cutWhileTheWorkerReads()
     QFETCH(int, total);
     QFETCH(int, atOnce);
     static std::atomic<qint64> time;
-    Clock::setSource([]() -> qint64 { return time += 201; });
+    Clock::setSources([]() -> qint64 { return time += 201; }, &std::chrono::steady_clock::now);
     Worker worker;
     SocketPair pair = SocketPair::connected(QHostAddress(ConnectedClient::localAddress()),
                                             QHostAddress(ConnectedClient::peerAddress()));

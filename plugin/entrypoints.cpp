@@ -14,7 +14,8 @@ void registerPlugin(InputPluginCreators &creators)
 {
     const QString key = QStringLiteral("TcpInputPlugin2");
     const auto *creator = new Register<TcpInputPlugin2, IInputPlugin>::Creator;
-    delete creators.take(key);
+    delete creators.value(key); // while it is in the map, for a creator that looks there at its end
+    creators.remove(key);
     creators.insert(key, creator);
 }
 

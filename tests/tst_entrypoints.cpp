@@ -20,7 +20,9 @@
 #include <link.h>
 
 #include <cstdlib>
+#include <functional>
 #include <memory>
+#include <utility>
 
 using namespace Qt::StringLiterals;
 
@@ -32,14 +34,24 @@ const QString ClassName = u"TcpInputPlugin2"_s;
 class HostCreator : public Factory<IInputPlugin>::Creator
 {
 public:
-    explicit HostCreator(int &counter) : destroyed(counter) {}
-    ~HostCreator() override { ++destroyed; }
+    // atEnd: what it does when it is destroyed, after it is counted.
+    explicit HostCreator(
+            int &counter, std::function<void(const HostCreator *)> atEnd = [](auto *) {})
+        : destroyed(counter),
+          end(std::move(atEnd))
+    {}
+    ~HostCreator() override
+    {
+        ++destroyed;
+        end(this);
+    }
     Q_DISABLE_COPY_MOVE(HostCreator)
 
     IInputPlugin *create() const override { return nullptr; }
 
 private:
     int &destroyed;
+    const std::function<void(const HostCreator *)> end;
 };
 
 //! An exported symbol as nm prints it, with its name in clear.
@@ -111,6 +123,8 @@ private Q_SLOTS:
     void registerOnAnEmptyMap();
     void registerTwice();
     void registerDeletesTheCreatorThatWasThere();
+    void registerDeletesBeforeItRemoves();
+    void registerAfterACreatorThatTakesItselfOut();
     void registerReplacesANullEntry();
     void registerLeavesOtherKeysAlone();
     void registerDetachesASharedMap();
@@ -187,6 +201,35 @@ void tst_EntryPoints::registerDeletesTheCreatorThatWasThere()
     QCOMPARE(creators.size(), 1);
     qDeleteAll(creators);
     QCOMPARE(destroyed, 1);
+}
+
+// A creator that looks into the map when it is destroyed still finds itself there.
+void tst_EntryPoints::registerDeletesBeforeItRemoves()
+{
+    int destroyed = 0;
+    InputPluginCreators creators;
+    bool found = false;
+    creators.insert(ClassName, new HostCreator(destroyed, [&](const HostCreator *creator) {
+                        found = creators.value(ClassName) == creator;
+                    }));
+    registerPlugin(creators);
+    QCOMPARE(destroyed, 1);
+    QVERIFY(found);
+    QVERIFY(creators.value(ClassName));
+    qDeleteAll(creators);
+}
+
+void tst_EntryPoints::registerAfterACreatorThatTakesItselfOut()
+{
+    int destroyed = 0;
+    InputPluginCreators creators;
+    creators.insert(ClassName,
+                    new HostCreator(destroyed, [&](const HostCreator *) { creators.clear(); }));
+    registerPlugin(creators);
+    QCOMPARE(destroyed, 1);
+    QCOMPARE(creators.keys(), QStringList{ClassName});
+    QVERIFY(creators.value(ClassName));
+    qDeleteAll(creators);
 }
 
 void tst_EntryPoints::registerReplacesANullEntry()

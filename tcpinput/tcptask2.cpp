@@ -191,6 +191,8 @@ void TcpTask2::addConnection(Connection conn)
                                 conn.getSenderHost().toString(), conn.getSenderPort());
     CWRN(QtDebugMsg, QStringLiteral("TcpTask2: new connection %1"), id);
 
+    // For queued receivers of the client's readyRead(). After the first time it takes next to none.
+    qRegisterMetaType<Connection>();
     auto *client = new TcpClient2(this, id, socket, conn.getTimeout());
     if (const quint64 number = connectionNumber(socket))
         client->stampOffers(number);

@@ -106,6 +106,7 @@ private Q_SLOTS:
     void init();
     void cleanup();
 
+    void registersTheRecordsType(); // first: it is registered for the whole process
     void methods_data();
     void methods();
     void nothingButMethods();
@@ -223,6 +224,16 @@ void tst_TcpTask2::turn()
 {
     for (int pass = 0; pass < 5; ++pass)
         QCoreApplication::sendPostedEvents();
+}
+
+// Without a plugin, which registers it too: a receiver in another thread gets
+// readyRead(Connection).
+void tst_TcpTask2::registersTheRecordsType()
+{
+    QVERIFY(!QMetaType::fromName("Connection").isValid());
+    const Accepted accepted = accept();
+    QVERIFY(accepted.client);
+    QCOMPARE(QMetaType::fromName("Connection"), QMetaType::fromType<Connection>());
 }
 
 void tst_TcpTask2::methods_data()

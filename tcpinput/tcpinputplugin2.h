@@ -76,10 +76,12 @@ public Q_SLOTS:
 
     QString getStatus() override;
 
-    void discard(int length, const QMap<QString, QString> &subid) override;
+    // The names of parameters are in the meta-object, which hosts can list: they stay as they are,
+    // and so does their absence.
+    void discard(int, const QMap<QString, QString> &subid) override;
 
     void slotReceivedData(shared_parsedData data);
-    QStringList onQuery(QString q);
+    QStringList onQuery(QString);
     void socketError(QSslSocket *socket, QAbstractSocket::SocketError);
     void threadFinished();
 

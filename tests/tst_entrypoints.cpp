@@ -396,6 +396,7 @@ void tst_EntryPoints::connectByName()
     QCOMPARE(received[0][0].value<shared_parsedData>(), record);
 }
 
+// Names included: who lists a plugin's methods sees them.
 void tst_EntryPoints::metaObject()
 {
     const std::unique_ptr<IInputPlugin> plugin = makePlugin();
@@ -405,28 +406,29 @@ void tst_EntryPoints::metaObject()
         const QMetaMethod method = meta->method(i);
         QCOMPARE(method.access(), QMetaMethod::Public);
         methods.append(
-                QStringLiteral("%1 %2 %3")
+                QStringLiteral("%1 %2 %3 [%4]")
                         .arg(method.methodType() == QMetaMethod::Signal ? u"signal" : u"slot")
                         .arg(QString::fromLatin1(method.typeName()),
-                             QString::fromLatin1(method.methodSignature())));
+                             QString::fromLatin1(method.methodSignature()),
+                             QString::fromLatin1(method.parameterNames().join(','))));
     }
     const QStringList expected{
-            u"signal void newConnection(Connection)"_s,
-            u"signal void stopSignal()"_s,
-            u"signal void logSize(QString)"_s,
-            u"slot void onConfigChanged()"_s,
-            u"slot bool start()"_s,
-            u"slot bool stop()"_s,
-            u"slot QString getStatus()"_s,
-            u"slot void discard(int,QMap<QString,QString>)"_s,
-            u"slot void slotReceivedData(shared_parsedData)"_s,
-            u"slot QStringList onQuery(QString)"_s,
-            u"slot void socketError(QSslSocket*,QAbstractSocket::SocketError)"_s,
-            u"slot void threadFinished()"_s,
-            u"slot void handleConnection()"_s,
-            u"slot void showThreads()"_s,
-            u"slot void sslErrors(QSslSocket*,QList<QSslError>)"_s,
-            u"slot void hshakeError(QSslSocket*,QSslError)"_s,
+            u"signal void newConnection(Connection) [conn]"_s,
+            u"signal void stopSignal() []"_s,
+            u"signal void logSize(QString) []"_s,
+            u"slot void onConfigChanged() []"_s,
+            u"slot bool start() []"_s,
+            u"slot bool stop() []"_s,
+            u"slot QString getStatus() []"_s,
+            u"slot void discard(int,QMap<QString,QString>) [,subid]"_s,
+            u"slot void slotReceivedData(shared_parsedData) [data]"_s,
+            u"slot QStringList onQuery(QString) []"_s,
+            u"slot void socketError(QSslSocket*,QAbstractSocket::SocketError) [socket,]"_s,
+            u"slot void threadFinished() []"_s,
+            u"slot void handleConnection() []"_s,
+            u"slot void showThreads() []"_s,
+            u"slot void sslErrors(QSslSocket*,QList<QSslError>) [,errors]"_s,
+            u"slot void hshakeError(QSslSocket*,QSslError) [,error]"_s,
     };
     QCOMPARE(methods, expected);
     QCOMPARE(meta->propertyCount(), QObject::staticMetaObject.propertyCount());

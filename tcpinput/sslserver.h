@@ -21,7 +21,8 @@ class TlsHandshake;
 
     Emits the signals of QSslServer: sslErrors() while the handshake lasts, errorOccurred() once it
     has failed, right after handshakeInterruptedOnError() if that is why (an interrupted one cannot
-    be continued), pendingConnectionAvailable() when a connection can be taken.
+    be continued), pendingConnectionAvailable() when a connection can be taken. Alerts are told in a
+    later pass of the event loop. Receivers of all of these may close or delete the server.
 
     Thread: its creator's, except hasPendingConnections() and nextPendingConnection(): any.
     Owner:  the plugin.

@@ -5,6 +5,9 @@
 
 #include "ssl/sessiontickets.h"
 
+#include <QtCore/QSocketNotifier>
+
+#include <functional>
 #include <utility>
 
 #include <sys/ioctl.h>
@@ -37,42 +40,88 @@ TlsHandshake::~TlsHandshake()
 
 void TlsHandshake::drop()
 {
+    if (telling)
+        setParent(nullptr); // the server may go, while this and the socket are still needed
     if (!socket)
         return;
-    state = Over;
     ignoreSocket();
-    socket->abort();
-    if (!reporting)
-        deleteLater(); // with the socket, which may be emitting just now
+    if (!insideOpenSsl)
+        socket->abort();
+    end(); // with the socket, which may be emitting just now
+}
+
+// Never deleted while a receiver runs: one that runs the event loop may delete there what is due.
+void TlsHandshake::end()
+{
+    state = Over;
+    if (!telling)
+        deleteLater();
+}
+
+template<class... Parameters, class... Arguments>
+void TlsHandshake::tell(void (QSslServer::*signal)(QSslSocket *, Parameters...),
+                        const Arguments &...arguments)
+{
+    if (!server)
+        return;
+    const bool within = std::exchange(telling, true);
+    Q_EMIT std::invoke(signal, server.data(), socket.get(), arguments...);
+    telling = within;
+    if (state == Over)
+        end();
 }
 
 void TlsHandshake::forwardSignals()
 {
-    QSslSocket *from = socket.get();
-    connect(from, &QSslSocket::peerVerifyError, server,
-            [this, from](const QSslError &error) { Q_EMIT server->peerVerifyError(from, error); });
-    connect(from, &QSslSocket::sslErrors, server, [this, from](const QList<QSslError> &errors) {
-        const bool within = std::exchange(reporting, true);
-        Q_EMIT server->sslErrors(from, errors);
-        reporting = within;
-        if (!reporting && state == Over) // meanwhile: the receivers may run the event loop
-            deleteLater();
-    });
+    const QSslSocket *from = socket.get();
+    // Qt bears it if the socket is aborted in these two.
+    connect(from, &QSslSocket::peerVerifyError, this,
+            [this](const QSslError &error) { tell(&QSslServer::peerVerifyError, error); });
+    connect(from, &QSslSocket::sslErrors, this,
+            [this](const QList<QSslError> &errors) { tell(&QSslServer::sslErrors, errors); });
+    connect(from, &QSslSocket::preSharedKeyAuthenticationRequired, this, &TlsHandshake::askForKey);
     // Passed on with the failure that follows.
-    connect(from, &QSslSocket::handshakeInterruptedOnError, server,
+    connect(from, &QSslSocket::handshakeInterruptedOnError, this,
             [this](const QSslError &error) { interruption = error; });
-    connect(from, &QSslSocket::alertSent, server,
-            [this, from](QSsl::AlertLevel level, QSsl::AlertType type, const QString &text) {
-                Q_EMIT server->alertSent(from, level, type, text);
-            });
-    connect(from, &QSslSocket::alertReceived, server,
-            [this, from](QSsl::AlertLevel level, QSsl::AlertType type, const QString &text) {
-                Q_EMIT server->alertReceived(from, level, type, text);
-            });
-    connect(from, &QSslSocket::preSharedKeyAuthenticationRequired, server,
-            [this, from](QSslPreSharedKeyAuthenticator *authenticator) {
-                Q_EMIT server->preSharedKeyAuthenticationRequired(from, authenticator);
-            });
+    // Come from inside OpenSSL, which bears neither an abort nor an event loop: they are passed on
+    // later, before the failure that may follow.
+    connect(
+            from, &QSslSocket::alertSent, this,
+            [this](QSsl::AlertLevel level, QSsl::AlertType type, const QString &text) {
+                if (state != Over)
+                    tell(&QSslServer::alertSent, level, type, text);
+            },
+            Qt::QueuedConnection);
+    connect(
+            from, &QSslSocket::alertReceived, this,
+            [this](QSsl::AlertLevel level, QSsl::AlertType type, const QString &text) {
+                if (state != Over)
+                    tell(&QSslServer::alertReceived, level, type, text);
+            },
+            Qt::QueuedConnection);
+}
+
+// Comes from inside OpenSSL, as alerts do, but wants its answer there. Without events the socket
+// does nothing of its own accord until it has it.
+void TlsHandshake::askForKey(QSslPreSharedKeyAuthenticator *authenticator)
+{
+    QList<QPointer<QSocketNotifier>> silenced;
+    const auto notifiers = socket->findChildren<QSocketNotifier *>();
+    for (QSocketNotifier *notifier : notifiers) {
+        if (!notifier->isEnabled())
+            continue;
+        notifier->setEnabled(false);
+        silenced.append(notifier);
+    }
+    insideOpenSsl = true;
+    tell(&QSslServer::preSharedKeyAuthenticationRequired, authenticator);
+    insideOpenSsl = false;
+    if (state != Open)
+        return; // dropped, and never to do anything again
+    for (const QPointer<QSocketNotifier> &notifier : std::as_const(silenced)) {
+        if (notifier)
+            notifier->setEnabled(true);
+    }
 }
 
 // A peer that does not speak TLS is dropped without a word, before OpenSSL sees it.
@@ -88,7 +137,8 @@ void TlsHandshake::checkHello()
     }
     timer.start(); // progress was made
     startServerEncryptionWithoutTickets(*socket);
-    Q_EMIT server->startedEncryptionHandshake(socket.get());
+    if (state != Over)
+        tell(&QSslServer::startedEncryptionHandshake);
 }
 
 // Comes from inside the socket's receiving, which may go on afterwards: with an alert for the peer,
@@ -108,14 +158,13 @@ void TlsHandshake::report(QAbstractSocket::SocketError error, const QString &tex
     if (state != Failed)
         return; // dropped meanwhile
     state = Over;
-    const bool within = std::exchange(reporting, true);
+    const bool within = std::exchange(telling, true);
     if (interruption)
-        Q_EMIT server->handshakeInterruptedOnError(socket.get(), *interruption);
+        tell(&QSslServer::handshakeInterruptedOnError, *interruption);
     socket->setErrorString(text);
-    Q_EMIT server->errorOccurred(socket.get(), error);
-    reporting = within;
-    if (!reporting)
-        deleteLater(); // not drop(): an alert for the peer may be on its way
+    tell(&QSslServer::errorOccurred, error);
+    telling = within;
+    end(); // not drop(): an alert for the peer may be on its way
 }
 
 void TlsHandshake::timedOut()
@@ -151,7 +200,7 @@ void TlsHandshake::handOver()
     if (state != Encrypted)
         return; // dropped meanwhile
     SslServer::Socket *finishedSocket = socket.release();
-    deleteLater();
+    end();
     Q_EMIT finished(finishedSocket);
 }
 
@@ -159,5 +208,4 @@ void TlsHandshake::ignoreSocket()
 {
     timer.stop();
     socket->disconnect(this);
-    socket->disconnect(server);
 }

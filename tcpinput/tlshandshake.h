@@ -5,6 +5,7 @@
 
 #include "tcpinput/sslserver.h"
 
+#include <QtCore/QPointer>
 #include <QtCore/QTimer>
 
 #include <memory>
@@ -13,8 +14,13 @@
 /*!
     One handshake of a TLS server, from acceptance to the finished or failed socket.
 
+    The receivers of what it has the server tell may run the event loop, close the server or delete
+    it. Where that can be, they are called outside of the socket's work. Where they must be called
+   in the middle of it, the socket outlives the call, whatever they do.
+
     Thread: the server's.
-    Owner:  the server (QObject parent); deletes itself at the end.
+    Owner:  the server (QObject parent); deletes itself at the end. Nobody, once it was dropped from
+            inside a receiver: the server may go before the receiver returns.
 */
 class TlsHandshake : public QObject
 {
@@ -25,7 +31,8 @@ public:
     TlsHandshake(SslServer *owner, std::unique_ptr<SslServer::Socket> accepted);
     ~TlsHandshake() override;
 
-    // Ends it at once, without a signal; also from inside one of its own.
+    // Ends it at once, without a signal. From inside a receiver that OpenSSL waits for, the
+    // connection is closed after the receiver's return.
     void drop();
 
 Q_SIGNALS:
@@ -34,7 +41,11 @@ Q_SIGNALS:
     void finished(SslServer::Socket *socket);
 
 private:
+    template<class... Parameters, class... Arguments>
+    void tell(void (QSslServer::*signal)(QSslSocket *, Parameters...),
+              const Arguments &...arguments);
     void forwardSignals();
+    void askForKey(QSslPreSharedKeyAuthenticator *authenticator);
     void checkHello();
     void fail(QAbstractSocket::SocketError error);
     void report(QAbstractSocket::SocketError error, const QString &text);
@@ -43,12 +54,14 @@ private:
     void encrypted();
     void handOver();
     void ignoreSocket();
+    void end();
 
-    SslServer *const server;
+    const QPointer<SslServer> server;
     std::unique_ptr<SslServer::Socket> socket;
     QTimer timer;
     std::optional<QSslError> interruption; // of the handshake, by Qt
-    bool reporting = false; // to receivers, which may run the event loop: not to be deleted
+    bool telling = false; // receivers, who may run the event loop: not to be deleted
+    bool insideOpenSsl = false; // a receiver is: the socket's SSL object must stay
     bool prolonged = false; // once, for an answer that was there in time
     enum { Open, Encrypted, Failed, Over } state = Open;
 };

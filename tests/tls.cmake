@@ -4,8 +4,10 @@
 host_test(tst_tlsmatrix 300)
 host_test(tst_tlshandover 900)
 core_test(tst_tlsfaults 900)
+core_test(tst_tlshandshake)
 core_test(tst_sessiontickets)
-foreach(name IN ITEMS tst_tlsmatrix tst_tlshandover tst_tlsfaults tst_sessiontickets)
+foreach(name IN ITEMS
+        tst_tlsmatrix tst_tlshandover tst_tlsfaults tst_tlshandshake tst_sessiontickets)
     test_uses_certificates(${name})
     # For the devices that say when each byte of a handshake leaves.
     target_link_libraries(${name} PRIVATE OpenSSL::SSL)

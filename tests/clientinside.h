@@ -63,7 +63,10 @@ template struct ExposedMember<WatchTimer, &BacklogWatch::timer>;
 inline bool takeIdleRestart(TcpClient2 &client)
 {
     using Time = std::chrono::steady_clock::time_point;
-    return std::exchange(client.*memberOf(Active{}), Time()) != Time();
+    // The clock begins when the machine is started. This is longer ago than any time-out: those are
+    // ints, of milliseconds.
+    constexpr Time LongAgo = Time() - std::chrono::hours(24 * 25);
+    return std::exchange(client.*memberOf(Active{}), LongAgo) != LongAgo;
 }
 
 inline QTimer &idleTimerOf(TcpClient2 &client)

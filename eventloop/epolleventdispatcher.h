@@ -124,7 +124,9 @@ private:
 
     // The rest belongs to the dispatcher's thread.
     const TimerQueue::Duration wakeUpInterval; // zero: no moderation
-    TimerQueue::TimePoint deferUntil{}; // an interval after the latest wake-up by another thread
+    // An interval after the latest wake-up by another thread. Not the clock's zero, which is when
+    // the machine was started.
+    TimerQueue::TimePoint deferUntil = TimerQueue::TimePoint::min();
     std::unordered_map<int, Descriptor> descriptors;
     std::set<int> unwatched; // descriptors the kernel has refused: always ready, or invalid
     bool leftKernelAlone = false; // in the latest turn

@@ -83,6 +83,7 @@ private Q_SLOTS:
     void bindsToRanges();
     void rejects_data();
     void rejects();
+    void rejectsWhatItCannotParse();
     void helpsAndTellsItsVersion();
 };
 
@@ -438,8 +439,6 @@ void tst_DeviceSimParts::rejects_data()
     const auto row = [](const char *commandLine, const char *error) {
         QTest::newRow(commandLine) << QByteArray(commandLine) << QString::fromLatin1(error);
     };
-    row("--nonsense", "Unknown option 'nonsense'.");
-    row("--port", "Missing value after '--port'.");
     row("stray", "Unexpected argument: stray");
     row("--port 0", "--port: not a number in range: 0");
     row("--port 65536", "--port: not a number in range: 65536");
@@ -481,6 +480,15 @@ void tst_DeviceSimParts::rejects()
     QFETCH(const QByteArray, commandLine);
     QFETCH(const QString, error);
     QCOMPARE(parse(commandLine.constData()).error, error);
+}
+
+// These complaints are Qt's.
+void tst_DeviceSimParts::rejectsWhatItCannotParse()
+{
+    for (const char *commandLine : {"--nonsense", "--port"}) {
+        const QString error = parse(commandLine).error;
+        QVERIFY2(error.contains(QLatin1String(commandLine + 2)), qPrintable(error));
+    }
 }
 
 void tst_DeviceSimParts::helpsAndTellsItsVersion()

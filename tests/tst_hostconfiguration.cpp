@@ -6,6 +6,8 @@
 #include <QtCore/QTemporaryDir>
 #include <QtTest/QtTest>
 
+#include <cerrno>
+
 class tst_HostConfiguration : public QObject
 {
     Q_OBJECT
@@ -102,7 +104,7 @@ void tst_HostConfiguration::missingFile()
     ConfigurationReader reader(options);
     QVERIFY(!reader.read());
     QCOMPARE(reader.errorString(),
-             QStringLiteral("Cannot read %1: No such file or directory").arg(options.configFile));
+             QStringLiteral("Cannot read %1: %2").arg(options.configFile, qt_error_string(ENOENT)));
 }
 
 void tst_HostConfiguration::folder()

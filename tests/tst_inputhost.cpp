@@ -13,6 +13,7 @@
 #include <QtNetwork/QTcpSocket>
 #include <QtTest/QtTest>
 
+#include <cerrno>
 #include <csignal>
 #include <memory>
 #include <vector>
@@ -25,6 +26,12 @@
 namespace {
 
 constexpr int HangGuardMs = 60000;
+
+// What the system says of it, in the user's language.
+QByteArray noSuchFile()
+{
+    return qt_error_string(ENOENT).toLocal8Bit();
+}
 
 QStringList words(const char *text)
 {
@@ -325,7 +332,7 @@ void tst_InputHost::badConfiguration_data()
     QTest::addColumn<QByteArray>("complaint");
 
     QTest::newRow("missing") << "/nonexistent" << QByteArray()
-                             << QByteArray("Cannot read /nonexistent: No such file or directory");
+                             << "Cannot read /nonexistent: " + noSuchFile();
     QTest::newRow("not JSON") << "-" << QByteArray("port=1")
                               << QByteArray("standard input is not JSON: ");
     QTest::newRow("empty") << "-" << QByteArray() << QByteArray("standard input is not JSON: ");
@@ -870,7 +877,7 @@ void tst_InputHost::reloadWithBadConfiguration_data()
 
     QTest::newRow("not JSON") << QByteArray("{") << QByteArray(" is not JSON: ");
     QTest::newRow("no object") << QByteArray("[]") << QByteArray(" is not a JSON object");
-    QTest::newRow("missing") << QByteArray() << QByteArray(": No such file or directory");
+    QTest::newRow("missing") << QByteArray() << ": " + noSuchFile();
 }
 
 // The plugin goes on, with its connections.

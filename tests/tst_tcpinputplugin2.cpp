@@ -408,7 +408,7 @@ void tst_TcpInputPlugin2::noThreadWithoutMemory()
     }
     const QStringList lines = takeLog();
     QCOMPARE(lines.size(), 2);
-    QVERIFY2(lines[0].startsWith(u"c: QThread::start: "_s), qPrintable(lines[0]));
+    QVERIFY2(lines[0].contains(u"QThread::start: "_s), qPrintable(lines[0])); // Qt's own
     QCOMPARE(lines[1], NoThreadLine);
     QVERIFY(tasksOf(plugin).isEmpty());
     QVERIFY(threadsOf(plugin).isEmpty());

@@ -11,6 +11,11 @@
 #include <QtNetwork/QSslSocket>
 #include <QtTest/QtTest>
 
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+
+#include <array>
+
 namespace {
 
 constexpr int HangGuardMs = 60000;
@@ -20,19 +25,34 @@ QString text(const char *latin1)
     return QString::fromLatin1(latin1);
 }
 
-QString socketError(const QString &reason)
+// How the library's lines begin; Qt and OpenSSL give the reasons that follow.
+const QString SocketErrorLine = text("W: TcpInputPlugin2(t): SSL Socket error: ");
+
+// Of a handshake that OpenSSL has ended for that reason (SSL_R_...). Qt says what it was doing, and
+// then what OpenSSL says.
+QString handshakeErrorLine(int reason)
 {
-    return text("W: TcpInputPlugin2(t): SSL Socket error: ") + reason;
+    std::array<char, 256> words{};
+    ERR_error_string_n(ERR_PACK(ERR_LIB_SSL, 0, reason), words.data(), words.size());
+    return SocketErrorLine + text("*: ") + text(words.data());
 }
 
 // Why a server that verifies its peers refuses the certificate of that name.
 QString reasonAgainst(const QString &certificate)
 {
     if (certificate.isEmpty())
-        return text("The peer did not present any certificate");
+        return QSslError(QSslError::NoPeerCertificate).errorString();
     if (certificate == QLatin1String("client-expired"))
-        return text("The certificate has expired");
-    return text("The issuer certificate of a locally looked up certificate could not be found");
+        return QSslError(QSslError::CertificateExpired).errorString();
+    return QSslError(QSslError::UnableToGetLocalIssuerCertificate).errorString();
+}
+
+// Whether the line is that one, in which a * stands for some words.
+bool fits(const QString &line, const QString &expected)
+{
+    QString pattern = QRegularExpression::escape(expected);
+    pattern.replace(text("\\*"), text(".+"));
+    return QRegularExpression(QRegularExpression::anchoredPattern(pattern)).match(line).hasMatch();
 }
 
 //! A device that connects with TLS, may send "hello" as soon as it can, and stays.
@@ -207,7 +227,8 @@ void tst_TlsMatrix::expectDelivery(const Client::Role &role)
     QCOMPARE(warnings(), QStringList());
 }
 
-// lines: what the library says of it. alert: whether the client hears why, or is just cut off.
+// lines: what the library says of it, with a * for words that Qt alone chooses. alert: whether the
+// client hears why, or is just cut off.
 void tst_TlsMatrix::expectRefusal(Client::Role role, const QStringList &lines, bool alert)
 {
     role.sends = !alert; // sending into a closed connection, a client may miss the alert
@@ -215,7 +236,10 @@ void tst_TlsMatrix::expectRefusal(Client::Role role, const QStringList &lines, b
     QTRY_VERIFY_WITH_TIMEOUT(client->hasEnded(), HangGuardMs);
     QTRY_VERIFY_WITH_TIMEOUT(warnings().size() >= lines.size(), HangGuardMs);
     plugin.reset(); // what it had to say is said
-    QCOMPARE(warnings(), lines);
+    const QStringList said = warnings();
+    QCOMPARE(said.size(), lines.size());
+    for (qsizetype i = 0; i < said.size(); ++i)
+        QVERIFY2(fits(said[i], lines[i]), qPrintable(said[i]));
     QCOMPARE(received, QByteArray());
     QCOMPARE(log.filter(text("new connection")), QStringList());
     QCOMPARE(client->wasAlerted(), alert);
@@ -254,10 +278,7 @@ void tst_TlsMatrix::version()
     if (accepted)
         expectDelivery(role);
     else
-        expectRefusal(role,
-                      {socketError(text("Error during SSL handshake: error:0A000102:SSL "
-                                        "routines::unsupported protocol"))},
-                      true);
+        expectRefusal(role, {handshakeErrorLine(SSL_R_UNSUPPORTED_PROTOCOL)}, true);
 }
 
 void tst_TlsMatrix::certificate_data()
@@ -298,12 +319,11 @@ void tst_TlsMatrix::certificate()
     if (tlsDebug && !certificate.isEmpty()) {
         expectRefusal(role,
                       {text("W: TcpInputPlugin2(t): SSL handshake error: ") + reason,
-                       socketError(text("Error during SSL handshake: error:0A000086:SSL "
-                                        "routines::certificate verify failed"))},
+                       handshakeErrorLine(SSL_R_CERTIFICATE_VERIFY_FAILED)},
                       true);
     } else {
         // Qt verifies when the handshake is over, too late for an alert.
-        expectRefusal(role, {text("W: TcpInputPlugin2(t): SSL Errors"), socketError(reason)},
+        expectRefusal(role, {text("W: TcpInputPlugin2(t): SSL Errors"), SocketErrorLine + reason},
                       false);
     }
 }
@@ -335,20 +355,17 @@ void tst_TlsMatrix::unusableServer()
     tls.insert(text("verifyPeer"), false);
     start(tls);
     if (!hasKey) {
-        expectRefusal({client, QString()},
-                      {socketError(text("Cannot provide a certificate with no key"))}, false);
+        expectRefusal({client, QString()}, {SocketErrorLine + QLatin1Char('*')}, false);
         return;
     }
     // QSslSocket offers a cipher for pre-shared keys, too, and gives up when it has none to show.
     const bool clientGivesUp = !program && client == QLatin1String("1.2");
-    const char *const reason = clientGivesUp
-            ? "0A000410:SSL routines::sslv3 alert handshake failure"
-            : client == QLatin1String("1.2")
-            ? "0A0000C1:SSL routines::no shared cipher"
-            : "0A000076:SSL routines::no suitable signature algorithm";
-    expectRefusal({client, QString()},
-                  {socketError(text("Error during SSL handshake: error:") + text(reason))},
-                  !clientGivesUp);
+    int reason = SSL_R_NO_SUITABLE_SIGNATURE_ALGORITHM;
+    if (clientGivesUp)
+        reason = SSL_R_SSLV3_ALERT_HANDSHAKE_FAILURE;
+    else if (client == QLatin1String("1.2"))
+        reason = SSL_R_NO_SHARED_CIPHER;
+    expectRefusal({client, QString()}, {handshakeErrorLine(reason)}, !clientGivesUp);
 }
 
 QTEST_GUILESS_MAIN(tst_TlsMatrix)

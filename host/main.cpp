@@ -25,6 +25,7 @@ int main(int argc, char *argv[])
     occupyStandardDescriptors();
     ignoreBrokenPipes();
     settleTimeZone();
+    settleEncoding();
     // Without descriptors for this one, Qt takes its own.
     if (auto dispatcher = EpollEventDispatcher::create(WakeUpInterval))
         QCoreApplication::setEventDispatcher(dispatcher.release());

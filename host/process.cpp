@@ -5,10 +5,13 @@
 
 #include "plugin/cwrn.h"
 
+#include <clocale>
 #include <csignal>
-
 #include <cstdlib>
+#include <cstring>
+
 #include <fcntl.h>
+#include <langinfo.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -47,4 +50,12 @@ void settleTimeZone()
 {
     constexpr int KeepGiven = 0;
     ::setenv("TZ", ":/etc/localtime", KeepGiven);
+}
+
+void settleEncoding()
+{
+    constexpr int Replace = 1;
+    std::setlocale(LC_ALL, "");
+    if (std::strcmp(::nl_langinfo(CODESET), "UTF-8") != 0)
+        ::setenv(std::getenv("LC_ALL") ? "LC_ALL" : "LC_CTYPE", "C.UTF-8", Replace);
 }

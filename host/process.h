@@ -19,3 +19,7 @@ void occupyStandardDescriptors();
 // Keeps the local time zone that the process has started with, unless TZ names one: the C library
 // looks for a changed one at every conversion otherwise, and each record needs one. Before threads.
 void settleTimeZone();
+
+// Texts are in UTF-8, also where the locale is another one, or none. Qt sees to that by itself, but
+// newer versions complain of such a locale, over several lines. Before the application object.
+void settleEncoding();

@@ -11,8 +11,13 @@
 #include <QtCore/QCoreApplication>
 #include <QtNetwork/QHostInfo>
 
+#include <clocale>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <langinfo.h>
 #include <sys/resource.h>
 
 namespace {
@@ -27,6 +32,14 @@ void raiseDescriptorLimit()
         return;
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+// Texts are in UTF-8. Newer versions of Qt complain of another locale before they see to that.
+void settleEncoding()
+{
+    std::setlocale(LC_ALL, "");
+    if (std::strcmp(nl_langinfo(CODESET), "UTF-8") != 0)
+        setenv(std::getenv("LC_ALL") ? "LC_ALL" : "LC_CTYPE", "C.UTF-8", 1);
 }
 
 void print(FILE *stream, const QByteArray &text)
@@ -77,6 +90,7 @@ ExitStatus runFleet(const Run &run)
 int main(int argc, char **argv)
 {
     raiseDescriptorLimit();
+    settleEncoding();
     std::signal(SIGPIPE, SIG_IGN); // a write to a connection that is gone is to fail, no more
 
     // Cheap with thousands of sockets. Qt's own takes its place if it cannot be had.

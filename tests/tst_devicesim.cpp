@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
+#include "locales.h"
 #include "simulator/messageformat.h"
 #include "simulatorreceivers.h"
 #include "testaddress.h"
@@ -68,6 +69,8 @@ public:
                           QStringLiteral("--output"), QStringLiteral("json")}
               + arguments);
     }
+
+    void setEnvironment(const QStringList &variables) { process.setEnvironment(variables); }
 
     void start(const QStringList &arguments)
     {
@@ -164,6 +167,8 @@ private Q_SLOTS:
     void peerEndsEarly();
     void stopsReconnectingAfterFailure();
     void wrongCommandLine();
+    void anyLocale_data();
+    void anyLocale();
     void reportsTexts();
     void reportsSummaryOnly();
 
@@ -662,6 +667,22 @@ void tst_DeviceSim::wrongCommandLine()
     QCOMPARE(simulator.errors(),
              QByteArray("devicesim: --close: unknown value: never; it takes close, half-close, "
                         "abort, stay\n"));
+}
+
+void tst_DeviceSim::anyLocale_data()
+{
+    localeRows();
+}
+
+void tst_DeviceSim::anyLocale()
+{
+    QFETCH(const QStringList, environment);
+    Simulator simulator;
+    simulator.setEnvironment(environment);
+    simulator.start(words("--help"));
+    QVERIFY(simulator.waitForEnd());
+    QCOMPARE(simulator.exitCode(), 0);
+    QCOMPARE(simulator.errors(), QByteArray());
 }
 
 void tst_DeviceSim::reportsTexts()

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "host/exitcodes.h"
+#include "locales.h"
 #include "testaddress.h"
 
 #include <QtCore/QJsonDocument>
@@ -189,6 +190,8 @@ class tst_InputHost : public QObject
 private Q_SLOTS:
     void help();
     void version();
+    void anyLocale_data();
+    void anyLocale();
     void badArguments();
     void missingLibrary_data();
     void missingLibrary();
@@ -280,6 +283,21 @@ void tst_InputHost::version()
     QVERIFY(QRegularExpression(QStringLiteral("^inputhost \\d+\\.\\d+\\.\\d+\n$"))
                     .match(QString::fromLatin1(host.output()))
                     .hasMatch());
+}
+
+void tst_InputHost::anyLocale_data()
+{
+    localeRows();
+}
+
+void tst_InputHost::anyLocale()
+{
+    QFETCH(QStringList, environment);
+    Host host;
+    host.process.setEnvironment(environment);
+    host.runPlain(words("--help"));
+    QCOMPARE(host.finish(), int(ExitOk));
+    QCOMPARE(host.log(), QByteArray());
 }
 
 void tst_InputHost::badArguments()

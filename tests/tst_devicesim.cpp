@@ -13,6 +13,7 @@
 #include <QtCore/QProcess>
 #include <QtCore/QRegularExpression>
 #include <QtCore/QTemporaryDir>
+#include <QtNetwork/QSslKey>
 #include <QtTest/QTest>
 
 #include <cerrno>

@@ -25,6 +25,7 @@ constexpr auto InTime = 150ms;
 constexpr auto BetweenDevices = 2ms;
 constexpr auto BetweenLargeMessages = 20ms;
 constexpr auto OfferIsDueAgain = 250ms;
+constexpr auto SlowLog = 500us; // a line
 
 double milliseconds(Clock::duration duration)
 {
@@ -55,8 +56,8 @@ void waitBusily(std::chrono::microseconds time)
 class Scene
 {
 public:
-    explicit Scene(Side &side)
-        : tap([this](const TappedLine &line) { note(line); }),
+    explicit Scene(Side &side, std::chrono::microseconds slowLog = {})
+        : tap([this](const TappedLine &line) { note(line); }, slowLog),
           address(testAddress()),
           port(freePort()),
           plugin(side.library.create(tcpConfig(port)))
@@ -251,7 +252,7 @@ private:
 class ClosingScene : public Scene
 {
 public:
-    ClosingScene(Side &side, bool queued) : Scene(side)
+    ClosingScene(Side &side, bool queued) : Scene(side, SlowLog)
     {
         QObject::connect(
                 plugin.get(), &IInputPlugin::receivedData, plugin.get(),

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <thread>
 #include <utility>
 
 using Clock = std::chrono::steady_clock;
@@ -34,6 +35,7 @@ struct TappedLine
 
 /*!
     Takes Qt's message output while it lives, and hands each line to a receiver. One at a time.
+    May need as long for a line as a log on a slow disk, which shows who does not wait for the line.
 
     Thread: the receiver is called in whatever thread writes, under the mutex: one line at a time.
     Locks:  mutex.
@@ -43,10 +45,12 @@ class LogTap
 public:
     using Receiver = std::function<void(const TappedLine &)>;
 
-    explicit LogTap(Receiver to) : previous(qInstallMessageHandler(&LogTap::handle))
+    explicit LogTap(Receiver to, std::chrono::microseconds slowness = {})
+        : previous(qInstallMessageHandler(&LogTap::handle))
     {
         const QMutexLocker locker(&mutex);
         receiver = std::move(to);
+        delay = slowness;
     }
     ~LogTap()
     {
@@ -64,6 +68,8 @@ private:
         TappedLine line;
         line.thread = QThread::currentThreadId();
         line.text = logLine({level, text, false});
+        if (delay.load() > std::chrono::microseconds::zero())
+            std::this_thread::sleep_for(delay.load());
         const QMutexLocker locker(&mutex);
         line.order = nextInOrder();
         line.at = Clock::now();
@@ -75,4 +81,5 @@ private:
 
     static inline QMutex mutex;
     static inline Receiver receiver; // guarded by mutex
+    static inline std::atomic<std::chrono::microseconds> delay{};
 };

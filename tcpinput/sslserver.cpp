@@ -54,6 +54,8 @@ bool SslServer::listen(const QHostAddress &address, quint16 port)
     const bool listening = QSslServer::listen(address, port);
     if (listening)
         guard.watch();
+    else if (!isListening()) // nor was it before
+        QSslServer::close(); // Qt keeps a port that it could bind, although it cannot listen there
     return listening;
 }
 

@@ -41,7 +41,7 @@ public:
     // Whether the offers of connections accepted from now on are stamped. Default: no.
     void setStamping(bool on) { stamping = on; }
 
-    bool listen(const QHostAddress &address, quint16 port);
+    bool listen(const QHostAddress &address, quint16 port); // as TcpServer's
     // Also drops open handshakes and the connections that nobody has taken. Hides
     // QTcpServer::close(), which is not virtual: call it through this class.
     void close();

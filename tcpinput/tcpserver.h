@@ -30,6 +30,9 @@ public:
     // Whether the offers of connections accepted from now on are stamped. Default: no.
     void setStamping(bool on) { stamping = on; }
 
+    // False if the port cannot be had, also if another process begins to listen there between this
+    // one's bind() and listen(). The server has no port then. But one that listens goes on, and
+    // this is false.
     bool listen(const QHostAddress &address, quint16 port);
     // Also drops the connections that nobody has taken. Hides QTcpServer::close(), which is not
     // virtual: call it through this class.

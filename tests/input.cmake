@@ -16,7 +16,7 @@ function(test_uses_certificates name)
     target_compile_definitions(${name} PRIVATE CERTIFICATES_DIR="${CMAKE_BINARY_DIR}/certificates")
 endfunction()
 
-foreach(name IN ITEMS tst_configuration tst_nestedloops tst_ssl tst_tcpinputplugin2)
+foreach(name IN ITEMS tst_configuration tst_listening tst_nestedloops tst_ssl tst_tcpinputplugin2)
     core_test(${name})
     test_uses_certificates(${name})
 endforeach()

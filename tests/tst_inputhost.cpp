@@ -16,12 +16,18 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
+#include <cstdlib>
 #include <memory>
 #include <vector>
 
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
@@ -200,6 +206,8 @@ private Q_SLOTS:
     void badConfiguration();
     void refusesToStart();
     void portInUse();
+    void portTakenMeanwhile_data();
+    void portTakenMeanwhile();
 
     void jsonRecord_data();
     void jsonRecord();
@@ -386,6 +394,39 @@ void tst_InputHost::portInUse()
     QVERIFY(other.listen(testAddress()));
     Host host(other.serverPort());
     host.run(host.listenArguments());
+    QCOMPARE(host.finish(), int(ExitNotListening));
+    QVERIFY2(host.log().contains("The plugin does not listen"), host.log().constData());
+}
+
+void tst_InputHost::portTakenMeanwhile_data()
+{
+    QTest::addColumn<QString>("tls");
+    QTest::newRow("tcp") << QString();
+    QTest::newRow("tls") << QStringLiteral("ssl={}");
+}
+
+// By another instance that was started at the same moment: both could bind the port, and the other
+// one listened first. The kernel plays it here, by a filter that the program inherits.
+void tst_InputHost::portTakenMeanwhile()
+{
+    QFETCH(QString, tls);
+    Host host;
+    host.process.setChildProcessModifier([] {
+        sock_filter filter[] = {
+                BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_listen, 0, 1),
+                BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EADDRINUSE),
+                BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+        };
+        const sock_fprog program{sizeof filter / sizeof filter[0], filter};
+        if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0
+            || ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0)
+            ::_exit(EXIT_FAILURE);
+    });
+    QStringList arguments = host.listenArguments();
+    if (!tls.isEmpty())
+        arguments += {QStringLiteral("--set"), tls};
+    host.run(arguments);
     QCOMPARE(host.finish(), int(ExitNotListening));
     QVERIFY2(host.log().contains("The plugin does not listen"), host.log().constData());
 }

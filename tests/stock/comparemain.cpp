@@ -1,0 +1,117 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "comparison.h"
+#include "metaobjects.h"
+
+#include <QtCore/QCommandLineParser>
+#include <QtCore/QCoreApplication>
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QRandomGenerator>
+
+#include <cstdio>
+
+namespace {
+
+constexpr int PerEpisode = 350;
+constexpr int ShownInFull = 10;
+
+QStringList metaObjectDifferences()
+{
+    const auto stock = stockSide().library.create({});
+    const auto library = librarySide().library.create({});
+    const QStringList expected = methodsOf(*stock);
+    const QStringList actual = methodsOf(*library);
+    QStringList differences;
+    for (qsizetype i = 0; i < qMax(expected.size(), actual.size()); ++i) {
+        if (expected.value(i) != actual.value(i))
+            differences += QStringLiteral("method %1: expected \"%2\", is \"%3\"")
+                                   .arg(i)
+                                   .arg(expected.value(i), actual.value(i));
+    }
+    return differences;
+}
+
+// Of one episode, only that connection, if one is named.
+EpisodePlan planOf(quint32 seed, int episode, int connections, int connection)
+{
+    EpisodePlan plan = EpisodePlan::random(seed, episode, connections);
+    if (connection >= 0)
+        plan.scripts = {plan.scripts.value(connection)};
+    return plan;
+}
+
+int report(const Comparison &comparison, const QStringList &metaObjects)
+{
+    const QStringList &differences = comparison.differences();
+    for (qsizetype i = 0; i < differences.size(); ++i) {
+        const QString text =
+                i < ShownInFull ? differences[i] : differences[i].section(QLatin1Char('\n'), 0, 1);
+        std::printf("DIFFERENCE %lld: %s\n\n", static_cast<long long>(i + 1), qPrintable(text));
+    }
+    for (const QString &difference : metaObjects)
+        std::printf("META-OBJECT: %s\n", qPrintable(difference));
+    const QStringList later = comparison.later();
+    comparison.print(stdout);
+    for (const QString &group : later)
+        std::printf("LATER: %s\n", qPrintable(group));
+    const bool same = differences.isEmpty() && metaObjects.isEmpty() && later.isEmpty();
+    std::printf("%lld differences, %lld in the meta-object, later in %lld ways: %s\n",
+                static_cast<long long>(differences.size()),
+                static_cast<long long>(metaObjects.size()), static_cast<long long>(later.size()),
+                same ? "the same" : "NOT THE SAME");
+    return same ? 0 : 1;
+}
+
+} // namespace
+
+/*!
+    Plays the same random scripts on the plain plugin and on the library, and prints what differs.
+    Exits with 1 if anything does.
+*/
+int main(int argc, char **argv)
+{
+    const QCoreApplication application(argc, argv);
+    QCommandLineParser parser;
+    const auto option = [&](const char *name, const char *text, const QString &value) {
+        const QCommandLineOption result(QLatin1String(name), QLatin1String(text),
+                                        QLatin1String("number"), value);
+        parser.addOption(result);
+        return result;
+    };
+    const auto connections =
+            option("connections", "to play at least (10000).", QStringLiteral("10000"));
+    const auto seedOption = option("seed", "of the scripts (another one each time).",
+                                   QString::number(QRandomGenerator::global()->generate()));
+    const auto size =
+            option("size", "of an episode, in connections (350).", QString::number(PerEpisode));
+    const auto episode = option("episode", "to play alone.", QStringLiteral("-1"));
+    const auto connection =
+            option("connection", "of that episode to play alone.", QStringLiteral("-1"));
+    parser.addHelpOption();
+    parser.process(application);
+
+    const quint32 seed = parser.value(seedOption).toUInt();
+    const int each = qMax(1, parser.value(size).toInt());
+    const int alone = parser.value(episode).toInt();
+    const int first = qMax(0, alone);
+    const int last = alone >= 0 ? alone : (parser.value(connections).toInt() - 1) / each;
+    const QString repeat = QStringLiteral("%1 --seed %2 --size %3")
+                                   .arg(QString::fromLocal8Bit(argv[0]))
+                                   .arg(seed)
+                                   .arg(each);
+    std::fprintf(stderr, "%s\n", qPrintable(repeat));
+
+    QElapsedTimer clock;
+    clock.start();
+    Comparison comparison(repeat, true);
+    for (int i = first; i <= last; ++i) {
+        const EpisodePlan plan = planOf(seed, i, each, parser.value(connection).toInt());
+        comparison.play(plan, i);
+        std::fprintf(stderr, "%6.1f s  episode %d of %d: %s, %s; %lld differences so far\n",
+                     static_cast<double>(clock.elapsed()) / 1000, i, last,
+                     plan.scripts.first().spaced ? "spaced" : "hasty", qPrintable(plan.toString()),
+                     static_cast<long long>(comparison.differences().size()));
+    }
+    return report(comparison, metaObjectDifferences());
+}

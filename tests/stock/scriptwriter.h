@@ -1,0 +1,22 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "course.h"
+#include "script.h"
+
+//! Random scripts; the same seed gives the same script.
+namespace ScriptWriter {
+
+// All that the plugin ends, it ends at this time after the start.
+constexpr int PluginEndMs = 1700;
+
+// The distances that a planned course keeps, and that one which was played has to have kept.
+constexpr double PlannedSlackMs = 60;
+constexpr double PlayedSlackMs = 25;
+
+Script spaced(quint32 seed, Ending ending, const CourseNames &names);
+Script hasty(quint32 seed, Ending ending);
+
+} // namespace ScriptWriter

@@ -5,6 +5,8 @@
 
 #include <QtCore/QDir>
 
+#include <sys/resource.h>
+
 // What this process holds, as the kernel counts it.
 inline qsizetype entriesOf(const QString &folder)
 {
@@ -19,4 +21,14 @@ inline qsizetype openDescriptors()
 inline qsizetype runningThreads()
 {
     return entriesOf(QStringLiteral("/proc/self/task"));
+}
+
+// As far as the system allows: the usual limit of 1,024 is too low for some tests. False if that is
+// less than needed.
+inline bool raiseDescriptorLimit(rlim_t needed)
+{
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    return ::setrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur >= needed;
 }

@@ -259,6 +259,8 @@ void tst_Lifecycle::stopDeliversAll()
     QFETCH(bool, eventLoopBetween);
     const MessageCapture capture;
     constexpr int Connections = 2000;
+    if (!raiseDescriptorLimit(2 * Connections + 100))
+        QSKIP("the limit of open files is lower", );
     auto plugin = library.create(tcpConfig(port));
     QHash<QString, qsizetype> offered; // bytes of the latest offer
     connect(plugin.get(), &IInputPlugin::receivedData, this, [&](const shared_parsedData &record) {

@@ -39,14 +39,6 @@ QHostAddress linkLocalAddress()
     return {};
 }
 
-bool raiseDescriptorLimit(rlim_t needed)
-{
-    rlimit limit{};
-    ::getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    return ::setrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur >= needed;
-}
-
 // Connections that the kernel holds for accept().
 int acceptQueueLength(const QTcpServer &server)
 {

@@ -85,20 +85,18 @@ void TlsHandshake::forwardSignals()
             [this](const QSslError &error) { interruption = error; });
     // Come from inside OpenSSL, which bears neither an abort nor an event loop: they are passed on
     // later, before the failure that may follow.
-    connect(
-            from, &QSslSocket::alertSent, this,
-            [this](QSsl::AlertLevel level, QSsl::AlertType type, const QString &text) {
-                if (state != Over)
-                    tell(&QSslServer::alertSent, level, type, text);
-            },
-            Qt::QueuedConnection);
-    connect(
-            from, &QSslSocket::alertReceived, this,
-            [this](QSsl::AlertLevel level, QSsl::AlertType type, const QString &text) {
-                if (state != Over)
-                    tell(&QSslServer::alertReceived, level, type, text);
-            },
-            Qt::QueuedConnection);
+    const auto forwardAlerts = [this, from](auto ofSocket, auto ofServer) {
+        connect(
+                from, ofSocket, this,
+                [this, ofServer](QSsl::AlertLevel level, QSsl::AlertType type,
+                                 const QString &text) {
+                    if (state != Over)
+                        tell(ofServer, level, type, text);
+                },
+                Qt::QueuedConnection);
+    };
+    forwardAlerts(&QSslSocket::alertSent, &QSslServer::alertSent);
+    forwardAlerts(&QSslSocket::alertReceived, &QSslServer::alertReceived);
 }
 
 // Comes from inside OpenSSL, as alerts do, but wants its answer there. Without events the socket

@@ -33,7 +33,7 @@ void Comparison::play(const EpisodePlan &plan, int number)
             lateness.add(which, plan, results[which].traces);
     }
     if (measured)
-        lateness.endEpisode();
+        lateness.endEpisode(plan);
     compareSides(plan, number, results[Lateness::Stock], results[Lateness::Library]);
 }
 

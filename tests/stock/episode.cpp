@@ -50,8 +50,9 @@ private:
     int threads() const { return plan.ownThreads ? int(plan.scripts.size()) : SharedThreads; }
     void note(const TappedLine &line);
     void connectAll();
+    void startAll();
     void startDevice(std::size_t number, Clock::time_point zero);
-    Clock::time_point startOf(std::size_t number, Clock::time_point allConnected) const;
+    Clock::time_point startOf(std::size_t number) const;
     void askPlugin();
     void endByPlugin();
     bool isOver();
@@ -66,8 +67,10 @@ private:
     std::vector<Clock::time_point> created; // the clients
     std::atomic<int> closed{0};
     std::atomic<int> threadsFinished{0};
+    std::atomic<int> sizesLogged{0}; // by tasks
+    Clock::time_point start; // of the scripts that wait for the last connection
     QSemaphore clients;
-    QSemaphore started; // the last device has been
+    QSemaphore connected; // the last device is
     std::atomic<int> playing{0}; // devices
     std::vector<std::unique_ptr<ScriptedDevice>> devices;
     std::vector<std::thread> deviceThreads;
@@ -116,10 +119,11 @@ QJsonObject Play::config() const
 EpisodeResult Play::result()
 {
     std::thread connector([this] { connectAll(); });
-    runUntil([this] { return started.tryAcquire(); });
+    runUntil([this] { return connected.tryAcquire(); });
     connector.join();
     if (plan.scripts.first().spaced)
         askPlugin();
+    startAll();
     if (isPluginsDoing(plan.ending))
         endByPlugin();
     else
@@ -166,6 +170,8 @@ void Play::note(const TappedLine &line)
         ++closed;
     } else if (line.text.contains(QLatin1String("TI2: thread finished"))) {
         ++threadsFinished;
+    } else if (line.text.contains(QLatin1String("#clients = "))) {
+        ++sizesLogged;
     }
 }
 
@@ -179,12 +185,16 @@ void Play::connectAll()
         if (!clients.tryAcquire(1, int(HangGuard / 1ms)))
             qFatal("device %d was not taken", int(i));
     }
-    const auto allConnected = Clock::now() + BeforeStart;
+    connected.release();
+}
+
+void Play::startAll()
+{
+    start = Clock::now() + BeforeStart;
     for (std::size_t i = 0; i < devices.size(); ++i) {
         if (!plan.scripts.at(qsizetype(i)).eager)
-            startDevice(i, startOf(i, allConnected));
+            startDevice(i, startOf(i));
     }
-    started.release();
 }
 
 void Play::startDevice(std::size_t number, Clock::time_point zero)
@@ -205,6 +215,7 @@ void Play::askPlugin()
     QObject::disconnect(answering);
     done.status = plugin->getStatus();
     plugin->drop(5);
+    runUntil([this] { return sizesLogged == plan.threads(); });
     plugin->discard(1, {});
     plugin->discard(1, {{QStringLiteral("task"), QStringLiteral("x")}});
     plugin->discard(1,
@@ -213,13 +224,13 @@ void Play::askPlugin()
     plugin->discard(1, {{QStringLiteral("task"), QStringLiteral("100000")}});
 }
 
-Clock::time_point Play::startOf(std::size_t number, Clock::time_point allConnected) const
+Clock::time_point Play::startOf(std::size_t number) const
 {
-    const std::chrono::milliseconds start(plan.scripts.at(qsizetype(number)).startMs);
+    const std::chrono::milliseconds after(plan.scripts.at(qsizetype(number)).startMs);
     if (!plan.scripts.at(qsizetype(number)).spaced || isPluginsDoing(plan.ending))
-        return allConnected + start;
-    auto zero = created[number] + start;
-    while (zero < allConnected)
+        return start + after;
+    auto zero = created[number] + after;
+    while (zero < start)
         zero += CheckInterval;
     return zero;
 }
@@ -246,8 +257,7 @@ void Play::runUntil(const std::function<bool()> &condition)
 
 void Play::endByPlugin()
 {
-    const auto end =
-            Clock::now() + BeforeStart + std::chrono::milliseconds(ScriptWriter::PluginEndMs);
+    const auto end = start + std::chrono::milliseconds(ScriptWriter::PluginEndMs);
     runUntil([end] { return Clock::now() >= end; });
     const auto now = Clock::now();
     for (Trace &trace : done.traces)

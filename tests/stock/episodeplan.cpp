@@ -45,7 +45,7 @@ EpisodePlan EpisodePlan::random(quint32 seed, int number, int connections)
     plan.tlsVersion = TlsVersions[turn % TlsVersions.size()];
     plan.ownThreads = turn / 2 % 2 == 0;
     plan.wildcard = turn % 3 == 1;
-    plan.slowLog = spaced && turn % 4 == 2;
+    plan.slowLog = spaced && plan.ownThreads && turn % 3 == 1;
     if (plan.ending == Ending::IdleTimeout)
         plan.timeoutSeconds = SoonIdleSeconds;
     const quint32 own = mixed(seed, static_cast<quint32>(number));

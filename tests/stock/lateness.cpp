@@ -5,27 +5,14 @@
 
 #include <algorithm>
 #include <cmath>
-#include <numeric>
 
 namespace {
 
-constexpr double LeastPerEpisode = 20; // of a group, for its share to count
-constexpr double Deviations = 4; // of the mean, for it to be more than noise
-constexpr double AlikeInAConnection = 4; // bytes are not late each for itself
+constexpr double Deviations = 4; // of the difference, for it to be more than noise
 constexpr double LeastShare = 0.002; // nobody would feel less
+constexpr double LeastSquares = 4; // of a few bytes in one connection
 constexpr qsizetype LargeBytes = 100000;
-
-double meanOf(const std::vector<double> &values)
-{
-    return std::accumulate(values.begin(), values.end(), 0.0) / static_cast<double>(values.size());
-}
-
-// Of values whose mean would be none but for the noise.
-double errorOfMean(const std::vector<double> &values)
-{
-    const double squares = std::inner_product(values.begin(), values.end(), values.begin(), 0.0);
-    return std::sqrt(squares) / static_cast<double>(values.size());
-}
+constexpr double Never = -1;
 
 double percentile(const std::vector<double> &sorted, double share)
 {
@@ -35,6 +22,19 @@ double percentile(const std::vector<double> &sorted, double share)
 }
 
 } // namespace
+
+double Lateness::Group::more(std::size_t limit) const
+{
+    const double stock = (late[Stock][limit] + late[StockAgain][limit]) / 2;
+    return (late[Library][limit] - stock) / count();
+}
+
+// One play differs from the mean of two by as much as two differ, times the root of three quarters.
+double Lateness::Group::noise(std::size_t limit) const
+{
+    const double squares = std::max(ofConnections[limit], ofEpisodes[limit]) + LeastSquares;
+    return Deviations * std::sqrt(0.75 * squares) / count();
+}
 
 QString Lateness::nameOf(const EpisodePlan &plan, const Message &message)
 {
@@ -49,50 +49,69 @@ QString Lateness::nameOf(const EpisodePlan &plan, const Message &message)
 void Lateness::add(Play play, const EpisodePlan &plan, const std::vector<Trace> &traces)
 {
     for (std::size_t i = 0; i < traces.size(); ++i) {
-        const Trace &trace = traces[i];
-        const Script &script = plan.scripts.at(static_cast<qsizetype>(i));
-        offers[play] += trace.offers.size();
-        qsizetype end = 0;
-        auto offer = trace.offers.cbegin();
-        for (qsizetype m = 0; m < trace.messages.size(); ++m) {
-            const Message &message = script.messages.at(m);
-            const auto sent = trace.messages.at(m);
-            // Its first byte and its last one.
-            for (const qsizetype position : {end, end + message.bytes - 1}) {
-                while (offer != trace.offers.cend() && offer->begin + offer->length <= position)
-                    ++offer;
-                if (offer != trace.offers.cend())
-                    add(groups[nameOf(plan, message)], play,
-                        std::chrono::duration<double, std::milli>(offer->at - sent).count());
+        offers[play] += traces[i].offers.size();
+        inHand[play].push_back(latenessOf(plan.scripts.at(qsizetype(i)), traces[i]));
+    }
+}
+
+Lateness::Played::value_type Lateness::latenessOf(const Script &script, const Trace &trace)
+{
+    Played::value_type result;
+    qsizetype begin = 0;
+    auto offer = trace.offers.cbegin();
+    for (qsizetype i = 0; i < script.messages.size(); ++i) {
+        const qsizetype end = begin + script.messages.at(i).bytes;
+        for (const qsizetype position : {begin, end - 1}) {
+            while (offer != trace.offers.cend() && offer->begin + offer->length <= position)
+                ++offer;
+            if (offer == trace.offers.cend() || i >= trace.messages.size())
+                result.push_back(Never);
+            else
+                result.push_back(
+                        std::chrono::duration<double, std::milli>(offer->at - trace.messages.at(i))
+                                .count());
+        }
+        begin = end;
+    }
+    return result;
+}
+
+void Lateness::endEpisode(const EpisodePlan &plan)
+{
+    QMap<QString, ByLimit<double>> ofEpisode;
+    for (std::size_t c = 0; c < inHand[Stock].size(); ++c) {
+        QMap<QString, ByLimit<double>> ofConnection;
+        for (std::size_t i = 0; i < inHand[Stock][c].size(); ++i) {
+            const std::array<double, Plays> ms{inHand[Stock][c][i], inHand[StockAgain][c][i],
+                                               inHand[Library][c][i]};
+            if (*std::min_element(ms.begin(), ms.end()) < 0)
+                continue;
+            const auto &messages = plan.scripts.at(qsizetype(c)).messages;
+            const QString name = nameOf(plan, messages.at(qsizetype(i / 2)));
+            Group &group = groups[name];
+            ByLimit<double> &difference = ofConnection[name];
+            for (std::size_t play = 0; play < Plays; ++play)
+                group.ms[play].push_back(ms[play]);
+            for (std::size_t limit = 0; limit < LimitsMs.size(); ++limit) {
+                for (std::size_t play = 0; play < Plays; ++play)
+                    group.late[play][limit] += ms[play] > LimitsMs[limit];
+                difference[limit] +=
+                        (ms[Stock] > LimitsMs[limit]) - (ms[StockAgain] > LimitsMs[limit]);
             }
-            end += message.bytes;
+        }
+        for (auto entry = ofConnection.cbegin(); entry != ofConnection.cend(); ++entry) {
+            for (std::size_t limit = 0; limit < LimitsMs.size(); ++limit) {
+                const double difference = (*entry)[limit];
+                groups[entry.key()].ofConnections[limit] += difference * difference;
+                ofEpisode[entry.key()][limit] += difference;
+            }
         }
     }
-}
-
-void Lateness::add(Group &group, Play play, double ms)
-{
-    group.ms[play].push_back(ms);
-    ++group.count[play];
-    for (std::size_t i = 0; i < LimitsMs.size(); ++i)
-        group.late[play][i] += ms > LimitsMs[i];
-}
-
-void Lateness::endEpisode()
-{
-    for (Group &group : groups) {
-        const bool enough =
-                *std::min_element(group.count.begin(), group.count.end()) >= LeastPerEpisode;
-        for (std::size_t i = 0; enough && i < LimitsMs.size(); ++i) {
-            const auto share = [&](Play play) { return group.late[play][i] / group.count[play]; };
-            const double stock = (share(Stock) + share(StockAgain)) / 2;
-            group.ofLibrary[i].push_back(share(Library) - stock);
-            // Of one play against the mean of two.
-            group.ofStock[i].push_back((share(Stock) - share(StockAgain)) * std::sqrt(0.75));
-        }
-        group.count = {};
-        group.late = {};
+    for (auto entry = ofEpisode.cbegin(); entry != ofEpisode.cend(); ++entry) {
+        for (std::size_t limit = 0; limit < LimitsMs.size(); ++limit)
+            groups[entry.key()].ofEpisodes[limit] += (*entry)[limit] * (*entry)[limit];
     }
+    inHand = {};
 }
 
 QStringList Lateness::later() const
@@ -100,36 +119,15 @@ QStringList Lateness::later() const
     QStringList result;
     for (auto group = groups.cbegin(); group != groups.cend(); ++group) {
         for (std::size_t i = 0; i < LimitsMs.size(); ++i) {
-            const auto &differences = group->ofLibrary[i];
-            if (differences.empty())
-                continue;
-            const double more = meanOf(differences);
-            const double most = noise(*group, i);
-            if (more > std::max(most, LeastShare))
+            if (group->more(i) > std::max(group->noise(i), LeastShare))
                 result += QStringLiteral("%1: %2 % more are later than %3 ms, the noise is %4 %")
                                   .arg(group.key())
-                                  .arg(100 * more, 0, 'f', 2)
+                                  .arg(100 * group->more(i), 0, 'f', 2)
                                   .arg(LimitsMs[i])
-                                  .arg(100 * most, 0, 'f', 2);
+                                  .arg(100 * group->noise(i), 0, 'f', 2);
         }
     }
     return result;
-}
-
-// What the episodes show, or if they are few what their number leaves open.
-double Lateness::noise(const Group &group, std::size_t limit)
-{
-    double count = 1;
-    double late = 1;
-    for (const std::vector<double> &all : group.ms) {
-        count += static_cast<double>(all.size());
-        late += static_cast<double>(std::count_if(
-                all.begin(), all.end(), [limit](double ms) { return ms > LimitsMs[limit]; }));
-    }
-    const double share = late / count;
-    const double ofOne =
-            share * (1 - share) * AlikeInAConnection * static_cast<double>(Plays) / count;
-    return Deviations * std::max(errorOfMean(group.ofStock[limit]), std::sqrt(1.5 * ofOne));
 }
 
 void Lateness::print(std::FILE *to) const
@@ -138,16 +136,21 @@ void Lateness::print(std::FILE *to) const
     std::fprintf(to, "Offers: stock %lld, stock again %lld, library %lld\n",
                  static_cast<long long>(offers[Stock]), static_cast<long long>(offers[StockAgain]),
                  static_cast<long long>(offers[Library]));
-    std::fprintf(to, "%-26s %-12s %8s %9s %9s %9s %9s  ms\n", "Lateness of bytes", "", "count",
-                 "50 %", "90 %", "99 %", "99.9 %");
+    std::fprintf(to, "%-24s %-11s %6s %7s %7s %7s %7s ms", "Lateness of bytes", "", "count", "50 %",
+                 "90 %", "99 %", "99.9 %");
+    for (const double limit : LimitsMs)
+        std::fprintf(to, " >%4.0f ms", limit);
     for (auto group = groups.cbegin(); group != groups.cend(); ++group) {
         for (std::size_t play = 0; play < Plays; ++play) {
             std::vector<double> sorted = group->ms[play];
             std::sort(sorted.begin(), sorted.end());
-            std::fprintf(to, "%-26s %-12s %8zu %9.2f %9.2f %9.2f %9.2f\n",
+            std::fprintf(to, "\n%-24s %-11s %6zu %7.1f %7.1f %7.1f %7.1f   ",
                          play == 0 ? qPrintable(group.key()) : "", Names[play], sorted.size(),
                          percentile(sorted, 0.5), percentile(sorted, 0.9), percentile(sorted, 0.99),
                          percentile(sorted, 0.999));
+            for (const double late : group->late[play])
+                std::fprintf(to, " %6.2f %%", 100 * late / group->count());
         }
     }
+    std::fprintf(to, "\n");
 }

@@ -10,10 +10,12 @@
 
 #include <array>
 #include <cstdio>
+#include <vector>
 
 /*!
     How long bytes take from their device to the first offer that has them: the library's, the plain
     plugin's, and the plain plugin's in another play of the same scripts, which shows what is noise.
+    Each byte is compared with itself.
 
     Thread: one.
 */
@@ -23,9 +25,9 @@ public:
     enum Play { Stock, StockAgain, Library };
     static constexpr std::size_t Plays = 3;
 
-    // All plays of one episode, one after another, in any order.
+    // All plays of one episode, one after another, in any order; then its end.
     void add(Play play, const EpisodePlan &plan, const std::vector<Trace> &traces);
-    void endEpisode();
+    void endEpisode(const EpisodePlan &plan);
 
     // Where the library is later than the plain plugin by more than the noise, in words.
     QStringList later() const;
@@ -34,22 +36,30 @@ public:
 private:
     // Later than each of these.
     static constexpr std::array<double, 6> LimitsMs{3, 20, 150, 500, 1500, 2500};
+    template<class Value>
+    using ByLimit = std::array<Value, LimitsMs.size()>;
 
+    // Bytes by the message that they belong to: the transport, its size, the pause before it.
     struct Group
     {
-        std::array<std::vector<double>, Plays> ms;
-        // Of the episode in hand: how many there were, and how many were later than each limit.
-        std::array<double, Plays> count{};
-        std::array<std::array<double, LimitsMs.size()>, Plays> late{};
-        // Of each episode: by how much the shares of late ones differed.
-        std::array<std::vector<double>, LimitsMs.size()> ofLibrary;
-        std::array<std::vector<double>, LimitsMs.size()> ofStock;
+        std::array<std::vector<double>, Plays> ms; // of those that were offered in each play
+        std::array<ByLimit<double>, Plays> late{}; // how many were later than a limit
+        // By how many the plain plugin's two plays differed, squared: of connections, of episodes.
+        ByLimit<double> ofConnections{};
+        ByLimit<double> ofEpisodes{};
+
+        double count() const { return static_cast<double>(ms[Stock].size()); }
+        double more(std::size_t limit) const; // the library's share of late ones than stock's
+        double noise(std::size_t limit) const; // of that
     };
 
-    void add(Group &group, Play play, double ms);
-    static double noise(const Group &group, std::size_t limit);
+    // Of one play: ms of the first and the last byte of each message, by connection; < 0: never.
+    using Played = std::vector<std::vector<double>>;
+
+    static Played::value_type latenessOf(const Script &script, const Trace &trace);
     static QString nameOf(const EpisodePlan &plan, const Message &message);
 
     QMap<QString, Group> groups;
+    std::array<Played, Plays> inHand; // of the episode
     std::array<qint64, Plays> offers{};
 };

@@ -12,6 +12,7 @@ constexpr int LargestMessage = 5000;
 constexpr qsizetype ReadByTls = 4096; // at once: larger messages take several reads
 constexpr int LongestSpacedMs = 7000;
 constexpr int LongestHastyMs = 5000;
+constexpr int SpreadStartMs = 250; // of those that the plugin ends together
 constexpr int Attempts = 2000;
 
 bool isPluginsDoing(Ending ending)
@@ -60,7 +61,7 @@ Script spacedAttempt(Dice &dice, Ending ending, bool tls)
     const bool brief = isPluginsDoing(ending);
     Script script;
     script.otherThread = dice.inPercent(25);
-    script.startMs = brief ? 0 : dice.below(2000);
+    script.startMs = dice.below(brief ? SpreadStartMs : 2000);
     script.ending = ending;
     script.messages.resize(dice.between(1, 6));
     int whole = 0;
@@ -75,7 +76,7 @@ Script spacedAttempt(Dice &dice, Ending ending, bool tls)
         whole += static_cast<int>(message.pauseUs / UsPerMs);
     script.endPauseUs = spacedPauseMs(dice, false) * UsPerMs;
     if (brief) {
-        script.endPauseUs = (ScriptWriter::PluginEndMs - whole) * UsPerMs;
+        script.endPauseUs = (ScriptWriter::PluginEndMs - script.startMs - whole) * UsPerMs;
     } else if (ending != Ending::IdleTimeout
                && dice.inPercent(30)) { // the host forgets about it, until it is kicked
         script.further.reply = Reply::None;
@@ -152,7 +153,7 @@ Script ScriptWriter::hasty(quint32 seed, Ending ending)
     script.eager = dice.inPercent(30) && ending != Ending::Reset;
     script.otherThread = dice.inPercent(25);
     script.ending = ending;
-    script.startMs = isPluginsDoing(ending) ? 0 : dice.below(1500);
+    script.startMs = dice.below(isPluginsDoing(ending) ? SpreadStartMs : 1500);
     const bool large = dice.inPercent(15);
     const int count = large ? dice.between(2, 5) : dice.between(2, 12);
     qint64 whole = 0;

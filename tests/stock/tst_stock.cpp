@@ -251,7 +251,7 @@ void tst_Stock::latenessNoticesMoreThanNoise()
             lateness.add(Lateness::Stock, plan, punctual);
             lateness.add(Lateness::StockAgain, plan, punctual);
             lateness.add(Lateness::Library, plan, late);
-            lateness.endEpisode();
+            lateness.endEpisode(plan);
         }
         return !lateness.later().isEmpty();
     };
@@ -310,7 +310,7 @@ void tst_Stock::episodes()
     QFETCH(bool, ownThreads);
     plan.ownThreads = ownThreads;
     plan.wildcard = !ownThreads;
-    plan.slowLog = spaced;
+    plan.slowLog = spaced && ownThreads;
     const quint32 first = Seeds(1).first;
     quint32 seed = first;
     while (plan.scripts.size() < ConnectionsPerEpisode) {

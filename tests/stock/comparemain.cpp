@@ -51,12 +51,12 @@ int report(const Comparison &comparison, const QStringList &metaObjects)
     }
     for (const QString &difference : metaObjects)
         std::printf("META-OBJECT: %s\n", qPrintable(difference));
-    const QStringList later = comparison.later();
+    const QStringList later = comparison.latenessFindings();
     comparison.print(stdout);
     for (const QString &group : later)
-        std::printf("LATER: %s\n", qPrintable(group));
+        std::printf("LATENESS: %s\n", qPrintable(group));
     const bool same = differences.isEmpty() && metaObjects.isEmpty() && later.isEmpty();
-    std::printf("%lld differences, %lld in the meta-object, later in %lld ways: %s\n",
+    std::printf("%lld differences, %lld in the meta-object, %lld in the lateness: %s\n",
                 static_cast<long long>(differences.size()),
                 static_cast<long long>(metaObjects.size()), static_cast<long long>(later.size()),
                 same ? "the same" : "NOT THE SAME");

@@ -40,7 +40,7 @@ public:
     const Counts &library() const { return counts[1]; }
     // Of connections and of whole episodes, each with all that it takes to understand it.
     const QStringList &differences() const { return found; }
-    QStringList later() const { return lateness.later(); }
+    QStringList latenessFindings() const { return lateness.findings(); }
 
     void print(std::FILE *to) const;
 

@@ -55,6 +55,14 @@ QString Course::offerText(qsizetype begin, qsizetype length)
     return QStringLiteral("%1 + %2").arg(begin).arg(length);
 }
 
+QString Course::recordText(const CourseNames &names)
+{
+    const QString id = QStringLiteral("tcp2:%1:port-%1:device").arg(names.local);
+    return QStringLiteral("plugin t, TCP:%1, %2:device, client %1, task %3")
+            .arg(id, names.local)
+            .arg(names.task);
+}
+
 void Course::play()
 {
     for (qsizetype i = 0; i < script.messages.size(); ++i)

@@ -46,6 +46,8 @@ public:
     // By the script alone, if nothing takes any time.
     static CourseTimes plannedTimes(const Script &script);
     static QString offerText(qsizetype begin, qsizetype length);
+    // What each record of a connection says beside its bytes.
+    static QString recordText(const CourseNames &names);
 
     struct Offer
     {

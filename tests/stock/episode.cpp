@@ -91,7 +91,7 @@ Play::Play(Side &side, const EpisodePlan &played)
     tap = std::make_unique<LogTap>([this](const TappedLine &line) { note(line); },
                                    plan.slowLog ? SlowLog : 0us);
     plugin = side.library.create(config()).release();
-    host = std::make_unique<ScriptedHost>(plugin);
+    host = std::make_unique<ScriptedHost>(plugin, port);
     // Before the devices have their ports: one that got this port, too, would connect to itself.
     if (!plugin->start() || !isListening(*plugin))
         qFatal("the plugin does not listen");

@@ -116,13 +116,17 @@ void checkPunctuality(const Course &course, const Trace &trace, double delay,
 }
 
 // Of every connection, in whatever order things happened.
-void checkOffers(const Script &script, const Trace &trace, QStringList &differences)
+void checkOffers(const Script &script, const CourseNames &names, const Trace &trace,
+                 QStringList &differences)
 {
+    const QString record = Course::recordText(names);
     qsizetype end = 0;
     for (const TracedOffer &offer : trace.offers) {
         const QString text = Course::offerText(offer.begin, offer.length);
         if (!offer.intact)
             differences += QStringLiteral("no part of the stream: ") + text;
+        if (offer.record != record)
+            differences += QStringLiteral("the record says \"%1\"").arg(offer.record);
         if (offer.length == 0)
             differences += QStringLiteral("an empty offer");
         if (offer.begin > (script.spaced ? trace.discarded : std::min(end, trace.discarded)))
@@ -190,7 +194,7 @@ Judge::Verdict Judge::judge(const EpisodePlan &plan, int connection, const Trace
 {
     Verdict verdict;
     const Script &script = plan.scripts.at(connection);
-    checkOffers(script, trace, verdict.differences);
+    checkOffers(script, plan.names(connection), trace, verdict.differences);
     checkLines(plan, trace, verdict.differences);
     if (!script.spaced || !verdict.differences.isEmpty())
         return verdict;

@@ -49,7 +49,8 @@ QString Lateness::nameOf(const EpisodePlan &plan, const Message &message)
 void Lateness::add(Play play, const EpisodePlan &plan, const std::vector<Trace> &traces)
 {
     for (std::size_t i = 0; i < traces.size(); ++i) {
-        offers[play] += traces[i].offers.size();
+        offersInHand[play].push_back(static_cast<double>(traces[i].offers.size()));
+        offers[play] += offersInHand[play].back();
         inHand[play].push_back(latenessOf(plan.scripts.at(qsizetype(i)), traces[i]));
     }
 }
@@ -111,10 +112,18 @@ void Lateness::endEpisode(const EpisodePlan &plan)
         for (std::size_t limit = 0; limit < LimitsMs.size(); ++limit)
             groups[entry.key()].ofEpisodes[limit] += (*entry)[limit] * (*entry)[limit];
     }
+    double difference = 0;
+    for (std::size_t c = 0; c < offersInHand[Stock].size(); ++c) {
+        const double own = offersInHand[Stock][c] - offersInHand[StockAgain][c];
+        offersOfConnections += own * own;
+        difference += own;
+    }
+    offersOfEpisodes += difference * difference;
     inHand = {};
+    offersInHand = {};
 }
 
-QStringList Lateness::later() const
+QStringList Lateness::findings() const
 {
     QStringList result;
     for (auto group = groups.cbegin(); group != groups.cend(); ++group) {
@@ -127,15 +136,19 @@ QStringList Lateness::later() const
                                   .arg(100 * group->noise(i), 0, 'f', 2);
         }
     }
+    const double more = offers[Library] - (offers[Stock] + offers[StockAgain]) / 2;
+    const double squares = std::max(offersOfConnections, offersOfEpisodes) + LeastSquares;
+    const double noise = Deviations * std::sqrt(0.75 * squares);
+    if (std::abs(more) > std::max(noise, LeastShare * offers[Library]))
+        result += QStringLiteral("%1 more offers, the noise is %2").arg(more).arg(noise, 0, 'f', 0);
     return result;
 }
 
 void Lateness::print(std::FILE *to) const
 {
     constexpr std::array<const char *, Plays> Names{"stock", "stock again", "library"};
-    std::fprintf(to, "Offers: stock %lld, stock again %lld, library %lld\n",
-                 static_cast<long long>(offers[Stock]), static_cast<long long>(offers[StockAgain]),
-                 static_cast<long long>(offers[Library]));
+    std::fprintf(to, "Offers: stock %.0f, stock again %.0f, library %.0f\n", offers[Stock],
+                 offers[StockAgain], offers[Library]);
     std::fprintf(to, "%-24s %-11s %6s %7s %7s %7s %7s ms", "Lateness of bytes", "", "count", "50 %",
                  "90 %", "99 %", "99.9 %");
     for (const double limit : LimitsMs)

@@ -29,8 +29,9 @@ public:
     void add(Play play, const EpisodePlan &plan, const std::vector<Trace> &traces);
     void endEpisode(const EpisodePlan &plan);
 
-    // Where the library is later than the plain plugin by more than the noise, in words.
-    QStringList later() const;
+    // Where the library is later than the plain plugin by more than the noise, or makes another
+    // number of offers, in words.
+    QStringList findings() const;
     void print(std::FILE *to) const;
 
 private:
@@ -61,5 +62,8 @@ private:
 
     QMap<QString, Group> groups;
     std::array<Played, Plays> inHand; // of the episode
-    std::array<qint64, Plays> offers{};
+    std::array<std::vector<double>, Plays> offersInHand; // by connection
+    std::array<double, Plays> offers{};
+    double offersOfConnections = 0; // as of a group
+    double offersOfEpisodes = 0;
 };

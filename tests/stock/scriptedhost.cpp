@@ -14,7 +14,9 @@ thread_local int connectionCalledFor = -1;
 
 } // namespace
 
-ScriptedHost::ScriptedHost(IInputPlugin *inputPlugin) : plugin(inputPlugin)
+ScriptedHost::ScriptedHost(IInputPlugin *inputPlugin, quint16 pluginsPort)
+    : plugin(inputPlugin),
+      port(pluginsPort)
 {
     helper.moveToThread(&helperThread);
     helperThread.start();
@@ -57,6 +59,7 @@ void ScriptedHost::receive(const shared_parsedData &record)
     TracedOffer offer = trace(*guest, record->getOriginalMessage());
     offer.order = order;
     offer.at = now;
+    offer.record = textOf(*record);
     guest->trace->offers.append(offer);
     if (!answering)
         return;
@@ -101,6 +104,25 @@ TracedOffer ScriptedHost::trace(const Guest &guest, const QByteArray &bytes)
     }
     offer.intact = false;
     return offer;
+}
+
+QString ScriptedHost::textOf(const ParsedData &record) const
+{
+    QMap<QString, QString> ids = record.getPluginSubId();
+    QString text =
+            QStringLiteral("plugin %1, %2, %3:%4, client %5, task %6")
+                    .arg(record.getPluginId(), record.getSource(), record.getPeerAddress())
+                    .arg(record.getPeerPort())
+                    .arg(ids.take(QStringLiteral("client")), ids.take(QStringLiteral("task")));
+    const auto rename = [&text](quint16 number, const char *name) {
+        text.replace(QStringLiteral(":%1").arg(number), QLatin1String(name));
+    };
+    rename(record.getPeerPort(), ":device");
+    rename(port, ":port");
+    const bool more = !ids.isEmpty() || !record.getFormat().isEmpty() || record.isParsed()
+            || !record.getDeviceId().isEmpty() || !record.getData().isEmpty()
+            || record.isGPSPosData() || record.getDevice();
+    return more ? text + QStringLiteral(", and more") : text;
 }
 
 void ScriptedHost::answer(const Due &due)

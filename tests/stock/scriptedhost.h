@@ -25,7 +25,7 @@
 class ScriptedHost : public QObject
 {
 public:
-    explicit ScriptedHost(IInputPlugin *inputPlugin);
+    ScriptedHost(IInputPlugin *inputPlugin, quint16 pluginsPort);
     ~ScriptedHost() override;
 
     // number: of the connection, for whatever is logged within its discards.
@@ -56,11 +56,13 @@ private:
 
     void receive(const shared_parsedData &record);
     static TracedOffer trace(const Guest &guest, const QByteArray &bytes);
+    QString textOf(const ParsedData &record) const;
     void answer(const Due &due);
     QList<int> lengths(Guest &guest, const Answer &answer, const TracedOffer &offer) const;
     void discard(const Due &due, const QList<int> &all);
 
     IInputPlugin *const plugin;
+    const quint16 port;
     bool answering = true;
     int waitingAnswers = 0;
     QHash<quint16, std::shared_ptr<Guest>> guests; // by the device's port

@@ -156,17 +156,18 @@ Script ScriptWriter::hasty(quint32 seed, Ending ending)
     script.startMs = dice.below(isPluginsDoing(ending) ? SpreadStartMs : 1500);
     const bool large = dice.inPercent(15);
     const int count = large ? dice.between(2, 5) : dice.between(2, 12);
+    const int longestMs = isPluginsDoing(ending) ? PluginEndMs : LongestHastyMs;
     qint64 whole = 0;
     for (int i = 0; i < count; ++i) {
         Message message{hastyPauseUs(dice), messageSize(dice)};
         if (large && dice.inPercent(50))
             message.bytes = dice.between(300'000, 2'000'000);
+        if (i == 0 && (script.eager || isPluginsDoing(ending)))
+            message.pauseUs = 0;
         whole += message.pauseUs;
-        if (whole < qint64(LongestHastyMs) * UsPerMs)
+        if (whole < longestMs * UsPerMs)
             script.messages.append(message);
     }
-    if (script.eager)
-        script.messages.first().pauseUs = 0;
     script.endPauseUs = hastyPauseUs(dice);
     script.further = hastyAnswer(dice, false);
     const int answers = dice.inPercent(50) ? 0 : dice.between(1, 6);

@@ -10,7 +10,7 @@
 namespace ScriptWriter {
 
 // All that the plugin ends, it ends at this time after the start.
-constexpr int PluginEndMs = 1700;
+constexpr int PluginEndMs = 1500;
 
 // The distances that a planned course keeps, and that one which was played has to have kept.
 constexpr double PlannedSlackMs = 60;

@@ -23,6 +23,7 @@ struct TracedOffer
     qsizetype begin = 0; // in the device's stream
     qsizetype length = 0;
     bool intact = true; // these are the bytes of that part of the stream
+    QString record; // all that the record says beside them, by the names of a course
 };
 
 //! What was seen of one connection.

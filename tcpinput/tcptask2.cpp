@@ -191,7 +191,8 @@ void TcpTask2::addConnection(Connection conn)
                                 conn.getSenderHost().toString(), conn.getSenderPort());
     CWRN(QtDebugMsg, QStringLiteral("TcpTask2: new connection %1"), id);
 
-    // For queued receivers of the client's readyRead(). After the first time it takes next to none.
+    // For queued receivers of the client's readyRead(). After the first time it costs next to
+    // nothing.
     qRegisterMetaType<Connection>();
     auto *client = new TcpClient2(this, id, socket, conn.getTimeout());
     if (const quint64 number = connectionNumber(socket))
@@ -265,12 +266,15 @@ void TcpTask2::disconnected(const QString &id)
     TcpClient2 *client = clients.value(id);
     if (!client)
         return;
+    const QString key = id; // may be the client's own, which its first read changes
     ignore(client); // the end that it reports below is this one
     client->mdisconnected(); // makes its last offer, if whoever called this was too early
 
     const QWriteLocker locker(&clientsLock);
     Reentry::deleteLater(client);
-    clients.remove(id);
+    displaced.remove(client);
+    if (clients.value(key) == client) // no other has come within a log line
+        clients.remove(key);
 }
 
 void TcpTask2::ignore(TcpClient2 *client)

@@ -95,7 +95,8 @@ private:
     mutable QReadWriteLock clientsLock;
     int num = 0; // set once, before the task is moved
     bool dying = false; // this and below: the task's thread only
-    QSet<TcpClient2 *> displaced; // from the registry, by others with their ids; not ended yet
+    QSet<TcpClient2 *>
+            displaced; // from the registry, by others with their ids; until their end is handled
     LocalSecond localSecond;
     std::unique_ptr<BacklogWatch> watch; // from the first client on: it belongs to the thread
 };

@@ -10,12 +10,12 @@
     A connection's unconsumed bytes: grows at the end, is cut from the front, and hands out copies
     of the whole that share its memory.
 
-    Bytes that come in are copied once. What comes in while a copy is with a host goes into a block
-    of its own, so the copy stays as it is; the two blocks become one when the next copy is asked
-    for, at the cost of what the host has left of the first. What a cut costs does not depend on how
-    much is left: the rest is copied only when it is less than half of the memory that it lies in,
-    which also gives memory back once a backlog is consumed. Bytes that are cut away are never
-    copied.
+    Bytes that come in are copied once, in blocks mostly not at all. What comes in while a copy is
+   with a host goes into a block of its own, so the copy stays as it is; the two blocks become one
+   when the next copy is asked for, at the cost of what the host has left of the first. What a cut
+   costs does not depend on how much is left: the rest is copied only when it is less than half of
+   the memory that it lies in, which also gives memory back once a backlog is consumed. Bytes that
+   are cut away are never copied.
 
     Thread: one at a time; copies may be anywhere.
     Owner:  the client, as a member.

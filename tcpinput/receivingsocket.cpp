@@ -75,7 +75,7 @@ bool ReceivingSocket::waitForReadyRead(int msecs)
 {
     if (state() != ConnectedState || !waitForNews(msecs))
         return false;
-    QByteArray all = receiveOn({});
+    QByteArray all = receiveOn({}, bytesInKernel()); // and not what comes meanwhile
     const bool came = !all.isEmpty();
     if (came)
         handOutBlock(std::move(all));
@@ -156,23 +156,23 @@ void ReceivingSocket::receive()
     ReceiveBuffer buffer;
     const ssize_t size = ::recv(descriptor(), buffer.data(), ReceiveBytes, MSG_DONTWAIT);
     if (size == ReceiveBytes)
-        handOutBlock(receiveOn(QByteArrayView(buffer.data(), size)));
+        handOutBlock(receiveOn(QByteArrayView(buffer.data(), size), MostBytesPerTurn));
     else if (size > 0)
         handOut(QByteArrayView(buffer.data(), size));
     else if (size == 0 || (errno != EAGAIN && errno != EINTR))
         endByPeer();
 }
 
-// What has been received and all that follows, until nothing is left: the rest of a large message
-// must not wait for the next turn, which may be far. To read makes room for what the peer could not
-// send yet, so that there may be more than the kernel held at first.
-QByteArray ReceivingSocket::receiveOn(QByteArrayView first)
+// What has been received and all that follows, until nothing is left or most is reached: the rest
+// of a large message must not wait for the next turn, which may be far. To read makes room for what
+// the peer could not send yet, so that there may be more than the kernel held at first.
+QByteArray ReceivingSocket::receiveOn(QByteArrayView first, qsizetype most)
 {
     qsizetype more = bytesInKernel();
     QByteArray all = InputBuffer::emptyBlock(first.size() + more);
     all.resize(first.size());
     std::copy(first.begin(), first.end(), all.begin());
-    for (; more > 0 && all.size() < MostBytesPerTurn; more = bytesInKernel()) {
+    for (; more > 0 && all.size() < most; more = bytesInKernel()) {
         const qsizetype before = all.size();
         all.resize(before + more);
         const ssize_t size = ::recv(descriptor(), all.data() + before,

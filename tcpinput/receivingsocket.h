@@ -81,7 +81,7 @@ private:
     };
 
     void receive();
-    QByteArray receiveOn(QByteArrayView first);
+    QByteArray receiveOn(QByteArrayView first, qsizetype most);
     void handOut(QByteArrayView received);
     void handOutBlock(QByteArray block);
     void tellReader();
@@ -93,6 +93,6 @@ private:
 
     Notifier notifier;
     ReceivingSocketReader *reader = nullptr;
-    QByteArrayView unread; // in the thread's buffer while the reader is told, else in kept
+    QByteArrayView unread; // in kept, or in the thread's buffer while the reader is told
     QByteArray kept; // a lot that came at once, or what readers have left, which they seldom do
 };

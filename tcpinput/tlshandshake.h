@@ -16,7 +16,7 @@
 
     The receivers of what it has the server tell may run the event loop, close the server or delete
     it. Where that can be, they are called outside of the socket's work. Where they must be called
-   in the middle of it, the socket outlives the call, whatever they do.
+    in the middle of it, the socket outlives the call, whatever they do.
 
     Thread: the server's.
     Owner:  the server (QObject parent); deletes itself at the end. Nobody, once it was dropped from

@@ -115,6 +115,12 @@ bool EpollEventDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
     return events > 0;
 }
 
+TimerQueue::TimePoint EpollEventDispatcher::turnBegan()
+{
+    const auto *dispatcher = qobject_cast<EpollEventDispatcher *>(instance());
+    return dispatcher ? dispatcher->collected : TimerQueue::TimePoint::max();
+}
+
 // In a turn that is there for events that this thread has posted to itself, usually from the turn
 // before, asking the kernel once more seldom brings anything. Not twice in a row: sockets have
 // their turn however much the thread has to tell itself.
@@ -237,6 +243,7 @@ bool EpollEventDispatcher::collectReady(QEventLoop::ProcessEventsFlags flags, bo
         }
     } while (count < 0 && errno == EINTR);
 
+    collected = count > 1 ? TimerQueue::Clock::now() : TimerQueue::TimePoint::max();
     for (int i = 0; i < count; ++i) {
         const epoll_event &event = events[static_cast<std::size_t>(i)];
         if (event.data.fd != wakeUpFd)

@@ -64,6 +64,10 @@ public:
     create(std::chrono::milliseconds wakeUpInterval = std::chrono::milliseconds(0));
     ~EpollEventDispatcher() override;
 
+    // When the calling thread's dispatcher, if it is one of these, found the events that are in
+    // hand. The end of time if there is just one, which begins the turn.
+    static TimerQueue::TimePoint turnBegan();
+
     bool processEvents(QEventLoop::ProcessEventsFlags flags) override;
 
     void registerSocketNotifier(QSocketNotifier *notifier) override;
@@ -127,6 +131,7 @@ private:
     // An interval after the latest wake-up by another thread. Not the clock's zero, which is when
     // the machine was started.
     TimerQueue::TimePoint deferUntil = TimerQueue::TimePoint::min();
+    TimerQueue::TimePoint collected = TimerQueue::TimePoint::max(); // see turnBegan()
     std::unordered_map<int, Descriptor> descriptors;
     std::set<int> unwatched; // descriptors the kernel has refused: always ready, or invalid
     bool leftKernelAlone = false; // in the latest turn

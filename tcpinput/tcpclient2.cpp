@@ -3,6 +3,7 @@
 
 #include "tcpinput/tcpclient2.h"
 
+#include "eventloop/epolleventdispatcher.h"
 #include "plugin/cwrn.h"
 #include "tcpinput/clientid.h"
 #include "tcpinput/reentry.h"
@@ -134,9 +135,8 @@ void TcpClient2::postCut(Cut cut)
 // A cut is due in the client's thread, but most cuts leave nothing that would be offered again. To
 // wake up the thread for those costs more than all the rest of a cut: their bytes are taken away at
 // once, in the calling thread. Two rules keep that from being seen. No cut overtakes another one.
-// And none overtakes a read: a read that follows within CutDelay, the time that a thread may need
-// to wake up, counts as made before the cut, which then leaves its bytes and offers them
-// (mreadyRead()). False: the cut has to be posted. The caller holds inbufLock.
+// And none overtakes a read: see leftByRecentCut(). False: the cut has to be posted. The caller
+// holds inbufLock.
 bool TcpClient2::cutAhead(qsizetype len)
 {
     const qsizetype left = inbuf.size() - std::max<qsizetype>(len, 0);
@@ -148,12 +148,16 @@ bool TcpClient2::cutAhead(qsizetype len)
     return true;
 }
 
-// How much a cut has left that counts as made only now, behind a read. 0: there is none.
+// Behind a read: how much a cut has left that counts as made only now. That is a cut that would
+// still be on its way to this thread, which needs some time to wake up and first reads all that was
+// there when its turn began. 0: there is none.
 qsizetype TcpClient2::leftByRecentCut()
 {
     const QWriteLocker locker(&inbufLock);
     const auto cut = std::exchange(recentCut, std::nullopt);
-    return cut && Clock::steady() - *cut <= CutDelay ? inbuf.size() : 0;
+    const bool onItsWay = cut
+            && (Clock::steady() - *cut <= CutDelay || *cut >= EpollEventDispatcher::turnBegan());
+    return onItsWay ? inbuf.size() : 0;
 }
 
 // From the front of the buffer; 0 for a position before it. The caller holds inbufLock.
@@ -266,8 +270,7 @@ void TcpClient2::mdisconnected()
          bytesReceived, msgsReceived);
     closing->close();
     Reentry::deleteLater(closing);
-    // Deliberate, behind the line and the close: an offer reaches the task by a later call, and the
-    // last one is made in the same turn as all of this.
+    // Deliberate: the host sees the last record when the line is written and the socket is closed.
     if (!last.data.isEmpty() && taker)
         taker(last.data);
     Q_EMIT disconnected(id);

@@ -47,8 +47,8 @@ public:
     // A copy of the id, from any thread.
     QString currentId() const;
 
-    // Cuts len bytes later, in the client's thread, even when called from there. len <= 0 cuts
-    // nothing, a len beyond the buffer empties it.
+    // Cuts len bytes, in effect later and in the client's thread, even when called from there.
+    // len <= 0 cuts nothing, a len beyond the buffer empties it.
     void discard(int len);
 
     // Stamps this connection's offers with their positions; connectionNumber is not 0. Once, before
@@ -95,7 +95,7 @@ Q_SIGNALS:
     void idChanged(const QString &oid, const QString &id);
 
 public Q_SLOTS:
-    // Offers what is left, closes the socket and reports the end. A second call does nothing.
+    // Closes the socket, offers what is left and reports the end. A second call does nothing.
     void mdisconnected();
     void mreadyRead();
     void cutInbuf(int len);

@@ -7,6 +7,7 @@
 #include "tests/worker.h"
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QSemaphore>
 #include <QtCore/QThread>
 #include <QtTest/QTest>
 
@@ -87,6 +88,7 @@ private Q_SLOTS:
     void readRightBehindACut();
     void readBetweenCutAndRead_data();
     void readBetweenCutAndRead();
+    void readInTheTurnOfACut();
     void cutAtOnceKeepsOffers();
     void cutAfterTheEnd();
     void cutWhileTheWorkerReads_data();
@@ -334,6 +336,57 @@ void tst_ClientCutting::readBetweenCutAndRead()
 
     QVERIFY(connection.deliver(bytes(30)));
     QCOMPARE(connection.takeOffers(), QList<QByteArray>());
+}
+
+// What was there when the worker's turn began comes before a cut that is asked for within the turn,
+// however late its own read is.
+void tst_ClientCutting::readInTheTurnOfACut()
+{
+    using namespace std::chrono;
+    clock.reset();
+    Clock::setSources([]() -> qint64 { return 1'600'000'000'000; }, &steady_clock::now);
+    Worker worker;
+    QSemaphore offered; // by either
+    SocketPair pairs[2];
+    int accepted[2];
+    std::unique_ptr<TcpClient2> clients[2];
+    for (int n = 0; n < 2; ++n) {
+        pairs[n] = SocketPair::connected(QHostAddress(ConnectedClient::localAddress()),
+                                         QHostAddress(ConnectedClient::peerAddress()));
+        worker.run([&] {
+            accepted[n] = pairs[n].accepted.release();
+            clients[n] = std::make_unique<TcpClient2>(
+                    nullptr, QString::number(n),
+                    new ReceivingSocket(accepted[n], Acceptance::of(accepted[n], false)), 600000);
+            QObject::connect(
+                    clients[n].get(), &TcpClient2::readyRead, clients[n].get(),
+                    [&, n] {
+                        if (n == 0) {
+                            inAnotherThread([&] { clients[1]->discard(30); });
+                            const auto asked = steady_clock::now();
+                            while (steady_clock::now() - asked < milliseconds(2)) {}
+                        }
+                        offered.release();
+                    },
+                    Qt::DirectConnection);
+        });
+    }
+    QVERIFY(pairs[1].device.send(bytes(30)));
+    QVERIFY(offered.tryAcquire(1, NativeSocket::HangGuardMs));
+
+    worker.block();
+    for (int n = 0; n < 2; ++n) { // both wait when the worker looks
+        QVERIFY(pairs[n].device.send(bytes(30)));
+        QVERIFY(NativeSocket::waitForArrival(accepted[n], 30));
+    }
+    worker.release();
+
+    QVERIFY(offered.tryAcquire(2, NativeSocket::HangGuardMs));
+    worker.run([&] {
+        for (auto &client : clients)
+            client.reset();
+    });
+    worker.quitAndWait();
 }
 
 void tst_ClientCutting::cutAtOnceKeepsOffers()

@@ -266,7 +266,8 @@ void TcpTask2::disconnected(const QString &id)
     TcpClient2 *client = clients.value(id);
     if (!client)
         return;
-    const QString key = id; // may be the client's own, which its first read changes
+    // id may be the client's own, which its first read changes.
+    const QString key = id; // NOLINT(performance-unnecessary-copy-initialization)
     ignore(client); // the end that it reports below is this one
     client->mdisconnected(); // makes its last offer, if whoever called this was too early
 

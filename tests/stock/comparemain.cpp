@@ -88,8 +88,13 @@ int main(int argc, char **argv)
     const auto episode = option("episode", "to play alone.", QStringLiteral("-1"));
     const auto connection =
             option("connection", "of that episode to play alone.", QStringLiteral("-1"));
+    const QCommandLineOption library(QStringLiteral("library"),
+                                     QStringLiteral("to compare, instead of this build's."),
+                                     QStringLiteral("file"), QStringLiteral(PLUGIN_FILE));
+    parser.addOption(library);
     parser.addHelpOption();
     parser.process(application);
+    librarySide(parser.value(library));
 
     const quint32 seed = parser.value(seedOption).toUInt();
     const int each = qMax(1, parser.value(size).toInt());

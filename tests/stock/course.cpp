@@ -169,6 +169,8 @@ void Course::end()
         lastOffer = offers.size();
         offer();
         ++offers.last().lines; // the closing line
+        if (script.ending == Ending::Stop || script.ending == Ending::Destroy)
+            offers.last().inexact = Never; // the host waits within
     }
     lines += QStringLiteral("D: TcpClient: closing connection %1 (received %2 bytes, %3 msgs)")
                      .arg(id())

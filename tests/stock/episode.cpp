@@ -21,7 +21,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr int SharedThreads = 4;
 constexpr auto BeforeStart = 50ms;
 constexpr auto CheckInterval = 2000ms;
 constexpr auto LookEvery = 5ms;
@@ -46,8 +45,9 @@ public:
     EpisodeResult result();
 
 private:
+    void startPlugin(Side &side);
+    QHostAddress listening() const;
     QJsonObject config() const;
-    int threads() const { return plan.ownThreads ? int(plan.scripts.size()) : SharedThreads; }
     void note(const TappedLine &line);
     void connectAll();
     void startAll();
@@ -80,21 +80,16 @@ private:
     std::unique_ptr<ScriptedHost> host;
 };
 
-Play::Play(Side &side, const EpisodePlan &played)
-    : plan(played),
-      address(testAddress()),
-      port(freePort(played.wildcard ? QHostAddress(QHostAddress::AnyIPv4) : address))
+Play::Play(Side &side, const EpisodePlan &played) : plan(played), address(testAddress())
 {
     const std::size_t count = std::size_t(plan.scripts.size());
     done.traces.resize(count);
     created.resize(count);
     tap = std::make_unique<LogTap>([this](const TappedLine &line) { note(line); },
                                    plan.slowLog ? SlowLog : 0us);
-    plugin = side.library.create(config()).release();
-    host = std::make_unique<ScriptedHost>(plugin, port);
     // Before the devices have their ports: one that got this port, too, would connect to itself.
-    if (!plugin->start() || !isListening(*plugin))
-        qFatal("the plugin does not listen");
+    startPlugin(side);
+    host = std::make_unique<ScriptedHost>(plugin, port);
     for (std::size_t i = 0; i < count; ++i) {
         const Script &script = plan.scripts.at(qsizetype(i));
         devices.push_back(std::make_unique<ScriptedDevice>(script, plan.tlsVersion, address));
@@ -105,11 +100,28 @@ Play::Play(Side &side, const EpisodePlan &played)
         qFatal("two devices have one port");
 }
 
+// Of all addresses, a free port may be another process's by the time that it is used.
+void Play::startPlugin(Side &side)
+{
+    do {
+        delete plugin;
+        lines.clear();
+        port = freePort(listening());
+        plugin = side.library.create(config()).release();
+        if (!plugin->start())
+            qFatal("the plugin does not start");
+    } while (!isListening(*plugin));
+}
+
+QHostAddress Play::listening() const
+{
+    return plan.wildcard ? QHostAddress(QHostAddress::AnyIPv4) : address;
+}
+
 QJsonObject Play::config() const
 {
-    QJsonObject object =
-            tcpConfig(port, plan.wildcard ? QHostAddress(QHostAddress::AnyIPv4) : address);
-    object[QStringLiteral("threadpoolSize")] = threads();
+    QJsonObject object = tcpConfig(port, listening());
+    object[QStringLiteral("threadpoolSize")] = plan.threads();
     object[QStringLiteral("timeout")] = plan.timeoutSeconds;
     if (plan.tlsVersion != 0)
         object[QStringLiteral("ssl")] = serverTls();

@@ -11,7 +11,7 @@ constexpr int UsPerMs = 1000;
 constexpr int LargestMessage = 5000;
 constexpr qsizetype ReadByTls = 4096; // at once: larger messages take several reads
 constexpr int LongestSpacedMs = 7000;
-constexpr int LongestHastyMs = 5000;
+constexpr int LongestHastyMs = 4000;
 constexpr int SpreadStartMs = 250; // of those that the plugin ends together
 constexpr int Attempts = 2000;
 
@@ -156,10 +156,13 @@ Script ScriptWriter::hasty(quint32 seed, Ending ending)
     script.startMs = dice.below(isPluginsDoing(ending) ? SpreadStartMs : 1500);
     const bool large = dice.inPercent(15);
     const int count = large ? dice.between(2, 5) : dice.between(2, 12);
+    const bool pairs = dice.inPercent(40); // two come together, when the last offer is long ago
     const int longestMs = isPluginsDoing(ending) ? PluginEndMs : LongestHastyMs;
     qint64 whole = 0;
     for (int i = 0; i < count; ++i) {
         Message message{hastyPauseUs(dice), messageSize(dice)};
+        if (pairs)
+            message.pauseUs = i % 2 == 0 ? dice.between(210, 400) * UsPerMs : dice.between(10, 120);
         if (large && dice.inPercent(50))
             message.bytes = dice.between(300'000, 2'000'000);
         if (i == 0 && (script.eager || isPluginsDoing(ending)))

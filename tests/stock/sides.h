@@ -19,9 +19,10 @@ inline Side &stockSide()
     static Side side{"stock", LoadedLibrary(QStringLiteral(STOCK_PLUGIN_FILE))};
     return side;
 }
-inline Side &librarySide()
+// file: another build of it, if the first call says so.
+inline Side &librarySide(const QString &file = QStringLiteral(PLUGIN_FILE))
 {
-    static Side side{"library", LoadedLibrary(QStringLiteral(PLUGIN_FILE))};
+    static Side side{"library", LoadedLibrary(file)};
     return side;
 }
 inline std::array<Side *, 2> bothSides()

@@ -175,6 +175,11 @@ void tst_Stock::courseKnowsWhatWasClose()
     Script script = scriptOf({{0, 30}, {300, 30}}, 300);
     script.answers = {{Reply::All, 0, 290}};
     QCOMPARE(courseOf(script).slack, 10.0); // a cut and a read
+
+    script = scriptOf({{0, 81}, {3400, 30}}, 300);
+    script.startMs = 500; // a check at 3500 may come before the second message
+    script.further.reply = Reply::None;
+    QVERIFY(courseOf(script).slack < 0);
 }
 
 void tst_Stock::judgeAcceptsTheCourse()

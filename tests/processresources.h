@@ -3,9 +3,13 @@
 
 #pragma once
 
+#include <QtCore/QByteArray>
 #include <QtCore/QDir>
 
+#include <algorithm>
+
 #include <sys/resource.h>
+#include <unistd.h>
 
 // What this process holds, as the kernel counts it.
 inline qsizetype entriesOf(const QString &folder)
@@ -16,6 +20,18 @@ inline qsizetype entriesOf(const QString &folder)
 inline qsizetype openDescriptors()
 {
     return entriesOf(QStringLiteral("/proc/self/fd"));
+}
+
+// Those that the process was started with included.
+inline qsizetype openSockets()
+{
+    const QDir folder(QStringLiteral("/proc/self/fd"));
+    const QStringList names = folder.entryList(QDir::AllEntries | QDir::System);
+    return std::count_if(names.begin(), names.end(), [&folder](const QString &name) {
+        char target[64];
+        const ssize_t length = ::readlink(qPrintable(folder.filePath(name)), target, sizeof target);
+        return length > 0 && QByteArray(target, length).startsWith("socket:");
+    });
 }
 
 inline qsizetype runningThreads()

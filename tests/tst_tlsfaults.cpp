@@ -30,18 +30,6 @@ QString text(const char *latin1)
     return QString::fromLatin1(latin1);
 }
 
-// Of this process; those it was started with included.
-qsizetype openSockets()
-{
-    const QDir folder(text("/proc/self/fd"));
-    const QStringList names = folder.entryList(QDir::AllEntries | QDir::System);
-    return std::count_if(names.begin(), names.end(), [&folder](const QString &name) {
-        char target[64];
-        const ssize_t length = ::readlink(qPrintable(folder.filePath(name)), target, sizeof target);
-        return length > 0 && QByteArray(target, length).startsWith("socket:");
-    });
-}
-
 const QByteArray BrokenHello("\x16\x03\x01\x00\x05hello", 10);
 const QByteArray HalfHello("\x16\x03\x01\x02\x00\x01", 6);
 const QByteArray CorruptRecord = QByteArray("\x17\x03\x03\x00\x20", 5) + QByteArray(32, 'x');

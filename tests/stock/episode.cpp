@@ -153,8 +153,10 @@ EpisodeResult Play::result()
     for (std::size_t i = 0; i < created.size(); ++i) {
         Trace &trace = done.traces[i];
         trace.created = created[i];
+        const auto stood =
+                meter.longestDelay(trace.zero, trace.ended ? trace.endedAt : Clock::now());
         trace.heldUp = std::chrono::ceil<std::chrono::milliseconds>(
-                meter.longestDelay(trace.zero, trace.ended ? trace.endedAt : Clock::now()));
+                std::max<Clock::duration>(stood, trace.workerWaited + trace.deviceWaited));
     }
     LineSorter sorter(port, numbers, plan.ownThreads);
     done.pluginLines = sorter.sort(lines, done.traces);
@@ -174,10 +176,12 @@ void Play::note(const TappedLine &line)
     };
     if (const auto match = client.match(line.text); match.hasMatch()) {
         created[number(match)] = line.at;
+        done.traces[number(match)].workerWaited = -waitedForProcessor();
         clients.release();
     } else if (const auto end = closing.match(line.text); end.hasMatch()) {
         done.traces[number(end)].ended = true;
         done.traces[number(end)].endedAt = line.at;
+        done.traces[number(end)].workerWaited += waitedForProcessor();
         done.traces[number(end)].received = end.captured(2).toLongLong();
         ++closed;
     } else if (line.text.contains(QLatin1String("TI2: thread finished"))) {

@@ -66,7 +66,7 @@ int LineSorter::numberByPort(const QString &text) const
 QString LineSorter::withoutNumbers(const QString &text, int connection) const
 {
     static const QRegularExpression threadId(QStringLiteral("\\d{10,}$"));
-    if (text[0].isLower())
+    if (!text.isEmpty() && text.front().isLower())
         return text.left(3) + QStringLiteral("of Qt's own");
     QString result = text;
     if (connection >= 0)

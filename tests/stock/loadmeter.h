@@ -5,12 +5,29 @@
 
 #include "logtap.h"
 
+#include <pthread.h>
+#include <sched.h>
+
 #include <algorithm>
+#include <fstream>
 #include <vector>
 
 /*!
-    Notices when the machine lets threads wait for a processor: threads that do nothing but sleep
-    briefly tell how late they woke up.
+    How long the calling thread has been ready to run and had no processor, since it began. 0 where
+    the kernel does not tell.
+*/
+inline std::chrono::nanoseconds waitedForProcessor()
+{
+    std::ifstream file("/proc/thread-self/schedstat");
+    qint64 ran = 0;
+    qint64 waited = 0;
+    file >> ran >> waited;
+    return std::chrono::nanoseconds(waited);
+}
+
+/*!
+    Notices when a processor stands still, which no thread's waiting time tells: on each, a thread
+    that does nothing but sleep briefly tells how late it woke up.
 
     Thread: any.
     Locks:  mutex.
@@ -20,9 +37,13 @@ class LoadMeter
 public:
     LoadMeter()
     {
-        const unsigned count = std::max(1U, std::thread::hardware_concurrency());
-        for (unsigned i = 0; i < count; ++i)
-            threads.emplace_back([this] { measure(); });
+        cpu_set_t allowed;
+        CPU_ZERO(&allowed);
+        sched_getaffinity(0, sizeof allowed, &allowed);
+        for (std::size_t processor = 0; processor < CPU_SETSIZE; ++processor) {
+            if (CPU_ISSET(processor, &allowed))
+                threads.emplace_back([this, processor] { measure(processor); });
+        }
     }
     ~LoadMeter()
     {
@@ -63,8 +84,12 @@ private:
         Clock::duration length;
     };
 
-    void measure()
+    void measure(std::size_t processor)
     {
+        cpu_set_t own;
+        CPU_ZERO(&own);
+        CPU_SET(processor, &own);
+        pthread_setaffinity_np(pthread_self(), sizeof own, &own);
         while (!over) {
             const auto due = Clock::now() + Nap;
             std::this_thread::sleep_until(due);

@@ -3,6 +3,8 @@
 
 #include "scripteddevice.h"
 
+#include "loadmeter.h"
+
 #include <cerrno>
 #include <cstring>
 #include <thread>
@@ -66,6 +68,7 @@ void ScriptedDevice::play(Clock::time_point zero, Trace &trace)
     }
     end();
     socket().close();
+    trace.deviceWaited = waitedForProcessor();
 }
 
 bool ScriptedDevice::send(const QByteArray &bytes)

@@ -13,7 +13,8 @@
 /*!
     Plays the device of one script with a blocking socket.
 
-    Thread: connectTo() in one, then play() in another; the results after that.
+    Thread: connectTo() in one, then play() in another that does nothing else; the results after
+    that.
 */
 class ScriptedDevice
 {

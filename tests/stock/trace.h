@@ -41,6 +41,8 @@ struct Trace
     bool ended = false; // with a closing line, which says
     Clock::time_point endedAt;
     qsizetype received = 0;
-    std::chrono::milliseconds heldUp{}; // the longest that the machine let a thread wait
+    std::chrono::nanoseconds workerWaited{}; // for a processor, in all: its client's thread
+    std::chrono::nanoseconds deviceWaited{}; // and the device's
+    std::chrono::milliseconds heldUp{}; // the longest that the machine can have held one up
     bool overdue = false; // it was still open when all had to be over
 };

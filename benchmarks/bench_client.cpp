@@ -3,7 +3,7 @@
 
 // What a client's buffer costs: appending what was read, and cutting what the host has consumed.
 
-#include "tcpinput/clock.h"
+#include "tcpinput/receive/clock.h"
 #include "tcpinput/tcpclient2.h"
 
 #include <QtCore/QCoreApplication>

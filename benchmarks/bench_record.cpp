@@ -3,8 +3,8 @@
 
 // What it costs a task to make the record of an offer and to hand it on.
 
-#include "tcpinput/localsecond.h"
-#include "tcpinput/recordmaker.h"
+#include "tcpinput/receive/localsecond.h"
+#include "tcpinput/receive/recordmaker.h"
 #include "tcpinput/tcptask2.h"
 
 #include <benchmark/benchmark.h>

@@ -82,7 +82,54 @@ EpollEventDispatcher::~EpollEventDispatcher()
         close(epollFd);
 }
 
+EpollEventDispatcher *EpollEventDispatcher::ofThisThread()
+{
+    return qobject_cast<EpollEventDispatcher *>(instance());
+}
+
+bool EpollEventDispatcher::isNested()
+{
+    const auto *dispatcher = ofThisThread();
+    return dispatcher && dispatcher->depth > 1;
+}
+
+void EpollEventDispatcher::deleteLater(QObject *object)
+{
+    if (isNested())
+        ofThisThread()->doomed.append(object);
+    else
+        object->deleteLater();
+}
+
+EpollEventDispatcher::Turn::Turn() : dispatcher(ofThisThread())
+{
+    if (dispatcher)
+        dispatcher->beginTurn();
+}
+
+EpollEventDispatcher::Turn::~Turn()
+{
+    if (dispatcher)
+        dispatcher->endTurn();
+}
+
+// What is deleted may run an event loop, too: the turn lasts until nothing is left.
+void EpollEventDispatcher::endTurn()
+{
+    while (depth == 1 && !doomed.isEmpty())
+        delete doomed.takeFirst();
+    --depth;
+}
+
 bool EpollEventDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
+{
+    beginTurn();
+    const bool result = playTurn(flags);
+    endTurn();
+    return result;
+}
+
+bool EpollEventDispatcher::playTurn(QEventLoop::ProcessEventsFlags flags)
 {
     const quint64 turn = ++turns;
     interrupted = false;
@@ -117,7 +164,7 @@ bool EpollEventDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
 
 TimerQueue::TimePoint EpollEventDispatcher::turnBegan()
 {
-    const auto *dispatcher = qobject_cast<EpollEventDispatcher *>(instance());
+    const auto *dispatcher = ofThisThread();
     return dispatcher ? dispatcher->collected : TimerQueue::TimePoint::max();
 }
 

@@ -6,6 +6,8 @@
 #include "eventloop/timerqueue.h"
 
 #include <QtCore/QAbstractEventDispatcher>
+#include <QtCore/QList>
+#include <QtCore/QPointer>
 #include <QtCore/QSocketNotifier>
 
 #include <array>
@@ -68,6 +70,27 @@ public:
     // hand. The end of time if there is just one, which begins the turn.
     static TimerQueue::TimePoint turnBegan();
 
+    // Whether the calling thread's dispatcher, if it is one of these, is in a turn within a turn: a
+    // slot, or the receiver of a log line, runs an event loop.
+    static bool isNested();
+    // As object->deleteLater(), but never in a turn within a turn: what is further out on the stack
+    // may be the object's own work. It is deleted when the outermost turn is over. The object lives
+    // in the calling thread and may be deleted by others before. In a thread with another
+    // dispatcher this is object->deleteLater().
+    static void deleteLater(QObject *object);
+
+    //! Counts as a turn while it lives, for work that the thread does outside of its event loop.
+    class Turn
+    {
+    public:
+        Turn();
+        ~Turn();
+        Q_DISABLE_COPY_MOVE(Turn)
+
+    private:
+        const QPointer<EpollEventDispatcher> dispatcher; // null: the thread has another one
+    };
+
     bool processEvents(QEventLoop::ProcessEventsFlags flags) override;
 
     void registerSocketNotifier(QSocketNotifier *notifier) override;
@@ -104,6 +127,14 @@ private:
     explicit EpollEventDispatcher(TimerQueue::Duration interval) : wakeUpInterval(interval) {}
     bool open();
 
+    static EpollEventDispatcher *ofThisThread();
+    void beginTurn()
+    {
+        ++depth;
+    }
+    void endTurn();
+    bool playTurn(QEventLoop::ProcessEventsFlags flags);
+
     bool mayLeaveKernelAlone(QEventLoop::ProcessEventsFlags flags);
     void watch(int fd, Descriptor &descriptor);
     void collectUnwatched();
@@ -132,6 +163,8 @@ private:
     // the machine was started.
     TimerQueue::TimePoint deferUntil = TimerQueue::TimePoint::min();
     TimerQueue::TimePoint collected = TimerQueue::TimePoint::max(); // see turnBegan()
+    int depth = 0; // of turns within turns
+    QList<QPointer<QObject>> doomed; // see deleteLater()
     std::unordered_map<int, Descriptor> descriptors;
     std::set<int> unwatched; // descriptors the kernel has refused: always ready, or invalid
     bool leftKernelAlone = false; // in the latest turn

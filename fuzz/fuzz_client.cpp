@@ -4,7 +4,7 @@
 // A connection's client: the input says what arrives, how the host answers and what time it is.
 
 #include "fuzz/fuzztarget.h"
-#include "tests/clientrun.h"
+#include "tests/tcpinput/clientrun.h"
 
 void initialise()
 {

@@ -5,7 +5,7 @@
 
 #include "fuzz/fuzztarget.h"
 #include "host/framing.h"
-#include "tests/choices.h"
+#include "tests/kit/choices.h"
 
 #include <QtCore/QByteArrayList>
 

@@ -7,7 +7,7 @@
 #include "fuzz/fuzztarget.h"
 #include "fuzz/jsoninput.h"
 #include "tcpinput/tcpinputplugin2.h"
-#include "tests/privatenetwork.h"
+#include "tests/kit/privatenetwork.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QJsonArray>

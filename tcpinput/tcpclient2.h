@@ -4,30 +4,26 @@
 #pragma once
 
 #include "plugin/connection.h"
-#include "tcpinput/backlogwatch.h"
-#include "tcpinput/clock.h"
-#include "tcpinput/inputbuffer.h"
-#include "tcpinput/receivingsocket.h"
+#include "tcpinput/receive/backlogcheck.h"
+#include "tcpinput/receive/idletimer.h"
+#include "tcpinput/receive/sockettransport.h"
+#include "tcpinput/receive/unconsumedbytes.h"
 
 #include <QtCore/QMutex>
 #include <QtCore/QObject>
-#include <QtCore/QReadWriteLock>
 #include <QtCore/QString>
-#include <QtCore/QTimer>
 
-#include <chrono>
 #include <functional>
-#include <optional>
+#include <memory>
 
 /*!
     One accepted connection: buffers its bytes, offers them to the task, cuts what was consumed.
 
     Thread: its task's worker thread; discard(), discardTo() and currentId() from any thread.
     Owner:  the TcpTask2 that made it (QObject parent). It never deletes itself.
-    Locks:  inbufLock, socketMutex; never held together, never while emitting and never while the
-            socket is closed: that emits disconnected() before it returns.
+    Locks:  idMutex and that of the unconsumed bytes; never held together, never while emitting.
 */
-class TcpClient2 : public QObject, private ReceivingSocketReader
+class TcpClient2 : public QObject, private TransportReader
 {
     Q_OBJECT
 
@@ -77,9 +73,11 @@ public:
 
     // Not owned, and outlives the client; of the same thread. Without one, which is the default,
     // the client checks its backlog by itself.
-    void setBacklogWatch(BacklogWatch *value) { watch = value; }
-    // The watch has looked at the client, and forgets it.
-    void endWatch();
+    void setBacklogWatch(BacklogWatch *value) { backlog.setWatch(value); }
+
+    // In the client's thread.
+    IdleTimer &idleTimer() { return idle; }
+    BacklogCheck &backlogCheck() { return backlog; }
 
 Q_SIGNALS:
     // The connection is gone; comes once, after the last offer.
@@ -105,58 +103,40 @@ private Q_SLOTS:
     void checkData();
 
 private:
-    //! What an offer is made of: the buffer, and the position of its first byte.
-    struct Snapshot
-    {
-        QByteArray data;
-        quint64 position;
-    };
+    using Snapshot = UnconsumedBytes::Snapshot;
 
     void bytesCame() override { mreadyRead(); }
+    bool appendAvailable();
+    bool isReadable(int place) const;
+    void deriveId();
+
     void checkIdle();
-    void checkLater();
-    void startCheckTimer();
-    Snapshot snapshot();
-    Snapshot takeRest();
     void offer(const Snapshot &unconsumed);
     void offerRemainder(qsizetype left);
-    void emitOffer(const Snapshot &unconsumed, QTcpSocket &from);
-
-    void requestCut(int len);
-    template<class Cut>
-    void postCut(Cut cut);
-    bool cutAhead(qsizetype len);
-    qsizetype leftByRecentCut();
-    qsizetype lengthTo(quint64 position) const;
-    void cutTo(quint64 position);
-    void cutFront(qsizetype len);
-    bool appendAvailable();
-    bool isSocketValid() const;
-    qsizetype takeIn(int msgsize);
-    void deriveId();
+    void emitOffer(const Snapshot &unconsumed, const QTcpSocket &from);
     bool isOfferDue(qint64 now, qint64 intervalMs) const;
 
-    mutable QReadWriteLock inbufLock;
-    mutable QMutex socketMutex;
-    QTcpSocket *socket = nullptr; // guarded by socketMutex; written in the client's thread only
-    ReceivingSocket *plain = nullptr; // the socket if it is one; the client's thread only
-    QString id; // as socket; written once more, at the first read
-    QTimer idleTimer; // this and all below: the client's thread only, but for inbuf
-    std::chrono::milliseconds idleTimeout{0};
-    std::chrono::steady_clock::time_point created;
-    std::chrono::steady_clock::time_point active; // when the idle time began
-    QTimer checkTimer;
-    InputBuffer inbuf; // guarded by inbufLock
+    void requestCut(int len);
+    bool isOwnThread() const;
+    template<class Cut>
+    void postCut(Cut cut);
+    void cutTo(quint64 position);
+
+    mutable QMutex idMutex;
+    QString id; // guarded by idMutex in other threads; written in the client's thread only
+    UnconsumedBytes unconsumed;
+    quint64 number = 0; // set once, see stampOffers()
+
+    // All below: the client's thread only.
+    QTcpSocket *socket = nullptr; // until the end
+    std::unique_ptr<SocketTransport> adapter; // for a socket that is no transport itself
+    Transport *transport = nullptr; // the socket's, as long as it is there
+    IdleTimer idle;
+    BacklogCheck backlog{unconsumed};
     qint64 lastEmit = 0; // ms since the epoch
     qint64 bytesReceived = 0;
     qint64 msgsReceived = 0; // reads, not messages of the data stream
     bool idBuilt = false;
-    quint64 number = 0; // set once, see stampOffers()
-    quint64 bytesCut = 0; // guarded by inbufLock, as the next two
-    int postedCuts = 0; // on their way to the client's thread: those that follow stay behind them
-    std::optional<Clock::Steady> recentCut; // made by cutAhead(), nothing done since
-    quint64 offeredPosition = 0; // of the latest offer; this and below: client's thread
+    quint64 offeredPosition = 0; // of the latest offer
     Taker taker;
-    BacklogWatch *watch = nullptr;
-    BacklogWatch::Place place = BacklogWatch::None;
 };

@@ -5,19 +5,15 @@
 
 #include "plugin/connection.h"
 #include "plugin/iinputplugin.h"
-#include "tcpinput/sslserver.h"
-#include "tcpinput/tcpserver.h"
+#include "tcpinput/accept/sslserver.h"
+#include "tcpinput/accept/tcpserver.h"
+#include "tcpinput/accept/untakenconnections.h"
+#include "tcpinput/configuration.h"
+#include "tcpinput/workerpool.h"
 
-#include <QtCore/QList>
-#include <QtCore/QMap>
-#include <QtCore/QPointer>
-#include <QtCore/QReadWriteLock>
 #include <QtCore/QTimer>
 #include <QtNetwork/QSslError>
 #include <QtNetwork/QSslSocket>
-
-class QThread;
-class TcpTask2;
 
 /*!
     Listens for devices over TCP or TLS, deals their connections in strict rotation over worker
@@ -57,6 +53,10 @@ public:
     // The task whose turn it is, made on first use with its thread; null without a thread.
     TcpTask2 *getTask();
 
+    const WorkerPool &workers() const { return pool; }
+    // Comes due whenever showThreads() is to be called.
+    const QTimer &reportTimer() const { return statusTimer; }
+
 Q_SIGNALS:
     void newConnection(Connection conn); // never emitted
     void stopSignal();
@@ -93,40 +93,23 @@ public Q_SLOTS:
     void hshakeError(QSslSocket *, const QSslError &error);
 
 private:
-    struct ListenAddress
-    {
-        QHostAddress address;
-        quint16 port;
-    };
-
     void initialise();
+    WorkerPool makePool();
     QTcpServer &activeServer();
     AcceptGuard &activeGuard();
-    bool readConfig(ListenAddress &listen);
-    bool readSsl(const QJsonObject &object);
-    void listenTcp(const ListenAddress &listen);
-    void listenTls(const ListenAddress &listen);
+    void listenTcp();
+    void listenTls();
     bool handOver();
-    bool startThread(int number);
     void retryUntaken();
-    void forgetUntaken();
-    void retireTasks();
 
-    // All of this belongs to the plugin's thread, except that discard() reads tasks.
+    // All of this belongs to the plugin's thread, except that discard() reads tasks in the pool.
     TcpServer tcpServer;
     SslServer sslServer;
-    bool useSsl = false;
-    int timeoutMs = 60000;
+    Configuration configuration;
     Connection connTemplate;
     QTimer statusTimer;
-    int poolSize = 4;
-    int taskIndex = 0;
-    QMap<int, TcpTask2 *> tasks; // written under tasksLock
-    QMap<int, QThread *> threads;
-    QReadWriteLock tasksLock;
-    QList<QPointer<QThread>> retired; // by stop(), not deleted yet
-    QTimer retryTimer;
-    int untaken = 0; // connections that no task could be had for
+    WorkerPool pool;
+    UntakenConnections untaken;
     bool destroying = false; // the host's events that are processed meanwhile start nothing new
     bool draining = false; // the last records alone are of interest
 };

@@ -3,15 +3,15 @@
 
 #include "tcpinput/tcptask2.h"
 
+#include "eventloop/epolleventdispatcher.h"
 #include "plugin/cwrn.h"
 #include "plugin/decimalnumber.h"
-#include "tcpinput/acceptedsocket.h"
-#include "tcpinput/clientid.h"
-#include "tcpinput/recordmaker.h"
-#include "tcpinput/reentry.h"
-#include "tcpinput/subids.h"
+#include "plugin/subids.h"
+#include "tcpinput/accept/connectionsource.h"
+#include "tcpinput/connection/clientid.h"
+#include "tcpinput/receive/recordmaker.h"
 #include "tcpinput/tcpclient2.h"
-#include "tcpinput/threadid.h"
+#include "tcpinput/workers/threadid.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QEvent>
@@ -39,34 +39,17 @@ quint64 advance(quint64 offset, int length)
     return offset + std::min(distance, std::numeric_limits<quint64>::max() - offset);
 }
 
-quint64 connectionNumber(const QTcpSocket *socket)
+// A record may name any server of Qt's; ours know more.
+TakenConnection takeFrom(QTcpServer *server)
 {
-    const auto *accepted = dynamic_cast<const AcceptedConnection *>(socket);
-    return accepted ? accepted->acceptance.number : 0;
+    if (auto *source = dynamic_cast<ConnectionSource *>(server))
+        return source->take();
+    TakenConnection taken{std::unique_ptr<QTcpSocket>(server->nextPendingConnection()), {}};
+    if (const QTcpSocket *socket = taken.socket.get())
+        taken.acceptance.endpoints = {socket->peerAddress(), socket->localAddress(),
+                                      socket->peerPort(), socket->localPort()};
+    return taken;
 }
-
-Endpoints endpointsOf(const QTcpSocket &socket)
-{
-    return {socket.peerAddress(), socket.localAddress(), socket.peerPort(), socket.localPort()};
-}
-
-QTcpSocket *takeSocket(const Connection &conn)
-{
-    QTcpServer *server = conn.getSsl() ? conn.getSslServer() : conn.getTcpServer();
-    return server->nextPendingConnection();
-}
-
-//! Deletes an object with itself: Qt ignores a second deleteLater() for one object.
-class Deletion : public QObject
-{
-public:
-    explicit Deletion(QObject *doomed) : object(doomed) {}
-    ~Deletion() override { delete object; }
-    Q_DISABLE_COPY_MOVE(Deletion)
-
-private:
-    const QPointer<QObject> object;
-};
 
 } // namespace
 
@@ -74,7 +57,7 @@ TcpTask2::TcpTask2(QObject *parent) : QObject(parent) {}
 
 TcpTask2::~TcpTask2()
 {
-    const Reentry reentry;
+    const EpollEventDispatcher::Turn turn; // at the end of the thread there is none
     dying = true;
     // Guarded: at the end of the thread an event loop in a log line also carries out deletions that
     // were asked for before.
@@ -156,9 +139,9 @@ void TcpTask2::logDiscard(DiscardResult result, const QMap<QString, QString> &su
 bool TcpTask2::event(QEvent *event)
 {
     // stop() processes events, and so may log lines: the plugin's deleteLater() can come in there.
-    if (event->type() == QEvent::DeferredDelete && Reentry::isOnStack()) {
+    if (event->type() == QEvent::DeferredDelete && EpollEventDispatcher::isNested()) {
         if (!dying)
-            Reentry::deleteLater(new Deletion(this));
+            EpollEventDispatcher::deleteLater(this);
         return true;
     }
     return QObject::event(event);
@@ -166,41 +149,37 @@ bool TcpTask2::event(QEvent *event)
 
 void TcpTask2::logSize(const QString &id)
 {
-    const Reentry reentry;
     CWRN(QtDebugMsg, QStringLiteral("  TcpTask2: id = %1, #clients = %2, id = %3"), id,
          static_cast<qint64>(clients.size()), currentThreadNumber());
 }
 
 void TcpTask2::addConnection(Connection conn)
 {
-    const Reentry reentry;
     CWRN(QtDebugMsg,
          conn.getSsl() ? QStringLiteral("TcpTask2: Handling SSL connection, %1")
                        : QStringLiteral("TcpTask2: Handling TCP connection, %1"),
          currentThreadNumber());
 
-    QTcpSocket *socket = takeSocket(conn);
-    if (!socket) {
+    TakenConnection taken = takeFrom(conn.getSsl() ? conn.getSslServer() : conn.getTcpServer());
+    if (!taken.socket) {
         CWRN(QtWarningMsg, QStringLiteral("TcpTask2: Creating receiving socket failed"));
         return;
     }
-    conn.setSocket(socket);
-    conn.setSenderHost(socket->peerAddress());
-    conn.setSenderPort(socket->peerPort());
+    const auto &[endpoints, number] = taken.acceptance;
     const QString id = clientId(conn.getLocalAddress().toString(), conn.getLocalPort(),
-                                conn.getSenderHost().toString(), conn.getSenderPort());
+                                endpoints.peer.toString(), endpoints.peerPort);
     CWRN(QtDebugMsg, QStringLiteral("TcpTask2: new connection %1"), id);
 
     // For queued receivers of the client's readyRead(). After the first time it costs next to
     // nothing.
     qRegisterMetaType<Connection>();
-    auto *client = new TcpClient2(this, id, socket, conn.getTimeout());
-    if (const quint64 number = connectionNumber(socket))
+    auto *client = new TcpClient2(this, id, taken.socket.release(), conn.getTimeout());
+    if (number != 0)
         client->stampOffers(number);
     if (!watch)
         watch = std::make_unique<BacklogWatch>();
     client->setBacklogWatch(watch.get());
-    connectClient(client, endpointsOf(*socket));
+    connectClient(client, endpoints);
     {
         const QWriteLocker locker(&clientsLock);
         connect(this, &TcpTask2::stopTimer, client, &TcpClient2::mdisconnected,
@@ -256,13 +235,12 @@ void TcpTask2::handleEnd(TcpClient2 *client, const QString &id)
         disconnected(id);
     } else if (displaced.remove(client)) {
         ignore(client);
-        Reentry::deleteLater(client);
+        EpollEventDispatcher::deleteLater(client);
     }
 }
 
 void TcpTask2::disconnected(const QString &id)
 {
-    const Reentry reentry;
     TcpClient2 *client = clients.value(id);
     if (!client)
         return;
@@ -272,7 +250,7 @@ void TcpTask2::disconnected(const QString &id)
     client->mdisconnected(); // makes its last offer, if whoever called this was too early
 
     const QWriteLocker locker(&clientsLock);
-    Reentry::deleteLater(client);
+    EpollEventDispatcher::deleteLater(client);
     displaced.remove(client);
     if (clients.value(key) == client) // no other has come within a log line
         clients.remove(key);
@@ -293,7 +271,6 @@ void TcpTask2::readyRead(Connection c, const QString &id)
 
 void TcpTask2::stop()
 {
-    const Reentry reentry;
     {
         // Qt walks the list of a signal's connections without a lock, and another thread may be
         // adding a client to it. Under the lock this only posts.

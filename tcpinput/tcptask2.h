@@ -5,8 +5,8 @@
 
 #include "plugin/connection.h"
 #include "plugin/parseddata.h"
-#include "tcpinput/backlogwatch.h"
-#include "tcpinput/localsecond.h"
+#include "tcpinput/receive/backlogwatch.h"
+#include "tcpinput/receive/localsecond.h"
 
 #include <QtCore/QHash>
 #include <QtCore/QMap>

@@ -4,8 +4,8 @@
 #pragma once
 
 #include "cell.h"
-#include "nativesocket.h"
-#include "tlsdevice.h"
+#include "tests/kit/nativesocket.h"
+#include "tests/kit/tlsdevice.h"
 
 #include <QtCore/QByteArray>
 #include <QtNetwork/QHostAddress>

@@ -3,13 +3,13 @@
 
 #include "round.h"
 
-#include "certificates.h"
 #include "device.h"
-#include "loadedplugin.h"
 #include "logwatch.h"
 #include "matrixhost.h"
-#include "serving.h"
 #include "stream.h"
+#include "tests/kit/certificates.h"
+#include "tests/kit/loadedplugin.h"
+#include "tests/kit/serving.h"
 
 #include <algorithm>
 #include <atomic>

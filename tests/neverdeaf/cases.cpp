@@ -3,8 +3,8 @@
 
 #include "cases.h"
 
-#include "nofreedescriptors.h"
 #include "scene.h"
+#include "tests/kit/nofreedescriptors.h"
 
 #include <QtNetwork/QTcpServer>
 

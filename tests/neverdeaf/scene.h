@@ -3,11 +3,11 @@
 
 #pragma once
 
-#include "certificates.h"
-#include "loadedplugin.h"
-#include "loglines.h"
-#include "serving.h"
-#include "tlsdevice.h"
+#include "tests/kit/certificates.h"
+#include "tests/kit/loadedplugin.h"
+#include "tests/kit/loglines.h"
+#include "tests/kit/serving.h"
+#include "tests/kit/tlsdevice.h"
 
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QObject>

@@ -8,7 +8,7 @@
 #include "scripteddevice.h"
 #include "scriptedhost.h"
 #include "scriptwriter.h"
-#include "tests/certificates.h"
+#include "tests/kit/certificates.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QRegularExpression>

@@ -4,8 +4,8 @@
 #include "figures.h"
 
 #include "logtap.h"
-#include "tests/nativesocket.h"
-#include "tests/play.h"
+#include "tests/kit/nativesocket.h"
+#include "tests/kit/play.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QHash>

@@ -3,7 +3,7 @@
 
 #pragma once
 
-#include "tests/loglines.h"
+#include "tests/kit/loglines.h"
 
 #include <QtCore/QMutex>
 #include <QtCore/QString>

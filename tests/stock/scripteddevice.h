@@ -4,8 +4,8 @@
 #pragma once
 
 #include "script.h"
-#include "tests/nativesocket.h"
-#include "tests/tlsdevice.h"
+#include "tests/kit/nativesocket.h"
+#include "tests/kit/tlsdevice.h"
 #include "trace.h"
 
 #include <optional>

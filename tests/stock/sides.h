@@ -3,7 +3,7 @@
 
 #pragma once
 
-#include "tests/loadedplugin.h"
+#include "tests/kit/loadedplugin.h"
 
 #include <array>
 

@@ -5,7 +5,7 @@
 #include "figures.h"
 #include "metaobjects.h"
 #include "scriptwriter.h"
-#include "tests/seeds.h"
+#include "tests/kit/seeds.h"
 
 #include <QtTest/QtTest>
 

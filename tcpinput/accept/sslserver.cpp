@@ -1,0 +1,118 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "tcpinput/accept/sslserver.h"
+
+#include "tcpinput/accept/listenbacklog.h"
+#include "tcpinput/accept/tlshandshake.h"
+
+#include <QtCore/QThread>
+
+#include <utility>
+
+#include <unistd.h>
+
+namespace {
+
+// A peer that ends with close_notify but keeps TCP open, or sends what is no TLS any more, is not
+// disconnected in Qt's eyes: the connection would stay until the idle time-out although nothing can
+// come any more.
+void disconnectIfOver(QSslSocket *socket)
+{
+    const QAbstractSocket::SocketError error = socket->error();
+    if (error == QAbstractSocket::RemoteHostClosedError
+        || error == QAbstractSocket::SslInternalError)
+        socket->disconnectFromHost();
+}
+
+// The worker's client connects to the socket after these events have happened in another thread:
+// they are told again, in the worker's thread, once it has.
+void announceAgain(QSslSocket *socket)
+{
+    if (socket->bytesAvailable() > 0)
+        Q_EMIT socket->readyRead();
+    disconnectIfOver(socket);
+    if (socket->state() == QAbstractSocket::UnconnectedState)
+        Q_EMIT socket->disconnected();
+}
+
+} // namespace
+
+SslServer::SslServer(QObject *parent)
+    : QSslServer(parent),
+      guard(this, [this] { return openHandshakes + ready.size(); })
+{
+    setListenBacklogSize(ListenBacklog);
+}
+
+SslServer::~SslServer()
+{
+    close();
+}
+
+bool SslServer::listen(const QHostAddress &address, quint16 port)
+{
+    const bool listening = QSslServer::listen(address, port);
+    if (listening)
+        guard.watch();
+    else if (!isListening()) // nor was it before
+        QSslServer::close(); // Qt keeps a port that it could bind, although it cannot listen there
+    return listening;
+}
+
+void SslServer::close()
+{
+    QSslServer::close();
+    const auto handshakes = findChildren<TlsHandshake *>(QString(), Qt::FindDirectChildrenOnly);
+    for (TlsHandshake *handshake : handshakes)
+        handshake->drop();
+
+    for (const Ready &connection : ready.takeAll())
+        connection.socket->moveToThread(QThread::currentThread()); // to be deleted there
+}
+
+bool SslServer::hasPendingConnections() const
+{
+    return ready.size() > 0;
+}
+
+TakenConnection SslServer::take()
+{
+    std::optional<Ready> next = ready.take();
+    if (!next)
+        return {};
+    TlsSocket *socket = next->socket.get();
+    socket->moveToThread(QThread::currentThread());
+    socket->restoreEndpoints(next->acceptance.endpoints);
+    connect(
+            socket, &QAbstractSocket::errorOccurred, socket, [socket] { disconnectIfOver(socket); },
+            Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+            socket, [socket] { announceAgain(socket); }, Qt::QueuedConnection);
+    return {std::move(next->socket), next->acceptance};
+}
+
+void SslServer::incomingConnection(qintptr descriptor)
+{
+    const Acceptance acceptance = Acceptance::of(descriptor, stamping);
+    auto socket = std::make_unique<TlsSocket>();
+    socket->setSslConfiguration(sslConfiguration());
+    if (!socket->setSocketDescriptor(descriptor)) {
+        ::close(static_cast<int>(descriptor));
+        return;
+    }
+    auto *handshake = new TlsHandshake(this, std::move(socket));
+    connect(handshake, &TlsHandshake::finished, this,
+            [this, acceptance](TlsSocket *finished) { enqueue(finished, acceptance); });
+    connect(handshake, &QObject::destroyed, this, [this] { --openHandshakes; });
+    ++openHandshakes;
+    guard.accepted();
+}
+
+void SslServer::enqueue(TlsSocket *socket, const Acceptance &acceptance)
+{
+    socket->moveToThread(nullptr); // its parent is null already
+    ready.add({std::unique_ptr<TlsSocket>(socket), acceptance});
+    // The signal is private to Qt's class, but can be invoked by name.
+    QMetaObject::invokeMethod(this, "pendingConnectionAvailable", Qt::DirectConnection);
+}

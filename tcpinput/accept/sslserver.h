@@ -1,0 +1,72 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "tcpinput/accept/acceptguard.h"
+#include "tcpinput/accept/connectionsource.h"
+#include "tcpinput/accept/pendingconnections.h"
+#include "tcpinput/accept/tlssocket.h"
+
+#include <QtNetwork/QSslServer>
+
+#include <memory>
+
+/*!
+    A TLS server whose connections are taken by other threads.
+
+    Handshakes run here, each in a TlsHandshake of its own; QSslServer's handling of them is not
+    used: thirty failed ones stop it for good, and closing it with one open crashes. A finished
+    socket is detached from this thread and waits without one until another thread takes it.
+
+    Emits the signals of QSslServer: sslErrors() while the handshake lasts, errorOccurred() once it
+    has failed, right after handshakeInterruptedOnError() if that is why (an interrupted one cannot
+    be continued), pendingConnectionAvailable() when a connection can be taken. Alerts are told in a
+    later pass of the event loop. Receivers of all of these may close or delete the server.
+
+    Thread: its creator's, except hasPendingConnections(), take() and nextPendingConnection(): any.
+    Owner:  the plugin.
+    Locks:  those of its parts; never held while emitting.
+*/
+class SslServer : public QSslServer, public ConnectionSource
+{
+    Q_OBJECT
+
+public:
+    explicit SslServer(QObject *parent);
+    ~SslServer() override;
+
+    // Whether the offers of connections accepted from now on are stamped. Default: no.
+    void setStamping(bool on) { stamping = on; }
+
+    bool listen(const QHostAddress &address, quint16 port); // as TcpServer's
+    // Also drops open handshakes and the connections that nobody has taken. Hides
+    // QTcpServer::close(), which is not virtual: call it through this class.
+    void close();
+
+    bool hasPendingConnections() const override;
+    // The oldest connection that is not reserved yet goes to that thread and to no other.
+    void reserveFor(const QThread *taker) { ready.reserveFor(taker); }
+    // What the socket received, and its end, are announced once more in the calling thread.
+    TakenConnection take() override;
+    // The socket of take(); belongs to the caller.
+    QTcpSocket *nextPendingConnection() override { return take().socket.release(); }
+
+    AcceptGuard guard;
+
+protected:
+    void incomingConnection(qintptr descriptor) override;
+
+private:
+    struct Ready
+    {
+        std::unique_ptr<TlsSocket> socket; // lives in no thread
+        Acceptance acceptance;
+    };
+
+    void enqueue(TlsSocket *socket, const Acceptance &acceptance);
+
+    bool stamping = false; // this and the next: the server's thread only
+    qsizetype openHandshakes = 0;
+    PendingConnections<Ready> ready;
+};

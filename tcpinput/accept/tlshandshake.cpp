@@ -1,0 +1,209 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "tcpinput/accept/tlshandshake.h"
+
+#include "ssl/sessiontickets.h"
+
+#include <QtCore/QSocketNotifier>
+
+#include <functional>
+#include <utility>
+
+#include <sys/ioctl.h>
+
+namespace {
+
+constexpr char HandshakeRecord = 0x16; // first byte of a ClientHello's record, RFC 8446, 5.1
+
+} // namespace
+
+TlsHandshake::TlsHandshake(QSslServer *owner, std::unique_ptr<TlsSocket> accepted)
+    : QObject(owner),
+      server(owner),
+      socket(std::move(accepted))
+{
+    forwardSignals();
+    connect(socket.get(), &QIODevice::readyRead, this, &TlsHandshake::checkHello);
+    connect(socket.get(), &QAbstractSocket::errorOccurred, this, &TlsHandshake::fail);
+    connect(socket.get(), &QSslSocket::encrypted, this, &TlsHandshake::encrypted);
+    connect(&timer, &QTimer::timeout, this, &TlsHandshake::timedOut);
+    timer.setSingleShot(true);
+    timer.start(server->handshakeTimeout());
+}
+
+TlsHandshake::~TlsHandshake()
+{
+    if (state == Open)
+        ignoreSocket();
+}
+
+void TlsHandshake::drop()
+{
+    if (telling)
+        setParent(nullptr); // the server may go, while this and the socket are still needed
+    if (!socket)
+        return;
+    ignoreSocket();
+    if (!insideOpenSsl)
+        socket->abort();
+    end(); // with the socket, which may be emitting just now
+}
+
+// Never deleted while a receiver runs: one that runs the event loop may delete there what is due.
+void TlsHandshake::end()
+{
+    state = Over;
+    if (!telling)
+        deleteLater();
+}
+
+template<class... Parameters, class... Arguments>
+void TlsHandshake::tell(void (QSslServer::*signal)(QSslSocket *, Parameters...),
+                        const Arguments &...arguments)
+{
+    if (!server)
+        return;
+    const bool within = std::exchange(telling, true);
+    Q_EMIT std::invoke(signal, server.data(), socket.get(), arguments...);
+    telling = within;
+    if (state == Over)
+        end();
+}
+
+void TlsHandshake::forwardSignals()
+{
+    const QSslSocket *from = socket.get();
+    // Qt bears it if the socket is aborted in these two.
+    connect(from, &QSslSocket::peerVerifyError, this,
+            [this](const QSslError &error) { tell(&QSslServer::peerVerifyError, error); });
+    connect(from, &QSslSocket::sslErrors, this,
+            [this](const QList<QSslError> &errors) { tell(&QSslServer::sslErrors, errors); });
+    connect(from, &QSslSocket::preSharedKeyAuthenticationRequired, this, &TlsHandshake::askForKey);
+    // Passed on with the failure that follows.
+    connect(from, &QSslSocket::handshakeInterruptedOnError, this,
+            [this](const QSslError &error) { interruption = error; });
+    // Come from inside OpenSSL, which bears neither an abort nor an event loop: they are passed on
+    // later, before the failure that may follow.
+    const auto forwardAlerts = [this, from](auto ofSocket, auto ofServer) {
+        connect(
+                from, ofSocket, this,
+                [this, ofServer](QSsl::AlertLevel level, QSsl::AlertType type,
+                                 const QString &text) {
+                    if (state != Over)
+                        tell(ofServer, level, type, text);
+                },
+                Qt::QueuedConnection);
+    };
+    forwardAlerts(&QSslSocket::alertSent, &QSslServer::alertSent);
+    forwardAlerts(&QSslSocket::alertReceived, &QSslServer::alertReceived);
+}
+
+// Comes from inside OpenSSL, as alerts do, but wants its answer there. Without events the socket
+// does nothing of its own accord until it has it.
+void TlsHandshake::askForKey(QSslPreSharedKeyAuthenticator *authenticator)
+{
+    QList<QPointer<QSocketNotifier>> silenced;
+    const auto notifiers = socket->findChildren<QSocketNotifier *>();
+    for (QSocketNotifier *notifier : notifiers) {
+        if (!notifier->isEnabled())
+            continue;
+        notifier->setEnabled(false);
+        silenced.append(notifier);
+    }
+    insideOpenSsl = true;
+    tell(&QSslServer::preSharedKeyAuthenticationRequired, authenticator);
+    insideOpenSsl = false;
+    if (state != Open)
+        return; // dropped, and never to do anything again
+    for (const QPointer<QSocketNotifier> &notifier : std::as_const(silenced)) {
+        if (notifier)
+            notifier->setEnabled(true);
+    }
+}
+
+// A peer that does not speak TLS is dropped without a word, before OpenSSL sees it.
+void TlsHandshake::checkHello()
+{
+    char first = 0;
+    if (socket->peek(&first, 1) != 1)
+        return;
+    disconnect(socket.get(), &QIODevice::readyRead, this, &TlsHandshake::checkHello);
+    if (first != HandshakeRecord) {
+        drop();
+        return;
+    }
+    timer.start(); // progress was made
+    startServerEncryptionWithoutTickets(*socket);
+    if (state != Over)
+        tell(&QSslServer::startedEncryptionHandshake);
+}
+
+// Comes from inside the socket's receiving, which may go on afterwards: with an alert for the peer,
+// or more errors, of which the first tells the reason. The receivers of the report may run the
+// event loop, and the socket does not bear that in there.
+void TlsHandshake::fail(QAbstractSocket::SocketError error)
+{
+    state = Failed;
+    ignoreSocket();
+    QMetaObject::invokeMethod(
+            this, [this, error, text = socket->errorString()] { report(error, text); },
+            Qt::QueuedConnection);
+}
+
+void TlsHandshake::report(QAbstractSocket::SocketError error, const QString &text)
+{
+    if (state != Failed)
+        return; // dropped meanwhile
+    state = Over;
+    const bool within = std::exchange(telling, true);
+    if (interruption)
+        tell(&QSslServer::handshakeInterruptedOnError, *interruption);
+    socket->setErrorString(text);
+    tell(&QSslServer::errorOccurred, error);
+    telling = within;
+    end(); // not drop(): an alert for the peer may be on its way
+}
+
+void TlsHandshake::timedOut()
+{
+    // When this thread was held up, the peer's answer may have come in time and not been read yet.
+    if (!prolonged && hasUnread()) {
+        prolonged = true;
+        timer.start();
+        return;
+    }
+    socket->setErrorString(QStringLiteral("The handshake took too long"));
+    fail(QAbstractSocket::SocketTimeoutError);
+}
+
+bool TlsHandshake::hasUnread() const
+{
+    int bytes = 0;
+    return ::ioctl(static_cast<int>(socket->socketDescriptor()), FIONREAD, &bytes) == 0
+            && bytes > 0;
+}
+
+void TlsHandshake::encrypted()
+{
+    state = Encrypted;
+    ignoreSocket(); // from now on its errors are the connection's, not the handshake's
+    // The signal comes from inside the socket's receiving, which goes on afterwards: the socket
+    // must not change its thread before that is over.
+    QMetaObject::invokeMethod(this, &TlsHandshake::handOver, Qt::QueuedConnection);
+}
+
+void TlsHandshake::handOver()
+{
+    if (state != Encrypted)
+        return; // dropped meanwhile
+    TlsSocket *finishedSocket = socket.release();
+    end();
+    Q_EMIT finished(finishedSocket);
+}
+
+void TlsHandshake::ignoreSocket()
+{
+    timer.stop();
+    socket->disconnect(this);
+}

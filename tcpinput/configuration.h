@@ -1,0 +1,59 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include <QtCore/QJsonObject>
+#include <QtCore/QJsonValue>
+#include <QtNetwork/QHostAddress>
+#include <QtNetwork/QSslConfiguration>
+
+#include <array>
+
+/*!
+    What a plugin was told by its JSON object.
+
+    Thread: one.
+    Owner:  the plugin, as a member.
+*/
+class Configuration
+{
+public:
+    //! One key of the object.
+    struct Key
+    {
+        const char *name;
+        const char *type;
+        const char *byDefault;
+        const char *accepted; // values; all others have the effect that badValue tells of
+        const char *badValue;
+        bool sticks; // keeps its value when the key is missing in a later object
+        bool (Configuration::*read)(const QJsonValue &value); // false: cannot be set up
+    };
+    // All of them, in the order in which they are applied, which is sorted by name. The texts are
+    // those of docs/CONFIGURATION.md.
+    static const std::array<Key, 7> &keys();
+
+    // Applies an object. False if TLS cannot be set up: keys behind "ssl" are not applied then.
+    // pluginId: for log lines.
+    bool apply(const QJsonObject &object, const QString &pluginId);
+
+    QHostAddress address;
+    quint16 port = 0;
+    bool offsets = false; // offers carry their positions
+    int timeoutMs = 60000; // idle time-out; more than 0
+    int poolSize = 4; // threads; more than 0
+    bool useTls = false;
+    QSslConfiguration tls;
+
+private:
+    bool readPort(const QJsonValue &value);
+    bool readAddress(const QJsonValue &value);
+    bool readInterface(const QJsonValue &value);
+    bool readOffsets(const QJsonValue &value);
+    bool readTimeout(const QJsonValue &value);
+    bool readPoolSize(const QJsonValue &value);
+    bool readTls(const QJsonValue &value);
+
+    QString plugin;
+};

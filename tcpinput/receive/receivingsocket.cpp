@@ -1,0 +1,239 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "tcpinput/receive/receivingsocket.h"
+
+#include "tcpinput/receive/inputbuffer.h"
+
+#include <QtCore/QDeadlineTimer>
+#include <QtCore/QEvent>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr qsizetype ReceiveBytes = 64 * 1024;
+// Of one connection in one turn of the event loop: all that its kernel buffer may hold. What a turn
+// left behind could wait two seconds for its offer.
+constexpr qsizetype MostBytesPerTurn = 64 * 1024 * 1024;
+
+// Where all sockets of a thread receive: almost always the reader takes everything at once, so no
+// socket needs memory of its own, and the bytes are still in the processor's cache. If a reader
+// runs a nested event loop, the sockets in there find the buffer lent out and get another one.
+class ReceiveBuffer
+{
+public:
+    ReceiveBuffer() : buffer(std::exchange(ofThread, {}))
+    {
+        if (buffer.isEmpty())
+            buffer = QByteArray(ReceiveBytes, Qt::Uninitialized);
+    }
+    ~ReceiveBuffer() { ofThread = std::move(buffer); }
+    Q_DISABLE_COPY_MOVE(ReceiveBuffer)
+
+    char *data() { return buffer.data(); }
+
+private:
+    static thread_local QByteArray ofThread; // null while it is lent out
+    QByteArray buffer;
+};
+
+thread_local QByteArray ReceiveBuffer::ofThread;
+
+} // namespace
+
+ReceivingSocket::ReceivingSocket(qintptr descriptor, const Endpoints &known)
+    : notifier(descriptor, *this)
+{
+    setLocalAddress(known.local);
+    setLocalPort(known.localPort);
+    setPeerAddress(known.peer);
+    setPeerPort(known.peerPort);
+    setSocketState(ConnectedState);
+    setOpenMode(QIODevice::ReadOnly | QIODevice::Unbuffered);
+}
+
+ReceivingSocket::~ReceivingSocket()
+{
+    if (state() != ConnectedState)
+        return;
+    notifier.setEnabled(false);
+    ::close(descriptor());
+    setSocketState(UnconnectedState); // or else the base closes it once more
+}
+
+bool ReceivingSocket::waitForReadyRead(int msecs)
+{
+    if (state() != ConnectedState || !waitForNews(msecs))
+        return false;
+    QByteArray all = receiveOn({}, bytesInKernel()); // and not what comes meanwhile
+    const bool came = !all.isEmpty();
+    if (came)
+        handOutBlock(std::move(all));
+    else
+        receive(); // nothing, unless it is the end
+    return came;
+}
+
+// For bytes, or for the end.
+bool ReceivingSocket::waitForNews(int msecs) const
+{
+    const QDeadlineTimer deadline(msecs);
+    pollfd request = {descriptor(), POLLIN, 0};
+    int count = 0;
+    do {
+        count = ::poll(&request, 1, static_cast<int>(deadline.remainingTime()));
+    } while (count < 0 && errno == EINTR);
+    return count > 0;
+}
+
+void ReceivingSocket::setSocketOption(SocketOption option, const QVariant &value)
+{
+    if (option != KeepAliveOption || state() != ConnectedState)
+        return;
+    const int on = value.toBool() ? 1 : 0;
+    ::setsockopt(descriptor(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+}
+
+qintptr ReceivingSocket::socketDescriptor() const
+{
+    return state() == ConnectedState ? descriptor() : -1;
+}
+
+void ReceivingSocket::disconnectFromHost()
+{
+    disconnectNow();
+}
+
+void ReceivingSocket::close()
+{
+    unread = {};
+    kept.clear();
+    QTcpSocket::close(); // disconnects
+}
+
+qint64 ReceivingSocket::readData(char *data, qint64 maxSize)
+{
+    const qsizetype size = std::min<qsizetype>(maxSize, unread.size());
+    std::copy_n(unread.data(), size, data); // also of nothing, where there is no memory at all
+    return skipData(size);
+}
+
+QByteArray ReceivingSocket::takeBlock(qint64 size)
+{
+    if (unread.size() != size || unread.data() != kept.constData() || kept.size() != size)
+        return {};
+    unread = {};
+    return std::exchange(kept, {});
+}
+
+qint64 ReceivingSocket::skipData(qint64 maxSize)
+{
+    const qsizetype size = std::min<qsizetype>(maxSize, unread.size());
+    unread = unread.sliced(size);
+    return size;
+}
+
+bool ReceivingSocket::Notifier::event(QEvent *event)
+{
+    if (event->type() != QEvent::SockAct)
+        return QSocketNotifier::event(event);
+    receiver.receive();
+    return true;
+}
+
+void ReceivingSocket::receive()
+{
+    ReceiveBuffer buffer;
+    const ssize_t size = ::recv(descriptor(), buffer.data(), ReceiveBytes, MSG_DONTWAIT);
+    if (size == ReceiveBytes)
+        handOutBlock(receiveOn(QByteArrayView(buffer.data(), size), MostBytesPerTurn));
+    else if (size > 0)
+        handOut(QByteArrayView(buffer.data(), size));
+    else if (size == 0 || (errno != EAGAIN && errno != EINTR))
+        endByPeer();
+}
+
+// What has been received and all that follows, until nothing is left or most is reached: the rest
+// of a large message must not wait for the next turn, which may be far. To read makes room for what
+// the peer could not send yet, so that there may be more than the kernel held at first.
+QByteArray ReceivingSocket::receiveOn(QByteArrayView first, qsizetype most)
+{
+    qsizetype more = bytesInKernel();
+    QByteArray all = InputBuffer::emptyBlock(first.size() + more);
+    all.resize(first.size());
+    std::copy(first.begin(), first.end(), all.begin());
+    for (; more > 0 && all.size() < most; more = bytesInKernel()) {
+        const qsizetype before = all.size();
+        all.resize(before + more);
+        const ssize_t size = ::recv(descriptor(), all.data() + before,
+                                    static_cast<std::size_t>(more), MSG_DONTWAIT);
+        all.truncate(before + std::max<ssize_t>(size, 0));
+        if (size <= 0) // an end is noticed at the next notification
+            break;
+    }
+    return all;
+}
+
+// received: valid during the call only.
+void ReceivingSocket::handOut(QByteArrayView received)
+{
+    if (!unread.isEmpty())
+        return handOutBlock(received.toByteArray());
+    unread = received;
+    tellReader();
+}
+
+void ReceivingSocket::handOutBlock(QByteArray block)
+{
+    kept = unread.isEmpty() ? std::move(block) : unread.toByteArray().append(block);
+    unread = kept;
+    tellReader();
+}
+
+void ReceivingSocket::tellReader()
+{
+    if (reader)
+        reader->bytesCame();
+    else
+        Q_EMIT readyRead();
+    if (unread.isEmpty()) {
+        kept.clear();
+    } else if (unread.data() != kept.constData()) {
+        kept = unread.toByteArray();
+        unread = kept;
+    }
+}
+
+qsizetype ReceivingSocket::bytesInKernel() const
+{
+    int size = 0;
+    return ::ioctl(descriptor(), FIONREAD, &size) == 0 ? size : 0;
+}
+
+void ReceivingSocket::endByPeer()
+{
+    setSocketError(RemoteHostClosedError);
+    setErrorString(QStringLiteral("The remote host closed the connection"));
+    Q_EMIT errorOccurred(RemoteHostClosedError);
+    disconnectNow();
+}
+
+void ReceivingSocket::disconnectNow()
+{
+    if (state() != ConnectedState)
+        return;
+    notifier.setEnabled(false);
+    ::close(descriptor());
+    setSocketState(UnconnectedState);
+    Q_EMIT stateChanged(UnconnectedState);
+    Q_EMIT readChannelFinished();
+    Q_EMIT disconnected();
+}

@@ -1,0 +1,120 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "tcpinput/receive/unconsumedbytes.h"
+
+#include "eventloop/epolleventdispatcher.h"
+#include "tcpinput/receive/transport.h"
+
+#include <algorithm>
+#include <chrono>
+#include <limits>
+#include <utility>
+
+namespace {
+
+// A cut that is made ahead counts as made this much later.
+constexpr std::chrono::steady_clock::duration CutDelay = std::chrono::microseconds(500);
+
+} // namespace
+
+qsizetype UnconsumedBytes::size() const
+{
+    const QReadLocker locker(&lock);
+    return buffer.size();
+}
+
+UnconsumedBytes::Snapshot UnconsumedBytes::copy()
+{
+    const QWriteLocker locker(&lock);
+    recentCut.reset(); // made before: its bytes are missing here
+    return {buffer.copy(), bytesCut};
+}
+
+UnconsumedBytes::Snapshot UnconsumedBytes::takeAll()
+{
+    const QWriteLocker locker(&lock);
+    Snapshot all{buffer.copy(), bytesCut};
+    buffer.clear();
+    return all;
+}
+
+qsizetype UnconsumedBytes::readFrom(Transport &transport, qsizetype count)
+{
+    const QWriteLocker locker(&lock);
+    if (QByteArray block = transport.takeBlock(count); !block.isEmpty()) {
+        buffer.appendBlock(std::move(block));
+        return buffer.size();
+    }
+    char *const room = buffer.extend(count);
+    const qint64 came = std::max<qint64>(transport.take(room, count), 0);
+    buffer.chop(count - came);
+    return came > 0 ? buffer.size() : 0;
+}
+
+bool UnconsumedBytes::cutAhead(qsizetype length, bool inClientsThread)
+{
+    const QWriteLocker locker(&lock);
+    return cutAheadLocked(length, inClientsThread);
+}
+
+bool UnconsumedBytes::cutAheadTo(quint64 position, bool inClientsThread)
+{
+    const QWriteLocker locker(&lock);
+    // Cuts that are on their way do not take back what is cut already.
+    return position <= bytesCut || cutAheadLocked(lengthTo(position), inClientsThread);
+}
+
+bool UnconsumedBytes::cutAheadLocked(qsizetype length, bool inClientsThread)
+{
+    const qsizetype left = buffer.size() - std::max<qsizetype>(length, 0);
+    if (postedCuts > 0 || left < 0 || left > RemainderBytes || inClientsThread) {
+        ++postedCuts;
+        return false;
+    }
+    bytesCut += static_cast<quint64>(buffer.cutFront(length));
+    recentCut = Clock::steady();
+    return true;
+}
+
+qsizetype UnconsumedBytes::cut(qsizetype length)
+{
+    const QWriteLocker locker(&lock);
+    bytesCut += static_cast<quint64>(buffer.cutFront(length));
+    recentCut.reset(); // that one was made before
+    return buffer.size();
+}
+
+std::optional<qsizetype> UnconsumedBytes::cutTo(quint64 position)
+{
+    qsizetype length = 0;
+    {
+        const QReadLocker locker(&lock);
+        length = lengthTo(position);
+    }
+    return length > 0 ? std::optional(cut(length)) : std::nullopt;
+}
+
+void UnconsumedBytes::endPostedCut()
+{
+    const QWriteLocker locker(&lock);
+    --postedCuts;
+}
+
+// The client's thread needs some time to wake up for a cut, and first reads all that was there when
+// its turn began.
+qsizetype UnconsumedBytes::leftByRecentCut()
+{
+    const QWriteLocker locker(&lock);
+    const auto cut = std::exchange(recentCut, std::nullopt);
+    const bool onItsWay = cut
+            && (Clock::steady() - *cut <= CutDelay || *cut >= EpollEventDispatcher::turnBegan());
+    return onItsWay ? buffer.size() : 0;
+}
+
+// From the first byte; 0 for a position before it.
+qsizetype UnconsumedBytes::lengthTo(quint64 position) const
+{
+    constexpr auto Longest = static_cast<quint64>(std::numeric_limits<qsizetype>::max());
+    return static_cast<qsizetype>(std::min(position - std::min(position, bytesCut), Longest));
+}

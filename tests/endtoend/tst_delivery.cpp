@@ -1,0 +1,114 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "tests/kit/loadedplugin.h"
+#include "tests/kit/numberedmessages.h"
+#include "tests/kit/rawdevice.h"
+
+#include <QtCore/QRandomGenerator>
+#include <QtTest/QtTest>
+
+#include <thread>
+#include <vector>
+
+namespace {
+
+constexpr int Devices = 64;
+constexpr int MessagesPerDevice = 2000;
+constexpr int SenderThreads = 8;
+constexpr int HangGuardMs = 300000;
+
+//! Sends a device's messages in pieces that respect no message, over several connections.
+class SegmentingDevice
+{
+public:
+    SegmentingDevice(quint16 serverPort, int deviceNumber, quint32 seed)
+        : port(serverPort),
+          stream(deviceNumber * (MessagesPerDevice + 1)),
+          random(seed),
+          socket(testAddress(), port)
+    {}
+
+    bool isDone() const { return sent == MessagesPerDevice && unsent.isEmpty(); }
+
+    void step()
+    {
+        if (unsent.isEmpty() && random.bounded(40) == 0)
+            reconnect();
+        for (int n = random.bounded(1, 20); n > 0 && sent < MessagesPerDevice; --n, ++sent)
+            unsent += numberedMessage(stream, inStream++);
+        const int piece = random.bounded(1, static_cast<int>(unsent.size()) + 1);
+        socket.send(unsent.left(piece));
+        unsent.remove(0, piece);
+        if (random.bounded(10) == 0)
+            std::this_thread::sleep_for(std::chrono::microseconds(random.bounded(5000)));
+    }
+
+private:
+    // What the former connection still has on its way may arrive after the first bytes of this one.
+    void reconnect()
+    {
+        socket = RawDevice(testAddress(), port);
+        ++stream;
+        inStream = 0;
+    }
+
+    const quint16 port;
+    int stream; // numbers are per connection: only there is an order kept
+    int inStream = 0;
+    QRandomGenerator random;
+    RawDevice socket;
+    QByteArray unsent;
+    int sent = 0;
+};
+
+void playDevices(quint16 port, int first, int count, quint32 seed)
+{
+    std::vector<std::unique_ptr<SegmentingDevice>> devices;
+    for (int n = first; n < first + count; ++n)
+        devices.push_back(std::make_unique<SegmentingDevice>(port, n, seed + quint32(n)));
+    while (!devices.empty()) {
+        for (const auto &device : devices)
+            device->step();
+        const auto isDone = [](const auto &device) { return device->isDone(); };
+        devices.erase(std::remove_if(devices.begin(), devices.end(), isDone), devices.end());
+    }
+}
+
+} // namespace
+
+class tst_Delivery : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void everyMessageArrivesInOrder();
+};
+
+void tst_Delivery::everyMessageArrivesInOrder()
+{
+    const quint32 seed = QRandomGenerator::global()->generate();
+    qInfo("seed %u", seed);
+    LoadedLibrary library;
+    const quint16 port = freePort();
+    const auto plugin = library.create(tcpConfig(port));
+    NumberedHost host;
+    connect(plugin.get(), &IInputPlugin::receivedData, this,
+            [&](const shared_parsedData &record) { host.receive(*plugin, record); });
+    QVERIFY(plugin->start());
+    QVERIFY(isListening(*plugin));
+
+    std::vector<std::thread> senders;
+    constexpr int PerThread = Devices / SenderThreads;
+    for (int n = 0; n < SenderThreads; ++n)
+        senders.emplace_back(playDevices, port, n * PerThread, PerThread, seed);
+    const bool complete = QTest::qWaitFor(
+            [&] { return host.received() == Devices * MessagesPerDevice; }, HangGuardMs);
+    for (std::thread &sender : senders)
+        sender.join();
+    QVERIFY2(complete, qPrintable(QString::number(host.received())));
+    QCOMPARE(host.missing(), 0);
+}
+
+QTEST_GUILESS_MAIN(tst_Delivery)
+#include "tst_delivery.moc"

@@ -1,0 +1,91 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "tcpinput/connection/endpoints.h"
+
+#include <QtCore/QByteArray>
+#include <QtCore/QVariant>
+#include <QtNetwork/QTcpSocket>
+
+#include <algorithm>
+#include <cstring>
+
+/*!
+    A connected socket without a connection: a test says what arrives in its kernel, and when the
+    socket finds out. So thousands of connections are played in a second.
+
+    Bytes wait in the kernel until notify(); then the socket holds them until they are read.
+
+    Thread: the one it lives in.
+*/
+class MemorySocket final : public QTcpSocket
+{
+public:
+    explicit MemorySocket(const Endpoints &known)
+    {
+        setOpenMode(QIODevice::ReadWrite | QIODevice::Unbuffered);
+        setSocketState(ConnectedState);
+        setLocalAddress(known.local);
+        setLocalPort(known.localPort);
+        setPeerAddress(known.peer);
+        setPeerPort(known.peerPort);
+    }
+    ~MemorySocket() override { setSocketState(UnconnectedState); }
+
+    // Into the kernel.
+    void arrive(const QByteArray &bytes) { kernel += bytes; }
+    void arriveEnd() { ended = true; }
+
+    // The kernel's news reach the socket, as when the event loop turns: bytes first, then the end.
+    // True if there were bytes.
+    bool notify()
+    {
+        if (!kernel.isEmpty()) {
+            takeIn();
+            Q_EMIT readyRead();
+            return true;
+        }
+        if (ended && state() == ConnectedState)
+            disconnectNow();
+        return false;
+    }
+    // The same for bytes, but nobody is told.
+    void takeIn() { received += std::exchange(kernel, {}); }
+
+    // All that a client can still get.
+    QByteArray unread() const { return received + kernel; }
+
+    qint64 bytesAvailable() const override { return received.size(); }
+    bool waitForReadyRead(int) override { return notify(); }
+    void setSocketOption(SocketOption, const QVariant &) override {}
+    void close() override
+    {
+        QIODevice::close();
+        received.clear();
+        kernel.clear();
+        if (state() == ConnectedState)
+            disconnectNow();
+    }
+
+protected:
+    qint64 readData(char *data, qint64 maxSize) override
+    {
+        const qsizetype count = std::min<qsizetype>(maxSize, received.size());
+        std::memcpy(data, received.constData(), static_cast<std::size_t>(count));
+        received.remove(0, count);
+        return count;
+    }
+
+private:
+    void disconnectNow()
+    {
+        setSocketState(UnconnectedState);
+        Q_EMIT disconnected();
+    }
+
+    QByteArray kernel; // arrived, but the socket does not know
+    QByteArray received; // the socket holds them
+    bool ended = false; // the peer sends no more
+};

@@ -1,0 +1,601 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "plugin/factory.h"
+#include "plugin/iconnectionhandler.h"
+#include "plugin/iinputplugin.h"
+#include "tests/kit/memorylayout.h"
+
+#include <QtCore/QMetaMethod>
+#include <QtCore/QThread>
+#include <QtNetwork/QTcpServer>
+#include <QtTest/QSignalSpy>
+#include <QtTest/QTest>
+
+#include <cstddef>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <type_traits>
+
+static_assert(std::is_base_of_v<QObject, IPlugin>);
+static_assert(std::is_base_of_v<IPlugin, IInputPlugin>);
+static_assert(std::is_base_of_v<QObject, IConnectionHandler>);
+static_assert(std::is_abstract_v<IPlugin> && std::is_abstract_v<IInputPlugin>);
+static_assert(std::is_abstract_v<IConnectionHandler>);
+static_assert(std::has_virtual_destructor_v<IPlugin>);
+static_assert(std::has_virtual_destructor_v<Factory<IInputPlugin>::Creator>);
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+using SubIds = QMap<QString, QString>;
+
+//! Writes down what is called.
+class TestPlugin : public IInputPlugin
+{
+public:
+    explicit TestPlugin(QObject *parent) : IInputPlugin(parent) { ++alive; }
+    TestPlugin(QObject *parent, const QJsonObject &initial) : IInputPlugin(parent, initial)
+    {
+        ++alive;
+    }
+    ~TestPlugin() override { --alive; }
+    Q_DISABLE_COPY_MOVE(TestPlugin)
+
+    void onConfigChanged() override { calls += QStringLiteral("onConfigChanged "); }
+    bool start() override
+    {
+        calls += QStringLiteral("start ");
+        return startResult;
+    }
+    bool stop() override
+    {
+        calls += QStringLiteral("stop ");
+        return true;
+    }
+    QString getStatus() override { return QStringLiteral("status"); }
+    void drop(int len) override { calls += QStringLiteral("drop(%1) ").arg(len); }
+    void discard(int len, const SubIds &subid) override
+    {
+        calls += QStringLiteral("discard(%1,%2) ").arg(len).arg(subid.value(u"task"_s));
+    }
+
+    QString calls;
+    bool startResult = true;
+
+    static inline int alive = 0;
+};
+
+class TestHandler : public IConnectionHandler
+{
+public:
+    using IConnectionHandler::IConnectionHandler;
+
+    void handleConnection(Connection conn) override
+    {
+        received.append(conn);
+        conn.setPluginId(QStringLiteral("changed by the handler"));
+    }
+    void stopAll() override { ++stops; }
+
+    QList<Connection> received;
+    int stops = 0;
+};
+
+// "index signature(names) -> type" of each method that the class itself adds.
+QStringList methodsOf(const QMetaObject &meta)
+{
+    QStringList result;
+    for (int i = meta.methodOffset(); i < meta.methodCount(); ++i) {
+        const QMetaMethod method = meta.method(i);
+        const QString kind = method.methodType() == QMetaMethod::Signal ? u"signal"_s
+                : method.methodType() == QMetaMethod::Slot              ? u"slot"_s
+                                                                        : u"other"_s;
+        const QString access = method.access() == QMetaMethod::Public ? u"public"_s : u"-"_s;
+        result.append(QStringLiteral("%1 %2 %3 %4 %5 [%6]")
+                              .arg(i - meta.methodOffset())
+                              .arg(access, kind, QString::fromLatin1(method.typeName()),
+                                   QString::fromLatin1(method.methodSignature()),
+                                   QString::fromLatin1(method.parameterNames().join(','))));
+    }
+    return result;
+}
+
+void compareLists(const QStringList &actual, const QStringList &expected)
+{
+    QCOMPARE(actual, expected); // one line for each, so that QCOMPARE can name the first difference
+}
+
+} // namespace
+
+class tst_Framework : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void pluginMetaObject();
+    void inputPluginMetaObject();
+    void connectionHandlerMetaObject();
+    void onlyMethodsInTheMetaObjects();
+
+    void pluginVirtualOrder();
+    void connectionHandlerVirtualOrder();
+    void creatorVirtualOrder();
+    void memberOrder();
+    void creatorLayout();
+    void basesShareTheAddress();
+
+    void construction();
+    void identityAndConfiguration();
+    void setConfigReplacesTheWholeObject();
+    void metaCallsDispatchVirtually();
+    void metaCallsThroughTheBase();
+    void slotsByPointerToMember();
+    void virtualDestruction();
+
+    void signalsCarryTheirArguments();
+    void recordsTravelWithoutCopy();
+    void queryWithNothingConnected();
+    void queryAnswers();
+    void lastDirectAnswerWins();
+    void queuedAnswersDoNotCount();
+    void queryByName();
+
+    void handlerReceivesACopy();
+    void handlerInAnotherThread();
+
+    void creatorMakesObjects();
+    void creatorWithAFunction();
+    void creatorsAreDestroyedVirtually();
+    void creatorMap();
+};
+
+void tst_Framework::pluginMetaObject()
+{
+    QCOMPARE(IPlugin::staticMetaObject.className(), "IPlugin");
+    QCOMPARE(IPlugin::staticMetaObject.superClass(), &QObject::staticMetaObject);
+    compareLists(methodsOf(IPlugin::staticMetaObject),
+                 {u"0 public slot void onConfigChanged() []"_s, u"1 public slot bool start() []"_s,
+                  u"2 public slot bool stop() []"_s, u"3 public slot QString getStatus() []"_s});
+}
+
+void tst_Framework::inputPluginMetaObject()
+{
+    QCOMPARE(IInputPlugin::staticMetaObject.className(), "IInputPlugin");
+    QCOMPARE(IInputPlugin::staticMetaObject.superClass(), &IPlugin::staticMetaObject);
+    compareLists(methodsOf(IInputPlugin::staticMetaObject),
+                 {
+                         u"0 public signal void sError(QString) [msg]"_s,
+                         u"1 public signal void sConnect() []"_s,
+                         u"2 public signal void sDisconnect() []"_s,
+                         u"3 public signal void receivedData(shared_parsedData) [data]"_s,
+                         u"4 public signal void terminate() []"_s,
+                         u"5 public signal QStringList query(QString) [q]"_s, // Qt's name for
+                                                                              // QList<QString>
+                         u"6 public slot void onConfigChanged() []"_s,
+                         u"7 public slot bool start() []"_s,
+                         u"8 public slot bool stop() []"_s,
+                         u"9 public slot QString getStatus() []"_s,
+                         u"10 public slot void discard(int,QMap<QString,QString>) [len,subid]"_s,
+                 });
+}
+
+void tst_Framework::connectionHandlerMetaObject()
+{
+    QCOMPARE(IConnectionHandler::staticMetaObject.className(), "IConnectionHandler");
+    QCOMPARE(IConnectionHandler::staticMetaObject.superClass(), &QObject::staticMetaObject);
+    compareLists(methodsOf(IConnectionHandler::staticMetaObject),
+                 {u"0 public slot void handleConnection(Connection) [conn]"_s,
+                  u"1 public slot void stopAll() []"_s});
+}
+
+void tst_Framework::onlyMethodsInTheMetaObjects()
+{
+    for (const QMetaObject *meta : {&IPlugin::staticMetaObject, &IInputPlugin::staticMetaObject,
+                                    &IConnectionHandler::staticMetaObject}) {
+        QCOMPARE(meta->propertyCount(), QObject::staticMetaObject.propertyCount());
+        QCOMPARE(meta->enumeratorCount(), 0);
+        QCOMPARE(meta->classInfoCount(), 0);
+    }
+    QCOMPARE(IInputPlugin::staticMetaObject.indexOfMethod("drop(int)"), -1);
+    QCOMPARE(IPlugin::staticMetaObject.indexOfMethod("setConfig(QJsonObject)"), -1);
+}
+
+void tst_Framework::pluginVirtualOrder()
+{
+    const int first = firstSlotAfterQObject();
+    QCOMPARE(virtualSlot(&IPlugin::setConfig), first);
+    QCOMPARE(virtualSlot(&IPlugin::onConfigChanged), first + 1);
+    QCOMPARE(virtualSlot(&IPlugin::start), first + 2);
+    QCOMPARE(virtualSlot(&IPlugin::stop), first + 3);
+    QCOMPARE(virtualSlot(&IPlugin::getStatus), first + 4);
+
+    QCOMPARE(virtualSlot(&IInputPlugin::setConfig), first);
+    QCOMPARE(virtualSlot(&IInputPlugin::onConfigChanged), first + 1);
+    QCOMPARE(virtualSlot(&IInputPlugin::start), first + 2);
+    QCOMPARE(virtualSlot(&IInputPlugin::stop), first + 3);
+    QCOMPARE(virtualSlot(&IInputPlugin::getStatus), first + 4);
+    QCOMPARE(virtualSlot(&IInputPlugin::drop), first + 5);
+    QCOMPARE(virtualSlot(&IInputPlugin::discard), first + 6);
+}
+
+void tst_Framework::connectionHandlerVirtualOrder()
+{
+    const int first = firstSlotAfterQObject();
+    QCOMPARE(virtualSlot(&IConnectionHandler::handleConnection), first);
+    QCOMPARE(virtualSlot(&IConnectionHandler::stopAll), first + 1);
+}
+
+void tst_Framework::creatorVirtualOrder()
+{
+    // A destructor takes two slots: it alone, and with the memory.
+    QCOMPARE(virtualSlot(&Factory<IInputPlugin>::Creator::create), 2);
+    QCOMPARE(virtualSlot(&Register<TestPlugin, IInputPlugin>::Creator::create), 2);
+}
+
+void tst_Framework::memberOrder()
+{
+    // QObject, plugin id, configuration, one word.
+    constexpr std::size_t PluginIdOffset = sizeof(QObject);
+    constexpr std::size_t ConfigOffset = PluginIdOffset + sizeof(QString);
+    constexpr std::size_t WordOffset = ConfigOffset + sizeof(QJsonObject);
+    QCOMPARE(sizeof(IPlugin), WordOffset);
+    QCOMPARE(sizeof(IInputPlugin), WordOffset + sizeof(void *));
+    QCOMPARE(sizeof(IConnectionHandler), sizeof(QObject));
+
+    for (const bool configured : {false, true}) {
+        // The word must be zero by construction, not by luck.
+        alignas(TestPlugin) char memory[sizeof(TestPlugin)];
+        std::memset(memory, 0xA5, sizeof(memory));
+        auto *plugin = configured ? new (memory) TestPlugin(nullptr, {{u"a"_s, 1}})
+                                  : new (memory) TestPlugin(nullptr);
+        plugin->pluginId = u"tcp"_s;
+        QCOMPARE(memberAt<QString>(*plugin, PluginIdOffset), u"tcp"_s);
+        QCOMPARE(&memberAt<QString>(*plugin, PluginIdOffset), &plugin->pluginId);
+        QCOMPARE(&memberAt<QJsonObject>(*plugin, ConfigOffset), &plugin->config);
+        QCOMPARE(memberAt<quintptr>(*plugin, WordOffset), 0U);
+        plugin->~TestPlugin();
+    }
+}
+
+void tst_Framework::creatorLayout()
+{
+    using Creator = Register<TestPlugin, IInputPlugin>::Creator;
+    QCOMPARE(sizeof(Factory<IInputPlugin>::Creator), sizeof(void *));
+    QCOMPARE(sizeof(Creator), 2 * sizeof(void *));
+
+    alignas(Creator) char memory[sizeof(Creator)];
+    std::memset(memory, 0xA5, sizeof(memory));
+    auto *creator = new (memory) Creator;
+    QCOMPARE(memberAt<void *>(*creator, sizeof(void *)), nullptr);
+    creator->~Creator();
+}
+
+void tst_Framework::basesShareTheAddress()
+{
+    TestPlugin plugin(nullptr);
+    const void *address = static_cast<IInputPlugin *>(&plugin);
+    QCOMPARE(static_cast<const void *>(static_cast<IPlugin *>(&plugin)), address);
+    QCOMPARE(static_cast<const void *>(static_cast<QObject *>(&plugin)), address);
+}
+
+void tst_Framework::construction()
+{
+    const TestPlugin bare(nullptr);
+    QCOMPARE(bare.parent(), nullptr);
+    QVERIFY(bare.pluginId.isEmpty());
+    QVERIFY(bare.config.isEmpty());
+
+    QObject parent;
+    QJsonObject config{{u"port"_s, 7446}};
+    const auto *configured = new TestPlugin(&parent, config);
+    config.insert(u"port"_s, 1);
+    QCOMPARE(configured->parent(), &parent);
+    QVERIFY(configured->pluginId.isEmpty());
+    QCOMPARE(configured->config, (QJsonObject{{u"port"_s, 7446}}));
+
+    QVERIFY((new TestPlugin(&parent))->config.isEmpty());
+    QCOMPARE(parent.children().size(), 2);
+}
+
+void tst_Framework::identityAndConfiguration()
+{
+    TestPlugin plugin(nullptr);
+    IPlugin &base = plugin;
+    base.pluginId = u"tcp"_s;
+    base.setConfig({{u"port"_s, 1}});
+    QCOMPARE(plugin.pluginId, u"tcp"_s);
+    QCOMPARE(plugin.config.value(u"port"_s).toInt(), 1);
+}
+
+void tst_Framework::setConfigReplacesTheWholeObject()
+{
+    TestPlugin plugin(nullptr, {{u"port"_s, 1}, {u"timeout"_s, 2}});
+    QSignalSpy error(&plugin, &IInputPlugin::sError);
+    QSignalSpy connected(&plugin, &IInputPlugin::sConnect);
+    QSignalSpy disconnected(&plugin, &IInputPlugin::sDisconnect);
+    QSignalSpy received(&plugin, &IInputPlugin::receivedData);
+    QSignalSpy terminate(&plugin, &IInputPlugin::terminate);
+
+    QJsonObject config{{u"port"_s, 3}};
+    plugin.setConfig(config);
+    config.insert(u"port"_s, 4);
+
+    QCOMPARE(plugin.config, (QJsonObject{{u"port"_s, 3}}));
+    QCOMPARE(plugin.calls, QString()); // above all no onConfigChanged()
+    for (const QSignalSpy *spy : {&error, &connected, &disconnected, &received, &terminate})
+        QCOMPARE(spy->count(), 0);
+
+    plugin.setConfig({});
+    QVERIFY(plugin.config.isEmpty());
+}
+
+void tst_Framework::metaCallsDispatchVirtually()
+{
+    TestPlugin plugin(nullptr);
+    bool result = false;
+    QString status;
+    QVERIFY(QMetaObject::invokeMethod(&plugin, "onConfigChanged"));
+    QVERIFY(QMetaObject::invokeMethod(&plugin, "start", Q_RETURN_ARG(bool, result)));
+    QCOMPARE(result, true);
+    plugin.startResult = false;
+    QVERIFY(QMetaObject::invokeMethod(&plugin, "start", Q_RETURN_ARG(bool, result)));
+    QCOMPARE(result, false);
+    QVERIFY(QMetaObject::invokeMethod(&plugin, "stop", Q_RETURN_ARG(bool, result)));
+    QCOMPARE(result, true);
+    QVERIFY(QMetaObject::invokeMethod(&plugin, "getStatus", Q_RETURN_ARG(QString, status)));
+    QCOMPARE(status, u"status"_s);
+    const SubIds subIds{{u"task"_s, u"3"_s}};
+    const int length = 17;
+    QVERIFY(QMetaObject::invokeMethod(&plugin, "discard", QGenericArgument("int", &length),
+                                      QGenericArgument("QMap<QString,QString>", &subIds)));
+    QCOMPARE(plugin.calls, u"onConfigChanged start start stop discard(17,3) "_s);
+}
+
+// Each slot exists twice, in IPlugin's and in IInputPlugin's part; both lead to the override.
+void tst_Framework::metaCallsThroughTheBase()
+{
+    TestPlugin plugin(nullptr);
+    for (const QMetaObject *meta : {&IPlugin::staticMetaObject, &IInputPlugin::staticMetaObject}) {
+        plugin.calls.clear();
+        bool result = false;
+        QString status;
+        const auto own = [meta](const char *signature) {
+            const QMetaMethod method = meta->method(meta->indexOfMethod(signature));
+            return method.enclosingMetaObject() == meta ? method : QMetaMethod();
+        };
+        QVERIFY(own("onConfigChanged()").invoke(&plugin));
+        QVERIFY(own("start()").invoke(&plugin, Q_RETURN_ARG(bool, result)));
+        QVERIFY(own("stop()").invoke(&plugin, Q_RETURN_ARG(bool, result)));
+        QVERIFY(own("getStatus()").invoke(&plugin, Q_RETURN_ARG(QString, status)));
+        QCOMPARE(plugin.calls, u"onConfigChanged start stop "_s);
+        QCOMPARE(status, u"status"_s);
+    }
+}
+
+void tst_Framework::slotsByPointerToMember()
+{
+    TestPlugin source(nullptr);
+    TestPlugin plugin(nullptr);
+    QVERIFY(connect(&source, &IInputPlugin::sConnect, &plugin, &IInputPlugin::start));
+    QVERIFY(connect(&source, &IInputPlugin::sDisconnect, &plugin, &IPlugin::stop));
+    Q_EMIT source.sConnect();
+    Q_EMIT source.sDisconnect();
+    QCOMPARE(plugin.calls, u"start stop "_s);
+}
+
+void tst_Framework::virtualDestruction()
+{
+    const int before = TestPlugin::alive;
+    delete static_cast<IInputPlugin *>(new TestPlugin(nullptr));
+    delete static_cast<IPlugin *>(new TestPlugin(nullptr));
+    delete static_cast<QObject *>(new TestPlugin(nullptr));
+    QCOMPARE(TestPlugin::alive, before);
+}
+
+void tst_Framework::signalsCarryTheirArguments()
+{
+    TestPlugin plugin(nullptr);
+    QSignalSpy error(&plugin, &IInputPlugin::sError);
+    QSignalSpy connected(&plugin, &IInputPlugin::sConnect);
+    QSignalSpy disconnected(&plugin, &IInputPlugin::sDisconnect);
+    QSignalSpy terminate(&plugin, &IInputPlugin::terminate);
+
+    Q_EMIT plugin.sError(u"out of paper"_s);
+    Q_EMIT plugin.sConnect();
+    Q_EMIT plugin.sDisconnect();
+    Q_EMIT plugin.sDisconnect();
+    Q_EMIT plugin.terminate();
+
+    QCOMPARE(error.count(), 1);
+    QCOMPARE(error[0][0].toString(), u"out of paper"_s);
+    QCOMPARE(connected.count(), 1);
+    QCOMPARE(disconnected.count(), 2);
+    QCOMPARE(terminate.count(), 1);
+}
+
+void tst_Framework::recordsTravelWithoutCopy()
+{
+    TestPlugin plugin(nullptr);
+    shared_parsedData received;
+    connect(&plugin, &IInputPlugin::receivedData, this,
+            [&received](const shared_parsedData &data) { received = data; });
+    QSignalSpy byName(&plugin, SIGNAL(receivedData(shared_parsedData)));
+    QVERIFY(byName.isValid());
+
+    const shared_parsedData record(new ParsedData);
+    Q_EMIT plugin.receivedData(record);
+
+    QCOMPARE(received, record);
+    QCOMPARE(byName.count(), 1);
+    QCOMPARE(byName[0][0].value<shared_parsedData>(), record);
+}
+
+void tst_Framework::queryWithNothingConnected()
+{
+    TestPlugin plugin(nullptr);
+    QCOMPARE(plugin.query(u"loglevel"_s), QStringList());
+}
+
+void tst_Framework::queryAnswers()
+{
+    TestPlugin plugin(nullptr);
+    QString asked;
+    connect(&plugin, &IInputPlugin::query, this, [&asked](const QString &q) {
+        asked = q;
+        return QStringList{u"debug"_s, u"info"_s};
+    });
+    QCOMPARE(plugin.query(u"loglevel"_s), (QStringList{u"debug"_s, u"info"_s}));
+    QCOMPARE(asked, u"loglevel"_s);
+}
+
+void tst_Framework::lastDirectAnswerWins()
+{
+    TestPlugin plugin(nullptr);
+    int asked = 0;
+    for (const QString &answer : {u"first"_s, u"second"_s, u"third"_s}) {
+        connect(
+                &plugin, &IInputPlugin::query, this,
+                [&asked, answer](const QString &) {
+                    ++asked;
+                    return QStringList{answer};
+                },
+                Qt::DirectConnection);
+    }
+    QCOMPARE(plugin.query(u"loglevel"_s), QStringList{u"third"_s});
+    QCOMPARE(asked, 3);
+}
+
+void tst_Framework::queuedAnswersDoNotCount()
+{
+    TestPlugin plugin(nullptr);
+    int asked = 0;
+    connect(
+            &plugin, &IInputPlugin::query, this,
+            [&asked](const QString &) {
+                ++asked;
+                return QStringList{u"late"_s};
+            },
+            Qt::QueuedConnection);
+    QCOMPARE(plugin.query(u"loglevel"_s), QStringList());
+    QTRY_COMPARE(asked, 1);
+}
+
+void tst_Framework::queryByName()
+{
+    TestPlugin plugin(nullptr);
+    connect(&plugin, &IInputPlugin::query, this, [](const QString &q) {
+        return QStringList{q, q};
+    });
+    QList<QString> answer;
+    QVERIFY(QMetaObject::invokeMethod(&plugin, "query", Q_RETURN_ARG(QList<QString>, answer),
+                                      Q_ARG(QString, u"twice"_s)));
+    QCOMPARE(answer, (QList<QString>{u"twice"_s, u"twice"_s}));
+}
+
+void tst_Framework::handlerReceivesACopy()
+{
+    TestHandler handler;
+    QTcpServer server;
+    Connection connection;
+    connection.setPluginId(u"tcp"_s);
+    connection.setTcpServer(&server);
+
+    IConnectionHandler &base = handler;
+    base.handleConnection(connection);
+    QVERIFY(QMetaObject::invokeMethod(&handler, "handleConnection", Q_ARG(Connection, connection)));
+    QVERIFY(QMetaObject::invokeMethod(&handler, "stopAll"));
+
+    QCOMPARE(handler.received.size(), 2);
+    for (const Connection &received : std::as_const(handler.received)) {
+        QCOMPARE(received.getPluginId(), u"tcp"_s);
+        QCOMPARE(received.getTcpServer(), &server);
+    }
+    QCOMPARE(connection.getPluginId(), u"tcp"_s); // the handler changed its own
+    QCOMPARE(handler.stops, 1);
+}
+
+void tst_Framework::handlerInAnotherThread()
+{
+    auto handler = std::make_unique<TestHandler>();
+    QThread thread;
+    handler->moveToThread(&thread);
+    thread.start();
+    {
+        Connection connection;
+        connection.setData(QByteArrayLiteral("bytes"));
+        QVERIFY(QMetaObject::invokeMethod(handler.get(), "handleConnection", Qt::QueuedConnection,
+                                          Q_ARG(Connection, connection)));
+        connection.setData(QByteArrayLiteral("changed after the call"));
+    }
+    QVERIFY(QMetaObject::invokeMethod(handler.get(), "stopAll", Qt::BlockingQueuedConnection));
+    thread.quit();
+    QVERIFY(thread.wait());
+
+    QCOMPARE(handler->received.size(), 1);
+    QCOMPARE(handler->received[0].getData(), QByteArrayLiteral("bytes"));
+    QCOMPARE(handler->stops, 1);
+}
+
+void tst_Framework::creatorMakesObjects()
+{
+    const std::unique_ptr<const Factory<IInputPlugin>::Creator> creator(
+            new Register<TestPlugin, IInputPlugin>::Creator);
+    const std::unique_ptr<IInputPlugin> first(creator->create());
+    const std::unique_ptr<IInputPlugin> second(creator->create());
+    QVERIFY(first && second);
+    QVERIFY(first != second);
+    QVERIFY(dynamic_cast<TestPlugin *>(first.get()));
+    QCOMPARE(first->parent(), nullptr);
+    QVERIFY(first->config.isEmpty());
+    QVERIFY(first->pluginId.isEmpty());
+}
+
+void tst_Framework::creatorWithAFunction()
+{
+    static TestPlugin *made = nullptr;
+    using Function = IInputPlugin *(*)();
+    Register<TestPlugin, IInputPlugin>::Creator creator;
+    memberAt<Function>(creator, sizeof(void *)) = []() -> IInputPlugin * {
+        made = new TestPlugin(nullptr, {{u"made by"_s, u"function"_s}});
+        return made;
+    };
+    const Factory<IInputPlugin>::Creator &base = creator;
+    const std::unique_ptr<IInputPlugin> plugin(base.create());
+    QVERIFY(plugin);
+    QCOMPARE(plugin.get(), made);
+}
+
+void tst_Framework::creatorsAreDestroyedVirtually()
+{
+    static int destroyed = 0;
+    class Counting : public Register<TestPlugin, IInputPlugin>::Creator
+    {
+    public:
+        Counting() = default;
+        ~Counting() override { ++destroyed; }
+        Q_DISABLE_COPY_MOVE(Counting)
+    };
+    const Factory<IInputPlugin>::Creator *creator = new Counting;
+    const std::unique_ptr<IInputPlugin> plugin(creator->create());
+    delete creator;
+    QCOMPARE(destroyed, 1);
+    QCOMPARE(plugin->getStatus(), u"status"_s); // what it made lives on
+}
+
+void tst_Framework::creatorMap()
+{
+    static_assert(std::is_same_v<InputPluginCreators,
+                                 QMap<QString, const Factory<IInputPlugin>::Creator *>>);
+    InputPluginCreators creators;
+    creators.insert(u"TestPlugin"_s, new Register<TestPlugin, IInputPlugin>::Creator);
+    const std::unique_ptr<IInputPlugin> plugin(creators.value(u"TestPlugin"_s)->create());
+    QVERIFY(plugin->start());
+    qDeleteAll(creators);
+}
+
+QTEST_GUILESS_MAIN(tst_Framework)
+
+#include "tst_framework.moc"

@@ -1,0 +1,732 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "plugin/parseddata.h"
+#include "tests/kit/memorylayout.h"
+
+#include <QtCore/QRegularExpression>
+#include <QtCore/QSemaphore>
+#include <QtCore/QThread>
+#include <QtTest/QTest>
+
+#include <atomic>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <type_traits>
+#include <vector>
+
+static_assert(!std::is_copy_constructible_v<ParsedData> && !std::is_copy_assignable_v<ParsedData>);
+static_assert(!std::is_move_constructible_v<ParsedData> && !std::is_move_assignable_v<ParsedData>);
+static_assert(!std::is_polymorphic_v<ParsedData>);
+static_assert(std::is_same_v<shared_parsedData, QSharedPointer<ParsedData>>);
+
+// The host's class, of which the record knows only the name.
+class Device
+{};
+
+namespace {
+
+// The record's members as hosts that were built separately know them.
+struct Layout
+{
+    QString format;
+    QString pluginId;
+    QMap<QString, QString> pluginSubIds;
+    QString peerAddress;
+    unsigned short peerPort;
+    QByteArray originalMessage;
+    QDateTime timestamp;
+    QString deviceId;
+    QString source;
+    QMap<QString, QString> data;
+    QReadWriteLock lock;
+    bool parsed;
+    bool gpsPosData;
+    Device *device;
+};
+
+QReadWriteLock &lockOf(ParsedData &record)
+{
+    return memberAt<QReadWriteLock>(record, offsetof(Layout, lock));
+}
+
+std::unique_ptr<QThread> runInThread(std::function<void()> function)
+{
+    std::unique_ptr<QThread> thread(QThread::create(std::move(function)));
+    thread->start();
+    return thread;
+}
+
+// A lock that a reader holds refuses further readers only while a writer waits.
+bool writerWaits(QReadWriteLock &lock)
+{
+    if (!lock.tryLockForRead())
+        return true;
+    lock.unlock();
+    return false;
+}
+
+using Access = std::function<void(ParsedData &)>;
+
+} // namespace
+
+Q_DECLARE_METATYPE(Access)
+
+class RecordRelay : public QObject
+{
+    Q_OBJECT
+
+public:
+    QList<shared_parsedData> received; // its own thread only
+    bool keep = true; // set before its thread starts
+    std::atomic<int> count = 0;
+
+public Q_SLOTS:
+    void receive(shared_parsedData data)
+    {
+        if (keep)
+            received.append(data);
+        ++count;
+    }
+
+Q_SIGNALS:
+    void send(shared_parsedData data);
+};
+
+class tst_ParsedData : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+
+    void metaType();
+    void debugStream();
+    void defaults();
+    void accessors();
+    void settersReplace();
+    void subIds();
+    void fields();
+    void dataLength();
+    void dataId_data();
+    void dataId();
+    void madeWhole();
+    void timestampIsTheCreationTime();
+    void timestampZones();
+    void gettersReturnCopies();
+    void memberOrder();
+
+    void lastHolderDeletes();
+    void queuedDelivery();
+    void queuedEventHoldsTheRecord();
+
+    void settersWaitForReaders_data();
+    void settersWaitForReaders();
+    void gettersWaitForWriters_data();
+    void gettersWaitForWriters();
+    void readersRunInParallel();
+    void deliberatelyUnlocked();
+    void concurrentAccess();
+};
+
+void tst_ParsedData::initTestCase()
+{
+    // Nothing knows the names before the first request for the id.
+    QVERIFY(!QMetaType::fromName("shared_parsedData").isValid());
+    QVERIFY(!QMetaType::fromName("QSharedPointer<ParsedData>").isValid());
+    QVERIFY(qMetaTypeId<shared_parsedData>() >= QMetaType::User);
+}
+
+void tst_ParsedData::metaType()
+{
+    const QMetaType type = QMetaType::fromName("QSharedPointer<ParsedData>");
+    QVERIFY(type.isValid());
+    QCOMPARE(type.id(), qMetaTypeId<shared_parsedData>());
+    QCOMPARE(type.name(), "QSharedPointer<ParsedData>");
+    QCOMPARE(QMetaType::fromName("shared_parsedData").id(), type.id());
+    QCOMPARE(type.sizeOf(), qsizetype(sizeof(QSharedPointer<ParsedData>)));
+}
+
+void tst_ParsedData::debugStream()
+{
+    const shared_parsedData record(new ParsedData);
+    QString expected;
+    QDebug(&expected).nospace() << "QSharedPointer(" << static_cast<void *>(record.get()) << ")";
+    const QRegularExpression form(QStringLiteral("^QSharedPointer\\(0x[0-9a-f]+\\)$"));
+    QVERIFY2(form.match(expected).hasMatch(), qUtf8Printable(expected));
+
+    QString direct;
+    QDebug(&direct).nospace() << record;
+    QCOMPARE(direct, expected);
+
+    QVERIFY(QMetaType::fromType<shared_parsedData>().hasRegisteredDebugStreamOperator());
+    QString byType;
+    QDebug debug(&byType);
+    QVERIFY(QMetaType::fromType<shared_parsedData>().debugStream(debug.nospace(), &record));
+    QCOMPARE(byType.trimmed(), expected);
+}
+
+void tst_ParsedData::defaults()
+{
+    ParsedData record;
+    QVERIFY(record.getFormat().isEmpty());
+    QVERIFY(record.getPluginId().isEmpty());
+    QVERIFY(record.getPluginSubId().isEmpty());
+    QVERIFY(record.getPeerAddress().isEmpty());
+    QCOMPARE(record.getPeerPort(), 0);
+    QVERIFY(record.getOriginalMessage().isEmpty());
+    QCOMPARE(record.getDataLength(), 0);
+    QVERIFY(record.getDeviceId().isEmpty());
+    QVERIFY(record.getSource().isEmpty());
+    QVERIFY(record.getData().isEmpty());
+    QCOMPARE(record.isParsed(), false);
+    QCOMPARE(record.isGPSPosData(), false);
+    QCOMPARE(record.getDevice(), nullptr);
+}
+
+void tst_ParsedData::accessors()
+{
+    Device device;
+    ParsedData record;
+    record.setFormat(QStringLiteral("nmea"));
+    record.setPluginId(QStringLiteral("tcp"));
+    record.addPluginSubId(QStringLiteral("task"), QStringLiteral("3"));
+    record.setPeerAddress(QStringLiteral("10.0.0.7"));
+    record.setPeerPort(65535);
+    record.setOriginalMessage(QByteArrayLiteral("a\0b"));
+    record.setDeviceId(QStringLiteral("imei"));
+    record.setSource(QStringLiteral("source"));
+    record.setData({{QStringLiteral("lat"), QStringLiteral("51")}});
+    record.setParsed(true);
+    record.setGPSPosData(true);
+    record.setDevice(&device);
+
+    QCOMPARE(record.getFormat(), QStringLiteral("nmea"));
+    QCOMPARE(record.getPluginId(), QStringLiteral("tcp"));
+    const QMap<QString, QString> subIds{{QStringLiteral("task"), QStringLiteral("3")}};
+    QCOMPARE(record.getPluginSubId(), subIds);
+    QCOMPARE(record.getPeerAddress(), QStringLiteral("10.0.0.7"));
+    QCOMPARE(record.getPeerPort(), 65535);
+    QCOMPARE(record.getOriginalMessage(), QByteArrayLiteral("a\0b"));
+    QCOMPARE(record.getDeviceId(), QStringLiteral("imei"));
+    QCOMPARE(record.getSource(), QStringLiteral("source"));
+    const QMap<QString, QString> data{{QStringLiteral("lat"), QStringLiteral("51")}};
+    QCOMPARE(record.getData(), data);
+    QCOMPARE(record.isParsed(), true);
+    QCOMPARE(record.isGPSPosData(), true);
+    QCOMPARE(record.getDevice(), &device);
+}
+
+void tst_ParsedData::settersReplace()
+{
+    Device device;
+    ParsedData record;
+    for (const QString &text : {QStringLiteral("first"), QStringLiteral("second"), QString()}) {
+        record.setFormat(text);
+        QCOMPARE(record.getFormat(), text);
+        record.setPluginId(text);
+        QCOMPARE(record.getPluginId(), text);
+        record.setPeerAddress(text);
+        QCOMPARE(record.getPeerAddress(), text);
+        record.setDeviceId(text);
+        QCOMPARE(record.getDeviceId(), text);
+        record.setSource(text);
+        QCOMPARE(record.getSource(), text);
+        record.setOriginalMessage(text.toUtf8());
+        QCOMPARE(record.getOriginalMessage(), text.toUtf8());
+        record.setData({{text, text}});
+        QCOMPARE(record.getData().size(), 1);
+        QCOMPARE(record.getData().firstKey(), text);
+    }
+    record.setPeerPort(7);
+    record.setPeerPort(8);
+    QCOMPARE(record.getPeerPort(), 8);
+    for (const bool flag : {true, false}) {
+        record.setParsed(flag);
+        QCOMPARE(record.isParsed(), flag);
+        QCOMPARE(record.isGPSPosData(), false);
+    }
+    record.setGPSPosData(true);
+    record.setGPSPosData(false);
+    QCOMPARE(record.isGPSPosData(), false);
+    record.setDevice(&device);
+    record.setDevice(nullptr);
+    QCOMPARE(record.getDevice(), nullptr);
+}
+
+void tst_ParsedData::subIds()
+{
+    ParsedData record;
+    const QString task = QStringLiteral("task");
+    const QString client = QStringLiteral("client");
+    QVERIFY(record.getPluginSubIdKey(task).isEmpty());
+    QVERIFY(record.getPluginSubId().isEmpty()); // asking adds nothing
+
+    record.addPluginSubId(task, QStringLiteral("0"));
+    record.addPluginSubId(client, QStringLiteral("tcp2:a"));
+    record.addPluginSubId(task, QStringLiteral("1"));
+
+    QCOMPARE(record.getPluginSubIdKey(task), QStringLiteral("1"));
+    QCOMPARE(record.getPluginSubIdKey(client), QStringLiteral("tcp2:a"));
+    QVERIFY(record.getPluginSubIdKey(QStringLiteral("Task")).isEmpty());
+    QCOMPARE(record.getPluginSubId().size(), 2);
+
+    // The map that was handed out stays as it was.
+    const QMap<QString, QString> before = record.getPluginSubId();
+    record.addPluginSubId(task, QStringLiteral("2"));
+    QCOMPARE(before.value(task), QStringLiteral("1"));
+}
+
+void tst_ParsedData::fields()
+{
+    ParsedData record;
+    const QString name = QStringLiteral("speed");
+    QCOMPARE(record.getField(name), QStringLiteral("<undef>"));
+
+    record.setData({{name, QStringLiteral("12")}, {QStringLiteral("empty"), QString()}});
+    QCOMPARE(record.getField(name), QStringLiteral("12"));
+    QCOMPARE(record.getField(QStringLiteral("empty")), QString());
+    QCOMPARE(record.getField(QStringLiteral("Speed")), QStringLiteral("<undef>"));
+    QCOMPARE(record.getField(QString()), QStringLiteral("<undef>"));
+    QCOMPARE(record.getData().size(), 2); // asking adds nothing
+
+    record.setData({});
+    QCOMPARE(record.getField(name), QStringLiteral("<undef>"));
+}
+
+void tst_ParsedData::dataLength()
+{
+    ParsedData record;
+    record.setOriginalMessage(QByteArray(70000, 'x'));
+    QCOMPARE(record.getDataLength(), 70000);
+    record.setOriginalMessage(QByteArrayLiteral("\0\0\0"));
+    QCOMPARE(record.getDataLength(), 3);
+    record.setOriginalMessage(QByteArray());
+    QCOMPARE(record.getDataLength(), 0);
+
+    // Truncated to int: a size whose lower 32 bits are small. No byte of it is touched.
+    constexpr qsizetype Large = (qsizetype(1) << 32) + 5;
+    record.setOriginalMessage(QByteArray::fromRawData("", Large));
+    QCOMPARE(record.getDataLength(), 5);
+    record.setOriginalMessage(QByteArray());
+}
+
+void tst_ParsedData::dataId_data()
+{
+    QTest::addColumn<QString>("pluginId");
+    QTest::addColumn<QString>("address");
+    QTest::addColumn<unsigned short>("port");
+    QTest::addColumn<QString>("expected");
+    const auto row = [](const char *name, const char *pluginId, const char *address,
+                        unsigned short port, const char *expected) {
+        QTest::newRow(name) << QString::fromLatin1(pluginId) << QString::fromLatin1(address) << port
+                            << QString::fromLatin1(expected);
+    };
+    row("usual", "p1", "10.0.0.7", 80, "p1-10.0.0.7:80");
+    row("no plugin id", "", "10.0.0.7", 80, "-10.0.0.7:80");
+    row("all empty", "", "", 0, "-:0");
+    row("largest port", "p", "a", 65535, "p-a:65535");
+    row("port without leading zeros", "p", "a", 7, "p-a:7");
+    row("IPv6", "p", "fe80::1%2", 7446, "p-fe80::1%2:7446");
+    row("markers stay", "%1", "%2", 3, "%1-%2:3");
+}
+
+void tst_ParsedData::dataId()
+{
+    QFETCH(QString, pluginId);
+    QFETCH(QString, address);
+    QFETCH(unsigned short, port);
+    ParsedData record;
+    record.setPluginId(pluginId);
+    record.setPeerAddress(address);
+    record.setPeerPort(port);
+    QTEST(record.getDataId(), "expected");
+}
+
+void tst_ParsedData::madeWhole()
+{
+    const QMap<QString, QString> subIds{{QStringLiteral("client"), QStringLiteral("c")}};
+    const QDateTime time(QDate(2024, 2, 29), QTime(1, 2, 3));
+    const ParsedData record("bytes", QStringLiteral("from"), QStringLiteral("10.0.0.7"), 80, subIds,
+                            time);
+    QCOMPARE(record.getOriginalMessage(), QByteArray("bytes"));
+    QCOMPARE(record.getSource(), QStringLiteral("from"));
+    QCOMPARE(record.getPeerAddress(), QStringLiteral("10.0.0.7"));
+    QCOMPARE(record.getPeerPort(), quint16(80));
+    QCOMPARE(record.getPluginSubId(), subIds);
+    QCOMPARE(record.getTimestamp(QTimeZone::systemTimeZone()), time.toString(Qt::ISODate));
+    QCOMPARE(record.getPluginId(), QString());
+    QCOMPARE(record.getFormat(), QString());
+    QCOMPARE(record.getDeviceId(), QString());
+    QCOMPARE(record.getDevice(), nullptr);
+    QVERIFY(record.getData().isEmpty() && !record.isParsed() && !record.isGPSPosData());
+}
+
+void tst_ParsedData::timestampIsTheCreationTime()
+{
+    const QDateTime before = QDateTime::currentDateTime();
+    ParsedData record;
+    const QDateTime after = QDateTime::currentDateTime();
+    const auto &timestamp = memberAt<QDateTime>(record, offsetof(Layout, timestamp));
+    QCOMPARE(timestamp.timeSpec(), Qt::LocalTime);
+    QVERIFY(before <= timestamp && timestamp <= after);
+
+    const QString first = record.getTimestamp(QTimeZone::utc());
+    record.setParsed(true);
+    record.setOriginalMessage(QByteArrayLiteral("later"));
+    QCOMPARE(record.getTimestamp(QTimeZone::utc()), first);
+}
+
+void tst_ParsedData::timestampZones()
+{
+    // A local time that differs from UTC, whatever the machine's zone is.
+    const QByteArray oldZone = qgetenv("TZ");
+    const bool hadZone = qEnvironmentVariableIsSet("TZ");
+    qputenv("TZ", "XYZ-05:30");
+    tzset();
+    {
+        ParsedData record;
+        auto &timestamp = memberAt<QDateTime>(record, offsetof(Layout, timestamp));
+        timestamp = QDateTime(QDate(2024, 2, 29), QTime(1, 2, 3, 456));
+        const QString local = QStringLiteral("2024-02-29T01:02:03");
+        const QString utc = QStringLiteral("2024-02-28T19:32:03Z");
+
+        QCOMPARE(record.getTimestamp(QTimeZone::utc()), utc);
+        QCOMPARE(record.getTimestamp(QTimeZone(QByteArrayLiteral("UTC"))), utc);
+#if QT_VERSION >= QT_VERSION_CHECK(6, 5, 0)
+        QCOMPARE(record.getTimestamp(QTimeZone(QTimeZone::UTC)), utc);
+        QCOMPARE(record.getTimestamp(QTimeZone(QTimeZone::LocalTime)), local);
+#endif
+        QCOMPARE(record.getTimestamp(QTimeZone()), local);
+        QCOMPARE(record.getTimestamp(QTimeZone::systemTimeZone()), local);
+        QCOMPARE(record.getTimestamp(QTimeZone(3600)), local);
+        QCOMPARE(record.getTimestamp(QTimeZone(QByteArrayLiteral("Europe/Berlin"))), local);
+        QCOMPARE(timestamp.timeSpec(), Qt::LocalTime); // a copy was converted
+    }
+    if (hadZone)
+        qputenv("TZ", oldZone);
+    else
+        qunsetenv("TZ");
+    tzset();
+}
+
+void tst_ParsedData::gettersReturnCopies()
+{
+    ParsedData record;
+    record.setFormat(QStringLiteral("nmea"));
+    record.setOriginalMessage(QByteArrayLiteral("message"));
+    record.setData({{QStringLiteral("a"), QStringLiteral("b")}});
+
+    record.getFormat().append(QStringLiteral("changed"));
+    record.getOriginalMessage().append("changed");
+    record.getData().clear();
+    record.getPluginSubId().insert(QStringLiteral("new"), QStringLiteral("value"));
+
+    QCOMPARE(record.getFormat(), QStringLiteral("nmea"));
+    QCOMPARE(record.getOriginalMessage(), QByteArrayLiteral("message"));
+    QCOMPARE(record.getData().size(), 1);
+    QVERIFY(record.getPluginSubId().isEmpty());
+
+    // The map that was given stays the giver's.
+    QMap<QString, QString> given{{QStringLiteral("x"), QStringLiteral("y")}};
+    record.setData(given);
+    given.insert(QStringLiteral("x"), QStringLiteral("changed"));
+    QCOMPARE(record.getField(QStringLiteral("x")), QStringLiteral("y"));
+}
+
+void tst_ParsedData::memberOrder()
+{
+    QCOMPARE(sizeof(ParsedData), sizeof(Layout));
+
+    Device device;
+    ParsedData record;
+    record.setFormat(QStringLiteral("format"));
+    record.setPluginId(QStringLiteral("plugin"));
+    record.addPluginSubId(QStringLiteral("task"), QStringLiteral("3"));
+    record.setPeerAddress(QStringLiteral("address"));
+    record.setPeerPort(7446);
+    record.setOriginalMessage(QByteArrayLiteral("message"));
+    record.setDeviceId(QStringLiteral("device"));
+    record.setSource(QStringLiteral("source"));
+    record.setData({{QStringLiteral("key"), QStringLiteral("value")}});
+    record.setParsed(true);
+    record.setDevice(&device);
+
+    using Map = QMap<QString, QString>;
+    QCOMPARE(memberAt<QString>(record, offsetof(Layout, format)), QStringLiteral("format"));
+    QCOMPARE(memberAt<QString>(record, offsetof(Layout, pluginId)), QStringLiteral("plugin"));
+    QCOMPARE(memberAt<Map>(record, offsetof(Layout, pluginSubIds)), record.getPluginSubId());
+    QCOMPARE(memberAt<QString>(record, offsetof(Layout, peerAddress)), QStringLiteral("address"));
+    QCOMPARE(memberAt<unsigned short>(record, offsetof(Layout, peerPort)), 7446);
+    QCOMPARE(memberAt<QByteArray>(record, offsetof(Layout, originalMessage)),
+             QByteArrayLiteral("message"));
+    QCOMPARE(memberAt<QDateTime>(record, offsetof(Layout, timestamp)).toString(Qt::ISODate),
+             record.getTimestamp(QTimeZone()));
+    QCOMPARE(memberAt<QString>(record, offsetof(Layout, deviceId)), QStringLiteral("device"));
+    QCOMPARE(memberAt<QString>(record, offsetof(Layout, source)), QStringLiteral("source"));
+    QCOMPARE(memberAt<Map>(record, offsetof(Layout, data)), record.getData());
+    QCOMPARE(memberAt<bool>(record, offsetof(Layout, parsed)), true);
+    QCOMPARE(memberAt<bool>(record, offsetof(Layout, gpsPosData)), false);
+    record.setParsed(false);
+    record.setGPSPosData(true);
+    QCOMPARE(memberAt<bool>(record, offsetof(Layout, parsed)), false);
+    QCOMPARE(memberAt<bool>(record, offsetof(Layout, gpsPosData)), true);
+    QCOMPARE(memberAt<Device *>(record, offsetof(Layout, device)), &device);
+    // The lock's place is shown by the tests that take it.
+}
+
+void tst_ParsedData::lastHolderDeletes()
+{
+    int deleted = 0;
+    shared_parsedData first(new ParsedData, [&deleted](ParsedData *record) {
+        ++deleted;
+        delete record;
+    });
+    const QWeakPointer<ParsedData> observer = first;
+    {
+        const shared_parsedData second = first;
+        first.reset();
+        QCOMPARE(deleted, 0);
+        second->setFormat(QStringLiteral("still there"));
+    }
+    QCOMPARE(deleted, 1);
+    QVERIFY(observer.isNull());
+}
+
+void tst_ParsedData::queuedDelivery()
+{
+    RecordRelay sender;
+    RecordRelay receiver;
+    QThread thread;
+    receiver.moveToThread(&thread);
+    QVERIFY(connect(&sender, &RecordRelay::send, &receiver, &RecordRelay::receive,
+                    Qt::QueuedConnection));
+    thread.start();
+
+    QList<shared_parsedData> sent;
+    for (int i = 0; i < 100; ++i) {
+        const shared_parsedData record(new ParsedData);
+        record->setOriginalMessage(QByteArray::number(i));
+        sent.append(record);
+        Q_EMIT sender.send(record);
+    }
+    // By name too, under either of the type's names.
+    QVERIFY(QMetaObject::invokeMethod(&receiver, "receive", Qt::QueuedConnection,
+                                      Q_ARG(shared_parsedData, sent[0])));
+    QVERIFY(QMetaObject::invokeMethod(&receiver, "receive", Qt::QueuedConnection,
+                                      Q_ARG(QSharedPointer<ParsedData>, sent[1])));
+
+    // Runs when everything queued before it has run.
+    QVERIFY(QMetaObject::invokeMethod(
+            &receiver, [] {}, Qt::BlockingQueuedConnection));
+    thread.quit();
+    QVERIFY(thread.wait());
+
+    // The same records, not copies of them.
+    sent.append({sent[0], sent[1]});
+    QCOMPARE(receiver.received, sent);
+}
+
+void tst_ParsedData::queuedEventHoldsTheRecord()
+{
+    RecordRelay sender;
+    RecordRelay receiver;
+    receiver.keep = false;
+    connect(&sender, &RecordRelay::send, &receiver, &RecordRelay::receive, Qt::QueuedConnection);
+
+    shared_parsedData record(new ParsedData);
+    const QWeakPointer<ParsedData> observer = record;
+    Q_EMIT sender.send(record);
+    record.reset();
+    QVERIFY(!observer.isNull());
+
+    QTRY_COMPARE(receiver.count.load(), 1);
+    QVERIFY(observer.isNull());
+
+    // An undelivered record goes with the event.
+    {
+        RecordRelay gone;
+        connect(&sender, &RecordRelay::send, &gone, &RecordRelay::receive, Qt::QueuedConnection);
+        sender.disconnect(&receiver);
+        record.reset(new ParsedData);
+        const QWeakPointer<ParsedData> second = record;
+        Q_EMIT sender.send(record);
+        record.reset();
+        QVERIFY(!second.isNull());
+    }
+}
+
+void tst_ParsedData::settersWaitForReaders_data()
+{
+    QTest::addColumn<Access>("setter");
+    QTest::newRow("setFormat") << Access([](ParsedData &r) { r.setFormat(QStringLiteral("x")); });
+    QTest::newRow("setPluginId") << Access(
+            [](ParsedData &r) { r.setPluginId(QStringLiteral("x")); });
+    QTest::newRow("addPluginSubId") << Access(
+            [](ParsedData &r) { r.addPluginSubId(QStringLiteral("x"), QStringLiteral("x")); });
+    QTest::newRow("setPeerAddress")
+            << Access([](ParsedData &r) { r.setPeerAddress(QStringLiteral("x")); });
+    QTest::newRow("setPeerPort") << Access([](ParsedData &r) { r.setPeerPort(1); });
+    QTest::newRow("setOriginalMessage")
+            << Access([](ParsedData &r) { r.setOriginalMessage(QByteArrayLiteral("x")); });
+    QTest::newRow("setDeviceId") << Access(
+            [](ParsedData &r) { r.setDeviceId(QStringLiteral("x")); });
+    QTest::newRow("setSource") << Access([](ParsedData &r) { r.setSource(QStringLiteral("x")); });
+    QTest::newRow("setData") << Access([](ParsedData &r) {
+        r.setData({{QStringLiteral("x"), QStringLiteral("x")}});
+    });
+    QTest::newRow("setParsed") << Access([](ParsedData &r) { r.setParsed(true); });
+    QTest::newRow("setGPSPosData") << Access([](ParsedData &r) { r.setGPSPosData(true); });
+    QTest::newRow("setDevice") << Access([](ParsedData &r) {
+        static Device device;
+        r.setDevice(&device);
+    });
+}
+
+void tst_ParsedData::settersWaitForReaders()
+{
+    QFETCH(Access, setter);
+    ParsedData record;
+    QReadWriteLock &lock = lockOf(record);
+    lock.lockForRead();
+    std::atomic<bool> done = false;
+    const auto thread = runInThread([&] {
+        setter(record);
+        done = true;
+    });
+
+    QTRY_VERIFY_WITH_TIMEOUT(writerWaits(lock) || done, 60000);
+    const bool waited = !done;
+    lock.unlock();
+
+    QVERIFY(thread->wait());
+    QVERIFY(waited);
+    QVERIFY(done);
+}
+
+void tst_ParsedData::gettersWaitForWriters_data()
+{
+    QTest::addColumn<Access>("getter");
+    QTest::newRow("getFormat") << Access([](ParsedData &r) { r.getFormat(); });
+    QTest::newRow("getPluginId") << Access([](ParsedData &r) { r.getPluginId(); });
+    QTest::newRow("getPluginSubId") << Access([](ParsedData &r) { r.getPluginSubId(); });
+    QTest::newRow("getPluginSubIdKey")
+            << Access([](ParsedData &r) { r.getPluginSubIdKey(QStringLiteral("x")); });
+    QTest::newRow("getPeerAddress") << Access([](ParsedData &r) { r.getPeerAddress(); });
+    QTest::newRow("getPeerPort") << Access([](ParsedData &r) { r.getPeerPort(); });
+    QTest::newRow("getOriginalMessage") << Access([](ParsedData &r) { r.getOriginalMessage(); });
+    QTest::newRow("getDataLength") << Access([](ParsedData &r) { r.getDataLength(); });
+    QTest::newRow("getDeviceId") << Access([](ParsedData &r) { r.getDeviceId(); });
+    QTest::newRow("getSource") << Access([](ParsedData &r) { r.getSource(); });
+    QTest::newRow("getData") << Access([](ParsedData &r) { r.getData(); });
+    QTest::newRow("isParsed") << Access([](ParsedData &r) { r.isParsed(); });
+    QTest::newRow("isGPSPosData") << Access([](ParsedData &r) { r.isGPSPosData(); });
+    QTest::newRow("getDevice") << Access([](ParsedData &r) { r.getDevice(); });
+    QTest::newRow("getDataId") << Access([](ParsedData &r) { r.getDataId(); });
+}
+
+// A waiting reader cannot be seen from outside. So a getter that takes no lock gets many chances to
+// finish while the lock is held for writing; one that takes it never can.
+void tst_ParsedData::gettersWaitForWriters()
+{
+    QFETCH(Access, getter);
+    ParsedData record;
+    QReadWriteLock &lock = lockOf(record);
+    for (int i = 0; i < 20; ++i) {
+        lock.lockForWrite();
+        QSemaphore started;
+        std::atomic<bool> done = false;
+        const auto thread = runInThread([&] {
+            started.release();
+            getter(record);
+            done = true;
+        });
+        started.acquire();
+        for (int turn = 0; turn < 50 && !done; ++turn)
+            QThread::yieldCurrentThread();
+        const bool waited = !done;
+        lock.unlock();
+
+        QVERIFY(thread->wait());
+        QVERIFY(waited);
+    }
+}
+
+void tst_ParsedData::readersRunInParallel()
+{
+    ParsedData record;
+    record.setPluginId(QStringLiteral("p"));
+    const QReadLocker locker(&lockOf(record));
+    QString id;
+    const auto thread = runInThread([&] { id = record.getDataId(); });
+    QVERIFY(thread->wait());
+    QCOMPARE(id, QStringLiteral("p-:0"));
+}
+
+void tst_ParsedData::deliberatelyUnlocked()
+{
+    ParsedData record;
+    record.setData({{QStringLiteral("a"), QStringLiteral("b")}});
+    const QWriteLocker locker(&lockOf(record)); // would hang a function that takes the lock
+    QCOMPARE(record.getField(QStringLiteral("a")), QStringLiteral("b"));
+    QCOMPARE(record.getField(QStringLiteral("c")), QStringLiteral("<undef>"));
+    QVERIFY(record.getTimestamp(QTimeZone::utc()).endsWith(QLatin1Char('Z')));
+}
+
+// Writers keep each member at one of a few whole values; readers must never see another.
+void tst_ParsedData::concurrentAccess()
+{
+    constexpr int Rounds = 3000;
+    constexpr int Pairs = 3;
+    const shared_parsedData record(new ParsedData);
+    const auto text = [](int i) { return QString(20, QLatin1Char(char('a' + i % 10))); };
+    const auto whole = [](const QString &value) {
+        return value.isEmpty() || value == QString(20, value.front());
+    };
+    record->setData({{QStringLiteral("field"), QStringLiteral("value")}});
+    std::atomic<int> torn = 0;
+
+    std::vector<std::unique_ptr<QThread>> threads;
+    for (int pair = 0; pair < Pairs; ++pair) {
+        threads.push_back(runInThread([record, text] {
+            for (int i = 0; i < Rounds; ++i) {
+                record->setFormat(text(i));
+                record->setPluginId(text(i + 1));
+                record->setPeerAddress(text(i + 2));
+                record->setOriginalMessage(text(i).toLatin1());
+                record->addPluginSubId(QStringLiteral("task"), text(i));
+                record->addPluginSubId(QString::number(i % 50), text(i + 1));
+                record->setDeviceId(text(i));
+                record->setSource(text(i));
+                record->setPeerPort(i % 2 ? 0xFFFF : 0);
+                record->setParsed(i % 2);
+            }
+        }));
+        threads.push_back(runInThread([record, whole, &torn] {
+            for (int i = 0; i < Rounds; ++i) {
+                const int length = record->getDataLength();
+                const unsigned short port = record->getPeerPort();
+                const QMap<QString, QString> subIds = record->getPluginSubId();
+                if (!whole(record->getFormat()) || !whole(record->getPluginId())
+                    || !whole(record->getPeerAddress()) || !whole(record->getDeviceId())
+                    || !whole(QString::fromLatin1(record->getOriginalMessage()))
+                    || !whole(record->getPluginSubIdKey(QStringLiteral("task")))
+                    || !whole(record->getSource()) || subIds.size() > 51
+                    || (length != 0 && length != 20) || (port != 0 && port != 0xFFFF)
+                    || record->getField(QStringLiteral("field")) != QStringLiteral("value")
+                    || record->getTimestamp(QTimeZone::utc()).isEmpty())
+                    ++torn;
+            }
+        }));
+    }
+    for (const auto &thread : threads)
+        QVERIFY(thread->wait());
+
+    QCOMPARE(torn.load(), 0);
+    QCOMPARE(record->getPluginSubId().size(), 51);
+}
+
+QTEST_GUILESS_MAIN(tst_ParsedData)
+
+#include "tst_parseddata.moc"

@@ -1,0 +1,198 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "ssl/ssl.h"
+#include "tcpinput/tcpinputplugin2.h"
+#include "tcpinput/tcptask2.h"
+#include "tests/kit/loglines.h"
+#include "tests/kit/play.h"
+#include "tests/kit/testaddress.h"
+#include "tests/kit/tlsdevice.h"
+
+#include <QtCore/QJsonObject>
+#include <QtCore/QSemaphore>
+#include <QtNetwork/QSslServer>
+#include <QtTest/QtTest>
+
+#include <linux/sockios.h>
+
+namespace {
+
+constexpr int HangGuardMs = 60000;
+constexpr int MessageBytes = 16000;
+constexpr int UnsentBytes = 4 * MessageBytes; // far below what the kernel takes
+
+QString text(const char *latin1)
+{
+    return QString::fromLatin1(latin1);
+}
+
+int countOf(const NativeSocket &socket, unsigned long request)
+{
+    int count = -1;
+    ::ioctl(socket.descriptor(), request, &count);
+    return count;
+}
+
+// Encrypted bytes that the device has not read.
+int unread(const TlsDevice &device)
+{
+    return countOf(device.socket, FIONREAD);
+}
+
+// Bytes that the device's kernel has taken and not sent yet.
+int unsent(const TlsDevice &device)
+{
+    return countOf(device.socket, SIOCOUTQNSD);
+}
+
+} // namespace
+
+/*!
+    What a TLS device that never reads after the handshake has to fear: bytes from the server that
+    lie unread in its kernel when it closes.
+*/
+class tst_SessionTickets : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+
+    void nothingIsLeftToRead_data();
+    void nothingIsLeftToRead();
+    void closesWithoutReading_data();
+    void closesWithoutReading();
+    void otherServersIssueThem();
+
+private:
+    bool connectAndGreet(TlsDevice &device);
+    bool waitForLine(const QString &line)
+    {
+        return QTest::qWaitFor([&] { return !(log += takeLog()).filter(line).isEmpty(); },
+                               HangGuardMs);
+    }
+
+    quint16 port = 0;
+    std::unique_ptr<TcpInputPlugin2> plugin;
+    QByteArray received; // the last offer; nothing is ever discarded
+    std::unique_ptr<MessageCapture> capture;
+    QStringList log;
+};
+
+void tst_SessionTickets::init()
+{
+    capture = std::make_unique<MessageCapture>();
+    port = freePort();
+    plugin = std::make_unique<TcpInputPlugin2>(
+            nullptr,
+            QJsonObject{{text("ipAddr"), testAddress().toString()},
+                        {text("port"), port},
+                        {text("ssl"), serverTls()},
+                        {text("threadpoolSize"), 1}});
+    connect(plugin.get(), &IInputPlugin::receivedData, this,
+            [this](const shared_parsedData &record) { received = record->getOriginalMessage(); });
+    QVERIFY(plugin->start());
+}
+
+void tst_SessionTickets::cleanup()
+{
+    plugin.reset();
+    capture.reset();
+    received.clear();
+    log.clear();
+}
+
+// Whatever the server says at the end of a handshake, it has said when this returns.
+bool tst_SessionTickets::connectAndGreet(TlsDevice &device)
+{
+    bool sent = false;
+    const bool played = play([&] {
+        if (!device.connect(testAddress(), port) || !device.handshake())
+            return;
+        device.write("hello");
+        sent = device.flush();
+    });
+    return played && sent && QTest::qWaitFor([this] { return received == "hello"; }, HangGuardMs);
+}
+
+void tst_SessionTickets::nothingIsLeftToRead_data()
+{
+    QTest::addColumn<int>("version");
+    QTest::newRow("1.2") << TLS1_2_VERSION;
+    QTest::newRow("1.3") << TLS1_3_VERSION;
+}
+
+void tst_SessionTickets::nothingIsLeftToRead()
+{
+    QFETCH(int, version);
+    TlsDevice device(version);
+    QVERIFY(connectAndGreet(device));
+    QCOMPARE(unread(device), 0);
+}
+
+void tst_SessionTickets::closesWithoutReading_data()
+{
+    nothingIsLeftToRead_data();
+}
+
+// The worker does not read until the device has closed, with bytes in its kernel that had no room
+// in the server's. Had the device anything unread, they would be thrown away.
+void tst_SessionTickets::closesWithoutReading()
+{
+    QFETCH(int, version);
+    TlsDevice device(version);
+    QVERIFY(connectAndGreet(device));
+
+    QSemaphore stalled;
+    QSemaphore goOn;
+    QMetaObject::invokeMethod(
+            plugin->workers().allTasks().first(),
+            [&] {
+                stalled.release();
+                goOn.acquire();
+            },
+            Qt::QueuedConnection);
+    stalled.acquire();
+    QByteArray sent("hello");
+    while (unsent(device) < UnsentBytes) {
+        const QByteArray message(MessageBytes, static_cast<char>('a' + sent.size() % 26));
+        device.write(message);
+        if (!device.flush())
+            break;
+        sent += message;
+    }
+    const bool full = unsent(device) >= UnsentBytes;
+    device.socket.close();
+    goOn.release();
+
+    QVERIFY(full);
+    QVERIFY(waitForLine(text("TcpClient: closing connection")));
+    QTRY_COMPARE_WITH_TIMEOUT(received.size(), sent.size(), HangGuardMs);
+    QVERIFY(received == sent);
+}
+
+// The host may serve TLS, too: its servers stay as they are.
+void tst_SessionTickets::otherServersIssueThem()
+{
+    QSslConfiguration tls;
+    QVERIFY(ssl::readSslConfig(serverTls(), tls));
+    QSslServer hosts;
+    hosts.setSslConfiguration(tls);
+    QVERIFY(hosts.listen(testAddress()));
+
+    TlsDevice ours(TLS1_3_VERSION);
+    QVERIFY(connectAndGreet(ours)); // ours comes first, so it could have spoilt it
+    TlsDevice theirs(TLS1_3_VERSION);
+    bool arrived = false;
+    QVERIFY(play([&] {
+        arrived = theirs.connect(testAddress(), hosts.serverPort()) && theirs.handshake()
+                && theirs.flush() && NativeSocket::waitFor([&] { return unread(theirs) > 0; });
+    }));
+    QVERIFY(arrived);
+    QCOMPARE(unread(ours), 0);
+}
+
+QTEST_GUILESS_MAIN(tst_SessionTickets)
+#include "tst_sessiontickets.moc"

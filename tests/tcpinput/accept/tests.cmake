@@ -1,0 +1,10 @@
+# SPDX-FileCopyrightText: the tcpinputplugin2 authors
+# SPDX-License-Identifier: MIT
+
+core_test(tst_acceptguard)
+core_test(tst_pendingconnections)
+core_test(tst_tcpserver 300)
+core_test(tst_listening)
+test_uses_certificates(tst_listening)
+tls_test(core tst_tlsfaults 900)
+tls_test(core tst_tlshandshake)

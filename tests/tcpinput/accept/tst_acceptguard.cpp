@@ -1,0 +1,309 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "tcpinput/accept/tcpserver.h"
+#include "tests/kit/loglines.h"
+#include "tests/kit/messagecapture.h"
+#include "tests/kit/nativesocket.h"
+#include "tests/kit/nofreedescriptors.h"
+
+#include <QtCore/QEvent>
+#include <QtCore/QSocketNotifier>
+#include <QtCore/QTimer>
+#include <QtNetwork/QTcpSocket>
+#include <QtTest/QTest>
+
+#include <memory>
+#include <vector>
+
+namespace {
+
+const QHostAddress LocalAddress(QStringLiteral("127.65.0.1"));
+constexpr int HangGuardMs = 60000;
+
+//! Counts how often the server is told of something to accept.
+class Activations : public QObject
+{
+public:
+    explicit Activations(QTcpServer *server) : notifier(server->findChild<QSocketNotifier *>())
+    {
+        notifier->installEventFilter(this);
+    }
+    bool eventFilter(QObject *, QEvent *event) override
+    {
+        count += event->type() == QEvent::SockAct ? 1 : 0;
+        return false;
+    }
+
+    QSocketNotifier *const notifier;
+    int count = 0;
+};
+
+} // namespace
+
+// The server without free file descriptors; they are this whole process's.
+class tst_AcceptGuard : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+
+    void nothingHappensWithDescriptors();
+    void outAndBack_data();
+    void outAndBack();
+    void descriptorsComeBackOneByOne();
+    void afterTheFirstAcceptFailedNothingPauses();
+    void nothingIsAcceptedWhileHeld();
+    void heldAfterTheFirstAcceptFailed();
+    void heldWhileOut();
+    void closeWhileOut();
+    void destructionWhileOut();
+
+private:
+    void prepareDevices(int count);
+    void connectDevices();
+    static void waitForTimers(int count);
+
+    std::unique_ptr<MessageCapture> capture;
+    std::unique_ptr<TcpServer> server;
+    std::vector<NativeSocket> devices;
+    int accepted = 0;
+    int out = 0;
+    int back = 0;
+};
+
+void tst_AcceptGuard::init()
+{
+    capture = std::make_unique<MessageCapture>();
+    server = std::make_unique<TcpServer>(nullptr);
+    accepted = out = back = 0;
+    connect(server.get(), &QTcpServer::newConnection, this, [this] { ++accepted; });
+    connect(&server->guard, &AcceptGuard::descriptorsOut, this, [this] { ++out; });
+    connect(&server->guard, &AcceptGuard::descriptorsBack, this, [this] { ++back; });
+    QVERIFY(server->listen(LocalAddress, 0));
+}
+
+void tst_AcceptGuard::cleanup()
+{
+    server.reset();
+    devices.clear();
+    QCOMPARE(takeLog(), QStringList());
+    capture.reset();
+}
+
+// Their descriptors are needed before none are left.
+void tst_AcceptGuard::prepareDevices(int count)
+{
+    devices.clear();
+    for (int i = 0; i < count; ++i)
+        devices.push_back(NativeSocket::unconnected(LocalAddress));
+}
+
+void tst_AcceptGuard::connectDevices()
+{
+    for (NativeSocket &device : devices)
+        QVERIFY(device.connect(LocalAddress, server->serverPort()));
+}
+
+// Each of them has fired at least that often, less one, when this returns.
+void tst_AcceptGuard::waitForTimers(int count)
+{
+    QTimer fence;
+    int ticks = 0;
+    connect(&fence, &QTimer::timeout, &fence, [&] { ++ticks; });
+    fence.start(100);
+    QTRY_VERIFY_WITH_TIMEOUT(ticks >= count, HangGuardMs);
+}
+
+void tst_AcceptGuard::nothingHappensWithDescriptors()
+{
+    prepareDevices(50);
+    connectDevices();
+    QTRY_COMPARE_WITH_TIMEOUT(accepted, 50, HangGuardMs);
+    waitForTimers(3);
+    QCOMPARE(out, 0);
+    QCOMPARE(back, 0);
+}
+
+void tst_AcceptGuard::outAndBack_data()
+{
+    QTest::addColumn<int>("acceptedBefore");
+    QTest::newRow("the first connection") << 0; // Qt reports the error, and stops accepting
+    QTest::newRow("a later one") << 1; // Qt takes the error for a passing one, and goes on
+}
+
+void tst_AcceptGuard::outAndBack()
+{
+    QFETCH(int, acceptedBefore);
+    constexpr int Devices = 5;
+    const Activations activations(server.get());
+    prepareDevices(acceptedBefore);
+    connectDevices();
+    QTRY_COMPARE_WITH_TIMEOUT(accepted, acceptedBefore, HangGuardMs);
+
+    // Twice: every episode is told of once.
+    for (int episode = 1; episode <= 2; ++episode) {
+        prepareDevices(Devices);
+        auto noDescriptors = std::make_unique<NoFreeDescriptors>();
+        connectDevices();
+        QTRY_COMPARE_WITH_TIMEOUT(out, episode, HangGuardMs);
+        const int before = activations.count;
+        waitForTimers(5);
+        QCOMPARE(activations.count, before);
+        QCOMPARE(out, episode);
+        QCOMPARE(back, episode - 1);
+
+        noDescriptors.reset();
+        QTRY_COMPARE_WITH_TIMEOUT(accepted, acceptedBefore + episode * Devices, HangGuardMs);
+        QTRY_COMPARE_WITH_TIMEOUT(back, episode, HangGuardMs);
+        waitForTimers(3);
+        QCOMPARE(out, episode);
+        QCOMPARE(back, episode);
+    }
+    for (int i = 0; i < accepted; ++i)
+        QVERIFY(std::unique_ptr<QTcpSocket>(server->nextPendingConnection()));
+    // A few for each accepted connection and each attempt, not one for each turn of the loop.
+    QVERIFY2(activations.count < 40, QByteArray::number(activations.count));
+}
+
+// Accepting one connection and running out again is no end of the episode.
+void tst_AcceptGuard::descriptorsComeBackOneByOne()
+{
+    constexpr int Devices = 6;
+    prepareDevices(1);
+    connectDevices();
+    QTRY_COMPARE_WITH_TIMEOUT(accepted, 1, HangGuardMs);
+    prepareDevices(Devices);
+    NoFreeDescriptors noDescriptors;
+    connectDevices();
+    QTRY_COMPARE_WITH_TIMEOUT(out, 1, HangGuardMs);
+
+    for (int i = 1; i < Devices; ++i) {
+        noDescriptors.giveBack(1);
+        QTRY_COMPARE_WITH_TIMEOUT(accepted, 1 + i, HangGuardMs);
+        QCOMPARE(out, 1);
+        QCOMPARE(back, 0);
+    }
+    noDescriptors.giveBack(2);
+    QTRY_COMPARE_WITH_TIMEOUT(accepted, 1 + Devices, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(back, 1, HangGuardMs);
+    QCOMPARE(out, 1);
+}
+
+// Qt keeps the first error of a socket and reports it again whenever there is nothing to accept.
+void tst_AcceptGuard::afterTheFirstAcceptFailedNothingPauses()
+{
+    const Activations activations(server.get());
+    prepareDevices(1);
+    {
+        const NoFreeDescriptors noDescriptors;
+        connectDevices();
+        QTRY_COMPARE_WITH_TIMEOUT(out, 1, HangGuardMs);
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(back, 1, HangGuardMs);
+
+    for (int i = 2; i <= 10; ++i) {
+        prepareDevices(1);
+        connectDevices();
+        QTRY_COMPARE_WITH_TIMEOUT(accepted, i, HangGuardMs);
+        QVERIFY(activations.notifier->isEnabled());
+    }
+    QCOMPARE(out, 1);
+    QCOMPARE(back, 1);
+}
+
+void tst_AcceptGuard::nothingIsAcceptedWhileHeld()
+{
+    server->guard.hold(true);
+    prepareDevices(3);
+    connectDevices();
+    waitForTimers(3);
+    QCOMPARE(accepted, 0);
+
+    server->guard.hold(false);
+    QTRY_COMPARE_WITH_TIMEOUT(accepted, 3, HangGuardMs);
+    waitForTimers(3);
+    QCOMPARE(out, 0);
+    QCOMPARE(back, 0);
+}
+
+// Qt then reports an error after the connection that the receiver wants to be the last.
+void tst_AcceptGuard::heldAfterTheFirstAcceptFailed()
+{
+    prepareDevices(1);
+    {
+        const NoFreeDescriptors noDescriptors;
+        connectDevices();
+        QTRY_COMPARE_WITH_TIMEOUT(out, 1, HangGuardMs);
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(back, 1, HangGuardMs);
+    connect(server.get(), &QTcpServer::newConnection, this, [this] { server->guard.hold(true); });
+    prepareDevices(1);
+    connectDevices();
+    QTRY_COMPARE_WITH_TIMEOUT(accepted, 2, HangGuardMs);
+
+    prepareDevices(1);
+    connectDevices();
+    waitForTimers(3);
+    QCOMPARE(accepted, 2);
+    server->guard.hold(false);
+    QTRY_COMPARE_WITH_TIMEOUT(accepted, 3, HangGuardMs);
+}
+
+// The descriptors that come back are not for new connections, and the episode lasts.
+void tst_AcceptGuard::heldWhileOut()
+{
+    prepareDevices(3);
+    {
+        const NoFreeDescriptors noDescriptors;
+        connectDevices();
+        QTRY_COMPARE_WITH_TIMEOUT(out, 1, HangGuardMs);
+        server->guard.hold(true);
+    }
+    waitForTimers(3);
+    QCOMPARE(accepted, 0);
+    QCOMPARE(back, 0);
+
+    server->guard.hold(false);
+    QTRY_COMPARE_WITH_TIMEOUT(accepted, 3, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(back, 1, HangGuardMs);
+    QCOMPARE(out, 1);
+}
+
+void tst_AcceptGuard::closeWhileOut()
+{
+    prepareDevices(3);
+    {
+        const NoFreeDescriptors noDescriptors;
+        connectDevices();
+        QTRY_COMPARE_WITH_TIMEOUT(out, 1, HangGuardMs);
+        server->close();
+        waitForTimers(3);
+        QCOMPARE(out, 1);
+        QCOMPARE(back, 1);
+    }
+    QVERIFY(server->listen(LocalAddress, 0));
+    prepareDevices(1);
+    connectDevices();
+    QTRY_COMPARE_WITH_TIMEOUT(accepted, 1, HangGuardMs);
+    waitForTimers(3);
+    QCOMPARE(out, 1);
+    QCOMPARE(back, 1);
+}
+
+void tst_AcceptGuard::destructionWhileOut()
+{
+    prepareDevices(3);
+    const NoFreeDescriptors noDescriptors;
+    connectDevices();
+    QTRY_COMPARE_WITH_TIMEOUT(out, 1, HangGuardMs);
+    server.reset();
+    waitForTimers(3);
+    QCOMPARE(out, 1);
+    QCOMPARE(back, 0);
+}
+
+QTEST_GUILESS_MAIN(tst_AcceptGuard)
+#include "tst_acceptguard.moc"

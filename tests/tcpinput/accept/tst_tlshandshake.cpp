@@ -1,0 +1,374 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "tcpinput/accept/tlshandshake.h"
+#include "tcpinput/tcpinputplugin2.h"
+#include "tests/kit/messagecapture.h"
+#include "tests/kit/play.h"
+#include "tests/kit/processresources.h"
+#include "tests/kit/testaddress.h"
+#include "tests/kit/tlsdevice.h"
+
+#include <QtCore/QAbstractEventDispatcher>
+#include <QtCore/QJsonObject>
+#include <QtNetwork/QSslPreSharedKeyAuthenticator>
+#include <QtTest/QtTest>
+
+#include <functional>
+#include <memory>
+
+namespace {
+
+constexpr int HangGuardMs = 60000;
+
+const QByteArray BrokenHello("\x16\x03\x01\x00\x05hello", 10);
+const QByteArray FatalAlert("\x15\x03\x03\x00\x02\x02\x28", 7); // handshake_failure
+
+QString text(const char *latin1)
+{
+    return QString::fromLatin1(latin1);
+}
+
+// As a dialog does. All that was there when it began is done when it returns, deletions included.
+void runEventLoop()
+{
+    for (int turn = 0; turn < 20; ++turn) {
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 1);
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    }
+    // If the outer loop was told to quit in here, Qt's own dispatcher has forgotten that it was
+    // woken.
+    QAbstractEventDispatcher::instance()->wakeUp();
+}
+
+} // namespace
+
+// What the server tells while a handshake is under way, and receivers that end the server in there.
+class tst_TlsHandshake : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+
+    void endsInsideASignal_data();
+    void endsInsideASignal();
+    void endsInsideASignalWithALoop_data() { endsInsideASignal_data(); }
+    void endsInsideASignalWithALoop();
+    void alertIsToldBeforeTheFailure();
+    void droppedHandshakeTellsNothing_data();
+    void droppedHandshakeTellsNothing();
+    void keyIsAskedFor_data();
+    void keyIsAskedFor();
+
+private:
+    enum class Told {
+        Started,
+        AlertSent,
+        AlertReceived,
+        KeyRequired,
+        VerifyError,
+        Errors,
+        Interrupted,
+        Failed,
+        Available
+    };
+    enum class End { Closes, Stops, Destroys };
+
+    void start(const QJsonObject &tls = serverTls());
+    SslServer &server() const { return *plugin->findChild<SslServer *>(); }
+    qsizetype handshakes() const
+    {
+        return plugin ? plugin->findChildren<TlsHandshake *>().size() : 0;
+    }
+    void onFirst(Told told, const std::function<void(QSslSocket *)> &action);
+    void prepare(Told told);
+    bool bringAbout(Told told);
+    void end(End way);
+
+    quint16 port = 0;
+    std::unique_ptr<TcpInputPlugin2> plugin;
+    std::unique_ptr<TlsDevice> device;
+    QList<QByteArray> records;
+    std::unique_ptr<MessageCapture> capture;
+};
+
+void tst_TlsHandshake::init()
+{
+    port = freePort();
+    capture = std::make_unique<MessageCapture>();
+}
+
+void tst_TlsHandshake::cleanup()
+{
+    plugin.reset();
+    device.reset();
+    records.clear();
+    capture.reset();
+}
+
+void tst_TlsHandshake::start(const QJsonObject &tls)
+{
+    plugin = std::make_unique<TcpInputPlugin2>(
+            nullptr,
+            QJsonObject{{text("ipAddr"), testAddress().toString()},
+                        {text("port"), port},
+                        {text("ssl"), tls},
+                        {text("threadpoolSize"), 1}});
+    connect(plugin.get(), &IInputPlugin::receivedData, this,
+            [this](const shared_parsedData &record) {
+                records.append(record->getOriginalMessage());
+            });
+    QVERIFY(plugin->start());
+    QVERIFY(server().isListening());
+}
+
+// What the server has to ask for, and the device to be, so that the server tells it.
+void tst_TlsHandshake::prepare(Told told)
+{
+    QJsonObject tls = serverTls();
+    tls.insert(text("verifyPeer"),
+               told == Told::VerifyError || told == Told::Errors || told == Told::Interrupted);
+    tls.insert(text("tlsDebug"), told == Told::Interrupted);
+    if (told == Told::AlertSent)
+        tls.insert(text("tlsVersion"), text("1.3"));
+    start(tls);
+
+    const bool older = told == Told::AlertSent || told == Told::AlertReceived;
+    device = std::make_unique<TlsDevice>(older ? TLS1_2_VERSION : TLS1_3_VERSION,
+                                         told == Told::Interrupted ? text("client-foreign")
+                                                                   : QString());
+    if (told == Told::KeyRequired)
+        device->offerSharedKey();
+    QVERIFY(device->connect(testAddress(), port));
+}
+
+// False if the connection does not end.
+bool tst_TlsHandshake::bringAbout(Told told)
+{
+    bool ended = false;
+    const bool played = play([&] {
+        if (told == Told::AlertReceived) {
+            device->handshakeUntilAnswer();
+            device->socket.send(FatalAlert);
+        } else if (told == Told::Failed) {
+            device->socket.send(BrokenHello);
+        } else if (device->handshake()) { // the server may still have to look at it
+            device->flush();
+        }
+        if (told == Told::Available)
+            device->socket
+                    .finish(); // a worker may have the connection, and the server not any more
+        ended = device->waitForEnd();
+    });
+    return played && ended;
+}
+
+// action: with the signal's socket, if it has one.
+void tst_TlsHandshake::onFirst(Told told, const std::function<void(QSslSocket *)> &action)
+{
+    const auto once = [action, done = std::make_shared<bool>(false)](QSslSocket *socket) {
+        if (!std::exchange(*done, true))
+            action(socket);
+    };
+    switch (told) {
+    case Told::Started:
+        connect(&server(), &QSslServer::startedEncryptionHandshake, this, once);
+        break;
+    case Told::AlertSent:
+        connect(&server(), &QSslServer::alertSent, this, once);
+        break;
+    case Told::AlertReceived:
+        connect(&server(), &QSslServer::alertReceived, this, once);
+        break;
+    case Told::KeyRequired:
+        connect(&server(), &QSslServer::preSharedKeyAuthenticationRequired, this, once);
+        break;
+    case Told::VerifyError:
+        connect(&server(), &QSslServer::peerVerifyError, this, once);
+        break;
+    case Told::Errors:
+        connect(&server(), &QSslServer::sslErrors, this, once);
+        break;
+    case Told::Interrupted:
+        connect(&server(), &QSslServer::handshakeInterruptedOnError, this, once);
+        break;
+    case Told::Failed:
+        connect(&server(), &QSslServer::errorOccurred, this, once);
+        break;
+    case Told::Available:
+        connect(&server(), &QTcpServer::pendingConnectionAvailable, this,
+                [once] { once(nullptr); });
+        break;
+    }
+}
+
+void tst_TlsHandshake::end(End way)
+{
+    if (way == End::Closes)
+        server().close();
+    else if (way == End::Stops)
+        plugin->stop();
+    else
+        plugin.reset();
+}
+
+void tst_TlsHandshake::endsInsideASignal_data()
+{
+    QTest::addColumn<Told>("told");
+    QTest::addColumn<End>("way");
+    const struct
+    {
+        const char *name;
+        Told told;
+    } signalsOfTheServer[] = {{"started", Told::Started},
+                              {"alert sent", Told::AlertSent},
+                              {"alert received", Told::AlertReceived},
+                              {"key required", Told::KeyRequired},
+                              {"verify error", Told::VerifyError},
+                              {"errors", Told::Errors},
+                              {"interrupted", Told::Interrupted},
+                              {"failed", Told::Failed},
+                              {"available", Told::Available}};
+    for (const auto &signal : signalsOfTheServer) {
+        QTest::addRow("%s, closes", signal.name) << signal.told << End::Closes;
+        QTest::addRow("%s, stops", signal.name) << signal.told << End::Stops;
+        QTest::addRow("%s, destroys", signal.name) << signal.told << End::Destroys;
+    }
+}
+
+// The receiver is called while the socket, and OpenSSL in it, are at work.
+void tst_TlsHandshake::endsInsideASignal()
+{
+    QFETCH(Told, told);
+    QFETCH(End, way);
+    const qsizetype before = openSockets();
+    prepare(told);
+    bool ended = false;
+    onFirst(told, [&](QSslSocket *socket) {
+        const QPointer<QSslSocket> atWork = socket;
+        end(way);
+        ended = true;
+        QVERIFY(atWork || !socket); // Qt goes on with it when this returns
+    });
+    QVERIFY(bringAbout(told));
+    QVERIFY(ended);
+    QTRY_COMPARE(handshakes(), 0);
+    plugin.reset();
+    device.reset();
+    QTRY_COMPARE(openSockets(), before);
+    QCOMPARE(records, QList<QByteArray>());
+}
+
+// The peer has gone when the server ends, and the socket's thread had time to notice.
+void tst_TlsHandshake::endsInsideASignalWithALoop()
+{
+    QFETCH(Told, told);
+    QFETCH(End, way);
+    const qsizetype before = openSockets();
+    prepare(told);
+    bool ended = false;
+    onFirst(told, [&](QSslSocket *) {
+        ::shutdown(device->socket.descriptor(), SHUT_RDWR);
+        runEventLoop();
+        end(way);
+        runEventLoop();
+        ended = true;
+    });
+    QVERIFY(bringAbout(told));
+    QTRY_VERIFY(ended);
+    QTRY_COMPARE(handshakes(), 0);
+    plugin.reset();
+    device.reset();
+    QTRY_COMPARE(openSockets(), before);
+}
+
+void tst_TlsHandshake::alertIsToldBeforeTheFailure()
+{
+    prepare(Told::AlertSent);
+    QStringList told;
+    connect(&server(), &QSslServer::startedEncryptionHandshake, this,
+            [&](QSslSocket *) { told += text("started"); });
+    connect(&server(), &QSslServer::alertSent, this,
+            [&](QSslSocket *socket, QSsl::AlertLevel level, QSsl::AlertType type) {
+                QVERIFY(socket);
+                QCOMPARE(level, QSsl::AlertLevel::Fatal);
+                QCOMPARE(type, QSsl::AlertType::ProtocolVersion);
+                told += text("alert");
+            });
+    connect(&server(), &QSslServer::errorOccurred, this,
+            [&](QSslSocket *, QAbstractSocket::SocketError) { told += text("error"); });
+    QVERIFY(bringAbout(Told::AlertSent));
+    QTRY_COMPARE(told, (QStringList{text("started"), text("alert"), text("error")}));
+    QTRY_COMPARE(handshakes(), 0);
+    QCOMPARE(told.size(), 3);
+}
+
+void tst_TlsHandshake::droppedHandshakeTellsNothing_data()
+{
+    QTest::addColumn<Told>("last");
+    QTest::addColumn<Told>("next");
+    QTest::newRow("an alert is on its way") << Told::Started << Told::AlertSent;
+    QTest::newRow("before the start is told") << Told::KeyRequired << Told::Started;
+    QTest::newRow("before the failure is told") << Told::AlertReceived << Told::Failed;
+    QTest::newRow("more than one about a certificate") << Told::VerifyError << Told::Errors;
+}
+
+void tst_TlsHandshake::droppedHandshakeTellsNothing()
+{
+    QFETCH(Told, last);
+    QFETCH(Told, next);
+    const Told subject = last == Told::Started ? next : last;
+    prepare(subject);
+    bool dropped = false;
+    bool told = false;
+    onFirst(last, [&](QSslSocket *) {
+        server().close();
+        dropped = true;
+    });
+    onFirst(next, [&](QSslSocket *) { told = true; });
+    QVERIFY(bringAbout(subject));
+    QTRY_COMPARE(handshakes(), 0);
+    QVERIFY(dropped);
+    QVERIFY(!told);
+}
+
+void tst_TlsHandshake::keyIsAskedFor_data()
+{
+    QTest::addColumn<bool>("loops");
+    QTest::newRow("answered at once") << false;
+    QTest::newRow("the receiver runs the event loop") << true;
+}
+
+// And the answer counts.
+void tst_TlsHandshake::keyIsAskedFor()
+{
+    QFETCH(bool, loops);
+    prepare(Told::KeyRequired);
+    QByteArray identity;
+    connect(&server(), &QSslServer::preSharedKeyAuthenticationRequired, this,
+            [&](QSslSocket *, QSslPreSharedKeyAuthenticator *authenticator) {
+                if (loops)
+                    runEventLoop();
+                identity = authenticator->identity();
+                authenticator->setPreSharedKey(TlsDevice::sharedKey());
+            });
+    bool ended = false;
+    QVERIFY(play([&] {
+        if (!device->handshake())
+            return;
+        device->write("hello");
+        device->writeCloseNotify();
+        device->flush();
+        device->socket.finish();
+        ended = device->waitForEnd();
+    }));
+    QVERIFY(ended);
+    QCOMPARE(identity, "device");
+    QVERIFY(device->usesSharedKey());
+    QTRY_VERIFY_WITH_TIMEOUT(records.contains("hello"), HangGuardMs);
+}
+
+QTEST_GUILESS_MAIN(tst_TlsHandshake)
+#include "tst_tlshandshake.moc"

@@ -1,0 +1,7 @@
+# SPDX-FileCopyrightText: the tcpinputplugin2 authors
+# SPDX-License-Identifier: MIT
+
+core_test(tst_backlogwatch)
+core_test(tst_inputbuffer)
+core_test(tst_receivingsocket)
+core_test(tst_recordmaker)

@@ -1,0 +1,332 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "tcpinput/receive/inputbuffer.h"
+
+#include <QtTest/QtTest>
+
+#include <cstring>
+
+namespace {
+
+QByteArray pattern(qsizetype size)
+{
+    QByteArray bytes(size, Qt::Uninitialized);
+    for (qsizetype n = 0; n < size; ++n)
+        bytes[n] = static_cast<char>('a' + n % 23);
+    return bytes;
+}
+
+// Also where the bytes do not end with their block.
+bool isTerminated(const QByteArray &bytes)
+{
+    return *(bytes.constData() + bytes.size()) == '\0';
+}
+
+} // namespace
+
+// Contents, and where they lie in memory.
+class tst_InputBuffer : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void appends();
+    void cuts_data();
+    void cuts();
+    void copiesStayAsTheyWere();
+
+    void smallReadsTakeLittleMemory();
+    void littleBehindALargeOfferTakesLittleMemory();
+    void whatComesBehindAnOfferIsCopiedOnce();
+    void restGoesInFront();
+    void cutReachesIntoWhatCameBehind();
+    void extends();
+    void blocks_data();
+    void blocks();
+    void foreignMemoryIsNotKept();
+
+    void cutOfSharedLargeRestCopiesNothing();
+    void cutOfSharedSmallRestCopiesIt();
+    void cutOfUnsharedCopiesNothing();
+    void memoryComesBack_data();
+    void memoryComesBack();
+    void everyCutIsTerminated();
+};
+
+void tst_InputBuffer::appends()
+{
+    InputBuffer buffer;
+    QCOMPARE(buffer.size(), 0);
+    QCOMPARE(buffer.copy(), QByteArray());
+    buffer.append("abc");
+    buffer.append("defg");
+    buffer.append({});
+    QCOMPARE(buffer.size(), 7);
+    QCOMPARE(buffer.copy(), QByteArray("abcdefg"));
+    buffer.clear();
+    QCOMPARE(buffer.size(), 0);
+    QCOMPARE(buffer.copy().capacity(), 0);
+}
+
+void tst_InputBuffer::cuts_data()
+{
+    QTest::addColumn<qsizetype>("len");
+    QTest::addColumn<qsizetype>("cut");
+    QTest::addColumn<QByteArray>("rest");
+
+    QTest::newRow("least") << std::numeric_limits<qsizetype>::min() << qsizetype(0)
+                           << QByteArray("0123456789");
+    QTest::newRow("-1") << qsizetype(-1) << qsizetype(0) << QByteArray("0123456789");
+    QTest::newRow("0") << qsizetype(0) << qsizetype(0) << QByteArray("0123456789");
+    QTest::newRow("1") << qsizetype(1) << qsizetype(1) << QByteArray("123456789");
+    QTest::newRow("9") << qsizetype(9) << qsizetype(9) << QByteArray("9");
+    QTest::newRow("10") << qsizetype(10) << qsizetype(10) << QByteArray();
+    QTest::newRow("11") << qsizetype(11) << qsizetype(10) << QByteArray();
+    QTest::newRow("greatest") << std::numeric_limits<qsizetype>::max() << qsizetype(10)
+                              << QByteArray();
+}
+
+void tst_InputBuffer::cuts()
+{
+    QFETCH(qsizetype, len);
+    QFETCH(qsizetype, cut);
+    QFETCH(QByteArray, rest);
+    for (const bool shared : {false, true}) {
+        InputBuffer buffer;
+        buffer.append("0123456789");
+        const QByteArray offered = shared ? buffer.copy() : QByteArray();
+        QCOMPARE(buffer.cutFront(len), cut);
+        QCOMPARE(buffer.size(), rest.size());
+        QCOMPARE(buffer.copy(), rest);
+        buffer.append("x");
+        QCOMPARE(buffer.copy(), rest + 'x');
+        QCOMPARE(offered, shared ? QByteArray("0123456789") : QByteArray());
+    }
+}
+
+void tst_InputBuffer::copiesStayAsTheyWere()
+{
+    InputBuffer buffer;
+    QList<QByteArray> copies;
+    QList<QByteArray> expected;
+    QByteArray model;
+    for (int n = 0; n < 200; ++n) {
+        const QByteArray bytes = pattern(n * 7 % 400 + 1);
+        buffer.append(bytes);
+        model += bytes;
+        copies.append(buffer.copy());
+        expected.append(QByteArray(model.constData(), model.size()));
+        buffer.cutFront(n * 13 % 300);
+        model.remove(0, n * 13 % 300);
+        QCOMPARE(buffer.copy(), model);
+    }
+    QCOMPARE(copies, expected);
+    for (const QByteArray &copy : std::as_const(copies))
+        QVERIFY(isTerminated(copy));
+}
+
+void tst_InputBuffer::smallReadsTakeLittleMemory()
+{
+    InputBuffer buffer;
+    buffer.append(pattern(17));
+    QVERIFY(buffer.copy().capacity() < 100);
+    buffer.clear();
+    const QByteArray offered = [&] {
+        buffer.append(pattern(17));
+        return buffer.copy();
+    }();
+    buffer.append(pattern(17)); // behind it
+    buffer.cutFront(17);
+    QVERIFY(buffer.copy().capacity() < 100);
+}
+
+// The room in front of it was for a rest that never came.
+void tst_InputBuffer::littleBehindALargeOfferTakesLittleMemory()
+{
+    InputBuffer buffer;
+    buffer.append(pattern(5000));
+    const QByteArray offered = buffer.copy();
+    buffer.append("little");
+    buffer.cutFront(5000);
+    QVERIFY(buffer.copy().capacity() < 100);
+    QCOMPARE(buffer.copy(), QByteArray("little"));
+}
+
+void tst_InputBuffer::whatComesBehindAnOfferIsCopiedOnce()
+{
+    InputBuffer buffer;
+    buffer.append(pattern(100000) + "begin");
+    const QByteArray offered = buffer.copy();
+    buffer.append("ning" + pattern(200000));
+    buffer.append(pattern(300000));
+    QCOMPARE(buffer.size(), 600009);
+    QCOMPARE(buffer.cutFront(100000), 100000);
+    QCOMPARE(buffer.size(), 500009);
+    buffer.append("!");
+    QCOMPARE(buffer.copy(), "beginning" + pattern(200000) + pattern(300000) + '!');
+    QCOMPARE(offered, pattern(100000) + "begin");
+}
+
+// The beginning of a message is put in front of what came behind it, which stays where it is.
+void tst_InputBuffer::restGoesInFront()
+{
+    InputBuffer buffer;
+    buffer.append(pattern(5000));
+    const QByteArray offered = buffer.copy();
+    buffer.append(pattern(100000));
+    buffer.cutFront(4000);
+    QVERIFY(buffer.copy().data_ptr().freeSpaceAtBegin() > 0); // of the 4,096 bytes left for it
+    QCOMPARE(buffer.copy(), pattern(5000).mid(4000) + pattern(100000));
+}
+
+void tst_InputBuffer::cutReachesIntoWhatCameBehind()
+{
+    InputBuffer buffer;
+    buffer.append("0123456789");
+    const QByteArray offered = buffer.copy();
+    buffer.append("abcdefghij");
+    QCOMPARE(buffer.cutFront(13), 13);
+    QCOMPARE(buffer.copy(), QByteArray("defghij"));
+    buffer.append("klm");
+    QCOMPARE(buffer.cutFront(100), 10);
+    QCOMPARE(buffer.copy(), QByteArray());
+    QCOMPARE(offered, QByteArray("0123456789"));
+}
+
+void tst_InputBuffer::extends()
+{
+    for (const bool shared : {false, true}) {
+        InputBuffer buffer;
+        buffer.append("0123456789");
+        const QByteArray offered = shared ? buffer.copy() : QByteArray();
+        buffer.append("ab");
+        std::memcpy(buffer.extend(8), "cdef", 4);
+        buffer.chop(4);
+        QCOMPARE(buffer.size(), 16);
+        QCOMPARE(buffer.copy(), QByteArray("0123456789abcdef"));
+        QVERIFY(isTerminated(buffer.copy()));
+        QCOMPARE(offered, shared ? QByteArray("0123456789") : QByteArray());
+    }
+}
+
+void tst_InputBuffer::blocks_data()
+{
+    QTest::addColumn<qsizetype>("before");
+    QTest::addColumn<bool>("shared");
+    QTest::addColumn<bool>("copied");
+    QTest::newRow("in an empty buffer") << qsizetype(0) << false << false;
+    QTest::newRow("behind an offer that its headroom takes") << qsizetype(4096) << true << false;
+    QTest::newRow("behind a larger offer") << qsizetype(4097) << true << true;
+    QTest::newRow("behind what nobody holds") << qsizetype(10) << false << true;
+}
+
+void tst_InputBuffer::blocks()
+{
+    QFETCH(qsizetype, before);
+    QFETCH(bool, shared);
+    QFETCH(bool, copied);
+    InputBuffer buffer;
+    buffer.append(pattern(before));
+    const QByteArray offered = shared ? buffer.copy() : QByteArray();
+    QByteArray block = InputBuffer::emptyBlock(100000);
+    block.append(pattern(100000));
+    const char *const where = block.constData();
+
+    buffer.appendBlock(std::move(block));
+
+    QCOMPARE(buffer.size(), before + 100000);
+    const QByteArray all = buffer.copy();
+    QVERIFY(all == pattern(before) + pattern(100000));
+    QVERIFY(isTerminated(all));
+    QCOMPARE(all.constData() + before == where, !copied);
+    QCOMPARE(offered, shared ? pattern(before) : QByteArray());
+    QVERIFY(all.capacity() <= 2 * all.size());
+}
+
+void tst_InputBuffer::foreignMemoryIsNotKept()
+{
+    static const char bytes[] = "for a while only";
+    InputBuffer buffer;
+    buffer.append(QByteArrayView(bytes, sizeof bytes - 1));
+    QVERIFY(buffer.copy().constData() != bytes);
+    QCOMPARE(buffer.copy(), QByteArray(bytes));
+}
+
+void tst_InputBuffer::cutOfSharedLargeRestCopiesNothing()
+{
+    InputBuffer buffer;
+    buffer.append(pattern(100000));
+    const QByteArray offered = buffer.copy();
+    buffer.cutFront(100);
+    QCOMPARE(buffer.copy().constData(), offered.constData() + 100);
+    QCOMPARE(buffer.copy(), offered.mid(100));
+
+    buffer.append("more"); // not into the memory of the record
+    QCOMPARE(offered, pattern(100000));
+    QVERIFY(isTerminated(offered));
+    QCOMPARE(buffer.copy(), offered.mid(100) + "more");
+}
+
+void tst_InputBuffer::cutOfSharedSmallRestCopiesIt()
+{
+    InputBuffer buffer;
+    buffer.append(pattern(100000));
+    const QByteArray offered = buffer.copy();
+    buffer.cutFront(99990);
+    QVERIFY(buffer.copy().capacity() < 100);
+    QCOMPARE(buffer.copy(), offered.mid(99990));
+}
+
+void tst_InputBuffer::cutOfUnsharedCopiesNothing()
+{
+    InputBuffer buffer;
+    buffer.append(pattern(100000));
+    const char *where = buffer.copy().constData();
+    buffer.cutFront(100);
+    QCOMPARE(buffer.copy().constData(), where + 100);
+}
+
+void tst_InputBuffer::memoryComesBack_data()
+{
+    QTest::addColumn<bool>("shared");
+    QTest::newRow("each offer is held until the next") << true;
+    QTest::newRow("offers are gone") << false;
+}
+
+// A backlog that is consumed message by message: what is copied altogether is no more than the
+// backlog, since each copy is half as large as the one before.
+void tst_InputBuffer::memoryComesBack()
+{
+    QFETCH(bool, shared);
+    constexpr qsizetype Message = 100;
+    constexpr qsizetype Backlog = 1 << 20;
+    InputBuffer buffer;
+    buffer.append(pattern(Backlog));
+    qsizetype copied = 0;
+    while (buffer.size() > Message) {
+        const QByteArray offered = buffer.copy();
+        const char *where = offered.constData();
+        if (!shared)
+            const_cast<QByteArray &>(offered).clear();
+        buffer.cutFront(Message);
+        const QByteArray rest = buffer.copy();
+        copied += rest.constData() == where + Message ? 0 : rest.size();
+        QVERIFY(rest.capacity() <= 2 * rest.size() + 64);
+    }
+    QVERIFY2(copied <= Backlog, qPrintable(QString::number(copied)));
+}
+
+void tst_InputBuffer::everyCutIsTerminated()
+{
+    InputBuffer buffer;
+    buffer.append(pattern(3000));
+    while (buffer.size() > 0) {
+        const QByteArray offered = buffer.copy();
+        QVERIFY(isTerminated(offered));
+        buffer.cutFront(7);
+    }
+}
+
+QTEST_GUILESS_MAIN(tst_InputBuffer)
+#include "tst_inputbuffer.moc"

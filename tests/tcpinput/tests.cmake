@@ -1,0 +1,18 @@
+# SPDX-FileCopyrightText: the tcpinputplugin2 authors
+# SPDX-License-Identifier: MIT
+
+core_test(tst_tcpclient2)
+core_test(tst_clientreading)
+core_test(tst_clientcutting)
+core_test(tst_clientending)
+core_test(tst_clientmodel)
+core_test(tst_plainclient)
+core_test(tst_tcptask2)
+core_test(tst_taskmodel)
+core_test(tst_taskstopping)
+core_test(tst_connectionends)
+foreach(name IN ITEMS tst_configuration tst_nestedloops tst_tcpinputplugin2)
+    core_test(${name})
+    test_uses_certificates(${name})
+endforeach()
+target_link_libraries(tst_nestedloops PRIVATE OpenSSL::SSL) # for what it calls its errors

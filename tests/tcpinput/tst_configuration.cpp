@@ -1,0 +1,684 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "tcpinput/tcpinputplugin2.h"
+#include "tests/kit/certificates.h"
+#include "tests/kit/loglines.h"
+#include "tests/kit/nativesocket.h"
+#include "tests/kit/privatenetwork.h"
+#include "tests/kit/testaddress.h"
+
+#include <QtCore/QJsonArray>
+#include <QtNetwork/QNetworkInterface>
+#include <QtNetwork/QSslCertificate>
+#include <QtNetwork/QSslConfiguration>
+#include <QtNetwork/QTcpSocket>
+#include <QtTest/QTest>
+
+#include <optional>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int DefaultPort = 7446;
+
+const QString FirstStatus = u"Listen: :0, timeout: 60s, pool size: 4\r\n"_s;
+const QString AbortLine = u"W: TcpInputPlugin2(cfg): Failed to setup certificates, aborting"_s;
+const QString ReadingLine = u"D: SSL: Reading SSL config"_s;
+
+// The lines of a start() with plain TCP, or with TLS.
+QStringList startLines(const QString &address, int port, const QString &kind = u"TCP"_s)
+{
+    const QString number = QString::number(port);
+    return {u"D: TcpInputPlugin2(cfg): Listening on "_s + address + u':' + number,
+            u"I: TcpInputPlugin2(cfg): Starting "_s + kind + u" server on port "_s + number};
+}
+
+QStringList tlsStartLines(const QString &address, int port)
+{
+    return QStringList{ReadingLine} + startLines(address, port, u"SSL"_s);
+}
+
+QString statusLine(const QString &address, int port, int seconds = 60, int poolSize = 4)
+{
+    return u"Listen: %1:%2, timeout: %3s, pool size: %4\r\n"_s.arg(address)
+            .arg(port)
+            .arg(seconds)
+            .arg(poolSize);
+}
+
+//! A plugin that says what start() has done.
+class Plugin : public TcpInputPlugin2
+{
+public:
+    explicit Plugin(const QJsonObject &object) : TcpInputPlugin2(nullptr, object)
+    {
+        pluginId = u"cfg"_s;
+    }
+
+    QStringList startLog(bool expected = true)
+    {
+        takeLog();
+        const bool started = start();
+        QStringList lines = takeLog();
+        if (started != expected)
+            lines.append(started ? u"start() returned true"_s : u"start() returned false"_s);
+        return lines;
+    }
+
+    TcpServer &plainServer() { return *findChild<TcpServer *>(); }
+    SslServer &tlsServer() { return *findChild<SslServer *>(); }
+};
+
+QJsonObject with(QJsonObject object, const QString &key, const QJsonValue &value)
+{
+    object.insert(key, value);
+    return object;
+}
+
+} // namespace
+
+// Most of it can be read off the lines that start() logs. Where other programs could hold the same
+// port, the listening itself is looked at only in a network of this test's own.
+class tst_Configuration : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit tst_Configuration(bool networkIsPrivate) : isolated(networkIsPrivate) {}
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+
+    void construction();
+    void nothingIsReadAtConstruction();
+    void setConfigOnlyStores();
+    void emptyObject();
+    void port_data();
+    void port();
+    void ipAddr_data();
+    void ipAddr();
+    void timeout_data();
+    void timeout();
+    void threadpoolSize_data();
+    void threadpoolSize();
+    void namesAreExact();
+
+    void interfaceLastIPv4();
+    void interfaceByNumber();
+    void interfaceAbsent_data();
+    void interfaceAbsent();
+    void ipAddrIsAppliedAfterInterface();
+    void interfaceWithoutIPv4();
+
+    void timeoutAndPoolSizeStay_data();
+    void timeoutAndPoolSizeStay();
+    void portAndAddressReturnToDefaults();
+    void onConfigChangedDoesNothing();
+
+    void portInUse();
+    void addressNotAvailable();
+    void listeningTwice();
+
+    void tls();
+    void tlsStaysWithoutItsKey();
+    void tlsValueIsNoObject_data();
+    void tlsValueIsNoObject();
+    void tlsRejected();
+    void tlsRejectedWhileListeningPlain();
+    void tlsIsReadBetweenPortAndPoolSize();
+
+private:
+    QJsonObject own() const { return {{u"ipAddr"_s, address.toString()}}; }
+    QJsonObject ownWithPort() const { return with(own(), u"port"_s, freePort(address)); }
+
+    const bool isolated;
+    const QHostAddress address = testAddress();
+    std::optional<MessageCapture> capture;
+};
+
+void tst_Configuration::init()
+{
+    capture.emplace();
+}
+
+// Each test takes the lines that it expects.
+void tst_Configuration::cleanup()
+{
+    const QStringList rest = takeLog();
+    capture.reset();
+    QCOMPARE(rest, QStringList());
+}
+
+void tst_Configuration::construction()
+{
+    TcpInputPlugin2 bare(nullptr);
+    QVERIFY(bare.pluginId.isEmpty());
+    QVERIFY(bare.config.isEmpty());
+    QCOMPARE(bare.parent(), nullptr);
+    QCOMPARE(bare.getStatus(), FirstStatus);
+
+    QObject parent;
+    const QJsonObject object = with(own(), u"timeout"_s, 90);
+    TcpInputPlugin2 configured(&parent, object);
+    QVERIFY(configured.pluginId.isEmpty());
+    QCOMPARE(configured.config, object);
+    QCOMPARE(configured.parent(), &parent);
+}
+
+void tst_Configuration::nothingIsReadAtConstruction()
+{
+    Plugin plugin({{u"timeout"_s, 90}, {u"threadpoolSize"_s, 2}, {u"ssl"_s, QJsonObject()}});
+    QCOMPARE(plugin.getStatus(), FirstStatus);
+    QVERIFY(!plugin.plainServer().isListening());
+    QVERIFY(!plugin.tlsServer().isListening());
+}
+
+void tst_Configuration::setConfigOnlyStores()
+{
+    Plugin plugin(with(own(), u"timeout"_s, 90));
+    plugin.setConfig({{u"threadpoolSize"_s, 2}});
+    QCOMPARE(plugin.config, QJsonObject({{u"threadpoolSize"_s, 2}})); // replaced, not merged
+    QCOMPARE(plugin.getStatus(), FirstStatus);
+}
+
+void tst_Configuration::emptyObject()
+{
+    if (!isolated)
+        QSKIP("The default port may be in use: needs a network of its own");
+    Plugin plugin({});
+    QCOMPARE(plugin.startLog(), startLines(u"0.0.0.0"_s, DefaultPort));
+    QCOMPARE(plugin.getStatus(), u"Listen: 0.0.0.0:7446, timeout: 60s, pool size: 4\r\n"_s);
+    // IPv4 only.
+    QVERIFY(NativeSocket::connectedTo(QHostAddress::LocalHost, DefaultPort).isValid());
+    QVERIFY(!NativeSocket::connectedTo(QHostAddress::LocalHostIPv6, DefaultPort).isValid());
+}
+
+void tst_Configuration::port_data()
+{
+    QTest::addColumn<QJsonValue>("value");
+    QTest::addColumn<int>("expected");
+
+    QTest::newRow("1") << QJsonValue(1) << 1;
+    QTest::newRow("7447") << QJsonValue(7447) << 7447;
+    QTest::newRow("integral float") << QJsonValue(7448.0) << 7448;
+    QTest::newRow("65534") << QJsonValue(65534) << 65534;
+
+    QTest::newRow("0") << QJsonValue(0) << DefaultPort;
+    QTest::newRow("-1") << QJsonValue(-1) << DefaultPort;
+    QTest::newRow("65535") << QJsonValue(65535) << DefaultPort;
+    QTest::newRow("65536") << QJsonValue(65536) << DefaultPort;
+    QTest::newRow("65537") << QJsonValue(65537) << DefaultPort; // 1 in 16 bits
+    QTest::newRow("4294967297") << QJsonValue(Q_INT64_C(4294967297)) << DefaultPort; // 1 in 32 bits
+    QTest::newRow("-58090") << QJsonValue(-58090) << DefaultPort; // 7446 in 16 bits
+    QTest::newRow("float") << QJsonValue(8080.5) << DefaultPort;
+    QTest::newRow("text") << QJsonValue(u"8080"_s) << DefaultPort;
+    QTest::newRow("true") << QJsonValue(true) << DefaultPort;
+    QTest::newRow("null") << QJsonValue(QJsonValue::Null) << DefaultPort;
+    QTest::newRow("array") << QJsonValue(QJsonArray{8080}) << DefaultPort;
+    QTest::newRow("object") << QJsonValue(QJsonObject()) << DefaultPort;
+}
+
+void tst_Configuration::port()
+{
+    QFETCH(QJsonValue, value);
+    QFETCH(int, expected);
+
+    Plugin plugin(with(own(), u"port"_s, value));
+    QCOMPARE(plugin.startLog(), startLines(address.toString(), expected));
+    if (isolated) {
+        QCOMPARE(plugin.getStatus(), statusLine(address.toString(), expected));
+        QCOMPARE(plugin.plainServer().serverPort(), expected);
+        QVERIFY(!plugin.tlsServer().isListening());
+    }
+}
+
+void tst_Configuration::ipAddr_data()
+{
+    QTest::addColumn<QJsonValue>("value");
+    QTest::addColumn<QString>("expected");
+
+    QTest::newRow("IPv4") << QJsonValue(u"127.0.0.2"_s) << u"127.0.0.2"_s;
+    QTest::newRow("any IPv4") << QJsonValue(u"0.0.0.0"_s) << u"0.0.0.0"_s;
+    QTest::newRow("IPv6") << QJsonValue(u"::1"_s) << u"::1"_s;
+    QTest::newRow("any IPv6") << QJsonValue(u"::"_s) << u"::"_s;
+
+    QTest::newRow("no address") << QJsonValue(u"no address"_s) << u"127.0.0.1"_s;
+    QTest::newRow("name") << QJsonValue(u"localhost"_s) << u"127.0.0.1"_s;
+    QTest::newRow("too many") << QJsonValue(u"127.0.0.1.1"_s) << u"127.0.0.1"_s;
+    QTest::newRow("too large") << QJsonValue(u"127.0.0.256"_s) << u"127.0.0.1"_s;
+    QTest::newRow("with port") << QJsonValue(u"0.0.0.0:80"_s) << u"127.0.0.1"_s;
+    QTest::newRow("empty") << QJsonValue(QString()) << u"127.0.0.1"_s;
+    QTest::newRow("number") << QJsonValue(2130706434) << u"127.0.0.1"_s;
+    QTest::newRow("true") << QJsonValue(true) << u"127.0.0.1"_s;
+    QTest::newRow("null") << QJsonValue(QJsonValue::Null) << u"127.0.0.1"_s;
+    QTest::newRow("array") << QJsonValue(QJsonArray{u"127.0.0.2"_s}) << u"127.0.0.1"_s;
+}
+
+void tst_Configuration::ipAddr()
+{
+    QFETCH(QJsonValue, value);
+    QFETCH(QString, expected);
+
+    const QHostAddress listenAddress(expected);
+    const quint16 port = freePort(listenAddress);
+    Plugin plugin({{u"ipAddr"_s, value}, {u"port"_s, port}});
+    QCOMPARE(plugin.startLog(), startLines(expected, port));
+    if (isolated) {
+        if (port == 0)
+            QSKIP("This system has no such address");
+        QCOMPARE(plugin.getStatus(), statusLine(expected, port));
+        QCOMPARE(plugin.plainServer().serverAddress(), listenAddress);
+    }
+}
+
+void tst_Configuration::timeout_data()
+{
+    QTest::addColumn<QJsonValue>("value");
+    QTest::addColumn<int>("seconds");
+
+    QTest::newRow("1") << QJsonValue(1) << 1;
+    QTest::newRow("5") << QJsonValue(5) << 5;
+    QTest::newRow("90") << QJsonValue(90) << 90;
+    QTest::newRow("integral float") << QJsonValue(7.0) << 7;
+    QTest::newRow("2147483") << QJsonValue(2147483) << 2147483;
+    // From here on it is the greatest number of milliseconds that the time-out can hold.
+    QTest::newRow("2147484") << QJsonValue(2147484) << 2147483;
+    QTest::newRow("4294968") << QJsonValue(4294968) << 2147483; // 704 ms in 32 bits
+    QTest::newRow("2147483647") << QJsonValue(2147483647) << 2147483;
+
+    QTest::newRow("0") << QJsonValue(0) << 60;
+    QTest::newRow("-1") << QJsonValue(-1) << 60;
+    QTest::newRow("2147483648") << QJsonValue(Q_INT64_C(2147483648)) << 60; // no int
+    QTest::newRow("float") << QJsonValue(1.5) << 60;
+    QTest::newRow("text") << QJsonValue(u"5"_s) << 60;
+    QTest::newRow("true") << QJsonValue(true) << 60;
+    QTest::newRow("null") << QJsonValue(QJsonValue::Null) << 60;
+}
+
+void tst_Configuration::timeout()
+{
+    QFETCH(QJsonValue, value);
+    QFETCH(int, seconds);
+
+    Plugin plugin(with(ownWithPort(), u"timeout"_s, value));
+    QVERIFY(plugin.start());
+    QCOMPARE(plugin.getStatus(),
+             statusLine(address.toString(), plugin.plainServer().serverPort(), seconds));
+    takeLog();
+}
+
+void tst_Configuration::threadpoolSize_data()
+{
+    QTest::addColumn<QJsonValue>("value");
+    QTest::addColumn<int>("size");
+
+    QTest::newRow("1") << QJsonValue(1) << 1;
+    QTest::newRow("5") << QJsonValue(5) << 5;
+    QTest::newRow("integral float") << QJsonValue(3.0) << 3;
+    QTest::newRow("2147483647") << QJsonValue(2147483647) << 2147483647;
+
+    QTest::newRow("0") << QJsonValue(0) << 4;
+    QTest::newRow("-1") << QJsonValue(-1) << 4;
+    QTest::newRow("2147483648") << QJsonValue(Q_INT64_C(2147483648)) << 4;
+    QTest::newRow("float") << QJsonValue(1.5) << 4;
+    QTest::newRow("text") << QJsonValue(u"2"_s) << 4;
+    QTest::newRow("true") << QJsonValue(true) << 4;
+    QTest::newRow("null") << QJsonValue(QJsonValue::Null) << 4;
+}
+
+void tst_Configuration::threadpoolSize()
+{
+    QFETCH(QJsonValue, value);
+    QFETCH(int, size);
+
+    Plugin plugin(with(ownWithPort(), u"threadpoolSize"_s, value));
+    QVERIFY(plugin.start());
+    QCOMPARE(plugin.getStatus(),
+             statusLine(address.toString(), plugin.plainServer().serverPort(), 60, size));
+    takeLog();
+}
+
+void tst_Configuration::namesAreExact()
+{
+    QJsonObject object = ownWithPort();
+    const int listenPort = object.value(u"port"_s).toInt();
+    const QStringList names{u"Port"_s,           u"PORT"_s,    u"ipaddr"_s,  u"IpAddr"_s,
+                            u"ipAddress"_s,      u"Timeout"_s, u"timeOut"_s, u"threadPoolSize"_s,
+                            u"threadpoolsize"_s, u"SSL"_s,     u"Ssl"_s,     u"ssl "_s,
+                            u"Interface"_s,      u"unknown"_s, QString()};
+    for (const QString &name : names)
+        object.insert(name, 1);
+
+    Plugin plugin(object);
+    QCOMPARE(plugin.startLog(), startLines(address.toString(), listenPort));
+    QCOMPARE(plugin.getStatus(), statusLine(address.toString(), listenPort));
+}
+
+void tst_Configuration::interfaceLastIPv4()
+{
+    QString expected;
+    if (isolated) {
+        QVERIFY(PrivateNetwork::setAddress("lo:1", QHostAddress(u"10.0.0.5"_s)));
+        QVERIFY(PrivateNetwork::setAddress("lo:2", QHostAddress(u"10.0.0.6"_s)));
+        expected = u"10.0.0.6"_s;
+    } else {
+        const auto entries = QNetworkInterface::interfaceFromName(u"lo"_s).addressEntries();
+        for (const QNetworkAddressEntry &entry : entries) {
+            if (entry.ip().protocol() == QAbstractSocket::IPv4Protocol)
+                expected = entry.ip().toString();
+        }
+    }
+    const quint16 port = freePort(QHostAddress(expected));
+    Plugin plugin({{u"interface"_s, u"lo"_s}, {u"port"_s, port}});
+    QCOMPARE(plugin.startLog(), startLines(expected, port));
+    if (isolated) {
+        QCOMPARE(plugin.getStatus(), statusLine(expected, port));
+        QVERIFY(PrivateNetwork::setAddress("lo:2", QHostAddress(u"0.0.0.0"_s)));
+        QVERIFY(PrivateNetwork::setAddress("lo:1", QHostAddress(u"0.0.0.0"_s)));
+    }
+}
+
+// What is a name is for Qt to say.
+void tst_Configuration::interfaceByNumber()
+{
+    const auto loopback = QNetworkInterface::interfaceFromName(u"lo"_s);
+    QString expected;
+    for (const QNetworkAddressEntry &entry : loopback.addressEntries()) {
+        if (entry.ip().protocol() == QAbstractSocket::IPv4Protocol)
+            expected = entry.ip().toString();
+    }
+    const quint16 port = freePort(QHostAddress(expected));
+    Plugin plugin({{u"interface"_s, QString::number(loopback.index())}, {u"port"_s, port}});
+    QCOMPARE(plugin.startLog(), startLines(expected, port));
+}
+
+void tst_Configuration::interfaceAbsent_data()
+{
+    QTest::addColumn<QJsonValue>("value");
+
+    QTest::newRow("unknown") << QJsonValue(u"nosuchinterface"_s);
+    QTest::newRow("case") << QJsonValue(u"LO"_s);
+    QTest::newRow("address") << QJsonValue(u"127.0.0.1"_s);
+    QTest::newRow("empty") << QJsonValue(QString());
+    QTest::newRow("number") << QJsonValue(1);
+    QTest::newRow("null") << QJsonValue(QJsonValue::Null);
+    QTest::newRow("array") << QJsonValue(QJsonArray{u"lo"_s});
+}
+
+void tst_Configuration::interfaceAbsent()
+{
+    QFETCH(QJsonValue, value);
+
+    const quint16 port = freePort(QHostAddress(QHostAddress::AnyIPv4));
+    Plugin plugin({{u"interface"_s, value}, {u"port"_s, port}});
+    QCOMPARE(plugin.startLog(), startLines(u"0.0.0.0"_s, port));
+}
+
+void tst_Configuration::ipAddrIsAppliedAfterInterface()
+{
+    const QJsonObject object = with(ownWithPort(), u"interface"_s, u"lo"_s);
+    const int port = object.value(u"port"_s).toInt();
+    Plugin plugin(object);
+    QCOMPARE(plugin.startLog(), startLines(address.toString(), port));
+
+    // Also where the address is bad.
+    Plugin fallback(with(object, u"ipAddr"_s, u"bad"_s));
+    QCOMPARE(fallback.startLog(), startLines(u"127.0.0.1"_s, port));
+}
+
+void tst_Configuration::interfaceWithoutIPv4()
+{
+    if (!isolated)
+        QSKIP("Takes an address away: needs a network of its own");
+    QVERIFY(PrivateNetwork::setAddress("lo", QHostAddress(u"0.0.0.0"_s)));
+    const auto entries = QNetworkInterface::interfaceFromName(u"lo"_s).addressEntries();
+    Plugin plugin({{u"interface"_s, u"lo"_s}});
+    const QStringList lines = plugin.startLog();
+    QVERIFY(PrivateNetwork::setAddress("lo", QHostAddress(QHostAddress::LocalHost)));
+
+    for (const QNetworkAddressEntry &entry : entries)
+        QCOMPARE(entry.ip().protocol(), QAbstractSocket::IPv6Protocol);
+    QCOMPARE(lines, startLines(u"0.0.0.0"_s, DefaultPort));
+}
+
+void tst_Configuration::timeoutAndPoolSizeStay_data()
+{
+    QTest::addColumn<QJsonObject>("next");
+
+    QTest::newRow("keys removed") << QJsonObject();
+    QTest::newRow("zero") << QJsonObject{{u"timeout"_s, 0}, {u"threadpoolSize"_s, 0}};
+    QTest::newRow("negative") << QJsonObject{{u"timeout"_s, -1}, {u"threadpoolSize"_s, -1}};
+    QTest::newRow("texts") << QJsonObject{{u"timeout"_s, u"5"_s}, {u"threadpoolSize"_s, u"5"_s}};
+}
+
+void tst_Configuration::timeoutAndPoolSizeStay()
+{
+    QFETCH(QJsonObject, next);
+
+    QJsonObject first = ownWithPort();
+    const int port = first.value(u"port"_s).toInt();
+    first.insert(u"timeout"_s, 90);
+    first.insert(u"threadpoolSize"_s, 2);
+    Plugin plugin(first);
+    QVERIFY(plugin.start());
+    QCOMPARE(plugin.getStatus(), statusLine(address.toString(), port, 90, 2));
+    QVERIFY(plugin.stop());
+
+    plugin.setConfig(with(with(next, u"ipAddr"_s, address.toString()), u"port"_s, port));
+    QVERIFY(plugin.start());
+    QCOMPARE(plugin.getStatus(), statusLine(address.toString(), port, 90, 2));
+    takeLog();
+}
+
+void tst_Configuration::portAndAddressReturnToDefaults()
+{
+    const QJsonObject first = ownWithPort();
+    const int port = first.value(u"port"_s).toInt();
+    Plugin plugin(first);
+    QCOMPARE(plugin.startLog(), startLines(address.toString(), port));
+    QVERIFY(plugin.stop());
+    plugin.setConfig(own());
+    QCOMPARE(plugin.startLog(), startLines(address.toString(), DefaultPort));
+    QVERIFY(plugin.stop());
+    plugin.setConfig({{u"port"_s, port}});
+    QCOMPARE(plugin.startLog(), startLines(u"0.0.0.0"_s, port));
+}
+
+void tst_Configuration::onConfigChangedDoesNothing()
+{
+    const QJsonObject first = ownWithPort();
+    Plugin plugin(first);
+    QVERIFY(plugin.start());
+    const QString status = plugin.getStatus();
+    takeLog();
+
+    plugin.setConfig({{u"timeout"_s, 90}, {u"threadpoolSize"_s, 2}, {u"ssl"_s, QJsonObject()}});
+    plugin.onConfigChanged();
+    QCoreApplication::processEvents();
+    QCOMPARE(takeLog(), QStringList());
+    QCOMPARE(plugin.getStatus(), status);
+    QVERIFY(plugin.plainServer().isListening());
+}
+
+// start() does not look at the result of listening.
+void tst_Configuration::portInUse()
+{
+    const QJsonObject object = ownWithPort();
+    const int port = object.value(u"port"_s).toInt();
+    Plugin first(object);
+    QCOMPARE(first.startLog(), startLines(address.toString(), port));
+
+    Plugin second(object);
+    QCOMPARE(second.startLog(), startLines(address.toString(), port));
+    QCOMPARE(second.getStatus(), u"Listen: :0, timeout: 60s, pool size: 4\r\n"_s);
+    QVERIFY(!second.plainServer().isListening());
+
+    Plugin third(with(object, u"ssl"_s, serverTls()));
+    QCOMPARE(third.startLog(), tlsStartLines(address.toString(), port));
+    QCOMPARE(third.getStatus(), u"Listen: :0, timeout: 60s, pool size: 4\r\n"_s);
+}
+
+void tst_Configuration::addressNotAvailable()
+{
+    // For documentation only, RFC 5737: nobody's.
+    Plugin plugin({{u"ipAddr"_s, u"203.0.113.1"_s}});
+    QCOMPARE(plugin.startLog(), startLines(u"203.0.113.1"_s, DefaultPort));
+    QCOMPARE(plugin.getStatus(), FirstStatus);
+}
+
+void tst_Configuration::listeningTwice()
+{
+    const QJsonObject object = ownWithPort();
+    const int port = object.value(u"port"_s).toInt();
+    Plugin plugin(object);
+    QCOMPARE(plugin.startLog(), startLines(address.toString(), port));
+
+    const QString linesOfQt = u"w: QTcpServer::listen() called when already listening"_s;
+    const int otherPort = freePort(address);
+    plugin.setConfig(with(object, u"port"_s, otherPort));
+    QCOMPARE(plugin.startLog(), startLines(address.toString(), otherPort) + QStringList{linesOfQt});
+    QCOMPARE(plugin.getStatus(), statusLine(address.toString(), port)); // the first one goes on
+}
+
+void tst_Configuration::tls()
+{
+    const QJsonObject object = ownWithPort();
+    const int port = object.value(u"port"_s).toInt();
+    Plugin plugin(with(object, u"ssl"_s, serverTls()));
+    QCOMPARE(plugin.startLog(), tlsStartLines(address.toString(), port));
+    QCOMPARE(plugin.getStatus(), statusLine(address.toString(), port));
+    QVERIFY(plugin.tlsServer().isListening());
+    QVERIFY(!plugin.plainServer().isListening());
+
+    const auto certificates = QSslCertificate::fromPath(certificateFile(u"server.pem"_s));
+    QCOMPARE(certificates.size(), 1);
+    QCOMPARE(plugin.tlsServer().sslConfiguration().localCertificate(), certificates.first());
+    QCOMPARE(plugin.tlsServer().sslConfiguration().peerVerifyMode(), QSslSocket::VerifyNone);
+
+    QVERIFY(plugin.stop());
+    QVERIFY(!plugin.tlsServer().isListening());
+    QCOMPARE(takeLog(), QStringList{u"D: TcpInputPlugin2(cfg): stop()"_s});
+}
+
+void tst_Configuration::tlsStaysWithoutItsKey()
+{
+    const QJsonObject object = ownWithPort();
+    const int port = object.value(u"port"_s).toInt();
+    Plugin plugin(with(object, u"ssl"_s, serverTls()));
+    QCOMPARE(plugin.startLog(), tlsStartLines(address.toString(), port));
+    QVERIFY(plugin.stop());
+
+    plugin.setConfig(object);
+    QCOMPARE(plugin.startLog(), startLines(address.toString(), port, u"SSL"_s));
+    QVERIFY(plugin.tlsServer().isListening());
+    QVERIFY(!plugin.plainServer().isListening());
+    // The configuration of before, too.
+    QVERIFY(!plugin.tlsServer().sslConfiguration().localCertificate().isNull());
+}
+
+void tst_Configuration::tlsValueIsNoObject_data()
+{
+    QTest::addColumn<QJsonValue>("value");
+
+    QTest::newRow("empty object") << QJsonValue(QJsonObject());
+    QTest::newRow("false") << QJsonValue(false);
+    QTest::newRow("true") << QJsonValue(true);
+    QTest::newRow("null") << QJsonValue(QJsonValue::Null);
+    QTest::newRow("number") << QJsonValue(1);
+    QTest::newRow("text") << QJsonValue(u"CAFile"_s);
+    QTest::newRow("array") << QJsonValue(QJsonArray{serverTls()});
+}
+
+// Its presence counts.
+void tst_Configuration::tlsValueIsNoObject()
+{
+    QFETCH(QJsonValue, value);
+
+    const QJsonObject object = ownWithPort();
+    const int port = object.value(u"port"_s).toInt();
+    Plugin plugin(with(object, u"ssl"_s, value));
+    QCOMPARE(plugin.startLog(), tlsStartLines(address.toString(), port));
+    QCOMPARE(plugin.getStatus(), statusLine(address.toString(), port));
+
+    const auto config = plugin.tlsServer().sslConfiguration();
+    QCOMPARE(config.peerVerifyMode(), QSslSocket::VerifyPeer);
+    QVERIFY(config.localCertificate().isNull());
+}
+
+void tst_Configuration::tlsRejected()
+{
+    const QJsonObject object = ownWithPort();
+    const int port = object.value(u"port"_s).toInt();
+    Plugin plugin(with(object, u"ssl"_s, QJsonObject{{u"CertFile"_s, u"/nowhere"_s}}));
+    const QStringList rejected{ReadingLine, u"W: SSL: Failed to open Certificate file /nowhere"_s,
+                               AbortLine};
+    QCOMPARE(plugin.startLog(false), rejected);
+    QCOMPARE(plugin.getStatus(), FirstStatus);
+    QVERIFY(!plugin.tlsServer().isListening());
+    QVERIFY(!plugin.plainServer().isListening());
+
+    // Nothing is left of the rejected configuration, but TLS is.
+    QVERIFY(!plugin.tlsServer().sslConfiguration().handshakeMustInterruptOnError());
+    plugin.setConfig(object);
+    QCOMPARE(plugin.startLog(), startLines(address.toString(), port, u"SSL"_s));
+    QVERIFY(plugin.tlsServer().isListening());
+    QVERIFY(!plugin.plainServer().isListening());
+}
+
+// From then on the TLS server, which is idle, is the one that everything looks at.
+void tst_Configuration::tlsRejectedWhileListeningPlain()
+{
+    const QJsonObject object = ownWithPort();
+    Plugin plugin(object);
+    QVERIFY(plugin.start());
+    plugin.setConfig(with(object, u"ssl"_s, QJsonObject{{u"KeyFile"_s, u"/nowhere"_s}}));
+    QVERIFY(!plugin.start());
+    QCOMPARE(plugin.getStatus(), FirstStatus);
+
+    takeLog();
+    QTcpSocket device;
+    device.connectToHost(address, plugin.plainServer().serverPort());
+    QTRY_VERIFY(plugin.plainServer().hasPendingConnections());
+    plugin.handleConnection();
+    QCOMPARE(takeLog(), QStringList());
+
+    QVERIFY(plugin.stop());
+    QVERIFY(plugin.plainServer().isListening());
+    takeLog();
+}
+
+void tst_Configuration::tlsIsReadBetweenPortAndPoolSize()
+{
+    QJsonObject object = ownWithPort();
+    object.insert(u"timeout"_s, 90);
+    object.insert(u"threadpoolSize"_s, 2);
+    const QJsonObject bad{{u"CAFile"_s, u"/nowhere"_s}};
+
+    Plugin fresh(with(object, u"ssl"_s, bad));
+    QVERIFY(!fresh.start());
+    QCOMPARE(fresh.getStatus(), FirstStatus);
+
+    Plugin started(with(object, u"ssl"_s, serverTls()));
+    QVERIFY(started.start());
+    const int port = started.tlsServer().serverPort();
+    object.insert(u"timeout"_s, 30);
+    object.insert(u"threadpoolSize"_s, 3);
+    started.setConfig(with(object, u"ssl"_s, bad));
+    QVERIFY(!started.start());
+    // It goes on listening as it did.
+    QCOMPARE(started.getStatus(), statusLine(address.toString(), port, 90, 2));
+    takeLog();
+}
+
+int main(int argc, char *argv[])
+{
+    const bool isolated = PrivateNetwork::enter();
+    const QCoreApplication application(argc, argv);
+    tst_Configuration test(isolated);
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_configuration.moc"

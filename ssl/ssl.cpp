@@ -26,17 +26,6 @@ QSslKey keyFrom(const QByteArray &pem)
     return QSslKey(pem, QSsl::Rsa, QSsl::Pem, QSsl::PrivateKey, QByteArray());
 }
 
-// Nothing, and a line in the log, if the file cannot be opened. failure: the line's format.
-std::optional<QByteArray> readFile(const QString &name, const QString &failure)
-{
-    QFile file(name);
-    if (!file.open(QIODevice::ReadOnly)) {
-        CWRN(QtWarningMsg, failure, name);
-        return std::nullopt;
-    }
-    return file.readAll();
-}
-
 std::optional<QSsl::SslProtocol> protocolFrom(const QString &version)
 {
     if (version == QLatin1String("1.3"))
@@ -66,20 +55,24 @@ void setVersion(const QString &version, QSslConfiguration &sslConfig)
 // False if the key names a file that cannot be opened.
 bool applyFile(const QString &key, const QString &name, QSslConfiguration &sslConfig)
 {
-    const QString failure = key == QLatin1String("CAFile")
-            ? QStringLiteral("SSL: Failed to open CA Certificate file %1")
-            : key == QLatin1String("CertFile")
-            ? QStringLiteral("SSL: Failed to open Certificate file %1")
-            : QStringLiteral("SSL: Failed to open key file %1");
-    const auto pem = readFile(name, failure);
-    if (!pem)
+    QFile file(name);
+    if (!file.open(QIODevice::ReadOnly)) {
+        CWRN(QtWarningMsg,
+             key == QLatin1String("CAFile")
+                     ? QStringLiteral("SSL: Failed to open CA Certificate file %1")
+                     : key == QLatin1String("CertFile")
+                     ? QStringLiteral("SSL: Failed to open Certificate file %1")
+                     : QStringLiteral("SSL: Failed to open key file %1"),
+             name);
         return false;
+    }
+    const QByteArray pem = file.readAll();
     if (key == QLatin1String("CAFile"))
-        sslConfig.addCaCertificate(certificateFrom(*pem));
+        sslConfig.addCaCertificate(certificateFrom(pem));
     else if (key == QLatin1String("CertFile"))
-        sslConfig.setLocalCertificate(certificateFrom(*pem));
+        sslConfig.setLocalCertificate(certificateFrom(pem));
     else
-        sslConfig.setPrivateKey(keyFrom(*pem));
+        sslConfig.setPrivateKey(keyFrom(pem));
     return true;
 }
 

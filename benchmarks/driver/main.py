@@ -6,24 +6,25 @@
 import argparse
 import json
 import os
-import pathlib
-import subprocess
 import sys
 
 import document
 import micro
 import plots
+from harness import ROOT
+from harness.certificates import Certificates
+from harness.processes import exit_on_sigterm
 from results import Results
 from scenarios import FULL, SMOKE, Setup, scenarios
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = ROOT / "build/bench"
 
 
 def main():
     arguments = parse_arguments()
+    exit_on_sigterm()
     scale = SMOKE if arguments.smoke else FULL
-    setup = Setup(BUILD, make_certificates(), scale)
+    setup = Setup(BUILD, Certificates(BUILD / "benchmarks/certs"), scale)
     chosen = choose(scenarios(scale), arguments.only)
     results = Results()
     if arguments.micro:
@@ -60,12 +61,6 @@ def parse_arguments():
 def choose(available, names):
     prefixes = tuple(names.split(",")) if names else ("",)
     return [scenario for scenario in available if scenario.name.startswith(prefixes)]
-
-
-def make_certificates():
-    directory = BUILD / "benchmarks/certs"
-    subprocess.run([ROOT / "scripts/make-certs", directory], check=True, stdout=subprocess.DEVNULL)
-    return directory
 
 
 def run_rounds(setup, chosen, rounds, results):

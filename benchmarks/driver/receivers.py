@@ -3,11 +3,11 @@
 
 """The three receivers that are compared."""
 
-import json
 import re
-import socket
 
-from processes import Process, wait_until
+from harness.hosts import INPUTHOST as INPUTHOST_PROGRAM
+from harness.hosts import Listener, free_port, host_command
+from harness.processes import wait_until
 
 INPUTHOST = "inputhost"
 EPOLL = "epollsink"
@@ -17,14 +17,15 @@ ALL = (EPOLL, QT, INPUTHOST)
 TITLES = {EPOLL: "bare epoll", QT: "stock Qt", INPUTHOST: "inputhost"}
 
 
-class Receiver(Process):
+class Receiver(Listener):
     """A receiver on a free port of 127.0.0.1, ready for connections."""
 
     def __init__(self, setup, name, tls=False, one_thread=False):
         self.name = name
-        self.port = _free_port()
-        super().__init__(_command(setup, name, self.port, tls, one_thread))
-        wait_until(lambda: self.listens_on(self.port), f"listening {name}", seconds=20)
+        port = free_port()
+        certificates = setup.certificates if tls else None
+        super().__init__(_command(setup.build, name, port, certificates, one_thread), setup.build,
+                         port, certificates)
         self.settle()
         self.base = self.descriptors()
 
@@ -48,24 +49,12 @@ class Receiver(Process):
         return messages, size if self.name == INPUTHOST else size - messages
 
 
-def _command(setup, name, port, tls, one_thread):
-    certificate, key = setup.certificates / "server.pem", setup.certificates / "server.key"
+def _command(build, name, port, certificates, one_thread):
     if name == EPOLL:
-        return [setup.build / "benchmarks/epollsink", port]
+        return [build / "benchmarks/epollsink", port]
     if name == QT:
-        return [setup.build / "benchmarks/qtsink", port] + ([certificate, key] if tls else [])
-    command = [setup.build / "host/inputhost", "--output", "count", "--log-level", "warning",
-               "--plugin", setup.build / "tcpinput/libtcpinputplugin2.so",
-               "--set", "ipAddr=127.0.0.1", "--set", f"port={port}"]
-    if one_thread:
-        command += ["--set", "threadpoolSize=1"]
-    if tls:
-        ssl = {"CertFile": str(certificate), "KeyFile": str(key), "verifyPeer": False}
-        command += ["--set", f"ssl={json.dumps(ssl)}"]
-    return command
-
-
-def _free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
+        tls = [certificates.server, certificates.server_key] if certificates else []
+        return [build / "benchmarks/qtsink", port, *tls]
+    settings = {"threadpoolSize": 1} if one_thread else {}
+    return [*host_command(build, INPUTHOST_PROGRAM, port, settings, certificates),
+            "--output", "count", "--log-level", "warning"]

@@ -6,7 +6,7 @@
 import dataclasses
 import time
 
-from devices import Devices
+from harness.devices import Devices
 from receivers import ALL, INPUTHOST, QT, Receiver
 
 WARM_UP_CONNECTIONS = 16
@@ -44,8 +44,8 @@ class Mismatch(Exception):
 
 @dataclasses.dataclass(frozen=True)
 class Setup:
-    build: object  # directory, as the next
-    certificates: object
+    build: object  # directory
+    certificates: object  # harness.certificates.Certificates
     scale: Scale
 
 
@@ -107,7 +107,8 @@ def idle(setup, name):
             receiver.settle()
             resident = receiver.resident_bytes() - resident
             used = _cpu_over(receiver, window)
-            session.add_sent(devices, devices.stop())
+            devices.stop()
+            session.add_sent(devices)
         session.stop_and_compare()
     return {"idle_memory": resident / many, "idle_cpu": used / window * 100}
 
@@ -138,8 +139,10 @@ def _opening(setup, name, present):
                 receiver.settle()
                 cpu = receiver.cpu_seconds() - cpu
                 cpu -= background * (time.monotonic() - started)
-                session.add_sent(devices, devices.stop())
-            session.add_sent(others, others.stop())
+                devices.stop()
+                session.add_sent(devices)
+            others.stop()
+            session.add_sent(others)
         session.stop_and_compare()
     return cpu / opened * 1e6
 
@@ -171,7 +174,8 @@ def _paced(setup, name, connections, rate):
             messages = devices.messages_so_far()
             cpu = _cpu_over(receiver, window)
             messages = devices.messages_so_far() - messages
-            session.add_sent(devices, devices.stop())
+            devices.stop()
+            session.add_sent(devices)
         if messages < 0.8 * connections * rate * window:
             print(f"      note: {messages} messages in {window} s, this machine is too busy")
         session.stop_and_compare()
@@ -192,32 +196,31 @@ class _Session:
     """One receiver, the devices that were put on it, and the sum of what they have sent."""
 
     def __init__(self, setup, name, tls=False, one_thread=False):
-        self.setup = setup
-        self.tls = tls
         self.receiver = Receiver(setup, name, tls=tls, one_thread=one_thread)
         self.messages = 0
         self.bytes = 0
 
     def devices(self, connections, options):
-        return Devices(self.setup, self.receiver, connections=connections, tls=self.tls,
-                       options=options)
+        return Devices(self.receiver, "--connections", connections, *options)
 
-    def add_sent(self, devices, report):
-        messages, size = devices.sent(report)
+    def add_sent(self, devices):
+        messages, size = devices.sent()
         self.messages += messages
         self.bytes += size
 
     def warm_up(self):
         """A few connections, so that threads, arenas and caches are there."""
         with self.devices(WARM_UP_CONNECTIONS, ["--messages", 10, "--size", 199]) as devices:
-            self.add_sent(devices, devices.finish())
+            devices.finish()
+            self.add_sent(devices)
         self.receiver.settle()
         self.receiver.note_base()
 
     def cpu_of_complete_run(self, connections, options):
         cpu = self.receiver.cpu_seconds()
         with self.devices(connections, options) as devices:
-            self.add_sent(devices, devices.finish())
+            devices.finish()
+            self.add_sent(devices)
         self.receiver.wait_for_end_of_connections()
         self.receiver.settle()
         return self.receiver.cpu_seconds() - cpu

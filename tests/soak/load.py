@@ -7,16 +7,12 @@ import contextlib
 import dataclasses
 import functools
 import itertools
-import json
 import operator
-import signal
 import time
 
+from harness.devices import Devices
 from hosts import IDLE_TIMEOUT_SECONDS
-from processes import HANG_GUARD_SECONDS, Process
 
-# Not the hosts' address: no device may take a port that a host leaves for a moment.
-SOURCE = "127.78.0.1"
 STEADY_SECONDS = 12
 ROUGH_SECONDS = 6
 RELOADS_A_CYCLE = 3
@@ -35,42 +31,26 @@ class Sent:
                     self.failures + other.failures)
 
 
-class Devices(Process):
-    """Devices for one host. options: devicesim's own."""
-
-    def __init__(self, build, certificates, host, *options, tls_version="1.3"):
-        command = [build / "simulator/devicesim", "--port", host.port, "--bind", SOURCE,
-                   "--connect-timeout-ms", 60_000, "--output", "json", "--no-checksum"]
-        if host.tls:
-            command += ["--tls", "--tls-version", tls_version, "--ca", certificates / "ca.pem"]
-        super().__init__(command + list(options))
-
-    def report(self):
-        """Waits for the end."""
-        self.popen.wait(HANG_GUARD_SECONDS)
-        report = json.loads(self.output())
-        summary = report["summary"]
-        return Sent(summary["opened"],
-                    (summary["messages"], summary["bytes"] - summary["messages"]),
-                    [f"device {each['device']} {each['end']} after {each['endMs']} ms: "
-                     f"{each['error']}" for each in report["connections"] if each["failed"]])
-
-    def ask_to_end(self):
-        if self.popen.poll() is None:
-            self.popen.send_signal(signal.SIGTERM)
+def report_of(devices):
+    """Waits for their end."""
+    devices.wait()
+    report = devices.report()
+    return Sent(report["summary"]["opened"], devices.sent(),
+                [f"device {each['device']} {each['end']} after {each['endMs']} ms: "
+                 f"{each['error']}" for each in report["connections"] if each["failed"]])
 
 
-def steady(build, certificates, hosts):
+def steady(hosts):
     """Nothing is restarted: what was sent has to be counted. Returns what was sent to each host."""
 
     def of(host):
         def devices(*options, **more):
-            return Devices(build, certificates, host, "--size", 199, *options, **more)
+            return Devices(host, "--size", 199, *options, **more)
 
         yield devices("--connections", 10, "--messages", 5 * STEADY_SECONDS, "--rate", 5,
                       "--segments", "random")
         yield devices("--connections", 60, "--messages", 1, "--close", "stay", "--linger-ms", 2000)
-        if host.tls:
+        if host.certificates:
             for version in ("1.2", "1.3"):
                 yield devices(*_churn(rate=8), "--close", "close", tls_version=version)
             yield devices(*_churn(rate=4), "--close", "half-close")
@@ -85,18 +65,18 @@ def steady(build, certificates, hosts):
     return _play(hosts, of)
 
 
-def rough(build, certificates, hosts):
+def rough(hosts):
     """The hosts restart while devices come and go, well and badly behaved ones."""
 
     def of(host):
         def devices(*options):
-            return Devices(build, certificates, host, *options)
+            return Devices(host, *options)
 
         yield devices("--connections", 10, "--messages", 0, "--rate", 5)
         yield devices("--connections", 25 * ROUGH_SECONDS, "--connect-rate", 25, "--messages", 10,
                       "--rate", 10, "--segments", "random")
         yield devices("--connections", 5, "--fault", "silent")
-        if host.tls:
+        if host.certificates:
             for fault in ("garbage", "abort-handshake", "close-without-reading"):
                 yield devices("--connections", 5 * ROUGH_SECONDS, "--connect-rate", 5,
                               "--fault", fault)
@@ -125,7 +105,7 @@ def _play(hosts, devices_of, meanwhile=None):
             meanwhile()
             for devices in itertools.chain(*playing):
                 devices.ask_to_end()
-        sent = [functools.reduce(operator.add, (devices.report() for devices in of_one_host))
+        sent = [functools.reduce(operator.add, map(report_of, of_one_host))
                 for of_one_host in playing]
     until = time.monotonic() + SECONDS_FOR_THE_END
     for host in hosts:

@@ -7,37 +7,35 @@ scripts/soak."""
 import argparse
 import contextlib
 import os
-import pathlib
 import signal
 import sys
 import time
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.append(str(ROOT / "benchmarks/driver"))
-
-import load  # noqa: E402
-import report  # noqa: E402
-from hosts import Host  # noqa: E402
-from verdict import Record  # noqa: E402
-from watch import Watch  # noqa: E402
+import load
+import report
+from harness import ROOT
+from harness.certificates import Certificates
+from harness.processes import exit_on_sigterm
+from hosts import PROGRAMS, WatchedHost
+from verdict import Record
+from watch import Watch
 
 BUILD = ROOT / "build/dev"
-CERTIFICATES = BUILD / "soak-certificates"
-PROGRAMS = ("inputhost", "restartinghost")
 LEAST_CYCLES = 3  # two make the level of memory
 SECONDS_FOR_THE_END = 300  # of a cycle that has begun, on a busy machine
 
 
 def main():
     arguments = parse_arguments()
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
+    exit_on_sigterm()
     signal.signal(signal.SIGALRM, lambda *_: sys.exit("soak: stuck"))
     signal.alarm(round(60 * arguments.minutes) + SECONDS_FOR_THE_END)
 
+    certificates = Certificates(BUILD / "soak-certificates")
     started = time.monotonic()
     with contextlib.ExitStack() as stack:
-        hosts = [stack.enter_context(Host(BUILD, CERTIFICATES, program, tls))
-                 for program in PROGRAMS for tls in (False, True)]
+        hosts = [stack.enter_context(WatchedHost(BUILD, program, of_host))
+                 for program in PROGRAMS for of_host in (None, certificates)]
         records = {host: Record(host.level, host.keeps_free_memory) for host in hosts}
         watch = stack.enter_context(Watch(hosts, arguments.minutes))
         play(hosts, records, watch, end=started + 60 * arguments.minutes)
@@ -78,13 +76,13 @@ def play(hosts, records, watch, end):
 
 def play_cycle(hosts, records, watch):
     before = {host: host.counted() for host in hosts}
-    sent = load.rough(BUILD, CERTIFICATES, hosts)
+    sent = load.rough(hosts)
     middle = {host: host.counted() for host in hosts}
     for host, of_host in zip(hosts, sent):
         records[host].add_rough(of_host, difference(middle[host], before[host]))
 
     waited = {host: host.waited_seconds() for host in hosts}
-    sent = load.steady(BUILD, CERTIFICATES, hosts)
+    sent = load.steady(hosts)
     for host, of_host in zip(hosts, sent):
         records[host].add_steady(of_host, difference(host.counted(), middle[host]),
                                  host.waited_seconds() - waited[host])

@@ -8,6 +8,7 @@ import os
 import re
 import signal
 import subprocess
+import sys
 import tempfile
 import time
 
@@ -18,20 +19,25 @@ _libc = ctypes.CDLL(None, use_errno=True)
 
 
 class Process:
-    """A program that was started here. Ended, at the latest, by leaving the with block."""
+    """A program that was started here. Ended, at the latest, by leaving the with block.
 
-    def __init__(self, arguments):
+    out: a file for its standard output; then output() has nothing."""
+
+    def __init__(self, arguments, out=None):
         self.arguments = [str(argument) for argument in arguments]
         # Files: nobody reads while it runs, and a full pipe would stop it.
         self._out, self._err = tempfile.TemporaryFile(), tempfile.TemporaryFile()
-        self.popen = subprocess.Popen(self.arguments, stdin=subprocess.DEVNULL, stdout=self._out,
-                                      stderr=self._err)
+        self.popen = subprocess.Popen(self.arguments, stdin=subprocess.DEVNULL,
+                                      stdout=out or self._out, stderr=self._err)
         self._clock = None
 
     def __enter__(self):
         return self
 
     def __exit__(self, *_):
+        self.kill()
+
+    def kill(self):
         if self.popen.poll() is None:
             self.popen.kill()
             self.popen.wait()
@@ -105,14 +111,22 @@ class Process:
         # One with timers never rests long; then this is a pause.
         wait_until(is_quiet, "rest", seconds=3, strict=False)
 
+    def ask_to_end(self):
+        """As an operator would."""
+        self.popen.send_signal(signal.SIGTERM)
+
     def stop(self):
         """Ends it as an operator would. Returns what it wrote to standard output."""
-        self.popen.send_signal(signal.SIGTERM)
+        self.ask_to_end()
         return self.finish()
+
+    def wait(self):
+        """Waits for its end, whatever its exit status is, and returns that."""
+        return self.popen.wait(HANG_GUARD_SECONDS)
 
     def finish(self):
         """Waits for its end. Returns what it wrote to standard output."""
-        status = self.popen.wait(HANG_GUARD_SECONDS)
+        status = self.wait()
         if status != 0:
             raise RuntimeError(f"{' '.join(self.arguments)}: exit status {status}: "
                                f"{_text_of(self._err)[-1000:]} {_text_of(self._out)[-1000:]}")
@@ -130,6 +144,11 @@ class Process:
 def _text_of(file):
     # Without moving the position at which the program goes on writing.
     return os.pread(file.fileno(), os.fstat(file.fileno()).st_size, 0).decode()
+
+
+def exit_on_sigterm():
+    """So that what was started is ended: by the with blocks, which the exit leaves."""
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
 
 
 def wait_until(condition, what, seconds=HANG_GUARD_SECONDS, strict=True):

@@ -1,0 +1,52 @@
+# SPDX-FileCopyrightText: the tcpinputplugin2 authors
+# SPDX-License-Identifier: MIT
+
+"""Counts inputhost's instructions. Started by benchmarks/profile, which says what is counted."""
+
+import argparse
+import pathlib
+import re
+import subprocess
+
+from harness.devices import Devices
+from harness.hosts import Host
+from harness.processes import exit_on_sigterm
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("build", type=pathlib.Path, help="of the host")
+    parser.add_argument("simulator", type=pathlib.Path, help="build folder of the devices")
+    arguments = parser.parse_args()
+    exit_on_sigterm()
+
+    # Three messages a second: each is an offer of its own.
+    devices = ("--connections", 20, "--connect-rate", 100, "--rate", 3, "--close", "stay")
+    few = instructions(arguments, "messages-200", 200, *devices, "--messages", 10)
+    many = instructions(arguments, "messages-600", 600, *devices, "--messages", 30)
+    print(f"instructions a message: {(many - few) // 400}", flush=True)
+
+    devices = ("--connect-rate", 50, "--messages", 1)
+    few = instructions(arguments, "connections-100", 100, *devices, "--connections", 100)
+    many = instructions(arguments, "connections-300", 300, *devices, "--connections", 300)
+    print(f"instructions a connection with one message: {(many - few) // 200}", flush=True)
+
+
+def instructions(arguments, name, messages, *options):
+    """Of a host that takes so many messages and ends."""
+    counts = arguments.build / f"profile-{name}.out"
+    valgrind = ("valgrind", "--tool=callgrind", f"--callgrind-out-file={counts}",
+                "--log-file=/dev/null")
+    with Host(arguments.build, prefix=valgrind,
+              options=("--output", "count", "--log-level", "warning", "--exit-after", messages)) \
+            as host, Devices(host, "--size", 199, *options, build=arguments.simulator):
+        host.finish()
+    table = subprocess.run(["callgrind_annotate", "--inclusive=yes", "--threshold=99", counts],
+                           check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+                           text=True).stdout
+    (arguments.build / f"profile-{name}.txt").write_text(table, encoding="utf-8")
+    return int(re.search(r"^\s*([\d,]+).*PROGRAM TOTALS", table, re.MULTILINE)[1].replace(",", ""))
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,25 @@
+# SPDX-FileCopyrightText: the tcpinputplugin2 authors
+# SPDX-License-Identifier: MIT
+
+"""Certificates for a host and for the devices that verify it."""
+
+import json
+import subprocess
+
+from harness import ROOT
+
+
+class Certificates:
+    """Made in the folder, by scripts/make-certs, which keeps those that are there."""
+
+    def __init__(self, folder):
+        subprocess.run([ROOT / "scripts/make-certs", folder], check=True,
+                       stdout=subprocess.DEVNULL)
+        self.authority = folder / "ca.pem"
+        self.server = folder / "server.pem"
+        self.server_key = folder / "server.key"
+
+    def setting(self):
+        """The key "ssl" of a host's configuration. Devices need no certificate."""
+        return json.dumps({"CertFile": str(self.server), "KeyFile": str(self.server_key),
+                           "verifyPeer": False})

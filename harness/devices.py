@@ -1,0 +1,45 @@
+# SPDX-FileCopyrightText: the tcpinputplugin2 authors
+# SPDX-License-Identifier: MIT
+
+"""The load: devicesim, and what it says it has sent."""
+
+import json
+import re
+import signal
+
+from harness.processes import Process, wait_until
+
+# Not the hosts' address: no device may take a port that a host leaves for a moment. Connections that
+# a device has closed keep their port for a minute: more addresses, more ports.
+SOURCES = "127.77.0.1-127.77.0.8"
+CONNECT_TIMEOUT_MS = 120_000  # a busy machine is no failure
+
+
+class Devices(Process):
+    """Devices that connect to a listener, with TLS if it has certificates.
+
+    options: devicesim's. build: the folder that devicesim is from; default: the listener's."""
+
+    def __init__(self, listener, *options, tls_version="1.3", build=None):
+        command = [(build or listener.build) / "simulator/devicesim", "--port", listener.port,
+                   "--bind", SOURCES, "--connect-timeout-ms", CONNECT_TIMEOUT_MS,
+                   "--output", "json", "--no-checksum"]
+        if listener.certificates:
+            command += ["--tls", "--tls-version", tls_version,
+                        "--ca", listener.certificates.authority]
+        super().__init__([*command, *options])
+
+    def messages_so_far(self):
+        before = self.complaints().count("\n")
+        self.popen.send_signal(signal.SIGUSR1)
+        wait_until(lambda: self.complaints().count("\n") > before, "progress of devicesim")
+        return int(re.findall(r"; (\d+) messages", self.complaints())[-1])
+
+    def report(self):
+        """What devicesim says at its end."""
+        return json.loads(self.output())
+
+    def sent(self):
+        """Returns (messages, bytes without newlines), when it has ended."""
+        summary = self.report()["summary"]
+        return summary["messages"], summary["bytes"] - summary["messages"]

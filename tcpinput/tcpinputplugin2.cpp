@@ -17,20 +17,13 @@ constexpr unsigned long ReportPauseMs = 1;
 
 } // namespace
 
-TcpInputPlugin2::TcpInputPlugin2(QObject *parent)
-    : IInputPlugin(parent),
-      tcpServer(this),
-      sslServer(this),
-      pool(makePool())
+TcpInputPlugin2::TcpInputPlugin2(QObject *parent) : IInputPlugin(parent)
 {
     initialise();
 }
 
 TcpInputPlugin2::TcpInputPlugin2(QObject *parent, const QJsonObject &initial)
-    : IInputPlugin(parent, initial),
-      tcpServer(this),
-      sslServer(this),
-      pool(makePool())
+    : IInputPlugin(parent, initial)
 {
     initialise();
 }
@@ -46,7 +39,7 @@ void TcpInputPlugin2::initialise()
 
     connect(&untaken, &QTimer::timeout, this, &TcpInputPlugin2::retryUntaken);
 
-    for (const AcceptGuard *guard : {&tcpServer.guard, &sslServer.guard}) {
+    for (const AcceptGuard *guard : {&servers.tcp.guard, &servers.tls.guard}) {
         connect(guard, &AcceptGuard::descriptorsOut, this, [this] {
             CWRN(QtWarningMsg,
                  QStringLiteral("TcpInputPlugin2(%1): Out of file descriptors, accepting paused"),
@@ -58,20 +51,18 @@ void TcpInputPlugin2::initialise()
     }
 }
 
-// Queued connections: to other threads.
 WorkerPool TcpInputPlugin2::makePool()
 {
+    constexpr auto Queued = Qt::QueuedConnection; // to other threads, and from there
     const auto setUpThread = [this](QThread *thread) {
-        connect(this, &TcpInputPlugin2::stopSignal, thread, &QThread::quit, Qt::QueuedConnection);
-        connect(thread, &QThread::finished, this, &TcpInputPlugin2::threadFinished,
-                Qt::QueuedConnection);
+        connect(this, &TcpInputPlugin2::stopSignal, thread, &QThread::quit, Queued);
+        connect(thread, &QThread::finished, this, &TcpInputPlugin2::threadFinished, Queued);
     };
     const auto setUpTask = [this](TcpTask2 *task) {
-        connect(this, &TcpInputPlugin2::logSize, task, &TcpTask2::logSize, Qt::QueuedConnection);
-        connect(this, &TcpInputPlugin2::stopSignal, task, &TcpTask2::stop, Qt::QueuedConnection);
-        connect(task, &TcpTask2::receivedData, this, &TcpInputPlugin2::slotReceivedData,
-                Qt::QueuedConnection);
-        connect(task, &TcpTask2::query, this, &TcpInputPlugin2::onQuery, Qt::QueuedConnection);
+        connect(this, &TcpInputPlugin2::logSize, task, &TcpTask2::logSize, Queued);
+        connect(this, &TcpInputPlugin2::stopSignal, task, &TcpTask2::stop, Queued);
+        connect(task, &TcpTask2::receivedData, this, &TcpInputPlugin2::slotReceivedData, Queued);
+        connect(task, &TcpTask2::query, this, &TcpInputPlugin2::onQuery, Queued);
     };
     return WorkerPool(pluginId, setUpThread, setUpTask);
 }
@@ -104,23 +95,12 @@ void TcpInputPlugin2::drop(int len)
     CWRN(QtInfoMsg, QStringLiteral("TcpInputPlugin2(%1): dropping %2 bytes"), pluginId, len);
 }
 
-QThread *TcpInputPlugin2::getThread(int n)
-{
-    return pool.thread(n > 0 ? n : pool.turn());
-}
-
-TcpTask2 *TcpInputPlugin2::getTask()
-{
-    return pool.task();
-}
-
-void TcpInputPlugin2::onConfigChanged() {}
-
 bool TcpInputPlugin2::start()
 {
     if (destroying)
         return false;
     const bool usable = configuration.apply(config, pluginId);
+    servers.use(configuration.useTls);
     pool.setSize(configuration.poolSize);
     if (!usable) {
         CWRN(QtWarningMsg,
@@ -128,8 +108,7 @@ bool TcpInputPlugin2::start()
              pluginId);
         return false;
     }
-    tcpServer.setStamping(configuration.offsets);
-    sslServer.setStamping(configuration.offsets);
+    servers.setStamping(configuration.offsets);
     connTemplate.setLocalAddress(configuration.address);
     connTemplate.setLocalPort(configuration.port);
 
@@ -152,23 +131,23 @@ void TcpInputPlugin2::listenTcp()
 {
     CWRN(QtInfoMsg, QStringLiteral("TcpInputPlugin2(%1): Starting TCP server on port %2"), pluginId,
          configuration.port);
-    connect(&tcpServer, &QTcpServer::newConnection, this, &TcpInputPlugin2::handleConnection);
-    tcpServer.listen(configuration.address, configuration.port);
+    connect(&servers.tcp, &QTcpServer::newConnection, this, &TcpInputPlugin2::handleConnection);
+    servers.tcp.listen(configuration.address, configuration.port);
 }
 
 void TcpInputPlugin2::listenTls()
 {
     CWRN(QtInfoMsg, QStringLiteral("TcpInputPlugin2(%1): Starting SSL server on port %2"), pluginId,
          configuration.port);
-    sslServer.setSslConfiguration(configuration.tls);
-    connect(&sslServer, &QTcpServer::pendingConnectionAvailable, this,
+    servers.tls.setSslConfiguration(configuration.tls);
+    connect(&servers.tls, &QTcpServer::pendingConnectionAvailable, this,
             &TcpInputPlugin2::handleConnection);
-    connect(&sslServer, &QSslServer::errorOccurred, this, &TcpInputPlugin2::socketError);
-    connect(&sslServer, &QSslServer::sslErrors, this, &TcpInputPlugin2::sslErrors);
-    if (sslServer.sslConfiguration().handshakeMustInterruptOnError())
-        connect(&sslServer, &QSslServer::handshakeInterruptedOnError, this,
+    connect(&servers.tls, &QSslServer::errorOccurred, this, &TcpInputPlugin2::socketError);
+    connect(&servers.tls, &QSslServer::sslErrors, this, &TcpInputPlugin2::sslErrors);
+    if (servers.tls.sslConfiguration().handshakeMustInterruptOnError())
+        connect(&servers.tls, &QSslServer::handshakeInterruptedOnError, this,
                 &TcpInputPlugin2::hshakeError, Qt::DirectConnection);
-    sslServer.listen(configuration.address, configuration.port);
+    servers.tls.listen(configuration.address, configuration.port);
 }
 
 bool TcpInputPlugin2::stop()
@@ -176,11 +155,8 @@ bool TcpInputPlugin2::stop()
     if (destroying)
         return true; // under way
     CWRN(QtDebugMsg, QStringLiteral("TcpInputPlugin2(%1): stop()"), pluginId);
-    if (configuration.useTls)
-        sslServer.close();
-    else
-        tcpServer.close();
-    untaken.forget(activeGuard());
+    servers.close();
+    untaken.forget(servers.guard());
 
     Q_EMIT stopSignal();
     QThread::msleep(StopPauseMs);
@@ -191,7 +167,7 @@ bool TcpInputPlugin2::stop()
 
 QString TcpInputPlugin2::getStatus()
 {
-    const QTcpServer &server = activeServer();
+    const QTcpServer &server = servers.active();
     QString result = QStringLiteral("Listen: %2:%3, timeout: %1s, pool size: %4\r\n")
                              .arg(configuration.timeoutMs / 1000)
                              .arg(server.serverAddress().toString())
@@ -245,9 +221,9 @@ void TcpInputPlugin2::threadFinished()
 
 void TcpInputPlugin2::handleConnection()
 {
-    if (destroying || !activeServer().hasPendingConnections() || handOver())
+    if (destroying || !servers.active().hasPendingConnections() || handOver())
         return;
-    untaken.add(activeGuard());
+    untaken.add(servers.guard());
 }
 
 // The socket stays in the server until the task takes it, in its own thread. When all that is
@@ -262,14 +238,7 @@ bool TcpInputPlugin2::handOver()
         return handOver(); // event loop
 
     Connection conn = connTemplate;
-    conn.setSsl(configuration.useTls);
-    if (configuration.useTls) {
-        conn.setSslServer(&sslServer);
-        sslServer.reserveFor(task->thread());
-    } else {
-        conn.setTcpServer(&tcpServer);
-        tcpServer.reserveFor(task->thread());
-    }
+    servers.reserveFor(task->thread(), conn);
     conn.setPluginId(pluginId);
     conn.setTimeout(configuration.timeoutMs);
     pool.endTurn(); // before the line, for those that come in there
@@ -288,14 +257,14 @@ void TcpInputPlugin2::retryUntaken()
 {
     if (!WorkerThread::isAvailable())
         return;
-    while (!untaken.isEmpty() && activeServer().hasPendingConnections()) {
+    while (!untaken.isEmpty() && servers.active().hasPendingConnections()) {
         if (!handOver()) {
             untaken.tryLater();
             return;
         }
         untaken.removeOne();
     }
-    untaken.forget(activeGuard());
+    untaken.forget(servers.guard());
 }
 
 void TcpInputPlugin2::showThreads()
@@ -319,14 +288,4 @@ void TcpInputPlugin2::hshakeError(QSslSocket *, const QSslError &error)
 {
     CWRN(QtWarningMsg, QStringLiteral("TcpInputPlugin2(%1): SSL handshake error: %2"), pluginId,
          error.errorString());
-}
-
-QTcpServer &TcpInputPlugin2::activeServer()
-{
-    return configuration.useTls ? static_cast<QTcpServer &>(sslServer) : tcpServer;
-}
-
-AcceptGuard &TcpInputPlugin2::activeGuard()
-{
-    return configuration.useTls ? sslServer.guard : tcpServer.guard;
 }

@@ -5,8 +5,7 @@
 
 #include "plugin/connection.h"
 #include "plugin/iinputplugin.h"
-#include "tcpinput/accept/sslserver.h"
-#include "tcpinput/accept/tcpserver.h"
+#include "tcpinput/accept/servers.h"
 #include "tcpinput/accept/untakenconnections.h"
 #include "tcpinput/configuration.h"
 #include "tcpinput/workerpool.h"
@@ -48,10 +47,10 @@ public:
 
     // The worker thread for number n, made on first use, not started; n <= 0 stands for the
     // thread whose turn it is. Null without descriptors.
-    QThread *getThread(int n);
+    QThread *getThread(int n) { return pool.thread(n > 0 ? n : pool.turn()); }
 
     // The task whose turn it is, made on first use with its thread; null without a thread.
-    TcpTask2 *getTask();
+    TcpTask2 *getTask() { return pool.task(); }
 
     const WorkerPool &workers() const { return pool; }
     // Comes due whenever showThreads() is to be called.
@@ -64,7 +63,7 @@ Q_SIGNALS:
 
 public Q_SLOTS:
     // Nothing: a changed configuration takes effect at the next start().
-    void onConfigChanged() override;
+    void onConfigChanged() override {}
 
     // False if TLS is asked for and cannot be set up. A port in use is no failure: getStatus()
     // then shows port 0.
@@ -95,20 +94,17 @@ public Q_SLOTS:
 private:
     void initialise();
     WorkerPool makePool();
-    QTcpServer &activeServer();
-    AcceptGuard &activeGuard();
     void listenTcp();
     void listenTls();
     bool handOver();
     void retryUntaken();
 
     // All of this belongs to the plugin's thread, except that discard() reads tasks in the pool.
-    TcpServer tcpServer;
-    SslServer sslServer;
+    Servers servers{this};
     Configuration configuration;
     Connection connTemplate;
     QTimer statusTimer;
-    WorkerPool pool;
+    WorkerPool pool{makePool()};
     UntakenConnections untaken;
     bool destroying = false; // the host's events that are processed meanwhile start nothing new
     bool draining = false; // the last records alone are of interest

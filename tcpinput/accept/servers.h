@@ -1,0 +1,57 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "plugin/connection.h"
+#include "tcpinput/accept/sslserver.h"
+#include "tcpinput/accept/tcpserver.h"
+
+/*!
+    The two servers of a plugin, of which one is in use.
+
+    Thread: the plugin's.
+    Owner:  the plugin, as a member.
+*/
+class Servers
+{
+public:
+    explicit Servers(QObject *plugin) : tcp(plugin), tls(plugin) {}
+
+    // Default: TCP.
+    void use(bool wantsTls) { usesTls = wantsTls; }
+    QTcpServer &active() { return usesTls ? static_cast<QTcpServer &>(tls) : tcp; }
+    AcceptGuard &guard() { return usesTls ? tls.guard : tcp.guard; }
+
+    void setStamping(bool on)
+    {
+        tcp.setStamping(on);
+        tls.setStamping(on);
+    }
+    void close()
+    {
+        if (usesTls)
+            tls.close();
+        else
+            tcp.close();
+    }
+    // The oldest connection that is not reserved yet goes to that thread. The record tells where it
+    // is to be taken.
+    void reserveFor(const QThread *taker, Connection &record)
+    {
+        record.setSsl(usesTls);
+        if (usesTls) {
+            record.setSslServer(&tls);
+            tls.reserveFor(taker);
+        } else {
+            record.setTcpServer(&tcp);
+            tcp.reserveFor(taker);
+        }
+    }
+
+    TcpServer tcp;
+    SslServer tls;
+
+private:
+    bool usesTls = false;
+};

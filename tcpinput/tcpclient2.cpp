@@ -67,7 +67,7 @@ TcpClient2::~TcpClient2()
 
 QString TcpClient2::currentId() const
 {
-    const QMutexLocker locker(&idMutex);
+    const MutexLocker locker(idMutex);
     return id;
 }
 
@@ -105,6 +105,7 @@ void TcpClient2::postCut(Cut cut)
 
 void TcpClient2::cutInbuf(int len)
 {
+    Q_ASSERT(isOwnThread());
     offerRemainder(unconsumed.cut(len));
 }
 
@@ -130,6 +131,7 @@ void TcpClient2::offerRemainder(qsizetype left)
 
 void TcpClient2::mreadyRead()
 {
+    Q_ASSERT(isOwnThread());
     if (!appendAvailable())
         return;
     const qint64 now = Clock::now();
@@ -178,7 +180,7 @@ void TcpClient2::emitOffer(const Snapshot &all, const QTcpSocket &from)
     c.setSenderPort(from.peerPort());
     c.setLocalAddress(from.localAddress());
     c.setLocalPort(from.localPort());
-    Q_EMIT readyRead(c, id);
+    Q_EMIT readyRead(c, getId());
 }
 
 void TcpClient2::checkData()
@@ -214,6 +216,7 @@ void TcpClient2::timeout()
 
 void TcpClient2::mdisconnected()
 {
+    Q_ASSERT(isOwnThread());
     if (!socket) // closed before, or never open
         return;
     transport->setReader(nullptr);
@@ -239,14 +242,14 @@ void TcpClient2::mdisconnected()
         emitOffer(last, *closing);
     idle.stop();
     CWRN(QtDebugMsg,
-         QStringLiteral("TcpClient: closing connection %1 (received %2 bytes, %3 msgs)"), id,
+         QStringLiteral("TcpClient: closing connection %1 (received %2 bytes, %3 msgs)"), getId(),
          bytesReceived, msgsReceived);
     closing->close();
     EpollEventDispatcher::deleteLater(closing);
     // Deliberate: the host sees the last record when the line is written and the socket is closed.
     if (!last.data.isEmpty() && taker)
         taker(last.data);
-    Q_EMIT disconnected(id);
+    Q_EMIT disconnected(getId());
 }
 
 // Reads all that the socket holds; false if that was nothing.
@@ -258,7 +261,7 @@ bool TcpClient2::appendAvailable()
     if (!idBuilt)
         deriveId();
     if (msgsize > LogReadAboveBytes)
-        CWRN(QtInfoMsg, QStringLiteral("TcpClient2 (%1): msgsize = %2"), id, msgsize);
+        CWRN(QtInfoMsg, QStringLiteral("TcpClient2 (%1): msgsize = %2"), getId(), msgsize);
 
     const qsizetype size = isReadable(2) ? unconsumed.readFrom(*transport, msgsize) : 0;
     if (size == 0)
@@ -269,11 +272,11 @@ bool TcpClient2::appendAvailable()
     return true;
 }
 
-bool TcpClient2::isReadable(int place) const
+bool TcpClient2::isReadable(int place)
 {
     if (transport && transport->isUsable())
         return true;
-    CWRN(QtWarningMsg, QStringLiteral("TcpClient2 (%1): socket not valid (%2)"), id, place);
+    CWRN(QtWarningMsg, QStringLiteral("TcpClient2 (%1): socket not valid (%2)"), getId(), place);
     return false;
 }
 
@@ -289,12 +292,12 @@ void TcpClient2::deriveId()
     if (idBuilt || !socket) // another read, or the end, came from within the line
         return;
 
-    const QString oid = id;
+    const QString oid = getId();
     {
-        const QMutexLocker locker(&idMutex);
+        const MutexLocker locker(idMutex);
         id = clientId(local, localPort, peer, peerPort);
     }
     idBuilt = true;
-    if (id != oid)
-        Q_EMIT idChanged(oid, id);
+    if (getId() != oid)
+        Q_EMIT idChanged(oid, getId());
 }

@@ -8,8 +8,8 @@
 #include "tcpinput/receive/idletimer.h"
 #include "tcpinput/receive/sockettransport.h"
 #include "tcpinput/receive/unconsumedbytes.h"
+#include "tcpinput/workers/locks.h"
 
-#include <QtCore/QMutex>
 #include <QtCore/QObject>
 #include <QtCore/QString>
 
@@ -38,7 +38,7 @@ public:
     ~TcpClient2() override;
 
     // In the client's thread only; see currentId().
-    QString &getId() { return id; }
+    QString &getId() TCPINPUT_ANNOTATE(no_thread_safety_analysis) { return id; }
 
     // A copy of the id, from any thread.
     QString currentId() const;
@@ -107,7 +107,7 @@ private:
 
     void bytesCame() override { mreadyRead(); }
     bool appendAvailable();
-    bool isReadable(int place) const;
+    bool isReadable(int place);
     void deriveId();
 
     void checkIdle();
@@ -122,8 +122,8 @@ private:
     void postCut(Cut cut);
     void cutTo(quint64 position);
 
-    mutable QMutex idMutex;
-    QString id; // guarded by idMutex in other threads; written in the client's thread only
+    mutable Mutex idMutex;
+    QString id GUARDED_BY(idMutex); // written in the client's thread only, which reads without
     UnconsumedBytes unconsumed;
     quint64 number = 0; // set once, see stampOffers()
 

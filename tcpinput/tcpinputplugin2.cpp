@@ -97,6 +97,7 @@ void TcpInputPlugin2::drop(int len)
 
 bool TcpInputPlugin2::start()
 {
+    Q_ASSERT(QThread::currentThread() == thread());
     if (destroying)
         return false;
     const bool usable = configuration.apply(config, pluginId);
@@ -152,6 +153,7 @@ void TcpInputPlugin2::listenTls()
 
 bool TcpInputPlugin2::stop()
 {
+    Q_ASSERT(QThread::currentThread() == thread());
     if (destroying)
         return true; // under way
     CWRN(QtDebugMsg, QStringLiteral("TcpInputPlugin2(%1): stop()"), pluginId);
@@ -221,6 +223,7 @@ void TcpInputPlugin2::threadFinished()
 
 void TcpInputPlugin2::handleConnection()
 {
+    Q_ASSERT(QThread::currentThread() == thread());
     if (destroying || !servers.active().hasPendingConnections() || handOver())
         return;
     untaken.add(servers.guard());

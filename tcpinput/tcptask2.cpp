@@ -95,7 +95,7 @@ TcpTask2::DiscardResult TcpTask2::tryDiscard(int length, const QMap<QString, QSt
     const auto id = subid.constFind(SubIds::client());
     if (id == subid.constEnd())
         return DiscardResult::NoClientKey;
-    const QReadLocker locker(&clientsLock);
+    const ReadLocker locker(clientsLock);
     TcpClient2 *client = clients.value(*id);
     if (!client)
         return DiscardResult::NoSuchClient;
@@ -150,11 +150,12 @@ bool TcpTask2::event(QEvent *event)
 void TcpTask2::logSize(const QString &id)
 {
     CWRN(QtDebugMsg, QStringLiteral("  TcpTask2: id = %1, #clients = %2, id = %3"), id,
-         static_cast<qint64>(clients.size()), currentThreadNumber());
+         static_cast<qint64>(registry().size()), currentThreadNumber());
 }
 
 void TcpTask2::addConnection(Connection conn)
 {
+    Q_ASSERT(QThread::currentThread() == thread());
     CWRN(QtDebugMsg,
          conn.getSsl() ? QStringLiteral("TcpTask2: Handling SSL connection, %1")
                        : QStringLiteral("TcpTask2: Handling TCP connection, %1"),
@@ -181,13 +182,13 @@ void TcpTask2::addConnection(Connection conn)
     client->setBacklogWatch(watch.get());
     connectClient(client, endpoints);
     {
-        const QWriteLocker locker(&clientsLock);
+        const WriteLocker locker(clientsLock);
         connect(this, &TcpTask2::stopTimer, client, &TcpClient2::mdisconnected,
                 Qt::QueuedConnection); // under the lock: see stop()
         enter(client, id);
     }
     CWRN(QtDebugMsg, QStringLiteral("TcpTask2 (%1): new client added, size = %2"), num,
-         static_cast<qint64>(clients.size()));
+         static_cast<qint64>(registry().size()));
 }
 
 void TcpTask2::connectClient(TcpClient2 *client, const Endpoints &endpoints)
@@ -205,7 +206,7 @@ void TcpTask2::connectClient(TcpClient2 *client, const Endpoints &endpoints)
     connect(
             client, &TcpClient2::idChanged, this,
             [this, client](const QString &oid, const QString &id) {
-                if (clients.value(oid) == client)
+                if (registry().value(oid) == client)
                     idChanged(oid, id);
             },
             Qt::DirectConnection);
@@ -231,7 +232,7 @@ void TcpTask2::enter(TcpClient2 *client, const QString &id)
 // By the time this comes, another client may hold the id: that one is left alone.
 void TcpTask2::handleEnd(TcpClient2 *client, const QString &id)
 {
-    if (clients.value(id) == client) {
+    if (registry().value(id) == client) {
         disconnected(id);
     } else if (displaced.remove(client)) {
         ignore(client);
@@ -241,7 +242,8 @@ void TcpTask2::handleEnd(TcpClient2 *client, const QString &id)
 
 void TcpTask2::disconnected(const QString &id)
 {
-    TcpClient2 *client = clients.value(id);
+    Q_ASSERT(QThread::currentThread() == thread());
+    TcpClient2 *client = registry().value(id);
     if (!client)
         return;
     // id may be the client's own, which its first read changes.
@@ -249,7 +251,7 @@ void TcpTask2::disconnected(const QString &id)
     ignore(client); // the end that it reports below is this one
     client->mdisconnected(); // makes its last offer, if whoever called this was too early
 
-    const QWriteLocker locker(&clientsLock);
+    const WriteLocker locker(clientsLock);
     EpollEventDispatcher::deleteLater(client);
     displaced.remove(client);
     if (clients.value(key) == client) // no other has come within a log line
@@ -274,7 +276,7 @@ void TcpTask2::stop()
     {
         // Qt walks the list of a signal's connections without a lock, and another thread may be
         // adding a client to it. Under the lock this only posts.
-        const QReadLocker locker(&clientsLock);
+        const ReadLocker locker(clientsLock);
         Q_EMIT stopTimer();
     }
     // Called directly from the plugin's destructor, this is the plugin's thread: the task's own
@@ -289,7 +291,7 @@ QString TcpTask2::getInfo(const QString &prefix)
 {
     QMap<QString, QString> ids; // in the order of the registry's
     {
-        const QReadLocker locker(&clientsLock);
+        const ReadLocker locker(clientsLock);
         for (auto entry = clients.constBegin(); entry != clients.constEnd(); ++entry)
             ids.insert(entry.key(), (*entry)->currentId());
     }
@@ -308,7 +310,7 @@ QString TcpTask2::getInfo(const QString &prefix)
 
 void TcpTask2::idChanged(const QString &oid, const QString &id)
 {
-    const QWriteLocker locker(&clientsLock);
+    const WriteLocker locker(clientsLock);
     TcpClient2 *client = clients.value(oid);
     if (!client)
         return;

@@ -7,11 +7,11 @@
 #include "plugin/parseddata.h"
 #include "tcpinput/receive/backlogwatch.h"
 #include "tcpinput/receive/localsecond.h"
+#include "tcpinput/workers/locks.h"
 
 #include <QtCore/QHash>
 #include <QtCore/QMap>
 #include <QtCore/QObject>
-#include <QtCore/QReadWriteLock>
 #include <QtCore/QSet>
 #include <QtCore/QString>
 
@@ -85,14 +85,20 @@ private:
     static DiscardResult discardTo(TcpClient2 *client, int length, const QString &from,
                                    const QMap<QString, QString> &subid);
     void connectClient(TcpClient2 *client, const Endpoints &endpoints);
-    void enter(TcpClient2 *client, const QString &id);
+    // For reading in the task's thread.
+    const QHash<QString, TcpClient2 *> &registry() const
+    {
+        clientsLock.assumeReadable();
+        return clients;
+    }
+    void enter(TcpClient2 *client, const QString &id) REQUIRES_LOCK(clientsLock);
     void handleEnd(TcpClient2 *client, const QString &id);
     void ignore(TcpClient2 *client);
 
-    // By client id. Guarded by clientsLock; written in the task's thread only.
-    QHash<QString, TcpClient2 *> clients;
+    mutable SharedMutex clientsLock;
+    // By client id. Written in the task's thread only, which reads without the lock.
+    QHash<QString, TcpClient2 *> clients GUARDED_BY(clientsLock);
     std::atomic<bool> running = true; // until the first stop()
-    mutable QReadWriteLock clientsLock;
     int num = 0; // set once, before the task is moved
     bool dying = false; // this and below: the task's thread only
     QSet<TcpClient2 *>

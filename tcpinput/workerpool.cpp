@@ -40,7 +40,7 @@ QThread *WorkerPool::thread(int number)
 TcpTask2 *WorkerPool::task()
 {
     const int number = index;
-    if (TcpTask2 *task = tasks.value(number))
+    if (TcpTask2 *task = existingTask(number))
         return task;
 
     QThread *own = thread(number);
@@ -51,12 +51,12 @@ TcpTask2 *WorkerPool::task()
     }
 
     CWRN(QtInfoMsg, QStringLiteral("TcpInputPlugin2(%1): Creating new TcpTask2"), id);
-    if (tasks.contains(number) || threads.value(number) != own) // made, or stopped, within
-        return tasks.value(number);
+    if (existingTask(number) || threads.value(number) != own) // made, or stopped, within
+        return existingTask(number);
     auto *task = new TcpTask2(nullptr);
     task->setNum(number);
     {
-        const QWriteLocker locker(&tasksLock);
+        const WriteLocker locker(tasksLock);
         tasks.insert(number, task);
     }
     setUpTask(task);
@@ -79,14 +79,14 @@ bool WorkerPool::startThread(int number)
 std::optional<TcpTask2::DiscardResult> WorkerPool::tryDiscard(int number, int length,
                                                               const QMap<QString, QString> &subid)
 {
-    const QReadLocker locker(&tasksLock);
+    const ReadLocker locker(tasksLock);
     const TcpTask2 *task = tasks.value(number);
     return task ? std::optional(task->tryDiscard(length, subid)) : std::nullopt;
 }
 
 void WorkerPool::retireTasks()
 {
-    const QWriteLocker locker(&tasksLock);
+    const WriteLocker locker(tasksLock);
     for (TcpTask2 *task : std::as_const(tasks))
         task->deleteLater();
     tasks.clear();

@@ -4,11 +4,11 @@
 #pragma once
 
 #include "tcpinput/tcptask2.h"
+#include "tcpinput/workers/locks.h"
 
 #include <QtCore/QList>
 #include <QtCore/QMap>
 #include <QtCore/QPointer>
-#include <QtCore/QReadWriteLock>
 #include <QtCore/QString>
 #include <QtCore/QThread>
 
@@ -47,8 +47,12 @@ public:
     // Of the number whose turn it is; made on first use with its thread; null without a thread.
     TcpTask2 *task();
     // Null if there is none.
-    TcpTask2 *existingTask(int number) const { return tasks.value(number); }
-    const QMap<int, TcpTask2 *> &allTasks() const { return tasks; }
+    TcpTask2 *existingTask(int number) const { return allTasks().value(number); }
+    const QMap<int, TcpTask2 *> &allTasks() const
+    {
+        tasksLock.assumeReadable();
+        return tasks;
+    }
     const QMap<int, QThread *> &allThreads() const { return threads; }
 
     // As TcpTask2::tryDiscard(); nothing if there is no such task.
@@ -70,8 +74,9 @@ private:
     const TaskSetup setUpTask;
     int size = 4;
     int index = 0;
-    QMap<int, TcpTask2 *> tasks; // written under tasksLock
+    mutable SharedMutex tasksLock;
+    // Written in the plugin's thread only, which reads without the lock.
+    QMap<int, TcpTask2 *> tasks GUARDED_BY(tasksLock);
     QMap<int, QThread *> threads;
-    QReadWriteLock tasksLock;
     QList<QPointer<QThread>> retired; // and not deleted yet
 };

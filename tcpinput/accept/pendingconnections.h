@@ -3,7 +3,8 @@
 
 #pragma once
 
-#include <QtCore/QMutex>
+#include "tcpinput/workers/locks.h"
+
 #include <QtCore/QThread>
 
 #include <algorithm>
@@ -28,14 +29,14 @@ class PendingConnections
 public:
     void add(T connection)
     {
-        const QMutexLocker locker(&mutex);
+        const MutexLocker locker(mutex);
         queue.push_back({std::move(connection), nullptr});
     }
 
     // Reserves the oldest connection that is not reserved; nothing if there is none.
     void reserveFor(const QThread *taker)
     {
-        const QMutexLocker locker(&mutex);
+        const MutexLocker locker(mutex);
         dealt = true;
         if (reserved < queue.size())
             queue[reserved++].taker = taker;
@@ -45,7 +46,7 @@ public:
     // reserved, the oldest of all. Nothing if there is none.
     std::optional<T> take()
     {
-        const QMutexLocker locker(&mutex);
+        const MutexLocker locker(mutex);
         const QThread *taker = QThread::currentThread();
         const auto free = queue.begin() + static_cast<std::ptrdiff_t>(reserved);
         auto found = std::find_if(queue.begin(), free,
@@ -62,7 +63,7 @@ public:
     // Takes all, whoever they are reserved for.
     std::deque<T> takeAll()
     {
-        const QMutexLocker locker(&mutex);
+        const MutexLocker locker(mutex);
         std::deque<T> all;
         for (Entry &entry : queue)
             all.push_back(std::move(entry.connection));
@@ -73,7 +74,7 @@ public:
 
     qsizetype size() const
     {
-        const QMutexLocker locker(&mutex);
+        const MutexLocker locker(mutex);
         return static_cast<qsizetype>(queue.size());
     }
 
@@ -84,8 +85,8 @@ private:
         const QThread *taker; // only compared
     };
 
-    mutable QMutex mutex;
-    std::deque<Entry> queue; // this and all below: guarded by mutex
-    std::size_t reserved = 0; // how many of the queue's first entries are reserved
-    bool dealt = false; // reserveFor() was called
+    mutable Mutex mutex;
+    std::deque<Entry> queue GUARDED_BY(mutex);
+    std::size_t reserved GUARDED_BY(mutex) = 0; // how many of the queue's first entries are
+    bool dealt GUARDED_BY(mutex) = false; // reserveFor() was called
 };

@@ -20,20 +20,20 @@ constexpr std::chrono::steady_clock::duration CutDelay = std::chrono::microsecon
 
 qsizetype UnconsumedBytes::size() const
 {
-    const QReadLocker locker(&lock);
+    const MutexLocker locker(mutex);
     return buffer.size();
 }
 
 UnconsumedBytes::Snapshot UnconsumedBytes::copy()
 {
-    const QWriteLocker locker(&lock);
+    const MutexLocker locker(mutex);
     recentCut.reset(); // made before: its bytes are missing here
     return {buffer.copy(), bytesCut};
 }
 
 UnconsumedBytes::Snapshot UnconsumedBytes::takeAll()
 {
-    const QWriteLocker locker(&lock);
+    const MutexLocker locker(mutex);
     Snapshot all{buffer.copy(), bytesCut};
     buffer.clear();
     return all;
@@ -41,7 +41,7 @@ UnconsumedBytes::Snapshot UnconsumedBytes::takeAll()
 
 qsizetype UnconsumedBytes::readFrom(Transport &transport, qsizetype count)
 {
-    const QWriteLocker locker(&lock);
+    const MutexLocker locker(mutex);
     if (QByteArray block = transport.takeBlock(count); !block.isEmpty()) {
         buffer.appendBlock(std::move(block));
         return buffer.size();
@@ -54,13 +54,13 @@ qsizetype UnconsumedBytes::readFrom(Transport &transport, qsizetype count)
 
 bool UnconsumedBytes::cutAhead(qsizetype length, bool inClientsThread)
 {
-    const QWriteLocker locker(&lock);
+    const MutexLocker locker(mutex);
     return cutAheadLocked(length, inClientsThread);
 }
 
 bool UnconsumedBytes::cutAheadTo(quint64 position, bool inClientsThread)
 {
-    const QWriteLocker locker(&lock);
+    const MutexLocker locker(mutex);
     // Cuts that are on their way do not take back what is cut already.
     return position <= bytesCut || cutAheadLocked(lengthTo(position), inClientsThread);
 }
@@ -79,25 +79,27 @@ bool UnconsumedBytes::cutAheadLocked(qsizetype length, bool inClientsThread)
 
 qsizetype UnconsumedBytes::cut(qsizetype length)
 {
-    const QWriteLocker locker(&lock);
+    const MutexLocker locker(mutex);
+    return cutLocked(length);
+}
+
+std::optional<qsizetype> UnconsumedBytes::cutTo(quint64 position)
+{
+    const MutexLocker locker(mutex);
+    const qsizetype length = lengthTo(position);
+    return length > 0 ? std::optional(cutLocked(length)) : std::nullopt;
+}
+
+qsizetype UnconsumedBytes::cutLocked(qsizetype length)
+{
     bytesCut += static_cast<quint64>(buffer.cutFront(length));
     recentCut.reset(); // that one was made before
     return buffer.size();
 }
 
-std::optional<qsizetype> UnconsumedBytes::cutTo(quint64 position)
-{
-    qsizetype length = 0;
-    {
-        const QReadLocker locker(&lock);
-        length = lengthTo(position);
-    }
-    return length > 0 ? std::optional(cut(length)) : std::nullopt;
-}
-
 void UnconsumedBytes::endPostedCut()
 {
-    const QWriteLocker locker(&lock);
+    const MutexLocker locker(mutex);
     --postedCuts;
 }
 
@@ -105,7 +107,7 @@ void UnconsumedBytes::endPostedCut()
 // its turn began.
 qsizetype UnconsumedBytes::leftByRecentCut()
 {
-    const QWriteLocker locker(&lock);
+    const MutexLocker locker(mutex);
     const auto cut = std::exchange(recentCut, std::nullopt);
     const bool onItsWay = cut
             && (Clock::steady() - *cut <= CutDelay || *cut >= EpollEventDispatcher::turnBegan());

@@ -5,8 +5,7 @@
 
 #include "tcpinput/receive/clock.h"
 #include "tcpinput/receive/inputbuffer.h"
-
-#include <QtCore/QReadWriteLock>
+#include "tcpinput/workers/locks.h"
 
 #include <optional>
 
@@ -64,12 +63,14 @@ public:
     qsizetype leftByRecentCut();
 
 private:
-    bool cutAheadLocked(qsizetype length, bool inClientsThread);
-    qsizetype lengthTo(quint64 position) const;
+    bool cutAheadLocked(qsizetype length, bool inClientsThread) REQUIRES_LOCK(mutex);
+    qsizetype cutLocked(qsizetype length) REQUIRES_LOCK(mutex);
+    qsizetype lengthTo(quint64 position) const REQUIRES_LOCK(mutex);
 
-    mutable QReadWriteLock lock;
-    InputBuffer buffer; // this and all below: guarded by lock
-    quint64 bytesCut = 0; // in all
-    int postedCuts = 0; // on their way to the client's thread: those that follow stay behind them
-    std::optional<Clock::Steady> recentCut; // made ahead, and nothing done since
+    mutable Mutex mutex;
+    InputBuffer buffer GUARDED_BY(mutex);
+    quint64 bytesCut GUARDED_BY(mutex) = 0; // in all
+    // On their way to the client's thread: those that follow stay behind them.
+    int postedCuts GUARDED_BY(mutex) = 0;
+    std::optional<Clock::Steady> recentCut GUARDED_BY(mutex); // made ahead, and nothing done since
 };

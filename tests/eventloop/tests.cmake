@@ -3,7 +3,8 @@
 
 # dispatchercontract: what holds for any event dispatcher of Qt; Qt's own serve for comparison.
 foreach(name IN ITEMS
-        tst_timerqueue tst_dispatchercontract tst_epolleventdispatcher tst_wakeupmoderation)
+        tst_timerqueue tst_dispatchercontract tst_epolleventdispatcher tst_nesteddeletions
+        tst_wakeupmoderation)
     plugin_test(${name} 300)
     target_link_libraries(${name} PRIVATE tcpinput_eventloop Qt6::Network)
 endforeach()

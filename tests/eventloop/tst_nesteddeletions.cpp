@@ -1,0 +1,231 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "eventloop/epolleventdispatcher.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QEventLoop>
+#include <QtCore/QPointer>
+#include <QtCore/QThread>
+#include <QtTest/QTest>
+
+#include <functional>
+
+using Dispatcher = EpollEventDispatcher;
+
+namespace {
+
+// In a turn of the event loop.
+void inATurn(const std::function<void()> &work)
+{
+    bool done = false;
+    QObject context;
+    QMetaObject::invokeMethod(
+            &context,
+            [&] {
+                work();
+                done = true;
+            },
+            Qt::QueuedConnection);
+    while (!done)
+        QAbstractEventDispatcher::instance()->processEvents(QEventLoop::AllEvents);
+}
+
+// Runs an event loop, which takes several turns; the work is in the first.
+void runALoop(const std::function<void()> &work = [] {})
+{
+    QEventLoop loop;
+    QObject context;
+    int turns = 0;
+    std::function<void()> next = [&] {
+        if (++turns == 5)
+            loop.quit();
+        else
+            QMetaObject::invokeMethod(&context, next, Qt::QueuedConnection);
+    };
+    QMetaObject::invokeMethod(&context, work, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(&context, next, Qt::QueuedConnection);
+    loop.exec();
+}
+
+//! Runs an event loop while it is destroyed, and has another object deleted in there.
+class Last : public QObject
+{
+public:
+    explicit Last(QObject *other) : further(other) {}
+    ~Last() override
+    {
+        Dispatcher::deleteLater(further);
+        runALoop();
+        survivedTheLoop = further;
+    }
+    Q_DISABLE_COPY_MOVE(Last)
+
+    static inline bool survivedTheLoop = false;
+
+private:
+    const QPointer<QObject> further;
+};
+
+} // namespace
+
+/*!
+    Deletions that are asked for in a turn within a turn: carried out when the outermost one is
+   over.
+*/
+class tst_NestedDeletions : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void knowsWhetherItIsNested();
+    void nestedTurnDeletesNothing();
+    void nestedTurnDeletesWhatIsNotOurs();
+    void deletionIsADeferredOneOtherwise();
+    void deletedByOthersMeanwhile();
+    void askedForTwice();
+    void destructorRunsALoop();
+    void turnOutsideOfTheLoop();
+    void otherDispatchers();
+};
+
+void tst_NestedDeletions::knowsWhetherItIsNested()
+{
+    QVERIFY(!Dispatcher::isNested());
+    bool inTurn = true;
+    bool inNestedTurn = false;
+    bool afterwards = true;
+    inATurn([&] {
+        inTurn = Dispatcher::isNested();
+        inATurn([&] { inNestedTurn = Dispatcher::isNested(); });
+        afterwards = Dispatcher::isNested();
+    });
+    QVERIFY(!inTurn);
+    QVERIFY(inNestedTurn);
+    QVERIFY(!afterwards);
+}
+
+void tst_NestedDeletions::nestedTurnDeletesNothing()
+{
+    const QPointer<QObject> object = new QObject;
+    bool survivedTheLoop = false;
+    bool survivedTheNext = false;
+    inATurn([&] {
+        runALoop([&] { Dispatcher::deleteLater(object); });
+        survivedTheLoop = object;
+        runALoop();
+        survivedTheNext = object;
+    });
+    QVERIFY(survivedTheLoop);
+    QVERIFY(survivedTheNext);
+    QVERIFY(!object);
+}
+
+// Which is why there is a deleteLater() of ours.
+void tst_NestedDeletions::nestedTurnDeletesWhatIsNotOurs()
+{
+    const QPointer<QObject> object = new QObject;
+    bool survived = true;
+    inATurn([&] {
+        runALoop([&] { object->deleteLater(); });
+        survived = object;
+    });
+    QVERIFY(!survived);
+}
+
+void tst_NestedDeletions::deletionIsADeferredOneOtherwise()
+{
+    const QPointer<QObject> object = new QObject;
+    bool survived = false;
+    inATurn([&] {
+        Dispatcher::deleteLater(object);
+        runALoop(); // is nested, and the object belongs to what is outside of it
+        survived = object;
+    });
+    QVERIFY(survived);
+    runALoop();
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    QVERIFY(!object);
+}
+
+void tst_NestedDeletions::deletedByOthersMeanwhile()
+{
+    const QPointer<QObject> object = new QObject;
+    inATurn([&] {
+        inATurn([&] { Dispatcher::deleteLater(object); });
+        delete object;
+    });
+    QVERIFY(!object);
+}
+
+void tst_NestedDeletions::askedForTwice()
+{
+    const QPointer<QObject> object = new QObject;
+    inATurn([&] {
+        inATurn([&] {
+            Dispatcher::deleteLater(object);
+            Dispatcher::deleteLater(object);
+        });
+    });
+    QVERIFY(!object);
+}
+
+void tst_NestedDeletions::destructorRunsALoop()
+{
+    const QPointer<QObject> further = new QObject;
+    const QPointer<QObject> last = new Last(further);
+    inATurn([&] { inATurn([&] { Dispatcher::deleteLater(last); }); });
+    QVERIFY(!last);
+    QVERIFY(Last::survivedTheLoop || !further);
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    QVERIFY(!further);
+}
+
+// At the end of a thread, for example.
+void tst_NestedDeletions::turnOutsideOfTheLoop()
+{
+    const QPointer<QObject> object = new QObject;
+    bool survived = false;
+    {
+        const Dispatcher::Turn turn;
+        inATurn([&] { Dispatcher::deleteLater(object); });
+        runALoop();
+        survived = object;
+    }
+    QVERIFY(survived);
+    QVERIFY(!object);
+}
+
+void tst_NestedDeletions::otherDispatchers()
+{
+    bool nested = true;
+    QPointer<QObject> object;
+    const std::unique_ptr<QThread> thread(QThread::create([&] {
+        const Dispatcher::Turn turn;
+        QEventLoop loop;
+        object = new QObject;
+        QMetaObject::invokeMethod(
+                object,
+                [&] {
+                    nested = Dispatcher::isNested();
+                    Dispatcher::deleteLater(object);
+                    loop.quit();
+                },
+                Qt::QueuedConnection);
+        loop.exec();
+    }));
+    thread->start();
+    QVERIFY(thread->wait());
+    QVERIFY(!nested);
+    QVERIFY(!object);
+}
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication::setEventDispatcher(Dispatcher::create().release());
+    const QCoreApplication application(argc, argv);
+    tst_NestedDeletions test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_nesteddeletions.moc"

@@ -113,11 +113,15 @@ EpollEventDispatcher::Turn::~Turn()
         dispatcher->endTurn();
 }
 
-// What is deleted may run an event loop, too: the turn lasts until nothing is left.
+// What is deleted may run an event loop and have more deleted: that counts as nested, too.
 void EpollEventDispatcher::endTurn()
 {
-    while (depth == 1 && !doomed.isEmpty())
-        delete doomed.takeFirst();
+    if (depth == 1 && !doomed.isEmpty()) {
+        ++depth;
+        while (!doomed.isEmpty())
+            delete doomed.takeFirst();
+        --depth;
+    }
     --depth;
 }
 

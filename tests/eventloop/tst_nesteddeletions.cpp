@@ -176,8 +176,7 @@ void tst_NestedDeletions::destructorRunsALoop()
     const QPointer<QObject> last = new Last(further);
     inATurn([&] { inATurn([&] { Dispatcher::deleteLater(last); }); });
     QVERIFY(!last);
-    QVERIFY(Last::survivedTheLoop || !further);
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    QVERIFY(Last::survivedTheLoop);
     QVERIFY(!further);
 }
 

@@ -16,9 +16,9 @@ class QUdpSocket;
 /*!
     A value that describes one accepted connection, or one chunk of data received on it.
 
-    Thread: none; every thread works on its own copy, so there is no lock.
-    Owner:  of nothing: the sockets and servers it points to belong to others, live in other
-            threads, and stay untouched when the record goes.
+    Thread: any; a value, each thread works on its own copy.
+    Owner:  owns nothing. The sockets and servers that it points to belong to other objects and live
+            in other threads.
 */
 class Q_DECL_EXPORT Connection
 {

@@ -16,9 +16,9 @@
 /*!
     One log line: constructing it writes "hh:mm:ss.zzz message" to Qt's message output.
 
-    The format's markers %1, %2, ... are filled by one QString::arg() call per argument, in order,
-    so a marker that an earlier argument brought in is replaced by a later one. Arguments are
-    strings, unsigned short, int, long or long long. Nothing is filtered here.
+    Each argument replaces the markers with the lowest number (%1, %2, ...), as one call of
+    QString::arg() does. So a marker inside an argument's text is replaced by a later argument.
+    Arguments are strings, unsigned short, int, long or long long. No line is filtered out.
 
     Thread: any; no state is shared between threads.
 */
@@ -32,13 +32,14 @@ public:
         message += format;
         (substitute(args), ...);
         prependTime();
-        // As QDebug does at its end, without its stream.
+        // QDebug's destructor does the same; this saves its stream.
         qt_message_output(level, QMessageLogContext(), message);
     }
 
 private:
-    // Now as hh:mm:ss.zzz. Each thread keeps its latest second: conversion to local time costs more
-    // than all the rest of a line, and a device that comes and goes causes a dozen lines at once.
+    // Prepends the time as hh:mm:ss.zzz. Each thread caches the local time of its latest second:
+    // the conversion costs more than the rest of the line, and one short connection logs a dozen
+    // lines.
     void prependTime()
     {
         thread_local qint64 secondShown = -1;
@@ -91,8 +92,9 @@ private:
             message = message.arg(value);
     }
 
-    // Does as QString::arg(), in place, in nearly all cases: one marker with the lowest number, and
-    // no character behind a '%' that may be more than it seems. False: it has to do it.
+    // Replaces the lowest marker in place, with the result that QString::arg() has. False for the
+    // rare formats that need arg() itself: no marker or several with the lowest number, or an 'L'
+    // or a non-ASCII character within two characters behind a '%'.
     bool replaceSoleMarker(QStringView value)
     {
         constexpr QLatin1Char Percent('%');

@@ -8,8 +8,8 @@
 
 #include <optional>
 
-// The number that a sub-id's text stands for; none if it is anything but digits, or too large.
-// QString's own reading takes longer, and also takes signs and blanks.
+// Reads a sub-id's text as a decimal number. Nothing if the text is empty, holds anything but
+// digits, or is too large. QString::toULongLong() is slower, and also accepts signs and blanks.
 inline std::optional<quint64> decimalNumber(QStringView text)
 {
     if (text.isEmpty())

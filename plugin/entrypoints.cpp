@@ -14,7 +14,7 @@ void registerPlugin(InputPluginCreators &creators)
 {
     const QString key = QStringLiteral("TcpInputPlugin2");
     const auto *creator = new Register<TcpInputPlugin2, IInputPlugin>::Creator;
-    delete creators.value(key); // while it is in the map, for a creator that looks there at its end
+    delete creators.value(key); // still in the map: its destructor may look there
     creators.remove(key);
     creators.insert(key, creator);
 }

@@ -19,22 +19,22 @@
 #include <optional>
 
 /*!
-    For hosts that take every byte exactly once: tells which bytes of an offer are new.
+    Tells which bytes of an offer are new. For hosts that take every byte exactly once.
 
-    Needs "offsets": true in the plugin's configuration. Offers then say where in the connection's
-    stream they begin, and this class remembers up to where each connection was consumed. For each
-    record:
+    Needs "offsets": true in the plugin's configuration. Each offer then carries its position in the
+    connection's stream. This class remembers the position up to which the host has consumed each
+    connection. For each record:
 
         const auto offer = offers.open(*record);
         const qsizetype used = parse(offer.fresh());
         if (const int len = offers.consume(offer, used))
             plugin->discard(len, record->getPluginSubId());
 
-    Nothing announces the end of a connection, so connections are forgotten by age and by number.
-    Forgetting one early costs exactness only if an offer is handled later than that which was made
-    before the connection's last cut was carried out: the age must exceed the longest time for
-    which the host lets records wait, the number that of connections active within it. A host that
-    may be held up for any time passes times of a clock that stands still meanwhile.
+    The plugin does not announce the end of a connection, so this class forgets connections by age
+    and by number. If it forgets one too early, an offer that was made before the connection's last
+    cut, and is handled later, counts as new. So the age must exceed the longest time that a record
+    waits in the host, and the number must exceed that of the connections active within it. A host
+    that can stall for any time passes times of a clock that stops while the host stalls.
 
     Thread: one at a time.
     Owner:  the host.
@@ -47,22 +47,23 @@ public:
     struct Limits
     {
         std::chrono::milliseconds age = std::chrono::minutes(10); // since the last offer
-        std::size_t connections = 100000; // at least 1; the one longest without an offer goes first
+        std::size_t connections = 100000; // at least 1; forgets the one longest without an offer
     };
 
-    //! One offer, with what was known when it was opened. A value that shares the record's bytes.
+    //! One offer, and what was known when it was opened. A value; shares the record's bytes.
     class Offer
     {
     public:
-        // The bytes that have not been consumed; empty if the offer only repeats. Valid as long as
-        // the offer. At most 2 GiB - 1 together with what is repeated: discard() takes an int.
+        // The bytes that were not consumed yet; empty if the offer only repeats. The view is valid
+        // as long as the Offer. Repeated and fresh bytes together are at most 2 GiB - 1: discard()
+        // takes an int.
         QByteArrayView fresh() const { return QByteArrayView(buffer).sliced(repeated); }
 
         // How many of the connection's bytes lie before the first fresh one.
         quint64 position() const { return offset + static_cast<quint64>(repeated); }
 
-        // Of the connection, unique in the process; 0 if the record is not stamped. Then all of its
-        // bytes count as fresh.
+        // The connection's number, unique in the process. 0 if the record carries no position: all
+        // of its bytes then count as fresh.
         quint64 connection() const { return number; }
 
     private:
@@ -99,7 +100,7 @@ public:
     }
 
     // used: bytes consumed at the front of offer.fresh(), 0 to its size. Returns the length for
-    // discard(); 0 if there is nothing to discard, and discard() must not be called.
+    // discard(). 0: nothing to discard, do not call discard().
     int consume(const Offer &offer, qsizetype used, Clock::time_point now = Clock::now())
     {
         if (used <= 0)
@@ -135,7 +136,7 @@ private:
                 : static_cast<qsizetype>(std::min(consumed - offer.offset, size));
     }
 
-    // Mostly the last one: consume() follows open().
+    // Usually the last entry: consume() follows open().
     Entries::iterator find(quint64 number)
     {
         if (!entries.empty() && entries.back().number == number)

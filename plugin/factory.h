@@ -39,7 +39,7 @@ public:
         Interface *create() const override { return function ? function() : new Class(nullptr); }
 
     private:
-        // Never set by this library; it keeps the object's size that hosts were built with.
+        // Never set by this library. Binary interface: it keeps the object's size.
         Interface *(*function)() = nullptr;
     };
 };
@@ -50,11 +50,13 @@ public:
 using InputPluginCreators = QMap<QString, const Factory<IInputPlugin>::Creator *>;
 
 // The two entry points of an input plugin library, resolved by the names "registerPlugin" and
-// "create". Neither locks: not to be called concurrently on one map or while a creator is in use.
+// "create". Neither takes a lock: do not call them concurrently on one map, nor while a creator is
+// in use.
 extern "C" {
-// Adds the library's creator to the map under "TcpInputPlugin2". An entry that was there before is
-// deleted first, also for other copies that share the map's data.
+// Adds the library's creator to the map under "TcpInputPlugin2". Deletes the entry that was there
+// before; copies of the map then hold a dangling pointer.
 using RegisterPluginFunction = void (*)(InputPluginCreators &creators);
-// A new plugin with a copy of the configuration. The caller owns it, or the parent, if not null.
+// Returns a new plugin with a copy of the configuration. The parent owns it; without a parent the
+// caller does.
 using CreatePluginFunction = IInputPlugin *(*)(QObject *parent, const QJsonObject &config);
 }

@@ -10,8 +10,8 @@
 /*!
     An object that accepts connections.
 
-    No class of this library derives from it: it is here, with its meta-object, for hosts.
-    The order of the slots is fixed, as for IPlugin.
+    For hosts, with its meta-object: no class of this library derives from it. Binary interface: the
+    order of the slots is fixed, as for IPlugin.
 */
 class Q_DECL_EXPORT IConnectionHandler : public QObject
 {

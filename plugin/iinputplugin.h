@@ -40,8 +40,8 @@ Q_SIGNALS:
 
     void terminate();
 
-    // Asks the host. Connect it directly: only then does the answer reach the plugin (the last
-    // connected slot's list; an empty one if nothing is connected).
+    // Asks the host. The answer is what the slot connected last returns; empty if none is
+    // connected. Connect directly: the return value of a queued slot is lost.
     QList<QString> query(QString q);
 
 public Q_SLOTS:
@@ -59,6 +59,6 @@ public Q_SLOTS:
     virtual void discard(int len, const QMap<QString, QString> &subid) = 0;
 
 private:
-    // Never read or written here; it keeps the object's size that hosts were built with.
+    // Never read or written here. Binary interface: it keeps the object's size.
     [[maybe_unused]] quintptr reserved = 0;
 };

@@ -25,7 +25,7 @@ public:
     IPlugin(QObject *parent, const QJsonObject &initial) : QObject(parent), config(initial) {}
     ~IPlugin() override = default;
 
-    // Stores the object and does nothing else: it takes effect at the next start().
+    // Only stores the object, which takes effect at the next start().
     virtual void setConfig(const QJsonObject &object) { config = object; }
 
     // Set by the host right after construction; identity in log lines and records. Default: empty.

@@ -27,8 +27,8 @@ class Q_DECL_EXPORT ParsedData
 {
 public:
     ParsedData() = default;
-    // What an input plugin knows of an offer, without a lock for each piece. time: of creation,
-    // local.
+    // Sets what an input plugin knows of an offer, without a lock per setter. time: of creation, in
+    // local time.
     ParsedData(const QByteArray &message, const QString &from, const QString &address,
                unsigned short port, const QMap<QString, QString> &subIds, const QDateTime &time)
         : pluginSubIds(subIds),
@@ -93,8 +93,8 @@ public:
         data.swap(value);
     }
 
-    // "<undef>" if the name is absent. Deliberate: no lock, parsers call it per field; it must not
-    // run while another thread is in setData().
+    // "<undef>" if the name is absent. Deliberate: no lock, since parsers call it for each field.
+    // Do not call it while another thread is in setData().
     QString getField(const QString &name) const
     {
         return data.value(name, QStringLiteral("<undef>"));
@@ -110,8 +110,8 @@ public:
     Device *getDevice() const { return read(device); }
     void setDevice(Device *value) { write(device, value); }
 
-    // ISO 8601; in UTC if the zone is UTC, otherwise (any other zone) in the stored local time.
-    // Deliberate: no lock, the time never changes after construction.
+    // ISO 8601: in UTC if the zone is UTC, for any other zone in the stored local time. Deliberate:
+    // no lock, the time never changes after construction.
     QString getTimestamp(const QTimeZone &zone) const
     {
         const QDateTime time = isUtc(zone) ? timestamp.toUTC() : timestamp;
@@ -129,7 +129,7 @@ private:
     static bool isUtc(const QTimeZone &zone)
     {
 #if QT_VERSION >= QT_VERSION_CHECK(6, 5, 0)
-        // Since 6.5 UTC has a lightweight form too, which compares unequal to the zone named UTC.
+        // Since Qt 6.5 UTC also has a lightweight form, which does not equal the zone named UTC.
         if (zone == QTimeZone(QTimeZone::UTC))
             return true;
 #endif
@@ -166,6 +166,6 @@ private:
     Device *device = nullptr;
 };
 
-//! How records travel: shared, across threads.
+//! How records travel between threads.
 using shared_parsedData = QSharedPointer<ParsedData>;
 Q_DECLARE_METATYPE(shared_parsedData)

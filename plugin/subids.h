@@ -6,7 +6,7 @@
 #include <QtCore/QString>
 
 /*!
-    The keys of a record's sub-ids, which route the host's answer back to where the bytes lie.
+    The keys of a record's sub-ids, which route the host's answer back to the connection.
 
     Thread: any.
 */
@@ -24,7 +24,7 @@ inline QString client()
     return QStringLiteral("client");
 }
 
-// The number of the connection, unique in the process; with "offsets" only, as the next.
+// The number of the connection, unique in the process. Only with "offsets", like offset().
 inline QString connection()
 {
     return QStringLiteral("connection");

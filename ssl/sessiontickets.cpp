@@ -10,9 +10,9 @@
 namespace {
 
 // Qt has no setting for the number of tickets, refuses OpenSSL's "NumTickets" command, and does not
-// show its SSL object. But OpenSSL tells whoever asks of each that is made and freed.
+// expose its SSL object. But OpenSSL calls back for each SSL object that is made or freed.
 thread_local bool watching = false;
-thread_local SSL *made = nullptr; // while watching; lives
+thread_local SSL *made = nullptr; // the one made while watching; null once it is freed
 
 void noteMade(void *parent, void *, CRYPTO_EX_DATA *, int, long, void *)
 {
@@ -30,14 +30,14 @@ void noteFreed(void *parent, void *, CRYPTO_EX_DATA *, int, long, void *)
 
 void startServerEncryptionWithoutTickets(QSslSocket &socket)
 {
-    // Once for the process; stays for good, as the library does.
+    // One index for the process. It is never freed, as the library is never unmapped.
     static const int index = SSL_get_ex_new_index(0, nullptr, noteMade, nullptr, noteFreed);
     made = nullptr;
     watching = index >= 0;
     socket.startServerEncryption();
     watching = false;
-    // In time: tickets come after the client's answer to what was sent just now. And not sooner:
-    // while it is being made, the object is not ours to change.
+    // Not too late: OpenSSL sends tickets only after the client's answer to what was sent just now.
+    // Not earlier, in noteMade(): nobody may change the object while it is being made.
     if (made)
         SSL_set_num_tickets(made, 0);
     made = nullptr;

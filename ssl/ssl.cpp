@@ -47,7 +47,7 @@ void setVersion(const QString &version, QSslConfiguration &sslConfig)
         return;
     }
     CWRN(QtDebugMsg, QStringLiteral("SSL: Setting TLS protocol version '%1'"), version);
-    // Deliberate: the cipher order is the client's as soon as a version is chosen.
+    // Deliberate: once a version is chosen, the client's cipher order applies.
     sslConfig.setSslOption(QSsl::SslOptionDisableServerCipherPreference, true);
     sslConfig.setProtocol(*protocol);
 }
@@ -85,7 +85,7 @@ bool ssl::readSslConfig(const QJsonObject &config, QSslConfiguration &sslConfig)
 
     bool result = true;
     QSslSocket::PeerVerifyMode verifyMode = QSslSocket::VerifyPeer;
-    // Sorted by key: so inline PEM is applied after, and wins over, the file of the same kind.
+    // Sorted by key. So inline PEM is applied after the file of the same kind, and wins.
     const QStringList keys = config.keys();
     for (const QString &key : keys) {
         const QJsonValue value = config.value(key);

@@ -9,7 +9,7 @@ class QJsonObject;
 class QSslConfiguration;
 
 /*!
-    The home of the TLS configuration reader.
+    The TLS configuration reader.
 */
 class ssl : public QObject
 {
@@ -17,14 +17,15 @@ class ssl : public QObject
 
 public:
     /*!
-        Overwrites sslConfig with Qt's default configuration and what config says.
+        Sets sslConfig to Qt's default configuration with the changes that config asks for.
 
         Keys, applied in sorted order: "CACertificate", "CAFile" (both add), "CertFile",
         "Certificate" (wins), "KeyFile", "PrivateKey" (wins; RSA only), "tlsDebug", "tlsVersion"
-        ("1.2", "1.2+", "1.3", "1.3+"), "verifyPeer" (only JSON true, and its absence, verify).
-        Certificates and keys are PEM; what does not parse is set as null, without a word.
+        ("1.2", "1.2+", "1.3", "1.3+"), "verifyPeer" (verifies only if it is JSON true or absent).
+        Certificates and keys are PEM. One that does not parse is set as null and not logged.
 
-        False if a named file could not be opened; each is logged, and the rest is applied.
+        False if a named file cannot be opened. Each such file is logged, and all other keys are
+        applied.
 
         Thread: any.
     */

@@ -16,8 +16,8 @@
 #include <unistd.h>
 
 namespace {
-// Ready descriptors served in one turn. The kernel begins the next turn's where it left off, so
-// that all have their turn, and posted events and timers theirs in between.
+// Ready descriptors served in one turn. The kernel continues behind them in the next turn. So every
+// descriptor is served, with posted events and timers in between.
 constexpr int EventsPerTurn = 512;
 
 struct TypeInfo
@@ -69,7 +69,7 @@ bool EpollEventDispatcher::open()
         return false;
 
     epoll_event event{};
-    event.events = EPOLLIN | EPOLLET; // each write is news, whether those before were read or not
+    event.events = EPOLLIN | EPOLLET; // reports each write; nobody needs to read it
     event.data.fd = wakeUpFd;
     return epoll_ctl(epollFd, EPOLL_CTL_ADD, wakeUpFd, &event) == 0;
 }
@@ -113,7 +113,7 @@ EpollEventDispatcher::Turn::~Turn()
         dispatcher->endTurn();
 }
 
-// What is deleted may run an event loop and have more deleted: that counts as nested, too.
+// Deletions count as a nested turn: a destructor may run an event loop, and ask for more deletions.
 void EpollEventDispatcher::endTurn()
 {
     if (depth == 1 && !doomed.isEmpty()) {
@@ -145,8 +145,9 @@ bool EpollEventDispatcher::playTurn(QEventLoop::ProcessEventsFlags flags)
     if (withNotifiers)
         collectUnwatched();
 
-    // Every event that is posted wakes up. So this also tells of events posted by those just sent.
-    // Unless a nested turn has taken that word, or an interruption that was meant for this loop.
+    // Each posted event calls wakeUp(). So wakeUpPending also tells of events posted by those just
+    // sent. A nested turn may have cleared wakeUpPending, or an interruption of this loop; then do
+    // not block.
     const bool canWait = flags.testFlag(QEventLoop::WaitForMoreEvents) && !wakeUpPending
             && turn == turns && (!withNotifiers || nextReady == ready.size());
     if (canWait && !interrupted)
@@ -172,9 +173,9 @@ TimerQueue::TimePoint EpollEventDispatcher::turnBegan()
     return dispatcher ? dispatcher->collected : TimerQueue::TimePoint::max();
 }
 
-// In a turn that is there for events that this thread has posted to itself, usually from the turn
-// before, asking the kernel once more seldom brings anything. Not twice in a row: sockets have
-// their turn however much the thread has to tell itself.
+// Whether this turn may skip epoll_wait(). It may if it is there for posted events: usually this
+// thread posted them to itself in the turn before, and the kernel seldom has anything new. Never
+// twice in a row: a thread that always posts to itself would starve its sockets.
 bool EpollEventDispatcher::mayLeaveKernelAlone(QEventLoop::ProcessEventsFlags flags)
 {
     leftKernelAlone = !leftKernelAlone && wakeUpPending && nextReady == ready.size()
@@ -219,8 +220,8 @@ void EpollEventDispatcher::unregisterSocketNotifier(QSocketNotifier *notifier)
         descriptors.erase(position);
 }
 
-// Tells the kernel what the notifiers want, in every case: it forgets a descriptor that is closed,
-// and the number may be another file's since.
+// Tells the kernel what the notifiers want, even if that seems unchanged: the kernel forgets a
+// closed descriptor, and its number may belong to another file now.
 void EpollEventDispatcher::watch(int fd, Descriptor &descriptor)
 {
     epoll_event event{};
@@ -232,7 +233,7 @@ void EpollEventDispatcher::watch(int fd, Descriptor &descriptor)
 
     unwatched.erase(fd);
     if (event.events == 0) {
-        epoll_ctl(epollFd, EPOLL_CTL_DEL, fd, nullptr); // fails if it was closed: just as well
+        epoll_ctl(epollFd, EPOLL_CTL_DEL, fd, nullptr); // fails harmlessly if fd was closed
         return;
     }
 
@@ -243,13 +244,14 @@ void EpollEventDispatcher::watch(int fd, Descriptor &descriptor)
         descriptor.watched = epoll_ctl(epollFd, operation, fd, &event) == 0;
     }
     if (!descriptor.watched) {
-        // Without memory for another one: it may be ready, and is tried again in every turn.
+        // EPERM: a file that epoll cannot watch. ENOMEM, ENOSPC: no memory to watch another one.
+        // All three count as ready, and are tried again in every turn.
         descriptor.alwaysReady = errno == EPERM || errno == ENOMEM || errno == ENOSPC;
         unwatched.insert(fd);
     }
 }
 
-// Deals with what the kernel has refused; usually there is nothing.
+// Handles the descriptors that the kernel has refused; usually there are none.
 void EpollEventDispatcher::collectUnwatched()
 {
     for (auto next = unwatched.begin(); next != unwatched.end();) {
@@ -258,10 +260,10 @@ void EpollEventDispatcher::collectUnwatched()
         if (descriptor.alwaysReady)
             watch(fd, descriptor);
         if (!descriptor.watched && descriptor.alwaysReady)
-            collect(fd, EPOLLIN | EPOLLOUT); // as poll(2) says of files
+            collect(fd, EPOLLIN | EPOLLOUT); // as poll(2) reports files
         else if (!descriptor.watched)
             disableNotifiers(fd);
-        next = unwatched.upper_bound(fd); // looked up again: all of this changes the set
+        next = unwatched.upper_bound(fd); // looked up again: the calls above change the set
     }
 }
 
@@ -276,14 +278,14 @@ void EpollEventDispatcher::disableNotifiers(int fd)
     }
 }
 
-// Waits for anything to happen, and notes what is ready. True if wakeUp() has been called.
+// Waits for events, and notes what is ready. True if wakeUp() was called.
 bool EpollEventDispatcher::collectReady(QEventLoop::ProcessEventsFlags flags, bool canWait)
 {
     const bool withNotifiers = !flags.testFlag(QEventLoop::ExcludeSocketNotifiers);
     std::array<epoll_event, EventsPerTurn> events;
     int timeoutMs = 0;
     int count = 0;
-    do { // the time-out is worked out anew after each signal, whose handler may wake up
+    do { // again after each signal: its handler may have called wakeUp()
         timeoutMs = canWait ? beginWait(flags) : 0;
         if (withNotifiers) {
             count = epoll_wait(epollFd, events.data(), EventsPerTurn, timeoutMs);
@@ -305,14 +307,13 @@ bool EpollEventDispatcher::collectReady(QEventLoop::ProcessEventsFlags flags, bo
     return takeWakeUp(timeoutMs != 0);
 }
 
-// Settles whether wake-ups end the wait that now begins. Returns how long it may last, in ms; -1:
-// until something happens.
+// Decides whether wake-ups end the wait that begins now. Returns its time-out in ms; -1: none.
 //
-// No wake-up is lost. A waker sets wakeUpPending and then reads asleep; here asleep is set and then
-// wakeUpPending is read. All four are sequentially consistent: in their one order, either the waker
-// reads what is set here, or we read what the waker has set. So, before a wait that is not
-// moderated, either the waker writes, or we do not wait. One that is moderated has an end anyhow,
-// where wakeUpPending is looked at again; and whoever is awake looks at it before the next wait.
+// No wake-up is lost. A waker sets wakeUpPending, then reads asleep. This thread sets asleep, then
+// reads wakeUpPending. All four are sequentially consistent: they have one order, in which one of
+// the two comes second and reads what the other has set. So the waker writes, or this thread does
+// not wait. A moderated wait does not set asleep, but it has a time-out, and wakeUpPending is read
+// again afterwards. A thread that is awake reads wakeUpPending before its next wait.
 int EpollEventDispatcher::beginWait(QEventLoop::ProcessEventsFlags flags)
 {
     constexpr TimerQueue::TimePoint Never = TimerQueue::TimePoint::max();
@@ -334,13 +335,14 @@ bool EpollEventDispatcher::isModerated(QEventLoop::ProcessEventsFlags flags) con
             && TimerQueue::Clock::now() < deferUntil;
 }
 
-// True if wakeUp() has been called. What it was for, an event or the end of a loop, is what the
-// next turn begins with.
+// True if wakeUp() was called. The next turn begins with the reason: a posted event, or the end of
+// a loop.
 bool EpollEventDispatcher::takeWakeUp(bool waited)
 {
     asleep = false;
     const bool taken = wakeUpPending.exchange(false);
-    // It was not pending when the wait began, and this thread did not run since: another's.
+    // It was not pending before the wait, and this thread has slept since: another thread has set
+    // it.
     if (taken && waited && wakeUpInterval > TimerQueue::Duration::zero())
         deferUntil = TimerQueue::Clock::now() + wakeUpInterval;
     return taken;
@@ -355,7 +357,7 @@ void EpollEventDispatcher::collect(int fd, quint32 events)
     Descriptor &descriptor = position->second;
     const bool queued = descriptor.pending.any();
     for (const TypeInfo &info : Types) {
-        // As poll(2) has it: errors and hang-ups are news for all.
+        // As with poll(2), each notifier is told of errors and hang-ups.
         if (descriptor.notifiers[info.type] && (events & (info.interest | EPOLLERR | EPOLLHUP)))
             descriptor.pending.set(info.type);
     }
@@ -363,7 +365,7 @@ void EpollEventDispatcher::collect(int fd, quint32 events)
         ready.push_back(fd);
 }
 
-// Only poll(2) wants it: epoll tells of each write once.
+// For poll(2) only: epoll reports each write once (EPOLLET).
 void EpollEventDispatcher::clearWakeUpFd()
 {
     eventfd_t count = 0;
@@ -379,7 +381,7 @@ int EpollEventDispatcher::activateNotifiers()
             ++nextReady;
             continue;
         }
-        // The slot may run a nested turn, which goes on from here.
+        // The slot may run a nested turn, which continues from here.
         QEvent event(QEvent::SockAct);
         QCoreApplication::sendEvent(notifier, &event);
         ++activated;
@@ -437,7 +439,7 @@ EpollEventDispatcher::timersForObject(QObject *object) const
 EpollEventDispatcher::Duration EpollEventDispatcher::remainingTime(Qt::TimerId timerId) const
 {
     return timers.remaining(qToUnderlying(timerId), TimerQueue::Clock::now())
-            .value_or(std::chrono::milliseconds(-1)); // -1 also in the older interface's unit
+            .value_or(std::chrono::milliseconds(-1)); // -1 in the older interface's unit, too
 }
 #else
 void EpollEventDispatcher::registerTimer(int timerId, qint64 interval, Qt::TimerType timerType,
@@ -482,7 +484,7 @@ void EpollEventDispatcher::wakeUp()
         endWait();
 }
 
-// Ends the wait in every case: the wake-up that is pending may be a deferred one.
+// Always ends the wait: a wake-up that is pending may be a deferred one.
 void EpollEventDispatcher::interrupt()
 {
     interrupted = true;
@@ -490,7 +492,8 @@ void EpollEventDispatcher::interrupt()
     endWait();
 }
 
-// The dispatcher's own thread is awake, and does not wait as long as a wake-up is pending.
+// Nothing to do in the dispatcher's own thread: it is awake, and does not wait while a wake-up is
+// pending.
 void EpollEventDispatcher::endWait()
 {
     if (QThread::currentThread() != thread())

@@ -28,31 +28,33 @@ using EventDispatcherBase = QAbstractEventDispatcher;
 /*!
     An event loop for threads with many sockets and timers.
 
-    Qt's own dispatchers for Unix hand the whole set of sockets to the kernel in every turn and
-    keep the timers in a sorted list. Here the kernel keeps the set, as in epoll(7), and the timers
-    are in a tree: an event costs the same however many sockets are idle, and restarting a timer
-    costs O(log n). In all else this follows Qt's QEventDispatcherUNIX, also where a slot runs a
-    nested event loop. One thing epoll cannot do: notice that a descriptor has been closed while
-    its notifier was enabled. Such a notifier stays silent, where Qt's disables it with a warning;
-    so whoever closes a descriptor has to disable its notifiers first, as all of Qt's classes do.
+    Qt's own dispatchers for Unix hand the whole set of sockets to the kernel in every turn, and
+    keep the timers in a sorted list. This one leaves the set in the kernel, with epoll(7), and
+    keeps the timers in a tree. So the cost of an event does not depend on the number of idle
+    sockets, and restarting a timer costs O(log n).
 
-    Wake-up moderation, off by default: to wake a thread that sleeps costs the waker about as much
-    as the rest of a posted event. With an interval, a thread that another one has woken is not
-    woken again before the interval is over, as a network card spaces its interrupts: what other
-    threads post meanwhile is handled together, at the end of the interval or as soon as a socket,
-    a timer or interrupt() ends the wait. So a posted event is late by an interval at most, rounded
-    up to whole milliseconds, which is what epoll_wait() counts in, and only where there was a
-    wake-up in the interval before it. When nothing has come in an interval the thread waits as
-    usual, and is woken at once. Sockets, timers and interrupt() are never late. It is for event
-    loops, nested ones included: turns without QEventLoop::EventLoopExec, and those that exclude
-    socket notifiers, are not moderated.
+    In all else it behaves as Qt's QEventDispatcherUNIX, also in nested event loops, with one
+    exception. epoll does not report a descriptor that was closed while its notifier was enabled:
+    that notifier stays silent, where Qt's dispatcher disables it with a warning. So disable the
+    notifiers before you close a descriptor, as all classes of Qt do.
 
-    Thread: made in any thread, then handed to QThread::setEventDispatcher() before that thread
-            starts (or QCoreApplication::setEventDispatcher() before the application object is
-            made) and used in that thread only; wakeUp() and interrupt() from any thread.
-    Owner:  the thread, which deletes it at its end: one that is started again needs a new one, and
-            whoever gives up a thread before its start has to delete the dispatcher. Or else the
-            application.
+    Wake-up moderation, off by default. To wake a sleeping thread costs the waker about as much as
+    the rest of a posted event. With an interval, a thread that another thread has woken is not
+    woken again before the interval is over, as a network card spaces its interrupts. Events that
+    other threads post meanwhile are handled together: at the end of the interval, or earlier if a
+    socket, a timer or interrupt() ends the wait. So a posted event is late by an interval at most,
+    rounded up to whole milliseconds (the unit of epoll_wait()), and only if there was a wake-up in
+    the interval before it. After an interval without events, the thread waits as usual, and the
+    next event wakes it at once. Sockets, timers and interrupt() are never late. Event loops are
+    moderated, nested ones included. Turns without QEventLoop::EventLoopExec, and turns that exclude
+    socket notifiers, are not.
+
+    Thread: made in any thread. Then given to QThread::setEventDispatcher() before that thread
+            starts, or to QCoreApplication::setEventDispatcher() before the application object is
+            made. Used in that thread only; wakeUp() and interrupt() from any thread.
+    Owner:  the thread, or the application. A thread deletes its dispatcher at its end, and needs a
+            new one to start again. Whoever gives up a thread before its start deletes the
+            dispatcher.
     Locks:  none; three atomic flags.
 */
 class EpollEventDispatcher final : public EventDispatcherBase
@@ -60,26 +62,27 @@ class EpollEventDispatcher final : public EventDispatcherBase
     Q_OBJECT
 
 public:
-    // Null if the descriptors it needs cannot be had (errno says why). Once made, it needs no more.
-    // wakeUpInterval: of the moderation, 0 (off) to a day.
+    // Null, with errno set, if its descriptors cannot be opened; later it needs no more of them.
+    // wakeUpInterval: of the moderation, 0 (off) to one day.
     static std::unique_ptr<QAbstractEventDispatcher>
     create(std::chrono::milliseconds wakeUpInterval = std::chrono::milliseconds(0));
     ~EpollEventDispatcher() override;
 
-    // When the calling thread's dispatcher, if it is one of these, found the events that are in
-    // hand. The end of time if there is just one, which begins the turn.
+    // When the calling thread's dispatcher collected the events that it is now handling.
+    // TimePoint::max() if that was one event only, which began the turn, or if the dispatcher is of
+    // another class.
     static TimerQueue::TimePoint turnBegan();
 
-    // Whether the calling thread's dispatcher, if it is one of these, is in a turn within a turn: a
-    // slot, or the receiver of a log line, runs an event loop.
+    // Whether the calling thread's dispatcher is in a nested turn: a slot or a message handler runs
+    // an event loop. False if the dispatcher is of another class.
     static bool isNested();
-    // As object->deleteLater(), but never in a turn within a turn: what is further out on the stack
-    // may be the object's own work. It is deleted when the outermost turn is over. The object lives
-    // in the calling thread and may be deleted by others before. In a thread with another
-    // dispatcher this is object->deleteLater().
+    // As object->deleteLater(), but never deletes in a nested turn: a function of the object may
+    // still be on the stack. A deletion asked for in a nested turn waits for the end of the
+    // outermost one. object: lives in the calling thread; others may delete it before. With a
+    // dispatcher of another class this is object->deleteLater().
     static void deleteLater(QObject *object);
 
-    //! Counts as a turn while it lives, for work that the thread does outside of its event loop.
+    //! Counts as a turn while it lives. For work that a thread does outside of its event loop.
     class Turn
     {
     public:
@@ -121,7 +124,7 @@ private:
         std::array<QSocketNotifier *, 3> notifiers{}; // by QSocketNotifier::Type
         std::bitset<3> pending; // found ready, not activated yet
         bool watched = false; // by the kernel
-        bool alwaysReady = false; // if the kernel does not watch it: a regular file, say
+        bool alwaysReady = false; // not watched, counts as ready: e.g. a regular file
     };
 
     explicit EpollEventDispatcher(TimerQueue::Duration interval) : wakeUpInterval(interval) {}
@@ -153,20 +156,20 @@ private:
     int epollFd = -1; // set once
     int wakeUpFd = -1; // set once; an eventfd
     std::atomic<bool> wakeUpPending{false}; // the next turn does not wait
-    std::atomic<bool> asleep{false}; // wakeUp() has to end the wait; see beginWait()
+    std::atomic<bool> asleep{false}; // wakeUp() must end the wait; see beginWait()
     std::atomic<bool> interrupted{false};
     quint64 turns = 0; // nested ones included; the dispatcher's thread only
 
     // The rest belongs to the dispatcher's thread.
     const TimerQueue::Duration wakeUpInterval; // zero: no moderation
-    // An interval after the latest wake-up by another thread. Not the clock's zero, which is when
-    // the machine was started.
+    // No wake-up before this time: one interval after the latest wake-up by another thread. The
+    // default is not zero, which is the start of the machine.
     TimerQueue::TimePoint deferUntil = TimerQueue::TimePoint::min();
     TimerQueue::TimePoint collected = TimerQueue::TimePoint::max(); // see turnBegan()
     int depth = 0; // of turns within turns
     QList<QPointer<QObject>> doomed; // see deleteLater()
     std::unordered_map<int, Descriptor> descriptors;
-    std::set<int> unwatched; // descriptors the kernel has refused: always ready, or invalid
+    std::set<int> unwatched; // descriptors that the kernel has refused: always ready, or invalid
     bool leftKernelAlone = false; // in the latest turn
     std::vector<int> ready; // descriptors to activate; nested turns share it
     std::size_t nextReady = 0; // index into ready

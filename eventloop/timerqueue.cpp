@@ -8,7 +8,7 @@
 using namespace std::chrono_literals;
 
 namespace {
-// Each step divides the ones before it, so that timers of different intervals meet, too.
+// Each step divides all larger ones, so that timers of different intervals fall due together, too.
 constexpr TimerQueue::Duration GridSteps[] = {1s, 500ms, 100ms, 50ms, 10ms, 5ms, 1ms};
 constexpr int CoarseFraction = 20; // a coarse timer may be a twentieth of its interval late
 
@@ -26,7 +26,7 @@ TimerQueue::Duration gridStep(const TimerQueue::Timer &timer)
     return 0ns;
 }
 
-// The end of time is late enough for what lies beyond.
+// Saturates at TimePoint::max().
 TimerQueue::TimePoint sum(TimerQueue::TimePoint time, TimerQueue::Duration duration)
 {
     return duration < TimerQueue::TimePoint::max() - time ? time + duration
@@ -99,7 +99,7 @@ std::optional<TimerQueue::Duration> TimerQueue::remaining(int id, TimePoint now)
 
 std::optional<TimerQueue::TimePoint> TimerQueue::nextDeadline() const
 {
-    // Passes over no more timers than there are nested event loops.
+    // Skips at most one timer per nested event loop.
     for (const auto &[deadline, entry] : deadlines) {
         if (!entry->delivering)
             return deadline.first;
@@ -109,8 +109,8 @@ std::optional<TimerQueue::TimePoint> TimerQueue::nextDeadline() const
 
 int TimerQueue::deliverDue(TimePoint now, const Deliver &deliver)
 {
-    // Whatever gets a deadline from here on, a beat of a zero-interval timer say, waits for the
-    // next call. It lies behind all that is due: no deadline is set before now.
+    // A deadline that is set from here on waits for the next call: the next beat of a zero-interval
+    // timer, for example. It sorts behind all that are due, since no deadline is set before now.
     const quint64 last = lastNumber;
     int beats = 0;
     while (!deadlines.empty()) {
@@ -133,7 +133,7 @@ int TimerQueue::deliverDue(TimePoint now, const Deliver &deliver)
         entry.delivering = true;
         const int id = entry.id;
         deliver(id, entry.object);
-        // The timer may be gone now; one that has got its id is not being delivered either.
+        // The timer may be gone now. A new one with its id is not being delivered either.
         const auto position = entries.find(id);
         if (position != entries.end())
             position->second.delivering = false;

@@ -19,9 +19,9 @@ class QObject;
 /*!
     The running timers of one thread, in the order in which they fall due.
 
-    Adding, removing and restarting a timer cost O(log n). A timer that is not precise is due at
-    the next boundary of a grid, never before its interval is over: thousands of equal time-outs
-    then fall due in a few groups, and one wake-up of the thread serves a whole group.
+    Adding, removing and restarting a timer cost O(log n). A timer that is not precise is due at the
+    first boundary of a grid after its interval is over. So thousands of equal time-outs fall due in
+    a few groups, and one wake-up of the thread serves a whole group.
 
     A pure data structure: it reads no clock and sends no event.
 
@@ -55,17 +55,17 @@ public:
     // As they were added, in the order of their ids.
     std::vector<Timer> timersOf(const QObject *object) const;
 
-    // Time until the timer's next beat, zero if that is overdue; nothing if there is no such timer.
+    // Time until the timer's next beat; zero if that is overdue, nothing if there is no such timer.
     std::optional<Duration> remaining(int id, TimePoint now) const;
 
-    // When to wake up; nothing if no timer can fire. Leaves out timers whose delivery is on the
-    // stack: they must not keep a nested event loop awake.
+    // When to wake up; nothing if no timer can fire. Skips timers whose delivery is on the stack:
+    // they must not keep a nested event loop awake.
     std::optional<TimePoint> nextDeadline() const;
 
-    // Calls deliver once for each timer that was due at now when the call began, earliest first,
-    // unless a delivery of that timer is on the stack. deliver may do anything with the queue,
-    // also call deliverDue(). Missed beats are skipped. Returns the number of beats without those
-    // of zero-interval timers: they are no reason to call an event loop busy.
+    // Calls deliver once for each timer that is due at now when the call begins, earliest first.
+    // Skips missed beats, and timers whose delivery is on the stack. deliver may change the queue
+    // in any way, and may call deliverDue(). Returns the number of beats, without those of
+    // zero-interval timers: they do not make an event loop busy.
     int deliverDue(TimePoint now, const Deliver &deliver);
 
 private:
@@ -79,7 +79,7 @@ private:
         Deadlines::iterator deadline{};
         bool delivering = false;
     };
-    using Entries = std::unordered_map<int, Entry>; // its elements stay where they are
+    using Entries = std::unordered_map<int, Entry>; // the addresses of its elements are stable
 
     void schedule(Entry &entry);
     void erase(Entries::iterator position);

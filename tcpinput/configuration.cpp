@@ -47,7 +47,7 @@ const std::array<Configuration::Key, 7> &Configuration::keys()
 bool Configuration::apply(const QJsonObject &object, const QString &pluginId)
 {
     plugin = pluginId;
-    // Deliberate: these return to their defaults, the others keep their values.
+    // Deliberate: these three return to their defaults, the other keys keep their values.
     address = QHostAddress(QHostAddress::AnyIPv4);
     port = DefaultPort;
     offsets = false;
@@ -74,7 +74,7 @@ bool Configuration::readAddress(const QJsonValue &value)
     return true;
 }
 
-// The last IPv4 address of the interface, if it has one.
+// Takes the last IPv4 address of the interface, if it has one.
 bool Configuration::readInterface(const QJsonValue &value)
 {
     const auto entries = QNetworkInterface::interfaceFromName(value.toString()).addressEntries();
@@ -107,7 +107,7 @@ bool Configuration::readPoolSize(const QJsonValue &value)
 
 bool Configuration::readTls(const QJsonValue &value)
 {
-    useTls = true; // stays, whatever comes of it
+    useTls = true; // stays set even if TLS cannot be set up
     if (!QSslSocket::supportsSsl()) {
         CWRN(QtWarningMsg, QStringLiteral("TcpInputPlugin2(%1): No usable TLS backend"), plugin);
         return false;

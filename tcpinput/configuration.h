@@ -11,7 +11,7 @@
 #include <array>
 
 /*!
-    What a plugin was told by its JSON object.
+    The configuration of a plugin, read from its JSON object.
 
     Thread: one.
     Owner:  the plugin, as a member.
@@ -25,16 +25,16 @@ public:
         const char *name;
         const char *type;
         const char *byDefault;
-        const char *accepted; // values; all others have the effect that badValue tells of
+        const char *accepted; // values; badValue says what all others do
         const char *badValue;
         bool sticks; // keeps its value when the key is missing in a later object
         bool (Configuration::*read)(const QJsonValue &value); // false: cannot be set up
     };
-    // All of them, in the order in which they are applied, which is sorted by name. The texts are
-    // those of docs/CONFIGURATION.md.
+    // All keys in the order in which they are applied, which is sorted by name. The texts are those
+    // of docs/CONFIGURATION.md.
     static const std::array<Key, 7> &keys();
 
-    // Applies an object. False if TLS cannot be set up: keys behind "ssl" are not applied then.
+    // Applies an object. False if TLS cannot be set up; the keys behind "ssl" are then not applied.
     // pluginId: for log lines.
     bool apply(const QJsonObject &object, const QString &pluginId);
 

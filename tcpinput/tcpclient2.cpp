@@ -57,7 +57,7 @@ TcpClient2::~TcpClient2()
     if (!socket)
         return;
     transport->setReader(nullptr);
-    // First, so that closing does not run mdisconnected() on an object that is being destroyed.
+    // Before the close, which would run mdisconnected() on an object that is being destroyed.
     socket->disconnect(this);
     if (socket->isOpen())
         socket->close();
@@ -115,7 +115,7 @@ void TcpClient2::cutTo(quint64 position)
         offerRemainder(*left);
 }
 
-// left: by a cut.
+// left: how many bytes a cut has left.
 void TcpClient2::offerRemainder(qsizetype left)
 {
     if (left <= UnconsumedBytes::RemainderBytes)
@@ -146,7 +146,7 @@ void TcpClient2::mreadyRead()
     lastEmit = now;
 }
 
-// A clock that was set back counts as a long time: nothing may wait for it to catch up.
+// A clock that was set back counts as a long time. Otherwise offers would wait until it catches up.
 bool TcpClient2::isOfferDue(qint64 now, qint64 intervalMs) const
 {
     return now - lastEmit > intervalMs || now < lastEmit;
@@ -159,12 +159,14 @@ void TcpClient2::emitData()
 
 void TcpClient2::offer(const Snapshot &all)
 {
-    if (!socket) // ended in a log line, whose handler ran the event loop: that was the last offer
+    // The connection may have ended inside a log line, if the message handler ran the event loop.
+    // The last offer was made there.
+    if (!socket)
         return;
     offeredPosition = all.position;
     if (taker)
         taker(all.data);
-    if (socket) // the taker may have ended it, too
+    if (socket) // the taker may have ended the connection, too
         emitOffer(all, *socket);
     idle.begin();
 }
@@ -194,8 +196,8 @@ void TcpClient2::checkData()
     if (!isOfferDue(now, KickAfterMs))
         return;
 
-    // Deliberate: the size is passed although the text has no place for it. Qt warns of that, and
-    // operators search for both lines.
+    // Deliberate: the text has no marker for the size. Qt warns of that, and operators search for
+    // both lines.
     CWRN(QtInfoMsg, QStringLiteral("TcpClient: inbuf parsing stopped, kicking"),
          static_cast<qint64>(size));
     offer(all);
@@ -204,7 +206,7 @@ void TcpClient2::checkData()
 
 void TcpClient2::checkIdle()
 {
-    if (idle.isOver()) // never from inside the timer
+    if (idle.isOver()) // queued: never from inside the timer
         QMetaObject::invokeMethod(this, &TcpClient2::timeout, Qt::QueuedConnection);
 }
 
@@ -220,18 +222,17 @@ void TcpClient2::mdisconnected()
     if (!socket) // closed before, or never open
         return;
     transport->setReader(nullptr);
-    // What has come in belongs to the last offer, also what the event loop has not seen yet:
-    // close() throws it away.
+    // The last offer includes bytes that the event loop has not read yet. close() would drop them.
     if (socket->state() == QAbstractSocket::ConnectedState)
         socket->waitForReadyRead(0);
-    // The peer may be found gone there, and in a log line the end may come once more: both have run
-    // this function already.
+    // waitForReadyRead() may find that the peer has gone, and a log line may run the event loop,
+    // where the end comes once more. Either has then run this function already.
     if (socket && socket->bytesAvailable() > 0)
         appendAvailable();
     if (!socket)
         return;
 
-    // Before anything that may run the event loop: nobody else ends this socket.
+    // Before anything that may run the event loop, so that no other call ends this socket.
     QTcpSocket *closing = std::exchange(socket, nullptr);
     transport = nullptr;
     adapter.reset();
@@ -246,13 +247,13 @@ void TcpClient2::mdisconnected()
          bytesReceived, msgsReceived);
     closing->close();
     EpollEventDispatcher::deleteLater(closing);
-    // Deliberate: the host sees the last record when the line is written and the socket is closed.
+    // Deliberate: the host gets the last record after the line is written and the socket is closed.
     if (!last.data.isEmpty() && taker)
         taker(last.data);
     Q_EMIT disconnected(getId());
 }
 
-// Reads all that the socket holds; false if that was nothing.
+// Reads all that the socket holds. False if there was nothing.
 bool TcpClient2::appendAvailable()
 {
     const int msgsize = isReadable(1) ? static_cast<int>(socket->bytesAvailable()) : -1;
@@ -280,8 +281,8 @@ bool TcpClient2::isReadable(int place)
     return false;
 }
 
-// The task forms the id with the address that the server listens on, which may be a wildcard; the
-// socket knows the real one.
+// The id that the task has formed has the address on which the server listens, which may be a
+// wildcard. The socket knows the real one.
 void TcpClient2::deriveId()
 {
     const QString local = socket->localAddress().toString();
@@ -289,7 +290,8 @@ void TcpClient2::deriveId()
     const quint16 localPort = socket->localPort();
     const quint16 peerPort = socket->peerPort();
     CWRN(QtDebugMsg, QStringLiteral("TCP READ: %1:%2 (%3:%4)"), local, localPort, peer, peerPort);
-    if (idBuilt || !socket) // another read, or the end, came from within the line
+    // The message handler may have run the event loop, with another read or the end.
+    if (idBuilt || !socket)
         return;
 
     const QString oid = getId();

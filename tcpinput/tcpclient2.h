@@ -43,36 +43,36 @@ public:
     // A copy of the id, from any thread.
     QString currentId() const;
 
-    // Cuts len bytes, in effect later and in the client's thread, even when called from there.
-    // len <= 0 cuts nothing, a len beyond the buffer empties it.
+    // Cuts len bytes from the front. Its effects show later and in the client's thread, even when
+    // called from there. len <= 0 cuts nothing, a len beyond the buffer empties it.
     void discard(int len);
 
-    // Stamps this connection's offers with their positions; connectionNumber is not 0. Once, before
-    // the first offer and before another thread sees the client.
+    // Stamps this connection's offers with their positions. connectionNumber: not 0. Call once,
+    // before the first offer and before another thread sees the client.
     void stampOffers(quint64 connectionNumber) { number = connectionNumber; }
 
     // 0 if offers are not stamped. From any thread.
     quint64 connectionNumber() const { return number; }
 
-    // Cuts up to the position, counted from the connection's first byte, when discard() would. A
-    // position at or before the front cuts nothing and causes no offer; one beyond the
-    // received bytes empties the buffer.
+    // As discard(), but cuts up to the position, which counts from the connection's first byte. A
+    // position at or before the front cuts nothing and causes no offer; one beyond the received
+    // bytes empties the buffer.
     void discardTo(quint64 position);
 
-    // The position of the offer that readyRead() is telling of, while it does: how many of the
-    // connection's bytes lie before the first byte of its buffer.
+    // Stream position of the current offer; valid in its slots and taker. It is the number of the
+    // connection's bytes before the first byte of the offer.
     quint64 offerPosition() const { return offeredPosition; }
 
     // Offers the whole unconsumed buffer and restarts the idle time-out.
     void emitData();
 
-    // Who gets the bytes of each offer, before readyRead() is emitted and at a fraction of its
-    // cost; empty: nobody, which is the default.
+    // Is called with the bytes of each offer, at a fraction of the cost of readyRead(). Default:
+    // empty, nobody is called.
     using Taker = std::function<void(const QByteArray &data)>;
     void offerTo(Taker value) { taker = std::move(value); }
 
-    // Not owned, and outlives the client; of the same thread. Without one, which is the default,
-    // the client checks its backlog by itself.
+    // value: not owned, in the same thread, outlives the client. Default: null; the client then
+    // checks its backlog by itself.
     void setBacklogWatch(BacklogWatch *value) { backlog.setWatch(value); }
 
     // In the client's thread.
@@ -80,16 +80,16 @@ public:
     BacklogCheck &backlogCheck() { return backlog; }
 
 Q_SIGNALS:
-    // The connection is gone; comes once, after the last offer.
+    // The connection is gone. Emitted once, after the last offer.
     void disconnected(QString id);
 
-    // An offer: c carries a copy of the whole buffer and both endpoints, nothing else. Put
-    // together only if somebody is connected.
+    // An offer: c carries a copy of the whole buffer and both endpoints, nothing else. Emitted only
+    // if somebody is connected.
     void readyRead(Connection c, QString id);
 
     void cut(int len);
 
-    // The id that the first read found differs from the one given at construction.
+    // The first read has found another id than the one given at construction.
     void idChanged(const QString &oid, const QString &id);
 
 public Q_SLOTS:
@@ -128,9 +128,9 @@ private:
     quint64 number = 0; // set once, see stampOffers()
 
     // All below: the client's thread only.
-    QTcpSocket *socket = nullptr; // until the end
+    QTcpSocket *socket = nullptr; // null after the end
     std::unique_ptr<SocketTransport> adapter; // for a socket that is no transport itself
-    Transport *transport = nullptr; // the socket's, as long as it is there
+    Transport *transport = nullptr; // of the socket; null after the end
     IdleTimer idle;
     BacklogCheck backlog{unconsumed};
     qint64 lastEmit = 0; // ms since the epoch

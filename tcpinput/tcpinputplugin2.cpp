@@ -12,7 +12,7 @@
 namespace {
 
 constexpr int StatusIntervalMs = 10000;
-constexpr unsigned long StopPauseMs = 10; // for the workers to begin their winding down
+constexpr unsigned long StopPauseMs = 10; // lets the workers begin to end their connections
 constexpr unsigned long ReportPauseMs = 1;
 
 } // namespace
@@ -53,7 +53,7 @@ void TcpInputPlugin2::initialise()
 
 WorkerPool TcpInputPlugin2::makePool()
 {
-    constexpr auto Queued = Qt::QueuedConnection; // to other threads, and from there
+    constexpr auto Queued = Qt::QueuedConnection; // to and from other threads
     const auto setUpThread = [this](QThread *thread) {
         connect(this, &TcpInputPlugin2::stopSignal, thread, &QThread::quit, Queued);
         connect(thread, &QThread::finished, this, &TcpInputPlugin2::threadFinished, Queued);
@@ -71,20 +71,22 @@ TcpInputPlugin2::~TcpInputPlugin2()
 {
     destroying = true;
     untaken.stop();
-    // A call across threads: it only posts to the workers, and the events it processes are ours.
+    // Calls across threads: stop() only posts to the workers. The events that it processes are
+    // those of this thread.
     for (TcpTask2 *task : pool.allTasks())
         task->stop();
-    pool.retireTasks(); // each dies in its own thread, which ends no sooner than that is done
+    pool.retireTasks(); // each is deleted in its own thread, before that thread ends
     draining = true;
     pool.finish();
-    // The records that the workers sent until then, while this is still an input plugin.
+    // Delivers the last records of the workers here, while this object is still an input plugin.
     QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
 }
 
 bool TcpInputPlugin2::event(QEvent *event)
 {
-    // The destructor processes the host's events: one of them may be a deletion of this object. The
-    // type first: the construction of the servers already brings events.
+    // The destructor processes the host's events: one of them may be a deletion of this object.
+    // Test the type first: the construction of the servers already sends events, before destroying
+    // has a value.
     if (event->type() == QEvent::DeferredDelete && destroying)
         return true;
     return IInputPlugin::event(event);
@@ -126,8 +128,8 @@ bool TcpInputPlugin2::start()
     return true;
 }
 
-// Deliberate, here and for TLS: nothing ever undoes these connections, so an object that is started
-// twice hears of each connection twice. And the result of listen() is not looked at.
+// Deliberate, here and in listenTls(): nothing ever undoes these signal connections, so an object
+// that is started twice is told of each connection twice. The result of listen() is ignored.
 void TcpInputPlugin2::listenTcp()
 {
     CWRN(QtInfoMsg, QStringLiteral("TcpInputPlugin2(%1): Starting TCP server on port %2"), pluginId,
@@ -155,7 +157,7 @@ bool TcpInputPlugin2::stop()
 {
     Q_ASSERT(QThread::currentThread() == thread());
     if (destroying)
-        return true; // under way
+        return true; // the destructor stops everything
     CWRN(QtDebugMsg, QStringLiteral("TcpInputPlugin2(%1): stop()"), pluginId);
     servers.close();
     untaken.forget(servers.guard());
@@ -175,7 +177,7 @@ QString TcpInputPlugin2::getStatus()
                              .arg(server.serverAddress().toString())
                              .arg(server.serverPort())
                              .arg(configuration.poolSize);
-    // Calls across threads; this thread alone removes tasks.
+    // Calls across threads. Only this thread removes tasks, so no lock is needed.
     for (TcpTask2 *task : pool.allTasks())
         result += task->getInfo(QStringLiteral("   "));
     return result;
@@ -188,7 +190,7 @@ void TcpInputPlugin2::discard(int length, const QMap<QString, QString> &subid)
         CWRN(QtDebugMsg, QStringLiteral("TcpInput2(%1): subid[task] not set"), pluginId);
         return;
     }
-    const int number = text->toInt(); // 0 for what is no number
+    const int number = text->toInt(); // 0 if the text is no number
     const auto result = pool.tryDiscard(number, length, subid);
     if (!result)
         CWRN(QtDebugMsg, QStringLiteral("TcpInput2(%1): discarding for non-existing task %2"),
@@ -216,7 +218,7 @@ void TcpInputPlugin2::socketError(QSslSocket *socket, QAbstractSocket::SocketErr
 
 void TcpInputPlugin2::threadFinished()
 {
-    if (draining) // who destroys a plugin does not hear of its threads
+    if (draining) // the plugin is being destroyed
         return;
     CWRN(QtDebugMsg, QStringLiteral("  -- TI2: thread finished"));
 }
@@ -229,33 +231,34 @@ void TcpInputPlugin2::handleConnection()
     untaken.add(servers.guard());
 }
 
-// The socket stays in the server until the task takes it, in its own thread. When all that is
-// pending has been dealt out before, the task will find nothing to take.
+// The socket stays in the server until the task takes it, in the task's thread. If every pending
+// connection is reserved already, the task finds nothing to take.
 bool TcpInputPlugin2::handOver()
 {
     const int number = pool.turn();
     TcpTask2 *task = pool.task();
     if (!task)
         return false;
-    if (pool.turn() != number) // another was handed over within a line, whose handler may run the
-        return handOver(); // event loop
+    // Another connection was handed over during a log line: its handler may run the event loop.
+    if (pool.turn() != number)
+        return handOver();
 
     Connection conn = connTemplate;
     servers.reserveFor(task->thread(), conn);
     conn.setPluginId(pluginId);
     conn.setTimeout(configuration.timeoutMs);
-    pool.endTurn(); // before the line, for those that come in there
+    pool.endTurn(); // before the line, whose handler may hand over others
     CWRN(QtDebugMsg, QStringLiteral("TcpInputPlugin2(%1): new connection, %2"), pluginId,
          currentThreadNumber());
-    if (pool.existingTask(number) != task) // stopped within the line, and the connection was closed
+    if (pool.existingTask(number) != task) // stopped during the line: the connection is closed
         return true;
-    // As by its name "addConnection", without looking that up for every connection.
+    // The same as a call by the name "addConnection", without looking it up for every connection.
     QMetaObject::invokeMethod(
             task, [task, conn] { task->addConnection(conn); }, Qt::QueuedConnection);
     return true;
 }
 
-// Nothing announces a pending connection a second time.
+// No signal announces a pending connection a second time.
 void TcpInputPlugin2::retryUntaken()
 {
     if (!WorkerThread::isAvailable())

@@ -21,13 +21,13 @@
     Configuration keys (exact names; unknown ones are ignored), read at every start():
     "port" (1 to 65534, default 7446), "ipAddr" (default any IPv4), "interface" (its last IPv4
     address), "offsets" (true: offers carry their position; default false), "timeout" (seconds > 0,
-    default 60), "threadpoolSize" (> 0, default 4), "ssl" (object: TLS, see ssl::readSslConfig). Bad
-    values are ignored, except of "ipAddr": 127.0.0.1.
+    default 60), "threadpoolSize" (> 0, default 4), "ssl" (object: TLS, see ssl::readSslConfig). A
+    bad value is ignored, but a bad "ipAddr" means 127.0.0.1.
 
     Thread: its creator's; discard() from any thread.
     Owner:  the host, or the QObject parent.
-    Locks:  tasksLock; never held while logging, nor while emitting to anybody but the client that
-            a discard is for.
+    Locks:  tasksLock. Never held while logging. The only signal emitted under it is that of the
+            client that a discard is for.
 */
 class TcpInputPlugin2 : public IInputPlugin
 {
@@ -45,15 +45,15 @@ public:
 
     bool event(QEvent *event) override;
 
-    // The worker thread for number n, made on first use, not started; n <= 0 stands for the
-    // thread whose turn it is. Null without descriptors.
+    // Worker thread n; made on first use, not started. n <= 0: the thread whose turn it is. Null if
+    // descriptors have run out.
     QThread *getThread(int n) { return pool.thread(n > 0 ? n : pool.turn()); }
 
-    // The task whose turn it is, made on first use with its thread; null without a thread.
+    // The task whose turn it is; made on first use, with its thread. Null if there is no thread.
     TcpTask2 *getTask() { return pool.task(); }
 
     const WorkerPool &workers() const { return pool; }
-    // Comes due whenever showThreads() is to be called.
+    // The timer that calls showThreads().
     const QTimer &reportTimer() const { return statusTimer; }
 
 Q_SIGNALS:
@@ -62,21 +62,20 @@ Q_SIGNALS:
     void logSize(QString);
 
 public Q_SLOTS:
-    // Nothing: a changed configuration takes effect at the next start().
+    // Does nothing: a changed configuration takes effect at the next start().
     void onConfigChanged() override {}
 
-    // False if TLS is asked for and cannot be set up. A port in use is no failure: getStatus()
+    // False if TLS is asked for and cannot be set up. True even if the port is in use: getStatus()
     // then shows port 0.
     bool start() override;
 
-    // Closes the server and retires all workers without waiting for them; they make their last
-    // offers meanwhile. Returns after about 10 ms, always true.
+    // Closes the server and retires all workers without waiting for them. The workers then make
+    // their last offers. Returns after about 10 ms, always true.
     bool stop() override;
 
     QString getStatus() override;
 
-    // The names of parameters are in the meta-object, which hosts can list: they stay as they are,
-    // and so does their absence.
+    // Do not change or add parameter names: they are in the meta-object, which hosts can list.
     void discard(int, const QMap<QString, QString> &subid) override;
 
     void slotReceivedData(shared_parsedData data);
@@ -99,13 +98,13 @@ private:
     bool handOver();
     void retryUntaken();
 
-    // All of this belongs to the plugin's thread, except that discard() reads tasks in the pool.
+    // The plugin's thread only, except that discard() reads the pool's tasks in any thread.
     Servers servers{this};
     Configuration configuration;
     Connection connTemplate;
     QTimer statusTimer;
     WorkerPool pool{makePool()};
     UntakenConnections untaken;
-    bool destroying = false; // the host's events that are processed meanwhile start nothing new
-    bool draining = false; // the last records alone are of interest
+    bool destroying = false; // in the destructor: the host's events start nothing new
+    bool draining = false; // in the destructor: ends of threads are not logged
 };

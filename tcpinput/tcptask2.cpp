@@ -30,7 +30,7 @@ namespace {
 
 constexpr int StopProcessingMs = 10;
 
-// offset + length within the numbers that there are.
+// offset + length, limited to the range of quint64.
 quint64 advance(quint64 offset, int length)
 {
     const auto distance = static_cast<quint64>(std::abs(static_cast<qint64>(length)));
@@ -39,7 +39,7 @@ quint64 advance(quint64 offset, int length)
     return offset + std::min(distance, std::numeric_limits<quint64>::max() - offset);
 }
 
-// A record may name any server of Qt's; ours know more.
+// A record may name any server of Qt's. A ConnectionSource knows more of the connection.
 TakenConnection takeFrom(QTcpServer *server)
 {
     if (auto *source = dynamic_cast<ConnectionSource *>(server))
@@ -57,19 +57,19 @@ TcpTask2::TcpTask2(QObject *parent) : QObject(parent) {}
 
 TcpTask2::~TcpTask2()
 {
-    const EpollEventDispatcher::Turn turn; // at the end of the thread there is none
+    const EpollEventDispatcher::Turn turn; // the thread may be at its end, outside of any turn
     dying = true;
-    // Guarded: at the end of the thread an event loop in a log line also carries out deletions that
-    // were asked for before.
+    // QPointer: at the end of the thread, an event loop in a message handler also carries out
+    // deletions that were asked for before.
     const auto clientsMade = [this] {
         const auto all = findChildren<TcpClient2 *>(QString(), Qt::FindDirectChildrenOnly);
         return QList<QPointer<TcpClient2>>(all.begin(), all.end());
     };
-    // Connections that are still to be added travel as queued calls, which would die with the task:
-    // those have their last offer as well. In another thread than its own, which never ran then,
-    // there are none.
+    // Connections that are still to be added are queued calls, which would be lost with the task.
+    // They make their last offer as well. Outside the task's thread nothing is queued: that thread
+    // never started.
     const bool ownThread = QThread::currentThread() == thread();
-    qsizetype ended = 0; // of those that are still there
+    qsizetype ended = 0; // clients that are ended and not deleted
     auto all = clientsMade();
     do {
         for (const QPointer<TcpClient2> &client : std::as_const(all)) {
@@ -82,7 +82,7 @@ TcpTask2::~TcpTask2()
         ended = all.size();
         all = clientsMade();
     } while (all.size() > ended);
-    qDeleteAll(clientsMade()); // while the watch that they refer to is there
+    qDeleteAll(clientsMade()); // before the watch, which they refer to
 }
 
 void TcpTask2::discard(int length, const QMap<QString, QString> &subid)
@@ -99,8 +99,8 @@ TcpTask2::DiscardResult TcpTask2::tryDiscard(int length, const QMap<QString, QSt
     TcpClient2 *client = clients.value(*id);
     if (!client)
         return DiscardResult::NoSuchClient;
-    // Calls across threads, and a signal under the lock: only so is the client still there. They
-    // do no more than cut bytes, or post that to the client's thread.
+    // Calls across threads, and a signal under the lock. Deliberate: without the lock the client
+    // could be deleted meanwhile. The calls only cut bytes, or post the cut to the client's thread.
     const auto offset = subid.constFind(SubIds::offset());
     if (client->connectionNumber() != 0 && offset != subid.constEnd())
         return discardTo(client, length, *offset, subid);
@@ -138,7 +138,8 @@ void TcpTask2::logDiscard(DiscardResult result, const QMap<QString, QString> &su
 
 bool TcpTask2::event(QEvent *event)
 {
-    // stop() processes events, and so may log lines: the plugin's deleteLater() can come in there.
+    // stop() processes events, and a message handler may. The plugin's deleteLater() can arrive
+    // there.
     if (event->type() == QEvent::DeferredDelete && EpollEventDispatcher::isNested()) {
         if (!dying)
             EpollEventDispatcher::deleteLater(this);
@@ -171,8 +172,8 @@ void TcpTask2::addConnection(Connection conn)
                                 endpoints.peer.toString(), endpoints.peerPort);
     CWRN(QtDebugMsg, QStringLiteral("TcpTask2: new connection %1"), id);
 
-    // For queued receivers of the client's readyRead(). After the first time it costs next to
-    // nothing.
+    // For receivers of the client's readyRead() with a queued connection. After the first time it
+    // costs next to nothing.
     qRegisterMetaType<Connection>();
     auto *client = new TcpClient2(this, id, taken.socket.release(), conn.getTimeout());
     if (number != 0)
@@ -193,7 +194,7 @@ void TcpTask2::addConnection(Connection conn)
 
 void TcpTask2::connectClient(TcpClient2 *client, const Endpoints &endpoints)
 {
-    // Queued although in one thread: a client is never deleted from inside its own signal.
+    // Queued although both live in one thread: a client is never deleted inside its own signal.
     connect(
             client, &TcpClient2::disconnected, this,
             [this, ended = QPointer<TcpClient2>(client)](const QString &id) {
@@ -201,8 +202,8 @@ void TcpTask2::connectClient(TcpClient2 *client, const Endpoints &endpoints)
                     handleEnd(ended, id);
             },
             Qt::QueuedConnection);
-    // Directly, as the taker below: neither changes the client. The registry knows the new id
-    // before the host gets a record that bears it.
+    // Direct, like the taker below: neither changes the client. The registry must know the new id
+    // before the host gets a record with it.
     connect(
             client, &TcpClient2::idChanged, this,
             [this, client](const QString &oid, const QString &id) {
@@ -218,9 +219,8 @@ void TcpTask2::connectClient(TcpClient2 *client, const Endpoints &endpoints)
             });
 }
 
-// The caller holds clientsLock for writing. Deliberate: a client that held the id before stays as
-// it is, but discards do not reach it any more. It is a device that was reset and has come back
-// from the same port.
+// Requires clientsLock for writing. Deliberate: a client that held the id before lives on, but
+// discards no longer reach it. Its device was reset and has come back from the same port.
 void TcpTask2::enter(TcpClient2 *client, const QString &id)
 {
     TcpClient2 *&holder = clients[id];
@@ -229,7 +229,7 @@ void TcpTask2::enter(TcpClient2 *client, const QString &id)
     holder = client;
 }
 
-// By the time this comes, another client may hold the id: that one is left alone.
+// Queued: by now another client may hold the id. That one is left alone.
 void TcpTask2::handleEnd(TcpClient2 *client, const QString &id)
 {
     if (registry().value(id) == client) {
@@ -246,15 +246,15 @@ void TcpTask2::disconnected(const QString &id)
     TcpClient2 *client = registry().value(id);
     if (!client)
         return;
-    // id may be the client's own, which its first read changes.
+    // A copy: id may be the client's own, which its first read changes.
     const QString key = id; // NOLINT(performance-unnecessary-copy-initialization)
-    ignore(client); // the end that it reports below is this one
-    client->mdisconnected(); // makes its last offer, if whoever called this was too early
+    ignore(client); // the next call would report this end again
+    client->mdisconnected(); // makes the last offer, if it was not made yet
 
     const WriteLocker locker(clientsLock);
     EpollEventDispatcher::deleteLater(client);
     displaced.remove(client);
-    if (clients.value(key) == client) // no other has come within a log line
+    if (clients.value(key) == client) // no other client took the id during a log line
         clients.remove(key);
 }
 
@@ -274,13 +274,13 @@ void TcpTask2::readyRead(Connection c, const QString &id)
 void TcpTask2::stop()
 {
     {
-        // Qt walks the list of a signal's connections without a lock, and another thread may be
-        // adding a client to it. Under the lock this only posts.
+        // Qt walks a signal's list of connections without a lock, and another thread may be adding
+        // a client to it. The lock prevents that data race. Under it, the signal only posts.
         const ReadLocker locker(clientsLock);
         Q_EMIT stopTimer();
     }
-    // Called directly from the plugin's destructor, this is the plugin's thread: the task's own
-    // state is left alone then, and the events are those of the calling thread.
+    // The plugin's destructor calls this in the plugin's thread. Then the task's own state must not
+    // be read, and the events are those of the plugin's thread.
     const bool ownThread = QThread::currentThread() == thread();
     if (!(ownThread && dying))
         QEventLoop().processEvents(QEventLoop::AllEvents, StopProcessingMs);
@@ -289,7 +289,7 @@ void TcpTask2::stop()
 
 QString TcpTask2::getInfo(const QString &prefix)
 {
-    QMap<QString, QString> ids; // in the order of the registry's
+    QMap<QString, QString> ids; // by the registry's id, and in its order
     {
         const ReadLocker locker(clientsLock);
         for (auto entry = clients.constBegin(); entry != clients.constEnd(); ++entry)
@@ -314,8 +314,8 @@ void TcpTask2::idChanged(const QString &oid, const QString &id)
     TcpClient2 *client = clients.value(oid);
     if (!client)
         return;
-    // Deliberate order, insert first: a change from an id to itself takes the client out of the
-    // registry, and discards for it are then reported as for a client that does not exist.
+    // Deliberate: first insert, then remove. A change from an id to itself removes the client from
+    // the registry, and discards for it are then logged as for a client that does not exist.
     enter(client, id);
     clients.remove(oid);
 }

@@ -27,7 +27,7 @@ class TcpClient2;
 
     Thread: its worker thread. From any thread: discard() and tryDiscard(); from the plugin's
             thread: getInfo() and stop().
-    Owner:  the plugin, which retires it with deleteLater(). It dies in its own thread.
+    Owner:  the plugin, which retires it with deleteLater(). It is deleted in its own thread.
     Locks:  clientsLock; never held while logging or where code of the host could run.
 */
 class TcpTask2 : public QObject
@@ -40,14 +40,14 @@ public:
     // Every client makes its last offer, and all offers made so far are passed on.
     ~TcpTask2() override;
 
-    // The task's number, once, before the task is moved into its thread.
+    // Sets the task's number. Call once, before the task is moved into its thread.
     void setNum(int n) { num = n; }
 
     enum class DiscardResult { Posted, NoClientKey, NoSuchClient, InvalidPosition };
 
-    // Hands length to the client that subid names by "client"; logs if there is none. For a client
-    // whose offers are stamped, a subid with "offset" means the bytes up to offset + length, and
-    // none if its "connection" is another one than the client's.
+    // Cuts length bytes of the client that subid names by "client"; logs if there is none. If the
+    // client's offers are stamped and subid has "offset", cuts up to the position offset + length
+    // instead, or nothing if "connection" names another connection.
     void discard(int length, const QMap<QString, QString> &subid);
 
     // The two halves of discard(), for a caller that holds a lock during the first.
@@ -72,10 +72,10 @@ public Q_SLOTS:
     void disconnected(const QString &id);
     void readyRead(Connection c, const QString &id);
 
-    // Winds all clients down; processes the calling thread's events for at most 10 ms.
+    // Ends all clients. Processes the calling thread's events for at most 10 ms.
     void stop();
 
-    // Two lines a client, each behind the prefix; asks query() for a name of each.
+    // Two lines per client: its id behind the prefix, and the name that query() answers for it.
     QString getInfo(const QString &prefix = QString());
 
 private Q_SLOTS:
@@ -101,8 +101,7 @@ private:
     std::atomic<bool> running = true; // until the first stop()
     int num = 0; // set once, before the task is moved
     bool dying = false; // this and below: the task's thread only
-    QSet<TcpClient2 *>
-            displaced; // from the registry, by others with their ids; until their end is handled
+    QSet<TcpClient2 *> displaced; // other clients took their ids; until their end
     LocalSecond localSecond;
-    std::unique_ptr<BacklogWatch> watch; // from the first client on: it belongs to the thread
+    std::unique_ptr<BacklogWatch> watch; // made with the first client, in the task's thread
 };

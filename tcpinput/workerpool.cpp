@@ -26,8 +26,9 @@ QThread *WorkerPool::thread(int number)
         return thread;
 
     CWRN(QtDebugMsg, QStringLiteral("TcpInputPlugin2(%1): Creating new TCP Thread"), id);
-    if (QThread *thread = threads.value(number)) // made within the line, whose handler may run the
-        return thread; // event loop; as below
+    // Made meanwhile: the line's handler may run the event loop. The same holds below.
+    if (QThread *thread = threads.value(number))
+        return thread;
     QThread *thread = WorkerThread::make().release();
     if (!thread)
         return nullptr;
@@ -51,7 +52,7 @@ TcpTask2 *WorkerPool::task()
     }
 
     CWRN(QtInfoMsg, QStringLiteral("TcpInputPlugin2(%1): Creating new TcpTask2"), id);
-    if (existingTask(number) || threads.value(number) != own) // made, or stopped, within
+    if (existingTask(number) || threads.value(number) != own) // made or stopped meanwhile
         return existingTask(number);
     auto *task = new TcpTask2(nullptr);
     task->setNum(number);
@@ -64,7 +65,8 @@ TcpTask2 *WorkerPool::task()
     return task;
 }
 
-// False if the system refuses another thread (Qt has said so then): it is forgotten.
+// False if the system refuses another thread; Qt has logged that. The thread object is deleted
+// then.
 bool WorkerPool::startThread(int number)
 {
     QThread *thread = threads.value(number);

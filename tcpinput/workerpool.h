@@ -16,12 +16,13 @@
 #include <optional>
 
 /*!
-    The worker threads with one task each, made on first use, and whose turn it is.
+    The worker threads, each with one task, and the rotation over them. Threads and tasks are made
+    on first use.
 
-    A thread whose tasks were retired ends, and its number gets a new one when it is used again.
+    A retired thread ends. Its number gets a new thread when it is used again.
 
     Thread: the plugin's; tryDiscard() from any.
-    Owner:  the plugin, as a member. finish() comes before its end.
+    Owner:  the plugin, as a member, which calls finish() before the end of the pool.
     Locks:  one of its own, over the tasks; never held while logging.
 */
 class WorkerPool
@@ -30,21 +31,22 @@ public:
     using ThreadSetup = std::function<void(QThread *)>;
     using TaskSetup = std::function<void(TcpTask2 *)>;
 
-    // pluginId: for log lines; not copied. The set-ups connect what was made, before it runs.
+    // pluginId: for log lines; kept by reference. The set-ups connect a new thread or task before
+    // it runs.
     WorkerPool(const QString &pluginId, ThreadSetup forThread, TaskSetup forTask);
     ~WorkerPool();
     Q_DISABLE_COPY_MOVE(WorkerPool)
 
-    // How many connections are dealt in a round; more than 0. Default: 4.
+    // How many workers take turns; more than 0. Default: 4.
     void setSize(int value) { size = value; }
 
-    // Whose turn it is: 0 to size - 1, and above if the pool was larger before.
+    // Whose turn it is: 0 to size - 1, or above if the pool was larger before.
     int turn() const { return index; }
     void endTurn() { index = (index + 1) % size; }
 
-    // Made on first use, not started; null without descriptors.
+    // The thread of that number; made on first use, not started. Null if descriptors have run out.
     QThread *thread(int number);
-    // Of the number whose turn it is; made on first use with its thread; null without a thread.
+    // The task whose turn it is; made on first use, with its thread. Null if there is no thread.
     TcpTask2 *task();
     // Null if there is none.
     TcpTask2 *existingTask(int number) const { return allTasks().value(number); }
@@ -59,11 +61,11 @@ public:
     std::optional<TcpTask2::DiscardResult> tryDiscard(int number, int length,
                                                       const QMap<QString, QString> &subid);
 
-    // No discard() of another thread is inside a task when it is retired.
+    // Retires all tasks. First waits for discard() calls of other threads that are inside a task.
     void retireTasks();
-    // Each ends by itself.
+    // Retires all threads without waiting; each ends by itself.
     void retireThreads();
-    // Waits for every thread that was ever made. Their tasks were retired before.
+    // Ends all threads that were ever made, and waits for them. Call retireTasks() before.
     void finish();
 
 private:
@@ -78,5 +80,5 @@ private:
     // Written in the plugin's thread only, which reads without the lock.
     QMap<int, TcpTask2 *> tasks GUARDED_BY(tasksLock);
     QMap<int, QThread *> threads;
-    QList<QPointer<QThread>> retired; // and not deleted yet
+    QList<QPointer<QThread>> retired; // threads that are not deleted yet
 };

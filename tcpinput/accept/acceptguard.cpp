@@ -13,10 +13,10 @@
 namespace {
 
 constexpr int RetryIntervalMs = 100;
-constexpr int FruitlessLimit = 2; // one may be a connection that was accepted a turn before
+constexpr int FruitlessLimit = 2; // one may be for a connection that the turn before accepted
 
-// A connection that waits to be taken holds a descriptor and, with TLS, about 75 kB. The accept
-// queue of the kernel comes on top.
+// A connection that waits to be taken holds a descriptor and, with TLS, about 75 kB. The kernel's
+// accept queue adds to that.
 constexpr qsizetype PauseAboveWaiting = 4096;
 constexpr qsizetype ResumeBelowWaiting = 2048;
 
@@ -60,8 +60,8 @@ bool AcceptGuard::eventFilter(QObject *, QEvent *event)
     return false;
 }
 
-// Qt has paused the server. It also does when all is accepted, once the very first accept() of a
-// socket has failed: it keeps that error, and takes the end of the queue for the same.
+// Qt has paused the server. It may be a false alarm: if the very first accept() of a socket has
+// failed, Qt keeps that error and reports it again whenever the queue is empty.
 void AcceptGuard::acceptFailed()
 {
     if (!server->isListening())
@@ -72,11 +72,11 @@ void AcceptGuard::acceptFailed()
         server->resumeAccepting();
 }
 
-// Something keeps the server from accepting: are the descriptors out?
+// Something keeps the server from accepting. Pauses it, and tells if descriptors have run out.
 void AcceptGuard::check()
 {
     fruitless = 0;
-    pause(); // after acceptError the server is paused anyhow; the timer resumes it
+    pause(); // after acceptError() Qt has paused it already; the timer resumes it
     if (descriptorAvailable() || outside)
         return;
     outside = true;
@@ -111,7 +111,7 @@ bool AcceptGuard::mayResume() const
     return !held && waiting() <= ResumeBelowWaiting && descriptorAvailable();
 }
 
-// Also when the server was closed: the two signals come in pairs.
+// Called also when the server was closed: the two signals come in pairs.
 void AcceptGuard::endEpisode()
 {
     if (!std::exchange(outside, false))
@@ -121,7 +121,7 @@ void AcceptGuard::endEpisode()
 
 bool AcceptGuard::descriptorAvailable() const
 {
-    // A file of its own, not another descriptor of one: the system's file table may be full, too.
+    // Opens a new file, where dup() would share one: the system's file table may be full, too.
     const int fd = ::eventfd(0, EFD_CLOEXEC);
     if (fd >= 0)
         ::close(fd);

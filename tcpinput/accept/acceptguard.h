@@ -11,12 +11,12 @@
 class QTcpServer;
 
 /*!
-    Keeps a listening server from spinning and from going deaf.
+    Keeps a listening server from busy-waiting and from going deaf.
 
-    Without free descriptors accept() fails for as long as connections wait; Qt takes that for a
-    passing error and tries again at once, for ever. The guard notices, pauses the server and
-    resumes it when a descriptor is free. It also pauses while too many accepted connections wait
-    to be taken.
+    Without free descriptors, accept() fails as long as connections wait. Qt takes that for a
+    temporary error and retries at once, for ever. The guard pauses the server, and resumes it when
+    a descriptor is free. It also pauses the server while too many accepted connections wait to be
+    taken.
 
     Thread: the server's.
     Owner:  the server, as a member.
@@ -29,19 +29,19 @@ public:
     // waiting: how many accepted connections have not been taken yet.
     AcceptGuard(QTcpServer *watched, std::function<qsizetype()> waiting);
 
-    // Call after every successful listen(): a listening socket has a notifier of its own.
+    // Call after every successful listen(): each listening socket has a new notifier.
     void watch();
 
     // Call for every accepted connection, once it is counted by waiting().
     void accepted();
 
-    // While held, nothing is accepted: what waits already cannot be served.
+    // While held, the server accepts nothing: connections that wait already cannot be served.
     void hold(bool on);
 
     bool eventFilter(QObject *object, QEvent *event) override;
 
 Q_SIGNALS:
-    // Once an episode each: out when accepting had to be paused, back when it works again.
+    // Each once per shortage: when accepting is paused, and when it works again.
     void descriptorsOut();
     void descriptorsBack();
 
@@ -58,7 +58,7 @@ private:
     const std::function<qsizetype()> waiting;
     QTimer timer;
     int fruitless = 0; // activations since the last accepted connection
-    bool outside = false; // an episode without descriptors is on
+    bool outside = false; // descriptors have run out; descriptorsBack() is still to come
     bool held = false;
-    bool resumed = false; // accepting again on trial, since the last tick
+    bool resumed = false; // since the last tick, on trial
 };

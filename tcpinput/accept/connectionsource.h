@@ -30,7 +30,7 @@ struct TakenConnection
 class ConnectionSource
 {
 public:
-    // The oldest connection that is reserved for the calling thread; as long as none was ever
+    // Takes the oldest connection that is reserved for the calling thread; as long as none was ever
     // reserved, the oldest of all. Its socket lives in the calling thread.
     virtual TakenConnection take() = 0;
 

@@ -3,7 +3,7 @@
 
 #pragma once
 
-// Connections that the kernel keeps ready for accept(): a burst of 2,000 devices fits in. With
-// less, a device whose SYN finds the queue full waits a second and more for its retransmission.
-// The kernel caps it at net.core.somaxconn.
+// Length of the kernel's accept queue: a burst of 2,000 devices fits in. A device whose SYN finds
+// the queue full waits a second or more for its retransmission. The kernel limits the length to
+// net.core.somaxconn.
 constexpr int ListenBacklog = 4096;

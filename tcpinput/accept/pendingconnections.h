@@ -13,14 +13,16 @@
 #include <utility>
 
 /*!
-    The connections that a server has accepted and that no worker has taken yet, in the order of
-    their acceptance. A connection can be reserved for the thread that it was dealt to: in a burst
-    the threads come for theirs in any order, and each gets its own. Once one has been reserved only
-    reserved ones can be taken: a thread that comes too late, for a connection that was closed
-    since, does not get one that is about to be dealt to another.
+    The connections that a server has accepted and no worker has taken yet, in the order of their
+    acceptance.
+
+    A connection can be reserved for the thread that it was dealt to. In a burst, threads come for
+    theirs in any order, and each gets its own. Once any was reserved, only reserved ones
+    can be taken. Otherwise a thread that comes too late, after its connection was closed, would get
+    one that is about to be dealt to another thread.
 
     Thread: any.
-    Owner:  the server, as a member; what a T holds is the taker's to free.
+    Owner:  the server, as a member. What a T holds belongs to its taker.
     Locks:  mutex; nothing is called under it.
 */
 template<class T>
@@ -33,7 +35,7 @@ public:
         queue.push_back({std::move(connection), nullptr});
     }
 
-    // Reserves the oldest connection that is not reserved; nothing if there is none.
+    // Reserves the oldest connection that is not reserved. Does nothing if there is none.
     void reserveFor(const QThread *taker)
     {
         const MutexLocker locker(mutex);
@@ -42,7 +44,7 @@ public:
             queue[reserved++].taker = taker;
     }
 
-    // The oldest connection that is reserved for the calling thread; as long as none was ever
+    // Takes the oldest connection that is reserved for the calling thread; as long as none was ever
     // reserved, the oldest of all. Nothing if there is none.
     std::optional<T> take()
     {
@@ -60,7 +62,7 @@ public:
         return connection;
     }
 
-    // Takes all, whoever they are reserved for.
+    // Takes all, reserved or not.
     std::deque<T> takeAll()
     {
         const MutexLocker locker(mutex);
@@ -82,7 +84,7 @@ private:
     struct Entry
     {
         T connection;
-        const QThread *taker; // only compared
+        const QThread *taker; // compared, never dereferenced
     };
 
     mutable Mutex mutex;

@@ -35,8 +35,8 @@ public:
         else
             tcp.close();
     }
-    // The oldest connection that is not reserved yet goes to that thread. The record tells where it
-    // is to be taken.
+    // Reserves for that thread the oldest connection that is not reserved yet. Stores in the record
+    // which server to take it from.
     void reserveFor(const QThread *taker, Connection &record)
     {
         record.setSsl(usesTls);

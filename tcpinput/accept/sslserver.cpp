@@ -14,9 +14,9 @@
 
 namespace {
 
-// A peer that ends with close_notify but keeps TCP open, or sends what is no TLS any more, is not
-// disconnected in Qt's eyes: the connection would stay until the idle time-out although nothing can
-// come any more.
+// Qt keeps a socket connected if its peer ends TLS with close_notify but keeps TCP open, or sends
+// what is no TLS any more. Nothing can come then, but the connection would stay until the idle
+// time-out.
 void disconnectIfOver(QSslSocket *socket)
 {
     const QAbstractSocket::SocketError error = socket->error();
@@ -25,8 +25,8 @@ void disconnectIfOver(QSslSocket *socket)
         socket->disconnectFromHost();
 }
 
-// The worker's client connects to the socket after these events have happened in another thread:
-// they are told again, in the worker's thread, once it has.
+// Bytes and the end may have come in another thread, before the worker's client connected to the
+// socket. This repeats their signals in the worker's thread, once the client has connected.
 void announceAgain(QSslSocket *socket)
 {
     if (socket->bytesAvailable() > 0)
@@ -55,8 +55,8 @@ bool SslServer::listen(const QHostAddress &address, quint16 port)
     const bool listening = QSslServer::listen(address, port);
     if (listening)
         guard.watch();
-    else if (!isListening()) // nor was it before
-        QSslServer::close(); // Qt keeps a port that it could bind, although it cannot listen there
+    else if (!isListening()) // and was not before
+        QSslServer::close(); // Qt keeps a bound port even if it cannot listen there
     return listening;
 }
 
@@ -68,7 +68,7 @@ void SslServer::close()
         handshake->drop();
 
     for (const Ready &connection : ready.takeAll())
-        connection.socket->moveToThread(QThread::currentThread()); // to be deleted there
+        connection.socket->moveToThread(QThread::currentThread()); // which then deletes it
 }
 
 bool SslServer::hasPendingConnections() const

@@ -15,14 +15,15 @@
 /*!
     A TLS server whose connections are taken by other threads.
 
-    Handshakes run here, each in a TlsHandshake of its own; QSslServer's handling of them is not
-    used: thirty failed ones stop it for good, and closing it with one open crashes. A finished
-    socket is detached from this thread and waits without one until another thread takes it.
+    Handshakes run in the server's thread, each in its own TlsHandshake. QSslServer's own handling
+    is not used: thirty failed handshakes stop it for good, and closing it during one crashes. A
+    finished socket is detached from this thread. It lives in no thread until another one takes it.
 
-    Emits the signals of QSslServer: sslErrors() while the handshake lasts, errorOccurred() once it
-    has failed, right after handshakeInterruptedOnError() if that is why (an interrupted one cannot
-    be continued), pendingConnectionAvailable() when a connection can be taken. Alerts are told in a
-    later pass of the event loop. Receivers of all of these may close or delete the server.
+    Emits the signals of QSslServer: sslErrors() during the handshake; errorOccurred() when it has
+    failed, right after handshakeInterruptedOnError() if that is the reason (an interrupted
+    handshake cannot be continued); pendingConnectionAvailable() when a connection can be taken.
+    Alerts are reported in a later pass of the event loop. Receivers of all these signals may close
+    or delete the server.
 
     Thread: its creator's, except hasPendingConnections(), take() and nextPendingConnection(): any.
     Owner:  the plugin.
@@ -45,9 +46,10 @@ public:
     void close();
 
     bool hasPendingConnections() const override;
-    // The oldest connection that is not reserved yet goes to that thread and to no other.
+    // Reserves the oldest connection that is not reserved yet: no other thread gets it.
     void reserveFor(const QThread *taker) { ready.reserveFor(taker); }
-    // What the socket received, and its end, are announced once more in the calling thread.
+    // Bytes that the socket has received, and its end, are signalled once more in the calling
+    // thread.
     TakenConnection take() override;
     // The socket of take(); belongs to the caller.
     QTcpSocket *nextPendingConnection() override { return take().socket.release(); }

@@ -25,8 +25,8 @@ bool TcpServer::listen(const QHostAddress &address, quint16 port)
     const bool listening = QTcpServer::listen(address, port);
     if (listening)
         guard.watch();
-    else if (!isListening()) // nor was it before
-        QTcpServer::close(); // Qt keeps a port that it could bind, although it cannot listen there
+    else if (!isListening()) // and was not before
+        QTcpServer::close(); // Qt keeps a bound port even if it cannot listen there
     return listening;
 }
 

@@ -30,18 +30,18 @@ public:
     // Whether the offers of connections accepted from now on are stamped. Default: no.
     void setStamping(bool on) { stamping = on; }
 
-    // False if the port cannot be had, also if another process begins to listen there between this
-    // one's bind() and listen(). The server has no port then. But one that listens goes on, and
-    // this is false.
+    // False if the port is in use, also if another process begins to listen there between bind()
+    // and listen() of this one; the server has no port then. Also false if the server listens
+    // already; it goes on to listen.
     bool listen(const QHostAddress &address, quint16 port);
     // Also drops the connections that nobody has taken. Hides QTcpServer::close(), which is not
     // virtual: call it through this class.
     void close();
 
     bool hasPendingConnections() const override;
-    // The oldest connection that is not reserved yet goes to that thread and to no other.
+    // Reserves the oldest connection that is not reserved yet: no other thread gets it.
     void reserveFor(const QThread *taker) { pending.reserveFor(taker); }
-    // Bytes and the end of the connection wait in the kernel until then.
+    // Until then, the connection's bytes and its end wait in the kernel.
     TakenConnection take() override;
     // The socket of take(); belongs to the caller.
     QTcpSocket *nextPendingConnection() override { return take().socket.release(); }

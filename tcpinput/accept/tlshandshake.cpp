@@ -41,16 +41,17 @@ TlsHandshake::~TlsHandshake()
 void TlsHandshake::drop()
 {
     if (telling)
-        setParent(nullptr); // the server may go, while this and the socket are still needed
+        setParent(nullptr); // the server may be deleted while this and the socket are needed
     if (!socket)
         return;
     ignoreSocket();
     if (!insideOpenSsl)
         socket->abort();
-    end(); // with the socket, which may be emitting just now
+    end(); // deletes the socket later: it may be emitting now
 }
 
-// Never deleted while a receiver runs: one that runs the event loop may delete there what is due.
+// Does not delete while a receiver runs: it may run the event loop, which would carry out a
+// deleteLater().
 void TlsHandshake::end()
 {
     state = Over;
@@ -74,17 +75,17 @@ void TlsHandshake::tell(void (QSslServer::*signal)(QSslSocket *, Parameters...),
 void TlsHandshake::forwardSignals()
 {
     const QSslSocket *from = socket.get();
-    // Qt bears it if the socket is aborted in these two.
+    // Receivers of these two may abort the socket: Qt allows that.
     connect(from, &QSslSocket::peerVerifyError, this,
             [this](const QSslError &error) { tell(&QSslServer::peerVerifyError, error); });
     connect(from, &QSslSocket::sslErrors, this,
             [this](const QList<QSslError> &errors) { tell(&QSslServer::sslErrors, errors); });
     connect(from, &QSslSocket::preSharedKeyAuthenticationRequired, this, &TlsHandshake::askForKey);
-    // Passed on with the failure that follows.
+    // Reported together with the failure that follows.
     connect(from, &QSslSocket::handshakeInterruptedOnError, this,
             [this](const QSslError &error) { interruption = error; });
-    // Come from inside OpenSSL, which bears neither an abort nor an event loop: they are passed on
-    // later, before the failure that may follow.
+    // Alerts come from inside OpenSSL, where neither an abort nor an event loop is allowed. So they
+    // are passed on later, before the failure that may follow.
     const auto forwardAlerts = [this, from](auto ofSocket, auto ofServer) {
         connect(
                 from, ofSocket, this,
@@ -99,8 +100,8 @@ void TlsHandshake::forwardSignals()
     forwardAlerts(&QSslSocket::alertReceived, &QSslServer::alertReceived);
 }
 
-// Comes from inside OpenSSL, as alerts do, but wants its answer there. Without events the socket
-// does nothing of its own accord until it has it.
+// Comes from inside OpenSSL, like alerts, but needs the answer at once. The receiver may run the
+// event loop, so the socket gets no events until the answer is there.
 void TlsHandshake::askForKey(QSslPreSharedKeyAuthenticator *authenticator)
 {
     QList<QPointer<QSocketNotifier>> silenced;
@@ -115,14 +116,14 @@ void TlsHandshake::askForKey(QSslPreSharedKeyAuthenticator *authenticator)
     tell(&QSslServer::preSharedKeyAuthenticationRequired, authenticator);
     insideOpenSsl = false;
     if (state != Open)
-        return; // dropped, and never to do anything again
+        return; // dropped: its notifiers stay disabled
     for (const QPointer<QSocketNotifier> &notifier : std::as_const(silenced)) {
         if (notifier)
             notifier->setEnabled(true);
     }
 }
 
-// A peer that does not speak TLS is dropped without a word, before OpenSSL sees it.
+// A peer that does not speak TLS is dropped before OpenSSL sees it, and not logged.
 void TlsHandshake::checkHello()
 {
     char first = 0;
@@ -140,8 +141,8 @@ void TlsHandshake::checkHello()
 }
 
 // Comes from inside the socket's receiving, which may go on afterwards: with an alert for the peer,
-// or more errors, of which the first tells the reason. The receivers of the report may run the
-// event loop, and the socket does not bear that in there.
+// or with more errors, of which the first tells the reason. So the report comes later. Its
+// receivers may run the event loop, and a nested loop here would re-enter QSslSocket.
 void TlsHandshake::fail(QAbstractSocket::SocketError error)
 {
     state = Failed;
@@ -162,12 +163,12 @@ void TlsHandshake::report(QAbstractSocket::SocketError error, const QString &tex
     socket->setErrorString(text);
     tell(&QSslServer::errorOccurred, error);
     telling = within;
-    end(); // not drop(): an alert for the peer may be on its way
+    end(); // not drop(), which aborts: an alert for the peer may be unsent
 }
 
 void TlsHandshake::timedOut()
 {
-    // When this thread was held up, the peer's answer may have come in time and not been read yet.
+    // If this thread was held up, the answer of the peer may have come in time and be unread.
     if (!prolonged && hasUnread()) {
         prolonged = true;
         timer.start();
@@ -188,8 +189,8 @@ void TlsHandshake::encrypted()
 {
     state = Encrypted;
     ignoreSocket(); // from now on its errors are the connection's, not the handshake's
-    // The signal comes from inside the socket's receiving, which goes on afterwards: the socket
-    // must not change its thread before that is over.
+    // Queued: the signal comes from inside the socket's receiving, which goes on afterwards. The
+    // socket must not change its thread before that is over.
     QMetaObject::invokeMethod(this, &TlsHandshake::handOver, Qt::QueuedConnection);
 }
 

@@ -15,13 +15,14 @@
 /*!
     One handshake of a TLS server, from acceptance to the finished or failed socket.
 
-    The receivers of what it has the server tell may run the event loop, close the server or delete
-    it. Where that can be, they are called outside of the socket's work. Where they must be called
-    in the middle of it, the socket outlives the call, whatever they do.
+    The server emits the signals of a handshake. Their receivers may run the event loop, and may
+    close or delete the server. So most signals are emitted in a later pass of the event loop, when
+    no function of the socket is on the stack. Where one must be emitted in the middle of such a
+    function, the socket outlives the emission.
 
     Thread: the server's.
-    Owner:  the server (QObject parent); deletes itself at the end. Nobody, once it was dropped from
-            inside a receiver: the server may go before the receiver returns.
+    Owner:  the server (QObject parent); deletes itself at the end. Once dropped from inside a
+            receiver it has no owner: the server may be deleted before the receiver returns.
 */
 class TlsHandshake : public QObject
 {
@@ -32,12 +33,12 @@ public:
     TlsHandshake(QSslServer *owner, std::unique_ptr<TlsSocket> accepted);
     ~TlsHandshake() override;
 
-    // Ends it at once, without a signal. From inside a receiver that OpenSSL waits for, the
-    // connection is closed after the receiver's return.
+    // Ends the handshake at once, without a signal. Inside a receiver that OpenSSL waits for, the
+    // connection is closed after the receiver has returned.
     void drop();
 
 Q_SIGNALS:
-    // Comes in a later pass of the event loop than the end of the handshake, never from inside
+    // Emitted in a later pass of the event loop than the end of the handshake, never from inside
     // the socket. The receiver owns the socket.
     void finished(TlsSocket *socket);
 
@@ -60,9 +61,9 @@ private:
     const QPointer<QSslServer> server;
     std::unique_ptr<TlsSocket> socket;
     QTimer timer;
-    std::optional<QSslError> interruption; // of the handshake, by Qt
-    bool telling = false; // receivers, who may run the event loop: not to be deleted
-    bool insideOpenSsl = false; // a receiver is: the socket's SSL object must stay
-    bool prolonged = false; // once, for an answer that was there in time
+    std::optional<QSslError> interruption; // why Qt has interrupted the handshake
+    bool telling = false; // a receiver runs, perhaps with an event loop: do not delete
+    bool insideOpenSsl = false; // a receiver runs in there: the socket's SSL object must stay
+    bool prolonged = false; // once, for an answer that came in time
     enum { Open, Encrypted, Failed, Over } state = Open;
 };

@@ -8,7 +8,8 @@
 #include <QtNetwork/QSslSocket>
 
 /*!
-    The server's end of a TLS connection: a QSslSocket that can be told what Qt does not know.
+    The server's end of a TLS connection: a QSslSocket whose endpoints and error text the server can
+    set.
 
     Thread: the one it lives in.
     Owner:  the caller.
@@ -16,10 +17,10 @@
 class TlsSocket final : public QSslSocket
 {
 public:
-    using QSslSocket::setErrorString; // for ends that only the server knows of
+    using QSslSocket::setErrorString; // for failures that only the server detects
 
-    // A reset before the socket is made, or a disconnection before its client is, leaves Qt without
-    // a peer: all such clients would share one id.
+    // Qt knows no peer if the connection was reset before the socket was made, or ended before its
+    // client was made. All such clients would share one id.
     void restoreEndpoints(const Endpoints &known)
     {
         if (peerAddress().isNull()) {

@@ -8,8 +8,8 @@
 #include <QtCore/QTimer>
 
 /*!
-    Connections that no worker could be had for. Nothing announces them a second time: they are
-   tried again when the timer comes due, each time later, since each try is logged.
+    Connections for which no worker thread could be made. No signal announces them again, so they
+    are tried again when the timer fires. Each try is logged, so the intervals grow.
 
     Thread: the plugin's.
     Owner:  the plugin, as a member.
@@ -17,8 +17,8 @@
 class UntakenConnections final : public QTimer
 {
 public:
-    // guard: of the server that holds the connection. It accepts nothing meanwhile: that would take
-    // the descriptors that the worker's thread waits for.
+    // guard: of the server that holds the connection. That server accepts nothing meanwhile: each
+    // connection would take a descriptor that the worker's thread needs.
     void add(AcceptGuard &guard)
     {
         ++count;

@@ -26,7 +26,7 @@ void assign(const AddressStorage &from, QHostAddress &address, quint16 &port)
     }
     const auto &v6 = reinterpret_cast<const sockaddr_in6 &>(from);
     port = ntohs(v6.sin6_port);
-    // Of a link-local address; setAddress() leaves it out.
+    // The scope of a link-local address, which setAddress() leaves out.
     if (v6.sin6_scope_id != 0)
         address.setScopeId(
                 QNetworkInterface::interfaceNameFromIndex(static_cast<int>(v6.sin6_scope_id)));

@@ -13,6 +13,6 @@ struct Endpoints
     quint16 peerPort = 0;
     quint16 localPort = 0;
 
-    // Also of a connection that its peer has reset already.
+    // Works also if the peer has already reset the connection.
     static Endpoints of(qintptr descriptor);
 };

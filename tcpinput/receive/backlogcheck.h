@@ -11,9 +11,9 @@
 #include <chrono>
 
 /*!
-    Comes due, as a timer, while a connection holds more bytes than a host leaves: every 2 s,
-   counted from when it was made. A thread with thousands of connections would do little else than
-   check buffers, most of them empty: those are left out.
+    A timer that fires while a connection holds more than AboveBytes: every 2 s, counted from its
+    construction. It does not run otherwise. A thread with thousands of connections would do little
+    else than check buffers, most of them empty.
 
     Thread: its creator's.
     Owner:  the client, as a member.
@@ -24,18 +24,18 @@ public:
     // A connection is checked while it holds more than this.
     static constexpr qsizetype AboveBytes = 80;
 
-    // bytes: the connection's. Not owned, outlives the check.
+    // bytes: the connection's; not owned, outlives the check.
     explicit BacklogCheck(const UnconsumedBytes &bytes);
     ~BacklogCheck() override;
     Q_DISABLE_COPY_MOVE(BacklogCheck)
 
-    // Not owned, and outlives the check; of the same thread. Without one, which is the default, a
-    // timer is started for each backlog at once.
+    // value: not owned, in the same thread, outlives the check. Default: null; each backlog then
+    // starts the timer at once.
     void setWatch(BacklogWatch *value) { watch = value; }
 
-    // A read has left that many bytes.
+    // To be called after a read. size: of the unconsumed bytes.
     void bytesCame(qsizetype size);
-    // Comes due at the next multiple of the interval.
+    // Starts the timer for the next multiple of the interval.
     void startNext();
 
 private:

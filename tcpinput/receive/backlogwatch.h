@@ -10,15 +10,15 @@
 #include <vector>
 
 /*!
-    The clients of one thread that have read enough to need a check later. Almost all of them are
-    cut to nothing within milliseconds, so that a timer of each one's own would be started and fire
-    for nothing, thousands of times a second: the watch looks at all of them together, and only
-    those that still hold too much get on with a timer.
+    The clients of one thread that have read enough to need a check later. The host consumes almost
+    all of these bytes within milliseconds. A timer for each client would be started and fire for
+    nothing, thousands of times a second. So the watch looks at all clients together, and only those
+    that still hold too much start a timer.
 
-    It looks soon enough for the first check that can have a result: one comes 2 s after an offer at
-    the earliest, and reads that make no offer follow one by 200 ms at most.
+    The watch looks in time for the first check that can have a result. That check comes at the
+    earliest 2 s after an offer, and a read that makes no offer comes at most 200 ms after one.
 
-    Thread: the one it is made in, which is the clients', too.
+    Thread: its creator's, which is also that of the clients.
     Owner:  the task. It outlives the clients.
 */
 class BacklogWatch : public QObject
@@ -40,18 +40,18 @@ public:
     static constexpr Place None = static_cast<Place>(-1);
 
     Place add(Watched *watched);
-    // The client is going.
+    // To be called before the client is destroyed.
     void remove(Place place) { all[place] = nullptr; }
 
     // Whether anything is watched.
     bool isRunning() const { return timer.isActive(); }
-    // What it does when its time has come: looks at all, and forgets them.
+    // Looks at all clients and forgets them; the timer calls it.
     void look();
 
 protected:
     void timerEvent(QTimerEvent *event) override;
 
 private:
-    std::vector<Watched *> all; // null: gone since
-    QBasicTimer timer; // while there are any
+    std::vector<Watched *> all; // null: removed
+    QBasicTimer timer; // runs while there are any
 };

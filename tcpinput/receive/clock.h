@@ -9,7 +9,7 @@
 #include <chrono>
 
 /*!
-    The clocks that clients decide over offers with; tests put others in their place.
+    The clocks by which clients decide on offers. Tests replace them.
 
     Thread: now() and steady() any; setSources() and reset() only while no client lives.
 */
@@ -22,7 +22,7 @@ public:
 
     // The wall clock, which may be set.
     static qint64 now() { return source.load(std::memory_order_relaxed)(); }
-    // For the time between two events: never set, and finer.
+    // The monotonic clock: for the time between two events. It is never set, and finer.
     static Steady steady() { return steadySource.load(std::memory_order_relaxed)(); }
 
     static void setSources(Source wall, SteadySource monotonic)

@@ -8,8 +8,9 @@
 #include <chrono>
 
 /*!
-    How long a connection has been idle. Offers begin the idle time anew, far more often than it
-    ends: that only notes the time. The timer itself runs on, and isOver() sets it to the rest.
+    The idle time-out of a connection. Offers begin the idle time anew, far more often than it ends.
+    So begin() only notes the time and leaves the timer running; isOver() then sets the timer to the
+    rest.
 
     Thread: its creator's.
     Owner:  the client, as a member.
@@ -17,7 +18,7 @@
 class IdleTimer final : public QTimer
 {
 public:
-    // timeoutMs: 0 and more. Does not run yet.
+    // timeoutMs: 0 or more. Does not start the timer.
     IdleTimer(QObject *parent, int timeoutMs)
         : QTimer(parent),
           timeout(timeoutMs),
@@ -29,16 +30,16 @@ public:
     // The idle time begins now.
     void begin() { active = Clock::now(); }
 
-    // It is over now, whenever it began.
+    // Ends the idle time now.
     void end() { active = Clock::now() - timeout; }
 
-    // How much of it is left; 0 or less: it is over.
+    // The idle time that is left; 0 or less if it is over.
     std::chrono::milliseconds rest() const
     {
         return std::chrono::ceil<std::chrono::milliseconds>(active + timeout - Clock::now());
     }
 
-    // For the slot of timeout(). False: the timer runs for the rest.
+    // To be called when the timer fires. False: not over, and the timer is set to the rest.
     bool isOver()
     {
         const std::chrono::milliseconds left = rest();

@@ -9,26 +9,26 @@
 
 namespace {
 
-// Of a block, for the beginning of a message that has come before.
+// Room in front of a block, where the beginning of its message can be prepended.
 constexpr qsizetype MostHeadroom = 4096;
 
-// Capacity 0: memory that is not the array's own.
+// Capacity 0: the array does not own its memory.
 bool usesHalfOf(qsizetype size, const QByteArray &block)
 {
     return block.capacity() > 0 && size >= block.capacity() / 2;
 }
 
-// The end of bytes, in the same memory. QByteArray::sliced() copies; these two members are public,
-// though undocumented. The terminating zero stays where it is, since the end does.
+// The bytes behind from, in the same memory. QByteArray::sliced() would copy; these members are
+// public, though undocumented. The end does not move, so the terminating zero stays where it is.
 QByteArray sharedEnd(QByteArray &bytes, qsizetype from)
 {
     QByteArray::DataPointer &block = bytes.data_ptr();
-    block.d_ptr()->ref(); // the new pointer takes it over
+    block.d_ptr()->ref(); // for the new pointer
     return QByteArray(
             QByteArray::DataPointer(block.d_ptr(), block.data() + from, bytes.size() - from));
 }
 
-// A block with room in front, so that prepending that much copies nothing else.
+// A block with room in front: prepending up to headroom bytes does not copy the block.
 QByteArray blockWithHeadroom(qsizetype size, qsizetype headroom)
 {
     QByteArray block(headroom + size, Qt::Uninitialized);
@@ -50,7 +50,8 @@ char *InputBuffer::extend(qsizetype size)
     }
     QByteArray &block = last();
     const qsizetype before = block.size();
-    // By half: doubled, it would be little used, and the first cut would copy it to save memory.
+    // Grows by half. A doubled block would often be less than half full, and the first cut would
+    // copy the rest to save memory.
     if (const qsizetype grown = before + size; grown > block.capacity())
         block.reserve(grown + grown / 2);
     block.resize(before + size);
@@ -74,7 +75,7 @@ void InputBuffer::appendBlock(QByteArray block)
         append(block);
 }
 
-// With headroom, like all blocks that may come to lie behind another one.
+// With headroom, like all blocks that may follow another one.
 QByteArray InputBuffer::emptyBlock(qsizetype size)
 {
     QByteArray block = blockWithHeadroom(size, MostHeadroom);
@@ -108,7 +109,7 @@ qsizetype InputBuffer::cutFront(qsizetype len)
     } else {
         const qsizetype cutOfFresh = cut - bytes.size();
         bytes = std::exchange(fresh, {});
-        cutFrontOfBytes(cutOfFresh); // also if that is nothing: much of the block may be headroom
+        cutFrontOfBytes(cutOfFresh); // even by 0: frees a block that is mostly headroom
     }
     return cut;
 }

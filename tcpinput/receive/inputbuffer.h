@@ -7,15 +7,14 @@
 #include <QtCore/QByteArrayView>
 
 /*!
-    A connection's unconsumed bytes: grows at the end, is cut from the front, and hands out copies
-    of the whole that share its memory.
+    A connection's unconsumed bytes. The buffer grows at the end, is cut at the front, and hands out
+    copies of the whole that share its memory.
 
-    Bytes that come in are copied once, in blocks mostly not at all. What comes in while a copy is
-   with a host goes into a block of its own, so the copy stays as it is; the two blocks become one
-   when the next copy is asked for, at the cost of what the host has left of the first. What a cut
-   costs does not depend on how much is left: the rest is copied only when it is less than half of
-   the memory that it lies in, which also gives memory back once a backlog is consumed. Bytes that
-   are cut away are never copied.
+    Received bytes are copied once, whole blocks usually not at all. While a copy is with a host,
+    new bytes go into a second block, so that the copy stays as it is. The next copy() joins the two
+    blocks, at the cost of what the host has left of the first. The cost of a cut does not depend on
+    how much is left. The rest is copied only if it is less than half of its block; that also frees
+    memory once a backlog is consumed. Bytes that are cut are never copied.
 
     Thread: one at a time; copies may be anywhere.
     Owner:  the client, as a member.
@@ -25,13 +24,12 @@ class InputBuffer
 public:
     qsizetype size() const { return bytes.size() + fresh.size(); }
 
-    // Room for that many bytes more at the end, to be filled by the caller. chop() gives back what
-    // is left of it.
+    // Adds room for size bytes at the end, which the caller fills. chop() gives back unused room.
     char *extend(qsizetype size);
     void chop(qsizetype size) { last().chop(size); }
 
     void append(QByteArrayView received);
-    // Without copying it, mostly, if the block is an emptyBlock() that was filled.
+    // Usually without copying, if block is a filled emptyBlock().
     void appendBlock(QByteArray block);
     // Empty, with room for that many bytes.
     static QByteArray emptyBlock(qsizetype size);
@@ -49,5 +47,5 @@ private:
     void cutFrontOfBytes(qsizetype cut);
 
     QByteArray bytes;
-    QByteArray fresh; // behind bytes: what came in while those were shared
+    QByteArray fresh; // follows bytes; received while those were shared
 };

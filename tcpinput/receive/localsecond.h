@@ -6,9 +6,9 @@
 #include <QtCore/QDateTime>
 
 /*!
-    The local time to the second, which is all that a record tells of its own. Working it out takes
-    the C library's time zone lock, which all threads of the process share, and more time than all
-    else in a record: it is done once a second.
+    The local time to the second; a record shows no more. The conversion takes the C library's time
+    zone lock, which all threads of the process share, and more time than the rest of a record. So
+    it is done once a second.
 
     Thread: one.
 */

@@ -20,13 +20,13 @@
 namespace {
 
 constexpr qsizetype ReceiveBytes = 64 * 1024;
-// Of one connection in one turn of the event loop: all that its kernel buffer may hold. What a turn
-// left behind could wait two seconds for its offer.
+// Limit for one connection in one turn of the event loop: all that its kernel buffer may hold.
+// Bytes that a turn leaves behind could wait two seconds for their offer.
 constexpr qsizetype MostBytesPerTurn = 64 * 1024 * 1024;
 
-// Where all sockets of a thread receive: almost always the reader takes everything at once, so no
-// socket needs memory of its own, and the bytes are still in the processor's cache. If a reader
-// runs a nested event loop, the sockets in there find the buffer lent out and get another one.
+// The buffer into which all sockets of a thread receive. The reader almost always takes everything
+// at once, so no socket needs memory of its own, and the bytes are still in the processor's cache.
+// If a reader runs a nested event loop, the sockets in there use another buffer.
 class ReceiveBuffer
 {
 public:
@@ -41,7 +41,7 @@ public:
     char *data() { return buffer.data(); }
 
 private:
-    static thread_local QByteArray ofThread; // null while it is lent out
+    static thread_local QByteArray ofThread; // null while it is in use
     QByteArray buffer;
 };
 
@@ -66,23 +66,23 @@ ReceivingSocket::~ReceivingSocket()
         return;
     notifier.setEnabled(false);
     ::close(descriptor());
-    setSocketState(UnconnectedState); // or else the base closes it once more
+    setSocketState(UnconnectedState); // otherwise the base class closes it once more
 }
 
 bool ReceivingSocket::waitForReadyRead(int msecs)
 {
     if (state() != ConnectedState || !waitForNews(msecs))
         return false;
-    QByteArray all = receiveOn({}, bytesInKernel()); // and not what comes meanwhile
+    QByteArray all = receiveOn({}, bytesInKernel()); // not what comes meanwhile
     const bool came = !all.isEmpty();
     if (came)
         handOutBlock(std::move(all));
     else
-        receive(); // nothing, unless it is the end
+        receive(); // no bytes: it can only be the end
     return came;
 }
 
-// For bytes, or for the end.
+// Waits for bytes or the end.
 bool ReceivingSocket::waitForNews(int msecs) const
 {
     const QDeadlineTimer deadline(msecs);
@@ -122,7 +122,7 @@ void ReceivingSocket::close()
 qint64 ReceivingSocket::readData(char *data, qint64 maxSize)
 {
     const qsizetype size = std::min<qsizetype>(maxSize, unread.size());
-    std::copy_n(unread.data(), size, data); // also of nothing, where there is no memory at all
+    std::copy_n(unread.data(), size, data); // unread.data() may be null
     return skipData(size);
 }
 
@@ -161,9 +161,9 @@ void ReceivingSocket::receive()
         endByPeer();
 }
 
-// What has been received and all that follows, until nothing is left or most is reached: the rest
-// of a large message must not wait for the next turn, which may be far. To read makes room for what
-// the peer could not send yet, so that there may be more than the kernel held at first.
+// Returns first and all bytes that follow, until the kernel has none left or most is reached. The
+// rest of a large message must not wait for the next turn, which may come late. Reading makes room
+// for what the peer could not send yet, so more may come than the kernel held at first.
 QByteArray ReceivingSocket::receiveOn(QByteArrayView first, qsizetype most)
 {
     qsizetype more = bytesInKernel();

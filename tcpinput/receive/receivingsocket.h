@@ -11,16 +11,16 @@
 #include <QtNetwork/QTcpSocket>
 
 /*!
-    The server's end of a plain connection, which only ever receives: one call to the kernel for
-    a message of usual size, where a QTcpSocket's own engine makes two, and a few at the start and
-    the end of a connection, where that makes dozens.
+    The server's end of a plain connection, which only receives. A message of usual size takes one
+    system call, where QTcpSocket's engine makes two. The start and the end of a connection take a
+    few, where that engine makes dozens.
 
-    To its user it is a QTcpSocket: readyRead() comes with bytes, errorOccurred() and disconnected()
-    once when the peer has closed or reset the connection. A reader, if it has one, is called
-    instead of readyRead(): Qt's signal and device layer cost several times what reading a small
-    message does. It knows both its endpoints from the beginning and never forgets them,
-    however early the peer has gone. What Qt's engine alone can do (connecting, sending, pausing,
-    socket options other than KeepAliveOption) it refuses or ignores.
+    Its user sees a QTcpSocket: readyRead() comes with bytes, errorOccurred() and disconnected()
+    come once when the peer has closed or reset the connection. If there is a reader, it is called
+    instead of readyRead(): Qt's signal and device layer cost several times as much as reading a
+    small message. The socket knows both endpoints from the beginning and keeps them, even if the
+    peer has gone early. It refuses or ignores what only Qt's engine can do: connecting, sending,
+    pausing, and socket options other than KeepAliveOption.
 
     Thread: the one it lives in; made there.
     Owner:  the caller.
@@ -33,15 +33,15 @@ public:
     ~ReceivingSocket() override;
 
     void setReader(TransportReader *value) override { reader = value; }
-    // Until it is closed from this side. It keeps its peer's address when the peer has gone.
+    // Always true: the socket can be read, and keeps its peer's address, when the peer has gone.
     bool isUsable() const override { return true; }
     QByteArray takeBlock(qint64 size) override;
     qint64 take(char *data, qint64 maxSize) override { return readData(data, maxSize); }
 
-    // What has been received and not been read. Reading that never emits a signal.
+    // Bytes received and not read yet. Reading them emits no signal.
     qint64 bytesAvailable() const override { return unread.size(); }
-    // Waits for bytes or the end, without limit if msecs is negative, and takes all that the kernel
-    // has got.
+    // Waits for bytes or the end, without limit if msecs is negative. Then takes all bytes that the
+    // kernel holds.
     bool waitForReadyRead(int msecs) override;
     bool waitForDisconnected(int) override { return false; } // waits for nothing
     void setSocketOption(SocketOption option, const QVariant &value) override;
@@ -55,7 +55,7 @@ protected:
     qint64 skipData(qint64 maxSize) override;
 
 private:
-    //! Calls receive() itself, without a signal.
+    //! Calls receive() directly, without a signal.
     class Notifier final : public QSocketNotifier
     {
     public:
@@ -82,6 +82,6 @@ private:
 
     Notifier notifier;
     TransportReader *reader = nullptr;
-    QByteArrayView unread; // in kept, or in the thread's buffer while the reader is told
-    QByteArray kept; // a lot that came at once, or what readers have left, which they seldom do
+    QByteArrayView unread; // in kept, or in the thread's buffer while the reader is called
+    QByteArray kept; // a large read, or the bytes that a reader has left (rare)
 };

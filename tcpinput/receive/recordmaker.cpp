@@ -19,7 +19,7 @@ shared_parsedData RecordMaker::make(const QByteArray &data, const QString &id,
                                     const QDateTime &time, const Stamp *stamp)
 {
     nameClient(id, stamp);
-    if (stamp) // copies nothing if the host has let go of the latest record
+    if (stamp) // no copy if the host has released the latest record
         subIds.insert(SubIds::offset(), QString::number(stamp->position));
     return shared_parsedData::create(data, source, peerText, peerPort, subIds, time);
 }

@@ -12,8 +12,8 @@
 #include <QtCore/QString>
 
 /*!
-    Makes the records of one connection. They differ in their bytes and little else: the texts that
-    name the connection are put together once, and some of them again if its id changes.
+    Makes the records of one connection. Little but their bytes differs, so the texts that name the
+    connection are made once, and some of them again when the id changes.
 
     Thread: one at a time.
     Owner:  the task.
@@ -24,15 +24,15 @@ public:
     // task: its number.
     RecordMaker(int task, const Endpoints &endpoints);
 
-    //! Where a stamped offer belongs.
+    //! Connection and position of a stamped offer.
     struct Stamp
     {
         quint64 connection; // its number
         quint64 position; // how many of its bytes lie before the first one of the offer
     };
 
-    // id: the client's, time: local, stamp: null, or that of this connection. The record has no
-    // plugin id yet.
+    // id: the client's. time: local. stamp: this connection's, or null. The record has no plugin id
+    // yet.
     shared_parsedData make(const QByteArray &data, const QString &id, const QDateTime &time,
                            const Stamp *stamp = nullptr);
 
@@ -42,7 +42,7 @@ private:
     const QString peerText;
     const QString source;
     QMap<QString, QString> subIds;
-    QString client; // that subIds were made for
+    QString client; // the id that subIds were made for
     const int taskNumber;
     const quint16 peerPort;
 };

@@ -11,7 +11,7 @@
     Receives from any socket of Qt's, by its signal and through its device layer.
 
     Thread: the socket's.
-    Owner:  its maker. It goes before the socket does.
+    Owner:  its maker, who deletes it before the socket.
 */
 class SocketTransport final : public Transport
 {

@@ -5,7 +5,7 @@
 
 #include <QtCore/QByteArray>
 
-//! Who is told that bytes have come.
+//! Is called when bytes have come.
 class TransportReader
 {
 public:
@@ -26,13 +26,13 @@ class Transport
 public:
     virtual ~Transport() = default;
 
-    // Not owned; null for none, which is the default.
+    // value: not owned. Null, the default: nobody is called.
     virtual void setReader(TransportReader *value) = 0;
     // False: nothing can come any more, and reading fails.
     virtual bool isUsable() const = 0;
-    // Everything available, without copying it, if that is size bytes in a block of its own.
-    // Otherwise nothing: take() gets it.
+    // All available bytes without a copy, if they are size bytes in a block of their own. Otherwise
+    // empty: use take().
     virtual QByteArray takeBlock(qint64 size) = 0;
-    // Copies to data; how many bytes there were, or -1.
+    // Copies to data. Returns the number of bytes, or -1.
     virtual qint64 take(char *data, qint64 maxSize) = 0;
 };

@@ -27,7 +27,7 @@ qsizetype UnconsumedBytes::size() const
 UnconsumedBytes::Snapshot UnconsumedBytes::copy()
 {
     const MutexLocker locker(mutex);
-    recentCut.reset(); // made before: its bytes are missing here
+    recentCut.reset(); // its bytes are not in this copy
     return {buffer.copy(), bytesCut};
 }
 
@@ -61,7 +61,7 @@ bool UnconsumedBytes::cutAhead(qsizetype length, bool inClientsThread)
 bool UnconsumedBytes::cutAheadTo(quint64 position, bool inClientsThread)
 {
     const MutexLocker locker(mutex);
-    // Cuts that are on their way do not take back what is cut already.
+    // If position is cut already there is nothing to do, whatever other cuts are on their way.
     return position <= bytesCut || cutAheadLocked(lengthTo(position), inClientsThread);
 }
 
@@ -93,7 +93,7 @@ std::optional<qsizetype> UnconsumedBytes::cutTo(quint64 position)
 qsizetype UnconsumedBytes::cutLocked(qsizetype length)
 {
     bytesCut += static_cast<quint64>(buffer.cutFront(length));
-    recentCut.reset(); // that one was made before
+    recentCut.reset(); // it was made before this one
     return buffer.size();
 }
 
@@ -103,8 +103,8 @@ void UnconsumedBytes::endPostedCut()
     --postedCuts;
 }
 
-// The client's thread needs some time to wake up for a cut, and first reads all that was there when
-// its turn began.
+// A cut that was posted would come later: the client's thread takes time to wake up, and first
+// reads all that was there when its turn began.
 qsizetype UnconsumedBytes::leftByRecentCut()
 {
     const MutexLocker locker(mutex);
@@ -114,7 +114,7 @@ qsizetype UnconsumedBytes::leftByRecentCut()
     return onItsWay ? buffer.size() : 0;
 }
 
-// From the first byte; 0 for a position before it.
+// Counted from the first unconsumed byte; 0 for a position before it.
 qsizetype UnconsumedBytes::lengthTo(quint64 position) const
 {
     constexpr auto Longest = static_cast<quint64>(std::numeric_limits<qsizetype>::max());

@@ -12,15 +12,15 @@
 class Transport;
 
 /*!
-    What a connection has received and its host has not consumed yet, and where in the connection's
-    stream that lies.
+    The bytes that a connection has received and its host has not consumed yet, and their position
+    in the connection's stream.
 
-    A cut takes effect in the client's thread, some time after the host has asked for it. But most
-    cuts leave nothing that would be offered again. To wake up the thread for those costs more than
-    all the rest of a cut, so they are made ahead: at once, in the host's thread. Three rules keep
-    that from being seen. No cut overtakes another one. A cut that leaves more than a remainder is
-    never made ahead. And none overtakes a read: behind a read, leftByRecentCut() tells what a cut
-    has left that would still have been on its way.
+    A cut takes effect in the client's thread, some time after the host has asked for it. But to
+    wake up that thread costs more than all the rest of a cut, and most cuts leave nothing that
+    would be offered again. Such cuts are made ahead: at once, in the host's thread. Three rules
+    keep that invisible. A cut never overtakes another cut. A cut that leaves more than
+    RemainderBytes is never made ahead. A cut never overtakes a read: after each read,
+    leftByRecentCut() tells how many bytes were left by a cut that would still have been on its way.
 
     Thread: the client's; size(), cutAhead(), cutAheadTo() also from any other.
     Owner:  the client, as a member.
@@ -42,24 +42,26 @@ public:
     qsizetype size() const;
 
     Snapshot copy();
-    // Leaves nothing.
+    // Takes all bytes.
     Snapshot takeAll();
 
-    // Reads that many bytes, which are available. The size afterwards, or 0 if nothing came.
+    // Reads count bytes, which are available. Returns the size afterwards, or 0 if nothing came.
     qsizetype readFrom(Transport &transport, qsizetype count);
 
-    // True: that is all. False: the caller has to post the cut to the client's thread, which then
-    // calls cut() or cutTo(), and endPostedCut() at last. inClientsThread: the caller is.
+    // True: done. False: the caller must post the cut to the client's thread, which then calls
+    // cut() or cutTo(), and at last endPostedCut(). inClientsThread: whether the caller runs in
+    // that thread.
     bool cutAhead(qsizetype length, bool inClientsThread);
     bool cutAheadTo(quint64 position, bool inClientsThread);
 
-    // How many bytes are left. A length of 0 or less cuts nothing, one beyond the size cuts all.
+    // Returns how many bytes are left. A length of 0 or less cuts nothing, one beyond the size cuts
+    // all.
     qsizetype cut(qsizetype length);
-    // Up to that position. Nothing if it is at or before the first byte, and cuts nothing then.
+    // Cuts up to that position. If it is at or before the first byte, cuts and returns nothing.
     std::optional<qsizetype> cutTo(quint64 position);
     void endPostedCut();
 
-    // To be called behind each read. 0: there was no such cut.
+    // To be called after each read. 0: there was no such cut.
     qsizetype leftByRecentCut();
 
 private:
@@ -70,7 +72,7 @@ private:
     mutable Mutex mutex;
     InputBuffer buffer GUARDED_BY(mutex);
     quint64 bytesCut GUARDED_BY(mutex) = 0; // in all
-    // On their way to the client's thread: those that follow stay behind them.
+    // On their way to the client's thread; later cuts must follow them.
     int postedCuts GUARDED_BY(mutex) = 0;
-    std::optional<Clock::Steady> recentCut GUARDED_BY(mutex); // made ahead, and nothing done since
+    std::optional<Clock::Steady> recentCut GUARDED_BY(mutex); // made ahead, nothing done since
 };

@@ -43,7 +43,7 @@ WorkerThread::~WorkerThread()
     quit();
     wait();
     waitForKernel();
-    delete dispatcher; // null, unless the thread was never started
+    delete dispatcher; // null once the thread has run: it deletes its dispatcher
 }
 
 void WorkerThread::run()
@@ -52,9 +52,8 @@ void WorkerThread::run()
     QThread::run();
 }
 
-// For wait() a thread is over when Qt has no more to do in it. It still frees what libraries keep
-// for each thread then. Qt detaches its threads, so nobody can join one: the kernel is asked
-// instead.
+// QThread::wait() returns before thread-local destructors have run. Qt detaches its threads, so
+// nobody can join them: ask the kernel instead.
 void WorkerThread::waitForKernel() const
 {
     const auto end = std::chrono::steady_clock::now() + LongestKernelWait;

@@ -11,7 +11,7 @@
 class QAbstractEventDispatcher;
 
 /*!
-    A thread with an event loop of our own, that can be destroyed at any time.
+    A thread with an event loop of our own. It can be destroyed at any time.
 
     Thread: its creator's.
     Owner:  the plugin.
@@ -21,16 +21,16 @@ class WorkerThread : public QThread
     Q_OBJECT
 
 public:
-    // Null if the process has no descriptors left for an event loop. Qt would start such a thread
-    // all the same and abort the process.
+    // Null if the process has no descriptors left for an event loop. Qt would start the thread
+    // anyway, and then abort the process.
     static std::unique_ptr<WorkerThread> make();
 
     // Whether make() would succeed now.
     static bool isAvailable();
 
-    // Quits the event loop and waits: for the event in hand, for the task that dies with the loop,
-    // and until the kernel has ended the thread. ~QThread would abort the process while the thread
-    // still runs.
+    // Quits the event loop and waits: for the event in hand, for the deletion of the thread's task,
+    // and until the kernel has ended the thread. ~QThread would abort the process if the thread
+    // still ran.
     ~WorkerThread() override;
 
 protected:

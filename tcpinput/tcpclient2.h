@@ -123,7 +123,7 @@ private:
     void cutTo(quint64 position);
 
     mutable Mutex idMutex;
-    QString id GUARDED_BY(idMutex); // written in the client's thread only, which reads without
+    QString id GUARDED_BY(idMutex); // the client's thread writes, and reads unlocked
     UnconsumedBytes unconsumed;
     quint64 number = 0; // set once, see stampOffers()
 

@@ -85,7 +85,7 @@ private:
     static DiscardResult discardTo(TcpClient2 *client, int length, const QString &from,
                                    const QMap<QString, QString> &subid);
     void connectClient(TcpClient2 *client, const Endpoints &endpoints);
-    // For reading in the task's thread.
+    // The registry, for reads in the task's thread.
     const QHash<QString, TcpClient2 *> &registry() const
     {
         clientsLock.assumeReadable();

@@ -89,6 +89,6 @@ private:
 
     mutable Mutex mutex;
     std::deque<Entry> queue GUARDED_BY(mutex);
-    std::size_t reserved GUARDED_BY(mutex) = 0; // how many of the queue's first entries are
+    std::size_t reserved GUARDED_BY(mutex) = 0; // number of reserved entries, the first of queue
     bool dealt GUARDED_BY(mutex) = false; // reserveFor() was called
 };

@@ -7,9 +7,9 @@
 #include <QtCore/QReadWriteLock>
 #include <QtCore/QThread>
 
-// Qt's locks with the annotations by which Clang proves, at compile time, that what a lock guards
-// is used under it only: https://clang.llvm.org/docs/ThreadSafetyAnalysis.html. Other compilers see
-// Qt's locks and nothing else.
+// Qt's locks, annotated: Clang proves at compile time that guarded members are used only under
+// their lock. See https://clang.llvm.org/docs/ThreadSafetyAnalysis.html. Other compilers see plain
+// Qt locks.
 #if defined(__clang__)
 #define TCPINPUT_ANNOTATE(attribute) __attribute__((attribute))
 #else
@@ -37,7 +37,7 @@ public:
     void lockForWrite() TCPINPUT_ANNOTATE(acquire_capability()) { mutex.lockForWrite(); }
     void unlockRead() TCPINPUT_ANNOTATE(release_shared_capability()) { mutex.unlock(); }
     void unlockWrite() TCPINPUT_ANNOTATE(release_capability()) { mutex.unlock(); }
-    // The calling thread is the only writer, so that it may read without the lock.
+    // For the thread that is the only writer: it may read without the lock.
     void assumeReadable() const TCPINPUT_ANNOTATE(assert_shared_capability()) {}
 
 private:

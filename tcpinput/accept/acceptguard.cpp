@@ -77,9 +77,9 @@ void AcceptGuard::check()
 {
     fruitless = 0;
     pause(); // after acceptError() Qt has paused it already; the timer resumes it
-    if (descriptorAvailable() || outside)
+    if (descriptorAvailable() || outOfDescriptors)
         return;
-    outside = true;
+    outOfDescriptors = true;
     Q_EMIT descriptorsOut();
 }
 
@@ -114,7 +114,7 @@ bool AcceptGuard::mayResume() const
 // Called also when the server was closed: the two signals come in pairs.
 void AcceptGuard::endEpisode()
 {
-    if (!std::exchange(outside, false))
+    if (!std::exchange(outOfDescriptors, false))
         return;
     Q_EMIT descriptorsBack();
 }

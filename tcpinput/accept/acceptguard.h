@@ -58,7 +58,7 @@ private:
     const std::function<qsizetype()> waiting;
     QTimer timer;
     int fruitless = 0; // activations since the last accepted connection
-    bool outside = false; // descriptors have run out; descriptorsBack() is still to come
+    bool outOfDescriptors = false; // descriptorsBack() is still to come
     bool held = false;
     bool resumed = false; // since the last tick, on trial
 };

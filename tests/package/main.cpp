@@ -18,7 +18,7 @@
 // the port to listen on.
 int main(int argc, char **argv)
 {
-    // Blocked before there are other threads, which inherit that. A descriptor tells of them.
+    // Other threads inherit the mask, so the signals are blocked first. A descriptor reports them.
     sigset_t endings;
     sigemptyset(&endings);
     sigaddset(&endings, SIGINT);

@@ -87,15 +87,15 @@ EpollEventDispatcher *EpollEventDispatcher::ofThisThread()
     return qobject_cast<EpollEventDispatcher *>(instance());
 }
 
-bool EpollEventDispatcher::isNested()
+bool EpollEventDispatcher::isInTurn()
 {
     const auto *dispatcher = ofThisThread();
-    return dispatcher && dispatcher->depth > 1;
+    return dispatcher && dispatcher->depth > 0;
 }
 
 void EpollEventDispatcher::deleteLater(QObject *object)
 {
-    if (isNested())
+    if (isInTurn())
         ofThisThread()->doomed.append(object);
     else
         object->deleteLater();

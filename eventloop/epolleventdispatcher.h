@@ -73,13 +73,12 @@ public:
     // another class.
     static TimerQueue::TimePoint turnBegan();
 
-    // Whether the calling thread's dispatcher is in a nested turn: a slot or a message handler runs
-    // an event loop. False if the dispatcher is of another class.
-    static bool isNested();
-    // As object->deleteLater(), but never deletes in a nested turn: a function of the object may
-    // still be on the stack. A deletion asked for in a nested turn waits for the end of the
-    // outermost one. object: lives in the calling thread; others may delete it before. With a
-    // dispatcher of another class this is object->deleteLater().
+    // Whether the calling thread's dispatcher is in a turn. False if it is of another class.
+    static bool isInTurn();
+    // As object->deleteLater(), but never deletes within a turn: a function of the object may still
+    // be on the stack, below a slot or a message handler that delivers events. The object is
+    // deleted at the end of the outermost turn. object: lives in the calling thread; others may
+    // delete it before. With a dispatcher of another class this is object->deleteLater().
     static void deleteLater(QObject *object);
 
     //! Counts as a turn while it lives. For work that a thread does outside of its event loop.

@@ -51,6 +51,7 @@ bool Configuration::apply(const QJsonObject &object, const QString &pluginId)
     address = QHostAddress(QHostAddress::AnyIPv4);
     port = DefaultPort;
     offsets = false;
+    tls.reset();
     for (const Key &key : keys()) {
         const auto value = object.constFind(QLatin1String(key.name));
         if (value != object.constEnd() && !(this->*key.read)(*value))

@@ -9,6 +9,7 @@
 #include <QtNetwork/QSslConfiguration>
 
 #include <array>
+#include <optional>
 
 /*!
     The configuration of a plugin, read from its JSON object.
@@ -44,7 +45,7 @@ public:
     int timeoutMs = 60000; // idle time-out; more than 0
     int poolSize = 4; // threads; more than 0
     bool useTls = false;
-    QSslConfiguration tls;
+    std::optional<QSslConfiguration> tls; // if the latest object had it
 
 private:
     bool readPort(const QJsonValue &value);

@@ -54,6 +54,8 @@ TcpClient2::TcpClient2(QObject *parent, const QString &clientId, QTcpSocket *con
 
 TcpClient2::~TcpClient2()
 {
+    idle.stop();
+    backlog.stop();
     if (!socket)
         return;
     transport->setReader(nullptr);

@@ -4,6 +4,7 @@
 #include "tcpinput/tcpinputplugin2.h"
 
 #include "plugin/cwrn.h"
+#include "plugin/subids.h"
 #include "tcpinput/workers/threadid.h"
 #include "tcpinput/workers/workerthread.h"
 
@@ -102,25 +103,26 @@ bool TcpInputPlugin2::start()
     Q_ASSERT(QThread::currentThread() == thread());
     if (destroying)
         return false;
+    servers.use(configuration.useTls || config.contains(QLatin1String("ssl")));
     const bool usable = configuration.apply(config, pluginId);
-    servers.use(configuration.useTls);
-    pool.setSize(configuration.poolSize);
+    const Configuration used = configuration; // a message handler may call start() again
+    pool.setSize(used.poolSize);
     if (!usable) {
         CWRN(QtWarningMsg,
              QStringLiteral("TcpInputPlugin2(%1): Failed to setup certificates, aborting"),
              pluginId);
         return false;
     }
-    servers.setStamping(configuration.offsets);
-    connTemplate.setLocalAddress(configuration.address);
-    connTemplate.setLocalPort(configuration.port);
+    servers.setStamping(used.offsets);
+    connTemplate.setLocalAddress(used.address);
+    connTemplate.setLocalPort(used.port);
 
     CWRN(QtDebugMsg, QStringLiteral("TcpInputPlugin2(%1): Listening on %2:%3"), pluginId,
-         configuration.address.toString(), configuration.port);
-    if (configuration.useTls)
-        listenTls();
+         used.address.toString(), used.port);
+    if (used.useTls)
+        listenTls(used);
     else
-        listenTcp();
+        listenTcp(used);
 
     statusTimer.setInterval(StatusIntervalMs);
     statusTimer.start();
@@ -130,19 +132,20 @@ bool TcpInputPlugin2::start()
 
 // Deliberate, here and in listenTls(): nothing ever undoes these signal connections, so an object
 // that is started twice is told of each connection twice. The result of listen() is ignored.
-void TcpInputPlugin2::listenTcp()
+void TcpInputPlugin2::listenTcp(const Configuration &used)
 {
     CWRN(QtInfoMsg, QStringLiteral("TcpInputPlugin2(%1): Starting TCP server on port %2"), pluginId,
-         configuration.port);
+         used.port);
     connect(&servers.tcp, &QTcpServer::newConnection, this, &TcpInputPlugin2::handleConnection);
-    servers.tcp.listen(configuration.address, configuration.port);
+    servers.tcp.listen(used.address, used.port);
 }
 
-void TcpInputPlugin2::listenTls()
+void TcpInputPlugin2::listenTls(const Configuration &used)
 {
     CWRN(QtInfoMsg, QStringLiteral("TcpInputPlugin2(%1): Starting SSL server on port %2"), pluginId,
-         configuration.port);
-    servers.tls.setSslConfiguration(configuration.tls);
+         used.port);
+    if (used.tls)
+        servers.tls.setSslConfiguration(*used.tls);
     connect(&servers.tls, &QTcpServer::pendingConnectionAvailable, this,
             &TcpInputPlugin2::handleConnection);
     connect(&servers.tls, &QSslServer::errorOccurred, this, &TcpInputPlugin2::socketError);
@@ -150,7 +153,7 @@ void TcpInputPlugin2::listenTls()
     if (servers.tls.sslConfiguration().handshakeMustInterruptOnError())
         connect(&servers.tls, &QSslServer::handshakeInterruptedOnError, this,
                 &TcpInputPlugin2::hshakeError, Qt::DirectConnection);
-    servers.tls.listen(configuration.address, configuration.port);
+    servers.tls.listen(used.address, used.port);
 }
 
 bool TcpInputPlugin2::stop()
@@ -185,7 +188,7 @@ QString TcpInputPlugin2::getStatus()
 
 void TcpInputPlugin2::discard(int length, const QMap<QString, QString> &subid)
 {
-    const auto text = subid.constFind(QStringLiteral("task"));
+    const auto text = subid.constFind(SubIds::task());
     if (text == subid.constEnd()) {
         CWRN(QtDebugMsg, QStringLiteral("TcpInput2(%1): subid[task] not set"), pluginId);
         return;

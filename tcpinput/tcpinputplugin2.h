@@ -26,8 +26,7 @@
 
     Thread: its creator's; discard() from any thread.
     Owner:  the host, or the QObject parent.
-    Locks:  tasksLock. Never held while logging. The only signal emitted under it is that of the
-            client that a discard is for.
+    Locks:  none of its own; the pool has one, see WorkerPool.
 */
 class TcpInputPlugin2 : public IInputPlugin
 {
@@ -93,8 +92,8 @@ public Q_SLOTS:
 private:
     void initialise();
     WorkerPool makePool();
-    void listenTcp();
-    void listenTls();
+    void listenTcp(const Configuration &used);
+    void listenTls(const Configuration &used);
     bool handOver();
     void retryUntaken();
 

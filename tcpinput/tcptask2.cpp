@@ -140,7 +140,7 @@ bool TcpTask2::event(QEvent *event)
 {
     // stop() processes events, and a message handler may. The plugin's deleteLater() can arrive
     // there.
-    if (event->type() == QEvent::DeferredDelete && EpollEventDispatcher::isNested()) {
+    if (event->type() == QEvent::DeferredDelete && EpollEventDispatcher::isInTurn()) {
         if (!dying)
             EpollEventDispatcher::deleteLater(this);
         return true;

@@ -25,7 +25,8 @@ class TcpClient2;
     All connections of one worker thread: adopts them, keeps the registry of their clients, turns
     each offer into a record and routes the host's discards.
 
-    Thread: its worker thread. From any thread: discard() and tryDiscard(); from the plugin's
+    Thread: its worker thread, a WorkerThread: with another event dispatcher, a message handler must
+            not deliver events. From any thread: discard() and tryDiscard(); from the plugin's
             thread: getInfo() and stop().
     Owner:  the plugin, which retires it with deleteLater(). It is deleted in its own thread.
     Locks:  clientsLock; never held while logging or where code of the host could run.

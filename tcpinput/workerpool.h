@@ -23,7 +23,8 @@
 
     Thread: the plugin's; tryDiscard() from any.
     Owner:  the plugin, as a member, which calls finish() before the end of the pool.
-    Locks:  one of its own, over the tasks; never held while logging.
+    Locks:  one of its own, over the tasks. Never held while logging. The only signal emitted under
+            it is that of the client that a discard is for.
 */
 class WorkerPool
 {

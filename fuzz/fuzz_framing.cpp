@@ -9,6 +9,8 @@
 
 #include <QtCore/QByteArrayList>
 
+using namespace host;
+
 namespace {
 
 struct Result

@@ -9,6 +9,8 @@
 
 #include <QtCore/QCoreApplication>
 
+using namespace host;
+
 void initialise()
 {
     static int argc = 1;

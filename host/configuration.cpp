@@ -8,6 +8,8 @@
 
 #include <cstdio>
 
+namespace host {
+
 bool ConfigurationReader::read()
 {
     QByteArray content = "{}";
@@ -68,3 +70,5 @@ bool ConfigurationReader::fail(const QString &text)
     error = text;
     return false;
 }
+
+} // namespace host

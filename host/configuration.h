@@ -7,6 +7,8 @@
 
 #include <QtCore/QJsonObject>
 
+namespace host {
+
 //! Reads the plugin's configuration: the file, if any, and what the command line sets over it.
 class ConfigurationReader
 {
@@ -32,3 +34,5 @@ private:
     QString error;
     bool inputIsRead = false;
 };
+
+} // namespace host

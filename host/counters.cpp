@@ -5,6 +5,7 @@
 
 #include <QtCore/QHashFunctions>
 
+namespace host {
 namespace {
 constexpr qsizetype MaxSeenIds = 1000000;
 }
@@ -34,3 +35,5 @@ QString Counters::longLine() const
                       .arg(tooLong)
                       .arg(offers);
 }
+
+} // namespace host

@@ -7,6 +7,8 @@
 #include <QtCore/QString>
 #include <QtCore/QStringView>
 
+namespace host {
+
 /*!
     What the program has seen so far, over all its plugin objects.
 
@@ -35,3 +37,5 @@ private:
     QSet<size_t> seenIds;
     qint64 earlierIds = 0;
 };
+
+} // namespace host

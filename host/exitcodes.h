@@ -3,6 +3,8 @@
 
 #pragma once
 
+namespace host {
+
 //! What the program tells its caller; listed in its --help text.
 enum ExitCode {
     ExitOk = 0,
@@ -13,3 +15,5 @@ enum ExitCode {
     ExitNotListening = 6, // start() was true, but nothing listens: the port is in use
     ExitOutputFailed = 7, // standard output is closed or full
 };
+
+} // namespace host

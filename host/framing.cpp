@@ -7,6 +7,7 @@
 
 #include <algorithm>
 
+namespace host {
 namespace {
 
 constexpr qsizetype LengthPrefixBytes = 4;
@@ -117,3 +118,5 @@ QByteArrayView partialMessage(QByteArrayView rest, const FrameFormat &format)
         return rest;
     return rest.sliced(std::min(rest.size(), LengthPrefixBytes));
 }
+
+} // namespace host

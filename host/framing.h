@@ -5,6 +5,8 @@
 
 #include <QtCore/QByteArrayView>
 
+namespace host {
+
 /*!
     Framing: where messages end in a stream of bytes. The plugin does none, this is the host's part.
 
@@ -57,3 +59,5 @@ Frame takeFrame(QByteArrayView buffer, const FrameFormat &format, FrameState &st
 
 // The message bytes in the rest that takeFrame() left: the beginning of a message.
 QByteArrayView partialMessage(QByteArrayView rest, const FrameFormat &format);
+
+} // namespace host

@@ -15,6 +15,7 @@
 
 #include <unistd.h>
 
+namespace host {
 namespace {
 
 // With positions in its offers, every message is printed exactly once, whatever the timing.
@@ -183,3 +184,5 @@ void InputHost::finish()
     output.flush();
     report(counters.longLine() + QLatin1Char('\n'));
 }
+
+} // namespace host

@@ -17,6 +17,9 @@
 #include <memory>
 
 class IInputPlugin;
+
+namespace host {
+
 class SignalNotifier;
 
 /*!
@@ -65,3 +68,5 @@ private:
     QJsonObject runningConfiguration; // of the plugin, or of the last one that listened
     ExitCode outcome = ExitOk;
 };
+
+} // namespace host

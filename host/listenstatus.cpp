@@ -5,6 +5,8 @@
 
 #include <QtCore/QRegularExpression>
 
+namespace host {
+
 ListenStatus ListenStatus::parse(const QString &statusText)
 {
     // The address may hold colons: the port follows the last one.
@@ -13,3 +15,5 @@ ListenStatus ListenStatus::parse(const QString &statusText)
     const QRegularExpressionMatch match = pattern.match(statusText);
     return {match.captured(1), match.captured(2).toInt(), match.captured(3).toLongLong()};
 }
+
+} // namespace host

@@ -5,6 +5,8 @@
 
 #include <QtCore/QString>
 
+namespace host {
+
 /*!
     Where the plugin listens, read from its status text.
 
@@ -23,3 +25,5 @@ struct ListenStatus
     // Not listening, if the text is of another form.
     static ListenStatus parse(const QString &statusText);
 };
+
+} // namespace host

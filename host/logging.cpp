@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstdio>
 
+namespace host {
 namespace {
 
 struct Level
@@ -64,3 +65,5 @@ void report(const QString &text)
 {
     writeToStandardError(text.toUtf8());
 }
+
+} // namespace host

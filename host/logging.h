@@ -5,6 +5,8 @@
 
 #include <QtCore/QString>
 
+namespace host {
+
 /*!
     Log lines, from this program, the plugin and Qt, go to standard error, each with its level.
 
@@ -16,3 +18,5 @@ void installLogging(const QString &logLevel);
 
 // What an operator has asked for: to standard error, whatever the log level.
 void report(const QString &text);
+
+} // namespace host

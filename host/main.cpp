@@ -13,6 +13,8 @@
 #include <chrono>
 #include <cstdio>
 
+using namespace host;
+
 namespace {
 // Each record wakes this thread up, a large part of what a message costs: once in this time is
 // enough. So a message is printed up to 5 ms later than it could be, or 6: the waits are of whole

@@ -6,6 +6,8 @@
 #include <QtCore/QByteArrayView>
 #include <QtCore/QString>
 
+namespace host {
+
 //! Where a message came from, as its record told.
 struct Origin
 {
@@ -25,3 +27,5 @@ struct Message
     QByteArrayView bytes; // without framing
     bool partial = false; // the beginning of a message whose end never came
 };
+
+} // namespace host

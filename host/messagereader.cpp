@@ -12,6 +12,7 @@
 #include <limits>
 #include <utility>
 
+namespace host {
 namespace {
 
 using namespace std::chrono_literals;
@@ -415,3 +416,5 @@ qint64 MessageReader::now()
     lastTime = std::max(clock.nsecsElapsed(), lastTime + 1);
     return lastTime;
 }
+
+} // namespace host

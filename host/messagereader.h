@@ -20,6 +20,8 @@
 
 #include <list>
 
+namespace host {
+
 /*!
     Turns the plugin's offers into messages, and answers them.
 
@@ -145,3 +147,5 @@ private:
     bool answering = true;
     bool done = false; // the message limit is reached
 };
+
+} // namespace host

@@ -3,6 +3,8 @@
 
 #include "host/offertracker.h"
 
+namespace host {
+
 OfferTracker::Fit OfferTracker::accept(const QByteArray &offer, qint64 reached)
 {
     constexpr qsizetype none = -1;
@@ -84,3 +86,5 @@ void OfferTracker::take(const QByteArray &offer, qsizetype start)
     lastOffer = offer;
     unclearOffer = {};
 }
+
+} // namespace host

@@ -7,6 +7,8 @@
 #include <QtCore/QByteArrayView>
 #include <QtCore/QList>
 
+namespace host {
+
 /*!
     Finds out which bytes of an offer the host has consumed before.
 
@@ -101,3 +103,5 @@ private:
     qsizetype firstFit = 0; // of the unclear offer
     qsizetype lastFit = 0;
 };
+
+} // namespace host

@@ -10,6 +10,7 @@
 
 #include <limits>
 
+namespace host {
 namespace {
 
 const char Notes[] = R"(
@@ -260,3 +261,5 @@ CommandLine parseCommandLine(const QStringList &arguments)
         return {CommandLine::Refuse, {}, reader.error()};
     return {CommandLine::Run, options, {}};
 }
+
+} // namespace host

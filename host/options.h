@@ -14,6 +14,8 @@
 
 #include <utility>
 
+namespace host {
+
 //! What the command line asks for.
 struct Options
 {
@@ -44,3 +46,5 @@ struct CommandLine
 
 // arguments: as of QCoreApplication::arguments(), which must exist.
 CommandLine parseCommandLine(const QStringList &arguments);
+
+} // namespace host

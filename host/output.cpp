@@ -11,6 +11,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+namespace host {
 namespace {
 
 constexpr qsizetype FlushAboveBytes = 64 * 1024;
@@ -185,3 +186,5 @@ void Output::scheduleFlush()
     flushScheduled = true;
     QMetaObject::invokeMethod(this, &Output::flush, Qt::QueuedConnection);
 }
+
+} // namespace host

@@ -9,6 +9,8 @@
 #include <QtCore/QByteArray>
 #include <QtCore/QObject>
 
+namespace host {
+
 enum class OutputFormat {
     Json, // one object a line
     Raw, // the bytes with the framing that they came with
@@ -59,3 +61,5 @@ private:
     bool flushScheduled = false;
     bool broken = false;
 };
+
+} // namespace host

@@ -9,6 +9,7 @@
 #include <QtCore/QDir>
 #include <QtCore/QFileInfo>
 
+namespace host {
 namespace {
 
 // The name that the library registers its creator under.
@@ -77,3 +78,5 @@ std::unique_ptr<IInputPlugin> PluginLoader::create(const QJsonObject &config) co
     plugin->setConfig(config);
     return plugin;
 }
+
+} // namespace host

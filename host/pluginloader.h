@@ -13,6 +13,8 @@
 
 class IInputPlugin;
 
+namespace host {
+
 //! The two ways in which the library gives plugins away. They make the same objects.
 enum class EntryPoint {
     Create, // a function that makes plugins
@@ -50,3 +52,5 @@ private:
     InputPluginCreators creators; // in use if there is no createPlugin
     QString error;
 };
+
+} // namespace host

@@ -15,6 +15,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+namespace host {
+
 void raiseDescriptorLimit()
 {
     rlimit limit = {};
@@ -59,3 +61,5 @@ void settleEncoding()
     if (std::strcmp(::nl_langinfo(CODESET), "UTF-8") != 0)
         ::setenv(std::getenv("LC_ALL") ? "LC_ALL" : "LC_CTYPE", "C.UTF-8", Replace);
 }
+
+} // namespace host

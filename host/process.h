@@ -3,6 +3,8 @@
 
 #pragma once
 
+namespace host {
+
 //! What a program that serves many connections asks of the system, once, at its start.
 
 // Every connection takes a descriptor, and the usual soft limit of 1,024 is soon reached: raises it
@@ -23,3 +25,5 @@ void settleTimeZone();
 // Texts are in UTF-8, also where the locale is another one, or none. Qt sees to that by itself, but
 // newer versions complain of such a locale, over several lines. Before the application object.
 void settleEncoding();
+
+} // namespace host

@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+namespace host {
 namespace {
 
 // For the signal handler. Set before it is installed, restored after it is uninstalled.
@@ -90,3 +91,5 @@ void SignalNotifier::readSignal()
     else
         Q_EMIT stopRequested();
 }
+
+} // namespace host

@@ -8,6 +8,8 @@
 
 #include <memory>
 
+namespace host {
+
 /*!
     Brings SIGINT, SIGTERM, SIGHUP and SIGUSR1 into the event loop.
 
@@ -40,3 +42,5 @@ private:
     int readEnd = -1;
     std::unique_ptr<QSocketNotifier> notifier;
 };
+
+} // namespace host

@@ -6,6 +6,8 @@
 #include <QtCore/QByteArrayView>
 #include <QtCore/QString>
 
+namespace simulator {
+
 struct IoResult
 {
     enum Status {
@@ -44,3 +46,5 @@ public:
     // Tells the peer that nothing more will be sent. TCP stays as it is.
     virtual IoResult sendEnd() = 0;
 };
+
+} // namespace simulator

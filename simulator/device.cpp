@@ -8,6 +8,7 @@
 
 #include <limits>
 
+namespace simulator {
 namespace {
 
 // Number of the last message of a device's first `connection` connections.
@@ -91,3 +92,5 @@ void Device::onConnectionFinished()
     else
         Q_EMIT finished(this);
 }
+
+} // namespace simulator

@@ -10,6 +10,8 @@
 
 #include <memory>
 
+namespace simulator {
+
 class DeviceConnection;
 struct Run;
 
@@ -59,3 +61,5 @@ private:
     Pace pace; // goes on over reconnections
     std::unique_ptr<DeviceConnection> connection;
 };
+
+} // namespace simulator

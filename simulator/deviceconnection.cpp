@@ -12,6 +12,7 @@
 
 #include <cerrno>
 
+namespace simulator {
 namespace {
 
 constexpr int WritesPerTurn = 64; // then it is another connection's turn
@@ -326,3 +327,5 @@ void DeviceConnection::finish(End end)
     record.checksum = outbox.checksum();
     Q_EMIT finished();
 }
+
+} // namespace simulator

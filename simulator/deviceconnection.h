@@ -15,6 +15,8 @@
 
 #include <memory>
 
+namespace simulator {
+
 class Pace;
 struct Run;
 
@@ -93,3 +95,5 @@ private:
     QBasicTimer timer; // time-out, next write or end of waiting, as the state is
     State state = State::Connecting;
 };
+
+} // namespace simulator

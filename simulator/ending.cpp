@@ -3,6 +3,7 @@
 
 #include "simulator/ending.h"
 
+namespace simulator {
 namespace {
 
 constexpr int TlsCloseMs = 5000; // for a peer that does not answer our close_notify
@@ -99,3 +100,5 @@ Ending orderlyClose(const Options &options)
     ending.waitMs = TlsCloseMs;
     return ending;
 }
+
+} // namespace simulator

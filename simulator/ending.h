@@ -5,6 +5,8 @@
 
 #include "simulator/options.h"
 
+namespace simulator {
+
 /*!
     The steps by which a connection ends once everything is sent.
 */
@@ -30,3 +32,5 @@ Ending endingFor(const Options &options, bool isLast);
 
 // Loses nothing, and lasts no longer than that takes.
 Ending orderlyClose(const Options &options);
+
+} // namespace simulator

@@ -6,6 +6,7 @@
 #include "simulator/device.h"
 #include "simulator/run.h"
 
+namespace simulator {
 namespace {
 
 constexpr int StartsPerTurn = 64; // then those started get their turn
@@ -101,3 +102,5 @@ void Fleet::abandon()
     for (Device *device : devices)
         device->abandon();
 }
+
+} // namespace simulator

@@ -9,6 +9,8 @@
 #include <QtCore/QObject>
 #include <QtCore/QTimer>
 
+namespace simulator {
+
 class Device;
 struct Run;
 
@@ -59,3 +61,5 @@ private:
     quint64 active = 0;
     bool stopping = false;
 };
+
+} // namespace simulator

@@ -20,6 +20,8 @@
 #include <langinfo.h>
 #include <sys/resource.h>
 
+using namespace simulator;
+
 namespace {
 
 enum ExitStatus { Success = 0, Failure = 1, Usage = 2 };

@@ -7,6 +7,7 @@
 
 #include <QtCore/QtEndian>
 
+namespace simulator {
 namespace {
 
 constexpr int LetterCount = 26;
@@ -76,3 +77,5 @@ QByteArray MessageFormat::garbage(quint64 device, quint64 number) const
     bytes[0] = static_cast<char>(bytes[0] & 0x0f);
     return bytes;
 }
+
+} // namespace simulator

@@ -7,6 +7,8 @@
 
 #include <QtCore/QByteArray>
 
+namespace simulator {
+
 /*!
     What the devices say: every message is a function of the options, the device and its number.
 
@@ -33,3 +35,5 @@ private:
     const quint32 seed;
     const QByteArray letters; // padding is cut out of these
 };
+
+} // namespace simulator

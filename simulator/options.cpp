@@ -10,6 +10,7 @@
 #include <limits>
 #include <optional>
 
+namespace simulator {
 namespace {
 
 constexpr int MaxMessageBytes = 64 * 1024 * 1024;
@@ -355,3 +356,5 @@ ParsedOptions parseOptions(const QStringList &arguments)
     }
     return parsed;
 }
+
+} // namespace simulator

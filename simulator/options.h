@@ -8,6 +8,8 @@
 #include <QtCore/QStringList>
 #include <QtNetwork/QHostAddress>
 
+namespace simulator {
+
 enum class Framing { Lines, Length };
 enum class Segments { Whole, Byte, Random, Blocks };
 enum class CloseMode { Close, HalfClose, Abort, Stay };
@@ -76,3 +78,5 @@ struct ParsedOptions
 
 // arguments: with the program's name first. Needs the application object.
 ParsedOptions parseOptions(const QStringList &arguments);
+
+} // namespace simulator

@@ -5,6 +5,8 @@
 
 #include "simulator/messageformat.h"
 
+namespace simulator {
+
 Outbox::Outbox(const MessageFormat &messageFormat, const Segmenter &cuts, quint64 deviceNumber,
                quint64 first, quint64 last, bool withChecksum)
     : format(messageFormat),
@@ -70,3 +72,5 @@ QByteArray Outbox::checksum() const
 {
     return hash ? hash->result().toHex() : QByteArray();
 }
+
+} // namespace simulator

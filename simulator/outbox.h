@@ -12,6 +12,8 @@
 #include <memory>
 #include <optional>
 
+namespace simulator {
+
 class MessageFormat;
 
 /*!
@@ -67,3 +69,5 @@ private:
     quint64 bytes = 0;
     std::unique_ptr<QCryptographicHash> hash;
 };
+
+} // namespace simulator

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <limits>
 
+namespace simulator {
 namespace {
 
 constexpr double NsPerSecond = 1e9;
@@ -37,3 +38,5 @@ int Pace::msUntil(quint64 number) const
     const double ms = static_cast<double>(number - 1) * MsPerSecond / rate - elapsedMs;
     return static_cast<int>(std::ceil(qBound(0.0, ms, LongestMs)));
 }
+
+} // namespace simulator

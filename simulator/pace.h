@@ -5,6 +5,8 @@
 
 #include <QtCore/QElapsedTimer>
 
+namespace simulator {
+
 /*!
     A steady rate of numbered events, the first at once; lateness does not add up.
 */
@@ -27,3 +29,5 @@ private:
     const double rate;
     QElapsedTimer clock;
 };
+
+} // namespace simulator

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 
+namespace simulator {
 namespace {
 
 constexpr qsizetype DropBytes = 16 * 1024; // read at once, to be dropped
@@ -42,3 +43,5 @@ IoResult PlainChannel::receive()
             return isTemporary(errno) ? IoResult{IoResult::WantRead, 0, {}} : failed(errno);
     }
 }
+
+} // namespace simulator

@@ -5,6 +5,8 @@
 
 #include "simulator/channel.h"
 
+namespace simulator {
+
 class TcpSocket;
 
 /*!
@@ -23,3 +25,5 @@ public:
 private:
     TcpSocket &socket;
 };
+
+} // namespace simulator

@@ -8,6 +8,8 @@
 #include <initializer_list>
 #include <random>
 
+namespace simulator {
+
 /*!
     Reproducible numbers, the same from any compiler and library.
 
@@ -29,3 +31,5 @@ public:
 private:
     std::minstd_rand engine;
 };
+
+} // namespace simulator

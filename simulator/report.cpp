@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <tuple>
 
+namespace simulator {
 namespace {
 
 QString endText(End end)
@@ -135,3 +136,5 @@ QList<ConnectionRecord> Report::sortedRecords() const
               });
     return sorted;
 }
+
+} // namespace simulator

@@ -8,6 +8,8 @@
 #include <QtCore/QByteArray>
 #include <QtCore/QList>
 
+namespace simulator {
+
 enum class End {
     Closed, // by the device
     Reset, // by the device
@@ -62,3 +64,5 @@ private:
     quint64 messages = 0;
     quint64 bytes = 0;
 };
+
+} // namespace simulator

@@ -9,6 +9,8 @@
 #include <QtCore/QElapsedTimer>
 #include <QtNetwork/QHostAddress>
 
+namespace simulator {
+
 class TlsContext;
 
 /*!
@@ -22,3 +24,5 @@ struct Run
     const TlsContext *tls = nullptr; // null: no handshake is to be done
     QElapsedTimer clock; // all times reported are since its start
 };
+
+} // namespace simulator

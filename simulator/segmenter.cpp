@@ -5,6 +5,7 @@
 
 #include <limits>
 
+namespace simulator {
 namespace {
 
 constexpr qsizetype BlockBytes = 64 * 1024;
@@ -34,3 +35,5 @@ Segmenter::Cut Segmenter::next()
     }
     return {1, 1};
 }
+
+} // namespace simulator

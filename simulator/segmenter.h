@@ -6,6 +6,8 @@
 #include "simulator/options.h"
 #include "simulator/randomsource.h"
 
+namespace simulator {
+
 /*!
     Decides how long a connection's writes are.
 
@@ -31,3 +33,5 @@ private:
     const quint32 longest; // of random cuts
     RandomSource random;
 };
+
+} // namespace simulator

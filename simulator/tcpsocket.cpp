@@ -15,6 +15,7 @@
 #include <system_error>
 #include <unistd.h>
 
+namespace simulator {
 namespace {
 
 /*!
@@ -148,3 +149,5 @@ void TcpSocket::close()
         ::close(fd);
     fd = -1;
 }
+
+} // namespace simulator

@@ -7,6 +7,8 @@
 #include <QtCore/QtGlobal>
 #include <QtNetwork/QHostAddress>
 
+namespace simulator {
+
 // For people, of an errno value.
 QString errorText(int error);
 
@@ -46,3 +48,5 @@ public:
 private:
     int fd = -1;
 };
+
+} // namespace simulator

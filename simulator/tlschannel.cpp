@@ -9,6 +9,7 @@
 #include <limits>
 #include <openssl/err.h>
 
+namespace simulator {
 namespace {
 
 constexpr int DropBytes = 16 * 1024; // read at once, to be dropped
@@ -78,3 +79,5 @@ IoResult TlsChannel::resultOf(int returned) const
         return {IoResult::Failed, 0, QStringLiteral("TLS: ") + takeSslErrors()};
     }
 }
+
+} // namespace simulator

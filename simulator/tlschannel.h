@@ -6,6 +6,8 @@
 #include "simulator/channel.h"
 #include "simulator/tlscontext.h"
 
+namespace simulator {
+
 /*!
     TLS, client side. Counts as accepted what went to the kernel as a complete TLS record.
 */
@@ -25,3 +27,5 @@ private:
 
     SslPointer ssl;
 };
+
+} // namespace simulator

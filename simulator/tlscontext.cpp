@@ -10,6 +10,8 @@
 #include <openssl/err.h>
 #include <openssl/x509v3.h>
 
+namespace simulator {
+
 QString takeSslErrors()
 {
     QStringList texts;
@@ -102,3 +104,5 @@ void TlsContext::require(bool succeeded, const QString &what)
     if (!succeeded && problem.isEmpty())
         problem = QStringLiteral("%1: %2").arg(what, errors);
 }
+
+} // namespace simulator

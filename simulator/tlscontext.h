@@ -8,6 +8,8 @@
 #include <memory>
 #include <openssl/ssl.h>
 
+namespace simulator {
+
 class TcpSocket;
 
 template<class T, void (*free)(T *)>
@@ -46,3 +48,5 @@ private:
     bool isAddress = false;
     QString problem;
 };
+
+} // namespace simulator

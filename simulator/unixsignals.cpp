@@ -7,6 +7,8 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+namespace simulator {
+
 UnixSignals::UnixSignals()
 {
     sigset_t signalSet;
@@ -41,3 +43,5 @@ void UnixSignals::onReadable()
     else
         Q_EMIT stopRequested();
 }
+
+} // namespace simulator

@@ -6,6 +6,8 @@
 #include <QtCore/QObject>
 #include <QtCore/QSocketNotifier>
 
+namespace simulator {
+
 /*!
     Makes SIGINT, SIGTERM and SIGUSR1 Qt signals.
 
@@ -31,3 +33,5 @@ private:
     int fd = -1;
     QSocketNotifier readable{QSocketNotifier::Read};
 };
+
+} // namespace simulator

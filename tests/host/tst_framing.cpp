@@ -7,6 +7,8 @@
 #include <QtCore/QtEndian>
 #include <QtTest/QtTest>
 
+using namespace host;
+
 namespace {
 
 const QByteArray TooLong = "<too long>";

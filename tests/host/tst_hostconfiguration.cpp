@@ -8,6 +8,8 @@
 
 #include <cerrno>
 
+using namespace host;
+
 class tst_HostConfiguration : public QObject
 {
     Q_OBJECT

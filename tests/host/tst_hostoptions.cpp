@@ -7,6 +7,8 @@
 #include <QtCore/QJsonObject>
 #include <QtTest/QtTest>
 
+using namespace host;
+
 namespace {
 
 CommandLine parse(const QStringList &arguments)

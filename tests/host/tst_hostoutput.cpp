@@ -15,6 +15,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+using namespace host;
+
 namespace {
 
 const Origin origin = {QStringLiteral("2026-01-02T03:04:05Z"),

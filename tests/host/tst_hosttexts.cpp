@@ -6,6 +6,8 @@
 
 #include <QtTest/QtTest>
 
+using namespace host;
+
 //! What the host reads from the plugin's status text, and its own counters line.
 class tst_HostTexts : public QObject
 {

@@ -31,6 +31,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+using namespace host;
+
 namespace {
 
 constexpr int HangGuardMs = 60000;

@@ -10,6 +10,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+using namespace host;
+
 namespace {
 
 constexpr int CutGraceMs = 50;

@@ -7,6 +7,8 @@
 #include <QtCore/QRandomGenerator>
 #include <QtTest/QtTest>
 
+using namespace host;
+
 namespace {
 
 using Fit = OfferTracker::Fit;

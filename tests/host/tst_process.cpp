@@ -11,6 +11,8 @@
 #include <ctime>
 #include <sys/resource.h>
 
+using namespace host;
+
 // What inputhost asks of the system.
 class tst_Process : public QObject
 {

@@ -22,6 +22,8 @@
 
 #include <openssl/x509_vfy.h>
 
+using namespace simulator;
+
 namespace {
 
 constexpr int HangGuardMs = 60000;

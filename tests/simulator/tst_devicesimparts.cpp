@@ -11,6 +11,8 @@
 
 #include <limits>
 
+using namespace simulator;
+
 namespace {
 
 constexpr quint64 AllDue = std::numeric_limits<quint64>::max();

@@ -9,6 +9,8 @@
 
 #include <QtCore/QCoreApplication>
 
+using namespace host;
+
 int main(int argc, char *argv[])
 {
     ignoreBrokenPipes();

@@ -15,6 +15,8 @@
 #include <malloc.h>
 #include <unistd.h>
 
+using namespace host;
+
 namespace {
 constexpr int MostStarts = 8; // of one object
 // More than have offers at the same time, and few enough to be reached within the first cycle.

@@ -30,7 +30,7 @@ class RestartingHost : public QObject
 {
 public:
     // commandLine: outlives the host.
-    explicit RestartingHost(const Options &commandLine);
+    explicit RestartingHost(const host::Options &commandLine);
     ~RestartingHost() override;
 
     // Until SIGTERM or SIGINT, or until the plugin does not listen: the program's exit code.
@@ -42,12 +42,12 @@ private:
     void removePlugin();
     void restart();
 
-    const Options &options;
-    PluginLoader loader;
+    const host::Options &options;
+    host::PluginLoader loader;
     QJsonObject configuration;
-    Counters counters;
-    Output output;
-    MessageReader reader;
+    host::Counters counters;
+    host::Output output;
+    host::MessageReader reader;
     std::unique_ptr<IInputPlugin> plugin;
     int starts = 0; // of this plugin object
 };

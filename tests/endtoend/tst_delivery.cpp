@@ -1,9 +1,10 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
+#include "tests/kit/hangguard.h"
 #include "tests/kit/loadedplugin.h"
+#include "tests/kit/nativesocket.h"
 #include "tests/kit/numberedmessages.h"
-#include "tests/kit/rawdevice.h"
 
 #include <QtCore/QRandomGenerator>
 #include <QtTest/QtTest>
@@ -16,7 +17,6 @@ namespace {
 constexpr int Devices = 64;
 constexpr int MessagesPerDevice = 2000;
 constexpr int SenderThreads = 8;
-constexpr int HangGuardMs = 300000;
 
 //! Sends a device's messages in pieces that respect no message, over several connections.
 class SegmentingDevice
@@ -25,9 +25,10 @@ public:
     SegmentingDevice(quint16 serverPort, int deviceNumber, quint32 seed)
         : port(serverPort),
           stream(deviceNumber * (MessagesPerDevice + 1)),
-          random(seed),
-          socket(testAddress(), port)
-    {}
+          random(seed)
+    {
+        connect();
+    }
 
     bool isDone() const { return sent == MessagesPerDevice && unsent.isEmpty(); }
 
@@ -38,7 +39,8 @@ public:
         for (int n = random.bounded(1, 20); n > 0 && sent < MessagesPerDevice; --n, ++sent)
             unsent += numberedMessage(stream, inStream++);
         const int piece = random.bounded(1, static_cast<int>(unsent.size()) + 1);
-        socket.send(unsent.left(piece));
+        if (!socket.send(unsent.left(piece)))
+            qFatal("send: %s", strerror(errno));
         unsent.remove(0, piece);
         if (random.bounded(10) == 0)
             std::this_thread::sleep_for(std::chrono::microseconds(random.bounded(5000)));
@@ -48,16 +50,23 @@ private:
     // What the former connection still has on its way may arrive after the first bytes of this one.
     void reconnect()
     {
-        socket = RawDevice(testAddress(), port);
+        connect();
         ++stream;
         inStream = 0;
+    }
+
+    void connect()
+    {
+        socket = NativeSocket::connectedTo(testAddress(), port);
+        if (!socket.isValid())
+            qFatal("connect: %s", strerror(errno));
     }
 
     const quint16 port;
     int stream; // numbers are per connection: only there is an order kept
     int inStream = 0;
     QRandomGenerator random;
-    RawDevice socket;
+    NativeSocket socket;
     QByteArray unsent;
     int sent = 0;
 };
@@ -103,7 +112,7 @@ void tst_Delivery::everyMessageArrivesInOrder()
     for (int n = 0; n < SenderThreads; ++n)
         senders.emplace_back(playDevices, port, n * PerThread, PerThread, seed);
     const bool complete = QTest::qWaitFor(
-            [&] { return host.received() == Devices * MessagesPerDevice; }, HangGuardMs);
+            [&] { return host.received() == Devices * MessagesPerDevice; }, LoadHangGuardMs);
     for (std::thread &sender : senders)
         sender.join();
     QVERIFY2(complete, qPrintable(QString::number(host.received())));

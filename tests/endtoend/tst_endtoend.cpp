@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
+#include "tests/kit/hangguard.h"
 #include "tests/kit/loadedplugin.h"
 #include "tests/kit/loglines.h"
 
@@ -94,7 +95,7 @@ std::unique_ptr<QTcpSocket> tst_EndToEnd::connectDevice()
 
 bool tst_EndToEnd::waitForRecords(qsizetype count)
 {
-    return QTest::qWaitFor([&] { return records.size() >= count; }, 60000);
+    return QTest::qWaitFor([&] { return records.size() >= count; }, HangGuardMs);
 }
 
 void tst_EndToEnd::recordCarriesBytesAndIds()
@@ -245,7 +246,7 @@ void tst_EndToEnd::idleConnectionIsClosedWithItsLateBytes()
     QVERIFY(waitForRecords(1));
     plugin->discard(5, records.first()->getPluginSubId());
     device->write("late"); // within 200 ms, so not offered by itself; if later, it is at once
-    QTRY_COMPARE_WITH_TIMEOUT(device->state(), QAbstractSocket::UnconnectedState, 60000);
+    QTRY_COMPARE_WITH_TIMEOUT(device->state(), QAbstractSocket::UnconnectedState, HangGuardMs);
     QVERIFY(waitForRecords(2));
     QCOMPARE(bytes(1), QByteArray("late"));
     QCOMPARE(takeLog().filter(QStringLiteral("TcpClient: timeout")).size(), 1);

@@ -3,6 +3,7 @@
 
 #include "plugin/exactoffers.h"
 #include "tests/kit/certificates.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/loadedplugin.h"
 #include "tests/kit/loglines.h"
 #include "tests/kit/numberedmessages.h"
@@ -21,7 +22,6 @@
 
 namespace {
 
-constexpr int HangGuardMs = 60000;
 constexpr int Devices = 8;
 
 using SubIds = QMap<QString, QString>;

@@ -3,6 +3,7 @@
 
 #include "plugin/exactoffers.h"
 #include "tests/kit/certificates.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/load.h"
 #include "tests/kit/loadedplugin.h"
 
@@ -23,7 +24,6 @@ const int Devices = load(200, 40);
 const int MessagesPerDevice = load(1000, 200);
 constexpr int TickMs = 10;
 constexpr int HandshakeMs = 20; // ample for one
-constexpr int HangGuardMs = 300000;
 
 //! How a host behaves.
 struct Manners
@@ -341,13 +341,14 @@ void tst_LateHosts::messages()
             return std::any_of(devices.begin(), devices.end(),
                                [](const auto &device) { return device->isCutOff(); });
         };
-        ended = QTest::qWaitFor([&] { return isSent() || isCutOff(); }, HangGuardMs) && isSent();
+        ended = QTest::qWaitFor([&] { return isSent() || isCutOff(); }, LoadHangGuardMs)
+                && isSent();
         for (const auto &device : devices)
             connections += device->connections();
-        ended = ended && QTest::qWaitFor(isEnded, HangGuardMs)
-                && QTest::qWaitFor(isQuiet, HangGuardMs);
+        ended = ended && QTest::qWaitFor(isEnded, LoadHangGuardMs)
+                && QTest::qWaitFor(isQuiet, LoadHangGuardMs);
         QCoreApplication::sendPostedEvents();
-        ended = ended && QTest::qWaitFor([&] { return host.isIdle(); }, HangGuardMs);
+        ended = ended && QTest::qWaitFor([&] { return host.isIdle(); }, LoadHangGuardMs);
     }
     const Tally &tally = host.tally;
     qInfo("%d connections, %d messages: %lld lost, %lld seen again, %lld mangled (seed %u)",

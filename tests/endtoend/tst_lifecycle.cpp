@@ -1,11 +1,12 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
+#include "tests/kit/hangguard.h"
 #include "tests/kit/loadedplugin.h"
 #include "tests/kit/messagecapture.h"
+#include "tests/kit/nativesocket.h"
 #include "tests/kit/nofreedescriptors.h"
 #include "tests/kit/processresources.h"
-#include "tests/kit/rawdevice.h"
 
 #include <QtCore/QTimer>
 #include <QtTest/QtTest>
@@ -14,13 +15,15 @@
 
 namespace {
 
-constexpr int HangGuardMs = 60000;
-
-std::vector<RawDevice> connectDevices(quint16 port, int count)
+// Ends the program if a connection is refused.
+std::vector<NativeSocket> connectDevices(quint16 port, int count)
 {
-    std::vector<RawDevice> devices;
-    for (int n = 0; n < count; ++n)
-        devices.emplace_back(testAddress(), port);
+    std::vector<NativeSocket> devices;
+    for (int n = 0; n < count; ++n) {
+        devices.push_back(NativeSocket::connectedTo(testAddress(), port));
+        if (!devices.back().isValid())
+            qFatal("connect: %s", strerror(errno));
+    }
     return devices;
 }
 
@@ -174,11 +177,11 @@ void tst_Lifecycle::destroyedWithDeliveriesUnderWay()
             [&](const shared_parsedData &record) { bytes += record->getDataLength(); });
     QVERIFY(plugin->start());
     auto devices = connectDevices(port, Connections);
-    for (const RawDevice &device : devices)
-        device.send(QByteArray(5, 'x'));
+    for (const NativeSocket &device : devices)
+        QVERIFY(device.send(QByteArray(5, 'x')));
     QTRY_COMPARE(bytes, 5 * Connections); // each has made its first offer
-    for (const RawDevice &device : devices)
-        device.send(QByteArray(3, 'y')); // within the interval, so not offered by itself
+    for (const NativeSocket &device : devices)
+        QVERIFY(device.send(QByteArray(3, 'y'))); // within the interval, so not offered by itself
     // 8 bytes of each are there once the log says so at the end.
     plugin.reset();
     const auto lines = MessageCapture::take();
@@ -197,8 +200,8 @@ void tst_Lifecycle::hostActsWhileThePluginIsDestroyed()
     connect(plugin.get(), &IInputPlugin::receivedData, this, [&] { ++offers; });
     QVERIFY(plugin->start());
     const auto devices = connectDevices(port, 20);
-    for (const RawDevice &device : devices)
-        device.send("abc");
+    for (const NativeSocket &device : devices)
+        QVERIFY(device.send("abc"));
     QTRY_COMPARE(offers, 20);
 
     IInputPlugin *const dying = plugin.get();
@@ -230,11 +233,13 @@ void tst_Lifecycle::servesAllWhenDescriptorsComeBackOneByOne()
     QVERIFY(plugin->start());
     QVERIFY(isListening(*plugin));
     {
-        std::vector<RawDevice> devices(Connections); // their own descriptors
+        std::vector<NativeSocket> devices; // their own descriptors
+        for (int n = 0; n < Connections; ++n)
+            devices.push_back(NativeSocket::unconnected(testAddress()));
         NoFreeDescriptors none;
-        for (RawDevice &device : devices) {
-            device.connectTo(testAddress(), port);
-            device.send("abc");
+        for (NativeSocket &device : devices) {
+            QVERIFY(device.connect(testAddress(), port));
+            QVERIFY(device.send("abc"));
         }
         qsizetype paused = 0;
         const QString line = QStringLiteral("Out of file descriptors, accepting paused");
@@ -268,11 +273,11 @@ void tst_Lifecycle::stopDeliversAll()
     });
     QVERIFY(plugin->start());
     auto devices = connectDevices(port, Connections);
-    for (const RawDevice &device : devices)
-        device.send("first");
+    for (const NativeSocket &device : devices)
+        QVERIFY(device.send("first"));
     QTRY_COMPARE_WITH_TIMEOUT(offered.size(), Connections, HangGuardMs);
-    for (const RawDevice &device : devices)
-        device.send("+last");
+    for (const NativeSocket &device : devices)
+        QVERIFY(device.send("+last"));
     offered.clear();
 
     QVERIFY(plugin->stop());

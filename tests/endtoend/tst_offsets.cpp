@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
+#include "tests/kit/hangguard.h"
 #include "tests/kit/loadedplugin.h"
 #include "tests/kit/loglines.h"
 #include "tests/kit/nativesocket.h"
@@ -98,7 +99,7 @@ std::unique_ptr<QTcpSocket> tst_Offsets::connectDevice()
 
 bool tst_Offsets::waitForRecords(qsizetype count)
 {
-    return QTest::qWaitFor([&] { return records.size() >= count; }, 60000);
+    return QTest::qWaitFor([&] { return records.size() >= count; }, HangGuardMs);
 }
 
 // With one worker, a new connection is adopted after every cut posted before it.
@@ -126,7 +127,7 @@ QByteArray tst_Offsets::lastOffer(QTcpSocket &device)
         last = records.last()->getOriginalMessage();
         return last.endsWith('.');
     };
-    return QTest::qWaitFor(ended, 60000) ? last.chopped(1) : "no end";
+    return QTest::qWaitFor(ended, HangGuardMs) ? last.chopped(1) : "no end";
 }
 
 void tst_Offsets::offByDefault_data()
@@ -431,7 +432,7 @@ void tst_Offsets::plainHostLosesNothing()
         device->write(sent.mid(sent.lastIndexOf('m')));
         return records.size() >= 3;
     };
-    QVERIFY(QTest::qWaitFor(sendUntilOffered, 60000));
+    QVERIFY(QTest::qWaitFor(sendUntilOffered, HangGuardMs));
 
     qsizetype read = 0;
     const QList<shared_parsedData> offers = records;

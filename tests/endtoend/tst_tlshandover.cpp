@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
+#include "tests/kit/hangguard.h"
 #include "tests/kit/load.h"
 #include "tests/kit/loadedplugin.h"
 #include "tests/kit/loglines.h"
@@ -17,7 +18,6 @@
 
 namespace {
 
-constexpr int HangGuardMs = 300000;
 const int Connections = load(3000, 300);
 constexpr int Parallel = 50;
 constexpr int PoolSize = 4;
@@ -193,7 +193,7 @@ void tst_TlsHandover::losesNothing()
         log += lines;
         return fleet.isDone() && closed >= Connections && host.received() >= expected;
     };
-    const bool over = QTest::qWaitFor(isOver, HangGuardMs);
+    const bool over = QTest::qWaitFor(isOver, LoadHangGuardMs);
     QCOMPARE(fleet.failed(), 0);
     QCOMPARE(host.received(), expected);
     QCOMPARE(host.missing(), 0);

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "tests/kit/certificates.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/loadedplugin.h"
 #include "tests/kit/loglines.h"
 
@@ -17,8 +18,6 @@
 #include <array>
 
 namespace {
-
-constexpr int HangGuardMs = 60000;
 
 QString text(const char *latin1)
 {

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "tests/kit/certificates.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/testaddress.h"
 
 #include <QtCore/QJsonDocument>
@@ -10,8 +11,6 @@
 #include <QtTest/QtTest>
 
 namespace {
-
-constexpr int HangGuardMs = 60000;
 
 QString text(const char *latin1)
 {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "eventloop/epolleventdispatcher.h"
+#include "tests/kit/hangguard.h"
 
 #include <QtCore/QAbstractEventDispatcher>
 #include <QtCore/QDir>
@@ -25,8 +26,6 @@
 
 // What the tests of event dispatchers share.
 namespace dispatchertest {
-
-constexpr int GuardMs = 60000; // a hang guard, no measure
 
 // The calling thread's.
 inline QAbstractEventDispatcher *dispatcher()
@@ -52,7 +51,7 @@ inline bool turnUntil(const std::function<bool()> &done)
 {
     QTimer guard;
     guard.setSingleShot(true);
-    guard.start(GuardMs);
+    guard.start(HangGuardMs);
     // A turn delivers what was posted, and then it waits: not if that was all we wanted.
     QObject::connect(dispatcher(), &QAbstractEventDispatcher::aboutToBlock, &guard, [&] {
         if (done())

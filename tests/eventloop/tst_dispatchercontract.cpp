@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "dispatchertest.h"
+#include "tests/kit/hangguard.h"
 
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QPointer>
@@ -169,7 +170,7 @@ void tst_DispatcherContract::inThread(const std::function<void()> &body)
     BodyThread thread(body);
     setDispatcher(&thread);
     thread.start();
-    QVERIFY(thread.wait(2 * GuardMs));
+    QVERIFY(thread.wait(2 * HangGuardMs));
 }
 
 // Before the thread starts.
@@ -246,9 +247,9 @@ void tst_DispatcherContract::postedBeforeStart()
     QMetaObject::invokeMethod(
             &object, [&] { called.release(); }, Qt::QueuedConnection);
     thread.start();
-    QVERIFY(called.tryAcquire(1, GuardMs));
+    QVERIFY(called.tryAcquire(1, HangGuardMs));
     thread.quit();
-    QVERIFY(thread.wait(GuardMs));
+    QVERIFY(thread.wait(HangGuardMs));
 }
 
 void tst_DispatcherContract::postedFromManyThreads()
@@ -270,7 +271,7 @@ void tst_DispatcherContract::postedFromManyThreads()
         }
         QVERIFY(turnUntil([&] { return received == Senders * Events; }));
         for (const auto &sender : senders)
-            QVERIFY(sender->wait(GuardMs));
+            QVERIFY(sender->wait(HangGuardMs));
         settle();
         QCOMPARE(received, Senders * Events);
     });
@@ -298,7 +299,7 @@ void tst_DispatcherContract::wakeUpEndsWait()
             while (called < round)
                 turn(QEventLoop::WaitForMoreEvents);
         }
-        QVERIFY(waker->wait(GuardMs));
+        QVERIFY(waker->wait(HangGuardMs));
     });
 }
 
@@ -335,7 +336,7 @@ void tst_DispatcherContract::interruptEndsWait()
         }));
         other->start();
         turn(QEventLoop::WaitForMoreEvents);
-        QVERIFY(other->wait(GuardMs));
+        QVERIFY(other->wait(HangGuardMs));
     });
 }
 
@@ -357,9 +358,9 @@ void tst_DispatcherContract::quitFromOtherThread()
             waits.release(); // quits before it has come to wait
         }
         thread.start();
-        QVERIFY(waits.tryAcquire(1, GuardMs));
+        QVERIFY(waits.tryAcquire(1, HangGuardMs));
         thread.quit();
-        QVERIFY(thread.wait(GuardMs));
+        QVERIFY(thread.wait(HangGuardMs));
     }
 }
 
@@ -419,7 +420,7 @@ void tst_DispatcherContract::signalDoesNotEndWait()
             ++turns;
         }
         ended = true;
-        QVERIFY(other->wait(GuardMs));
+        QVERIFY(other->wait(HangGuardMs));
         QVERIFY2(turns < 10, qPrintable(QString::number(turns)));
     });
     QCOMPARE(sigaction(SIGUSR1, &previous, nullptr), 0);
@@ -807,7 +808,7 @@ void tst_DispatcherContract::longestInterval()
         const int precise = object.startTimer(INT_MAX, Qt::PreciseTimer);
         object.startTimer(INT_MAX, Qt::CoarseTimer);
         object.startTimer(INT_MAX, Qt::VeryCoarseTimer);
-        QVERIFY(dispatcher()->remainingTime(precise) > INT_MAX - GuardMs);
+        QVERIFY(dispatcher()->remainingTime(precise) > INT_MAX - HangGuardMs);
 
         dispatcher()->wakeUp();
         turn(QEventLoop::WaitForMoreEvents);
@@ -1504,7 +1505,7 @@ void tst_DispatcherContract::timerMovesToThread()
                 QAbstractEventDispatcher::instance(&other), [] {}, Qt::BlockingQueuedConnection);
     });
     other.quit();
-    QVERIFY(other.wait(GuardMs));
+    QVERIFY(other.wait(HangGuardMs));
 }
 
 void tst_DispatcherContract::socketMovesToThread()
@@ -1550,7 +1551,7 @@ void tst_DispatcherContract::socketMovesToThread()
         settle();
     });
     other.quit();
-    QVERIFY(other.wait(GuardMs));
+    QVERIFY(other.wait(HangGuardMs));
 }
 
 void tst_DispatcherContract::echo()
@@ -1571,7 +1572,7 @@ void tst_DispatcherContract::echo()
         QVERIFY(server.listen(QHostAddress::LocalHost));
 
         QEventLoop loop;
-        QTimer::singleShot(GuardMs, &loop, [&] { loop.exit(1); });
+        QTimer::singleShot(HangGuardMs, &loop, [&] { loop.exit(1); });
         int open = Connections;
         std::vector<std::unique_ptr<QTcpSocket>> devices;
         for (int i = 0; i < Connections; ++i) {

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "dispatchertest.h"
+#include "tests/kit/hangguard.h"
 
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QFile>
@@ -35,7 +36,7 @@ void runWithEpoll(const std::function<void()> &body)
     BodyThread thread(body);
     setEpollDispatcher(&thread);
     thread.start();
-    QVERIFY(thread.wait(2 * GuardMs));
+    QVERIFY(thread.wait(2 * HangGuardMs));
 }
 } // namespace
 
@@ -267,7 +268,7 @@ void tst_EpollEventDispatcher::manyThreads()
     };
     for (size_t i = 0; i < Threads; ++i)
         hop(i, Hops);
-    QVERIFY(completed.tryAcquire(int(Threads), GuardMs));
+    QVERIFY(completed.tryAcquire(int(Threads), HangGuardMs));
     // Qt wakes a thread up after it has posted: nobody may still be at that when the thread ends.
     for (const auto &object : objects)
         QMetaObject::invokeMethod(
@@ -275,7 +276,7 @@ void tst_EpollEventDispatcher::manyThreads()
     for (const auto &thread : threads)
         thread->quit();
     for (const auto &thread : threads)
-        QVERIFY(thread->wait(GuardMs));
+        QVERIFY(thread->wait(HangGuardMs));
 }
 
 int main(int argc, char *argv[])

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "dispatchertest.h"
+#include "tests/kit/hangguard.h"
 
 #include <QtCore/QDeadlineTimer>
 #include <QtCore/QFile>
@@ -89,10 +90,10 @@ public:
     {
         const auto resting = [this] { return rests(); };
         const auto dozing = [this] { return dozes(); };
-        if (!QTest::qWaitFor(resting, GuardMs))
+        if (!QTest::qWaitFor(resting, HangGuardMs))
             return false;
         post([] {});
-        return QTest::qWaitFor(dozing, GuardMs);
+        return QTest::qWaitFor(dozing, HangGuardMs);
     }
 
 protected:
@@ -115,12 +116,12 @@ private:
 
 bool waitUntilItRests(const LoopThread &thread)
 {
-    return QTest::qWaitFor([&] { return thread.rests(); }, GuardMs);
+    return QTest::qWaitFor([&] { return thread.rests(); }, HangGuardMs);
 }
 
 bool waitUntilItDozes(const LoopThread &thread)
 {
-    return QTest::qWaitFor([&] { return thread.dozes(); }, GuardMs);
+    return QTest::qWaitFor([&] { return thread.dozes(); }, HangGuardMs);
 }
 
 // Calls activated for every byte that is sent to the pair's notifier.
@@ -182,7 +183,7 @@ void tst_WakeUpModeration::restsOnceNothingComes()
     for (int i = 0; i < 20; ++i) {
         QVERIFY(waitUntilItRests(thread));
         thread.post([&] { handled.release(); });
-        QVERIFY(handled.tryAcquire(1, GuardMs));
+        QVERIFY(handled.tryAcquire(1, HangGuardMs));
     }
     QVERIFY(waitUntilItRests(thread));
 }
@@ -194,7 +195,7 @@ void tst_WakeUpModeration::wokenAtOnceFromRest()
         QVERIFY(waitUntilItRests(thread));
         QSemaphore handled;
         thread.post([&] { handled.release(); });
-        QVERIFY(handled.tryAcquire(1, GuardMs));
+        QVERIFY(handled.tryAcquire(1, HangGuardMs));
         QVERIFY(waitUntilItDozes(thread));
     }
 }
@@ -214,7 +215,7 @@ void tst_WakeUpModeration::ownEventsDeferNothing()
     });
     for (int i = 0; i < 20; ++i) {
         pair.send();
-        QVERIFY(handled.tryAcquire(1, GuardMs));
+        QVERIFY(handled.tryAcquire(1, HangGuardMs));
         QVERIFY(waitUntilItRests(thread));
     }
 }
@@ -233,7 +234,7 @@ void tst_WakeUpModeration::deferredEventsComeWithASocket()
     });
     QVERIFY(thread.rouse());
     pair.send();
-    QVERIFY(activated.tryAcquire(1, GuardMs));
+    QVERIFY(activated.tryAcquire(1, HangGuardMs));
     for (int i = 0; i < 20; ++i) {
         QVERIFY(waitUntilItDozes(thread));
         trace.clear();
@@ -244,7 +245,7 @@ void tst_WakeUpModeration::deferredEventsComeWithASocket()
             });
         }
         pair.send();
-        QVERIFY(handled.tryAcquire(3, GuardMs));
+        QVERIFY(handled.tryAcquire(3, HangGuardMs));
         QCOMPARE(trace, QByteArray("seee"));
     }
 }
@@ -260,10 +261,10 @@ void tst_WakeUpModeration::deferredEventsComeWithATimer()
     QSemaphore handled;
     for (int i = 0; i < 10; ++i) {
         thread.post([&] { handled.release(); });
-        QVERIFY(handled.tryAcquire(1, GuardMs));
+        QVERIFY(handled.tryAcquire(1, HangGuardMs));
         QVERIFY(waitUntilItDozes(thread));
     }
-    QVERIFY(beats.tryAcquire(10, GuardMs));
+    QVERIFY(beats.tryAcquire(10, HangGuardMs));
 }
 
 void tst_WakeUpModeration::interruptIsNotDeferred_data()
@@ -283,7 +284,7 @@ void tst_WakeUpModeration::interruptIsNotDeferred()
             thread.post([] {});
         QVERIFY(thread.dozes());
         thread.quit();
-        QVERIFY(thread.wait(GuardMs));
+        QVERIFY(thread.wait(HangGuardMs));
     }
 }
 
@@ -309,12 +310,12 @@ void tst_WakeUpModeration::nestedLoop()
         handled.release();
     });
     pair.send();
-    QVERIFY(handled.tryAcquire(1, GuardMs));
+    QVERIFY(handled.tryAcquire(1, HangGuardMs));
     QCOMPARE(trace, QByteArray("se"));
 
     QVERIFY(waitUntilItDozes(thread));
     inner.load()->quit();
-    QVERIFY(handled.tryAcquire(1, GuardMs));
+    QVERIFY(handled.tryAcquire(1, HangGuardMs));
     QCOMPARE(trace, QByteArray("sen"));
     QVERIFY(waitUntilItDozes(thread)); // the outer loop, in the same interval
 }
@@ -352,7 +353,7 @@ void tst_WakeUpModeration::onlyLoopsAreModerated()
             handled = true;
             dispatcher()->wakeUp(); // the turn that delivers this would wait then
         });
-        QVERIFY(ended.tryAcquire(1, GuardMs));
+        QVERIFY(ended.tryAcquire(1, HangGuardMs));
     }
 }
 
@@ -379,7 +380,7 @@ void tst_WakeUpModeration::noWakeUpIsLostBeforeAWait()
         });
     });
     QSemaphore woken;
-    const QDeadlineTimer guard(GuardMs);
+    const QDeadlineTimer guard(HangGuardMs);
     while (posted < Rounds && !guard.hasExpired()) {
         QVERIFY(waitUntilItRests(thread));
         QCOMPARE(handled.load(), posted.load());
@@ -387,7 +388,7 @@ void tst_WakeUpModeration::noWakeUpIsLostBeforeAWait()
             waits = 0;
             woken.release();
         });
-        QVERIFY(woken.tryAcquire(1, GuardMs));
+        QVERIFY(woken.tryAcquire(1, HangGuardMs));
     }
     QVERIFY(posted >= Rounds);
 }
@@ -409,7 +410,7 @@ void tst_WakeUpModeration::bursts()
                 const int events = 1 + int(random() % 8);
                 for (int event = 0; event < events; ++event)
                     thread.post([&own] { own.release(); });
-                if (!own.tryAcquire(events, GuardMs))
+                if (!own.tryAcquire(events, HangGuardMs))
                     return;
                 std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
             }

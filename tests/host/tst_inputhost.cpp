@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "host/exitcodes.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/locales.h"
 #include "tests/kit/testaddress.h"
 
@@ -34,8 +35,6 @@
 using namespace host;
 
 namespace {
-
-constexpr int HangGuardMs = 60000;
 
 // Reasons are the system's, in the user's language.
 QByteArray noSuchFile()

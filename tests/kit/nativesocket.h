@@ -3,6 +3,8 @@
 
 #pragma once
 
+#include "tests/kit/hangguard.h"
+
 #include <QtCore/QByteArray>
 #include <QtCore/QDeadlineTimer>
 #include <QtCore/QThread>
@@ -191,8 +193,6 @@ public:
         }
         return true;
     }
-
-    static constexpr int HangGuardMs = 60000;
 
 private:
     void setOption(int level, int option, int value) const

@@ -3,6 +3,8 @@
 
 #pragma once
 
+#include "tests/kit/hangguard.h"
+
 #include <QtCore/QEventLoop>
 #include <QtCore/QThread>
 #include <QtCore/QTimer>
@@ -13,11 +15,10 @@
 // Runs what blocks in a thread of its own, while this one serves. False if it takes for ever.
 inline bool play(const std::function<void()> &function)
 {
-    constexpr int HangGuardMs = 300000;
     const std::unique_ptr<QThread> thread(QThread::create(function));
     QEventLoop loop;
     QObject::connect(thread.get(), &QThread::finished, &loop, &QEventLoop::quit);
-    QTimer::singleShot(HangGuardMs, &loop, [&loop] { loop.exit(1); });
+    QTimer::singleShot(LoadHangGuardMs, &loop, [&loop] { loop.exit(1); });
     thread->start();
     const bool finished = loop.exec() == 0;
     thread->wait();

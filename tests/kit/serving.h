@@ -3,15 +3,16 @@
 
 #pragma once
 
+#include "tests/kit/hangguard.h"
+
 #include <QtCore/QEventLoop>
 #include <QtCore/QTimer>
 
 #include <functional>
 
-// Runs the host's event loop until the condition holds; false after three minutes without.
+// Runs the host's event loop until the condition holds; false if it never does.
 inline bool serveUntil(const std::function<bool()> &condition)
 {
-    constexpr int HangGuardMs = 180000;
     constexpr int LookMs = 2;
     QEventLoop loop;
     QTimer look;
@@ -19,7 +20,7 @@ inline bool serveUntil(const std::function<bool()> &condition)
         if (condition())
             loop.quit();
     });
-    QTimer::singleShot(HangGuardMs, &loop, [&loop] { loop.exit(1); });
+    QTimer::singleShot(LoadHangGuardMs, &loop, [&loop] { loop.exit(1); });
     look.start(LookMs);
     return loop.exec() == 0;
 }

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "plugin/cwrn.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/messagecapture.h"
 
 #include <QtCore/QProcess>
@@ -146,7 +147,7 @@ void tst_Cwrn::fatalLevel()
 {
     QProcess child;
     child.start(QCoreApplication::applicationFilePath(), {QString::fromLatin1(FatalArgument)});
-    QVERIFY(child.waitForFinished(60000));
+    QVERIFY(child.waitForFinished(HangGuardMs));
     QCOMPARE(child.exitStatus(), QProcess::CrashExit);
 
     const QString text = QString::fromUtf8(child.readAllStandardError());

@@ -4,6 +4,7 @@
 #include "plugin/factory.h"
 #include "plugin/iconnectionhandler.h"
 #include "plugin/iinputplugin.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/messagecapture.h"
 
 #include <QtCore/QFile>
@@ -76,7 +77,7 @@ QList<Symbol> exportedSymbols()
     QProcess nm;
     nm.start(QStringLiteral(NM_PROGRAM),
              {u"-D"_s, u"--defined-only"_s, QStringLiteral(PLUGIN_FILE)});
-    if (!nm.waitForFinished(60000) || nm.exitCode() != 0)
+    if (!nm.waitForFinished(HangGuardMs) || nm.exitCode() != 0)
         return {};
     QList<Symbol> symbols;
     const QStringList lines = QString::fromLatin1(nm.readAllStandardOutput()).split(u'\n');

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "plugin/parseddata.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/memorylayout.h"
 
 #include <QtCore/QRegularExpression>
@@ -596,7 +597,7 @@ void tst_ParsedData::settersWaitForReaders()
         done = true;
     });
 
-    QTRY_VERIFY_WITH_TIMEOUT(writerWaits(lock) || done, 60000);
+    QTRY_VERIFY_WITH_TIMEOUT(writerWaits(lock) || done, HangGuardMs);
     const bool waited = !done;
     lock.unlock();
 

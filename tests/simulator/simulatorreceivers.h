@@ -3,6 +3,8 @@
 
 #pragma once
 
+#include "tests/kit/hangguard.h"
+
 #include <QtCore/QByteArray>
 #include <QtCore/QFile>
 #include <QtCore/QHash>
@@ -276,7 +278,6 @@ public:
 private:
     bool waitAfter(int result)
     {
-        constexpr int HangGuardMs = 60000;
         const int error = SSL_get_error(ssl.get(), result);
         if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE)
             return false;

@@ -3,6 +3,7 @@
 
 #include "simulator/messageformat.h"
 #include "simulatorreceivers.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/locales.h"
 #include "tests/kit/testaddress.h"
 
@@ -25,8 +26,6 @@
 using namespace simulator;
 
 namespace {
-
-constexpr int HangGuardMs = 60000;
 
 QString text(const char *latin1)
 {

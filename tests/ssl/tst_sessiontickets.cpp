@@ -4,6 +4,7 @@
 #include "ssl/ssl.h"
 #include "tcpinput/tcpinputplugin2.h"
 #include "tcpinput/tcptask2.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/loglines.h"
 #include "tests/kit/play.h"
 #include "tests/kit/testaddress.h"
@@ -18,7 +19,6 @@
 
 namespace {
 
-constexpr int HangGuardMs = 60000;
 constexpr int MessageBytes = 16000;
 constexpr int UnsentBytes = 4 * MessageBytes; // far below what the kernel takes
 

@@ -9,6 +9,7 @@
 #include "scriptedhost.h"
 #include "scriptwriter.h"
 #include "tests/kit/certificates.h"
+#include "tests/kit/hangguard.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QRegularExpression>
@@ -24,7 +25,6 @@ namespace {
 constexpr auto BeforeStart = 50ms;
 constexpr auto CheckInterval = 2000ms;
 constexpr auto LookEvery = 5ms;
-constexpr auto HangGuard = 120s;
 constexpr auto SlowLog = 200us; // a line
 
 bool isPluginsDoing(Ending ending)
@@ -198,7 +198,7 @@ void Play::connectAll()
         devices[i]->connectTo(address, port);
         if (plan.scripts.at(qsizetype(i)).eager)
             startDevice(i, Clock::now());
-        if (!clients.tryAcquire(1, int(HangGuard / 1ms)))
+        if (!clients.tryAcquire(1, LoadHangGuardMs))
             qFatal("device %d was not taken", int(i));
     }
     connected.release();
@@ -266,7 +266,7 @@ void Play::runUntil(const std::function<bool()> &condition)
         due = Clock::now() + LookEvery;
     });
     timer.start(LookEvery);
-    const auto guard = Clock::now() + HangGuard;
+    const auto guard = Clock::now() + std::chrono::milliseconds(LoadHangGuardMs);
     while (!condition() && Clock::now() < guard)
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
 }

@@ -5,6 +5,7 @@
 
 #include "tcpinput/tcpclient2.h"
 #include "tests/kit/eventlog.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/nativesocket.h"
 #include "tests/tcpinput/clientprobes.h"
 
@@ -75,7 +76,7 @@ public:
     bool deliver(const QByteArray &bytes)
     {
         return device.send(bytes) && arrived(int(bytes.size()))
-                && socket->waitForReadyRead(NativeSocket::HangGuardMs);
+                && socket->waitForReadyRead(HangGuardMs);
     }
     // The bytes are in the kernel when this returns.
     bool sendUnseen(const QByteArray &bytes)

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "tcpinput/receive/receivingsocket.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/movableclock.h"
 #include "tests/kit/worker.h"
 #include "tests/tcpinput/connectedclient.h"
@@ -372,7 +373,7 @@ void tst_ClientCutting::readInTheTurnOfACut()
         });
     }
     QVERIFY(pairs[1].device.send(bytes(30)));
-    QVERIFY(offered.tryAcquire(1, NativeSocket::HangGuardMs));
+    QVERIFY(offered.tryAcquire(1, HangGuardMs));
 
     worker.block();
     for (int n = 0; n < 2; ++n) { // both wait when the worker looks
@@ -381,7 +382,7 @@ void tst_ClientCutting::readInTheTurnOfACut()
     }
     worker.release();
 
-    QVERIFY(offered.tryAcquire(2, NativeSocket::HangGuardMs));
+    QVERIFY(offered.tryAcquire(2, HangGuardMs));
     worker.run([&] {
         for (auto &client : clients)
             client.reset();
@@ -493,7 +494,7 @@ void tst_ClientCutting::cutWhileTheWorkerReads()
     };
     Offer last{0, {}};
     while (last.end() < end) {
-        QTRY_VERIFY_WITH_TIMEOUT(!offers.isEmpty(), NativeSocket::HangGuardMs);
+        QTRY_VERIFY_WITH_TIMEOUT(!offers.isEmpty(), HangGuardMs);
         for (const Offer &offer : std::exchange(offers, {})) {
             QVERIFY(offer.data
                     == QByteArrayView(stream).sliced(qsizetype(offer.position), offer.data.size()));

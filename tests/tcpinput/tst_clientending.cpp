@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
+#include "tests/kit/hangguard.h"
 #include "tests/kit/movableclock.h"
 #include "tests/tcpinput/connectedclient.h"
 
@@ -126,7 +127,7 @@ void tst_ClientEnding::silentPeer()
     bool gone = false;
     connect(connection.client.get(), &TcpClient2::disconnected, this, [&] { gone = true; });
 
-    QTRY_VERIFY_WITH_TIMEOUT(gone, NativeSocket::HangGuardMs);
+    QTRY_VERIFY_WITH_TIMEOUT(gone, HangGuardMs);
 
     QVERIFY(sinceConstruction.elapsed() >= atLeast(50));
     QCOMPARE(EventLog::take(), QStringList(timeoutLine()) + endOf(id, 0, 0, 0));
@@ -178,7 +179,7 @@ void tst_ClientEnding::deliveriesKeepItOpen()
     device.start(50);
     QVERIFY(connection.deliver("x"));
 
-    QTRY_VERIFY_WITH_TIMEOUT(gone, NativeSocket::HangGuardMs);
+    QTRY_VERIFY_WITH_TIMEOUT(gone, HangGuardMs);
 
     QVERIFY(sent > Deliveries);
     QVERIFY2(idleMs >= atLeast(TimeoutMs), QByteArray::number(idleMs));
@@ -245,7 +246,7 @@ void tst_ClientEnding::peerCloses()
     const QString id = reads.isEmpty() ? QStringLiteral("given") : connection.derivedId();
 
     connection.device.close();
-    QVERIFY(connection.socket->waitForDisconnected(NativeSocket::HangGuardMs));
+    QVERIFY(connection.socket->waitForDisconnected(HangGuardMs));
 
     QCOMPARE(EventLog::take(), endOf(id, lastOffer, received, reads.size()));
     QVERIFY(connection.noLockHeld);
@@ -268,7 +269,7 @@ void tst_ClientEnding::peerResets()
     EventLog::take();
 
     connection.device.reset();
-    connection.socket->waitForDisconnected(NativeSocket::HangGuardMs);
+    connection.socket->waitForDisconnected(HangGuardMs);
 
     QCOMPARE(EventLog::take(), endOf(connection.derivedId(), 3, 3, 1));
     QCOMPARE(connection.offers.size(), 1);
@@ -283,7 +284,7 @@ void tst_ClientEnding::everythingWasCut()
     EventLog::take();
 
     connection.device.close();
-    QVERIFY(connection.socket->waitForDisconnected(NativeSocket::HangGuardMs));
+    QVERIFY(connection.socket->waitForDisconnected(HangGuardMs));
 
     QCOMPARE(EventLog::take(), endOf(connection.derivedId(), 0, 3, 1));
 }
@@ -311,7 +312,7 @@ void tst_ClientEnding::unreadBytesBelongToTheLastOffer()
     EventLog::take();
 
     connection.device.close();
-    connection.socket->waitForDisconnected(NativeSocket::HangGuardMs);
+    connection.socket->waitForDisconnected(HangGuardMs);
 
     QStringList expected;
     if (readBefore == 0)
@@ -439,7 +440,7 @@ void tst_ClientEnding::queuedCutFindsAnEmptyBuffer()
     EventLog::take();
     connection.device.close();
     // Not a turn of the event loop: the cut stays queued.
-    QVERIFY(connection.socket->waitForDisconnected(NativeSocket::HangGuardMs));
+    QVERIFY(connection.socket->waitForDisconnected(HangGuardMs));
     QCOMPARE(EventLog::take(), endOf(connection.derivedId(), 100, 100, 1));
 
     QCoreApplication::sendPostedEvents();

@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
+#include "tests/kit/hangguard.h"
 #include "tests/kit/movableclock.h"
 #include "tests/tcpinput/connectedclient.h"
 
@@ -640,7 +641,7 @@ void tst_ClientReading::kickInRealTime()
     sinceBefore.start();
     QVERIFY(connection.deliver(bytes(81)));
 
-    QTRY_COMPARE_WITH_TIMEOUT(connection.offers.size(), 2, NativeSocket::HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(connection.offers.size(), 2, HangGuardMs);
     QVERIFY(sinceBefore.elapsed() >= 2000);
     QCOMPARE(connection.takeOffers(), QList<QByteArray>({bytes(81), bytes(81)}));
 }
@@ -708,7 +709,7 @@ void tst_ClientReading::checkTimerRunsWhileThereIsSomethingToCheck()
     check(*connection.client);
     QVERIFY(timer.isActive());
     connection.client->cutInbuf(1);
-    QTRY_VERIFY_WITH_TIMEOUT(!timer.isActive(), NativeSocket::HangGuardMs);
+    QTRY_VERIFY_WITH_TIMEOUT(!timer.isActive(), HangGuardMs);
 }
 
 void tst_ClientReading::takerGetsOffersBeforeTheSignal()

@@ -5,6 +5,7 @@
 #include "tcpinput/tcpinputplugin2.h"
 #include "tcpinput/tcptask2.h"
 #include "tests/kit/eventlog.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/nativesocket.h"
 #include "tests/kit/testaddress.h"
 
@@ -16,8 +17,6 @@
 #include <vector>
 
 namespace {
-
-constexpr int HangGuardMs = 60000;
 
 #define WAIT_FOR(condition) QTRY_VERIFY_WITH_TIMEOUT(condition, HangGuardMs)
 

@@ -3,6 +3,7 @@
 
 #include "tcpinput/tcpinputplugin2.h"
 #include "tests/kit/certificates.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/processresources.h"
 #include "tests/kit/testaddress.h"
 
@@ -21,8 +22,6 @@
 #include <memory>
 
 namespace {
-
-constexpr int HangGuardMs = 60000;
 
 /*!
     A host's message handler that runs the event loop of a worker thread inside of a line: until it

@@ -3,6 +3,7 @@
 
 #include "tcpinput/receive/receivingsocket.h"
 #include "tcpinput/tcpclient2.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/movableclock.h"
 #include "tests/kit/nativesocket.h"
 
@@ -83,7 +84,7 @@ struct PlainClient
     std::unique_ptr<TcpClient2> client;
 };
 
-#define WAIT_FOR(condition) QTRY_VERIFY_WITH_TIMEOUT(condition, NativeSocket::HangGuardMs)
+#define WAIT_FOR(condition) QTRY_VERIFY_WITH_TIMEOUT(condition, HangGuardMs)
 
 } // namespace
 

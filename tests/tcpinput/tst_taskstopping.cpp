@@ -5,6 +5,7 @@
 #include "tcpinput/tcpclient2.h"
 #include "tcpinput/tcptask2.h"
 #include "tests/kit/eventlog.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/preparedserver.h"
 #include "tests/kit/worker.h"
 
@@ -24,7 +25,6 @@ namespace {
 
 const QHostAddress LocalAddress(QStringLiteral("127.63.0.1"));
 const QHostAddress PeerAddress(QStringLiteral("127.63.0.2"));
-constexpr int HangGuardMs = 60000;
 
 QByteArray bytesOf(int number)
 {

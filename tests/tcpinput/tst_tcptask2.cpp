@@ -5,6 +5,7 @@
 #include "tcpinput/tcpclient2.h"
 #include "tcpinput/tcptask2.h"
 #include "tests/kit/eventlog.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/movableclock.h"
 #include "tests/kit/preparedserver.h"
 
@@ -66,7 +67,7 @@ struct Accepted
 {
     bool deliver(const QByteArray &bytes) const
     {
-        return sendUnseen(bytes) && socket->waitForReadyRead(NativeSocket::HangGuardMs);
+        return sendUnseen(bytes) && socket->waitForReadyRead(HangGuardMs);
     }
     bool sendUnseen(const QByteArray &bytes) const
     {
@@ -77,7 +78,7 @@ struct Accepted
     bool end()
     {
         pair.device.close();
-        return socket->waitForDisconnected(NativeSocket::HangGuardMs);
+        return socket->waitForDisconnected(HangGuardMs);
     }
 
     QString givenId() const
@@ -692,7 +693,7 @@ void tst_TcpTask2::recordThatNobodyAnswersIsRepeated()
     sinceBefore.start();
     QVERIFY(accepted.deliver(sent));
     QVERIFY(!accepted.client->backlogCheck().isActive());
-    QTRY_COMPARE_WITH_TIMEOUT(records.size(), 2, NativeSocket::HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(records.size(), 2, HangGuardMs);
     QVERIFY(sinceBefore.elapsed() >= 2000);
     QCOMPARE(records[1]->getOriginalMessage(), sent);
 }

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "tcpinput/accept/tcpserver.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/loglines.h"
 #include "tests/kit/messagecapture.h"
 #include "tests/kit/nativesocket.h"
@@ -19,7 +20,6 @@
 namespace {
 
 const QHostAddress LocalAddress(QStringLiteral("127.65.0.1"));
-constexpr int HangGuardMs = 60000;
 
 //! Counts how often the server is told of something to accept.
 class Activations : public QObject

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "tcpinput/accept/tcpserver.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/loglines.h"
 #include "tests/kit/messagecapture.h"
 #include "tests/kit/nativesocket.h"
@@ -25,7 +26,6 @@
 namespace {
 
 const QHostAddress LocalAddress(QStringLiteral("127.64.0.1"));
-constexpr int HangGuardMs = 60000;
 constexpr int PauseAt = 4096; // connections waiting
 constexpr int ResumeAt = 2048;
 

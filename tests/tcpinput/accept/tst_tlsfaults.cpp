@@ -3,6 +3,7 @@
 
 #include "tcpinput/accept/tlshandshake.h"
 #include "tcpinput/tcpinputplugin2.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/load.h"
 #include "tests/kit/loglines.h"
 #include "tests/kit/nofreedescriptors.h"
@@ -22,7 +23,6 @@
 
 namespace {
 
-constexpr int HangGuardMs = 120000;
 constexpr int NeverMs = 24 * 60 * 60 * 1000;
 
 QString text(const char *latin1)
@@ -89,7 +89,7 @@ private:
     qsizetype socketErrors() { return logged(text("W: TcpInputPlugin2(t): SSL Socket error: ")); }
     bool waitForRecord(const QByteArray &bytes)
     {
-        return QTest::qWaitFor([&] { return records.contains(bytes); }, HangGuardMs);
+        return QTest::qWaitFor([&] { return records.contains(bytes); }, LoadHangGuardMs);
     }
 
     quint16 port = 0;
@@ -232,7 +232,7 @@ void tst_TlsFaults::failedHandshakesLeaveNothing()
     }));
     QCOMPARE(failed, count);
     if (logs)
-        QTRY_COMPARE_WITH_TIMEOUT(socketErrors(), count, HangGuardMs);
+        QTRY_COMPARE_WITH_TIMEOUT(socketErrors(), count, LoadHangGuardMs);
     QVERIFY(serve(TLS1_3_VERSION, "good", text("client")));
     QTRY_COMPARE(handshakes(), 0);
     QTRY_COMPARE(openSockets(), before);
@@ -272,7 +272,7 @@ void tst_TlsFaults::openHandshakesEndWithTheServer()
                 device.socket.send(said);
         }
     }));
-    QTRY_COMPARE_WITH_TIMEOUT(handshakes(), Peers, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(handshakes(), Peers, LoadHangGuardMs);
     if (destroys) {
         plugin.reset();
     } else {
@@ -310,7 +310,7 @@ void tst_TlsFaults::waitingConnectionsEndWithTheServer()
         if (device.connect(testAddress(), port) && device.handshake())
             device.flush();
     }));
-    QTRY_VERIFY_WITH_TIMEOUT(server().hasPendingConnections(), HangGuardMs);
+    QTRY_VERIFY_WITH_TIMEOUT(server().hasPendingConnections(), LoadHangGuardMs);
     QCOMPARE(openSockets(), before + 2);
     if (destroys) {
         plugin.reset();
@@ -366,7 +366,7 @@ void tst_TlsFaults::silentPeersDelayNobody()
         for (int n = 0; n < Silent; ++n)
             silent.push_back(NativeSocket::connectedTo(testAddress(), port));
     }));
-    QTRY_COMPARE_WITH_TIMEOUT(handshakes(), Silent, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(handshakes(), Silent, LoadHangGuardMs);
     const double among = medianMs();
     QVERIFY(among > 0);
     QTRY_COMPARE(handshakes(), Silent); // nobody waited for one of them to end
@@ -510,11 +510,11 @@ void tst_TlsFaults::peerGoneBeforeTheHandOver()
         }
     }));
     thread->start();
-    QTRY_VERIFY_WITH_TIMEOUT(waiting, HangGuardMs);
+    QTRY_VERIFY_WITH_TIMEOUT(waiting, LoadHangGuardMs);
     go.release();
     gone.acquire();
-    QTRY_COMPARE_WITH_TIMEOUT(logged(text("closing connection")), 1, HangGuardMs);
-    QVERIFY(thread->wait(HangGuardMs));
+    QTRY_COMPARE_WITH_TIMEOUT(logged(text("closing connection")), 1, LoadHangGuardMs);
+    QVERIFY(thread->wait(LoadHangGuardMs));
 
     const QRegularExpression end(
             text("TcpTask2: new connection tcp2:[0-9.:]+-127[0-9.]+:%1$").arg(devicePort));
@@ -557,7 +557,7 @@ void tst_TlsFaults::closeNotifyEndsTheConnection()
         device.write(bytes);
         if (!atOnce) {
             device.flush();
-            offered.tryAcquire(1, HangGuardMs);
+            offered.tryAcquire(1, LoadHangGuardMs);
         }
         device.writeCloseNotify();
         device.flush();
@@ -565,7 +565,7 @@ void tst_TlsFaults::closeNotifyEndsTheConnection()
     }));
     QVERIFY(ended);
     QTRY_COMPARE_WITH_TIMEOUT(logged(text("(received %1 bytes,").arg(bytes.size())), 1,
-                              HangGuardMs);
+                              LoadHangGuardMs);
     if (!bytes.isEmpty())
         QVERIFY(waitForRecord(bytes));
     QCOMPARE(socketErrors(), 0);
@@ -580,12 +580,12 @@ void tst_TlsFaults::acceptsAgainWithNewDescriptors()
         const NoFreeDescriptors none;
         QVERIFY(late.connect(testAddress(), port));
         QTRY_COMPARE_WITH_TIMEOUT(logged(text("Out of file descriptors, accepting paused")), 1,
-                                  HangGuardMs);
+                                  LoadHangGuardMs);
         QCOMPARE(handshakes(), 0);
     }
-    QTRY_COMPARE_WITH_TIMEOUT(handshakes(), 1, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(handshakes(), 1, LoadHangGuardMs);
     QVERIFY(serve(TLS1_3_VERSION, "after"));
-    QTRY_COMPARE_WITH_TIMEOUT(logged(text("Accepting resumed")), 1, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(logged(text("Accepting resumed")), 1, LoadHangGuardMs);
     QCOMPARE(socketErrors(), 0);
 }
 

@@ -3,6 +3,7 @@
 
 #include "tcpinput/accept/tlshandshake.h"
 #include "tcpinput/tcpinputplugin2.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/messagecapture.h"
 #include "tests/kit/play.h"
 #include "tests/kit/processresources.h"
@@ -18,8 +19,6 @@
 #include <memory>
 
 namespace {
-
-constexpr int HangGuardMs = 60000;
 
 const QByteArray BrokenHello("\x16\x03\x01\x00\x05hello", 10);
 const QByteArray FatalAlert("\x15\x03\x03\x00\x02\x02\x28", 7); // handshake_failure

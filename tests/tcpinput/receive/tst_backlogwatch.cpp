@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "tcpinput/receive/backlogwatch.h"
+#include "tests/kit/hangguard.h"
 #include "tests/tcpinput/connectedclient.h"
 
 #include <QtTest/QTest>
@@ -36,8 +37,7 @@ private:
     // A turn of the watch later, when the last client given has its timer.
     static bool looked(ConnectedClient &last)
     {
-        return QTest::qWaitFor([&] { return last.client->backlogCheck().isActive(); },
-                               NativeSocket::HangGuardMs);
+        return QTest::qWaitFor([&] { return last.client->backlogCheck().isActive(); }, HangGuardMs);
     }
 };
 
@@ -119,7 +119,7 @@ void tst_BacklogWatch::laterClientsDoNotPutTheLookOff()
                 watch.add(&later);
                 return first.client->backlogCheck().isActive();
             },
-            NativeSocket::HangGuardMs));
+            HangGuardMs));
 }
 
 void tst_BacklogWatch::watchesAgain()

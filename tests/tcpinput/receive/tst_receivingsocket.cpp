@@ -3,6 +3,7 @@
 
 #include "eventloop/epolleventdispatcher.h"
 #include "tcpinput/receive/receivingsocket.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/nativesocket.h"
 #include "tests/kit/processresources.h"
 
@@ -174,7 +175,7 @@ private:
     const std::unique_ptr<QThread> thread;
 };
 
-#define WAIT_FOR(condition) QTRY_VERIFY_WITH_TIMEOUT(condition, NativeSocket::HangGuardMs)
+#define WAIT_FOR(condition) QTRY_VERIFY_WITH_TIMEOUT(condition, HangGuardMs)
 
 } // namespace
 

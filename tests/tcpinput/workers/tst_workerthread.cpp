@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "tcpinput/workers/workerthread.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/loglines.h"
 #include "tests/kit/messagecapture.h"
 #include "tests/kit/nofreedescriptors.h"
@@ -16,12 +17,6 @@
 #include <atomic>
 #include <memory>
 #include <vector>
-
-namespace {
-
-constexpr int HangGuardMs = 60000;
-
-} // namespace
 
 // The thread that can be destroyed at any time.
 class tst_WorkerThread : public QObject

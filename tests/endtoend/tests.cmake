@@ -9,8 +9,10 @@ host_test(tst_latehosts 1800)
 test_uses_certificates(tst_latehosts)
 # Qt Test's own guard, five minutes for a function, is too short for the full load.
 set_property(TEST tst_latehosts APPEND PROPERTY ENVIRONMENT QTEST_FUNCTION_TIMEOUT=900000)
-host_test(tst_hostilehost 600)
-test_uses_certificates(tst_hostilehost)
+foreach(name IN ITEMS tst_hostileanswers tst_hostilecalls)
+    host_test(${name} 600)
+    test_uses_certificates(${name})
+endforeach()
 
 tls_test(host tst_tlsmatrix 300)
 tls_test(host tst_tlshandover 900)

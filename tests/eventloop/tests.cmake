@@ -1,10 +1,11 @@
 # SPDX-FileCopyrightText: the tcpinputplugin2 authors
 # SPDX-License-Identifier: MIT
 
-# dispatchercontract: what holds for any event dispatcher of Qt; Qt's own serve for comparison.
+# tst_dispatcher*: what holds for any event dispatcher of Qt; Qt's own serve for comparison.
 foreach(name IN ITEMS
-        tst_timerqueue tst_dispatchercontract tst_epolleventdispatcher tst_nesteddeletions
-        tst_wakeupmoderation)
+        tst_dispatcherdescriptors tst_dispatchernotifiers tst_dispatcherthreads
+        tst_dispatchertimers tst_dispatcherturns
+        tst_epolleventdispatcher tst_nesteddeletions tst_timerqueue tst_wakeupmoderation)
     plugin_test(${name} 300)
     target_link_libraries(${name} PRIVATE tcpinput_eventloop Qt6::Network)
 endforeach()

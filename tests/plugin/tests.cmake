@@ -2,7 +2,9 @@
 # SPDX-License-Identifier: MIT
 
 # The shared headers alone: they must serve a program that never sees the library.
-foreach(name IN ITEMS tst_connection tst_cwrn tst_exactoffers tst_framework tst_parseddata)
+foreach(name IN ITEMS
+        tst_connection tst_cwrn tst_exactoffers tst_framework tst_frameworklayout tst_parseddata
+        tst_parseddatathreads)
     plugin_test(${name})
     target_link_libraries(${name} PRIVATE TcpInputPlugin2::framework)
 endforeach()

@@ -5,6 +5,7 @@
 #include "plugin/iconnectionhandler.h"
 #include "plugin/iinputplugin.h"
 #include "tests/kit/memorylayout.h"
+#include "tests/plugin/frameworktest.h"
 
 #include <QtCore/QMetaMethod>
 #include <QtCore/QThread>
@@ -12,61 +13,13 @@
 #include <QtTest/QSignalSpy>
 #include <QtTest/QTest>
 
-#include <cstddef>
-#include <cstring>
 #include <memory>
-#include <new>
 #include <type_traits>
 
-static_assert(std::is_base_of_v<QObject, IPlugin>);
-static_assert(std::is_base_of_v<IPlugin, IInputPlugin>);
-static_assert(std::is_base_of_v<QObject, IConnectionHandler>);
-static_assert(std::is_abstract_v<IPlugin> && std::is_abstract_v<IInputPlugin>);
-static_assert(std::is_abstract_v<IConnectionHandler>);
-static_assert(std::has_virtual_destructor_v<IPlugin>);
-static_assert(std::has_virtual_destructor_v<Factory<IInputPlugin>::Creator>);
-
 using namespace Qt::StringLiterals;
+using namespace frameworktest;
 
 namespace {
-
-using SubIds = QMap<QString, QString>;
-
-//! Writes down what is called.
-class TestPlugin : public IInputPlugin
-{
-public:
-    explicit TestPlugin(QObject *parent) : IInputPlugin(parent) { ++alive; }
-    TestPlugin(QObject *parent, const QJsonObject &initial) : IInputPlugin(parent, initial)
-    {
-        ++alive;
-    }
-    ~TestPlugin() override { --alive; }
-    Q_DISABLE_COPY_MOVE(TestPlugin)
-
-    void onConfigChanged() override { calls += QStringLiteral("onConfigChanged "); }
-    bool start() override
-    {
-        calls += QStringLiteral("start ");
-        return startResult;
-    }
-    bool stop() override
-    {
-        calls += QStringLiteral("stop ");
-        return true;
-    }
-    QString getStatus() override { return QStringLiteral("status"); }
-    void drop(int len) override { calls += QStringLiteral("drop(%1) ").arg(len); }
-    void discard(int len, const SubIds &subid) override
-    {
-        calls += QStringLiteral("discard(%1,%2) ").arg(len).arg(subid.value(u"task"_s));
-    }
-
-    QString calls;
-    bool startResult = true;
-
-    static inline int alive = 0;
-};
 
 class TestHandler : public IConnectionHandler
 {
@@ -84,49 +37,14 @@ public:
     int stops = 0;
 };
 
-// "index signature(names) -> type" of each method that the class itself adds.
-QStringList methodsOf(const QMetaObject &meta)
-{
-    QStringList result;
-    for (int i = meta.methodOffset(); i < meta.methodCount(); ++i) {
-        const QMetaMethod method = meta.method(i);
-        const QString kind = method.methodType() == QMetaMethod::Signal ? u"signal"_s
-                : method.methodType() == QMetaMethod::Slot              ? u"slot"_s
-                                                                        : u"other"_s;
-        const QString access = method.access() == QMetaMethod::Public ? u"public"_s : u"-"_s;
-        result.append(QStringLiteral("%1 %2 %3 %4 %5 [%6]")
-                              .arg(i - meta.methodOffset())
-                              .arg(access, kind, QString::fromLatin1(method.typeName()),
-                                   QString::fromLatin1(method.methodSignature()),
-                                   QString::fromLatin1(method.parameterNames().join(','))));
-    }
-    return result;
-}
-
-void compareLists(const QStringList &actual, const QStringList &expected)
-{
-    QCOMPARE(actual, expected); // one line for each, so that QCOMPARE can name the first difference
-}
-
 } // namespace
 
+// How the classes behave.
 class tst_Framework : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void pluginMetaObject();
-    void inputPluginMetaObject();
-    void connectionHandlerMetaObject();
-    void onlyMethodsInTheMetaObjects();
-
-    void pluginVirtualOrder();
-    void connectionHandlerVirtualOrder();
-    void creatorVirtualOrder();
-    void memberOrder();
-    void creatorLayout();
-    void basesShareTheAddress();
-
     void construction();
     void identityAndConfiguration();
     void setConfigReplacesTheWholeObject();
@@ -151,135 +69,6 @@ private Q_SLOTS:
     void creatorsAreDestroyedVirtually();
     void creatorMap();
 };
-
-void tst_Framework::pluginMetaObject()
-{
-    QCOMPARE(IPlugin::staticMetaObject.className(), "IPlugin");
-    QCOMPARE(IPlugin::staticMetaObject.superClass(), &QObject::staticMetaObject);
-    compareLists(methodsOf(IPlugin::staticMetaObject),
-                 {u"0 public slot void onConfigChanged() []"_s, u"1 public slot bool start() []"_s,
-                  u"2 public slot bool stop() []"_s, u"3 public slot QString getStatus() []"_s});
-}
-
-void tst_Framework::inputPluginMetaObject()
-{
-    QCOMPARE(IInputPlugin::staticMetaObject.className(), "IInputPlugin");
-    QCOMPARE(IInputPlugin::staticMetaObject.superClass(), &IPlugin::staticMetaObject);
-    compareLists(methodsOf(IInputPlugin::staticMetaObject),
-                 {
-                         u"0 public signal void sError(QString) [msg]"_s,
-                         u"1 public signal void sConnect() []"_s,
-                         u"2 public signal void sDisconnect() []"_s,
-                         u"3 public signal void receivedData(shared_parsedData) [data]"_s,
-                         u"4 public signal void terminate() []"_s,
-                         u"5 public signal QStringList query(QString) [q]"_s, // Qt's name for
-                                                                              // QList<QString>
-                         u"6 public slot void onConfigChanged() []"_s,
-                         u"7 public slot bool start() []"_s,
-                         u"8 public slot bool stop() []"_s,
-                         u"9 public slot QString getStatus() []"_s,
-                         u"10 public slot void discard(int,QMap<QString,QString>) [len,subid]"_s,
-                 });
-}
-
-void tst_Framework::connectionHandlerMetaObject()
-{
-    QCOMPARE(IConnectionHandler::staticMetaObject.className(), "IConnectionHandler");
-    QCOMPARE(IConnectionHandler::staticMetaObject.superClass(), &QObject::staticMetaObject);
-    compareLists(methodsOf(IConnectionHandler::staticMetaObject),
-                 {u"0 public slot void handleConnection(Connection) [conn]"_s,
-                  u"1 public slot void stopAll() []"_s});
-}
-
-void tst_Framework::onlyMethodsInTheMetaObjects()
-{
-    for (const QMetaObject *meta : {&IPlugin::staticMetaObject, &IInputPlugin::staticMetaObject,
-                                    &IConnectionHandler::staticMetaObject}) {
-        QCOMPARE(meta->propertyCount(), QObject::staticMetaObject.propertyCount());
-        QCOMPARE(meta->enumeratorCount(), 0);
-        QCOMPARE(meta->classInfoCount(), 0);
-    }
-    QCOMPARE(IInputPlugin::staticMetaObject.indexOfMethod("drop(int)"), -1);
-    QCOMPARE(IPlugin::staticMetaObject.indexOfMethod("setConfig(QJsonObject)"), -1);
-}
-
-void tst_Framework::pluginVirtualOrder()
-{
-    const int first = firstSlotAfterQObject();
-    QCOMPARE(virtualSlot(&IPlugin::setConfig), first);
-    QCOMPARE(virtualSlot(&IPlugin::onConfigChanged), first + 1);
-    QCOMPARE(virtualSlot(&IPlugin::start), first + 2);
-    QCOMPARE(virtualSlot(&IPlugin::stop), first + 3);
-    QCOMPARE(virtualSlot(&IPlugin::getStatus), first + 4);
-
-    QCOMPARE(virtualSlot(&IInputPlugin::setConfig), first);
-    QCOMPARE(virtualSlot(&IInputPlugin::onConfigChanged), first + 1);
-    QCOMPARE(virtualSlot(&IInputPlugin::start), first + 2);
-    QCOMPARE(virtualSlot(&IInputPlugin::stop), first + 3);
-    QCOMPARE(virtualSlot(&IInputPlugin::getStatus), first + 4);
-    QCOMPARE(virtualSlot(&IInputPlugin::drop), first + 5);
-    QCOMPARE(virtualSlot(&IInputPlugin::discard), first + 6);
-}
-
-void tst_Framework::connectionHandlerVirtualOrder()
-{
-    const int first = firstSlotAfterQObject();
-    QCOMPARE(virtualSlot(&IConnectionHandler::handleConnection), first);
-    QCOMPARE(virtualSlot(&IConnectionHandler::stopAll), first + 1);
-}
-
-void tst_Framework::creatorVirtualOrder()
-{
-    // A destructor takes two slots: it alone, and with the memory.
-    QCOMPARE(virtualSlot(&Factory<IInputPlugin>::Creator::create), 2);
-    QCOMPARE(virtualSlot(&Register<TestPlugin, IInputPlugin>::Creator::create), 2);
-}
-
-void tst_Framework::memberOrder()
-{
-    // QObject, plugin id, configuration, one word.
-    constexpr std::size_t PluginIdOffset = sizeof(QObject);
-    constexpr std::size_t ConfigOffset = PluginIdOffset + sizeof(QString);
-    constexpr std::size_t WordOffset = ConfigOffset + sizeof(QJsonObject);
-    QCOMPARE(sizeof(IPlugin), WordOffset);
-    QCOMPARE(sizeof(IInputPlugin), WordOffset + sizeof(void *));
-    QCOMPARE(sizeof(IConnectionHandler), sizeof(QObject));
-
-    for (const bool configured : {false, true}) {
-        // The word must be zero by construction, not by luck.
-        alignas(TestPlugin) char memory[sizeof(TestPlugin)];
-        std::memset(memory, 0xA5, sizeof(memory));
-        auto *plugin = configured ? new (memory) TestPlugin(nullptr, {{u"a"_s, 1}})
-                                  : new (memory) TestPlugin(nullptr);
-        plugin->pluginId = u"tcp"_s;
-        QCOMPARE(memberAt<QString>(*plugin, PluginIdOffset), u"tcp"_s);
-        QCOMPARE(&memberAt<QString>(*plugin, PluginIdOffset), &plugin->pluginId);
-        QCOMPARE(&memberAt<QJsonObject>(*plugin, ConfigOffset), &plugin->config);
-        QCOMPARE(memberAt<quintptr>(*plugin, WordOffset), 0U);
-        plugin->~TestPlugin();
-    }
-}
-
-void tst_Framework::creatorLayout()
-{
-    using Creator = Register<TestPlugin, IInputPlugin>::Creator;
-    QCOMPARE(sizeof(Factory<IInputPlugin>::Creator), sizeof(void *));
-    QCOMPARE(sizeof(Creator), 2 * sizeof(void *));
-
-    alignas(Creator) char memory[sizeof(Creator)];
-    std::memset(memory, 0xA5, sizeof(memory));
-    auto *creator = new (memory) Creator;
-    QCOMPARE(memberAt<void *>(*creator, sizeof(void *)), nullptr);
-    creator->~Creator();
-}
-
-void tst_Framework::basesShareTheAddress()
-{
-    TestPlugin plugin(nullptr);
-    const void *address = static_cast<IInputPlugin *>(&plugin);
-    QCOMPARE(static_cast<const void *>(static_cast<IPlugin *>(&plugin)), address);
-    QCOMPARE(static_cast<const void *>(static_cast<QObject *>(&plugin)), address);
-}
 
 void tst_Framework::construction()
 {
@@ -597,5 +386,4 @@ void tst_Framework::creatorMap()
 }
 
 QTEST_GUILESS_MAIN(tst_Framework)
-
 #include "tst_framework.moc"

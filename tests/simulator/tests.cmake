@@ -2,11 +2,16 @@
 # SPDX-License-Identifier: MIT
 
 # The simulator's parts that know neither sockets nor time.
-plugin_test(tst_devicesimparts)
-target_link_libraries(tst_devicesimparts PRIVATE devicesim_core)
+foreach(name IN ITEMS tst_devicesimoptions tst_devicesimparts)
+    plugin_test(${name})
+    target_link_libraries(${name} PRIVATE devicesim_core)
+endforeach()
 
 # The program.
-plugin_test(tst_devicesim 300)
-target_link_libraries(tst_devicesim PRIVATE devicesim_core)
-target_compile_definitions(tst_devicesim PRIVATE DEVICESIM_FILE="$<TARGET_FILE:devicesim>")
-add_dependencies(tst_devicesim devicesim)
+foreach(name IN ITEMS
+        tst_devicesimfaults tst_devicesimreport tst_devicesimsending tst_devicesimtls)
+    plugin_test(${name} 300)
+    target_link_libraries(${name} PRIVATE devicesim_core)
+    target_compile_definitions(${name} PRIVATE DEVICESIM_FILE="$<TARGET_FILE:devicesim>")
+    add_dependencies(${name} devicesim)
+endforeach()

@@ -1,8 +1,10 @@
 # SPDX-FileCopyrightText: the tcpinputplugin2 authors
 # SPDX-License-Identifier: MIT
 
-core_test(tst_ssl)
-test_uses_certificates(tst_ssl)
+foreach(name IN ITEMS tst_ssl tst_sslsettings)
+    core_test(${name})
+    test_uses_certificates(${name})
+endforeach()
 tls_test(core tst_sessiontickets)
 # Alone in its process: the TLS backend is chosen once.
 core_test(tst_notlsbackend)

@@ -4,6 +4,7 @@
 #include "ssl/ssl.h"
 #include "tests/kit/certificates.h"
 #include "tests/kit/loglines.h"
+#include "tests/ssl/ssltest.h"
 
 #include <QtCore/QJsonArray>
 #include <QtCore/QTemporaryDir>
@@ -13,32 +14,12 @@
 #include <QtNetwork/QSslSocket>
 #include <QtTest/QTest>
 
-#include <optional>
-
 using namespace Qt::StringLiterals;
+using namespace ssltest;
 
 namespace {
 
-const QString ReadingLine = u"D: SSL: Reading SSL config"_s;
 const QString NoNameLine = u"w: QFSFileEngine::open: No file name specified"_s; // Qt's own
-
-QSslCertificate certificate(const QString &name)
-{
-    return QSslCertificate(certificateText(name).toLatin1(), QSsl::Pem);
-}
-
-QSslKey rsaKey(const QString &name)
-{
-    return QSslKey(certificateText(name).toLatin1(), QSsl::Rsa);
-}
-
-// What an empty object gives.
-QSslConfiguration verifyingDefault()
-{
-    QSslConfiguration config = QSslConfiguration::defaultConfiguration();
-    config.setPeerVerifyMode(QSslSocket::VerifyPeer);
-    return config;
-}
 
 // The CA certificates that were added to the default ones.
 QList<QSslCertificate> addedAuthorities(const QSslConfiguration &config)
@@ -49,14 +30,15 @@ QList<QSslCertificate> addedAuthorities(const QSslConfiguration &config)
 
 } // namespace
 
-class tst_Ssl : public QObject
+// Certificates and keys, from files and as texts.
+class tst_Ssl : public SslTest
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
-    void init();
-    void cleanup();
+    void initTestCase() { prepare(); }
+    void init() { begin(); }
+    void cleanup() { end(); }
 
     void metaObject();
     void emptyObject();
@@ -84,49 +66,7 @@ private Q_SLOTS:
     void inlineKeysAreAppliedAfterUnreadableFiles();
     void nonStringValues_data();
     void nonStringValues();
-
-    void verifyPeer_data();
-    void verifyPeer();
-    void verifyModeIsExplicit();
-    void tlsVersion_data();
-    void tlsVersion();
-    void unknownVersion_data();
-    void unknownVersion();
-    void tlsDebug_data();
-    void tlsDebug();
-    void linesComeInKeyOrder();
-
-private:
-    std::optional<MessageCapture> capture;
 };
-
-void tst_Ssl::initTestCase()
-{
-    QVERIFY(QSslSocket::supportsSsl());
-    const QStringList names{u"ca"_s, u"foreign-ca"_s, u"server"_s, u"client"_s, u"self-signed"_s};
-    for (const QString &name : names) {
-        QVERIFY(!certificate(name + u".pem"_s).isNull());
-        QVERIFY(!rsaKey(name + u".key"_s).isNull());
-    }
-    // No option and no mode of the tests may be the default already.
-    const auto config = QSslConfiguration::defaultConfiguration();
-    QVERIFY(!config.testSslOption(QSsl::SslOptionDisableServerCipherPreference));
-    QVERIFY(!config.handshakeMustInterruptOnError());
-    QCOMPARE(config.peerVerifyMode(), QSslSocket::AutoVerifyPeer);
-}
-
-void tst_Ssl::init()
-{
-    capture.emplace();
-}
-
-// Each test states all lines that it expects.
-void tst_Ssl::cleanup()
-{
-    const QStringList rest = takeLog();
-    capture.reset();
-    QCOMPARE(rest, QStringList());
-}
 
 void tst_Ssl::metaObject()
 {
@@ -481,150 +421,5 @@ void tst_Ssl::nonStringValues()
     QVERIFY(config == verifyingDefault());
 }
 
-void tst_Ssl::verifyPeer_data()
-{
-    QTest::addColumn<QJsonValue>("value");
-    QTest::addColumn<QSslSocket::PeerVerifyMode>("mode");
-
-    QTest::newRow("true") << QJsonValue(true) << QSslSocket::VerifyPeer;
-    QTest::newRow("false") << QJsonValue(false) << QSslSocket::VerifyNone;
-    QTest::newRow("text true") << QJsonValue(u"true"_s) << QSslSocket::VerifyNone;
-    QTest::newRow("text false") << QJsonValue(u"false"_s) << QSslSocket::VerifyNone;
-    QTest::newRow("empty text") << QJsonValue(QString()) << QSslSocket::VerifyNone;
-    QTest::newRow("1") << QJsonValue(1) << QSslSocket::VerifyNone;
-    QTest::newRow("0") << QJsonValue(0) << QSslSocket::VerifyNone;
-    QTest::newRow("null") << QJsonValue(QJsonValue::Null) << QSslSocket::VerifyNone;
-    QTest::newRow("array") << QJsonValue(QJsonArray{true}) << QSslSocket::VerifyNone;
-    QTest::newRow("object") << QJsonValue(QJsonObject()) << QSslSocket::VerifyNone;
-}
-
-void tst_Ssl::verifyPeer()
-{
-    QFETCH(QJsonValue, value);
-    QFETCH(QSslSocket::PeerVerifyMode, mode);
-
-    QSslConfiguration config;
-    QVERIFY(ssl::readSslConfig({{u"verifyPeer"_s, value}}, config));
-    QCOMPARE(takeLog(), QStringList{ReadingLine});
-    QCOMPARE(config.peerVerifyMode(), mode);
-    // Nothing else has changed.
-    config.setPeerVerifyMode(QSslSocket::VerifyPeer);
-    QVERIFY(config == verifyingDefault());
-}
-
-// Whatever the process has made its default.
-void tst_Ssl::verifyModeIsExplicit()
-{
-    const auto previous = QSslConfiguration::defaultConfiguration();
-    for (const auto mode : {QSslSocket::AutoVerifyPeer, QSslSocket::VerifyNone,
-                            QSslSocket::QueryPeer, QSslSocket::VerifyPeer}) {
-        auto ours = previous;
-        ours.setPeerVerifyMode(mode);
-        QSslConfiguration::setDefaultConfiguration(ours);
-        QSslConfiguration absent;
-        QSslConfiguration off;
-        const bool read = ssl::readSslConfig({}, absent)
-                && ssl::readSslConfig({{u"verifyPeer"_s, false}}, off);
-        QSslConfiguration::setDefaultConfiguration(previous);
-
-        QVERIFY(read);
-        QCOMPARE(absent.peerVerifyMode(), QSslSocket::VerifyPeer);
-        QCOMPARE(off.peerVerifyMode(), QSslSocket::VerifyNone);
-    }
-    takeLog();
-}
-
-void tst_Ssl::tlsVersion_data()
-{
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<QSsl::SslProtocol>("protocol");
-
-    QTest::newRow("1.3") << u"1.3"_s << QSsl::TlsV1_3;
-    QTest::newRow("1.3+") << u"1.3+"_s << QSsl::TlsV1_3OrLater;
-    QTest::newRow("1.2") << u"1.2"_s << QSsl::TlsV1_2;
-    QTest::newRow("1.2+") << u"1.2+"_s << QSsl::TlsV1_2OrLater;
-}
-
-void tst_Ssl::tlsVersion()
-{
-    QFETCH(QString, text);
-    QFETCH(QSsl::SslProtocol, protocol);
-
-    QSslConfiguration config;
-    QVERIFY(ssl::readSslConfig({{u"tlsVersion"_s, text}}, config));
-    QCOMPARE(takeLog(),
-             QStringList({ReadingLine, u"D: SSL: Setting TLS protocol version '%1'"_s.arg(text)}));
-    QCOMPARE(config.protocol(), protocol);
-    QVERIFY(config.testSslOption(QSsl::SslOptionDisableServerCipherPreference));
-    QCOMPARE(config.peerVerifyMode(), QSslSocket::VerifyPeer);
-}
-
-void tst_Ssl::unknownVersion_data()
-{
-    QTest::addColumn<QString>("text");
-
-    for (const char *text : {"", "1.1", "1.0", "TLS1.2", "1.4", "1.3 ", " 1.3", "1.3-", "1.3++",
-                             "1.2.", "1,3", "1", "SSLv3", "%1"})
-        QTest::newRow(qPrintable(u"'%1'"_s.arg(QLatin1String(text)))) << QString::fromLatin1(text);
-}
-
-void tst_Ssl::unknownVersion()
-{
-    QFETCH(QString, text);
-
-    QSslConfiguration config;
-    QVERIFY(ssl::readSslConfig({{u"tlsVersion"_s, text}}, config));
-    QCOMPARE(takeLog(),
-             QStringList({ReadingLine,
-                          u"W: SSL Config: unknown TLS version "_s + text + u", ignoring"_s}));
-    QVERIFY(config == verifyingDefault());
-    QVERIFY(!config.testSslOption(QSsl::SslOptionDisableServerCipherPreference));
-}
-
-void tst_Ssl::tlsDebug_data()
-{
-    QTest::addColumn<QJsonValue>("value");
-    QTest::addColumn<bool>("on");
-
-    QTest::newRow("true") << QJsonValue(true) << true;
-    QTest::newRow("false") << QJsonValue(false) << false;
-    QTest::newRow("text true") << QJsonValue(u"true"_s) << false;
-    QTest::newRow("1") << QJsonValue(1) << false;
-    QTest::newRow("null") << QJsonValue(QJsonValue::Null) << false;
-    QTest::newRow("object") << QJsonValue(QJsonObject()) << false;
-}
-
-void tst_Ssl::tlsDebug()
-{
-    QFETCH(QJsonValue, value);
-    QFETCH(bool, on);
-
-    QSslConfiguration config;
-    QVERIFY(ssl::readSslConfig({{u"tlsDebug"_s, value}}, config));
-    QStringList expected{ReadingLine};
-    if (on)
-        expected.append(u"D: SSL: Enable Handshake Debugging"_s);
-    QCOMPARE(takeLog(), expected);
-    QCOMPARE(config.handshakeMustInterruptOnError(), on);
-    QCOMPARE(config.peerVerifyMode(), QSslSocket::VerifyPeer);
-}
-
-// Capitals first.
-void tst_Ssl::linesComeInKeyOrder()
-{
-    const QJsonObject object{{u"verifyPeer"_s, true},    {u"tlsVersion"_s, u"1.2+"_s},
-                             {u"tlsDebug"_s, true},      {u"KeyFile"_s, u"/key"_s},
-                             {u"CertFile"_s, u"/own"_s}, {u"CAFile"_s, u"/ca"_s}};
-    QSslConfiguration config;
-    QVERIFY(!ssl::readSslConfig(object, config));
-    QCOMPARE(takeLog(),
-             QStringList({ReadingLine, u"W: SSL: Failed to open CA Certificate file /ca"_s,
-                          u"W: SSL: Failed to open Certificate file /own"_s,
-                          u"W: SSL: Failed to open key file /key"_s,
-                          u"D: SSL: Enable Handshake Debugging"_s,
-                          u"D: SSL: Setting TLS protocol version '1.2+'"_s}));
-}
-
 QTEST_GUILESS_MAIN(tst_Ssl)
-
 #include "tst_ssl.moc"

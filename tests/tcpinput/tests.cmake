@@ -1,21 +1,36 @@
 # SPDX-FileCopyrightText: the tcpinputplugin2 authors
 # SPDX-License-Identifier: MIT
 
+# TcpClient2
 core_test(tst_tcpclient2)
-core_test(tst_clientreading)
+core_test(tst_clientcutorder)
 core_test(tst_clientcutting)
 core_test(tst_clientending)
+core_test(tst_clientkick)
 core_test(tst_clientmodel)
-core_test(tst_plainclient)
-core_test(tst_tcptask2)
-core_test(tst_taskmodel)
-core_test(tst_taskstopping)
+core_test(tst_clientoffers)
+core_test(tst_clientreading)
+core_test(tst_clienttimeout)
 core_test(tst_connectionends)
+core_test(tst_plainclient)
+
+# TcpTask2
+core_test(tst_tcptask2)
+core_test(tst_taskclients)
+core_test(tst_taskdestruction)
+core_test(tst_taskequalids)
+core_test(tst_taskmodel)
+core_test(tst_taskoffers)
+core_test(tst_taskstopping)
+core_test(tst_taskthreads)
+
+# TcpInputPlugin2
 core_test(tst_configurationkeys)
 target_compile_definitions(tst_configurationkeys PRIVATE SOURCE_DIR="${PROJECT_SOURCE_DIR}")
-foreach(name IN ITEMS tst_configuration tst_nestedloops)
+foreach(name IN ITEMS
+        tst_configuration tst_configurationtls tst_nestedloops tst_plugindiscard tst_pluginrotation
+        tst_pluginshortage tst_pluginstatus tst_pluginstopping tst_pluginthreads tst_plugintls)
     core_test(${name})
     test_uses_certificates(${name})
+    target_link_libraries(${name} PRIVATE OpenSSL::SSL) # for TLS devices, and OpenSSL's errors
 endforeach()
-tls_test(core tst_tcpinputplugin2)
-target_link_libraries(tst_nestedloops PRIVATE OpenSSL::SSL) # for what it calls its errors

@@ -3,58 +3,17 @@
 
 #include "tests/kit/hangguard.h"
 #include "tests/kit/movableclock.h"
+#include "tests/tcpinput/clienttest.h"
 #include "tests/tcpinput/connectedclient.h"
+#include "tests/tcpinput/endingtest.h"
 
 #include <QtCore/QCoreApplication>
-#include <QtCore/QElapsedTimer>
 #include <QtTest/QTest>
 
+using namespace clienttest;
+using namespace endingtest;
+
 namespace {
-
-QByteArray bytes(int size)
-{
-    return QByteArray(size, 'x');
-}
-
-QString timeoutLine()
-{
-    return QStringLiteral("D: TcpClient: timeout");
-}
-
-QString closingLine(const QString &id, qint64 received, qint64 reads)
-{
-    return QStringLiteral("D: TcpClient: closing connection %1 (received %2 bytes, %3 msgs)")
-            .arg(id)
-            .arg(received)
-            .arg(reads);
-}
-
-// The lines of a client's end, from the last offer on, if it makes one.
-QStringList endOf(const QString &id, int lastOffer, qint64 received, qint64 reads)
-{
-    QStringList lines;
-    if (lastOffer > 0)
-        lines += QStringLiteral("offer of %1 bytes by %2").arg(lastOffer).arg(id);
-    lines += closingLine(id, received, reads);
-    lines += QStringLiteral("disconnected ") + id;
-    return lines;
-}
-
-QStringList firstRead(const ConnectedClient &connection, const QString &given)
-{
-    return {QStringLiteral("D: TCP READ: %1:%2 (%3:%4)")
-                    .arg(ConnectedClient::localAddress())
-                    .arg(connection.localPort)
-                    .arg(ConnectedClient::peerAddress())
-                    .arg(connection.peerPort),
-            QStringLiteral("idChanged %1 to %2").arg(given, connection.derivedId())};
-}
-
-// Coarse timers may be 5 % early, and both ends of the time are rounded.
-int atLeast(int timeoutMs)
-{
-    return timeoutMs * 95 / 100 - 2;
-}
 
 void deleteLaterNow()
 {
@@ -63,21 +22,14 @@ void deleteLaterNow()
 
 } // namespace
 
-// The ways in which a client ends, and what it still answers to afterwards.
-class tst_ClientEnding : public QObject
+// The other ways in which a client ends, and what it still answers to afterwards.
+class tst_ClientEnding : public ClientTest
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-    void cleanup();
-
-    void silentPeer();
-    void timeoutIsQueued();
-    void deliveriesKeepItOpen();
-    void timeoutReadsWhatArrivedUnseen_data();
-    void timeoutReadsWhatArrivedUnseen();
-    void timeoutOfAClientThatHasEnded();
+    void init() { begin(); }
+    void cleanup() { end(); }
 
     void peerCloses_data();
     void peerCloses();
@@ -99,127 +51,7 @@ private Q_SLOTS:
     void destructorWithAnOpenSocket();
     void destructorWithASocketThatHasAParent();
     void destructorAfterTheEnd();
-
-private:
-    std::unique_ptr<EventLog> log;
-    std::unique_ptr<MovableClock> clock;
 };
-
-void tst_ClientEnding::init()
-{
-    log = std::make_unique<EventLog>();
-    clock = std::make_unique<MovableClock>();
-}
-
-void tst_ClientEnding::cleanup()
-{
-    clock.reset();
-    log.reset();
-}
-
-void tst_ClientEnding::silentPeer()
-{
-    QElapsedTimer sinceConstruction;
-    sinceConstruction.start();
-    const QString id = QStringLiteral("given");
-    ConnectedClient connection(id, 50);
-    EventLog::take();
-    bool gone = false;
-    connect(connection.client.get(), &TcpClient2::disconnected, this, [&] { gone = true; });
-
-    QTRY_VERIFY_WITH_TIMEOUT(gone, HangGuardMs);
-
-    QVERIFY(sinceConstruction.elapsed() >= atLeast(50));
-    QCOMPARE(EventLog::take(), QStringList(timeoutLine()) + endOf(id, 0, 0, 0));
-    QVERIFY(connection.device.ends());
-    QVERIFY(connection.noLockHeld);
-
-    QVERIFY(!connection.client->idleTimer().isActive());
-    QCoreApplication::processEvents();
-    QCOMPARE(EventLog::take(), QStringList());
-}
-
-void tst_ClientEnding::timeoutIsQueued()
-{
-    ConnectedClient connection;
-    EventLog::take();
-
-    takeIdleRestart(*connection.client);
-    QVERIFY(QMetaObject::invokeMethod(&connection.client->idleTimer(), "timeout"));
-    QCOMPARE(EventLog::take(), QStringList());
-
-    QCoreApplication::sendPostedEvents();
-    QCOMPARE(EventLog::take(),
-             QStringList(timeoutLine()) + endOf(QStringLiteral("given"), 0, 0, 0));
-}
-
-// The idle time counts from the last offer: whatever the machine's load, it is not over earlier.
-// Its end makes an offer, too.
-void tst_ClientEnding::deliveriesKeepItOpen()
-{
-    constexpr int TimeoutMs = 500;
-    constexpr int Deliveries = 40;
-    ConnectedClient connection(QStringLiteral("id"), TimeoutMs);
-    QElapsedTimer sinceOffer;
-    qint64 idleMs = -1;
-    bool gone = false;
-    connect(connection.client.get(), &TcpClient2::readyRead, this, [&] {
-        if (sinceOffer.isValid())
-            idleMs = sinceOffer.elapsed();
-        sinceOffer.start();
-    });
-    connect(connection.client.get(), &TcpClient2::disconnected, this, [&] { gone = true; });
-    QTimer device;
-    int sent = 0;
-    connect(&device, &QTimer::timeout, this, [&] {
-        MovableClock::advance(201);
-        if (++sent <= Deliveries)
-            connection.device.send("x");
-    });
-    device.start(50);
-    QVERIFY(connection.deliver("x"));
-
-    QTRY_VERIFY_WITH_TIMEOUT(gone, HangGuardMs);
-
-    QVERIFY(sent > Deliveries);
-    QVERIFY2(idleMs >= atLeast(TimeoutMs), QByteArray::number(idleMs));
-}
-
-void tst_ClientEnding::timeoutReadsWhatArrivedUnseen_data()
-{
-    QTest::addColumn<bool>("peerCloses");
-    QTest::newRow("open") << false;
-    QTest::newRow("closed") << true;
-}
-
-void tst_ClientEnding::timeoutReadsWhatArrivedUnseen()
-{
-    QFETCH(bool, peerCloses);
-    ConnectedClient connection;
-    EventLog::take();
-    QVERIFY(connection.sendUnseen("abc"));
-    if (peerCloses) {
-        connection.device.close();
-        QVERIFY(connection.peerEndArrived());
-    }
-
-    QVERIFY(QMetaObject::invokeMethod(connection.client.get(), "timeout"));
-
-    QCOMPARE(EventLog::take(),
-             QStringList(timeoutLine()) + firstRead(connection, QStringLiteral("given"))
-                     + endOf(connection.derivedId(), 3, 3, 1));
-    QCOMPARE(connection.takeOffers(), QList<QByteArray>({"abc"}));
-}
-
-void tst_ClientEnding::timeoutOfAClientThatHasEnded()
-{
-    ConnectedClient connection;
-    connection.client->mdisconnected();
-    EventLog::take();
-
-    QVERIFY(QMetaObject::invokeMethod(connection.client.get(), "timeout"));
-    QCOMPARE(EventLog::take(), QStringList(timeoutLine()));
-}
 
 void tst_ClientEnding::peerCloses_data()
 {

@@ -7,81 +7,24 @@
 #include "tests/kit/nativesocket.h"
 #include "tests/kit/privatenetwork.h"
 #include "tests/kit/testaddress.h"
+#include "tests/tcpinput/configurationtest.h"
 
 #include <QtCore/QJsonArray>
 #include <QtNetwork/QNetworkInterface>
-#include <QtNetwork/QSslCertificate>
-#include <QtNetwork/QSslConfiguration>
-#include <QtNetwork/QTcpSocket>
 #include <QtTest/QTest>
 
-#include <optional>
-
 using namespace Qt::StringLiterals;
+using namespace configurationtest;
 
 namespace {
 
 constexpr int DefaultPort = 7446;
 
-const QString FirstStatus = u"Listen: :0, timeout: 60s, pool size: 4\r\n"_s;
-const QString AbortLine = u"W: TcpInputPlugin2(cfg): Failed to setup certificates, aborting"_s;
-const QString ReadingLine = u"D: SSL: Reading SSL config"_s;
-
-// The lines of a start() with plain TCP, or with TLS.
-QStringList startLines(const QString &address, int port, const QString &kind = u"TCP"_s)
-{
-    const QString number = QString::number(port);
-    return {u"D: TcpInputPlugin2(cfg): Listening on "_s + address + u':' + number,
-            u"I: TcpInputPlugin2(cfg): Starting "_s + kind + u" server on port "_s + number};
-}
-
-QStringList tlsStartLines(const QString &address, int port)
-{
-    return QStringList{ReadingLine} + startLines(address, port, u"SSL"_s);
-}
-
-QString statusLine(const QString &address, int port, int seconds = 60, int poolSize = 4)
-{
-    return u"Listen: %1:%2, timeout: %3s, pool size: %4\r\n"_s.arg(address)
-            .arg(port)
-            .arg(seconds)
-            .arg(poolSize);
-}
-
-//! A plugin that says what start() has done.
-class Plugin : public TcpInputPlugin2
-{
-public:
-    explicit Plugin(const QJsonObject &object) : TcpInputPlugin2(nullptr, object)
-    {
-        pluginId = u"cfg"_s;
-    }
-
-    QStringList startLog(bool expected = true)
-    {
-        takeLog();
-        const bool started = start();
-        QStringList lines = takeLog();
-        if (started != expected)
-            lines.append(started ? u"start() returned true"_s : u"start() returned false"_s);
-        return lines;
-    }
-
-    TcpServer &plainServer() { return *findChild<TcpServer *>(); }
-    SslServer &tlsServer() { return *findChild<SslServer *>(); }
-};
-
-QJsonObject with(QJsonObject object, const QString &key, const QJsonValue &value)
-{
-    object.insert(key, value);
-    return object;
-}
-
 } // namespace
 
-// Most of it can be read off the lines that start() logs. Where other programs could hold the same
-// port, the listening itself is looked at only in a network of this test's own.
-class tst_Configuration : public QObject
+// What each key does. Where other programs could hold the same port, the listening itself is looked
+// at only in a network of this test's own.
+class tst_Configuration : public ConfigurationTest
 {
     Q_OBJECT
 
@@ -89,8 +32,8 @@ public:
     explicit tst_Configuration(bool networkIsPrivate) : isolated(networkIsPrivate) {}
 
 private Q_SLOTS:
-    void init();
-    void cleanup();
+    void init() { begin(); }
+    void cleanup() { end(); }
 
     void construction();
     void nothingIsReadAtConstruction();
@@ -122,35 +65,9 @@ private Q_SLOTS:
     void addressNotAvailable();
     void listeningTwice();
 
-    void tls();
-    void tlsStaysWithoutItsKey();
-    void tlsValueIsNoObject_data();
-    void tlsValueIsNoObject();
-    void tlsRejected();
-    void tlsRejectedWhileListeningPlain();
-    void tlsIsReadBetweenPortAndPoolSize();
-
 private:
-    QJsonObject own() const { return {{u"ipAddr"_s, address.toString()}}; }
-    QJsonObject ownWithPort() const { return with(own(), u"port"_s, freePort(address)); }
-
     const bool isolated;
-    const QHostAddress address = testAddress();
-    std::optional<MessageCapture> capture;
 };
-
-void tst_Configuration::init()
-{
-    capture.emplace();
-}
-
-// Each test takes the lines that it expects.
-void tst_Configuration::cleanup()
-{
-    const QStringList rest = takeLog();
-    capture.reset();
-    QCOMPARE(rest, QStringList());
-}
 
 void tst_Configuration::construction()
 {
@@ -543,136 +460,6 @@ void tst_Configuration::listeningTwice()
     QCOMPARE(plugin.getStatus(), statusLine(address.toString(), port)); // the first one goes on
 }
 
-void tst_Configuration::tls()
-{
-    const QJsonObject object = ownWithPort();
-    const int port = object.value(u"port"_s).toInt();
-    Plugin plugin(with(object, u"ssl"_s, serverTls()));
-    QCOMPARE(plugin.startLog(), tlsStartLines(address.toString(), port));
-    QCOMPARE(plugin.getStatus(), statusLine(address.toString(), port));
-    QVERIFY(plugin.tlsServer().isListening());
-    QVERIFY(!plugin.plainServer().isListening());
-
-    const auto certificates = QSslCertificate::fromPath(certificateFile(u"server.pem"_s));
-    QCOMPARE(certificates.size(), 1);
-    QCOMPARE(plugin.tlsServer().sslConfiguration().localCertificate(), certificates.first());
-    QCOMPARE(plugin.tlsServer().sslConfiguration().peerVerifyMode(), QSslSocket::VerifyNone);
-
-    QVERIFY(plugin.stop());
-    QVERIFY(!plugin.tlsServer().isListening());
-    QCOMPARE(takeLog(), QStringList{u"D: TcpInputPlugin2(cfg): stop()"_s});
-}
-
-void tst_Configuration::tlsStaysWithoutItsKey()
-{
-    const QJsonObject object = ownWithPort();
-    const int port = object.value(u"port"_s).toInt();
-    Plugin plugin(with(object, u"ssl"_s, serverTls()));
-    QCOMPARE(plugin.startLog(), tlsStartLines(address.toString(), port));
-    QVERIFY(plugin.stop());
-
-    plugin.setConfig(object);
-    QCOMPARE(plugin.startLog(), startLines(address.toString(), port, u"SSL"_s));
-    QVERIFY(plugin.tlsServer().isListening());
-    QVERIFY(!plugin.plainServer().isListening());
-    // The configuration of before, too.
-    QVERIFY(!plugin.tlsServer().sslConfiguration().localCertificate().isNull());
-}
-
-void tst_Configuration::tlsValueIsNoObject_data()
-{
-    QTest::addColumn<QJsonValue>("value");
-
-    QTest::newRow("empty object") << QJsonValue(QJsonObject());
-    QTest::newRow("false") << QJsonValue(false);
-    QTest::newRow("true") << QJsonValue(true);
-    QTest::newRow("null") << QJsonValue(QJsonValue::Null);
-    QTest::newRow("number") << QJsonValue(1);
-    QTest::newRow("text") << QJsonValue(u"CAFile"_s);
-    QTest::newRow("array") << QJsonValue(QJsonArray{serverTls()});
-}
-
-// Its presence counts.
-void tst_Configuration::tlsValueIsNoObject()
-{
-    QFETCH(QJsonValue, value);
-
-    const QJsonObject object = ownWithPort();
-    const int port = object.value(u"port"_s).toInt();
-    Plugin plugin(with(object, u"ssl"_s, value));
-    QCOMPARE(plugin.startLog(), tlsStartLines(address.toString(), port));
-    QCOMPARE(plugin.getStatus(), statusLine(address.toString(), port));
-
-    const auto config = plugin.tlsServer().sslConfiguration();
-    QCOMPARE(config.peerVerifyMode(), QSslSocket::VerifyPeer);
-    QVERIFY(config.localCertificate().isNull());
-}
-
-void tst_Configuration::tlsRejected()
-{
-    const QJsonObject object = ownWithPort();
-    const int port = object.value(u"port"_s).toInt();
-    Plugin plugin(with(object, u"ssl"_s, QJsonObject{{u"CertFile"_s, u"/nowhere"_s}}));
-    const QStringList rejected{ReadingLine, u"W: SSL: Failed to open Certificate file /nowhere"_s,
-                               AbortLine};
-    QCOMPARE(plugin.startLog(false), rejected);
-    QCOMPARE(plugin.getStatus(), FirstStatus);
-    QVERIFY(!plugin.tlsServer().isListening());
-    QVERIFY(!plugin.plainServer().isListening());
-
-    // Nothing is left of the rejected configuration, but TLS is.
-    QVERIFY(!plugin.tlsServer().sslConfiguration().handshakeMustInterruptOnError());
-    plugin.setConfig(object);
-    QCOMPARE(plugin.startLog(), startLines(address.toString(), port, u"SSL"_s));
-    QVERIFY(plugin.tlsServer().isListening());
-    QVERIFY(!plugin.plainServer().isListening());
-}
-
-// From then on the TLS server, which is idle, is the one that everything looks at.
-void tst_Configuration::tlsRejectedWhileListeningPlain()
-{
-    const QJsonObject object = ownWithPort();
-    Plugin plugin(object);
-    QVERIFY(plugin.start());
-    plugin.setConfig(with(object, u"ssl"_s, QJsonObject{{u"KeyFile"_s, u"/nowhere"_s}}));
-    QVERIFY(!plugin.start());
-    QCOMPARE(plugin.getStatus(), FirstStatus);
-
-    takeLog();
-    QTcpSocket device;
-    device.connectToHost(address, plugin.plainServer().serverPort());
-    QTRY_VERIFY(plugin.plainServer().hasPendingConnections());
-    plugin.handleConnection();
-    QCOMPARE(takeLog(), QStringList());
-
-    QVERIFY(plugin.stop());
-    QVERIFY(plugin.plainServer().isListening());
-    takeLog();
-}
-
-void tst_Configuration::tlsIsReadBetweenPortAndPoolSize()
-{
-    QJsonObject object = ownWithPort();
-    object.insert(u"timeout"_s, 90);
-    object.insert(u"threadpoolSize"_s, 2);
-    const QJsonObject bad{{u"CAFile"_s, u"/nowhere"_s}};
-
-    Plugin fresh(with(object, u"ssl"_s, bad));
-    QVERIFY(!fresh.start());
-    QCOMPARE(fresh.getStatus(), FirstStatus);
-
-    Plugin started(with(object, u"ssl"_s, serverTls()));
-    QVERIFY(started.start());
-    const int port = started.tlsServer().serverPort();
-    object.insert(u"timeout"_s, 30);
-    object.insert(u"threadpoolSize"_s, 3);
-    started.setConfig(with(object, u"ssl"_s, bad));
-    QVERIFY(!started.start());
-    // It goes on listening as it did.
-    QCOMPARE(started.getStatus(), statusLine(address.toString(), port, 90, 2));
-    takeLog();
-}
-
 int main(int argc, char *argv[])
 {
     const bool isolated = PrivateNetwork::enter();
@@ -680,5 +467,4 @@ int main(int argc, char *argv[])
     tst_Configuration test(isolated);
     return QTest::qExec(&test, argc, argv);
 }
-
 #include "tst_configuration.moc"

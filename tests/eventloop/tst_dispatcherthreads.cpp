@@ -1,0 +1,185 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "dispatchercontract.h"
+#include "dispatchertest.h"
+#include "tests/kit/hangguard.h"
+
+#include <QtNetwork/QTcpServer>
+#include <QtNetwork/QTcpSocket>
+
+#include <atomic>
+#include <vector>
+
+using namespace dispatchertest;
+
+// Objects that change their thread, sockets of Qt's, and the end of a thread.
+class tst_DispatcherThreads : public DispatcherContract
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase_data() { addRows(); }
+    void initTestCase() { prepare(); }
+    void init() { begin(); }
+
+    void timerMovesToThread();
+    void socketMovesToThread();
+    void echo();
+    void threadEndsWithAllRunning();
+};
+
+void tst_DispatcherThreads::timerMovesToThread()
+{
+    QThread other; // Qt's own
+    other.start();
+    inThread([&] {
+        QThread *const home = QThread::currentThread();
+        QTimer timer;
+        std::atomic<int> beatsElsewhere{0};
+        int beatsAtHome = 0;
+        connect(
+                &timer, &QTimer::timeout, &timer,
+                [&] {
+                    if (QThread::currentThread() == home) {
+                        ++beatsAtHome;
+                    } else if (++beatsElsewhere == 3) {
+                        timer.moveToThread(home);
+                    }
+                },
+                Qt::DirectConnection);
+        timer.start(1);
+        QVERIFY(turnUntil([&] { return beatsAtHome == 3; }));
+        timer.moveToThread(&other);
+        QVERIFY(dispatcher()->registeredTimers(&timer).isEmpty());
+        QVERIFY(turnUntil([&] { return beatsAtHome == 6; }));
+        QCOMPARE(beatsElsewhere.load(), 3);
+        QCOMPARE(timer.thread(), home);
+        QCOMPARE(dispatcher()->registeredTimers(&timer).size(), 1);
+        // The timer is still at work in the other thread when its slot returns there.
+        QMetaObject::invokeMethod(
+                QAbstractEventDispatcher::instance(&other), [] {}, Qt::BlockingQueuedConnection);
+    });
+    other.quit();
+    QVERIFY(other.wait(HangGuardMs));
+}
+
+void tst_DispatcherThreads::socketMovesToThread()
+{
+    QThread other; // Qt's own
+    other.start();
+    inThread([&] {
+        QThread *const home = QThread::currentThread();
+        QTcpServer server;
+        QVERIFY(server.listen(QHostAddress::LocalHost));
+        QTcpSocket device;
+        device.connectToHost(server.serverAddress(), server.serverPort());
+        QVERIFY(turnUntil([&] { return server.hasPendingConnections(); }));
+        std::unique_ptr<QTcpSocket> socket(server.nextPendingConnection());
+        socket->setParent(nullptr);
+
+        // Answers each byte, every other time from the other thread.
+        int moves = 0;
+        connect(
+                socket.get(), &QTcpSocket::readyRead, socket.get(),
+                [&] {
+                    ++moves;
+                    socket->write(socket->readAll());
+                    // Not here: the socket is still at work when its signal returns.
+                    QMetaObject::invokeMethod(
+                            socket.get(),
+                            [&] { socket->moveToThread(socket->thread() == home ? &other : home); },
+                            Qt::QueuedConnection);
+                },
+                Qt::DirectConnection);
+        constexpr int Messages = 20;
+        QByteArray answers;
+        for (int i = 1; i <= Messages; ++i) {
+            device.write("x");
+            QVERIFY(turnUntil([&] {
+                answers += device.readAll();
+                return answers.size() == i;
+            }));
+        }
+        // An even number of moves, the last one under way.
+        QVERIFY(turnUntil([&] { return socket->thread() == home; }));
+        QCOMPARE(moves, Messages);
+        settle();
+    });
+    other.quit();
+    QVERIFY(other.wait(HangGuardMs));
+}
+
+void tst_DispatcherThreads::echo()
+{
+    inThread([] {
+        constexpr int Connections = 1000;
+        constexpr int Rounds = 3;
+        QTcpServer server;
+        server.setListenBacklogSize(Connections);
+        server.setMaxPendingConnections(Connections);
+        connect(&server, &QTcpServer::newConnection, &server, [&] {
+            while (QTcpSocket *socket = server.nextPendingConnection()) {
+                connect(socket, &QTcpSocket::readyRead, socket,
+                        [socket] { socket->write(socket->readAll()); });
+                connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+            }
+        });
+        QVERIFY(server.listen(QHostAddress::LocalHost));
+
+        QEventLoop loop;
+        QTimer::singleShot(HangGuardMs, &loop, [&] { loop.exit(1); });
+        int open = Connections;
+        std::vector<std::unique_ptr<QTcpSocket>> devices;
+        for (int i = 0; i < Connections; ++i) {
+            devices.push_back(std::make_unique<QTcpSocket>());
+            QTcpSocket *device = devices.back().get();
+            const QByteArray message = "message " + QByteArray::number(i) + '\n';
+            connect(device, &QTcpSocket::connected, device,
+                    [device, message] { device->write(message); });
+            connect(device, &QTcpSocket::readyRead, device,
+                    [device, message, rounds = 0]() mutable {
+                        if (device->bytesAvailable() < message.size())
+                            return;
+                        QCOMPARE(device->readAll(), message);
+                        if (++rounds < Rounds)
+                            device->write(message);
+                        else
+                            device->disconnectFromHost();
+                    });
+            connect(device, &QTcpSocket::disconnected, device, [&] {
+                if (--open == 0)
+                    loop.quit();
+            });
+            device->connectToHost(server.serverAddress(), server.serverPort());
+        }
+        QCOMPARE(loop.exec(), 0);
+        QCOMPARE(open, 0);
+        QVERIFY(turnUntil([&] { return server.findChildren<QTcpSocket *>().isEmpty(); }));
+    });
+}
+
+void tst_DispatcherThreads::threadEndsWithAllRunning()
+{
+    const SocketPair pair;
+    const int before = openDescriptors();
+    std::unique_ptr<QSocketNotifier> notifier;
+    std::unique_ptr<TimerObject> object;
+    inThread([&] {
+        notifier = std::make_unique<QSocketNotifier>(pair.a, QSocketNotifier::Read);
+        object = std::make_unique<TimerObject>();
+        object->beat = [](int) {};
+        object->startTimer(0);
+        object->startTimer(1000);
+        pair.send();
+        turn();
+        pair.send();
+    });
+    QCOMPARE(openDescriptors(), before);
+    notifier.reset(); // now there is no dispatcher they could turn to
+    QTest::ignoreMessage(QtWarningMsg, expression("Timers cannot be stopped from another thread"));
+    object.reset();
+}
+
+QTEST_GUILESS_MAIN(tst_DispatcherThreads)
+#include "tst_dispatcherthreads.moc"

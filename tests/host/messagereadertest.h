@@ -1,0 +1,83 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "host/messagereader.h"
+
+#include <QtTest/QtTest>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace messagereadertest {
+
+using namespace host;
+
+inline shared_parsedData offer(const QByteArray &bytes, const QString &client = QStringLiteral("c"),
+                               int task = 0)
+{
+    shared_parsedData record(new ParsedData);
+    record->setPluginId(QStringLiteral("tcp"));
+    record->setPeerAddress(QStringLiteral("127.0.0.2"));
+    record->setPeerPort(40001);
+    record->setSource(QStringLiteral("TCP:") + client);
+    record->setOriginalMessage(bytes);
+    record->addPluginSubId(QStringLiteral("client"), client);
+    record->addPluginSubId(QStringLiteral("task"), QString::number(task));
+    return record;
+}
+
+// A reader that writes into a pipe.
+class MessageReaderTest : public QObject
+{
+protected:
+    void begin();
+    void end();
+
+    void make(const FrameFormat &format, OutputFormat outputFormat = OutputFormat::Raw);
+    QByteArray written() const; // since the last call
+    QList<int> discards() const { return discarded; }
+
+    int pipeEnds[2] = {-1, -1};
+    std::unique_ptr<Counters> counters;
+    std::unique_ptr<Output> output;
+    std::unique_ptr<MessageReader> reader;
+    QList<int> discarded;
+};
+
+inline void MessageReaderTest::begin()
+{
+    QCOMPARE(::pipe2(pipeEnds, O_NONBLOCK | O_CLOEXEC), 0);
+    make({});
+}
+
+inline void MessageReaderTest::end()
+{
+    reader.reset();
+    ::close(pipeEnds[0]);
+    ::close(pipeEnds[1]);
+}
+
+inline void MessageReaderTest::make(const FrameFormat &format, OutputFormat outputFormat)
+{
+    reader.reset();
+    discarded.clear();
+    counters = std::make_unique<Counters>();
+    output = std::make_unique<Output>(outputFormat, format.framing, pipeEnds[1]);
+    reader = std::make_unique<MessageReader>(format, *output, *counters);
+    connect(reader.get(), &MessageReader::answered, this,
+            [this](int bytes, const QMap<QString, QString> &) { discarded += bytes; });
+}
+
+inline QByteArray MessageReaderTest::written() const
+{
+    output->flush();
+    QByteArray result;
+    char buffer[4096];
+    for (ssize_t size = 0; (size = ::read(pipeEnds[0], buffer, sizeof buffer)) > 0;)
+        result.append(buffer, size);
+    return result;
+}
+
+} // namespace messagereadertest

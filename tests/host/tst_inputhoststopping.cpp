@@ -1,0 +1,197 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "host/exitcodes.h"
+#include "tests/host/inputhosttest.h"
+#include "tests/kit/hangguard.h"
+
+#include <QtTest/QtTest>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+using namespace host;
+using namespace inputhosttest;
+
+namespace {
+
+QByteArray cannotWrite(int error)
+{
+    return QByteArray("Cannot write to standard output: ") + std::strerror(error);
+}
+
+} // namespace
+
+// Its end: by a signal, or since nobody takes what it prints.
+class tst_InputHostStopping : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void stopPrintsWhatIsStillComing_data();
+    void stopPrintsWhatIsStillComing();
+    void stopWithManyDevices();
+    void partialAtStop();
+    void partialOfAClosedConnection();
+    void secondSignalEndsABlockedProgram();
+
+    void closedPipe();
+    void closedOutput();
+    void fullOutput();
+};
+
+void tst_InputHostStopping::stopPrintsWhatIsStillComing_data()
+{
+    QTest::addColumn<int>("signal");
+    QTest::newRow("SIGINT") << SIGINT;
+    QTest::newRow("SIGTERM") << SIGTERM;
+}
+
+void tst_InputHostStopping::stopPrintsWhatIsStillComing()
+{
+    QFETCH(int, signal);
+    Host host;
+    host.start();
+    Device device(host);
+    device.send("a\n");
+    QTRY_COMPARE_WITH_TIMEOUT(host.lines().size(), 1, HangGuardMs);
+    // As a rule too early to be offered before the stop.
+    device.send("b\n");
+    QCOMPARE(host.stop(signal), int(ExitOk));
+    QCOMPARE(host.texts(), QStringList({QStringLiteral("a"), QStringLiteral("b")}));
+    QVERIFY2(host.log().contains("\nmessages 2 bytes 2 connections 1 "), host.log().constData());
+}
+
+// Each of them has sent something that was not offered yet.
+void tst_InputHostStopping::stopWithManyDevices()
+{
+    constexpr int devices = 300;
+    Host host;
+    host.start();
+    std::vector<std::unique_ptr<Device>> all;
+    QStringList expected;
+    for (int n = 0; n < devices; ++n) {
+        all.push_back(std::make_unique<Device>(host));
+        all.back()->send("a\n");
+        expected += QStringLiteral("a");
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(host.lines().size(), devices, HangGuardMs);
+    for (int n = 0; n < devices; ++n) {
+        const QByteArray text = QByteArray::number(n);
+        all.at(static_cast<size_t>(n))->send(text + '\n');
+        expected += QString::fromLatin1(text);
+    }
+    QCOMPARE(host.stop(), int(ExitOk));
+    QStringList texts = host.texts();
+    texts.sort();
+    expected.sort();
+    QCOMPARE(texts, expected);
+}
+
+void tst_InputHostStopping::partialAtStop()
+{
+    Host host;
+    host.start();
+    Device device(host);
+    device.send("a\nhalf");
+    QTRY_COMPARE_WITH_TIMEOUT(host.lines().size(), 1, HangGuardMs);
+    QCOMPARE(host.stop(), int(ExitOk));
+    QCOMPARE(host.texts(), QStringList({QStringLiteral("a"), QStringLiteral("half")}));
+    QVERIFY(!host.record(0).contains(QStringLiteral("partial")));
+    QCOMPARE(host.record(1).value(QStringLiteral("partial")), QJsonValue(true));
+    QCOMPARE(host.record(1).value(QStringLiteral("bytes")), QJsonValue(4));
+}
+
+void tst_InputHostStopping::partialOfAClosedConnection()
+{
+    Host host;
+    host.start(words("--set timeout=1"));
+    {
+        Device device(host);
+        device.send("half");
+        device.close();
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(host.lines().size(), 1, HangGuardMs);
+    QCOMPARE(host.record(0).value(QStringLiteral("text")).toString(), QStringLiteral("half"));
+    QCOMPARE(host.record(0).value(QStringLiteral("partial")), QJsonValue(true));
+    QCOMPARE(host.stop(), int(ExitOk));
+    QCOMPARE(host.lines().size(), 1);
+}
+
+// Nobody reads what it writes, so it cannot stop as it should.
+void tst_InputHostStopping::secondSignalEndsABlockedProgram()
+{
+    int ends[2] = {-1, -1};
+    QCOMPARE(::pipe2(ends, O_CLOEXEC), 0);
+    const auto closing = qScopeGuard([&ends] {
+        ::close(ends[0]);
+        ::close(ends[1]);
+    });
+    const int capacity = ::fcntl(ends[1], F_SETPIPE_SZ, 4096);
+    QVERIFY(capacity > 0);
+
+    Host host;
+    host.process.setChildProcessModifier([&ends] { ::dup2(ends[1], STDOUT_FILENO); });
+    host.start(words("--output raw --framing none"));
+    Device device(host);
+    device.send(QByteArray(2 * capacity, 'x'));
+    const auto isFull = [&ends] {
+        pollfd request = {ends[1], POLLOUT, 0};
+        return ::poll(&request, 1, 0) == 0;
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(isFull(), HangGuardMs);
+    // Signals of one kind merge while one waits, so send until it works.
+    const auto isGone = [&host] {
+        host.signal(SIGTERM);
+        return !host.isRunning();
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(isGone(), HangGuardMs);
+    QCOMPARE(host.finish(), -1);
+}
+
+void tst_InputHostStopping::closedPipe()
+{
+    int ends[2] = {-1, -1};
+    QCOMPARE(::pipe2(ends, O_CLOEXEC), 0);
+    Host host;
+    host.process.setChildProcessModifier([&ends] { ::dup2(ends[1], STDOUT_FILENO); });
+    host.start();
+    ::close(ends[0]);
+    ::close(ends[1]);
+    Device device(host);
+    device.send("a\n");
+    QCOMPARE(host.finish(), int(ExitOutputFailed));
+    QVERIFY2(host.log().contains("error: "), host.log().constData());
+    QVERIFY2(host.log().contains(cannotWrite(EPIPE)), host.log().constData());
+}
+
+// Its number must not come to stand for a socket.
+void tst_InputHostStopping::closedOutput()
+{
+    Host host;
+    host.process.setChildProcessModifier([] { ::close(STDOUT_FILENO); });
+    host.start();
+    Device device(host);
+    device.send("a\n");
+    QCOMPARE(host.finish(), int(ExitOutputFailed));
+    QVERIFY2(host.log().contains(cannotWrite(EBADF)), host.log().constData());
+}
+
+void tst_InputHostStopping::fullOutput()
+{
+    Host host;
+    host.process.setStandardOutputFile(QStringLiteral("/dev/full"));
+    host.start(words("--output count"));
+    QCOMPARE(host.stop(), int(ExitOutputFailed));
+    QVERIFY2(host.log().contains(cannotWrite(ENOSPC)), host.log().constData());
+}
+
+QTEST_GUILESS_MAIN(tst_InputHostStopping)
+#include "tst_inputhoststopping.moc"

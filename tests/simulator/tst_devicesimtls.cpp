@@ -1,0 +1,232 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "simulatorreceivers.h"
+#include "tests/kit/hangguard.h"
+#include "tests/kit/testaddress.h"
+#include "tests/simulator/simulatortest.h"
+
+#include <QtTest/QTest>
+
+#include <openssl/x509_vfy.h>
+
+using namespace simulator;
+using namespace simulatortest;
+
+// The simulator over TLS.
+class tst_DeviceSimTls : public SimulatorTest
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase() { prepare(); }
+
+    void tls_data();
+    void tls();
+    void tlsDeliversThenCloses();
+    void tlsReconnects();
+    void tlsRefusals_data();
+    void tlsRefusals();
+    void tlsServerRefusesDevice_data();
+    void tlsServerRefusesDevice();
+    void tlsQtServerRefusesDevice();
+    void tlsClientCertificate();
+    void tlsUnusableFiles();
+    void tlsHandshakeTimesOut();
+};
+
+void tst_DeviceSimTls::tls_data()
+{
+    QTest::addColumn<QByteArray>("commandLine");
+    QTest::addColumn<QSsl::SslProtocol>("protocol");
+    QTest::newRow("1.2") << QByteArray("--tls-version 1.2") << QSsl::TlsV1_2;
+    QTest::newRow("1.3") << QByteArray("--tls-version 1.3") << QSsl::TlsV1_3;
+    QTest::newRow("latest") << QByteArray() << QSsl::TlsV1_3;
+    QTest::newRow("by name") << QByteArray("--server-name receiver.example") << QSsl::TlsV1_3;
+    QTest::newRow("random cuts") << QByteArray("--segments random") << QSsl::TlsV1_3;
+    QTest::newRow("half-close") << QByteArray("--close half-close") << QSsl::TlsV1_3;
+}
+
+void tst_DeviceSimTls::tls()
+{
+    QFETCH(const QByteArray, commandLine);
+    QFETCH(const QSsl::SslProtocol, protocol);
+    TlsReceiver receiver(serverConfiguration());
+    QVERIFY(receiver.listen(testAddress()));
+    Simulator simulator;
+    simulator.start(receiver,
+                    words("--tls --messages 50 --connections 3") + words(commandLine.constData())
+                            + QStringList{text("--ca"), file("ca.pem")});
+    QVERIFY(simulator.waitForEnd());
+    QCOMPARE(simulator.exitCode(), 0);
+    QCOMPARE(receiver.sockets.size(), 3);
+    QCOMPARE(receiver.encrypted, 3);
+    QTRY_COMPARE(receiver.disconnected, 3);
+    for (qsizetype i = 0; i < 3; ++i) {
+        const QByteArray received = receiver.bytes.value(receiver.sockets.at(i));
+        const quint64 device = received.mid(1, 1).toULongLong();
+        QCOMPARE(received, stream(device, 1, 50));
+        QVERIFY(receiver.protocols.at(i) == protocol);
+    }
+    for (int i = 0; i < 3; ++i) {
+        const QByteArray sent = stream(static_cast<quint64>(i) + 1, 1, 50);
+        QCOMPARE(number(simulator.connection(i), "bytes"), sent.size());
+        QCOMPARE(simulator.connection(i).value(text("sha1")).toString().toLatin1(), sha1(sent));
+        QCOMPARE(end(simulator.connection(i)), text("closed"));
+    }
+}
+
+// Session tickets may not make the kernel throw away what is on its way.
+void tst_DeviceSimTls::tlsDeliversThenCloses()
+{
+    TlsReceiver receiver(serverConfiguration());
+    QVERIFY(receiver.listen(testAddress()));
+    Simulator simulator;
+    simulator.start(receiver,
+                    words("--tls --insecure --tls-version 1.3 --messages 20000 --size 200"));
+    QVERIFY(simulator.waitForEnd());
+    QCOMPARE(simulator.exitCode(), 0);
+    QTRY_COMPARE(receiver.disconnected, 1);
+    Options options;
+    options.size = 200;
+    QVERIFY(receiver.bytes.value(receiver.sockets.first()) == stream(1, 1, 20000, options));
+}
+
+void tst_DeviceSimTls::tlsReconnects()
+{
+    TlsReceiver receiver(serverConfiguration());
+    QVERIFY(receiver.listen(testAddress()));
+    Simulator simulator;
+    simulator.start(receiver, words("--tls --insecure --messages 4 --reconnect 1"));
+    QVERIFY(simulator.waitForEnd());
+    QCOMPARE(simulator.exitCode(), 0);
+    QCOMPARE(receiver.sockets.size(), 2);
+    QTRY_COMPARE(receiver.disconnected, 2);
+    QCOMPARE(receiver.bytes.value(receiver.sockets.at(0)), stream(1, 1, 2));
+    QCOMPARE(receiver.bytes.value(receiver.sockets.at(1)), stream(1, 3, 4));
+}
+
+void tst_DeviceSimTls::tlsRefusals_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QString>("error");
+    const QString distrust = text("the server's certificate is not trusted: ");
+    QTest::newRow("other authority") << QStringList{text("--ca"), file("stranger.pem")} << distrust;
+    QTest::newRow("system's authorities") << QStringList() << distrust;
+    const char *const mismatch = X509_verify_cert_error_string(X509_V_ERR_HOSTNAME_MISMATCH);
+    QTest::newRow("other name") << QStringList{text("--ca"), file("ca.pem"), text("--server-name"),
+                                               text("other.example")}
+                                << distrust + text(mismatch);
+}
+
+void tst_DeviceSimTls::tlsRefusals()
+{
+    QFETCH(const QStringList, arguments);
+    QFETCH(const QString, error);
+    TlsReceiver receiver(serverConfiguration());
+    QVERIFY(receiver.listen(testAddress()));
+    Simulator simulator;
+    simulator.start(receiver, words("--tls") + arguments);
+    QVERIFY(simulator.waitForEnd());
+    QCOMPARE(simulator.exitCode(), 1);
+    QCOMPARE(end(simulator.connection()), text("failed"));
+    QCOMPARE(number(simulator.summary(), "opened"), 0);
+    const QString reported = simulator.connection().value(text("error")).toString();
+    QVERIFY2(reported.startsWith(error), qPrintable(reported));
+    QCOMPARE(receiver.encrypted, 0);
+}
+
+void tst_DeviceSimTls::tlsServerRefusesDevice_data()
+{
+    QTest::addColumn<QString>("version");
+    QTest::newRow("TLS 1.2") << text("1.2");
+    QTest::newRow("TLS 1.3, after the device's handshake") << text("1.3");
+}
+
+void tst_DeviceSimTls::tlsServerRefusesDevice()
+{
+    QFETCH(const QString, version);
+    QTcpServer listener;
+    QVERIFY(listener.listen(testAddress()));
+    Simulator simulator;
+    simulator.start(listener, words("--tls --insecure --tls-version") + QStringList(version));
+    QVERIFY(listener.waitForNewConnection(HangGuardMs));
+    const std::unique_ptr<QTcpSocket> accepted(listener.nextPendingConnection());
+    TlsPeer peer(accepted->socketDescriptor(), file("server.pem"), file("server.key"));
+    peer.requireCertificate();
+    QVERIFY(!peer.handshake());
+    accepted->abort();
+
+    QVERIFY(simulator.waitForEnd());
+    QCOMPARE(simulator.exitCode(), 1);
+    QCOMPARE(end(simulator.connection()), text("failed"));
+    QVERIFY(!simulator.connection().value(text("error")).toString().isEmpty());
+}
+
+// Qt's way to refuse is to close, so only a device that has more to say can notice.
+void tst_DeviceSimTls::tlsQtServerRefusesDevice()
+{
+    QSslConfiguration configuration = serverConfiguration();
+    configuration.setPeerVerifyMode(QSslSocket::VerifyPeer);
+    TlsReceiver receiver(configuration);
+    QVERIFY(receiver.listen(testAddress()));
+    Simulator simulator;
+    simulator.start(receiver, words("--tls --insecure --messages 0 --rate 100"));
+    QVERIFY(simulator.waitForEnd());
+    QCOMPARE(simulator.exitCode(), 1);
+    QCOMPARE(end(simulator.connection()), text("failed"));
+    QCOMPARE(receiver.encrypted, 0);
+}
+
+void tst_DeviceSimTls::tlsClientCertificate()
+{
+    QSslConfiguration configuration = serverConfiguration();
+    configuration.setPeerVerifyMode(QSslSocket::VerifyPeer);
+    TlsReceiver receiver(configuration);
+    QVERIFY(receiver.listen(testAddress()));
+    Simulator simulator;
+    simulator.start(receiver,
+                    words("--tls --messages 3")
+                            + QStringList{text("--ca"), file("ca.pem"), text("--cert"),
+                                          file("device.pem"), text("--key"), file("device.key")});
+    QVERIFY(simulator.waitForEnd());
+    QCOMPARE(simulator.exitCode(), 0);
+    QCOMPARE(receiver.peerNames, QStringList(text("device")));
+    QTRY_COMPARE(receiver.disconnected, 1);
+    QCOMPARE(receiver.bytes.value(receiver.sockets.first()), stream(1, 1, 3));
+}
+
+void tst_DeviceSimTls::tlsUnusableFiles()
+{
+    const DeafPort port;
+    const QList<QStringList> commandLines{
+            {text("--ca"), file("none.pem")},
+            {text("--cert"), file("none.pem"), text("--key"), file("device.key")},
+            {text("--cert"), file("device.pem"), text("--key"), file("none.key")},
+            {text("--cert"), file("device.pem"), text("--key"), file("server.key")}, // not its key
+    };
+    for (const QStringList &arguments : commandLines) {
+        Simulator simulator;
+        simulator.start(port.arguments() + words("--tls") + arguments);
+        QVERIFY(simulator.waitForEnd());
+        QCOMPARE(simulator.exitCode(), 2);
+        QCOMPARE(simulator.output, QByteArray());
+        QVERIFY(simulator.errors().startsWith("devicesim: " + certificates.path().toLocal8Bit()));
+    }
+}
+
+void tst_DeviceSimTls::tlsHandshakeTimesOut()
+{
+    Receiver receiver; // says nothing
+    QVERIFY(receiver.listen(testAddress()));
+    Simulator simulator;
+    simulator.start(receiver, words("--tls --connect-timeout-ms 200"));
+    QVERIFY(simulator.waitForEnd());
+    QCOMPARE(simulator.exitCode(), 1);
+    QCOMPARE(simulator.connection().value(text("error")).toString(),
+             text("not connected within 200 ms"));
+    QVERIFY(number(simulator.summary(), "elapsedMs") >= 190);
+}
+
+QTEST_GUILESS_MAIN(tst_DeviceSimTls)
+#include "tst_devicesimtls.moc"

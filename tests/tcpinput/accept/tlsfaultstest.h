@@ -1,0 +1,120 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "tcpinput/accept/tlshandshake.h"
+#include "tcpinput/tcpinputplugin2.h"
+#include "tests/kit/hangguard.h"
+#include "tests/kit/loglines.h"
+#include "tests/kit/play.h"
+#include "tests/kit/processresources.h"
+#include "tests/kit/testaddress.h"
+#include "tests/kit/tlsdevice.h"
+
+#include <QtCore/QJsonObject>
+#include <QtTest/QtTest>
+
+namespace tlsfaultstest {
+
+inline QString text(const char *latin1)
+{
+    return QString::fromLatin1(latin1);
+}
+
+inline const QByteArray HalfHello("\x16\x03\x01\x02\x00\x01", 6);
+
+/*!
+    What peers that fail at TLS do to the plugin, and must not do.
+*/
+class TlsFaultsTest : public QObject
+{
+protected:
+    void begin();
+    void end();
+
+    void start(const QJsonObject &tls = serverTls());
+    SslServer &server() const { return *plugin->findChild<SslServer *>(); }
+    qsizetype handshakes() const { return server().findChildren<TlsHandshake *>().size(); }
+    bool serve(int version, const QByteArray &bytes, const QString &certificate = QString());
+    void keepLog() { log += takeLog(); }
+    qsizetype logged(const QString &line)
+    {
+        keepLog();
+        return log.filter(line).size();
+    }
+    qsizetype socketErrors() { return logged(text("W: TcpInputPlugin2(t): SSL Socket error: ")); }
+    bool waitForRecord(const QByteArray &bytes)
+    {
+        return QTest::qWaitFor([&] { return records.contains(bytes); }, LoadHangGuardMs);
+    }
+
+    quint16 port = 0;
+    std::unique_ptr<TcpInputPlugin2> plugin;
+    double servedMs = 0; // what the last good device took
+    bool discards = true;
+    QList<QByteArray> records;
+    QStringList peers; // of the records
+    std::unique_ptr<MessageCapture> capture;
+    QStringList log;
+};
+
+inline void TlsFaultsTest::begin()
+{
+    port = freePort();
+    capture = std::make_unique<MessageCapture>();
+}
+
+inline void TlsFaultsTest::end()
+{
+    plugin.reset();
+    capture.reset();
+    discards = true;
+    records.clear();
+    peers.clear();
+    log.clear();
+}
+
+inline void TlsFaultsTest::start(const QJsonObject &tls)
+{
+    plugin = std::make_unique<TcpInputPlugin2>(
+            nullptr,
+            QJsonObject{{text("ipAddr"), testAddress().toString()},
+                        {text("port"), port},
+                        {text("ssl"), tls},
+                        {text("threadpoolSize"), 1},
+                        {text("timeout"), 600}});
+    plugin->pluginId = text("t");
+    connect(plugin.get(), &IInputPlugin::receivedData, this,
+            [this, host = plugin.get()](const shared_parsedData &record) {
+                records.append(record->getOriginalMessage());
+                peers.append(record->getPeerAddress());
+                if (discards)
+                    host->discard(static_cast<int>(record->getOriginalMessage().size()),
+                                  record->getPluginSubId());
+            });
+    QVERIFY(plugin->start());
+    QVERIFY(server().isListening());
+}
+
+// A good device from beginning to end.
+inline bool TlsFaultsTest::serve(int version, const QByteArray &bytes, const QString &certificate)
+{
+    bool ended = false;
+    return play([&] {
+               QElapsedTimer clock;
+               clock.start();
+               TlsDevice device(version, certificate);
+               if (!device.connect(testAddress(), port) || !device.handshake())
+                   return;
+               device.write(bytes);
+               device.writeCloseNotify();
+               device.flush();
+               device.socket.finish();
+               ended = device.waitForEnd();
+               servedMs = static_cast<double>(clock.nsecsElapsed()) / 1e6;
+           })
+            && ended && waitForRecord(bytes);
+}
+
+} // namespace tlsfaultstest

@@ -1,0 +1,192 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "tcpinput/tcpclient2.h"
+#include "tcpinput/tcptask2.h"
+#include "tests/kit/eventlog.h"
+#include "tests/kit/preparedserver.h"
+#include "tests/kit/worker.h"
+
+#include <QtCore/QMutex>
+#include <QtCore/QPointer>
+#include <QtCore/QThread>
+#include <QtTest/QTest>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <vector>
+
+namespace stoppingtest {
+
+inline const QHostAddress LocalAddress(QStringLiteral("127.63.0.1"));
+inline const QHostAddress PeerAddress(QStringLiteral("127.63.0.2"));
+
+inline QByteArray bytesOf(int number)
+{
+    return "bytes of device " + QByteArray::number(number);
+}
+
+// Comes back only if nobody is writing to the registry: another thread reads in it.
+inline bool isUnlocked(const TcpTask2 &task)
+{
+    auto result = TcpTask2::DiscardResult::Posted;
+    std::thread([&] {
+        result = task.tryDiscard(0, {{QStringLiteral("client"), QString()}});
+    }).join();
+    return result == TcpTask2::DiscardResult::NoSuchClient;
+}
+
+//! The records of a task, taken in its thread, so that none depends on another thread's events.
+class Records
+{
+public:
+    explicit Records(const TcpTask2 *task)
+    {
+        QObject::connect(
+                task, &TcpTask2::receivedData, task,
+                [this, task](const shared_parsedData &data) {
+                    if (looksForLock)
+                        lockHeld = lockHeld || !isUnlocked(*task);
+                    const QMutexLocker locker(&mutex);
+                    messages.append(data->getOriginalMessage());
+                    subIds.append(data->getPluginSubId());
+                },
+                Qt::DirectConnection);
+    }
+
+    qsizetype size()
+    {
+        const QMutexLocker locker(&mutex);
+        return messages.size();
+    }
+    QList<QByteArray> takeMessages()
+    {
+        const QMutexLocker locker(&mutex);
+        return std::exchange(messages, {});
+    }
+    // A worker that comes to its sockets once more before it stops offers the same twice.
+    QList<QByteArray> takeLast(qsizetype count)
+    {
+        const QList<QByteArray> all = takeMessages();
+        return all.mid(qMax(qsizetype(0), all.size() - count));
+    }
+    QMap<QString, QString> lastSubId()
+    {
+        const QMutexLocker locker(&mutex);
+        return subIds.isEmpty() ? QMap<QString, QString>() : subIds.last();
+    }
+
+    std::atomic<bool> looksForLock = false; // which takes a thread for each record
+    std::atomic<bool> lockHeld = false; // while one was emitted
+
+private:
+    QMutex mutex;
+    QList<QByteArray> messages; // guarded by mutex
+    QList<QMap<QString, QString>> subIds; // guarded by mutex
+};
+
+// A task with clients, in a thread of its own.
+class StoppingTest : public QObject
+{
+protected:
+    void begin();
+    void end();
+
+    void makeTask(QThread *thread);
+    void addClient();
+    void addClients(int count);
+    bool sendToAll();
+    static QList<QByteArray> messagesOf(int count);
+    static void addSeenRows();
+
+    std::unique_ptr<EventLog> log;
+    std::unique_ptr<PreparedTcpServer> server;
+    std::vector<SocketPair> pairs;
+    std::unique_ptr<Worker> worker;
+    QPointer<TcpTask2> task;
+    std::unique_ptr<Records> records;
+};
+
+inline void StoppingTest::begin()
+{
+    log = std::make_unique<EventLog>();
+    server = std::make_unique<PreparedTcpServer>();
+}
+
+inline void StoppingTest::end()
+{
+    if (worker)
+        worker->quitAndWait();
+    worker.reset();
+    delete task;
+    records.reset();
+    pairs.clear();
+    server.reset();
+    log.reset();
+}
+
+// Null: the test's thread.
+inline void StoppingTest::makeTask(QThread *thread)
+{
+    task = new TcpTask2(nullptr);
+    records = std::make_unique<Records>(task);
+    if (!thread)
+        return;
+    task->moveToThread(thread);
+    connect(thread, &QThread::finished, task, &QObject::deleteLater, Qt::DirectConnection);
+}
+
+// In the task's thread.
+inline void StoppingTest::addClient()
+{
+    pairs.push_back(SocketPair::connected(LocalAddress, PeerAddress));
+    server->prepare(pairs.back());
+    Connection conn;
+    conn.setTimeout(600000);
+    conn.setTcpServer(server.get());
+    task->addConnection(conn);
+}
+
+inline void StoppingTest::addClients(int count)
+{
+    for (int i = 0; i < count; ++i)
+        addClient();
+}
+
+// What the devices send stays in the kernel: nothing runs an event loop.
+inline bool StoppingTest::sendToAll()
+{
+    int number = 0;
+    for (const SocketPair &pair : pairs) {
+        if (!pair.device.send(bytesOf(number++)))
+            return false;
+    }
+    number = 0;
+    for (const auto *socket : task->findChildren<QTcpSocket *>()) {
+        if (!NativeSocket::waitForArrival(int(socket->socketDescriptor()),
+                                          int(bytesOf(number++).size())))
+            return false;
+    }
+    return true;
+}
+
+inline QList<QByteArray> StoppingTest::messagesOf(int count)
+{
+    QList<QByteArray> messages;
+    for (int i = 0; i < count; ++i)
+        messages.append(bytesOf(i));
+    return messages;
+}
+
+// Whether the bytes of the last offer have been offered before, or are still in the kernel.
+inline void StoppingTest::addSeenRows()
+{
+    QTest::addColumn<bool>("seen");
+    QTest::newRow("seen") << true;
+    QTest::newRow("unseen") << false;
+}
+
+} // namespace stoppingtest

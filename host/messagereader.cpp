@@ -4,6 +4,7 @@
 #include "host/messagereader.h"
 
 #include "plugin/cwrn.h"
+#include "plugin/subids.h"
 
 #include <QtCore/QTimeZone>
 
@@ -38,14 +39,14 @@ constexpr std::chrono::milliseconds ForgetInterval = 1s;
 
 QString keyOf(const ParsedData &record)
 {
-    return record.getPluginSubIdKey(QStringLiteral("task")) + QLatin1Char('/')
-            + record.getPluginSubIdKey(QStringLiteral("client"));
+    return record.getPluginSubIdKey(subids::task()) + QLatin1Char('/')
+            + record.getPluginSubIdKey(subids::client());
 }
 
 // What is cut then is counted from where the buffer begins, and the answer is another offer.
 QMap<QString, QString> withoutPosition(QMap<QString, QString> subId)
 {
-    subId.remove(QStringLiteral("offset"));
+    subId.remove(subids::offset());
     return subId;
 }
 
@@ -56,8 +57,8 @@ Origin originOf(const ParsedData &record)
             record.getSource(),
             record.getPeerAddress(),
             record.getPeerPort(),
-            record.getPluginSubIdKey(QStringLiteral("client")),
-            record.getPluginSubIdKey(QStringLiteral("task"))};
+            record.getPluginSubIdKey(subids::client()),
+            record.getPluginSubIdKey(subids::task())};
 }
 
 // discard() takes an int. What is beyond is offered again.
@@ -129,7 +130,7 @@ void MessageReader::receiveExactly(const ParsedData &record, const ExactOffers::
 {
     const QMap<QString, QString> subId = record.getPluginSubId();
     if (offer.position() == 0) // its first one, or nothing has been consumed since
-        counters.addConnection(subId.value(QStringLiteral("client")));
+        counters.addConnection(subId.value(subids::client()));
     Client client = takeOut(offer.connection());
     setOrigin(client, record);
     const bool grown = readExactly(client, offer, subId);
@@ -205,7 +206,7 @@ void MessageReader::ask(Client &client)
     Q_EMIT answered(0, subId); // last: an offer that comes at once replaces the client
 }
 
-// Only what is remembered of a client that was never heard of need not be kept.
+// False: its state is that of a client that has sent nothing, so that its entry can go.
 bool MessageReader::Client::isWorthKeeping() const
 {
     return !tracker.isSettled() || !tracker.unread().isEmpty() || !tail.isEmpty()
@@ -217,7 +218,7 @@ MessageReader::Client &MessageReader::clientOf(const ParsedData &record)
     const QString key = keyOf(record);
     const auto known = plainClients.constFind(key);
     if (known == plainClients.constEnd()) {
-        counters.addConnection(record.getPluginSubIdKey(QStringLiteral("client")));
+        counters.addConnection(record.getPluginSubIdKey(subids::client()));
         return keep({0, key, record.getPluginSubId(), {}, {}, {}, {}, 0, 0, 0});
     }
     clients.splice(clients.end(), clients, known.value());

@@ -87,11 +87,11 @@ public:
         offer.buffer = record.getOriginalMessage();
         offer.buffer.truncate(std::numeric_limits<int>::max());
         const auto subids = record.getPluginSubId();
-        const auto offset = numberOf(subids, SubIds::offset());
+        const auto offset = numberOf(subids, subids::offset());
         if (!offset)
             return offer;
         offer.offset = *offset;
-        offer.number = numberOf(subids, SubIds::connection()).value_or(0);
+        offer.number = numberOf(subids, subids::connection()).value_or(0);
         const auto known = find(offer.number);
         if (known != entries.end()) {
             touch(known, now);

@@ -10,7 +10,7 @@
 
     Thread: any.
 */
-namespace SubIds {
+namespace subids {
 
 // The number of the task.
 inline QString task()
@@ -36,4 +36,4 @@ inline QString offset()
     return QStringLiteral("offset");
 }
 
-} // namespace SubIds
+} // namespace subids

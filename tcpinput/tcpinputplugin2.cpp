@@ -188,7 +188,7 @@ QString TcpInputPlugin2::getStatus()
 
 void TcpInputPlugin2::discard(int length, const QMap<QString, QString> &subid)
 {
-    const auto text = subid.constFind(SubIds::task());
+    const auto text = subid.constFind(subids::task());
     if (text == subid.constEnd()) {
         CWRN(QtDebugMsg, QStringLiteral("TcpInput2(%1): subid[task] not set"), pluginId);
         return;

@@ -92,7 +92,7 @@ void TcpTask2::discard(int length, const QMap<QString, QString> &subid)
 
 TcpTask2::DiscardResult TcpTask2::tryDiscard(int length, const QMap<QString, QString> &subid) const
 {
-    const auto id = subid.constFind(SubIds::client());
+    const auto id = subid.constFind(subids::client());
     if (id == subid.constEnd())
         return DiscardResult::NoClientKey;
     const ReadLocker locker(clientsLock);
@@ -101,7 +101,7 @@ TcpTask2::DiscardResult TcpTask2::tryDiscard(int length, const QMap<QString, QSt
         return DiscardResult::NoSuchClient;
     // Calls across threads, and a signal under the lock. Deliberate: without the lock the client
     // could be deleted meanwhile. The calls only cut bytes, or post the cut to the client's thread.
-    const auto offset = subid.constFind(SubIds::offset());
+    const auto offset = subid.constFind(subids::offset());
     if (client->connectionNumber() != 0 && offset != subid.constEnd())
         return discardTo(client, length, *offset, subid);
     client->discard(length);
@@ -112,7 +112,7 @@ TcpTask2::DiscardResult TcpTask2::discardTo(TcpClient2 *client, int length, cons
                                             const QMap<QString, QString> &subid)
 {
     const auto offset = decimalNumber(from);
-    const auto named = subid.constFind(SubIds::connection());
+    const auto named = subid.constFind(subids::connection());
     const auto number = named == subid.constEnd() ? std::optional(client->connectionNumber())
                                                   : decimalNumber(*named);
     if (!offset || !number)
@@ -128,11 +128,11 @@ void TcpTask2::logDiscard(DiscardResult result, const QMap<QString, QString> &su
         CWRN(QtDebugMsg, QStringLiteral("TcpTask2: subid[client] not set"));
     if (result == DiscardResult::NoSuchClient)
         CWRN(QtDebugMsg, QStringLiteral("TcpTask2: discard for non-existing client %1"),
-             subid.value(SubIds::client()));
+             subid.value(subids::client()));
     if (result == DiscardResult::InvalidPosition) {
-        const QString offset = subid.value(SubIds::offset());
+        const QString offset = subid.value(subids::offset());
         CWRN(QtDebugMsg, QStringLiteral("TcpTask2: discard with invalid position %1"),
-             decimalNumber(offset) ? subid.value(SubIds::connection()) : offset);
+             decimalNumber(offset) ? subid.value(subids::connection()) : offset);
     }
 }
 

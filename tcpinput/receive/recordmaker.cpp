@@ -20,7 +20,7 @@ shared_parsedData RecordMaker::make(const QByteArray &data, const QString &id,
 {
     nameClient(id, stamp);
     if (stamp) // no copy if the host has released the latest record
-        subIds.insert(SubIds::offset(), QString::number(stamp->position));
+        subIds.insert(subids::offset(), QString::number(stamp->position));
     return shared_parsedData::create(data, source, peerText, peerPort, subIds, time);
 }
 
@@ -29,7 +29,7 @@ void RecordMaker::nameClient(const QString &id, const Stamp *stamp)
     if (!subIds.isEmpty() && client == id)
         return;
     client = id;
-    subIds = {{SubIds::client(), id}, {SubIds::task(), QString::number(taskNumber)}};
+    subIds = {{subids::client(), id}, {subids::task(), QString::number(taskNumber)}};
     if (stamp)
-        subIds.insert(SubIds::connection(), QString::number(stamp->connection));
+        subIds.insert(subids::connection(), QString::number(stamp->connection));
 }

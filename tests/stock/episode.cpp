@@ -176,12 +176,12 @@ void Play::note(const TappedLine &line)
     };
     if (const auto match = client.match(line.text); match.hasMatch()) {
         created[number(match)] = line.at;
-        done.traces[number(match)].workerWaited = -waitedForProcessor();
+        done.traces[number(match)].workerWaited = -timeHeldUp();
         clients.release();
     } else if (const auto end = closing.match(line.text); end.hasMatch()) {
         done.traces[number(end)].ended = true;
         done.traces[number(end)].endedAt = line.at;
-        done.traces[number(end)].workerWaited += waitedForProcessor();
+        done.traces[number(end)].workerWaited += timeHeldUp();
         done.traces[number(end)].received = end.captured(2).toLongLong();
         ++closed;
     } else if (line.text.contains(QLatin1String("TI2: thread finished"))) {

@@ -13,16 +13,16 @@
 #include <vector>
 
 /*!
-    How long the calling thread has been ready to run and had no processor, since it began. 0 where
-    the kernel does not tell.
+    How long the calling thread has been held up since it began: it was ready to run and had no
+    processor, as far as the kernel tells, or it waited for others that wrote a line.
 */
-inline std::chrono::nanoseconds waitedForProcessor()
+inline std::chrono::nanoseconds timeHeldUp()
 {
     std::ifstream file("/proc/thread-self/schedstat");
     qint64 ran = 0;
     qint64 waited = 0;
     file >> ran >> waited;
-    return std::chrono::nanoseconds(waited);
+    return std::chrono::nanoseconds(waited) + LogTap::waitedForOthers();
 }
 
 /*!

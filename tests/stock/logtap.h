@@ -52,6 +52,9 @@ public:
         receiver = std::move(to);
         delay = slowness;
     }
+    // How long the calling thread has waited for others that wrote a line.
+    static Clock::duration waitedForOthers() { return waited; }
+
     ~LogTap()
     {
         qInstallMessageHandler(previous);
@@ -70,15 +73,18 @@ private:
         line.text = logLine({level, text, false});
         if (delay.load() > std::chrono::microseconds::zero())
             std::this_thread::sleep_for(delay.load());
+        const auto asked = Clock::now();
         const QMutexLocker locker(&mutex);
         line.order = nextInOrder();
         line.at = Clock::now();
+        waited += line.at - asked;
         if (receiver)
             receiver(line);
     }
 
     const QtMessageHandler previous;
 
+    static inline thread_local Clock::duration waited{};
     static inline QMutex mutex;
     static inline Receiver receiver; // guarded by mutex
     static inline std::atomic<std::chrono::microseconds> delay{};

@@ -68,7 +68,7 @@ void ScriptedDevice::play(Clock::time_point zero, Trace &trace)
     }
     end();
     socket().close();
-    trace.deviceWaited = waitedForProcessor();
+    trace.deviceWaited = timeHeldUp();
 }
 
 bool ScriptedDevice::send(const QByteArray &bytes)

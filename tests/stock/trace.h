@@ -41,7 +41,7 @@ struct Trace
     bool ended = false; // with a closing line, which says
     Clock::time_point endedAt;
     qsizetype received = 0;
-    std::chrono::nanoseconds workerWaited{}; // for a processor, in all: its client's thread
+    std::chrono::nanoseconds workerWaited{}; // in all, see timeHeldUp(): its client's thread
     std::chrono::nanoseconds deviceWaited{}; // and the device's
     std::chrono::milliseconds heldUp{}; // the longest that the machine can have held one up
     bool overdue = false; // it was still open when all had to be over

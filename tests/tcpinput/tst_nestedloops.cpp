@@ -24,12 +24,15 @@
 namespace {
 
 /*!
-    A host's message handler that runs the event loop of a worker thread inside of a line: until it
-    is told to leave, and a few turns more.
+    A host's message handler that delivers the events of a worker thread inside of a line: until it
+    is told to leave, and a few times more.
 */
 class LoopInALine
 {
 public:
+    enum Way { Turns, PostedEvents, TurnsAndDeletions };
+    static inline std::atomic<Way> way = Turns;
+
     // first: what else it does, before.
     explicit LoopInALine(const QString &text, std::function<void()> first = {})
         : previous(qInstallMessageHandler(&handle))
@@ -55,10 +58,22 @@ private:
         if (action)
             action();
         while (!leaving)
-            QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+            deliver(10);
         for (int turn = 0; turn < 20; ++turn)
-            QCoreApplication::processEvents(QEventLoop::AllEvents, 1);
+            deliver(1);
         left = true;
+    }
+
+    static void deliver(int ms)
+    {
+        if (way == PostedEvents) {
+            QCoreApplication::sendPostedEvents();
+            QThread::msleep(1); // for other threads
+            return;
+        }
+        QCoreApplication::processEvents(QEventLoop::AllEvents, ms);
+        if (way == TurnsAndDeletions) // as QTest::qWait() does
+            QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     }
 
     const QtMessageHandler previous;
@@ -121,14 +136,19 @@ private:
 void tst_NestedLoops::initTestCase_data()
 {
     QTest::addColumn<bool>("tls");
-    QTest::newRow("tcp") << false;
-    QTest::newRow("tls") << true;
+    QTest::addColumn<int>("way");
+    QTest::newRow("tcp") << false << int(LoopInALine::Turns);
+    QTest::newRow("tls") << true << int(LoopInALine::Turns);
+    QTest::newRow("tcp, posted events") << false << int(LoopInALine::PostedEvents);
+    QTest::newRow("tcp, deletions") << false << int(LoopInALine::TurnsAndDeletions);
 }
 
 void tst_NestedLoops::init()
 {
     QFETCH_GLOBAL(bool, tls);
     useTls = tls;
+    QFETCH_GLOBAL(int, way);
+    LoopInALine::way = static_cast<LoopInALine::Way>(way);
     port = freePort();
     QJsonObject config{{QStringLiteral("ipAddr"), testAddress().toString()},
                        {QStringLiteral("port"), port},
@@ -207,7 +227,8 @@ void tst_NestedLoops::peerEnds()
     bringAboutTheLine();
     device->disconnectFromHost();
     WAIT_FOR(device->state() == QAbstractSocket::UnconnectedState);
-    if (line != QLatin1String("closing")) // is the end already
+    if (line != QLatin1String("closing") // is the end already
+        && LoopInALine::way != LoopInALine::PostedEvents) // which do not bring the peer's
         WAIT_FOR(!hasClients());
 
     LoopInALine::leave();

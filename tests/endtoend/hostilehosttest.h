@@ -8,7 +8,6 @@
 #include "tests/kit/hangguard.h"
 #include "tests/kit/loadedplugin.h"
 #include "tests/kit/messagecapture.h"
-#include "tests/kit/numberedmessages.h"
 
 #include <QtNetwork/QSslSocket>
 #include <QtTest/QtTest>

@@ -1,9 +1,7 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-#include "plugin/exactoffers.h"
 #include "tests/endtoend/hostilehosttest.h"
-#include "tests/kit/certificates.h"
 #include "tests/kit/hangguard.h"
 #include "tests/kit/loadedplugin.h"
 #include "tests/kit/loglines.h"

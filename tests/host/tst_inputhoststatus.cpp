@@ -4,7 +4,6 @@
 #include "host/exitcodes.h"
 #include "tests/host/inputhosttest.h"
 #include "tests/kit/hangguard.h"
-#include "tests/kit/locales.h"
 #include "tests/kit/testaddress.h"
 
 #include <QtTest/QtTest>

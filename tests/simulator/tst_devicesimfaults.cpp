@@ -1,7 +1,6 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-#include "simulator/messageformat.h"
 #include "simulatorreceivers.h"
 #include "tests/kit/hangguard.h"
 #include "tests/kit/testaddress.h"

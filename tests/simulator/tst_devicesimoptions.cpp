@@ -2,9 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "simulator/ending.h"
-#include "simulator/messageformat.h"
 #include "simulator/options.h"
-#include "simulator/outbox.h"
 #include "tests/simulator/partstest.h"
 
 #include <QtTest/QTest>

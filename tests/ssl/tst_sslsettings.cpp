@@ -2,7 +2,6 @@
 // SPDX-License-Identifier: MIT
 
 #include "ssl/ssl.h"
-#include "tests/kit/certificates.h"
 #include "tests/kit/loglines.h"
 #include "tests/ssl/ssltest.h"
 

@@ -5,7 +5,6 @@
 
 #include "tcpinput/tcpinputplugin2.h"
 #include "tests/kit/loglines.h"
-#include "tests/kit/nativesocket.h"
 #include "tests/kit/testaddress.h"
 
 #include <QtTest/QTest>

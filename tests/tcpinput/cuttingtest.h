@@ -3,8 +3,6 @@
 
 #pragma once
 
-#include "tcpinput/receive/receivingsocket.h"
-#include "tests/kit/movableclock.h"
 #include "tests/tcpinput/connectedclient.h"
 
 #include <QtCore/QThread>

@@ -3,7 +3,6 @@
 
 #pragma once
 
-#include "tcpinput/tcpclient2.h"
 #include "tcpinput/tcptask2.h"
 #include "tests/kit/eventlog.h"
 #include "tests/kit/preparedserver.h"

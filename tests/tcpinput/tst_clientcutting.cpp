@@ -1,7 +1,6 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-#include "tcpinput/receive/receivingsocket.h"
 #include "tests/kit/movableclock.h"
 #include "tests/tcpinput/clienttest.h"
 #include "tests/tcpinput/connectedclient.h"

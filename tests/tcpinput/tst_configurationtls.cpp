@@ -4,7 +4,6 @@
 #include "tcpinput/tcpinputplugin2.h"
 #include "tests/kit/certificates.h"
 #include "tests/kit/loglines.h"
-#include "tests/kit/nativesocket.h"
 #include "tests/tcpinput/configurationtest.h"
 
 #include <QtCore/QJsonArray>

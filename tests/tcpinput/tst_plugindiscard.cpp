@@ -1,13 +1,10 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-#include "tcpinput/tcpinputplugin2.h"
 #include "tcpinput/tcptask2.h"
 #include "tests/kit/hangguard.h"
 #include "tests/kit/loglines.h"
 #include "tests/kit/nativesocket.h"
-#include "tests/kit/play.h"
-#include "tests/kit/tlsdevice.h"
 #include "tests/tcpinput/plugintest.h"
 
 #include <QtTest/QTest>

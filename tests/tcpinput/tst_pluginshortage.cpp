@@ -2,13 +2,9 @@
 // SPDX-License-Identifier: MIT
 
 #include "tcpinput/tcpinputplugin2.h"
-#include "tcpinput/tcptask2.h"
-#include "tests/kit/certificates.h"
 #include "tests/kit/loglines.h"
 #include "tests/kit/nativesocket.h"
 #include "tests/kit/nofreedescriptors.h"
-#include "tests/kit/play.h"
-#include "tests/kit/tlsdevice.h"
 #include "tests/tcpinput/plugintest.h"
 
 #include <QtCore/QRegularExpression>

@@ -5,8 +5,6 @@
 #include "tcpinput/tcptask2.h"
 #include "tests/kit/loglines.h"
 #include "tests/kit/nativesocket.h"
-#include "tests/kit/nofreedescriptors.h"
-#include "tests/kit/play.h"
 #include "tests/tcpinput/plugintest.h"
 
 #include <QtCore/QElapsedTimer>

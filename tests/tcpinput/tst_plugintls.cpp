@@ -5,7 +5,6 @@
 #include "tcpinput/tcptask2.h"
 #include "tests/kit/certificates.h"
 #include "tests/kit/loglines.h"
-#include "tests/kit/nativesocket.h"
 #include "tests/kit/play.h"
 #include "tests/kit/tlsdevice.h"
 #include "tests/tcpinput/plugintest.h"

@@ -1,11 +1,9 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-#include "tcpinput/accept/sslserver.h"
 #include "tcpinput/tcpclient2.h"
 #include "tcpinput/tcptask2.h"
 #include "tests/kit/eventlog.h"
-#include "tests/kit/preparedserver.h"
 #include "tests/tcpinput/tasktest.h"
 
 #include <QtCore/QCoreApplication>

@@ -1,13 +1,11 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-#include "tcpinput/accept/sslserver.h"
 #include "tcpinput/tcpclient2.h"
 #include "tcpinput/tcptask2.h"
 #include "tests/kit/eventlog.h"
 #include "tests/kit/hangguard.h"
 #include "tests/kit/movableclock.h"
-#include "tests/kit/preparedserver.h"
 #include "tests/tcpinput/tasktest.h"
 
 #include <QtTest/QSignalSpy>

@@ -1,11 +1,9 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-#include "tcpinput/accept/tcpserver.h"
 #include "tcpinput/tcptask2.h"
 #include "tests/kit/eventlog.h"
 #include "tests/kit/hangguard.h"
-#include "tests/kit/preparedserver.h"
 #include "tests/kit/worker.h"
 #include "tests/tcpinput/stoppingtest.h"
 

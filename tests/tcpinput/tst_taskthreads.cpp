@@ -2,11 +2,9 @@
 // SPDX-License-Identifier: MIT
 
 #include "tcpinput/accept/tcpserver.h"
-#include "tcpinput/tcpclient2.h"
 #include "tcpinput/tcptask2.h"
 #include "tests/kit/eventlog.h"
 #include "tests/kit/hangguard.h"
-#include "tests/kit/preparedserver.h"
 #include "tests/kit/worker.h"
 #include "tests/tcpinput/stoppingtest.h"
 

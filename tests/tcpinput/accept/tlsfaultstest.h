@@ -8,7 +8,6 @@
 #include "tests/kit/hangguard.h"
 #include "tests/kit/loglines.h"
 #include "tests/kit/play.h"
-#include "tests/kit/processresources.h"
 #include "tests/kit/testaddress.h"
 #include "tests/kit/tlsdevice.h"
 

@@ -1,8 +1,6 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-#include "tcpinput/accept/tlshandshake.h"
-#include "tcpinput/tcpinputplugin2.h"
 #include "tests/kit/hangguard.h"
 #include "tests/kit/nofreedescriptors.h"
 #include "tests/kit/play.h"

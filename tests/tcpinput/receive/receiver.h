@@ -3,11 +3,9 @@
 
 #pragma once
 
-#include "eventloop/epolleventdispatcher.h"
 #include "tcpinput/receive/receivingsocket.h"
 #include "tests/kit/hangguard.h"
 #include "tests/kit/nativesocket.h"
-#include "tests/kit/processresources.h"
 
 #include <QtTest/QTest>
 

@@ -3,7 +3,6 @@
 
 #include "eventloop/epolleventdispatcher.h"
 #include "tcpinput/receive/receivingsocket.h"
-#include "tests/kit/nativesocket.h"
 #include "tests/kit/processresources.h"
 #include "tests/tcpinput/receive/receiver.h"
 

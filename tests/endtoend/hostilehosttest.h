@@ -22,7 +22,7 @@ namespace hostilehosttest {
 
 inline constexpr int Devices = 8;
 
-using SubIds = QMap<QString, QString>;
+using SubIdMap = QMap<QString, QString>;
 
 inline const QString TaskKey = QStringLiteral("task");
 inline const QString ClientKey = QStringLiteral("client");
@@ -68,26 +68,26 @@ private:
 
 // Answers that have no business here. With a stamped offer's own sub-ids they cut nothing, since
 // they name no position beyond its front.
-inline void discardNonsense(IInputPlugin &plugin, const SubIds &own)
+inline void discardNonsense(IInputPlugin &plugin, const SubIdMap &own)
 {
     constexpr int Most = std::numeric_limits<int>::max();
     for (const char *task : {"4", "17", "-1"}) { // what is no number counts as 0, which exists
-        SubIds other = own;
+        SubIdMap other = own;
         other.insert(TaskKey, QString::fromLatin1(task));
         plugin.discard(Most, other);
     }
     for (const QString &client : {QString(), QStringLiteral("tcp2:"), QStringLiteral("\n%1")}) {
-        SubIds other = own;
+        SubIdMap other = own;
         other.insert(ClientKey, client);
         plugin.discard(Most, other);
     }
     for (const QString &key : {TaskKey, ClientKey}) {
-        SubIds other = own;
+        SubIdMap other = own;
         other.remove(key);
         plugin.discard(Most, other);
     }
     plugin.discard(Most, {});
-    SubIds otherConnection = own;
+    SubIdMap otherConnection = own;
     otherConnection.insert(ConnectionKey, QStringLiteral("18446744073709551615"));
     plugin.discard(Most, otherConnection);
     for (int length : {0, -1, -Most, std::numeric_limits<int>::min()})
@@ -102,7 +102,7 @@ public:
 
     void receive(const shared_parsedData &record)
     {
-        const SubIds subIds = record->getPluginSubId();
+        const SubIdMap subIds = record->getPluginSubId();
         if (++records % 8 == 0)
             discardNonsense(plugin, subIds);
         if (records % 8 == 4 && useOther)

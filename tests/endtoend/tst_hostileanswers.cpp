@@ -20,11 +20,11 @@ namespace {
 
 // Answers that mix up two connections, both of which are there. They cut nothing: each worker has
 // its own clients, and a connection's number is no other's.
-void discardMixedUp(IInputPlugin &plugin, const SubIds &one, const SubIds &other)
+void discardMixedUp(IInputPlugin &plugin, const SubIdMap &one, const SubIdMap &other)
 {
     constexpr int Most = std::numeric_limits<int>::max();
     for (const QString &key : {TaskKey, ClientKey, ConnectionKey}) {
-        SubIds mixed = one;
+        SubIdMap mixed = one;
         mixed.insert(key, other.value(key));
         if (mixed != one) // both may be one worker's
             plugin.discard(Most, mixed);
@@ -72,7 +72,7 @@ void tst_HostileAnswers::nonsenseCutsNothing()
     devices[0]->write(bytes);
     QTRY_COMPARE_WITH_TIMEOUT(records.size(), 1, HangGuardMs);
 
-    const SubIds own = records[0]->getPluginSubId();
+    const SubIdMap own = records[0]->getPluginSubId();
     discardNonsense(*plugin, own);
     OtherThread().run([&] { discardNonsense(*plugin, own); });
 
@@ -97,12 +97,12 @@ void tst_HostileAnswers::mixedUpAnswersCutNothing()
         device->write(bytes);
     QTRY_VERIFY_WITH_TIMEOUT(allOffered(bytes), HangGuardMs);
 
-    QMap<QString, SubIds> own; // by client
+    QMap<QString, SubIdMap> own; // by client
     for (const shared_parsedData &record : std::as_const(records))
         own.insert(record->getPluginSubId().value(ClientKey), record->getPluginSubId());
     QCOMPARE(own.size(), 2);
-    const SubIds &one = own.first();
-    const SubIds &other = own.last();
+    const SubIdMap &one = own.first();
+    const SubIdMap &other = own.last();
     QCOMPARE(one.value(TaskKey) == other.value(TaskKey), threads == 1);
     const auto mixUp = [&] {
         discardMixedUp(*plugin, one, other);
@@ -162,7 +162,7 @@ void tst_HostileAnswers::clientIsGone()
     QVERIFY(sendAndClose(*devices[0], "abc"));
     QTRY_VERIFY_WITH_TIMEOUT(plugin->getStatus().count(QLatin1String("tcp2:")) == 0, HangGuardMs);
     QTRY_VERIFY_WITH_TIMEOUT(!records.isEmpty(), HangGuardMs);
-    const SubIds own = records.last()->getPluginSubId();
+    const SubIdMap own = records.last()->getPluginSubId();
     OtherThread other;
 
     const QString noClient =
@@ -189,7 +189,7 @@ void tst_HostileAnswers::discardsWhileThePluginStopsAndStarts()
     for (const Device &device : devices)
         device->write("abc");
     QTRY_VERIFY_WITH_TIMEOUT(allOffered("abc"), HangGuardMs);
-    QList<SubIds> all;
+    QList<SubIdMap> all;
     for (const shared_parsedData &record : std::as_const(records))
         all.append(record->getPluginSubId());
 
@@ -199,7 +199,7 @@ void tst_HostileAnswers::discardsWhileThePluginStopsAndStarts()
     for (int n = 0; n < 2; ++n) {
         threads.emplace_back([&] {
             while (!done) {
-                for (const SubIds &subIds : std::as_const(all)) {
+                for (const SubIdMap &subIds : std::as_const(all)) {
                     plugin->discard(1, subIds);
                     discardNonsense(*plugin, subIds);
                 }

@@ -9,7 +9,7 @@ namespace frameworktest {
 
 using namespace Qt::StringLiterals;
 
-using SubIds = QMap<QString, QString>;
+using SubIdMap = QMap<QString, QString>;
 
 //! Writes down what is called.
 class TestPlugin : public IInputPlugin
@@ -36,7 +36,7 @@ public:
     }
     QString getStatus() override { return QStringLiteral("status"); }
     void drop(int len) override { calls += QStringLiteral("drop(%1) ").arg(len); }
-    void discard(int len, const SubIds &subid) override
+    void discard(int len, const SubIdMap &subid) override
     {
         calls += QStringLiteral("discard(%1,%2) ").arg(len).arg(subid.value(u"task"_s));
     }

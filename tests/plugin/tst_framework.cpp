@@ -136,7 +136,7 @@ void tst_Framework::metaCallsDispatchVirtually()
     QCOMPARE(result, true);
     QVERIFY(QMetaObject::invokeMethod(&plugin, "getStatus", Q_RETURN_ARG(QString, status)));
     QCOMPARE(status, u"status"_s);
-    const SubIds subIds{{u"task"_s, u"3"_s}};
+    const SubIdMap subIds{{u"task"_s, u"3"_s}};
     const int length = 17;
     QVERIFY(QMetaObject::invokeMethod(&plugin, "discard", QGenericArgument("int", &length),
                                       QGenericArgument("QMap<QString,QString>", &subIds)));

@@ -24,7 +24,7 @@ namespace plugintest {
 
 using namespace Qt::StringLiterals;
 
-using SubIds = QMap<QString, QString>;
+using SubIdMap = QMap<QString, QString>;
 
 inline const QString ThreadLine = u"D: TcpInputPlugin2(p): Creating new TCP Thread"_s;
 inline const QString TaskLine = u"I: TcpInputPlugin2(p): Creating new TcpTask2"_s;

@@ -36,17 +36,17 @@ private Q_SLOTS:
 
 void tst_PluginDiscard::discardIsRouted_data()
 {
-    QTest::addColumn<SubIds>("subid");
+    QTest::addColumn<SubIdMap>("subid");
     QTest::addColumn<QString>("line");
 
     const QString notSet = u"D: TcpInput2(p): subid[task] not set"_s;
-    QTest::newRow("empty map") << SubIds() << notSet;
-    QTest::newRow("client alone") << SubIds{{u"client"_s, u"x"_s}} << notSet;
-    QTest::newRow("Task") << SubIds{{u"Task"_s, u"0"_s}} << notSet;
+    QTest::newRow("empty map") << SubIdMap() << notSet;
+    QTest::newRow("client alone") << SubIdMap{{u"client"_s, u"x"_s}} << notSet;
+    QTest::newRow("Task") << SubIdMap{{u"Task"_s, u"0"_s}} << notSet;
 
     const auto unknown = [](const QString &text, int number) {
         QTest::newRow(qPrintable(u"unknown "_s + text))
-                << SubIds{{u"task"_s, text}, {u"client"_s, u"x"_s}}
+                << SubIdMap{{u"task"_s, text}, {u"client"_s, u"x"_s}}
                 << u"D: TcpInput2(p): discarding for non-existing task %1"_s.arg(number);
     };
     unknown(u"2"_s, 2); // there are 0 and 1
@@ -56,10 +56,10 @@ void tst_PluginDiscard::discardIsRouted_data()
 
     const auto forwarded = [](const QString &text) {
         QTest::newRow(qPrintable(u"forwarded "_s + text))
-                << SubIds{{u"task"_s, text}, {u"client"_s, u"x"_s}}
+                << SubIdMap{{u"task"_s, text}, {u"client"_s, u"x"_s}}
                 << u"D: TcpTask2: discard for non-existing client x"_s;
         QTest::newRow(qPrintable(u"forwarded without client "_s + text))
-                << SubIds{{u"task"_s, text}} << u"D: TcpTask2: subid[client] not set"_s;
+                << SubIdMap{{u"task"_s, text}} << u"D: TcpTask2: subid[client] not set"_s;
     };
     forwarded(u"0"_s);
     forwarded(u"1"_s);
@@ -76,7 +76,7 @@ void tst_PluginDiscard::discardIsRouted_data()
 
 void tst_PluginDiscard::discardIsRouted()
 {
-    QFETCH(SubIds, subid);
+    QFETCH(SubIdMap, subid);
     QFETCH(QString, line);
 
     Plugin plugin;
@@ -109,7 +109,7 @@ void tst_PluginDiscard::discardCuts()
     QVERIFY(device.send(bytes));
     const auto record = plugin.recordOf(bytes);
     QVERIFY(record);
-    const SubIds subid = record->getPluginSubId();
+    const SubIdMap subid = record->getPluginSubId();
     takeLog();
 
     plugin.records.clear();
@@ -121,7 +121,7 @@ void tst_PluginDiscard::discardCuts()
     QCOMPARE(rest->getPluginSubId(), subid);
 
     // From another thread, and with a text for task 0 that is no number.
-    const SubIds named{{u"task"_s, u"abc"_s}, {u"client"_s, subid.value(u"client"_s)}};
+    const SubIdMap named{{u"task"_s, u"abc"_s}, {u"client"_s, subid.value(u"client"_s)}};
     std::thread([&] { plugin.discard(5, named); }).join();
     QVERIFY(plugin.recordOf(bytes.mid(15)));
     QCOMPARE(takeLog(),
@@ -134,7 +134,7 @@ void tst_PluginDiscard::discardCuts()
 void tst_PluginDiscard::discardFromOtherThreads()
 {
     QMutex mutex; // outlives the plugin, whose destructor delivers
-    SubIds latest; // guarded by mutex
+    SubIdMap latest; // guarded by mutex
     auto owner = std::make_unique<Plugin>(poolOf(3));
     Plugin &plugin = *owner;
     connect(&plugin, &IInputPlugin::receivedData, this, [&](const shared_parsedData &record) {
@@ -151,7 +151,7 @@ void tst_PluginDiscard::discardFromOtherThreads()
     std::atomic<int> calls = 0;
     const auto discardAll = [&] {
         for (int n = 0; !over; ++n) {
-            SubIds subid;
+            SubIdMap subid;
             {
                 const QMutexLocker locker(&mutex);
                 subid = latest;

@@ -177,7 +177,7 @@ void tst_PluginRotation::ipv6()
     QCOMPARE(record->getPeerAddress(), u"::1"_s);
     QCOMPARE(record->getPeerPort(), device.localPort());
     QCOMPARE(record->getSource(), u"TCP:"_s + id);
-    QCOMPARE(record->getPluginSubId(), SubIds({{u"client"_s, id}, {u"task"_s, u"0"_s}}));
+    QCOMPARE(record->getPluginSubId(), SubIdMap({{u"client"_s, id}, {u"task"_s, u"0"_s}}));
     QCOMPARE(record->getPluginId(), u"p"_s);
 }
 

@@ -9,6 +9,7 @@
 #include <QtNetwork/QNetworkInterface>
 #include <QtNetwork/QSslSocket>
 
+#include <algorithm>
 #include <limits>
 
 namespace {
@@ -52,12 +53,10 @@ bool Configuration::apply(const QJsonObject &object, const QString &pluginId)
     port = DefaultPort;
     offsets = false;
     tls.reset();
-    for (const Key &key : keys()) {
+    return std::all_of(keys().begin(), keys().end(), [&](const Key &key) {
         const auto value = object.constFind(QLatin1String(key.name));
-        if (value != object.constEnd() && !(this->*key.read)(*value))
-            return false;
-    }
-    return true;
+        return value == object.constEnd() || (this->*key.read)(*value);
+    });
 }
 
 bool Configuration::readPort(const QJsonValue &value)

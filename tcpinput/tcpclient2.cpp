@@ -154,11 +154,6 @@ bool TcpClient2::isOfferDue(qint64 now, qint64 intervalMs) const
     return now - lastEmit > intervalMs || now < lastEmit;
 }
 
-void TcpClient2::emitData()
-{
-    offer(unconsumed.copy());
-}
-
 void TcpClient2::offer(const Snapshot &all)
 {
     // The connection may have ended inside a log line, if the message handler ran the event loop.

@@ -64,7 +64,7 @@ public:
     quint64 offerPosition() const { return offeredPosition; }
 
     // Offers the whole unconsumed buffer and restarts the idle time-out.
-    void emitData();
+    void emitData() { offer(unconsumed.copy()); }
 
     // Is called with the bytes of each offer, at a fraction of the cost of readyRead(). Default:
     // empty, nobody is called.

@@ -5,6 +5,7 @@
 
 #include "tcpinput/tcptask2.h"
 #include "tests/kit/eventlog.h"
+#include "tests/kit/otherthread.h"
 #include "tests/kit/preparedserver.h"
 #include "tests/kit/worker.h"
 
@@ -15,7 +16,6 @@
 
 #include <atomic>
 #include <memory>
-#include <thread>
 #include <vector>
 
 namespace stoppingtest {
@@ -28,14 +28,12 @@ inline QByteArray bytesOf(int number)
     return "bytes of device " + QByteArray::number(number);
 }
 
-// Comes back only if nobody is writing to the registry: another thread reads in it.
+// Another thread reads in the registry.
 inline bool isUnlocked(const TcpTask2 &task)
 {
-    auto result = TcpTask2::DiscardResult::Posted;
-    std::thread([&] {
-        result = task.tryDiscard(0, {{QStringLiteral("client"), QString()}});
-    }).join();
-    return result == TcpTask2::DiscardResult::NoSuchClient;
+    return returnsInAnotherThread([&task] {
+        task.tryDiscard(0, {{QStringLiteral("client"), QString()}});
+    });
 }
 
 //! The records of a task, taken in its thread, so that none depends on another thread's events.

@@ -3,7 +3,6 @@
 
 #include "tcpinput/accept/sslserver.h"
 
-#include "tcpinput/accept/listenbacklog.h"
 #include "tcpinput/accept/tlshandshake.h"
 
 #include <QtCore/QThread>
@@ -39,25 +38,12 @@ void announceAgain(QSslSocket *socket)
 } // namespace
 
 SslServer::SslServer(QObject *parent)
-    : QSslServer(parent),
-      guard(this, [this] { return openHandshakes + ready.size(); })
-{
-    setListenBacklogSize(ListenBacklog);
-}
+    : AcceptingServer(parent, [this] { return openHandshakes + waiting.size(); })
+{}
 
 SslServer::~SslServer()
 {
     close();
-}
-
-bool SslServer::listen(const QHostAddress &address, quint16 port)
-{
-    const bool listening = QSslServer::listen(address, port);
-    if (listening)
-        guard.watch();
-    else if (!isListening()) // and was not before
-        QSslServer::close(); // Qt keeps a bound port even if it cannot listen there
-    return listening;
 }
 
 void SslServer::close()
@@ -67,18 +53,13 @@ void SslServer::close()
     for (TlsHandshake *handshake : handshakes)
         handshake->drop();
 
-    for (const Ready &connection : ready.takeAll())
+    for (const ReadySocket &connection : waiting.takeAll())
         connection.socket->moveToThread(QThread::currentThread()); // which then deletes it
-}
-
-bool SslServer::hasPendingConnections() const
-{
-    return ready.size() > 0;
 }
 
 TakenConnection SslServer::take()
 {
-    std::optional<Ready> next = ready.take();
+    std::optional<ReadySocket> next = waiting.take();
     if (!next)
         return {};
     TlsSocket *socket = next->socket.get();
@@ -112,7 +93,7 @@ void SslServer::incomingConnection(qintptr descriptor)
 void SslServer::enqueue(TlsSocket *socket, const Acceptance &acceptance)
 {
     socket->moveToThread(nullptr); // its parent is null already
-    ready.add({std::unique_ptr<TlsSocket>(socket), acceptance});
+    waiting.add({std::unique_ptr<TlsSocket>(socket), acceptance});
     // The signal is private to Qt's class, but can be invoked by name.
     QMetaObject::invokeMethod(this, "pendingConnectionAvailable", Qt::DirectConnection);
 }

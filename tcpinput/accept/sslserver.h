@@ -3,14 +3,19 @@
 
 #pragma once
 
-#include "tcpinput/accept/acceptguard.h"
-#include "tcpinput/accept/connectionsource.h"
-#include "tcpinput/accept/pendingconnections.h"
+#include "tcpinput/accept/acceptingserver.h"
 #include "tcpinput/accept/tlssocket.h"
 
 #include <QtNetwork/QSslServer>
 
 #include <memory>
+
+//! A connection whose handshake is done.
+struct ReadySocket
+{
+    std::unique_ptr<TlsSocket> socket; // lives in no thread
+    Acceptance acceptance;
+};
 
 /*!
     A TLS server whose connections are taken by other threads.
@@ -29,7 +34,7 @@
     Owner:  the plugin.
     Locks:  those of its parts; never held while emitting.
 */
-class SslServer : public QSslServer, public ConnectionSource
+class SslServer : public AcceptingServer<QSslServer, ReadySocket>
 {
     Q_OBJECT
 
@@ -37,38 +42,19 @@ public:
     explicit SslServer(QObject *parent);
     ~SslServer() override;
 
-    // Whether the offers of connections accepted from now on are stamped. Default: no.
-    void setStamping(bool on) { stamping = on; }
-
-    bool listen(const QHostAddress &address, quint16 port); // as TcpServer's
     // Also drops open handshakes and the connections that nobody has taken. Hides
     // QTcpServer::close(), which is not virtual: call it through this class.
     void close();
 
-    bool hasPendingConnections() const override;
-    // Reserves the oldest connection that is not reserved yet: no other thread gets it.
-    void reserveFor(const QThread *taker) { ready.reserveFor(taker); }
     // Bytes that the socket has received, and its end, are signalled once more in the calling
     // thread.
     TakenConnection take() override;
-    // The socket of take(); belongs to the caller.
-    QTcpSocket *nextPendingConnection() override { return take().socket.release(); }
-
-    AcceptGuard guard;
 
 protected:
     void incomingConnection(qintptr descriptor) override;
 
 private:
-    struct Ready
-    {
-        std::unique_ptr<TlsSocket> socket; // lives in no thread
-        Acceptance acceptance;
-    };
-
     void enqueue(TlsSocket *socket, const Acceptance &acceptance);
 
-    bool stamping = false; // this and the next: the server's thread only
-    qsizetype openHandshakes = 0;
-    PendingConnections<Ready> ready;
+    qsizetype openHandshakes = 0; // the server's thread only
 };

@@ -3,48 +3,28 @@
 
 #include "tcpinput/accept/tcpserver.h"
 
-#include "tcpinput/accept/listenbacklog.h"
 #include "tcpinput/receive/receivingsocket.h"
 
 #include <unistd.h>
 
-TcpServer::TcpServer(QObject *parent)
-    : QTcpServer(parent),
-      guard(this, [this] { return pending.size(); })
-{
-    setListenBacklogSize(ListenBacklog);
-}
+TcpServer::TcpServer(QObject *parent) : AcceptingServer(parent, [this] { return waiting.size(); })
+{}
 
 TcpServer::~TcpServer()
 {
     close();
 }
 
-bool TcpServer::listen(const QHostAddress &address, quint16 port)
-{
-    const bool listening = QTcpServer::listen(address, port);
-    if (listening)
-        guard.watch();
-    else if (!isListening()) // and was not before
-        QTcpServer::close(); // Qt keeps a bound port even if it cannot listen there
-    return listening;
-}
-
 void TcpServer::close()
 {
     QTcpServer::close();
-    for (const Pending &connection : pending.takeAll())
+    for (const AcceptedDescriptor &connection : waiting.takeAll())
         ::close(static_cast<int>(connection.descriptor));
-}
-
-bool TcpServer::hasPendingConnections() const
-{
-    return pending.size() > 0;
 }
 
 TakenConnection TcpServer::take()
 {
-    const std::optional<Pending> next = pending.take();
+    const std::optional<AcceptedDescriptor> next = waiting.take();
     if (!next)
         return {};
     return {std::make_unique<ReceivingSocket>(next->descriptor, next->acceptance.endpoints),
@@ -53,6 +33,6 @@ TakenConnection TcpServer::take()
 
 void TcpServer::incomingConnection(qintptr descriptor)
 {
-    pending.add({descriptor, Acceptance::of(descriptor, stamping)});
+    waiting.add({descriptor, Acceptance::of(descriptor, stamping)});
     guard.accepted();
 }

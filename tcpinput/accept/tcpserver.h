@@ -3,11 +3,16 @@
 
 #pragma once
 
-#include "tcpinput/accept/acceptguard.h"
-#include "tcpinput/accept/connectionsource.h"
-#include "tcpinput/accept/pendingconnections.h"
+#include "tcpinput/accept/acceptingserver.h"
 
 #include <QtNetwork/QTcpServer>
+
+//! A connection that has no socket yet.
+struct AcceptedDescriptor
+{
+    qintptr descriptor;
+    Acceptance acceptance;
+};
 
 /*!
     A TCP server whose connections are taken by other threads.
@@ -19,7 +24,7 @@
     Owner:  the plugin.
     Locks:  those of its parts; never held while emitting.
 */
-class TcpServer : public QTcpServer, public ConnectionSource
+class TcpServer : public AcceptingServer<QTcpServer, AcceptedDescriptor>
 {
     Q_OBJECT
 
@@ -27,37 +32,13 @@ public:
     explicit TcpServer(QObject *parent);
     ~TcpServer() override;
 
-    // Whether the offers of connections accepted from now on are stamped. Default: no.
-    void setStamping(bool on) { stamping = on; }
-
-    // False if the port is in use, also if another process begins to listen there between bind()
-    // and listen() of this one; the server has no port then. Also false if the server listens
-    // already; it goes on to listen.
-    bool listen(const QHostAddress &address, quint16 port);
     // Also drops the connections that nobody has taken. Hides QTcpServer::close(), which is not
     // virtual: call it through this class.
     void close();
 
-    bool hasPendingConnections() const override;
-    // Reserves the oldest connection that is not reserved yet: no other thread gets it.
-    void reserveFor(const QThread *taker) { pending.reserveFor(taker); }
     // Until then, the connection's bytes and its end wait in the kernel.
     TakenConnection take() override;
-    // The socket of take(); belongs to the caller.
-    QTcpSocket *nextPendingConnection() override { return take().socket.release(); }
-
-    AcceptGuard guard;
 
 protected:
     void incomingConnection(qintptr descriptor) override;
-
-private:
-    struct Pending
-    {
-        qintptr descriptor;
-        Acceptance acceptance;
-    };
-
-    bool stamping = false; // the server's thread only
-    PendingConnections<Pending> pending;
 };

@@ -22,21 +22,21 @@ public:
     IdleTimer(QObject *parent, int timeoutMs)
         : QTimer(parent),
           timeout(timeoutMs),
-          active(Clock::now())
+          active(Monotonic::now())
     {
         setInterval(timeoutMs);
     }
 
     // The idle time begins now.
-    void begin() { active = Clock::now(); }
+    void begin() { active = Monotonic::now(); }
 
     // Ends the idle time now.
-    void end() { active = Clock::now() - timeout; }
+    void end() { active = Monotonic::now() - timeout; }
 
     // The idle time that is left; 0 or less if it is over.
     std::chrono::milliseconds rest() const
     {
-        return std::chrono::ceil<std::chrono::milliseconds>(active + timeout - Clock::now());
+        return std::chrono::ceil<std::chrono::milliseconds>(active + timeout - Monotonic::now());
     }
 
     // To be called when the timer fires. False: not over, and the timer is set to the rest.
@@ -50,8 +50,8 @@ public:
     }
 
 private:
-    using Clock = std::chrono::steady_clock;
+    using Monotonic = std::chrono::steady_clock; // not the Clock that tests replace
 
     const std::chrono::milliseconds timeout;
-    Clock::time_point active;
+    Monotonic::time_point active;
 };

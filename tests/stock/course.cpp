@@ -11,7 +11,8 @@ namespace {
 constexpr double OfferIntervalMs = 200;
 constexpr double CheckIntervalMs = 2000;
 constexpr double TimerErrorShare = 0.05; // of a timer that need not be precise
-constexpr double CheckErrorMs = 210; // Qt moves a repeating timer that much, in two steps
+// Qt moves a repeating timer that much at each step, and does not come back to its beginning.
+constexpr double CheckErrorMs = 105;
 constexpr qsizetype KickAboveBytes = 80;
 constexpr qsizetype ReofferAboveBytes = 20;
 constexpr qsizetype LogReadAboveBytes = 1000;
@@ -88,6 +89,7 @@ void Course::play()
 void Course::planCheck()
 {
     nextCheckAt += CheckIntervalMs;
+    checkError += CheckErrorMs;
     plan(nextCheckAt, [this] { check(); });
 }
 
@@ -100,7 +102,7 @@ void Course::begin()
         return;
     keepDistance(lastDelivery + names.timeoutMs * (1 - TimerErrorShare) - now);
     if (buffered() > KickAboveBytes) {
-        const double toCheck = nextCheckAt - CheckErrorMs - now;
+        const double toCheck = nextCheckAt - checkError - now;
         const double toKick = CheckIntervalMs - (now - lastOfferAt) - uncertainty;
         keepDistance(std::max(toCheck, toKick));
     }
@@ -129,19 +131,20 @@ void Course::check()
 {
     if (!open)
         return;
+    const double error = checkError;
     planCheck();
     if (buffered() <= KickAboveBytes)
         return;
     const double since = now - lastOfferAt;
-    keepDistance(std::abs(since - CheckIntervalMs) - CheckErrorMs - uncertainty);
+    keepDistance(std::abs(since - CheckIntervalMs) - error - uncertainty);
     if (since <= CheckIntervalMs)
         return;
-    keepDistance(now - CheckErrorMs - before);
-    before = now + CheckErrorMs;
+    keepDistance(now - error - before);
+    before = now + error;
     lines += QStringLiteral("w: of Qt's own"); // the next has no place for its argument
     lines += QStringLiteral("I: TcpClient: inbuf parsing stopped, kicking");
     offer();
-    offers.last().inexact = uncertainty = CheckErrorMs;
+    offers.last().inexact = uncertainty = error;
 }
 
 void Course::idle(double expiry)
@@ -182,11 +185,12 @@ void Course::end()
 
 void Course::offer()
 {
-    offers.append({offerText(consumed, buffered()), lines.size(), now, 0});
+    // What follows from an offer at once is as uncertain as that one.
+    uncertainty = now == lastOfferAt ? uncertainty : 0;
+    offers.append({offerText(consumed, buffered()), lines.size(), now, uncertainty});
     offered.emplace_back(consumed, buffered());
     toHost.push_back(offers.size() - 1);
     lastOfferAt = lastDelivery = now;
-    uncertainty = 0;
 }
 
 // What follows from it at once, in the one order that queues leave.

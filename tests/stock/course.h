@@ -97,6 +97,7 @@ private:
     double before = -1e9; // the last that happened, and what its time may be wrong by
     double lastOfferAt = -1e9;
     double uncertainty = 0; // of lastOfferAt
+    double checkError = 0; // of nextCheckAt
     double nextCheckAt;
     double lastDelivery;
     bool open = true;

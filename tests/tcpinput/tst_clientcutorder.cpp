@@ -100,7 +100,7 @@ void tst_ClientCutOrder::readRightBehindACut_data()
     QTest::addColumn<int>("size");
     QTest::addColumn<qint64>("delayNs");
     QTest::addColumn<bool>("offered");
-    const qint64 most = 500'000;
+    const qint64 most = 150'000;
     QTest::newRow("at once") << 0 << 30 << qint64(0) << true;
     QTest::newRow("as late as counts") << 0 << 30 << most << true;
     QTest::newRow("later") << 0 << 30 << most + 1 << false;

@@ -100,12 +100,18 @@ void Course::begin()
     before = now;
     if (!open)
         return;
-    keepDistance(lastDelivery + names.timeoutMs * (1 - TimerErrorShare) - now);
+    keepDistance(idleFrom() - now);
     if (buffered() > KickAboveBytes) {
         const double toCheck = nextCheckAt - checkError - now;
         const double toKick = CheckIntervalMs - (now - lastOfferAt) - uncertainty;
         keepDistance(std::max(toCheck, toKick));
     }
+}
+
+// When the idle time-out may end the connection at the earliest.
+double Course::idleFrom() const
+{
+    return lastDelivery + names.timeoutMs * (1 - TimerErrorShare);
 }
 
 void Course::read(qsizetype bytes)
@@ -140,6 +146,7 @@ void Course::check()
     if (since <= CheckIntervalMs)
         return;
     keepDistance(now - error - before);
+    keepDistance(idleFrom() - error - now);
     before = now + error;
     lines += QStringLiteral("w: of Qt's own"); // the next has no place for its argument
     lines += QStringLiteral("I: TcpClient: inbuf parsing stopped, kicking");
@@ -156,8 +163,9 @@ void Course::idle(double expiry)
     if (script.ending != Ending::IdleTimeout)
         keepDistance(0); // the script did not mean that
     lines += QStringLiteral("D: TcpClient: timeout");
+    const qsizetype made = offers.size();
     end();
-    if (!offers.isEmpty())
+    if (offers.size() > made)
         offers.last().inexact = halfWidth;
     settle();
 }

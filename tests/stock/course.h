@@ -73,6 +73,7 @@ private:
     void plan(double at, std::function<void()> what) { inputs.emplace(at, std::move(what)); }
     void planCheck();
     void begin();
+    double idleFrom() const;
     void keepDistance(double distance) { slack = std::min(slack, distance); }
 
     void read(qsizetype bytes);

@@ -31,8 +31,9 @@
         if (const int len = offers.consume(offer, used))
             plugin->discard(len, record->getPluginSubId());
 
-    The plugin does not announce the end of a connection, so this class forgets connections by age
-    and by number. If it forgets one too early, an offer that was made before the connection's last
+    With "ends": true in the configuration, too, the plugin tells the end of each connection, and
+    this class forgets the connection then. Without, it forgets connections by age and by number. If
+    it forgets one too early, an offer that was made before the connection's last
     cut, and is handled later, counts as new. So the age must exceed the longest time that a record
     waits in the host, and the number must exceed that of the connections active within it. A host
     that can stall for any time passes times of a clock that stops while the host stalls.
@@ -67,12 +68,16 @@ public:
         // of its bytes then count as fresh.
         quint64 connection() const { return number; }
 
+        // The connection is over; there are no more offers, and this one has no bytes.
+        bool isEnd() const { return end; }
+
     private:
         friend class ExactOffers;
         QByteArray buffer;
         qsizetype repeated = 0;
         quint64 offset = 0;
         quint64 number = 0;
+        bool end = false;
     };
 
     ExactOffers() : ExactOffers(Limits()) {}
@@ -87,12 +92,17 @@ public:
         offer.buffer = record.getOriginalMessage();
         offer.buffer.truncate(std::numeric_limits<int>::max());
         const auto subids = record.getPluginSubId();
+        offer.end = subids.contains(subids::end());
         const auto offset = numberOf(subids, subids::offset());
         if (!offset)
             return offer;
         offer.offset = *offset;
         offer.number = numberOf(subids, subids::connection()).value_or(0);
         const auto known = find(offer.number);
+        if (offer.end) {
+            forget(known);
+            return offer;
+        }
         if (known != entries.end()) {
             touch(known, now);
             offer.repeated = overlap(offer, known->consumed);
@@ -170,10 +180,14 @@ private:
             forgetFirst();
     }
 
-    void forgetFirst()
+    void forgetFirst() { forget(entries.begin()); }
+
+    void forget(Entries::iterator entry)
     {
-        index.remove(entries.front().number);
-        entries.pop_front();
+        if (entry == entries.end())
+            return;
+        index.remove(entry->number);
+        entries.erase(entry);
     }
 
     const Limits limits;

@@ -36,4 +36,11 @@ inline QString offset()
     return QStringLiteral("offset");
 }
 
+// Why the connection is over: "peer", "reset", "idle", "tls", "limit" or "stop". Only with "ends",
+// in the last record of a connection, which has no bytes.
+inline QString end()
+{
+    return QStringLiteral("end");
+}
+
 } // namespace subids

@@ -4,44 +4,18 @@
 #include "ssl/ssl.h"
 
 #include "plugin/cwrn.h"
+#include "ssl/sslvalues.h"
 
 #include <QtCore/QFile>
 #include <QtCore/QJsonObject>
-#include <QtNetwork/QSslCertificate>
 #include <QtNetwork/QSslConfiguration>
-#include <QtNetwork/QSslKey>
 #include <QtNetwork/QSslSocket>
-
-#include <optional>
 
 namespace {
 
-QSslCertificate certificateFrom(const QByteArray &pem)
-{
-    return QSslCertificate(pem, QSsl::Pem);
-}
-
-QSslKey keyFrom(const QByteArray &pem)
-{
-    return QSslKey(pem, QSsl::Rsa, QSsl::Pem, QSsl::PrivateKey, QByteArray());
-}
-
-std::optional<QSsl::SslProtocol> protocolFrom(const QString &version)
-{
-    if (version == QLatin1String("1.3"))
-        return QSsl::TlsV1_3;
-    if (version == QLatin1String("1.3+"))
-        return QSsl::TlsV1_3OrLater;
-    if (version == QLatin1String("1.2"))
-        return QSsl::TlsV1_2;
-    if (version == QLatin1String("1.2+"))
-        return QSsl::TlsV1_2OrLater;
-    return std::nullopt;
-}
-
 void setVersion(const QString &version, QSslConfiguration &sslConfig)
 {
-    const auto protocol = protocolFrom(version);
+    const auto protocol = tls::protocolFrom(version);
     if (!protocol) {
         CWRN(QtWarningMsg, QStringLiteral("SSL Config: unknown TLS version %1, ignoring"), version);
         return;
@@ -68,11 +42,11 @@ bool applyFile(const QString &key, const QString &name, QSslConfiguration &sslCo
     }
     const QByteArray pem = file.readAll();
     if (key == QLatin1String("CAFile"))
-        sslConfig.addCaCertificate(certificateFrom(pem));
+        sslConfig.addCaCertificate(tls::certificateFrom(pem));
     else if (key == QLatin1String("CertFile"))
-        sslConfig.setLocalCertificate(certificateFrom(pem));
+        sslConfig.setLocalCertificate(tls::certificateFrom(pem));
     else
-        sslConfig.setPrivateKey(keyFrom(pem));
+        sslConfig.setPrivateKey(tls::keyFrom(pem));
     return true;
 }
 
@@ -91,11 +65,11 @@ bool ssl::readSslConfig(const QJsonObject &config, QSslConfiguration &sslConfig)
         const QJsonValue value = config.value(key);
         const QString text = value.toString();
         if (key == QLatin1String("CACertificate"))
-            sslConfig.addCaCertificate(certificateFrom(text.toUtf8()));
+            sslConfig.addCaCertificate(tls::certificateFrom(text.toUtf8()));
         else if (key == QLatin1String("Certificate"))
-            sslConfig.setLocalCertificate(certificateFrom(text.toUtf8()));
+            sslConfig.setLocalCertificate(tls::certificateFrom(text.toUtf8()));
         else if (key == QLatin1String("PrivateKey"))
-            sslConfig.setPrivateKey(keyFrom(text.toUtf8()));
+            sslConfig.setPrivateKey(tls::keyFrom(text.toUtf8()));
         else if (key == QLatin1String("CAFile") || key == QLatin1String("CertFile")
                  || key == QLatin1String("KeyFile"))
             result = applyFile(key, text, sslConfig) && result;

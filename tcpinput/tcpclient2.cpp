@@ -15,8 +15,6 @@
 
 namespace {
 
-constexpr qint64 OfferIntervalMs = 200; // at most one offer per interval on the read path
-constexpr qint64 KickAfterMs = 2000; // an offer that nobody answered is repeated after this
 constexpr int LogReadAboveBytes = 1000;
 
 } // namespace
@@ -117,18 +115,19 @@ void TcpClient2::cutTo(quint64 position)
         offerRemainder(*left);
 }
 
-// left: how many bytes a cut has left.
-void TcpClient2::offerRemainder(qsizetype left)
+// left: how many bytes a cut has left. False: it makes no offer.
+bool TcpClient2::offerRemainder(qsizetype left)
 {
     if (left <= UnconsumedBytes::RemainderBytes)
-        return;
+        return false;
     CWRN(QtDebugMsg, QStringLiteral("TcpClient: inbuf still %1 bytes, triggering"),
          static_cast<qint64>(left));
     const Snapshot remainder = unconsumed.copy();
     if (remainder.data.isEmpty()) // the host has cut what it was not offered
-        return;
+        return false;
     offer(remainder);
-    lastEmit = Clock::now();
+    pace.begin(Clock::now());
+    return true;
 }
 
 void TcpClient2::mreadyRead()
@@ -137,21 +136,19 @@ void TcpClient2::mreadyRead()
     if (!appendAvailable())
         return;
     const qint64 now = Clock::now();
-    if (!isOfferDue(now, OfferIntervalMs)) {
-        offerRemainder(unconsumed.leftByRecentCut());
-        return;
-    }
+    if (pace.isOfferDue(now))
+        offerWaiting(now);
+    else if (!offerRemainder(unconsumed.leftByRecentCut()))
+        pace.wait(now);
+}
+
+void TcpClient2::offerWaiting(qint64 now)
+{
     const Snapshot all = unconsumed.copy();
     if (all.data.isEmpty()) // the host has cut what it was not offered
         return;
     offer(all);
-    lastEmit = now;
-}
-
-// A clock that was set back counts as a long time. Otherwise offers would wait until it catches up.
-bool TcpClient2::isOfferDue(qint64 now, qint64 intervalMs) const
-{
-    return now - lastEmit > intervalMs || now < lastEmit;
+    pace.begin(now);
 }
 
 void TcpClient2::offer(const Snapshot &all)
@@ -160,12 +157,20 @@ void TcpClient2::offer(const Snapshot &all)
     // The last offer was made there.
     if (!socket)
         return;
+    pace.stopWaiting();
     offeredPosition = all.position;
-    if (taker)
-        taker(all.data);
+    handOut(all);
     if (socket) // the taker may have ended the connection, too
         emitOffer(all, *socket);
     idle.begin();
+}
+
+void TcpClient2::handOut(const Snapshot &all)
+{
+    if (!taker)
+        return;
+    offered = true;
+    taker(all.data);
 }
 
 void TcpClient2::emitOffer(const Snapshot &all, const QTcpSocket &from)
@@ -190,7 +195,7 @@ void TcpClient2::checkData()
     if (size <= BacklogCheck::AboveBytes)
         return;
     backlog.startNext();
-    if (!isOfferDue(now, KickAfterMs))
+    if (!pace.isKickDue(now))
         return;
 
     // Deliberate: the text has no marker for the size. Qt warns of that, and operators search for
@@ -198,7 +203,7 @@ void TcpClient2::checkData()
     CWRN(QtInfoMsg, QStringLiteral("TcpClient: inbuf parsing stopped, kicking"),
          static_cast<qint64>(size));
     offer(all);
-    lastEmit = now;
+    pace.begin(now);
 }
 
 void TcpClient2::checkIdle()
@@ -210,6 +215,7 @@ void TcpClient2::checkIdle()
 void TcpClient2::timeout()
 {
     CWRN(QtDebugMsg, QStringLiteral("TcpClient: timeout"));
+    isIdle = true;
     mdisconnected();
 }
 
@@ -231,6 +237,7 @@ void TcpClient2::mdisconnected()
 
     // Before anything that may run the event loop, so that no other call ends this socket.
     QTcpSocket *closing = std::exchange(socket, nullptr);
+    const EndReason reason = reasonOf(*closing);
     transport = nullptr;
     adapter.reset();
     disconnect(closing, &QAbstractSocket::disconnected, this, &TcpClient2::mdisconnected);
@@ -245,9 +252,19 @@ void TcpClient2::mdisconnected()
     closing->close();
     EpollEventDispatcher::deleteLater(closing);
     // Deliberate: the host gets the last record after the line is written and the socket is closed.
-    if (!last.data.isEmpty() && taker)
-        taker(last.data);
+    if (!last.data.isEmpty())
+        handOut(last);
+    if (endTaker)
+        endTaker(reason, last.position + static_cast<quint64>(last.data.size()));
     Q_EMIT disconnected(getId());
+}
+
+// Of a socket that is still open this side is the one that ends it.
+EndReason TcpClient2::reasonOf(const QTcpSocket &ended) const
+{
+    if (ended.state() != QAbstractSocket::ConnectedState)
+        return transport->endReason();
+    return isIdle ? EndReason::Idle : EndReason::Stop;
 }
 
 // Reads all that the socket holds. False if there was nothing.

@@ -5,7 +5,9 @@
 
 #include "plugin/connection.h"
 #include "tcpinput/receive/backlogcheck.h"
+#include "tcpinput/receive/endreason.h"
 #include "tcpinput/receive/idletimer.h"
+#include "tcpinput/receive/offerpace.h"
 #include "tcpinput/receive/sockettransport.h"
 #include "tcpinput/receive/unconsumedbytes.h"
 #include "tcpinput/workers/locks.h"
@@ -23,7 +25,7 @@
     Owner:  the TcpTask2 that made it (QObject parent). It never deletes itself.
     Locks:  idMutex and that of the unconsumed bytes; never held together, never while emitting.
 */
-class TcpClient2 : public QObject, private TransportReader
+class TcpClient2 : public QObject, private TransportReader, private OfferPace::Offerer
 {
     Q_OBJECT
 
@@ -71,9 +73,18 @@ public:
     using Taker = std::function<void(const QByteArray &data)>;
     void offerTo(Taker value) { taker = std::move(value); }
 
+    // Is called once, after the last offer. position: behind the last byte. Default: empty.
+    using EndTaker = std::function<void(EndReason reason, quint64 position)>;
+    void tellEndTo(EndTaker value) { endTaker = std::move(value); }
+    // Whether the taker was ever called.
+    bool hasOffered() const { return offered; }
+
     // value: not owned, in the same thread, outlives the client. Default: null; the client then
     // checks its backlog by itself.
     void setBacklogWatch(BacklogWatch *value) { backlog.setWatch(value); }
+
+    // As above. Default: null; bytes that come within 200 ms of an offer then wait, see OfferPace.
+    void setPromptList(PromptList *value) { pace.setPromptList(value); }
 
     // In the client's thread.
     IdleTimer &idleTimer() { return idle; }
@@ -106,15 +117,17 @@ private:
     using Snapshot = UnconsumedBytes::Snapshot;
 
     void bytesCame() override { mreadyRead(); }
+    void offerWaiting(qint64 now) override;
     bool appendAvailable();
     bool isReadable(int place);
     void deriveId();
 
     void checkIdle();
     void offer(const Snapshot &unconsumed);
-    void offerRemainder(qsizetype left);
+    bool offerRemainder(qsizetype left);
+    void handOut(const Snapshot &unconsumed);
     void emitOffer(const Snapshot &unconsumed, const QTcpSocket &from);
-    bool isOfferDue(qint64 now, qint64 intervalMs) const;
+    EndReason reasonOf(const QTcpSocket &ended) const;
 
     void requestCut(int len);
     bool isOwnThread() const;
@@ -133,10 +146,13 @@ private:
     Transport *transport = nullptr; // of the socket; null after the end
     IdleTimer idle;
     BacklogCheck backlog{unconsumed};
-    qint64 lastEmit = 0; // ms since the epoch
+    OfferPace pace{*this};
     qint64 bytesReceived = 0;
     qint64 msgsReceived = 0; // reads, not messages of the data stream
     bool idBuilt = false;
+    bool isIdle = false; // its time-out ends it
+    bool offered = false; // the taker was called
     quint64 offeredPosition = 0; // of the latest offer
     Taker taker;
+    EndTaker endTaker;
 };

@@ -101,7 +101,7 @@ void TcpInputPlugin2::drop(int len)
 bool TcpInputPlugin2::start()
 {
     Q_ASSERT(QThread::currentThread() == thread());
-    if (destroying)
+    if (destroying || !Configuration::check(config, pluginId))
         return false;
     servers.use(configuration.useTls || config.contains(QLatin1String("ssl")));
     const bool usable = configuration.apply(config, pluginId);
@@ -113,7 +113,7 @@ bool TcpInputPlugin2::start()
              pluginId);
         return false;
     }
-    servers.setStamping(used.offsets);
+    servers.setServing(used.serving);
     connTemplate.setLocalAddress(used.address);
     connTemplate.setLocalPort(used.port);
 

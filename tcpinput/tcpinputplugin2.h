@@ -7,7 +7,7 @@
 #include "plugin/iinputplugin.h"
 #include "tcpinput/accept/servers.h"
 #include "tcpinput/accept/untakenconnections.h"
-#include "tcpinput/configuration.h"
+#include "tcpinput/configuration/configuration.h"
 #include "tcpinput/workerpool.h"
 
 #include <QtCore/QTimer>

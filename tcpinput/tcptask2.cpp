@@ -167,7 +167,7 @@ void TcpTask2::addConnection(Connection conn)
         CWRN(QtWarningMsg, QStringLiteral("TcpTask2: Creating receiving socket failed"));
         return;
     }
-    const auto &[endpoints, number] = taken.acceptance;
+    const Endpoints &endpoints = taken.acceptance.endpoints;
     const QString id = clientId(conn.getLocalAddress().toString(), conn.getLocalPort(),
                                 endpoints.peer.toString(), endpoints.peerPort);
     CWRN(QtDebugMsg, QStringLiteral("TcpTask2: new connection %1"), id);
@@ -176,12 +176,12 @@ void TcpTask2::addConnection(Connection conn)
     // costs next to nothing.
     qRegisterMetaType<Connection>();
     auto *client = new TcpClient2(this, id, taken.socket.release(), conn.getTimeout());
-    if (number != 0)
-        client->stampOffers(number);
-    if (!watch)
+    if (!watch) {
         watch = std::make_unique<BacklogWatch>();
+        promptList = std::make_unique<PromptList>();
+    }
     client->setBacklogWatch(watch.get());
-    connectClient(client, endpoints);
+    connectClient(client, taken.acceptance);
     {
         const WriteLocker locker(clientsLock);
         connect(this, &TcpTask2::stopTimer, client, &TcpClient2::mdisconnected,
@@ -192,8 +192,14 @@ void TcpTask2::addConnection(Connection conn)
          static_cast<qint64>(registry().size()));
 }
 
-void TcpTask2::connectClient(TcpClient2 *client, const Endpoints &endpoints)
+void TcpTask2::connectClient(TcpClient2 *client, const Acceptance &acceptance)
 {
+    if (acceptance.number != 0)
+        client->stampOffers(acceptance.number);
+    if (acceptance.serving.prompt)
+        client->setPromptList(promptList.get());
+    if (acceptance.serving.ends != Serving::Ends::None)
+        tellEnd(client, acceptance);
     // Queued although both live in one thread: a client is never deleted inside its own signal.
     connect(
             client, &TcpClient2::disconnected, this,
@@ -211,12 +217,24 @@ void TcpTask2::connectClient(TcpClient2 *client, const Endpoints &endpoints)
                     idChanged(oid, id);
             },
             Qt::DirectConnection);
-    client->offerTo(
-            [this, client, maker = RecordMaker(num, endpoints)](const QByteArray &data) mutable {
-                const RecordMaker::Stamp stamp{client->connectionNumber(), client->offerPosition()};
-                Q_EMIT receivedData(maker.make(data, client->getId(), localSecond.now(),
-                                               stamp.connection == 0 ? nullptr : &stamp));
-            });
+    client->offerTo([this, client, maker = RecordMaker(num, acceptance.endpoints)](
+                            const QByteArray &data) mutable {
+        const RecordMaker::Stamp stamp{client->connectionNumber(), client->offerPosition()};
+        Q_EMIT receivedData(maker.make(data, client->getId(), localSecond.now(),
+                                       stamp.connection == 0 ? nullptr : &stamp));
+    });
+}
+
+void TcpTask2::tellEnd(TcpClient2 *client, const Acceptance &acceptance)
+{
+    client->tellEndTo([this, client, acceptance](EndReason reason, quint64 position) {
+        if (acceptance.serving.ends != Serving::Ends::All && !client->hasOffered())
+            return;
+        const RecordMaker::Stamp stamp{acceptance.number, position};
+        Q_EMIT receivedData(RecordMaker(num, acceptance.endpoints)
+                                    .makeEnd(reason, client->getId(), localSecond.now(),
+                                             stamp.connection == 0 ? nullptr : &stamp));
+    });
 }
 
 // Requires clientsLock for writing. Deliberate: a client that held the id before lives on, but

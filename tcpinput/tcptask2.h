@@ -7,6 +7,7 @@
 #include "plugin/parseddata.h"
 #include "tcpinput/receive/backlogwatch.h"
 #include "tcpinput/receive/localsecond.h"
+#include "tcpinput/receive/promptlist.h"
 #include "tcpinput/workers/locks.h"
 
 #include <QtCore/QHash>
@@ -18,7 +19,7 @@
 #include <atomic>
 #include <memory>
 
-struct Endpoints;
+struct Acceptance;
 class TcpClient2;
 
 /*!
@@ -85,7 +86,8 @@ private Q_SLOTS:
 private:
     static DiscardResult discardTo(TcpClient2 *client, int length, const QString &from,
                                    const QMap<QString, QString> &subid);
-    void connectClient(TcpClient2 *client, const Endpoints &endpoints);
+    void connectClient(TcpClient2 *client, const Acceptance &acceptance);
+    void tellEnd(TcpClient2 *client, const Acceptance &acceptance);
     // The registry, for reads in the task's thread.
     const QHash<QString, TcpClient2 *> &registry() const
     {
@@ -104,5 +106,7 @@ private:
     bool dying = false; // this and below: the task's thread only
     QSet<TcpClient2 *> displaced; // other clients took their ids; until their end
     LocalSecond localSecond;
-    std::unique_ptr<BacklogWatch> watch; // made with the first client, in the task's thread
+    // Made with the first client, in the task's thread.
+    std::unique_ptr<BacklogWatch> watch;
+    std::unique_ptr<PromptList> promptList;
 };

@@ -25,8 +25,8 @@ template<class Base, class Waiting>
 class AcceptingServer : public Base, public ConnectionSource
 {
 public:
-    // Whether the offers of connections accepted from now on are stamped. Default: no.
-    void setStamping(bool on) { stamping = on; }
+    // How connections are served that are accepted from now on. Default: as the contract gives it.
+    void setServing(const Serving &value) { serving = value; }
 
     // False if the port is in use, also if another process begins to listen there between bind()
     // and listen() of this one; the server has no port then. Also false if the server listens
@@ -58,7 +58,7 @@ protected:
         this->setListenBacklogSize(ListenBacklog);
     }
 
-    bool stamping = false; // the server's thread only
+    Serving serving; // the server's thread only
     PendingConnections<Waiting> waiting;
 
 private:

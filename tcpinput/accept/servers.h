@@ -23,10 +23,10 @@ public:
     QTcpServer &active() { return usesTls ? static_cast<QTcpServer &>(tls) : tcp; }
     AcceptGuard &guard() { return usesTls ? tls.guard : tcp.guard; }
 
-    void setStamping(bool on)
+    void setServing(const Serving &value)
     {
-        tcp.setStamping(on);
-        tls.setStamping(on);
+        tcp.setServing(value);
+        tls.setServing(value);
     }
     void close()
     {

@@ -75,7 +75,7 @@ TakenConnection SslServer::take()
 
 void SslServer::incomingConnection(qintptr descriptor)
 {
-    const Acceptance acceptance = Acceptance::of(descriptor, stamping);
+    const Acceptance acceptance = Acceptance::of(descriptor, serving);
     auto socket = std::make_unique<TlsSocket>();
     socket->setSslConfiguration(sslConfiguration());
     if (!socket->setSocketDescriptor(descriptor)) {

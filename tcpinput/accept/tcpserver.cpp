@@ -33,6 +33,6 @@ TakenConnection TcpServer::take()
 
 void TcpServer::incomingConnection(qintptr descriptor)
 {
-    waiting.add({descriptor, Acceptance::of(descriptor, stamping)});
+    waiting.add({descriptor, Acceptance::of(descriptor, serving)});
     guard.accepted();
 }

@@ -5,8 +5,8 @@
 
 #include <atomic>
 
-Acceptance Acceptance::of(qintptr descriptor, bool stamped)
+Acceptance Acceptance::of(qintptr descriptor, const Serving &serving)
 {
     static std::atomic<quint64> next = 1;
-    return {Endpoints::of(descriptor), stamped ? next.fetch_add(1) : 0};
+    return {Endpoints::of(descriptor), serving.offsets ? next.fetch_add(1) : 0, serving};
 }

@@ -153,12 +153,14 @@ void ReceivingSocket::receive()
 {
     ReceiveBuffer buffer;
     const ssize_t size = ::recv(descriptor(), buffer.data(), ReceiveBytes, MSG_DONTWAIT);
-    if (size == ReceiveBytes)
+    if (size == ReceiveBytes) {
         handOutBlock(receiveOn(QByteArrayView(buffer.data(), size), MostBytesPerTurn));
-    else if (size > 0)
+    } else if (size > 0) {
         handOut(QByteArrayView(buffer.data(), size));
-    else if (size == 0 || (errno != EAGAIN && errno != EINTR))
+    } else if (size == 0 || (errno != EAGAIN && errno != EINTR)) {
+        broken = size < 0;
         endByPeer();
+    }
 }
 
 // Returns first and all bytes that follow, until the kernel has none left or most is reached. The

@@ -35,6 +35,7 @@ public:
     void setReader(TransportReader *value) override { reader = value; }
     // Always true: the socket can be read, and keeps its peer's address, when the peer has gone.
     bool isUsable() const override { return true; }
+    EndReason endReason() const override { return broken ? EndReason::Reset : EndReason::Peer; }
     QByteArray takeBlock(qint64 size) override;
     qint64 take(char *data, qint64 maxSize) override { return readData(data, maxSize); }
 
@@ -82,6 +83,7 @@ private:
 
     Notifier notifier;
     TransportReader *reader = nullptr;
+    bool broken = false; // by an error, not closed
     QByteArrayView unread; // in kept, or in the thread's buffer while the reader is called
     QByteArray kept; // a large read, or the bytes that a reader has left (rare)
 };

@@ -24,6 +24,14 @@ shared_parsedData RecordMaker::make(const QByteArray &data, const QString &id,
     return shared_parsedData::create(data, source, peerText, peerPort, subIds, time);
 }
 
+shared_parsedData RecordMaker::makeEnd(EndReason reason, const QString &id, const QDateTime &time,
+                                       const Stamp *stamp)
+{
+    shared_parsedData record = make({}, id, time, stamp);
+    record->addPluginSubId(subids::end(), textOf(reason));
+    return record;
+}
+
 void RecordMaker::nameClient(const QString &id, const Stamp *stamp)
 {
     if (!subIds.isEmpty() && client == id)

@@ -5,6 +5,7 @@
 
 #include "plugin/parseddata.h"
 #include "tcpinput/connection/endpoints.h"
+#include "tcpinput/receive/endreason.h"
 
 #include <QtCore/QByteArray>
 #include <QtCore/QDateTime>
@@ -30,6 +31,10 @@ public:
         quint64 connection; // its number
         quint64 position; // how many of its bytes lie before the first one of the offer
     };
+
+    // The record that tells a connection's end. stamp: with the position behind its last byte.
+    shared_parsedData makeEnd(EndReason reason, const QString &id, const QDateTime &time,
+                              const Stamp *stamp = nullptr);
 
     // id: the client's. time: local. stamp: this connection's, or null. The record has no plugin id
     // yet.

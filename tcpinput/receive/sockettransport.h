@@ -28,6 +28,20 @@ public:
                                           [value] { value->bytesCame(); });
     }
     bool isUsable() const override { return socket.isValid(); }
+    // Qt does not tell a reset from a FIN.
+    EndReason endReason() const override
+    {
+        switch (socket.error()) {
+        case QAbstractSocket::SslInternalError:
+        case QAbstractSocket::SslInvalidUserDataError:
+            return EndReason::Tls;
+        case QAbstractSocket::NetworkError:
+        case QAbstractSocket::SocketTimeoutError:
+            return EndReason::Reset;
+        default:
+            return EndReason::Peer;
+        }
+    }
     QByteArray takeBlock(qint64) override { return {}; }
     qint64 take(char *data, qint64 maxSize) override { return socket.read(data, maxSize); }
 

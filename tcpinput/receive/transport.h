@@ -3,6 +3,8 @@
 
 #pragma once
 
+#include "tcpinput/receive/endreason.h"
+
 #include <QtCore/QByteArray>
 
 //! Is called when bytes have come.
@@ -30,6 +32,8 @@ public:
     virtual void setReader(TransportReader *value) = 0;
     // False: nothing can come any more, and reading fails.
     virtual bool isUsable() const = 0;
+    // Why the socket is connected no more, if this side has not closed it.
+    virtual EndReason endReason() const = 0;
     // All available bytes without a copy, if they are size bytes in a block of their own. Otherwise
     // empty: use take().
     virtual QByteArray takeBlock(qint64 size) = 0;

@@ -13,8 +13,8 @@
 
 namespace {
 
-// A cut that is made ahead counts as made this much later: about as long as an idle machine takes to
-// wake up the client's thread for it.
+// A cut that is made ahead counts as made this much later: about as long as an idle machine takes
+// to wake up the client's thread for it.
 constexpr std::chrono::steady_clock::duration CutDelay = std::chrono::microseconds(150);
 
 } // namespace

@@ -14,6 +14,7 @@ foreach(name IN ITEMS tst_hostileanswers tst_hostilecalls)
     test_uses_certificates(${name})
 endforeach()
 
+tls_test(host tst_ends 300)
 tls_test(host tst_tlsmatrix 300)
 tls_test(host tst_tlshandover 900)
 

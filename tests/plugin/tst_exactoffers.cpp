@@ -44,6 +44,8 @@ private Q_SLOTS:
     void anOfferKeepsAConnectionRemembered();
     void offersOpenAtATime();
     void farPositions();
+    void forgetsByTheEnd();
+    void endWithoutPosition();
 };
 
 void tst_ExactOffers::everythingIsNewAtFirst()
@@ -220,6 +222,33 @@ void tst_ExactOffers::farPositions()
     const auto last = offers.open(*offerOf(farthest, farthest, ""));
     QCOMPARE(last.position(), farthest);
     QCOMPARE(last.connection(), farthest);
+}
+
+void tst_ExactOffers::forgetsByTheEnd()
+{
+    ExactOffers offers;
+    offers.consume(offers.open(*offerOf(1, 0, "ab")), 2);
+    offers.consume(offers.open(*offerOf(2, 0, "cd")), 2);
+    const shared_parsedData record = offerOf(1, 2, "");
+    record->addPluginSubId(QStringLiteral("end"), QStringLiteral("peer"));
+    const auto end = offers.open(*record);
+    QVERIFY(end.isEnd());
+    QVERIFY(end.fresh().isEmpty());
+    QCOMPARE(end.connection(), 1U);
+    QCOMPARE(offers.size(), 1U);
+    const auto other = offers.open(*offerOf(2, 0, "cd"));
+    QVERIFY(!other.isEnd());
+    QVERIFY(other.fresh().isEmpty());
+    QVERIFY(offers.open(*record).isEnd()); // of a connection that is not remembered
+}
+
+void tst_ExactOffers::endWithoutPosition()
+{
+    ExactOffers offers;
+    ParsedData record;
+    record.addPluginSubId(QStringLiteral("end"), QStringLiteral("stop"));
+    QVERIFY(offers.open(record).isEnd());
+    QVERIFY(!offers.open(ParsedData()).isEnd());
 }
 
 QTEST_APPLESS_MAIN(tst_ExactOffers)

@@ -9,6 +9,7 @@ core_test(tst_clientending)
 core_test(tst_clientkick)
 core_test(tst_clientmodel)
 core_test(tst_clientoffers)
+core_test(tst_clientprompt)
 core_test(tst_clientreading)
 core_test(tst_clienttimeout)
 core_test(tst_connectionends)
@@ -26,6 +27,7 @@ core_test(tst_taskthreads)
 
 # TcpInputPlugin2
 core_test(tst_configurationkeys)
+test_uses_certificates(tst_configurationkeys)
 target_compile_definitions(tst_configurationkeys PRIVATE SOURCE_DIR="${PROJECT_SOURCE_DIR}")
 foreach(name IN ITEMS
         tst_configuration tst_configurationtls tst_nestedloops tst_plugindiscard tst_pluginrotation

@@ -48,6 +48,7 @@ private Q_SLOTS:
     void threadpoolSize_data();
     void threadpoolSize();
     void namesAreExact();
+    void refusedObjectChangesNothing();
 
     void interfaceLastIPv4();
     void interfaceByNumber();
@@ -272,6 +273,20 @@ void tst_Configuration::namesAreExact()
     Plugin plugin(object);
     QCOMPARE(plugin.startLog(), startLines(address.toString(), listenPort));
     QCOMPARE(plugin.getStatus(), statusLine(address.toString(), listenPort));
+}
+
+void tst_Configuration::refusedObjectChangesNothing()
+{
+    const int port = freePort(address);
+    Plugin plugin(with(own(), u"port"_s, port));
+    QCOMPARE(plugin.startLog(), startLines(address.toString(), port));
+    const QString before = plugin.getStatus();
+    plugin.setConfig(QJsonObject{{u"strict"_s, true}, {u"timeout"_s, 5}, {u"Timeout"_s, 7}});
+    QCOMPARE(plugin.startLog(false),
+             QStringList(u"W: TcpInputPlugin2(cfg): Configuration: unknown key Timeout, accepted: "
+                         "ends, interface, ipAddr, offsets, port, prompt, ssl, strict, "
+                         "threadpoolSize, timeout"_s));
+    QCOMPARE(plugin.getStatus(), before);
 }
 
 void tst_Configuration::interfaceLastIPv4()

@@ -3,6 +3,7 @@
 
 core_test(tst_backlogwatch)
 core_test(tst_inputbuffer)
+core_test(tst_promptlist)
 core_test(tst_receivingbytes)
 core_test(tst_receivingend)
 core_test(tst_receivingsocket)

@@ -3,6 +3,8 @@
 
 #pragma once
 
+#include "tcpinput/connection/serving.h"
+
 #include <QtCore/QJsonObject>
 #include <QtCore/QJsonValue>
 #include <QtNetwork/QHostAddress>
@@ -20,6 +22,11 @@
 class Configuration
 {
 public:
+    //! Whether a key keeps its value when it is missing in a later object.
+    enum class Kept : bool { No, Yes };
+    //! What a bad value does: the one in docs/CONFIGURATION.md, or start() fails.
+    enum class Bad : bool { Ignored, Refused };
+
     //! One key of the object.
     struct Key
     {
@@ -28,20 +35,27 @@ public:
         const char *byDefault;
         const char *accepted; // values; badValue says what all others do
         const char *badValue;
-        bool sticks; // keeps its value when the key is missing in a later object
-        bool (Configuration::*read)(const QJsonValue &value); // false: cannot be set up
+        Kept kept;
+        Bad bad;
+        bool (*isAccepted)(const QJsonValue &value);
+        // False: cannot be set up. Null: check() has used the value.
+        bool (Configuration::*read)(const QJsonValue &value);
     };
     // All keys in the order in which they are applied, which is sorted by name. The texts are those
     // of docs/CONFIGURATION.md.
-    static const std::array<Key, 7> &keys();
+    static const std::array<Key, 10> &keys();
 
-    // Applies an object. False if TLS cannot be set up; the keys behind "ssl" are then not applied.
-    // pluginId: for log lines.
+    // False: start() must fail. Each reason is logged: bad values of keys that refuse them; with
+    // "strict", all bad values and unknown keys. pluginId: for log lines.
+    static bool check(const QJsonObject &object, const QString &pluginId);
+
+    // Applies an object that check() has passed. False if TLS cannot be set up; the keys behind
+    // "ssl" are then not applied. pluginId: for log lines.
     bool apply(const QJsonObject &object, const QString &pluginId);
 
     QHostAddress address;
     quint16 port = 0;
-    bool offsets = false; // offers carry their positions
+    Serving serving;
     int timeoutMs = 60000; // idle time-out; more than 0
     int poolSize = 4; // threads; more than 0
     bool useTls = false;
@@ -51,7 +65,9 @@ private:
     bool readPort(const QJsonValue &value);
     bool readAddress(const QJsonValue &value);
     bool readInterface(const QJsonValue &value);
+    bool readEnds(const QJsonValue &value);
     bool readOffsets(const QJsonValue &value);
+    bool readPrompt(const QJsonValue &value);
     bool readTimeout(const QJsonValue &value);
     bool readPoolSize(const QJsonValue &value);
     bool readTls(const QJsonValue &value);

@@ -1,0 +1,69 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "tcpinput/configuration/values.h"
+
+#include <QtCore/QJsonArray>
+#include <QtCore/QJsonDocument>
+#include <QtNetwork/QHostAddress>
+#include <QtNetwork/QNetworkInterface>
+
+#include <algorithm>
+
+namespace {
+
+constexpr int HighestPort = 65534;
+constexpr qsizetype LongestShownText = 40;
+
+} // namespace
+
+bool values::isBoolean(const QJsonValue &value)
+{
+    return value.isBool();
+}
+
+bool values::isText(const QJsonValue &value)
+{
+    return value.isString();
+}
+
+bool values::isObject(const QJsonValue &value)
+{
+    return value.isObject();
+}
+
+bool values::isPositive(const QJsonValue &value)
+{
+    return value.toInt() > 0;
+}
+
+bool values::isPort(const QJsonValue &value)
+{
+    return isPositive(value) && value.toInt() <= HighestPort;
+}
+
+bool values::isAddress(const QJsonValue &value)
+{
+    return QHostAddress().setAddress(value.toString());
+}
+
+bool values::isInterface(const QJsonValue &value)
+{
+    const auto entries = QNetworkInterface::interfaceFromName(value.toString()).addressEntries();
+    return std::any_of(entries.begin(), entries.end(), [](const QNetworkAddressEntry &entry) {
+        return entry.ip().protocol() == QAbstractSocket::IPv4Protocol;
+    });
+}
+
+QString values::shown(const QJsonValue &value)
+{
+    if (value.isObject())
+        return QStringLiteral("an object");
+    if (value.isArray())
+        return QStringLiteral("an array");
+    if (const qsizetype size = value.toString().size(); size > LongestShownText)
+        return QStringLiteral("a text of %1 characters").arg(size);
+    // A document is an array or an object.
+    const QByteArray array = QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact);
+    return QString::fromUtf8(array.sliced(1).chopped(1));
+}

@@ -56,6 +56,7 @@ TcpClient2::~TcpClient2()
     backlog.stop();
     if (!socket)
         return;
+    intake.reset();
     transport->setReader(nullptr);
     // Before the close, which would run mdisconnected() on an object that is being destroyed.
     socket->disconnect(this);
@@ -106,13 +107,42 @@ void TcpClient2::postCut(Cut cut)
 void TcpClient2::cutInbuf(int len)
 {
     Q_ASSERT(isOwnThread());
-    offerRemainder(unconsumed.cut(len));
+    wasCut(unconsumed.cut(len));
 }
 
 void TcpClient2::cutTo(quint64 position)
 {
     if (const auto left = unconsumed.cutTo(position))
-        offerRemainder(*left);
+        wasCut(*left);
+}
+
+void TcpClient2::wasCut(qsizetype left)
+{
+    if (intake)
+        intake->settle();
+    offerRemainder(left);
+}
+
+void TcpClient2::limit(const std::shared_ptr<HeldBytes> &held, PausedList &list)
+{
+    unconsumed.setHeld(held);
+    Intake::Reader &reader = *this;
+    intake = std::make_unique<Intake>(reader, *this, *transport, list, held);
+}
+
+// The record before was handed over.
+void TcpClient2::offerMerged()
+{
+    offerWaiting(Clock::now());
+}
+
+void TcpClient2::endStalled(std::chrono::seconds after)
+{
+    ownReason = EndReason::Limit;
+    CWRN(QtWarningMsg,
+         QStringLiteral("TcpClient2 (%1): paused for %2 s and nothing consumed, closing"), getId(),
+         static_cast<qint64>(after.count()));
+    mdisconnected();
 }
 
 // left: how many bytes a cut has left. False: it makes no offer.
@@ -136,7 +166,8 @@ void TcpClient2::mreadyRead()
     if (!appendAvailable())
         return;
     const qint64 now = Clock::now();
-    if (pace.isOfferDue(now))
+    // A paused connection reads no more until the host consumes, and must not wait for more.
+    if (pace.isOfferDue(now) || isPaused())
         offerWaiting(now);
     else if (!offerRemainder(unconsumed.leftByRecentCut()))
         pace.wait(now);
@@ -158,6 +189,10 @@ void TcpClient2::offer(const Snapshot &all)
     if (!socket)
         return;
     pace.stopWaiting();
+    if (intake && !intake->beginOffer()) { // merged into the next one
+        idle.begin();
+        return;
+    }
     offeredPosition = all.position;
     handOut(all);
     if (socket) // the taker may have ended the connection, too
@@ -208,6 +243,8 @@ void TcpClient2::checkData()
 
 void TcpClient2::checkIdle()
 {
+    if (isPaused()) // no idle time
+        idle.begin();
     if (idle.isOver()) // queued: never from inside the timer
         QMetaObject::invokeMethod(this, &TcpClient2::timeout, Qt::QueuedConnection);
 }
@@ -215,7 +252,7 @@ void TcpClient2::checkIdle()
 void TcpClient2::timeout()
 {
     CWRN(QtDebugMsg, QStringLiteral("TcpClient: timeout"));
-    isIdle = true;
+    ownReason = EndReason::Idle;
     mdisconnected();
 }
 
@@ -225,6 +262,8 @@ void TcpClient2::mdisconnected()
     if (!socket) // closed before, or never open
         return;
     transport->setReader(nullptr);
+    if (intake)
+        intake->open();
     // The last offer includes bytes that the event loop has not read yet. close() would drop them.
     if (socket->state() == QAbstractSocket::ConnectedState)
         socket->waitForReadyRead(0);
@@ -237,7 +276,10 @@ void TcpClient2::mdisconnected()
 
     // Before anything that may run the event loop, so that no other call ends this socket.
     QTcpSocket *closing = std::exchange(socket, nullptr);
-    const EndReason reason = reasonOf(*closing);
+    const EndReason reason = closing->state() == QAbstractSocket::ConnectedState
+            ? ownReason
+            : transport->endReason();
+    intake.reset();
     transport = nullptr;
     adapter.reset();
     disconnect(closing, &QAbstractSocket::disconnected, this, &TcpClient2::mdisconnected);
@@ -259,14 +301,6 @@ void TcpClient2::mdisconnected()
     Q_EMIT disconnected(getId());
 }
 
-// Of a socket that is still open this side is the one that ends it.
-EndReason TcpClient2::reasonOf(const QTcpSocket &ended) const
-{
-    if (ended.state() != QAbstractSocket::ConnectedState)
-        return transport->endReason();
-    return isIdle ? EndReason::Idle : EndReason::Stop;
-}
-
 // Reads all that the socket holds. False if there was nothing.
 bool TcpClient2::appendAvailable()
 {
@@ -284,6 +318,8 @@ bool TcpClient2::appendAvailable()
     bytesReceived += msgsize;
     ++msgsReceived;
     backlog.bytesCame(size);
+    if (intake)
+        intake->settle();
     return true;
 }
 

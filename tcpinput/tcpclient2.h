@@ -7,6 +7,7 @@
 #include "tcpinput/receive/backlogcheck.h"
 #include "tcpinput/receive/endreason.h"
 #include "tcpinput/receive/idletimer.h"
+#include "tcpinput/receive/intake.h"
 #include "tcpinput/receive/offerpace.h"
 #include "tcpinput/receive/sockettransport.h"
 #include "tcpinput/receive/unconsumedbytes.h"
@@ -25,7 +26,10 @@
     Owner:  the TcpTask2 that made it (QObject parent). It never deletes itself.
     Locks:  idMutex and that of the unconsumed bytes; never held together, never while emitting.
 */
-class TcpClient2 : public QObject, private TransportReader, private OfferPace::Offerer
+class TcpClient2 : public QObject,
+                   private TransportReader,
+                   private OfferPace::Offerer,
+                   private Intake::Reader
 {
     Q_OBJECT
 
@@ -83,6 +87,10 @@ public:
     // checks its backlog by itself.
     void setBacklogWatch(BacklogWatch *value) { backlog.setWatch(value); }
 
+    // Limits what the connection may hold. list: as above. Call before the first read. Default: no
+    // limit.
+    void limit(const std::shared_ptr<HeldBytes> &held, PausedList &list);
+
     // As above. Default: null; bytes that come within 200 ms of an offer then wait, see OfferPace.
     void setPromptList(PromptList *value) { pace.setPromptList(value); }
 
@@ -117,17 +125,21 @@ private:
     using Snapshot = UnconsumedBytes::Snapshot;
 
     void bytesCame() override { mreadyRead(); }
+    qsizetype room() override { return intake ? intake->room() : TransportReader::room(); }
     void offerWaiting(qint64 now) override;
+    void offerMerged() override;
+    void endStalled(std::chrono::seconds after) override;
+    bool isPaused() const { return intake && intake->isPaused(); }
     bool appendAvailable();
     bool isReadable(int place);
     void deriveId();
 
     void checkIdle();
     void offer(const Snapshot &unconsumed);
+    void wasCut(qsizetype left);
     bool offerRemainder(qsizetype left);
     void handOut(const Snapshot &unconsumed);
     void emitOffer(const Snapshot &unconsumed, const QTcpSocket &from);
-    EndReason reasonOf(const QTcpSocket &ended) const;
 
     void requestCut(int len);
     bool isOwnThread() const;
@@ -147,10 +159,11 @@ private:
     IdleTimer idle;
     BacklogCheck backlog{unconsumed};
     OfferPace pace{*this};
+    std::unique_ptr<Intake> intake; // null: not limited
     qint64 bytesReceived = 0;
     qint64 msgsReceived = 0; // reads, not messages of the data stream
     bool idBuilt = false;
-    bool isIdle = false; // its time-out ends it
+    EndReason ownReason = EndReason::Stop; // if this side ends the connection
     bool offered = false; // the taker was called
     quint64 offeredPosition = 0; // of the latest offer
     Taker taker;

@@ -60,6 +60,7 @@ WorkerPool TcpInputPlugin2::makePool()
         connect(thread, &QThread::finished, this, &TcpInputPlugin2::threadFinished, Queued);
     };
     const auto setUpTask = [this](TcpTask2 *task) {
+        task->setConsumer(this);
         connect(this, &TcpInputPlugin2::logSize, task, &TcpTask2::logSize, Queued);
         connect(this, &TcpInputPlugin2::stopSignal, task, &TcpTask2::stop, Queued);
         connect(task, &TcpTask2::receivedData, this, &TcpInputPlugin2::slotReceivedData, Queued);
@@ -183,6 +184,10 @@ QString TcpInputPlugin2::getStatus()
     // Calls across threads. Only this thread removes tasks, so no lock is needed.
     for (TcpTask2 *task : pool.allTasks())
         result += task->getInfo(QStringLiteral("   "));
+    if (const auto &budget = configuration.serving.budget)
+        result += QStringLiteral("Limits: %1 bytes held, %2 connections paused\r\n")
+                          .arg(budget->held())
+                          .arg(budget->paused.load());
     return result;
 }
 

@@ -9,6 +9,7 @@
 #include "plugin/subids.h"
 #include "tcpinput/accept/connectionsource.h"
 #include "tcpinput/connection/clientid.h"
+#include "tcpinput/limits/heldbytes.h"
 #include "tcpinput/receive/recordmaker.h"
 #include "tcpinput/tcpclient2.h"
 #include "tcpinput/workers/threadid.h"
@@ -179,6 +180,7 @@ void TcpTask2::addConnection(Connection conn)
     if (!watch) {
         watch = std::make_unique<BacklogWatch>();
         promptList = std::make_unique<PromptList>();
+        pausedList = std::make_unique<PausedList>();
     }
     client->setBacklogWatch(watch.get());
     connectClient(client, taken.acceptance);
@@ -217,12 +219,35 @@ void TcpTask2::connectClient(TcpClient2 *client, const Acceptance &acceptance)
                     idChanged(oid, id);
             },
             Qt::DirectConnection);
-    client->offerTo([this, client, maker = RecordMaker(num, acceptance.endpoints)](
+    const auto held = limitClient(client, acceptance.serving.budget);
+    client->offerTo([this, client, held, maker = RecordMaker(num, acceptance.endpoints, held)](
                             const QByteArray &data) mutable {
         const RecordMaker::Stamp stamp{client->connectionNumber(), client->offerPosition()};
         Q_EMIT receivedData(maker.make(data, client->getId(), localSecond.now(),
                                        stamp.connection == 0 ? nullptr : &stamp));
+        if (held)
+            tellHandOver(held);
     });
+}
+
+// Null if buffers are not limited.
+std::shared_ptr<HeldBytes> TcpTask2::limitClient(TcpClient2 *client,
+                                                 const std::shared_ptr<BufferBudget> &budget)
+{
+    if (!budget)
+        return nullptr;
+    const auto held = std::make_shared<HeldBytes>(budget);
+    client->limit(held, *pausedList);
+    return held;
+}
+
+// Queued behind the record.
+void TcpTask2::tellHandOver(const std::shared_ptr<HeldBytes> &held)
+{
+    if (!consumer)
+        return held->handedOver();
+    QMetaObject::invokeMethod(
+            consumer, [held] { held->handedOver(); }, Qt::QueuedConnection);
 }
 
 void TcpTask2::tellEnd(TcpClient2 *client, const Acceptance &acceptance)

@@ -7,6 +7,7 @@
 #include "plugin/parseddata.h"
 #include "tcpinput/receive/backlogwatch.h"
 #include "tcpinput/receive/localsecond.h"
+#include "tcpinput/receive/pausedlist.h"
 #include "tcpinput/receive/promptlist.h"
 #include "tcpinput/workers/locks.h"
 
@@ -20,6 +21,8 @@
 #include <memory>
 
 struct Acceptance;
+class BufferBudget;
+class HeldBytes;
 class TcpClient2;
 
 /*!
@@ -44,6 +47,9 @@ public:
 
     // Sets the task's number. Call once, before the task is moved into its thread.
     void setNum(int n) { num = n; }
+    // value: gets receivedData() in its own thread, queued. Not owned, outlives the task. Default:
+    // null; then nobody waits for records to be handed over.
+    void setConsumer(QObject *value) { consumer = value; }
 
     enum class DiscardResult { Posted, NoClientKey, NoSuchClient, InvalidPosition };
 
@@ -87,6 +93,9 @@ private:
     static DiscardResult discardTo(TcpClient2 *client, int length, const QString &from,
                                    const QMap<QString, QString> &subid);
     void connectClient(TcpClient2 *client, const Acceptance &acceptance);
+    std::shared_ptr<HeldBytes> limitClient(TcpClient2 *client,
+                                           const std::shared_ptr<BufferBudget> &budget);
+    void tellHandOver(const std::shared_ptr<HeldBytes> &held);
     void tellEnd(TcpClient2 *client, const Acceptance &acceptance);
     // The registry, for reads in the task's thread.
     const QHash<QString, TcpClient2 *> &registry() const
@@ -102,11 +111,13 @@ private:
     // By client id. Written in the task's thread only, which reads without the lock.
     QHash<QString, TcpClient2 *> clients GUARDED_BY(clientsLock);
     std::atomic<bool> running = true; // until the first stop()
-    int num = 0; // set once, before the task is moved
+    int num = 0; // this and below: set once, before the task is moved
+    QObject *consumer = nullptr;
     bool dying = false; // this and below: the task's thread only
     QSet<TcpClient2 *> displaced; // other clients took their ids; until their end
     LocalSecond localSecond;
     // Made with the first client, in the task's thread.
     std::unique_ptr<BacklogWatch> watch;
     std::unique_ptr<PromptList> promptList;
+    std::unique_ptr<PausedList> pausedList;
 };

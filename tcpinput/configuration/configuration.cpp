@@ -7,6 +7,7 @@
 #include "ssl/ssl.h"
 #include "ssl/sslkeys.h"
 #include "tcpinput/configuration/checker.h"
+#include "tcpinput/configuration/limitkeys.h"
 #include "tcpinput/configuration/values.h"
 
 #include <QtNetwork/QNetworkInterface>
@@ -28,9 +29,9 @@ bool isEnds(const QJsonValue &value)
 
 } // namespace
 
-const std::array<Configuration::Key, 10> &Configuration::keys()
+const std::array<Configuration::Key, 11> &Configuration::keys()
 {
-    static constexpr std::array<Key, 10> All{{
+    static constexpr std::array<Key, 11> All{{
             {"ends", "boolean or text", "false", "true, false or \"all\"", "`start()` fails",
              Kept::No, Bad::Refused, isEnds, &Configuration::readEnds},
             {"interface", "text", "none", "the name of a network interface, or its number",
@@ -39,6 +40,8 @@ const std::array<Configuration::Key, 10> &Configuration::keys()
             {"ipAddr", "text", "any IPv4 address", "an IPv4 or IPv6 address",
              "listens on 127.0.0.1, without a word; a value that is no text too", Kept::No,
              Bad::Ignored, values::isAddress, &Configuration::readAddress},
+            {"limits", "object", "absent: no limits", "an object", "`start()` fails", Kept::No,
+             Bad::Refused, values::isObject, &Configuration::readLimits},
             {"offsets", "boolean", "false", "true or false", "anything but true is off", Kept::No,
              Bad::Ignored, values::isBoolean, &Configuration::readOffsets},
             {"port", "integral number", "7446", "1 to 65534",
@@ -69,6 +72,8 @@ bool Configuration::check(const QJsonObject &object, const QString &pluginId)
     if (strict)
         checker.check(QStringLiteral("ssl."), object.value(QLatin1String("ssl")).toObject(),
                       tls::keys(), true, [](const tls::Key &) { return true; });
+    checker.check(QStringLiteral("limits."), object.value(QLatin1String("limits")).toObject(),
+                  limitKeys(), true, [](const LimitKey &) { return true; });
     return checker.isGood();
 }
 
@@ -108,6 +113,13 @@ bool Configuration::readInterface(const QJsonValue &value)
         if (entry.ip().protocol() == QAbstractSocket::IPv4Protocol)
             address = entry.ip();
     }
+    return true;
+}
+
+bool Configuration::readLimits(const QJsonValue &value)
+{
+    if (const Limits limits = limitsFrom(value.toObject()); limits.limitBuffers())
+        serving.budget = std::make_shared<BufferBudget>(limits);
     return true;
 }
 

@@ -43,7 +43,7 @@ public:
     };
     // All keys in the order in which they are applied, which is sorted by name. The texts are those
     // of docs/CONFIGURATION.md.
-    static const std::array<Key, 10> &keys();
+    static const std::array<Key, 11> &keys();
 
     // False: start() must fail. Each reason is logged: bad values of keys that refuse them; with
     // "strict", all bad values and unknown keys. pluginId: for log lines.
@@ -64,6 +64,7 @@ public:
 private:
     bool readPort(const QJsonValue &value);
     bool readAddress(const QJsonValue &value);
+    bool readLimits(const QJsonValue &value);
     bool readInterface(const QJsonValue &value);
     bool readEnds(const QJsonValue &value);
     bool readOffsets(const QJsonValue &value);

@@ -13,6 +13,7 @@
 namespace {
 
 constexpr int HighestPort = 65534;
+constexpr qint64 LargestSize = (qint64(1) << 53) - 1;
 constexpr qsizetype LongestShownText = 40;
 
 } // namespace
@@ -35,6 +36,11 @@ bool values::isObject(const QJsonValue &value)
 bool values::isPositive(const QJsonValue &value)
 {
     return value.toInt() > 0;
+}
+
+bool values::isSize(const QJsonValue &value)
+{
+    return value.toInteger() > 0 && value.toInteger() <= LargestSize;
 }
 
 bool values::isPort(const QJsonValue &value)

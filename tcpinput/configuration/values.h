@@ -18,6 +18,8 @@ bool isText(const QJsonValue &value);
 bool isObject(const QJsonValue &value);
 // An integral number from 1 to 2147483647.
 bool isPositive(const QJsonValue &value);
+// An integral number from 1 to 9007199254740991: what JSON numbers hold exactly.
+bool isSize(const QJsonValue &value);
 // 1 to 65534.
 bool isPort(const QJsonValue &value);
 // An IPv4 or IPv6 address.

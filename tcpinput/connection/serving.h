@@ -3,6 +3,10 @@
 
 #pragma once
 
+#include "tcpinput/limits/bufferbudget.h"
+
+#include <memory>
+
 //! How connections are served, where the configuration asks for more than the contract gives.
 struct Serving
 {
@@ -12,4 +16,5 @@ struct Serving
     bool offsets = false; // offers carry their positions
     bool prompt = false; // no byte waits longer than the interval between offers
     Ends ends = Ends::None;
+    std::shared_ptr<BufferBudget> budget; // null: buffers are not limited
 };

@@ -4,6 +4,7 @@
 #include "tcpinput/receive/receivingsocket.h"
 
 #include "tcpinput/receive/inputbuffer.h"
+#include "tcpinput/receive/peerend.h"
 
 #include <QtCore/QDeadlineTimer>
 #include <QtCore/QEvent>
@@ -151,10 +152,14 @@ bool ReceivingSocket::Notifier::event(QEvent *event)
 
 void ReceivingSocket::receive()
 {
+    const qsizetype most = reader ? std::min(reader->room(), MostBytesPerTurn) : MostBytesPerTurn;
+    if (most <= 0)
+        return;
     ReceiveBuffer buffer;
-    const ssize_t size = ::recv(descriptor(), buffer.data(), ReceiveBytes, MSG_DONTWAIT);
+    const auto atOnce = static_cast<std::size_t>(std::min(most, ReceiveBytes));
+    const ssize_t size = ::recv(descriptor(), buffer.data(), atOnce, MSG_DONTWAIT);
     if (size == ReceiveBytes) {
-        handOutBlock(receiveOn(QByteArrayView(buffer.data(), size), MostBytesPerTurn));
+        handOutBlock(receiveOn(QByteArrayView(buffer.data(), size), most));
     } else if (size > 0) {
         handOut(QByteArrayView(buffer.data(), size));
     } else if (size == 0 || (errno != EAGAIN && errno != EINTR)) {
@@ -168,11 +173,12 @@ void ReceivingSocket::receive()
 // for what the peer could not send yet, so more may come than the kernel held at first.
 QByteArray ReceivingSocket::receiveOn(QByteArrayView first, qsizetype most)
 {
-    qsizetype more = bytesInKernel();
+    const auto next = [&](qsizetype had) { return std::min(bytesInKernel(), most - had); };
+    qsizetype more = next(first.size());
     QByteArray all = InputBuffer::emptyBlock(first.size() + more);
     all.resize(first.size());
     std::copy(first.begin(), first.end(), all.begin());
-    for (; more > 0 && all.size() < most; more = bytesInKernel()) {
+    for (; more > 0; more = next(all.size())) {
         const qsizetype before = all.size();
         all.resize(before + more);
         const ssize_t size = ::recv(descriptor(), all.data() + before,
@@ -212,6 +218,16 @@ void ReceivingSocket::tellReader()
         kept = unread.toByteArray();
         unread = kept;
     }
+}
+
+void ReceivingSocket::setPaused(bool on)
+{
+    notifier.setEnabled(!on && state() == ConnectedState);
+}
+
+bool ReceivingSocket::peerHasEnded() const
+{
+    return hasPeerEnded(descriptor());
 }
 
 qsizetype ReceivingSocket::bytesInKernel() const

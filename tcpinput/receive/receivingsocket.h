@@ -36,6 +36,9 @@ public:
     // Always true: the socket can be read, and keeps its peer's address, when the peer has gone.
     bool isUsable() const override { return true; }
     EndReason endReason() const override { return broken ? EndReason::Reset : EndReason::Peer; }
+    void setPaused(bool on) override;
+    bool peerHasEnded() const override;
+    void setLimited(bool) override {} // receives nothing ahead
     QByteArray takeBlock(qint64 size) override;
     qint64 take(char *data, qint64 maxSize) override { return readData(data, maxSize); }
 

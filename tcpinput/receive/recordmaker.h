@@ -12,6 +12,10 @@
 #include <QtCore/QMap>
 #include <QtCore/QString>
 
+#include <memory>
+
+class HeldBytes;
+
 /*!
     Makes the records of one connection. Little but their bytes differs, so the texts that name the
     connection are made once, and some of them again when the id changes.
@@ -22,8 +26,9 @@
 class RecordMaker
 {
 public:
-    // task: its number.
-    RecordMaker(int task, const Endpoints &endpoints);
+    // task: its number. heldBytes: counts the records for the limits; null: nobody does.
+    RecordMaker(int task, const Endpoints &endpoints,
+                std::shared_ptr<HeldBytes> heldBytes = nullptr);
 
     //! Connection and position of a stamped offer.
     struct Stamp
@@ -44,6 +49,7 @@ public:
 private:
     void nameClient(const QString &id, const Stamp *stamp);
 
+    const std::shared_ptr<HeldBytes> held;
     const QString peerText;
     const QString source;
     QMap<QString, QString> subIds;

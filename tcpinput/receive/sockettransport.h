@@ -3,8 +3,10 @@
 
 #pragma once
 
+#include "tcpinput/receive/peerend.h"
 #include "tcpinput/receive/transport.h"
 
+#include <QtCore/QSocketNotifier>
 #include <QtNetwork/QTcpSocket>
 
 /*!
@@ -42,10 +44,27 @@ public:
             return EndReason::Peer;
         }
     }
+    // Qt receives in its notifiers.
+    void setPaused(bool on) override
+    {
+        const auto notifiers = socket.findChildren<QSocketNotifier *>();
+        for (QSocketNotifier *notifier : notifiers) {
+            if (notifier->type() == QSocketNotifier::Read)
+                notifier->setEnabled(!on);
+        }
+        // Has Qt go on with what it has received and not decrypted: nothing else would.
+        char first = 0;
+        if (!on)
+            socket.peek(&first, 1);
+    }
+    bool peerHasEnded() const override { return hasPeerEnded(socket.socketDescriptor()); }
+    void setLimited(bool on) override { socket.setReadBufferSize(on ? MostAheadBytes : 0); }
     QByteArray takeBlock(qint64) override { return {}; }
     qint64 take(char *data, qint64 maxSize) override { return socket.read(data, maxSize); }
 
 private:
+    static constexpr qint64 MostAheadBytes = 64 * 1024; // and as many before decryption
+
     QTcpSocket &socket;
     QMetaObject::Connection connection;
 };

@@ -7,11 +7,15 @@
 
 #include <QtCore/QByteArray>
 
+#include <limits>
+
 //! Is called when bytes have come.
 class TransportReader
 {
 public:
     virtual void bytesCame() = 0;
+    // How many bytes may come. 0: none; the reader has paused the transport.
+    virtual qsizetype room() { return std::numeric_limits<qsizetype>::max(); }
 
 protected:
     ~TransportReader() = default;
@@ -34,6 +38,12 @@ public:
     virtual bool isUsable() const = 0;
     // Why the socket is connected no more, if this side has not closed it.
     virtual EndReason endReason() const = 0;
+    // While paused nothing is received, and an end is not noticed. Default: off.
+    virtual void setPaused(bool on) = 0;
+    // Whether the peer has closed or reset the connection. Its bytes may still wait.
+    virtual bool peerHasEnded() const = 0;
+    // Whether the reader may pause this, so that little may be received ahead. Default: off.
+    virtual void setLimited(bool on) = 0;
     // All available bytes without a copy, if they are size bytes in a block of their own. Otherwise
     // empty: use take().
     virtual QByteArray takeBlock(qint64 size) = 0;

@@ -4,6 +4,7 @@
 #include "tcpinput/receive/unconsumedbytes.h"
 
 #include "eventloop/epolleventdispatcher.h"
+#include "tcpinput/limits/heldbytes.h"
 #include "tcpinput/receive/transport.h"
 
 #include <algorithm>
@@ -37,19 +38,25 @@ UnconsumedBytes::Snapshot UnconsumedBytes::takeAll()
     const MutexLocker locker(mutex);
     Snapshot all{buffer.copy(), bytesCut};
     buffer.clear();
+    if (held)
+        held->consumed(all.data.size());
     return all;
 }
 
 qsizetype UnconsumedBytes::readFrom(Transport &transport, qsizetype count)
 {
     const MutexLocker locker(mutex);
+    qint64 came = 0;
     if (QByteArray block = transport.takeBlock(count); !block.isEmpty()) {
+        came = block.size();
         buffer.appendBlock(std::move(block));
-        return buffer.size();
+    } else {
+        char *const room = buffer.extend(count);
+        came = std::max<qint64>(transport.take(room, count), 0);
+        buffer.chop(count - came);
     }
-    char *const room = buffer.extend(count);
-    const qint64 came = std::max<qint64>(transport.take(room, count), 0);
-    buffer.chop(count - came);
+    if (held && came > 0)
+        held->received(came);
     return came > 0 ? buffer.size() : 0;
 }
 
@@ -69,11 +76,12 @@ bool UnconsumedBytes::cutAheadTo(quint64 position, bool inClientsThread)
 bool UnconsumedBytes::cutAheadLocked(qsizetype length, bool inClientsThread)
 {
     const qsizetype left = buffer.size() - std::max<qsizetype>(length, 0);
-    if (postedCuts > 0 || left < 0 || left > RemainderBytes || inClientsThread) {
+    if (postedCuts > 0 || left < 0 || left > RemainderBytes || inClientsThread
+        || (held && held->isPaused())) {
         ++postedCuts;
         return false;
     }
-    bytesCut += static_cast<quint64>(buffer.cutFront(length));
+    cutFront(length);
     recentCut = Clock::steady();
     return true;
 }
@@ -93,9 +101,17 @@ std::optional<qsizetype> UnconsumedBytes::cutTo(quint64 position)
 
 qsizetype UnconsumedBytes::cutLocked(qsizetype length)
 {
-    bytesCut += static_cast<quint64>(buffer.cutFront(length));
+    cutFront(length);
     recentCut.reset(); // it was made before this one
     return buffer.size();
+}
+
+void UnconsumedBytes::cutFront(qsizetype length)
+{
+    const qsizetype cut = buffer.cutFront(length);
+    bytesCut += static_cast<quint64>(cut);
+    if (held && cut > 0)
+        held->consumed(cut);
 }
 
 void UnconsumedBytes::endPostedCut()

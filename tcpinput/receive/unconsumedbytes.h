@@ -7,8 +7,11 @@
 #include "tcpinput/receive/inputbuffer.h"
 #include "tcpinput/workers/locks.h"
 
+#include <memory>
 #include <optional>
+#include <utility>
 
+class HeldBytes;
 class Transport;
 
 /*!
@@ -39,6 +42,9 @@ public:
         quint64 position = 0;
     };
 
+    // Counts what comes and goes for the limits. Call before the first read. Default: nothing.
+    void setHeld(std::shared_ptr<HeldBytes> value) { held = std::move(value); }
+
     qsizetype size() const;
 
     Snapshot copy();
@@ -65,10 +71,12 @@ public:
     qsizetype leftByRecentCut();
 
 private:
+    void cutFront(qsizetype length) REQUIRES_LOCK(mutex);
     bool cutAheadLocked(qsizetype length, bool inClientsThread) REQUIRES_LOCK(mutex);
     qsizetype cutLocked(qsizetype length) REQUIRES_LOCK(mutex);
     qsizetype lengthTo(quint64 position) const REQUIRES_LOCK(mutex);
 
+    std::shared_ptr<HeldBytes> held; // set once
     mutable Mutex mutex;
     InputBuffer buffer GUARDED_BY(mutex);
     quint64 bytesCut GUARDED_BY(mutex) = 0; // in all

@@ -15,6 +15,7 @@ foreach(name IN ITEMS tst_hostileanswers tst_hostilecalls)
 endforeach()
 
 tls_test(host tst_ends 300)
+tls_test(host tst_limits 600)
 tls_test(host tst_tlsmatrix 300)
 tls_test(host tst_tlshandover 900)
 

@@ -284,7 +284,7 @@ void tst_Configuration::refusedObjectChangesNothing()
     plugin.setConfig(QJsonObject{{u"strict"_s, true}, {u"timeout"_s, 5}, {u"Timeout"_s, 7}});
     QCOMPARE(plugin.startLog(false),
              QStringList(u"W: TcpInputPlugin2(cfg): Configuration: unknown key Timeout, accepted: "
-                         "ends, interface, ipAddr, offsets, port, prompt, ssl, strict, "
+                         "ends, interface, ipAddr, limits, offsets, port, prompt, ssl, strict, "
                          "threadpoolSize, timeout"_s));
     QCOMPARE(plugin.getStatus(), before);
 }

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "tcpinput/configuration/configuration.h"
+#include "tcpinput/configuration/limitkeys.h"
 #include "tcpinput/configuration/values.h"
 #include "tests/kit/certificates.h"
 #include "tests/kit/loglines.h"
@@ -35,6 +36,7 @@ class tst_ConfigurationKeys : public QObject
 private Q_SLOTS:
     void areSorted();
     void documentHasTheTable();
+    void documentHasTheLimits();
     void fuzzDictionaryHasThem();
     void someStick();
     void strictAcceptsGoodValues_data();
@@ -76,24 +78,48 @@ void tst_ConfigurationKeys::documentHasTheTable()
     QCOMPARE(rows, expected);
 }
 
+void tst_ConfigurationKeys::documentHasTheLimits()
+{
+    QStringList rows = linesOf(u"/docs/CONFIGURATION.md"_s);
+    rows = rows.mid(rows.indexOf(u"## \"limits\""_s)).filter(u"| `\""_s);
+    QStringList expected;
+    for (const LimitKey &key : limitKeys()) // behind them stands the effect
+        expected += u"| `\"%1\"` | %2 | %3 | "_s.arg(
+                QLatin1String(key.name), QLatin1String(key.type), QLatin1String(key.accepted));
+    QCOMPARE(rows.size(), expected.size());
+    for (qsizetype i = 0; i < rows.size(); ++i)
+        QVERIFY2(rows[i].startsWith(expected[i]), qPrintable(rows[i]));
+}
+
 void tst_ConfigurationKeys::fuzzDictionaryHasThem()
 {
     const QStringList words = linesOf(u"/fuzz/json.dict"_s);
+    const auto isIn = [&words](const char *name) {
+        return words.contains(u"\"\\\"%1\\\":\""_s.arg(QLatin1String(name)));
+    };
     for (const Configuration::Key &key : Configuration::keys())
-        QVERIFY2(words.contains(u"\"\\\"%1\\\":\""_s.arg(QLatin1String(key.name))), key.name);
+        QVERIFY2(isIn(key.name), key.name);
+    for (const LimitKey &key : limitKeys())
+        QVERIFY2(isIn(key.name), key.name);
 }
 
 void tst_ConfigurationKeys::someStick()
 {
-    const QJsonObject all{
-            {u"ipAddr"_s, u"127.1.2.3"_s}, {u"port"_s, 4711},    {u"offsets"_s, true},
-            {u"threadpoolSize"_s, 7},      {u"timeout"_s, 11},   {u"ssl"_s, QJsonObject()},
-            {u"prompt"_s, true},           {u"ends"_s, u"all"_s}};
+    const QJsonObject all{{u"ipAddr"_s, u"127.1.2.3"_s},
+                          {u"port"_s, 4711},
+                          {u"offsets"_s, true},
+                          {u"threadpoolSize"_s, 7},
+                          {u"timeout"_s, 11},
+                          {u"ssl"_s, QJsonObject()},
+                          {u"prompt"_s, true},
+                          {u"ends"_s, u"all"_s},
+                          {u"limits"_s, QJsonObject{{u"totalBuffer"_s, 1}}}};
     const auto values = [](const Configuration &from) {
         return QMap<QString, QString>{{u"ipAddr"_s, from.address.toString()},
                                       {u"port"_s, QString::number(from.port)},
                                       {u"offsets"_s, QString::number(from.serving.offsets)},
                                       {u"prompt"_s, QString::number(from.serving.prompt)},
+                                      {u"limits"_s, QString::number(bool(from.serving.budget))},
                                       {u"ends"_s, QString::number(int(from.serving.ends))},
                                       {u"threadpoolSize"_s, QString::number(from.poolSize)},
                                       {u"timeout"_s, QString::number(from.timeoutMs)},

@@ -1,0 +1,43 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "tcpinput/limits/limits.h"
+
+#include <atomic>
+
+/*!
+    The memory that the connections of a plugin may hold, and how much of it they do hold.
+
+    Of the total: nobody picks the connections that have to stop when the total runs short. Each may
+   hold at most eight times what is left of the total. While 1/8 is left, that is the whole total
+   and stops nobody; when less and less is left, the largest connections stop first, and at last
+   all. A small one goes on as long as there is room. The rule is that of A. K. Choudhury and E. L.
+   Hahne, "Dynamic Queue Length Thresholds for Shared-Memory Packet Switches", IEEE/ACM Transactions
+   on Networking 6(2), 1998.
+
+    Thread: any.
+    Owner:  shared by the plugin, its connections, and the records that the host still holds.
+*/
+class BufferBudget
+{
+public:
+    explicit BufferBudget(const Limits &values) : limits(values) {}
+
+    const Limits limits;
+
+    // bytes: negative if they are given back.
+    void add(qint64 bytes) { inUse.fetch_add(bytes, std::memory_order_relaxed); }
+    qint64 held() const { return inUse.load(std::memory_order_relaxed); }
+
+    // How many more bytes a connection may take in that holds so many; 0: none. Several
+    // connections that take in at the same time do not exceed the total.
+    qint64 room(qint64 held) const;
+
+    // How many connections do not read at present.
+    std::atomic<int> paused = 0;
+
+private:
+    std::atomic<qint64> inUse = 0;
+};

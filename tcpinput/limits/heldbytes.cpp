@@ -1,0 +1,97 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "tcpinput/limits/heldbytes.h"
+
+#include <algorithm>
+#include <utility>
+
+void HeldBytes::setReceiver(QObject *object, std::function<void()> function)
+{
+    const MutexLocker locker(mutex);
+    receiver = object;
+    offerMerged = std::move(function);
+}
+
+void HeldBytes::removeReceiver()
+{
+    const MutexLocker locker(mutex);
+    receiver = nullptr;
+}
+
+void HeldBytes::received(qint64 bytes)
+{
+    const MutexLocker locker(mutex);
+    inBuffer += bytes;
+    sinceLatest += bytes;
+    settle();
+}
+
+void HeldBytes::consumed(qint64 bytes)
+{
+    const MutexLocker locker(mutex);
+    inBuffer -= bytes;
+    sinceLatest = std::min(sinceLatest, inBuffer);
+    all += static_cast<quint64>(bytes);
+    settle();
+}
+
+quint64 HeldBytes::lend(qint64 bytes)
+{
+    const MutexLocker locker(mutex);
+    inRecords += bytes;
+    sinceLatest = 0;
+    latestIsOut = true;
+    settle();
+    return ++latest;
+}
+
+void HeldBytes::giveBack(quint64 record, qint64 bytes)
+{
+    const MutexLocker locker(mutex);
+    inRecords -= bytes;
+    if (record == latest)
+        latestIsOut = false;
+    settle();
+}
+
+bool HeldBytes::beginHandOver()
+{
+    const MutexLocker locker(mutex);
+    merged = onItsWay;
+    return !std::exchange(onItsWay, true);
+}
+
+void HeldBytes::handedOver()
+{
+    const MutexLocker locker(mutex);
+    onItsWay = false;
+    if (std::exchange(merged, false) && receiver)
+        QMetaObject::invokeMethod(receiver, offerMerged, Qt::QueuedConnection);
+}
+
+qint64 HeldBytes::unconsumed() const
+{
+    const MutexLocker locker(mutex);
+    return inBuffer;
+}
+
+quint64 HeldBytes::consumedInAll() const
+{
+    const MutexLocker locker(mutex);
+    return all;
+}
+
+void HeldBytes::setPaused(bool on)
+{
+    if (paused.exchange(on) != on)
+        budget->paused += on ? 1 : -1;
+}
+
+void HeldBytes::settle()
+{
+    const qint64 now = inRecords + (latestIsOut ? sinceLatest : inBuffer);
+    budget->add(now - counted);
+    counted = now;
+    heldNow.store(now, std::memory_order_relaxed);
+}

@@ -20,7 +20,7 @@ qint64 BufferBudget::room(qint64 ofConnection) const
     const qint64 rest = limits.totalBuffer - held();
     if (rest <= limits.totalBuffer / LeastRestShare)
         return 0;
-    // What it takes in also makes the rest smaller.
-    const qint64 most = (RestsForOne * rest - ofConnection) / (RestsForOne + 1);
+    // What it takes in also makes the rest smaller. Rounded up: a small rest is not none.
+    const qint64 most = (RestsForOne * rest - ofConnection + RestsForOne) / (RestsForOne + 1);
     return std::clamp<qint64>(most, 0, std::max<qint64>(rest / 4, 1));
 }

@@ -154,6 +154,7 @@ private:
     std::deque<shared_parsedData> kept; // if keeps
     bool keeps = false;
     bool consumes = false; // at once
+    qsizetype consumed = 0; // whole messages, of the only connection
     std::unique_ptr<MessageCapture> capture;
     QElapsedTimer sinceFresh;
 };
@@ -163,6 +164,7 @@ void tst_Limits::init()
     port = freePort();
     capture = std::make_unique<MessageCapture>();
     keeps = consumes = false;
+    consumed = 0;
     sinceFresh.start();
 }
 
@@ -335,8 +337,7 @@ void tst_Limits::longMessagesGetThrough()
     constexpr qsizetype Bytes = 30 * MiB;
     constexpr qsizetype MessageBytes = 900 * KiB;
     start({{QStringLiteral("connectionBuffer"), MiB}}, {{QStringLiteral("prompt"), true}});
-    qsizetype consumed = 0;
-    connect(input, &IInputPlugin::receivedData, this, [&](const shared_parsedData &record) {
+    connect(input, &IInputPlugin::receivedData, this, [this](const shared_parsedData &record) {
         const qsizetype offset = record->getPluginSubIdKey(QStringLiteral("offset")).toLongLong();
         const qsizetype end = offset + record->getDataLength();
         if (end - consumed < MessageBytes)

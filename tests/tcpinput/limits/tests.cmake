@@ -1,0 +1,5 @@
+# SPDX-FileCopyrightText: the tcpinputplugin2 authors
+# SPDX-License-Identifier: MIT
+
+core_test(tst_bufferbudget)
+core_test(tst_heldbytes)

@@ -16,6 +16,7 @@ endforeach()
 
 tls_test(host tst_ends 300)
 tls_test(host tst_limits 600)
+tls_test(host tst_limitends 600)
 tls_test(host tst_tlsmatrix 300)
 tls_test(host tst_tlshandover 900)
 

@@ -1,101 +1,20 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-#include "tests/kit/certificates.h"
-#include "tests/kit/hangguard.h"
-#include "tests/kit/loadedplugin.h"
-#include "tests/kit/loglines.h"
-#include "tests/kit/nativesocket.h"
-#include "tests/kit/tlsdevice.h"
+#include "tests/endtoend/limitstest.h"
 
-#include <QtTest/QtTest>
-
-#include <atomic>
-#include <deque>
-#include <thread>
-
-namespace {
-
-constexpr int KiB = 1024;
-constexpr int MiB = 1024 * KiB;
-
-//! Sends bytes that all differ in their places, in a thread of its own, plain or by TLS.
-class Sender
-{
-public:
-    Sender(quint16 port, int tlsVersion, qsizetype bytes)
-        : thread([this, port, tlsVersion, bytes] { run(port, tlsVersion, bytes); })
-    {}
-    ~Sender()
-    {
-        stays = false;
-        ::shutdown(descriptor, SHUT_RDWR); // if it still sends
-        thread.join();
-    }
-    Q_DISABLE_COPY_MOVE(Sender)
-
-    // The next bytes of the stream.
-    static QByteArray part(qsizetype begin, qsizetype size)
-    {
-        QByteArray bytes(size, Qt::Uninitialized);
-        for (qsizetype i = 0; i < size; ++i)
-            bytes[i] = static_cast<char>((begin + i) * 7919 >> 8);
-        return bytes;
-    }
-
-    std::atomic<qsizetype> sent = 0; // that the kernel took
-    std::atomic<bool> stays = true; // does not close at the end until this is false
-    std::atomic<bool> resets = false; // instead of closing
-    std::atomic<bool> finished = false; // with sending
-
-private:
-    void run(quint16 port, int tlsVersion, qsizetype bytes)
-    {
-        constexpr qsizetype PieceBytes = 16000;
-        TlsDevice tls(tlsVersion == 0 ? TLS1_3_VERSION : tlsVersion);
-        NativeSocket plain;
-        NativeSocket &socket = tlsVersion == 0 ? plain : tls.socket;
-        if (tlsVersion == 0)
-            plain = NativeSocket::connectedTo(testAddress(), port);
-        else if (!tls.connect(testAddress(), port) || !tls.handshake())
-            return;
-        descriptor = socket.descriptor();
-        while (sent < bytes) {
-            const QByteArray piece = part(sent, qMin(PieceBytes, bytes - sent));
-            bool done = false;
-            if (tlsVersion == 0) {
-                done = socket.send(piece);
-            } else {
-                tls.write(piece);
-                done = tls.flush();
-            }
-            if (!done)
-                break;
-            sent += piece.size();
-        }
-        finished = true;
-        while (stays)
-            QThread::msleep(1);
-        if (resets)
-            socket.reset();
-    }
-
-    std::atomic<int> descriptor = -1;
-    std::thread thread; // the last: it uses the others
-};
-
-} // namespace
+using namespace limitstest;
 
 /*!
     The limits of buffers, through the loaded library.
 */
-class tst_Limits : public QObject
+class tst_Limits : public LimitsTest
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-    void cleanup();
+    void init() { begin(); }
+    void cleanup() { end(); }
 
     void connectionBuffer_data() { transports(); }
     void connectionBuffer();
@@ -107,139 +26,13 @@ private Q_SLOTS:
     void longMessagesGetThrough();
     void totalBuffer_data() { transports(); }
     void totalBuffer();
+    void hostThatStandsStill_data() { transports(); }
+    void hostThatStandsStill();
     void largestStopFirst();
-    void stalledTimeout_data() { transports(); }
-    void stalledTimeout();
-    void pauseIsNoIdleTime();
-    void endOfAPausedConnection_data() { transports(); }
-    void endOfAPausedConnection();
-    void resetOfAPausedConnection();
-    void stopWhilePaused_data() { transports(); }
-    void stopWhilePaused();
-    void destructionWhilePaused_data() { transports(); }
-    void destructionWhilePaused();
     void statusTells();
     void refusesOtherValues_data();
     void refusesOtherValues();
-
-private:
-    static void transports();
-    void start(const QJsonObject &limits, QJsonObject more = {});
-    bool isQuiet() const; // nothing new has come for a while that is long for a machine
-
-    // What a connection's records have brought, without repeats, and what was wrong with it.
-    struct Stream
-    {
-        qsizetype size = 0;
-        qsizetype longest = 0; // record
-        int records = 0;
-        QString end;
-        bool intact = true;
-    };
-    void take(const shared_parsedData &record);
-    const Stream &only() const { return streams.first(); }
-    bool serve(const std::function<bool()> &condition)
-    {
-        return QTest::qWaitFor(condition, HangGuardMs);
-    }
-    void discardAll();
-
-    LoadedLibrary library;
-    quint16 port = 0;
-    std::unique_ptr<IInputPlugin> plugin;
-    IInputPlugin *input = nullptr; // the same; not null in its destructor
-    QMap<QString, Stream> streams; // by connection
-    // Likewise: what is to be discarded. Not the record, which would count.
-    QMap<QString, std::pair<int, QMap<QString, QString>>> latest;
-    std::deque<shared_parsedData> kept; // if keeps
-    bool keeps = false;
-    bool consumes = false; // at once
-    qsizetype consumed = 0; // whole messages, of the only connection
-    std::unique_ptr<MessageCapture> capture;
-    QElapsedTimer sinceFresh;
 };
-
-void tst_Limits::init()
-{
-    port = freePort();
-    capture = std::make_unique<MessageCapture>();
-    keeps = consumes = false;
-    consumed = 0;
-    sinceFresh.start();
-}
-
-void tst_Limits::cleanup()
-{
-    plugin.reset();
-    streams.clear();
-    latest.clear();
-    kept.clear();
-    capture.reset();
-}
-
-void tst_Limits::transports()
-{
-    QTest::addColumn<int>("tls");
-    QTest::newRow("TCP") << 0;
-    QTest::newRow("TLS 1.2") << TLS1_2_VERSION;
-    QTest::newRow("TLS 1.3") << TLS1_3_VERSION;
-}
-
-void tst_Limits::start(const QJsonObject &limits, QJsonObject more)
-{
-    const QJsonObject base = tcpConfig(port);
-    for (auto entry = base.begin(); entry != base.end(); ++entry)
-        more.insert(entry.key(), *entry);
-    more.insert(QStringLiteral("limits"), limits);
-    more.insert(QStringLiteral("offsets"), true);
-    more.insert(QStringLiteral("ends"), true);
-    if (QTest::currentDataTag() && QByteArray(QTest::currentDataTag()).startsWith("TLS"))
-        more.insert(QStringLiteral("ssl"), serverTls());
-    plugin = library.create(more);
-    input = plugin.get();
-    connect(input, &IInputPlugin::receivedData, this, &tst_Limits::take);
-    QVERIFY(plugin->start());
-    QVERIFY(isListening(*plugin));
-}
-
-void tst_Limits::take(const shared_parsedData &record)
-{
-    const QString connection = record->getPluginSubIdKey(QStringLiteral("connection"));
-    const qsizetype offset = record->getPluginSubIdKey(QStringLiteral("offset")).toLongLong();
-    Stream &stream = streams[connection];
-    if (const QString end = record->getPluginSubIdKey(QStringLiteral("end")); !end.isNull()) {
-        stream.intact = stream.intact && stream.end.isNull() && stream.size == offset;
-        stream.end = end;
-        return;
-    }
-    const QByteArray bytes = record->getOriginalMessage();
-    const qsizetype fresh = offset + bytes.size() - stream.size;
-    stream.intact = stream.intact && stream.end.isNull() && offset <= stream.size
-            && (fresh <= 0 || bytes.last(fresh) == Sender::part(stream.size, fresh));
-    stream.size += qMax<qsizetype>(fresh, 0);
-    if (fresh > 0)
-        sinceFresh.start();
-    stream.longest = qMax(stream.longest, bytes.size());
-    ++stream.records;
-    if (keeps)
-        kept.push_back(record);
-    if (consumes)
-        input->discard(static_cast<int>(bytes.size()), record->getPluginSubId());
-    else
-        latest.insert(connection, {record->getDataLength(), record->getPluginSubId()});
-}
-
-void tst_Limits::discardAll()
-{
-    const auto all = std::exchange(latest, {});
-    for (const auto &[length, subid] : all)
-        input->discard(length, subid);
-}
-
-bool tst_Limits::isQuiet() const
-{
-    return sinceFresh.elapsed() > 1000;
-}
 
 void tst_Limits::connectionBuffer()
 {
@@ -289,7 +82,6 @@ void tst_Limits::goesOnAtHalf()
     sender.stays = false;
 }
 
-// What was consumed counts as long as the host keeps the records.
 void tst_Limits::recordsCount()
 {
     QFETCH(int, tls);
@@ -312,7 +104,6 @@ void tst_Limits::recordsCount()
     sender.stays = false;
 }
 
-// As long as the host stands still, a connection has one record on its way to it.
 void tst_Limits::recordsThatWaitAreMerged()
 {
     start({{QStringLiteral("connectionBuffer"), MiB}}, {{QStringLiteral("prompt"), true}});
@@ -330,7 +121,6 @@ void tst_Limits::recordsThatWaitAreMerged()
     QVERIFY(only().intact);
 }
 
-// A host that waits for the rest of a message has no records, but many bytes that are not consumed.
 void tst_Limits::longMessagesGetThrough()
 {
     QFETCH(int, tls);
@@ -382,7 +172,42 @@ void tst_Limits::totalBuffer()
         sender.stays = false;
 }
 
-// A small connection goes on while a large one is paused.
+void tst_Limits::hostThatStandsStill()
+{
+    QFETCH(int, tls);
+    constexpr qsizetype Bytes = 12 * MiB;
+    constexpr int Devices = 16;
+    constexpr int StandsStillMs = 4000;
+    constexpr qint64 TotalBytes = 16 * MiB;
+    start({{QStringLiteral("connectionBuffer"), MiB}, {QStringLiteral("totalBuffer"), TotalBytes}});
+    consumes = true;
+    std::deque<Sender> senders;
+    bool hasStood = false;
+    qint64 most = 0;
+    connect(input, &IInputPlugin::receivedData, this, [&] {
+        if (streams.size() < Devices || std::exchange(hasStood, true))
+            return;
+        for (Sender &sender : senders)
+            sender.waits = false;
+        QElapsedTimer still;
+        for (still.start(); still.elapsed() < StandsStillMs; QThread::msleep(10))
+            most = qMax(most, heldBytes());
+    });
+    for (int i = 0; i < Devices; ++i)
+        senders.emplace_back(port, tls, Bytes, true);
+    QVERIFY(serve([&] {
+        return streams.size() == Devices
+                && std::all_of(streams.cbegin(), streams.cend(),
+                               [](const Stream &stream) { return stream.size == Bytes; });
+    }));
+    for (const Stream &stream : std::as_const(streams))
+        QVERIFY(stream.intact);
+    QVERIFY(most > TotalBytes / 2);
+    const qint64 ahead = tls == 0 ? 0 : Devices * 128 * KiB; // that much Qt decrypts
+    QVERIFY2(most <= TotalBytes + ahead, qPrintable(QString::number(most)));
+    plugin.reset(); // before what the slot refers to
+}
+
 void tst_Limits::largestStopFirst()
 {
     start({{QStringLiteral("totalBuffer"), 2 * MiB}});
@@ -400,100 +225,6 @@ void tst_Limits::largestStopFirst()
     consumes = true;
     discardAll();
     QVERIFY(serve([&] { return streams[first].size == 40 * MiB; }));
-}
-
-void tst_Limits::stalledTimeout()
-{
-    QFETCH(int, tls);
-    start({{QStringLiteral("connectionBuffer"), 64 * KiB}, {QStringLiteral("stalledTimeout"), 1}});
-    Sender sender(port, tls, 40 * MiB);
-    QVERIFY(serve([&] { return !streams.isEmpty() && !only().end.isNull(); }));
-    QCOMPARE(only().end, QStringLiteral("limit"));
-    QVERIFY(only().intact);
-    const QStringList lines = takeLog().filter(QStringLiteral("nothing consumed"));
-    QCOMPARE(lines.size(), 1);
-    QVERIFY(lines.first().startsWith(QStringLiteral("W: TcpClient2 (tcp2:")));
-    QVERIFY(lines.first().endsWith(
-            QStringLiteral("): paused for 1 s and nothing consumed, closing")));
-    sender.stays = false;
-}
-
-void tst_Limits::pauseIsNoIdleTime()
-{
-    start({{QStringLiteral("connectionBuffer"), 64}}, {{QStringLiteral("timeout"), 1}});
-    Sender sender(port, 0, 200);
-    QVERIFY(serve([&] { return !streams.isEmpty() && only().size >= 64; }));
-    const int records = only().records;
-    QTest::qWait(2500); // of 64 bytes there are no kicks
-    QCOMPARE(only().records, records);
-    QVERIFY(only().end.isNull());
-    consumes = true;
-    discardAll();
-    QVERIFY(serve([&] { return only().end == QLatin1String("idle"); }));
-    QCOMPARE(only().size, 200);
-    QVERIFY(only().intact);
-    sender.stays = false;
-}
-
-// The end is noticed, and all that the kernel has is offered.
-void tst_Limits::endOfAPausedConnection()
-{
-    QFETCH(int, tls);
-    constexpr qsizetype Bytes = 48 * KiB; // the kernel has room for them
-    start({{QStringLiteral("connectionBuffer"), 16 * KiB}});
-    Sender sender(port, tls, Bytes);
-    QVERIFY(serve([&] { return !streams.isEmpty() && sender.finished; }));
-    QVERIFY(serve([&] { return isQuiet(); }));
-    QVERIFY(tls != 0 || only().size < Bytes); // Qt decrypts that much ahead
-    sender.stays = false;
-    QVERIFY(serve([&] { return !only().end.isNull(); }));
-    QCOMPARE(only().end, QStringLiteral("peer"));
-    QCOMPARE(only().size, Bytes);
-    QVERIFY(only().intact);
-}
-
-void tst_Limits::resetOfAPausedConnection()
-{
-    start({{QStringLiteral("connectionBuffer"), 16 * KiB}});
-    Sender sender(port, 0, 48 * KiB);
-    sender.resets = true;
-    QVERIFY(serve([&] { return !streams.isEmpty() && sender.finished; }));
-    sender.stays = false;
-    QVERIFY(serve([&] { return !only().end.isNull(); }));
-    QCOMPARE(only().end, QStringLiteral("reset"));
-    QVERIFY(only().size >= 16 * KiB);
-    QVERIFY(only().intact);
-}
-
-void tst_Limits::stopWhilePaused()
-{
-    QFETCH(int, tls);
-    constexpr qsizetype Bytes = 48 * KiB; // the kernel has room for them
-    start({{QStringLiteral("connectionBuffer"), 16 * KiB}});
-    Sender sender(port, tls, Bytes);
-    QVERIFY(serve([&] { return !streams.isEmpty() && sender.finished; }));
-    plugin->stop();
-    QVERIFY(serve([&] { return !only().end.isNull(); }));
-    QCOMPARE(only().end, QStringLiteral("stop"));
-    QCOMPARE(only().size, Bytes);
-    QVERIFY(only().intact);
-    sender.stays = false;
-}
-
-void tst_Limits::destructionWhilePaused()
-{
-    QFETCH(int, tls);
-    constexpr qsizetype Bytes = 48 * KiB; // the kernel has room for them
-    start({{QStringLiteral("connectionBuffer"), 16 * KiB}});
-    keeps = true;
-    Sender sender(port, tls, Bytes);
-    QVERIFY(serve([&] { return !streams.isEmpty() && sender.finished; }));
-    plugin.reset();
-    QCOMPARE(only().end, QStringLiteral("stop"));
-    QCOMPARE(only().size, Bytes);
-    QVERIFY(only().intact);
-    kept.clear(); // records outlive the plugin
-    sender.stays = false;
 }
 
 void tst_Limits::statusTells()

@@ -90,6 +90,23 @@ Frame takeCounted(QByteArrayView buffer, const FrameFormat &format, FrameState &
     return {Frame::Complete, LengthPrefixBytes + size, buffer.sliced(LengthPrefixBytes, size)};
 }
 
+qsizetype lineBytesToAppend(QByteArrayView rest, QByteArrayView next, const FrameFormat &format)
+{
+    // Beyond this it is too long. What follows then is skipped without being appended.
+    const auto most = static_cast<qsizetype>(format.maxMessage) + 2 - rest.size();
+    const QByteArrayView near = next.first(std::clamp<qsizetype>(most, 1, next.size()));
+    const qsizetype end = near.indexOf('\n');
+    return end < 0 ? near.size() : end + 1;
+}
+
+qsizetype countedBytesToAppend(QByteArrayView rest, QByteArrayView next)
+{
+    qint64 wanted = LengthPrefixBytes;
+    if (rest.size() >= LengthPrefixBytes)
+        wanted += qFromBigEndian<quint32>(rest.data());
+    return static_cast<qsizetype>(std::min<qint64>(wanted - rest.size(), next.size()));
+}
+
 Frame takeAll(QByteArrayView buffer)
 {
     if (buffer.isEmpty())
@@ -110,6 +127,14 @@ Frame takeFrame(QByteArrayView buffer, const FrameFormat &format, FrameState &st
         break;
     }
     return takeAll(buffer);
+}
+
+qsizetype bytesToAppend(QByteArrayView rest, QByteArrayView next, const FrameFormat &format)
+{
+    if (next.isEmpty() || format.framing == Framing::None)
+        return next.size();
+    return format.framing == Framing::Lines ? lineBytesToAppend(rest, next, format)
+                                            : countedBytesToAppend(rest, next);
 }
 
 QByteArrayView partialMessage(QByteArrayView rest, const FrameFormat &format)

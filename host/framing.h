@@ -57,6 +57,11 @@ struct Frame
 // it is Incomplete or nothing is left; the next buffer must begin with the bytes that were left.
 Frame takeFrame(QByteArrayView buffer, const FrameFormat &format, FrameState &state);
 
+// The rest is the beginning of a message: how many of the next bytes to append to it before
+// takeFrame() is called again. More than 0, unless there are none. What takeFrame() then takes is
+// all or nothing, since no byte behind the message is appended.
+qsizetype bytesToAppend(QByteArrayView rest, QByteArrayView next, const FrameFormat &format);
+
 // The message bytes in the rest that takeFrame() left: the beginning of a message.
 QByteArrayView partialMessage(QByteArrayView rest, const FrameFormat &format);
 

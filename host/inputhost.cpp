@@ -12,19 +12,34 @@
 #include <QtCore/QCoreApplication>
 
 #include <chrono>
+#include <utility>
 
 #include <unistd.h>
 
 namespace host {
 namespace {
 
-// With positions in its offers, every message is printed exactly once, whatever the timing.
-QJsonObject withOffsets(QJsonObject configuration)
+// What the plugin's configuration has unless it has the key itself.
+QJsonObject withDefaults(QJsonObject configuration)
 {
-    const QString key = QStringLiteral("offsets");
-    if (!configuration.contains(key))
-        configuration.insert(key, true);
+    const std::pair<QString, QJsonValue> defaults[] = {
+            {QStringLiteral("ends"), true}, // or what is unfinished would be kept by guess
+            {QStringLiteral("offsets"), true}, // or messages would be lost and come twice
+            {QStringLiteral("prompt"), true}, // or the last piece of a message could wait
+            {QStringLiteral("strict"), true}, // or a misspelt key would do nothing
+    };
+    for (const auto &[key, value] : defaults) {
+        if (!configuration.contains(key))
+            configuration.insert(key, value);
+    }
     return configuration;
+}
+
+// Whether the plugin tells when a connection is over.
+bool tellsEnds(const QJsonObject &configuration)
+{
+    const QJsonValue value = configuration.value(QLatin1String("ends"));
+    return value.toBool() || value.isString();
 }
 
 } // namespace
@@ -66,7 +81,9 @@ int InputHost::run()
 // behind if it fails.
 ExitCode InputHost::startPlugin(const QJsonObject &configuration)
 {
-    plugin = loader.create(withOffsets(configuration));
+    const QJsonObject complete = withDefaults(configuration);
+    reader.setEndsTold(tellsEnds(complete));
+    plugin = loader.create(complete);
     plugin->pluginId = options.id;
     connectPlugin();
     if (!plugin->start()) {

@@ -20,10 +20,10 @@ struct Origin
     QString task;
 };
 
-//! One message on its way out. It refers to bytes and origin of others, so it is never kept.
+//! One message on its way out. It refers to bytes of others, so it is never kept.
 struct Message
 {
-    const Origin &origin;
+    QByteArrayView head; // Output::headOf() its origin
     QByteArrayView bytes; // without framing
     bool partial = false; // the beginning of a message whose end never came
 };

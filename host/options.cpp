@@ -22,7 +22,7 @@ Output formats:
   json   One object a line: time, plugin, source, peer, port, client, task,
          bytes, and text (valid UTF-8) or base64. "partial": true marks the
          beginning of a message whose end never came. It is printed when the
-         program stops, or once the plugin has closed the silent connection.
+         connection ends.
   raw    The messages with the framing that they came with (lines end with LF,
          though); no partial ones.
   count  Nothing but, on exit, "messages N bytes B connections C". Partial
@@ -63,7 +63,8 @@ struct Definitions
     const QCommandLineOption config{
             QStringLiteral("config"),
             QStringLiteral("The plugin's configuration, a JSON object; - reads standard input. "
-                           "Default: an empty object. \"offsets\" is true unless it is given."),
+                           "Default: an empty object. \"offsets\", \"prompt\", \"ends\" and "
+                           "\"strict\" are true unless they are given."),
             QStringLiteral("FILE")};
     const QCommandLineOption set{
             QStringLiteral("set"),

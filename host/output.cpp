@@ -5,7 +5,10 @@
 
 #include <QtCore/QtEndian>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 
 #include <poll.h>
@@ -15,87 +18,63 @@ namespace host {
 namespace {
 
 constexpr qsizetype FlushAboveBytes = 64 * 1024;
+constexpr qsizetype KeepAtMostBytes = 1024 * 1024; // of a batch's memory, for the next one
 
-//! One JSON object as a line. Its members keep the order in which they are added.
-class JsonLine
+void appendNumber(QByteArray &json, qint64 number)
 {
-public:
-    explicit JsonLine(QByteArray &destination) : line(destination) { line += '{'; }
-    ~JsonLine() { line += "}\n"; }
-    Q_DISABLE_COPY(JsonLine)
-
-    // value: JSON, a number or a literal
-    void addPlain(const char *name, QByteArrayView value)
-    {
-        addName(name);
-        line += value;
-    }
-
-    // utf8: any valid UTF-8; it needs no other encoding in JSON.
-    void addText(const char *name, QByteArrayView utf8)
-    {
-        addName(name);
-        line += '"';
-        for (const char byte : utf8)
-            addEscaped(byte);
-        line += '"';
-    }
-
-private:
-    void addName(const char *name)
-    {
-        if (!line.endsWith('{'))
-            line += ',';
-        line += '"';
-        line += name;
-        line += "\":";
-    }
-
-    void addEscaped(char byte)
-    {
-        if (byte == '"' || byte == '\\') {
-            line += '\\';
-            line += byte;
-        } else if (byte == '\n') {
-            line += "\\n";
-        } else if (byte == '\r') {
-            line += "\\r";
-        } else if (byte == '\t') {
-            line += "\\t";
-        } else if (static_cast<unsigned char>(byte) < 0x20) {
-            line += "\\u00";
-            line += QByteArray(1, byte).toHex();
-        } else {
-            line += byte;
-        }
-    }
-
-    QByteArray &line;
-};
-
-void addContent(JsonLine &json, QByteArrayView bytes)
-{
-    json.addPlain("bytes", QByteArray::number(bytes.size()));
-    if (bytes.isValidUtf8())
-        json.addText("text", bytes);
-    else
-        json.addText("base64", bytes.toByteArray().toBase64());
+    std::array<char, 24> digits;
+    const char *const end = std::to_chars(digits.begin(), digits.end(), number).ptr;
+    json.append(digits.data(), end - digits.data());
 }
 
-void appendJson(QByteArray &destination, const Message &message)
+void appendEscape(QByteArray &json, char byte)
 {
-    const Origin &origin = message.origin;
-    JsonLine json(destination);
-    json.addText("time", origin.time.toUtf8());
-    json.addText("plugin", origin.plugin.toUtf8());
-    json.addText("source", origin.source.toUtf8());
-    json.addText("peer", origin.peer.toUtf8());
-    json.addPlain("port", QByteArray::number(origin.port));
-    json.addText("client", origin.client.toUtf8());
-    json.addPlain("task", QByteArray::number(origin.task.toInt()));
-    addContent(json, message.bytes);
-    if (message.partial)
-        json.addPlain("partial", "true");
+    if (byte == '"' || byte == '\\') {
+        json += '\\';
+        json += byte;
+    } else if (byte == '\n') {
+        json += "\\n";
+    } else if (byte == '\r') {
+        json += "\\r";
+    } else if (byte == '\t') {
+        json += "\\t";
+    } else {
+        json += "\\u00";
+        json += QByteArray(1, byte).toHex();
+    }
+}
+
+// utf8: any valid UTF-8; it needs no other encoding in JSON.
+void appendText(QByteArray &json, QByteArrayView utf8)
+{
+    const auto needsEscape = [](char byte) {
+        return byte == '"' || byte == '\\' || static_cast<unsigned char>(byte) < 0x20;
+    };
+    json += '"';
+    for (auto begin = utf8.begin(); begin != utf8.end();) {
+        const auto end = std::find_if(begin, utf8.end(), needsEscape);
+        json.append(QByteArrayView(begin, end));
+        begin = end;
+        if (begin != utf8.end())
+            appendEscape(json, *begin++);
+    }
+    json += '"';
+}
+
+void appendJson(QByteArray &json, const Message &message)
+{
+    json += message.head;
+    json += "\"bytes\":";
+    appendNumber(json, message.bytes.size());
+    if (message.bytes.isValidUtf8()) {
+        json += ",\"text\":";
+        appendText(json, message.bytes);
+    } else {
+        json += ",\"base64\":\"";
+        json += message.bytes.toByteArray().toBase64();
+        json += '"';
+    }
+    json += message.partial ? ",\"partial\":true}\n" : "}\n";
 }
 
 void appendRaw(QByteArray &destination, const Message &message, Framing framing)
@@ -144,6 +123,32 @@ Output::Output(OutputFormat outputFormat, Framing inputFraming, int outputDescri
       descriptor(outputDescriptor)
 {}
 
+QByteArray Output::headOf(const Origin &origin) const
+{
+    if (!showsOrigins())
+        return {};
+
+    QByteArray json = "{";
+    const auto addText = [&json](const char *name, const QString &text) {
+        json += name;
+        appendText(json, text.toUtf8());
+        json += ',';
+    };
+    const auto addNumber = [&json](const char *name, int number) {
+        json += name;
+        appendNumber(json, number);
+        json += ',';
+    };
+    addText("\"time\":", origin.time);
+    addText("\"plugin\":", origin.plugin);
+    addText("\"source\":", origin.source);
+    addText("\"peer\":", origin.peer);
+    addNumber("\"port\":", origin.port);
+    addText("\"client\":", origin.client);
+    addNumber("\"task\":", origin.task.toInt());
+    return json;
+}
+
 void Output::write(const Message &message)
 {
     if (format == OutputFormat::Json)
@@ -165,14 +170,16 @@ void Output::writeCount(const QString &line)
 void Output::flush()
 {
     flushScheduled = false;
-    const QByteArray batch = std::exchange(pending, {});
-    if (broken)
+    const int error = broken ? 0 : writeAll(descriptor, pending);
+    if (pending.capacity() > KeepAtMostBytes)
+        pending.clear();
+    else
+        pending.resize(0);
+    if (error == 0)
         return;
 
-    if (const int error = writeAll(descriptor, batch)) {
-        broken = true;
-        Q_EMIT failed(QString::fromLocal8Bit(std::strerror(error)));
-    }
+    broken = true;
+    Q_EMIT failed(QString::fromLocal8Bit(std::strerror(error)));
 }
 
 void Output::scheduleFlush()

@@ -40,6 +40,9 @@ public:
     // Whether anything but the source of a message's origin is of interest.
     bool showsOrigins() const { return format == OutputFormat::Json; }
 
+    // What all messages of that origin begin with. Empty, unless origins are shown.
+    QByteArray headOf(const Origin &origin) const;
+
     void write(const Message &message);
 
     // A line in place of records; only for OutputFormat::Count.
@@ -57,7 +60,7 @@ private:
     const OutputFormat format;
     const Framing framing;
     const int descriptor;
-    QByteArray pending;
+    QByteArray pending; // keeps its memory between two batches
     bool flushScheduled = false;
     bool broken = false;
 };

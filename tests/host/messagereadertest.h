@@ -7,6 +7,8 @@
 
 #include <QtTest/QtTest>
 
+#include <chrono>
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -28,6 +30,29 @@ inline shared_parsedData offer(const QByteArray &bytes, const QString &client = 
     return record;
 }
 
+// An offer of a connection, from its byte number offset on.
+inline shared_parsedData stamped(quint64 connection, quint64 offset, const QByteArray &bytes)
+{
+    const shared_parsedData record = offer(bytes);
+    record->addPluginSubId(QStringLiteral("offset"), QString::number(offset));
+    record->addPluginSubId(QStringLiteral("connection"), QString::number(connection));
+    return record;
+}
+
+// The last record of a connection that has received offset bytes.
+inline shared_parsedData endOf(quint64 connection, quint64 offset)
+{
+    const shared_parsedData record = stamped(connection, offset, {});
+    record->addPluginSubId(QStringLiteral("end"), QStringLiteral("peer"));
+    return record;
+}
+
+// Every offer is read at once.
+inline Pace unhurried()
+{
+    return {{}, std::chrono::hours(1)};
+}
+
 // A reader that writes into a pipe.
 class MessageReaderTest : public QObject
 {
@@ -35,7 +60,8 @@ protected:
     void begin();
     void end();
 
-    void make(const FrameFormat &format, OutputFormat outputFormat = OutputFormat::Raw);
+    void make(const FrameFormat &format, OutputFormat outputFormat = OutputFormat::Raw,
+              const Pace &pace = unhurried());
     QByteArray written() const; // since the last call
     QList<int> discards() const { return discarded; }
 
@@ -59,13 +85,14 @@ inline void MessageReaderTest::end()
     ::close(pipeEnds[1]);
 }
 
-inline void MessageReaderTest::make(const FrameFormat &format, OutputFormat outputFormat)
+inline void MessageReaderTest::make(const FrameFormat &format, OutputFormat outputFormat,
+                                    const Pace &pace)
 {
     reader.reset();
     discarded.clear();
     counters = std::make_unique<Counters>();
     output = std::make_unique<Output>(outputFormat, format.framing, pipeEnds[1]);
-    reader = std::make_unique<MessageReader>(format, *output, *counters);
+    reader = std::make_unique<MessageReader>(format, *output, *counters, pace);
     connect(reader.get(), &MessageReader::answered, this,
             [this](int bytes, const QMap<QString, QString> &) { discarded += bytes; });
 }

@@ -4,24 +4,23 @@
 #include "host/messagereader.h"
 
 #include "tests/host/messagereadertest.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/messagecapture.h"
 
 #include <QtTest/QtTest>
+
+#include <ctime>
 
 using namespace host;
 using namespace messagereadertest;
 
 namespace {
 
-constexpr int FirstAskAfterMs = 10;
-
-// An offer of a connection, from its byte number offset on.
-shared_parsedData stamped(quint64 connection, quint64 offset, const QByteArray &bytes)
+double cpuSeconds()
 {
-    const shared_parsedData record = offer(bytes);
-    record->addPluginSubId(QStringLiteral("offset"), QString::number(offset));
-    record->addPluginSubId(QStringLiteral("connection"), QString::number(connection));
-    return record;
+    timespec time = {};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
 }
 
 } // namespace
@@ -37,17 +36,22 @@ private Q_SLOTS:
 
     void countsStampedConnectionsOnce();
     void stampedOffersAreTakenOnce();
+    void consumesWhatIsUnfinished();
     void stampedTailIsPartial();
     void stampedTooLongAcrossOffers();
+    void pieces_data();
+    void pieces();
     void stampedConnectionsShareAnId();
     void keepsNoMoreThanTheTailOfAStampedOffer();
     void heldUpHostForgetsNoStampedConnection();
-    void asksForTheRest();
-    void goesOnAsking();
-    void newBytesBeginAnew();
-    void asksForNothingElse_data();
-    void asksForNothingElse();
-    void asksNobodyWhileThePluginStops();
+    void asksForNothing();
+    void forgetsSilentConnections();
+    void bytesOfALongTailCostNoMore();
+
+    void endGivesUpWhatIsUnfinished();
+    void endEndsASkippedMessage();
+    void remembersTheOpenOnes();
+    void forgetsNoOpenOneByAge();
 };
 
 void tst_ExactReading::countsStampedConnectionsOnce()
@@ -58,7 +62,7 @@ void tst_ExactReading::countsStampedConnectionsOnce()
         record->addPluginSubId(QStringLiteral("client"), client);
         reader->receive(record);
     };
-    from(QStringLiteral("x"), 1, 0, "half"); // nothing of it is ever consumed
+    from(QStringLiteral("x"), 1, 0, "half");
     QCOMPARE(counters->connections(), 1);
     from(QStringLiteral("y"), 2, 0, "half");
     from(QStringLiteral("y"), 2, 0, "half\na\n");
@@ -76,13 +80,13 @@ void tst_ExactReading::stampedOffersAreTakenOnce()
     make({});
     reader->receive(stamped(1, 0, "a\nb\nc"));
     QCOMPARE(written(), QByteArray("a\nb\n"));
-    QCOMPARE(discards(), QList<int>{4});
+    QCOMPARE(discards(), QList<int>{5});
     QCOMPARE(reader->rememberedConnections(), 1);
 
     reader->receive(stamped(1, 0, "a\nb\nc")); // not cut yet
     reader->receive(stamped(1, 0, "a\nb\nc\na\nb\n")); // and the same bytes sent again
     QCOMPARE(written(), QByteArray("c\na\nb\n"));
-    QCOMPARE(discards(), QList<int>({4, 10}));
+    QCOMPARE(discards(), QList<int>({5, 10}));
     QCOMPARE(reader->rememberedConnections(), 0); // nothing is left of it
 
     reader->receive(stamped(1, 4, "c\na\nb\n")); // the last offer, half cut
@@ -91,6 +95,24 @@ void tst_ExactReading::stampedOffersAreTakenOnce()
     reader->receive(stamped(1, 10, "a\n"));
     QCOMPARE(written(), QByteArray("a\n"));
     QCOMPARE(discards().last(), 2);
+}
+
+// The plugin's buffer stays small, and so do the next offers.
+void tst_ExactReading::consumesWhatIsUnfinished()
+{
+    QSignalSpy spy(reader.get(), &MessageReader::answered);
+    reader->receive(stamped(1, 30, "half"));
+    QCOMPARE(discards(), QList<int>({4}));
+    const auto subId = spy[0][1].value<QMap<QString, QString>>();
+    QCOMPARE(subId.value(QStringLiteral("offset")), QStringLiteral("30"));
+
+    reader->receive(stamped(1, 34, " of it\nnext"));
+    QCOMPARE(discards(), QList<int>({4, 11}));
+    reader->receive(stamped(1, 45, " one\n"));
+    QCOMPARE(written(), QByteArray("half of it\nnext one\n"));
+    QCOMPARE(counters->messages, 2);
+    QCOMPARE(counters->bytes, 18);
+    QCOMPARE(reader->rememberedConnections(), 0);
 }
 
 void tst_ExactReading::stampedTailIsPartial()
@@ -111,17 +133,44 @@ void tst_ExactReading::stampedTooLongAcrossOffers()
     format.maxMessage = 4;
     make(format);
     const MessageCapture capture;
+    reader->receive(stamped(1, 0, "01"));
     reader->receive(stamped(1, 0, "0123456789"));
     reader->receive(stamped(1, 0, "0123456789abc"));
     reader->receive(stamped(1, 10, "abc\nok\n"));
     QCOMPARE(written(), QByteArray("ok\n"));
     QCOMPARE(MessageCapture::take().size(), 1);
-    int sum = 0;
-    QCOMPARE(discards().size(), 3);
-    for (int length : discards())
-        sum = std::max(sum, length);
-    QCOMPARE(sum, 13);
+    QCOMPARE(discards(), QList<int>({2, 10, 13, 7}));
     QCOMPARE(counters->tooLong, 1);
+}
+
+void tst_ExactReading::pieces_data()
+{
+    QTest::addColumn<Framing>("framing");
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::addColumn<QByteArray>("expected"); // in the raw format
+    const QByteArray lines = "a\r\n\r\n\nabcdefgh\nabcdefgh\r\nabcdefghi\nxyz\n";
+    QTest::newRow("lines") << Framing::Lines << lines
+                           << QByteArray("a\n\n\nabcdefgh\nabcdefgh\nxyz\n");
+    const QByteArray counted("\0\0\0\1a\0\0\0\0\0\0\0\x9zzzzzzzzz\0\0\0\3xyz", 29);
+    QTest::newRow("length") << Framing::Length << counted
+                            << QByteArray("\0\0\0\1a\0\0\0\0\0\0\0\3xyz", 16);
+}
+
+// However the bytes are cut into offers, the messages are the same.
+void tst_ExactReading::pieces()
+{
+    QFETCH(Framing, framing);
+    QFETCH(QByteArray, bytes);
+    QFETCH(QByteArray, expected);
+    const MessageCapture capture; // warnings that something is too long
+    for (qsizetype size = 1; size <= bytes.size(); ++size) {
+        make({framing, 8});
+        for (qsizetype begin = 0; begin < bytes.size(); begin += size)
+            reader->receive(stamped(1, static_cast<quint64>(begin), bytes.mid(begin, size)));
+        QCOMPARE(written(), expected);
+        QCOMPARE(counters->tooLong, 1);
+        QCOMPARE(reader->rememberedConnections(), 0);
+    }
 }
 
 // A device that uses its port again has the same client id, and nothing to do with the one before.
@@ -150,7 +199,7 @@ void tst_ExactReading::keepsNoMoreThanTheTailOfAStampedOffer()
 void tst_ExactReading::heldUpHostForgetsNoStampedConnection()
 {
     constexpr std::chrono::milliseconds age(1);
-    reader = std::make_unique<MessageReader>(FrameFormat(), *output, *counters,
+    reader = std::make_unique<MessageReader>(FrameFormat(), *output, *counters, unhurried(),
                                              ExactOffers::Limits{age, 10});
     reader->receive(stamped(1, 0, "a\n"));
     QTest::qSleep(2 * static_cast<int>(age.count())); // no synchronisation: this is the hold-up
@@ -158,109 +207,112 @@ void tst_ExactReading::heldUpHostForgetsNoStampedConnection()
     QCOMPARE(written(), QByteArray("a\n"));
 }
 
-// Not from a position: what is asked for is the buffer, however much of it has been cut.
-void tst_ExactReading::asksForTheRest()
+// A repeat is not answered, nor is what has an answer already.
+void tst_ExactReading::asksForNothing()
 {
-    QSignalSpy spy(reader.get(), &MessageReader::answered);
+    reader->receive(stamped(1, 0, "half"));
+    reader->receive(stamped(1, 0, "half"));
+    reader->setAnswering(false);
+    reader->receive(stamped(1, 0, "half of it"));
+    QCOMPARE(discards(), QList<int>({4}));
+}
+
+// Their ends are not told.
+void tst_ExactReading::forgetsSilentConnections()
+{
+    make({}, OutputFormat::Json);
+    reader->setIdleTimeout(1);
     QElapsedTimer since;
     since.start();
-    reader->receive(stamped(1, 30, "a\nhalf"));
-    QCOMPARE(discards(), QList<int>({2}));
-
-    QTRY_VERIFY(spy.count() >= 2);
-
-    QVERIFY(since.elapsed() >= FirstAskAfterMs);
-    QCOMPARE(spy[1][0].toInt(), 0);
-    const auto subId = spy[1][1].value<QMap<QString, QString>>();
-    const QMap<QString, QString> expected = {{QStringLiteral("client"), QStringLiteral("c")},
-                                             {QStringLiteral("task"), QStringLiteral("0")},
-                                             {QStringLiteral("connection"), QStringLiteral("1")}};
-    QCOMPARE(subId, expected);
-
-    reader->receive(stamped(1, 32, "half\n"));
-    QCOMPARE(written(), QByteArray("a\nhalf\n"));
+    reader->receive(stamped(1, 0, "half"));
+    QTRY_COMPARE_WITH_TIMEOUT(counters->partial, 1, HangGuardMs);
+    QVERIFY(since.elapsed() >= 3050 * 95 / 100);
+    QVERIFY(written().endsWith(R"("text":"half","partial":true})"
+                               "\n"));
     QCOMPARE(reader->rememberedConnections(), 0);
 }
 
-// Whether the plugin has nothing to offer, or only what is known, each interval is twice the last.
-void tst_ExactReading::goesOnAsking()
+// No copy of all that came before, and no search through it.
+void tst_ExactReading::bytesOfALongTailCostNoMore()
 {
-    QElapsedTimer since;
-    QList<qint64> times;
-    connect(reader.get(), &MessageReader::answered, this, [&](int bytes) {
-        QCOMPARE(bytes, 0);
-        times += since.elapsed();
-        if (times.size() == 3)
-            reader->receive(stamped(1, 0, "half"));
-    });
-    since.start();
-    reader->receive(stamped(1, 0, "half"));
-    QTRY_VERIFY(times.size() >= 6);
-
-    for (int ask = 0; ask < 6; ++ask)
-        QVERIFY2(times[ask] >= (FirstAskAfterMs << (ask + 1)) - FirstAskAfterMs,
-                 QByteArray::number(ask));
-}
-
-// Of two that have been asked as often, the one with something new is asked first.
-void tst_ExactReading::newBytesBeginAnew()
-{
-    QMap<QString, int> asks;
-    int between = 0; // questions to the first one between the fifth and the sixth to the other
-    const auto count = [&](int, const QMap<QString, QString> &subId) {
-        const QString connection = subId.value(QStringLiteral("connection"));
-        ++asks[connection];
-        const int other = asks[QStringLiteral("2")];
-        if (connection == QLatin1String("1") && other == 5)
-            ++between;
-        if (connection == QLatin1String("2") && other == 5)
-            reader->receive(stamped(1, 0, "half of it"));
+    constexpr int pieces = 2000;
+    const auto costBehind = [this](qsizetype tail) {
+        make({}, OutputFormat::None);
+        reader->receive(stamped(1, 0, QByteArray(tail, 'x')));
+        const double before = cpuSeconds();
+        for (int n = 0; n < pieces; ++n)
+            reader->receive(stamped(1, static_cast<quint64>(tail + n), "x"));
+        return cpuSeconds() - before;
     };
-    connect(reader.get(), &MessageReader::answered, this, count);
-    reader->receive(stamped(1, 0, "half"));
-    reader->receive(stamped(2, 0, "half"));
-    QTRY_VERIFY(asks[QStringLiteral("2")] >= 6);
-    QVERIFY2(between >= 2, QByteArray::number(between));
+    const double behindFew = costBehind(1000);
+    const double behindMany = costBehind(1000 * 1000);
+    QVERIFY2(behindMany < 5 * behindFew, QByteArray::number(behindMany / behindFew));
 }
 
-void tst_ExactReading::asksForNothingElse_data()
+void tst_ExactReading::endGivesUpWhatIsUnfinished()
 {
-    QTest::addColumn<quint64>("connection");
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::newRow("complete") << quint64(1) << QByteArray("a\n");
-    QTest::newRow("without positions") << quint64(0) << QByteArray("half");
-    QTest::newRow("skipped, as it is too long") << quint64(1) << QByteArray("123456789");
+    make({}, OutputFormat::Json);
+    reader->setEndsTold(true);
+    reader->receive(stamped(1, 0, "a\nhalf"));
+    QCOMPARE(written().count('\n'), 1);
+
+    reader->receive(endOf(1, 6));
+
+    const QByteArray text = written();
+    QCOMPARE(text.count('\n'), 1);
+    QVERIFY2(text.endsWith("\"bytes\":4,\"text\":\"half\",\"partial\":true}\n"), text.constData());
+    QCOMPARE(counters->partial, 1);
+    QCOMPARE(counters->offers, 1); // the end is none
+    QCOMPARE(counters->connections(), 1);
+    QCOMPARE(discards(), QList<int>({6}));
+    QCOMPARE(reader->rememberedConnections(), 0);
 }
 
-void tst_ExactReading::asksForNothingElse()
+void tst_ExactReading::endEndsASkippedMessage()
 {
-    QFETCH(quint64, connection);
-    QFETCH(QByteArray, bytes);
-    make({Framing::Lines, 5});
-    const MessageCapture capture; // a warning that something is too long
-    reader->receive(connection == 0 ? offer(bytes) : stamped(connection, 0, bytes));
-    discarded.clear();
-    QSignalSpy spy(reader.get(), &MessageReader::answered);
-
-    reader->receive(stamped(2, 0, "half")); // its question comes later
-    QTRY_VERIFY(!spy.isEmpty());
-
-    const auto subId = spy[0][1].value<QMap<QString, QString>>();
-    QCOMPARE(subId.value(QStringLiteral("connection")), QStringLiteral("2"));
+    make({Framing::Lines, 3});
+    reader->setEndsTold(true);
+    const MessageCapture capture; // a warning that it is too long
+    reader->receive(stamped(1, 0, "12345"));
+    QCOMPARE(reader->rememberedConnections(), 1);
+    reader->receive(endOf(1, 5));
+    QCOMPARE(counters->partial, 0);
+    QCOMPARE(reader->rememberedConnections(), 0);
 }
 
-void tst_ExactReading::asksNobodyWhileThePluginStops()
+void tst_ExactReading::remembersTheOpenOnes()
 {
-    reader->receive(stamped(1, 0, "half"));
-    reader->setAnswering(false);
-    QThread::msleep(2 * FirstAskAfterMs); // the time of the question is over
-    QCoreApplication::processEvents();
-    reader->setAnswering(true);
-    reader->receive(stamped(2, 0, "half"));
-    QSignalSpy spy(reader.get(), &MessageReader::answered);
-    QTRY_VERIFY(!spy.isEmpty());
-    const auto subId = spy[0][1].value<QMap<QString, QString>>();
-    QCOMPARE(subId.value(QStringLiteral("connection")), QStringLiteral("2"));
+    constexpr quint64 connections = 1000;
+    reader->setEndsTold(true);
+    for (quint64 n = 1; n <= connections; ++n)
+        reader->receive(stamped(n, 0, n % 2 == 0 ? "half" : "\n"));
+    QCOMPARE(reader->rememberedConnections(), qsizetype(connections));
+    for (quint64 n = 1; n <= connections; ++n) {
+        reader->receive(endOf(n, 1));
+        QCOMPARE(reader->rememberedConnections(), qsizetype(connections - n));
+    }
+    reader->receive(endOf(connections + 1, 0)); // has never sent anything
+    QCOMPARE(reader->rememberedConnections(), 0);
+    QCOMPARE(counters->connections(), 1); // they share an id
+}
+
+// Neither by their age nor by their number.
+void tst_ExactReading::forgetsNoOpenOneByAge()
+{
+    reader = std::make_unique<MessageReader>(FrameFormat(), *output, *counters, unhurried(),
+                                             ExactOffers::Limits{std::chrono::milliseconds(1), 1});
+    reader->setEndsTold(true);
+    reader->setIdleTimeout(0);
+    reader->receive(stamped(1, 0, "a\nhalf"));
+    reader->receive(stamped(2, 0, "b\n"));
+    // Without ends, the first one would be forgotten when this is.
+    MessageReader other({}, *output, *counters, unhurried());
+    other.setIdleTimeout(0);
+    other.receive(stamped(3, 0, "half"));
+    QTRY_COMPARE_WITH_TIMEOUT(other.rememberedConnections(), 0, HangGuardMs);
+    QCOMPARE(reader->rememberedConnections(), 2);
+    reader->receive(stamped(1, 0, "a\nhalf of it\n"));
+    QCOMPARE(written(), QByteArray("a\nb\nhalf of it\n"));
 }
 
 QTEST_GUILESS_MAIN(tst_ExactReading)

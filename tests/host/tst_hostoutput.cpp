@@ -94,7 +94,7 @@ void tst_HostOutput::jsonLine()
 {
     Pipe pipe;
     Output output(OutputFormat::Json, Framing::Lines, pipe.writer());
-    output.write({origin, "hello"});
+    output.write({output.headOf(origin), "hello"});
     output.flush();
     QCOMPARE(pipe.read(),
              QByteArray(R"({"time":"2026-01-02T03:04:05Z","plugin":"tcp",)"
@@ -132,7 +132,7 @@ void tst_HostOutput::jsonContent()
 
     Pipe pipe;
     Output output(OutputFormat::Json, Framing::Lines, pipe.writer());
-    output.write({origin, bytes});
+    output.write({output.headOf(origin), bytes});
     output.flush();
 
     const QByteArray line = pipe.read();
@@ -152,7 +152,7 @@ void tst_HostOutput::jsonKeepsByteOrderMark()
 {
     Pipe pipe;
     Output output(OutputFormat::Json, Framing::Lines, pipe.writer());
-    output.write({origin, "\xef\xbb\xbf!"});
+    output.write({output.headOf(origin), "\xef\xbb\xbf!"});
     output.flush();
     QVERIFY(pipe.read().endsWith("\"bytes\":4,\"text\":\"\xef\xbb\xbf!\"}\n"));
 }
@@ -163,7 +163,7 @@ void tst_HostOutput::jsonNamesNeedEscapes()
     Output output(OutputFormat::Json, Framing::Lines, pipe.writer());
     Origin odd = origin;
     odd.plugin = QStringLiteral("\"\\\n\u00e4");
-    output.write({odd, "a"});
+    output.write({output.headOf(odd), "a"});
     output.flush();
     const QJsonObject object = QJsonDocument::fromJson(pipe.read()).object();
     QCOMPARE(object.value(QStringLiteral("plugin")).toString(), odd.plugin);
@@ -173,7 +173,7 @@ void tst_HostOutput::partial()
 {
     Pipe pipe;
     Output output(OutputFormat::Json, Framing::Lines, pipe.writer());
-    output.write({origin, "hel", true});
+    output.write({output.headOf(origin), "hel", true});
     output.flush();
     const QByteArray line = pipe.read();
     QVERIFY2(line.endsWith(R"("bytes":3,"text":"hel","partial":true})"
@@ -196,10 +196,10 @@ void tst_HostOutput::raw()
     QFETCH(Framing, framing);
     Pipe pipe;
     Output output(OutputFormat::Raw, framing, pipe.writer());
-    output.write({origin, "ab"});
-    output.write({origin, ""});
-    output.write({origin, "partial", true});
-    output.write({origin, "c"});
+    output.write({output.headOf(origin), "ab"});
+    output.write({output.headOf(origin), ""});
+    output.write({output.headOf(origin), "partial", true});
+    output.write({output.headOf(origin), "c"});
     output.flush();
     QTEST(pipe.read(), "expected");
 }
@@ -209,8 +209,8 @@ void tst_HostOutput::quietFormats()
     for (const OutputFormat format : {OutputFormat::Count, OutputFormat::None}) {
         Pipe pipe;
         Output output(format, Framing::Lines, pipe.writer());
-        output.write({origin, "ab"});
-        output.write({origin, "ab", true});
+        output.write({output.headOf(origin), "ab"});
+        output.write({output.headOf(origin), "ab", true});
         output.flush();
         QCOMPARE(pipe.read(), QByteArray());
     }
@@ -241,12 +241,12 @@ void tst_HostOutput::batch()
 {
     Pipe pipe;
     Output output(OutputFormat::Raw, Framing::Lines, pipe.writer());
-    output.write({origin, "a"});
-    output.write({origin, "b"});
+    output.write({output.headOf(origin), "a"});
+    output.write({output.headOf(origin), "b"});
     QCOMPARE(pipe.read(), QByteArray());
     QCoreApplication::sendPostedEvents();
     QCOMPARE(pipe.read(), QByteArray("a\nb\n"));
-    output.write({origin, "c"});
+    output.write({output.headOf(origin), "c"});
     QCoreApplication::sendPostedEvents();
     QCOMPARE(pipe.read(), QByteArray("c\n"));
 }
@@ -258,7 +258,7 @@ void tst_HostOutput::largeBatch()
     Output output(OutputFormat::Raw, Framing::None, pipe.writer());
     const QByteArray message(1000, 'x');
     for (int n = 0; n < 100; ++n)
-        output.write({origin, message});
+        output.write({output.headOf(origin), message});
     const QByteArray early = pipe.read();
     QVERIFY(early.size() > 64 * 1024);
     output.flush();
@@ -281,7 +281,7 @@ void tst_HostOutput::slowReader()
     Output output(OutputFormat::Raw, Framing::None, pipe.writer());
     QSignalSpy failed(&output, &Output::failed);
     for (int n = 0; n < 10; ++n)
-        output.write({origin, QByteArray(total / 10, static_cast<char>('0' + n))});
+        output.write({output.headOf(origin), QByteArray(total / 10, static_cast<char>('0' + n))});
     output.flush();
     reader.join();
     QCOMPARE(failed.count(), 0);
@@ -299,7 +299,7 @@ void tst_HostOutput::closedPipe()
     output.flush();
     QCOMPARE(failed.count(), 0); // there was nothing to write
     for (int n = 0; n < 3; ++n) {
-        output.write({origin, "a"});
+        output.write({output.headOf(origin), "a"});
         output.flush();
     }
     QCOMPARE(failed.count(), 1);
@@ -313,7 +313,7 @@ void tst_HostOutput::fullDevice()
     const auto closing = qScopeGuard([full] { ::close(full); });
     Output output(OutputFormat::Json, Framing::Lines, full);
     QSignalSpy failed(&output, &Output::failed);
-    output.write({origin, "a"});
+    output.write({output.headOf(origin), "a"});
     QTRY_COMPARE(failed.count(), 1);
     QCOMPARE(failed.first().first().toString(), QString::fromLocal8Bit(std::strerror(ENOSPC)));
 }

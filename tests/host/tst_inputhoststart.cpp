@@ -39,6 +39,7 @@ private Q_SLOTS:
     void findsTheLibrary();
     void badConfiguration_data();
     void badConfiguration();
+    void refusesUnknownKeys();
     void refusesToStart();
     void portInUse();
     void portTakenMeanwhile_data();
@@ -150,6 +151,18 @@ void tst_InputHostStart::badConfiguration()
     QCOMPARE(host.finish(), int(ExitBadConfiguration));
     QCOMPARE(host.output(), QByteArray());
     QVERIFY2(host.log().contains(complaint), host.log().constData());
+}
+
+void tst_InputHostStart::refusesUnknownKeys()
+{
+    Host host;
+    host.run(host.listenArguments() + words("--set Port=1"));
+    QCOMPARE(host.finish(), int(ExitStartFailed));
+    QVERIFY2(host.log().contains("Port"), host.log().constData());
+
+    Host lenient;
+    lenient.start(words("--set Port=1 --set strict=false"));
+    QCOMPARE(lenient.stop(), int(ExitOk));
 }
 
 void tst_InputHostStart::refusesToStart()

@@ -39,6 +39,7 @@ private Q_SLOTS:
     void stopPrintsWhatIsStillComing();
     void stopWithManyDevices();
     void partialAtStop();
+    void partialOfAClosedConnection_data();
     void partialOfAClosedConnection();
     void secondSignalEndsABlockedProgram();
 
@@ -109,10 +110,23 @@ void tst_InputHostStopping::partialAtStop()
     QCOMPARE(host.record(1).value(QStringLiteral("bytes")), QJsonValue(4));
 }
 
+void tst_InputHostStopping::partialOfAClosedConnection_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::newRow("end is told") << QStringList();
+    QTest::newRow("all ends are told") << words("--set ends=all");
+    QTest::newRow("end is told, without offsets") << words("--set offsets=false");
+    QTest::newRow("silence") << words("--set ends=false --set timeout=1");
+    QTest::newRow("silence, without offsets")
+            << words("--set ends=false --set offsets=false --set timeout=1");
+}
+
+// If its end is told, at once: after the idle time-out, this would wait for too long.
 void tst_InputHostStopping::partialOfAClosedConnection()
 {
+    QFETCH(QStringList, arguments);
     Host host;
-    host.start(words("--set timeout=1"));
+    host.start(arguments);
     {
         Device device(host);
         device.send("half");

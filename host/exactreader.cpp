@@ -1,0 +1,238 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "host/exactreader.h"
+
+#include "plugin/subids.h"
+
+#include <limits>
+#include <utility>
+
+namespace host {
+namespace {
+
+constexpr std::size_t MaxClients = 100000; // unless their ends are told
+
+// A long offer is answered now and then while it is read. So a device that is held back since the
+// plugin's buffer is full can go on sending.
+constexpr qsizetype AnswerEachBytes = 256 * 1024;
+
+// Connections are forgotten by their ends alone.
+constexpr ExactOffers::Limits Unlimited = {std::chrono::hours(24 * 365 * 100),
+                                           std::numeric_limits<std::size_t>::max()};
+
+} // namespace
+
+ExactReader::ExactReader(MessageWriter &messageWriter, Counters &total,
+                         const ExactOffers::Limits &memory, const Pace &readingPace)
+    : writer(messageWriter),
+      counters(total),
+      givenMemory(memory),
+      goAllowance(readingPace.ofOffer),
+      queue(readingPace.ofTurn)
+{
+    clock.start();
+    exactOffers.emplace(givenMemory);
+    connect(&queue, &TurnQueue::reached, this, &ExactReader::goOn);
+}
+
+void ExactReader::setEndsTold(bool enable)
+{
+    endsTold = enable;
+    forgetAll();
+}
+
+void ExactReader::receive(quint64 connection, const shared_parsedData &record)
+{
+    const auto known = byNumber.constFind(connection);
+    if (known != byNumber.constEnd()) {
+        clients.splice(clients.end(), clients, *known);
+        take(**known, record);
+        if (!(*known)->isWorthKeeping())
+            forget(*known);
+        return;
+    }
+
+    // Most offers leave nothing that must be kept here.
+    Client client;
+    client.number = connection;
+    take(client, record);
+    if (client.isWorthKeeping())
+        keep(std::move(client));
+}
+
+void ExactReader::take(Client &client, const shared_parsedData &record)
+{
+    client.lastOfferTime = clock.nsecsElapsed();
+    if (!record->getPluginSubIdKey(subids::end()).isEmpty()) {
+        client.end = record;
+    } else {
+        ++counters.offers;
+        client.record = record;
+        client.offer.reset();
+    }
+    if (client.waits)
+        return;
+    if (queue.hasTime()) {
+        proceed(client);
+    } else {
+        client.waits = true;
+        queue.append(client.number);
+    }
+}
+
+void ExactReader::goOn(quint64 number)
+{
+    const auto known = byNumber.constFind(number);
+    if (known == byNumber.constEnd())
+        return;
+    (*known)->waits = false;
+    proceed(**known);
+    if (!(*known)->isWorthKeeping())
+        forget(*known);
+}
+
+void ExactReader::proceed(Client &client)
+{
+    if (client.record && !readOffer(client)) {
+        client.waits = true;
+        queue.append(client.number);
+    } else if (client.end) {
+        end(client);
+    }
+}
+
+// Reads as much of the offer as fits into one go. True if that was the rest of it.
+bool ExactReader::readOffer(Client &client)
+{
+    if (!client.offer)
+        open(client);
+    Allowance allowance = goAllowance;
+    const QByteArrayView fresh = client.offer->fresh();
+    client.used += readBytes(client, fresh.sliced(client.used), allowance);
+    const bool isRead = client.used == fresh.size() || writer.isDone();
+    answer(client, isRead);
+    if (isRead) {
+        client.record.reset();
+        client.offer.reset();
+    }
+    return isRead;
+}
+
+void ExactReader::open(Client &client)
+{
+    client.offer = exactOffers->open(*client.record, pacedTime);
+    client.used = 0;
+    client.answered = 0;
+    client.origin = writer.originOf(*client.record);
+    if (client.offer->position() == 0) // its first one: all that is read is consumed
+        counters.addConnection(client.record->getPluginSubIdKey(subids::client()));
+}
+
+// Takes all bytes, unless the allowance is used up: then it may be fewer.
+qsizetype ExactReader::readBytes(Client &client, QByteArrayView bytes, Allowance &allowance)
+{
+    qsizetype taken = finishTail(client, bytes, allowance);
+    if (!client.tail.isEmpty())
+        return taken;
+
+    taken += writer.write(bytes.sliced(taken), client.origin, client.framing, allowance);
+    if (allowance.isUsedUp() || writer.isDone())
+        return taken;
+    client.tail = bytes.sliced(taken).toByteArray(); // a copy: the offer itself may be large
+    return bytes.size();
+}
+
+// Takes what belongs to the message that has begun already.
+qsizetype ExactReader::finishTail(Client &client, QByteArrayView bytes, Allowance &allowance)
+{
+    qsizetype taken = 0;
+    while (!client.tail.isEmpty() && taken < bytes.size()) {
+        const QByteArrayView next = bytes.sliced(taken);
+        const qsizetype size = bytesToAppend(client.tail, next, writer.frameFormat());
+        client.tail.append(next.first(size));
+        taken += size;
+        // All of the message, or nothing.
+        if (writer.write(client.tail, client.origin, client.framing, allowance) > 0)
+            client.tail.clear();
+    }
+    return taken;
+}
+
+// The answer names the offer's own position, so it cuts the same bytes whenever it is carried out.
+void ExactReader::answer(Client &client, bool isRead)
+{
+    const int length = exactOffers->consume(*client.offer, client.used, pacedTime);
+    if (length == 0 || !answering || (!isRead && client.used - client.answered < AnswerEachBytes))
+        return;
+    client.answered = client.used;
+    Q_EMIT answered(length, client.record->getPluginSubId());
+}
+
+void ExactReader::end(Client &client)
+{
+    exactOffers->open(*client.end, pacedTime); // forgets the connection
+    client.end.reset();
+    giveUp(client);
+}
+
+void ExactReader::keep(Client &&client)
+{
+    if (clients.size() == MaxClients && !endsTold)
+        forgetOldest();
+    clients.push_back(std::move(client));
+    byNumber.insert(clients.back().number, std::prev(clients.end()));
+}
+
+void ExactReader::forget(Clients::iterator client)
+{
+    byNumber.remove(client->number);
+    clients.erase(client);
+}
+
+// Prints what is left of a connection.
+void ExactReader::giveUp(Client &client)
+{
+    writer.writePartial(client.tail, client.origin);
+    client.tail.clear();
+    client.framing = {};
+}
+
+void ExactReader::forgetAll()
+{
+    while (!clients.empty())
+        forgetOldest();
+    queue.clear();
+    exactOffers.emplace(endsTold ? Unlimited : givenMemory);
+}
+
+void ExactReader::forgetSilent(std::chrono::nanoseconds interval)
+{
+    // Whoever reads the output may hold everything up for hours. Offers wait meanwhile, repeats
+    // among them, so the connections that they belong to must not grow old: this comes once a pass
+    // of the event loop at most, and each pass receives all offers that wait.
+    pacedTime += interval;
+    if (endsTold)
+        return;
+    const qint64 time = clock.nsecsElapsed();
+    while (!clients.empty() && time - clients.front().lastOfferTime > forgetAfter)
+        forgetOldest();
+}
+
+// Reads all that it has. Its number may stay in the queue.
+void ExactReader::forgetOldest()
+{
+    Client &client = clients.front();
+    while (client.record && !readOffer(client)) {}
+    if (client.end)
+        end(client);
+    giveUp(client);
+    forget(clients.begin());
+}
+
+qsizetype ExactReader::remembered() const
+{
+    return static_cast<qsizetype>(endsTold ? exactOffers->size() : clients.size());
+}
+
+} // namespace host

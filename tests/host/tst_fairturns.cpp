@@ -1,0 +1,192 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "host/messagereader.h"
+
+#include "tests/host/messagereadertest.h"
+#include "tests/kit/hangguard.h"
+
+#include <QtTest/QtTest>
+
+using namespace host;
+using namespace messagereadertest;
+
+namespace {
+
+// The lines "<name>0" to "<name><count - 1>".
+QByteArray lines(char name, int count)
+{
+    QByteArray result;
+    for (int n = 0; n < count; ++n)
+        result += name + QByteArray::number(n) + '\n';
+    return result;
+}
+
+} // namespace
+
+// One connection must not hold the thread.
+class tst_FairTurns : public MessageReaderTest
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init() { begin(); }
+    void cleanup() { end(); }
+
+    void connectionsTakeTurns();
+    void largeMessagesTakeTurns();
+    void eventsComeInBetween();
+    void timeOfATurnIsLimited();
+    void laterOfferTakesTheTurn();
+    void endWaitsForTheRest();
+    void longOfferIsAnsweredInBetween();
+    void forgetAllReadsWhatWaits();
+    void forgottenConnectionHasNoTurn();
+    void messageLimitEndsTurns();
+
+private:
+    void makeTwoMessagesAGo(std::chrono::nanoseconds time = std::chrono::hours(1));
+};
+
+void tst_FairTurns::makeTwoMessagesAGo(std::chrono::nanoseconds time)
+{
+    Pace pace;
+    pace.ofOffer.messages = 2;
+    pace.ofTurn = time;
+    make({}, OutputFormat::Raw, pace);
+    reader->setEndsTold(true);
+}
+
+void tst_FairTurns::connectionsTakeTurns()
+{
+    makeTwoMessagesAGo();
+    reader->receive(stamped(1, 0, lines('a', 5)));
+    reader->receive(stamped(2, 0, lines('b', 5)));
+    reader->receive(stamped(3, 0, lines('c', 1)));
+    QCOMPARE(written(), QByteArray("a0\na1\nb0\nb1\nc0\n"));
+    QCOMPARE(discards(), QList<int>({3})); // an offer is answered when it is read
+
+    QTRY_COMPARE(counters->messages, 11);
+
+    QCOMPARE(written(), QByteArray("a2\na3\nb2\nb3\na4\nb4\n"));
+    QCOMPARE(discards(), QList<int>({3, 15, 15}));
+}
+
+void tst_FairTurns::largeMessagesTakeTurns()
+{
+    Pace pace = unhurried();
+    pace.ofOffer.bytes = 100;
+    make({}, OutputFormat::Raw, pace);
+    reader->receive(stamped(1, 0, QByteArray(200, 'x') + "\na\n"));
+    QCOMPARE(counters->messages, 1);
+    QTRY_COMPARE(counters->messages, 2);
+}
+
+void tst_FairTurns::eventsComeInBetween()
+{
+    makeTwoMessagesAGo(std::chrono::nanoseconds(1)); // one go a turn
+    reader->receive(stamped(1, 0, lines('a', 20)));
+    QList<qint64> seen;
+    QTimer timer;
+    connect(&timer, &QTimer::timeout, this, [&] { seen += counters->messages; });
+    timer.start(0);
+    while (counters->messages < 20)
+        QCoreApplication::processEvents();
+    timer.stop();
+    QCOMPARE(seen.mid(0, 8), QList<qint64>({4, 6, 8, 10, 12, 14, 16, 18}));
+}
+
+// What comes in one turn of the event loop is not read without end, either.
+void tst_FairTurns::timeOfATurnIsLimited()
+{
+    makeTwoMessagesAGo(std::chrono::nanoseconds(1));
+    for (quint64 n = 1; n <= 10; ++n)
+        reader->receive(stamped(n, 0, "a\n"));
+    QCOMPARE(counters->messages, 1);
+    QCOMPARE(counters->offers, 10);
+    int turns = 0;
+    while (counters->messages < 10 && turns < 100) {
+        QCoreApplication::processEvents();
+        ++turns;
+    }
+    QCOMPARE(turns, 9);
+}
+
+// It has all that is not consumed, and the one before is dropped: memory holds one offer.
+void tst_FairTurns::laterOfferTakesTheTurn()
+{
+    makeTwoMessagesAGo();
+    QByteArray bytes = lines('a', 5);
+    shared_parsedData first = stamped(1, 0, bytes);
+    reader->receive(first);
+    reader->receive(stamped(1, 3, lines('a', 7).mid(3))); // the first message is cut
+    first.clear();
+    QVERIFY(bytes.isDetached());
+    QTRY_COMPARE(counters->messages, 7);
+    QCOMPARE(written(), lines('a', 7));
+    QCOMPARE(discards(), QList<int>({18}));
+    QCOMPARE(counters->offers, 2);
+}
+
+void tst_FairTurns::endWaitsForTheRest()
+{
+    makeTwoMessagesAGo();
+    reader->receive(stamped(1, 0, lines('a', 5) + "half"));
+    reader->receive(stamped(1, 0, lines('a', 6) + "half"));
+    reader->receive(endOf(1, 22));
+    QCOMPARE(counters->partial, 0);
+    QTRY_COMPARE(counters->partial, 1);
+    QCOMPARE(written(), lines('a', 6));
+    QCOMPARE(reader->rememberedConnections(), 0);
+}
+
+// So a device that is held back, since the plugin's buffer is full, can go on sending.
+void tst_FairTurns::longOfferIsAnsweredInBetween()
+{
+    make({}, OutputFormat::None, {});
+    constexpr int length = 1000 * 1000;
+    reader->receive(stamped(1, 0, QByteArray(length, '\n')));
+    QTRY_COMPARE_WITH_TIMEOUT(counters->messages, length, HangGuardMs);
+    QCOMPARE(discards().size(), 4); // after 256 KiB each
+    QCOMPARE(discards().last(), length);
+    QVERIFY(std::is_sorted(discarded.begin(), discarded.end()));
+}
+
+void tst_FairTurns::forgetAllReadsWhatWaits()
+{
+    makeTwoMessagesAGo();
+    reader->receive(stamped(1, 0, lines('a', 5) + "half"));
+    reader->setAnswering(false);
+    reader->forgetAll();
+    QCOMPARE(counters->partial, 1);
+    QCOMPARE(written(), lines('a', 5));
+    QCOMPARE(discards(), QList<int>());
+    QCOMPARE(reader->rememberedConnections(), 0);
+}
+
+void tst_FairTurns::forgottenConnectionHasNoTurn()
+{
+    makeTwoMessagesAGo();
+    reader->receive(stamped(1, 0, lines('a', 5)));
+    reader->forgetAll();
+    reader->receive(stamped(1, 15, lines('b', 3)));
+    QTRY_COMPARE(counters->messages, 8);
+    QCOMPARE(written(), lines('a', 5) + lines('b', 3));
+}
+
+void tst_FairTurns::messageLimitEndsTurns()
+{
+    makeTwoMessagesAGo();
+    reader->setMessageLimit(3);
+    QSignalSpy finished(reader.get(), &MessageReader::finished);
+    reader->receive(stamped(1, 0, lines('a', 5)));
+    reader->receive(stamped(2, 0, lines('b', 5)));
+    QTRY_COMPARE(finished.count(), 1);
+    reader->forgetAll();
+    QCOMPARE(finished.count(), 1);
+    QCOMPARE(counters->messages, 3);
+    QCOMPARE(written().count('\n'), 3);
+}
+
+QTEST_GUILESS_MAIN(tst_FairTurns)
+#include "tst_fairturns.moc"

@@ -33,6 +33,14 @@ public:
 
     void append(QByteArrayView piece)
     {
+        // As for a message that has begun in an earlier piece: it is finished first.
+        while (!result.rest.isEmpty() && !piece.isEmpty()) {
+            const qsizetype size = bytesToAppend(result.rest, piece, format);
+            require(size > 0 && size <= piece.size(), QStringLiteral("some are appended"));
+            result.rest.append(piece.first(size));
+            piece = piece.sliced(size);
+            require(!take() || result.rest.isEmpty(), QStringLiteral("all or nothing"));
+        }
         result.rest.append(piece);
         while (take()) {}
     }

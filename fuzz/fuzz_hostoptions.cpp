@@ -31,6 +31,7 @@ void fuzz(QByteArrayView input)
 
     Options &options = line.options;
     require(options.format.maxMessage > 0, QStringLiteral("message limit"));
+    require(options.maxUnfinished > 0, QStringLiteral("limit of unfinished messages"));
     require(options.statusEverySeconds >= 0 && options.exitAfter >= 0, QStringLiteral("numbers"));
     require(QStringList(
                     {QStringLiteral("debug"), QStringLiteral("info"), QStringLiteral("warning")})

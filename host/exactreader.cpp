@@ -48,8 +48,7 @@ void ExactReader::receive(quint64 connection, const shared_parsedData &record)
     if (known != byNumber.constEnd()) {
         clients.splice(clients.end(), clients, *known);
         take(**known, record);
-        if (!(*known)->isWorthKeeping())
-            forget(*known);
+        settle(*known);
         return;
     }
 
@@ -58,7 +57,7 @@ void ExactReader::receive(quint64 connection, const shared_parsedData &record)
     client.number = connection;
     take(client, record);
     if (client.isWorthKeeping())
-        keep(std::move(client));
+        settle(keep(std::move(client)));
 }
 
 void ExactReader::take(Client &client, const shared_parsedData &record)
@@ -88,8 +87,7 @@ void ExactReader::goOn(quint64 number)
         return;
     (*known)->waits = false;
     proceed(**known);
-    if (!(*known)->isWorthKeeping())
-        forget(*known);
+    settle(*known);
 }
 
 void ExactReader::proceed(Client &client)
@@ -176,16 +174,39 @@ void ExactReader::end(Client &client)
     giveUp(client);
 }
 
-void ExactReader::keep(Client &&client)
+ExactReader::Clients::iterator ExactReader::keep(Client &&client)
 {
     if (clients.size() == MaxClients && !endsTold)
         forgetOldest();
     clients.push_back(std::move(client));
-    byNumber.insert(clients.back().number, std::prev(clients.end()));
+    return *byNumber.insert(clients.back().number, std::prev(clients.end()));
+}
+
+// After each change of its state.
+void ExactReader::settle(Clients::iterator client)
+{
+    unfinished.change(client->number, client->counted, client->tail.size());
+    client->counted = client->tail.size();
+    if (!client->isWorthKeeping())
+        forget(client);
+    while (unfinished.total() > maxUnfinished && giveUpLargest()) {}
+}
+
+// False if none is long enough. Its connection is not forgotten: the rest of it has to be skipped.
+bool ExactReader::giveUpLargest()
+{
+    Client &client = *byNumber.value(unfinished.largest());
+    if (!writer.giveUp(client.tail, client.origin, client.framing))
+        return false;
+    client.tail.clear();
+    unfinished.change(client.number, client.counted, 0);
+    client.counted = 0;
+    return true;
 }
 
 void ExactReader::forget(Clients::iterator client)
 {
+    unfinished.change(client->number, client->counted, 0);
     byNumber.remove(client->number);
     clients.erase(client);
 }

@@ -5,6 +5,7 @@
 
 #include "host/messagewriter.h"
 #include "host/turnqueue.h"
+#include "host/unfinishedsizes.h"
 #include "plugin/exactoffers.h"
 #include "plugin/parseddata.h"
 
@@ -15,6 +16,7 @@
 #include <QtCore/QObject>
 
 #include <chrono>
+#include <limits>
 #include <list>
 #include <optional>
 
@@ -35,6 +37,9 @@ struct Pace
     another one of the same connection comes meanwhile, that takes its place: it has all bytes that
     are not consumed.
 
+    What is kept of unfinished messages has a limit over all connections. Beyond it, the longest one
+   is given up: printed as partial, and skipped to its end.
+
     A connection is remembered here while it has an unread offer or an unfinished message. Up to
    which position it was consumed is remembered until its end is told.
 
@@ -54,6 +59,7 @@ public:
     void setForgetAfter(std::chrono::nanoseconds silence) { forgetAfter = silence.count(); }
     // Forgets all that it knows.
     void setEndsTold(bool enable);
+    void setMaxUnfinished(qint64 bytes) { maxUnfinished = bytes; }
 
     // connection: the number that the record carries.
     void receive(quint64 connection, const shared_parsedData &record);
@@ -82,7 +88,8 @@ private:
         bool waits = false; // in the queue
 
         Origin origin; // of the latest offer that was opened
-        QByteArray tail; // the beginning of a message
+        QByteArray tail; // the beginning of a message; its size grows in steps, see QByteArray
+        qsizetype counted = 0; // of its bytes, in unfinished
         FrameState framing;
         qint64 lastOfferTime = 0;
 
@@ -101,7 +108,9 @@ private:
     void answer(Client &client, bool isRead);
     void end(Client &client);
 
-    void keep(Client &&client);
+    Clients::iterator keep(Client &&client);
+    void settle(Clients::iterator client);
+    bool giveUpLargest();
     void forgetOldest();
     void forget(Clients::iterator client);
     void giveUp(Client &client);
@@ -115,10 +124,12 @@ private:
     ExactOffers::Clock::time_point pacedTime; // its time, see forgetSilent()
     Clients clients; // the longest silent one first
     QHash<quint64, Clients::iterator> byNumber;
+    UnfinishedSizes unfinished; // of their tails
     TurnQueue queue; // some of them may be forgotten meanwhile
 
     QElapsedTimer clock;
     qint64 forgetAfter = 0; // in nanoseconds
+    qint64 maxUnfinished = std::numeric_limits<qint64>::max();
 
     bool answering = true;
     bool endsTold = false;

@@ -137,6 +137,23 @@ qsizetype bytesToAppend(QByteArrayView rest, QByteArrayView next, const FrameFor
                                             : countedBytesToAppend(rest, next);
 }
 
+bool abandonMessage(QByteArrayView rest, const FrameFormat &format, FrameState &state)
+{
+    if (format.framing == Framing::None)
+        return false;
+    if (format.framing == Framing::Lines) {
+        state = {};
+        state.skippingLine = true;
+        return true;
+    }
+    if (rest.size() < LengthPrefixBytes)
+        return false;
+    state = {};
+    state.skipBytes =
+            LengthPrefixBytes + qint64(qFromBigEndian<quint32>(rest.data())) - rest.size();
+    return true;
+}
+
 QByteArrayView partialMessage(QByteArrayView rest, const FrameFormat &format)
 {
     if (format.framing != Framing::Length)

@@ -62,6 +62,10 @@ Frame takeFrame(QByteArrayView buffer, const FrameFormat &format, FrameState &st
 // all or nothing, since no byte behind the message is appended.
 qsizetype bytesToAppend(QByteArrayView rest, QByteArrayView next, const FrameFormat &format);
 
+// Gives up the message that begins with the rest: what is still to come of it is skipped. False if
+// nothing is known of its length yet, then nothing changes.
+bool abandonMessage(QByteArrayView rest, const FrameFormat &format, FrameState &state);
+
 // The message bytes in the rest that takeFrame() left: the beginning of a message.
 QByteArrayView partialMessage(QByteArrayView rest, const FrameFormat &format);
 

@@ -51,6 +51,7 @@ InputHost::InputHost(const Options &commandLine)
       reader(commandLine.format, output, counters)
 {
     reader.setMessageLimit(options.exitAfter);
+    reader.setMaxUnfinished(options.maxUnfinished);
     connect(&reader, &MessageReader::finished, this, [] { QCoreApplication::quit(); });
     connect(&output, &Output::failed, this, &InputHost::handleOutputFailure);
     connect(&statusTimer, &QTimer::timeout, this, &InputHost::reportStatus);

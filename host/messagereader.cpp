@@ -69,6 +69,7 @@ void MessageReader::forgetAll()
 {
     exact.forgetAll();
     plain.forgetAll();
+    writer.tellMissedWarnings(true);
 }
 
 void MessageReader::receive(const shared_parsedData &record)
@@ -85,6 +86,7 @@ void MessageReader::forgetSilent()
 {
     exact.forgetSilent(ForgetInterval);
     plain.forgetSilent();
+    writer.tellMissedWarnings();
 }
 
 } // namespace host

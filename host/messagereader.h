@@ -41,6 +41,9 @@ public:
     void setIdleTimeout(qint64 seconds);
     // The plugin has "ends". Default: false. Before its first record.
     void setEndsTold(bool enable);
+    // Of unfinished messages, over all connections that are read exactly. Beyond it the longest one
+    // is given up. Default: no limit.
+    void setMaxUnfinished(qint64 bytes) { exact.setMaxUnfinished(bytes); }
     // Stops after that many messages: nothing more is read or printed. 0 (default): never.
     void setMessageLimit(qint64 messages) { writer.setLimit(messages); }
 

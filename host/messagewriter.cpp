@@ -50,9 +50,7 @@ qsizetype MessageWriter::write(QByteArrayView bytes, const Origin &origin, Frame
                 head = output.headOf(origin);
             writeMessage(head, frame.message);
         } else if (frame.kind == Frame::TooLong) {
-            ++counters.tooLong;
-            CWRN(QtWarningMsg, QStringLiteral("Message of more than %1 bytes skipped, from %2"),
-                 format.maxMessage, origin.source);
+            warnOfTooLong(origin);
         }
     }
     return taken;
@@ -64,6 +62,34 @@ void MessageWriter::writePartial(QByteArrayView rest, const Origin &origin)
         return;
     output.write({output.headOf(origin), partialMessage(rest, format), true});
     ++counters.partial;
+}
+
+bool MessageWriter::giveUp(QByteArrayView rest, const Origin &origin, FrameState &state)
+{
+    if (!abandonMessage(rest, format, state))
+        return false;
+    writePartial(rest, origin);
+    if (givenUpLines.allows())
+        CWRN(QtWarningMsg, QStringLiteral("Unfinished message of %1 bytes given up, from %2"),
+             rest.size(), origin.source);
+    return true;
+}
+
+void MessageWriter::tellMissedWarnings(bool atOnce)
+{
+    if (const qint64 missed = tooLongLines.takeMissed(atOnce))
+        CWRN(QtWarningMsg, QStringLiteral("%1 more messages of more than %2 bytes skipped"), missed,
+             format.maxMessage);
+    if (const qint64 missed = givenUpLines.takeMissed(atOnce))
+        CWRN(QtWarningMsg, QStringLiteral("%1 more unfinished messages given up"), missed);
+}
+
+void MessageWriter::warnOfTooLong(const Origin &origin)
+{
+    ++counters.tooLong;
+    if (tooLongLines.allows())
+        CWRN(QtWarningMsg, QStringLiteral("Message of more than %1 bytes skipped, from %2"),
+             format.maxMessage, origin.source);
 }
 
 void MessageWriter::writeMessage(QByteArrayView head, QByteArrayView bytes)

@@ -5,6 +5,7 @@
 
 #include "host/counters.h"
 #include "host/framing.h"
+#include "host/linelimit.h"
 #include "host/message.h"
 #include "host/output.h"
 
@@ -56,16 +57,26 @@ public:
     // rest: what write() has left, and which goes no further. Empty: nothing happens.
     void writePartial(QByteArrayView rest, const Origin &origin);
 
+    // The same for a message that goes on, but takes too much memory: what is still to come of it
+    // is skipped, and a line warns of it. False, and nothing happens, if it is too short for that.
+    bool giveUp(QByteArrayView rest, const Origin &origin, FrameState &state);
+
+    // Warnings beyond ten a minute are counted. Tells how many there were, if the minute is over.
+    void tellMissedWarnings(bool atOnce = false);
+
 Q_SIGNALS:
     // The limit is reached.
     void finished();
 
 private:
+    void warnOfTooLong(const Origin &origin);
     void writeMessage(QByteArrayView head, QByteArrayView bytes);
 
     const FrameFormat format;
     Output &output;
     Counters &counters;
+    LineLimit tooLongLines;
+    LineLimit givenUpLines;
     qint64 limit = 0;
     bool done = false;
 };

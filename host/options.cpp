@@ -8,10 +8,14 @@
 #include <QtCore/QJsonArray>
 #include <QtCore/QJsonDocument>
 
+#include <algorithm>
 #include <limits>
 
 namespace host {
 namespace {
+
+// Enough for 64 of the longest messages by default, and for thousands of usual ones.
+constexpr qint64 DefaultMaxUnfinished = 64 * 1024 * 1024;
 
 const char Notes[] = R"(
 Messages go to standard output, everything else to standard error. Writing
@@ -85,6 +89,13 @@ struct Definitions
             QStringLiteral("A longer message is skipped, with a warning. Default: 1048576. Without "
                            "meaning for --framing none."),
             QStringLiteral("BYTES"), QStringLiteral("1048576")};
+    const QCommandLineOption maxUnfinished{
+            QStringLiteral("max-unfinished"),
+            QStringLiteral(
+                    "Unfinished messages of all connections together: beyond this the "
+                    "longest one is given up, with a warning. Default: 67108864, or "
+                    "--max-message if that is more. Without meaning if \"offsets\" is false."),
+            QStringLiteral("BYTES")};
     const QCommandLineOption output{
             QStringLiteral("output"),
             QStringLiteral("json (default), raw, count or none; see below."),
@@ -109,8 +120,8 @@ struct Definitions
 
     void addTo(QCommandLineParser &parser) const
     {
-        parser.addOptions({plugin, entry, config, set, id, framing, maxMessage, output, logLevel,
-                           statusEvery, exitAfter, help, version});
+        parser.addOptions({plugin, entry, config, set, id, framing, maxMessage, maxUnfinished,
+                           output, logLevel, statusEvery, exitAfter, help, version});
     }
 };
 
@@ -219,6 +230,9 @@ Options readOptions(const QCommandLineParser &parser, const Definitions &known, 
             {{"lines", Framing::Lines}, {"length", Framing::Length}, {"none", Framing::None}});
     options.format.maxMessage =
             reader.number(known.maxMessage, std::numeric_limits<int>::max() / 2);
+    options.maxUnfinished = reader.number(known.maxUnfinished, std::numeric_limits<qint64>::max());
+    if (options.maxUnfinished == 0)
+        options.maxUnfinished = std::max(DefaultMaxUnfinished, options.format.maxMessage);
     options.output = reader.choice<OutputFormat>(known.output,
                                                  {{"json", OutputFormat::Json},
                                                   {"raw", OutputFormat::Raw},

@@ -25,6 +25,7 @@ struct Options
     QList<std::pair<QString, QJsonValue>> settings; // applied over the file, in this order
     QString id;
     FrameFormat format;
+    qint64 maxUnfinished = 0; // bytes of unfinished messages, over all connections
     OutputFormat output = OutputFormat::Json;
     QString logLevel; // "debug", "info" or "warning"
     int statusEverySeconds = 0; // 0: never

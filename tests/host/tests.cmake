@@ -4,7 +4,7 @@
 # The host's parts, one by one.
 foreach(name IN ITEMS
         tst_exactreading tst_fairturns tst_framing tst_hostconfiguration tst_hostoptions tst_hostoutput
-        tst_hosttexts tst_messagereader tst_offertracker tst_process)
+        tst_hosttexts tst_messagereader tst_offertracker tst_process tst_unfinished)
     plugin_test(${name})
     target_link_libraries(${name} PRIVATE inputhost_parts)
 endforeach()

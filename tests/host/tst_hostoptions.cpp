@@ -53,6 +53,7 @@ void tst_HostOptions::defaults()
     QCOMPARE(options.id, QStringLiteral("tcp"));
     QCOMPARE(options.format.framing, Framing::Lines);
     QCOMPARE(options.format.maxMessage, 1024 * 1024);
+    QCOMPARE(options.maxUnfinished, 64 * 1024 * 1024);
     QCOMPARE(options.output, OutputFormat::Json);
     QCOMPARE(options.logLevel, QStringLiteral("info"));
     QCOMPARE(options.statusEverySeconds, 0);
@@ -63,7 +64,8 @@ void tst_HostOptions::all()
 {
     const CommandLine line = parse(words(
             "--plugin lib.so --entry registerPlugin --config - --set a=1 --id x --framing length "
-            "--max-message 7 --output raw --log-level debug --status-every 3 --exit-after 9"));
+            "--max-message 7 --max-unfinished 8 --output raw --log-level debug --status-every 3 "
+            "--exit-after 9"));
     QCOMPARE(line.outcome, CommandLine::Run);
     const Options &options = line.options;
     QCOMPARE(options.pluginFile, QStringLiteral("lib.so"));
@@ -73,6 +75,7 @@ void tst_HostOptions::all()
     QCOMPARE(options.id, QStringLiteral("x"));
     QCOMPARE(options.format.framing, Framing::Length);
     QCOMPARE(options.format.maxMessage, 7);
+    QCOMPARE(options.maxUnfinished, 8);
     QCOMPARE(options.output, OutputFormat::Raw);
     QCOMPARE(options.logLevel, QStringLiteral("debug"));
     QCOMPARE(options.statusEverySeconds, 3);
@@ -160,6 +163,8 @@ void tst_HostOptions::refused_data()
     QTest::newRow("--max-message 1k") << "--max-message: '1k'";
     QTest::newRow("--max-message 99999999999") << "--max-message: '99999999999'";
     QTest::newRow("--max-message=") << "--max-message: ''";
+    QTest::newRow("--max-unfinished 0") << "--max-unfinished: '0'. It takes a number from 1 to";
+    QTest::newRow("--max-unfinished 1M") << "--max-unfinished: '1M'";
     QTest::newRow("--status-every 0")
             << "--status-every: '0'. It takes a number from 1 to 2147483.";
     QTest::newRow("--status-every x") << "--status-every: 'x'";
@@ -181,6 +186,9 @@ void tst_HostOptions::limits()
     QCOMPARE(parse(words("--max-message 1")).options.format.maxMessage, 1);
     QCOMPARE(parse(words("--max-message 1073741823")).options.format.maxMessage, 1073741823);
     QCOMPARE(parse(words("--max-message 1073741824")).outcome, CommandLine::Refuse);
+    // A message of the full length fits, unless the operator says otherwise.
+    QCOMPARE(parse(words("--max-message 100000000")).options.maxUnfinished, 100000000);
+    QCOMPARE(parse(words("--max-message 9 --max-unfinished 1")).options.maxUnfinished, 1);
     QCOMPARE(parse(words("--status-every 2147483")).options.statusEverySeconds, 2147483);
     QCOMPARE(parse(words("--status-every 2147484")).outcome, CommandLine::Refuse);
     QCOMPARE(parse(words("--exit-after 9223372036854775807")).options.exitAfter,
@@ -194,8 +202,8 @@ void tst_HostOptions::help()
         QCOMPARE(line.outcome, CommandLine::Inform);
         for (const char *named :
              {"--plugin", "--entry", "--config", "--set", "--id", "--framing", "--max-message",
-              "--output", "--log-level", "--status-every", "--exit-after", "--help", "--version",
-              "Exit codes", "SIGHUP", "slow reader"})
+              "--max-unfinished", "--output", "--log-level", "--status-every", "--exit-after",
+              "--help", "--version", "Exit codes", "SIGHUP", "slow reader"})
             QVERIFY2(line.text.contains(QLatin1String(named)), named);
     }
 }

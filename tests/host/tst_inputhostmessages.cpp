@@ -49,6 +49,7 @@ private Q_SLOTS:
     void sendAndCloseAtOnce();
     void netcat();
     void maxMessage();
+    void maxUnfinished();
     void exitAfter();
 };
 
@@ -301,6 +302,23 @@ void tst_InputHostMessages::maxMessage()
     QCOMPARE(host.stop(), int(ExitOk));
     QCOMPARE(host.log().count("warning: "), 2);
     QCOMPARE(host.log().count("Message of more than 10 bytes skipped"), 2);
+}
+
+// Printed while the device is still connected, and the next message is whole again.
+void tst_InputHostMessages::maxUnfinished()
+{
+    Host host;
+    host.start(words("--max-unfinished 1000"));
+    Device device(host);
+    device.send(QByteArray(2000, 'x'));
+    QTRY_COMPARE_WITH_TIMEOUT(host.lines().size(), 1, HangGuardMs);
+    QCOMPARE(host.record(0).value(QStringLiteral("partial")), QJsonValue(true));
+    device.send("x\nnext\n");
+    QTRY_COMPARE_WITH_TIMEOUT(host.texts().value(1), QStringLiteral("next"), HangGuardMs);
+    QCOMPARE(host.stop(), int(ExitOk));
+    QVERIFY2(host.log().contains("Unfinished message of "), host.log().constData());
+    QVERIFY2(host.log().contains("\nmessages 1 bytes 4 connections 1 partial 1 too-long 0 "),
+             host.log().constData());
 }
 
 void tst_InputHostMessages::exitAfter()

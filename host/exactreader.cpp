@@ -5,6 +5,7 @@
 
 #include "plugin/subids.h"
 
+#include <algorithm>
 #include <limits>
 #include <utility>
 
@@ -13,9 +14,10 @@ namespace {
 
 constexpr std::size_t MaxClients = 100000; // unless their ends are told
 
-// A long offer is answered now and then while it is read. So a device that is held back since the
-// plugin's buffer is full can go on sending.
-constexpr qsizetype AnswerEachBytes = 256 * 1024;
+// A long offer is answered while it is read, too. So a device that is held back since the plugin's
+// buffer is full can go on sending. After half of what is left, and not before so many bytes: the
+// plugin offers the rest again, which may copy it.
+constexpr qsizetype AnswerAfterBytes = 256 * 1024;
 
 // Connections are forgotten by their ends alone.
 constexpr ExactOffers::Limits Unlimited = {std::chrono::hours(24 * 365 * 100),
@@ -161,7 +163,9 @@ qsizetype ExactReader::finishTail(Client &client, QByteArrayView bytes, Allowanc
 void ExactReader::answer(Client &client, bool isRead)
 {
     const int length = exactOffers->consume(*client.offer, client.used, pacedTime);
-    if (length == 0 || !answering || (!isRead && client.used - client.answered < AnswerEachBytes))
+    const qsizetype left = client.offer->fresh().size() - client.used;
+    const bool isDue = isRead || client.used - client.answered >= std::max(left, AnswerAfterBytes);
+    if (length == 0 || !answering || !isDue)
         return;
     client.answered = client.used;
     Q_EMIT answered(length, client.record->getPluginSubId());

@@ -3,22 +3,27 @@
 
 #include "host/logging.h"
 
+#include "host/linelimit.h"
+#include "host/logstream.h"
+
 #include <QtCore/QByteArray>
 #include <QtCore/QDebug>
 
-#include <atomic>
-#include <cstdio>
+#include <mutex>
+
+#include <unistd.h>
 
 namespace host {
 namespace {
+
+// At least one connection's worth a second, and below 1 MB a minute together.
+constexpr int MostLinesAMinute = 2000;
 
 struct Level
 {
     const char *name;
     int importance;
 };
-
-std::atomic<int> leastImportance = 0; // set before other threads exist, as a rule
 
 Level levelOf(QtMsgType type)
 {
@@ -37,17 +42,72 @@ Level levelOf(QtMsgType type)
     return {"fatal", 4};
 }
 
-// One call a line: lines of several threads do not mix.
-void writeToStandardError(const QByteArray &text)
+// Deliberate: never deleted. Other threads write for as long as the process lives.
+LogStream &standardError()
 {
-    std::fwrite(text.constData(), 1, static_cast<size_t>(text.size()), stderr);
+    static LogStream &stream = *new LogStream(STDERR_FILENO);
+    return stream;
+}
+
+//! The lines that an operator wants to see.
+class Filter
+{
+public:
+    void setLeast(int importance) { least = importance; }
+    int leastImportance() const { return least; }
+
+    // Whether to write it. In front of it, what to tell of lines that were not written.
+    bool allows(const Level &level, QByteArray &missed)
+    {
+        const std::lock_guard lock(mutex);
+        missed = takeMissed(false);
+        if (level.importance >= levelOf(QtCriticalMsg).importance || least == 0)
+            return true; // at the level "debug" everything is asked for
+        LineLimit &limit = level.importance == 1 ? infos : warnings;
+        return limit.allows();
+    }
+
+    QByteArray takeMissedAtEnd()
+    {
+        const std::lock_guard lock(mutex);
+        return takeMissed(true);
+    }
+
+private:
+    QByteArray takeMissed(bool atOnce)
+    {
+        return text("info", infos.takeMissed(atOnce))
+                + text("warning", warnings.takeMissed(atOnce));
+    }
+    static QByteArray text(const char *level, qint64 lines)
+    {
+        if (lines == 0)
+            return {};
+        return QByteArray(level) + ": " + QByteArray::number(lines)
+                + " more lines of this level within a minute, not shown\n";
+    }
+
+    int least = 0; // set before other threads exist
+    std::mutex mutex;
+    // Guarded by mutex.
+    LineLimit infos{MostLinesAMinute};
+    LineLimit warnings{MostLinesAMinute};
+};
+
+Filter &filter()
+{
+    static Filter &instance = *new Filter;
+    return instance;
 }
 
 void handleMessage(QtMsgType type, const QMessageLogContext &, const QString &text)
 {
     const Level level = levelOf(type);
-    if (level.importance >= leastImportance)
-        writeToStandardError(QByteArray(level.name) + ": " + text.toUtf8() + '\n');
+    if (level.importance < filter().leastImportance())
+        return;
+    QByteArray missed;
+    if (filter().allows(level, missed))
+        standardError().write(missed + level.name + ": " + text.toUtf8() + '\n');
 }
 
 } // namespace
@@ -56,14 +116,21 @@ void installLogging(const QString &logLevel)
 {
     for (const QtMsgType type : {QtDebugMsg, QtInfoMsg, QtWarningMsg}) {
         if (logLevel == QLatin1String(levelOf(type).name))
-            leastImportance = levelOf(type).importance;
+            filter().setLeast(levelOf(type).importance);
     }
     qInstallMessageHandler(handleMessage);
 }
 
 void report(const QString &text)
 {
-    writeToStandardError(text.toUtf8());
+    standardError().write(text.toUtf8());
+}
+
+void finishLogging()
+{
+    if (const QByteArray missed = filter().takeMissedAtEnd(); !missed.isEmpty())
+        standardError().write(missed);
+    standardError().finish();
 }
 
 } // namespace host

@@ -28,6 +28,7 @@ int main(int argc, char *argv[])
     ignoreBrokenPipes();
     settleTimeZone();
     settleEncoding();
+    settleMemory();
     // Without descriptors for this one, Qt takes its own.
     if (auto dispatcher = EpollEventDispatcher::create(WakeUpInterval))
         QCoreApplication::setEventDispatcher(dispatcher.release());
@@ -42,6 +43,7 @@ int main(int argc, char *argv[])
         return ExitOk;
     case CommandLine::Refuse:
         report(commandLine.text + QStringLiteral("\nTry inputhost --help.\n"));
+        finishLogging();
         return ExitBadArguments;
     case CommandLine::Run:
         break;
@@ -49,6 +51,7 @@ int main(int argc, char *argv[])
 
     installLogging(commandLine.options.logLevel);
     raiseDescriptorLimit();
-    InputHost host(commandLine.options);
-    return host.run();
+    const int code = InputHost(commandLine.options).run();
+    finishLogging();
+    return code;
 }

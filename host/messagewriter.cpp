@@ -9,6 +9,8 @@
 
 #include <QtCore/QTimeZone>
 
+#include <optional>
+
 namespace host {
 
 MessageWriter::MessageWriter(const FrameFormat &frameFormat, Output &messageOutput, Counters &total)
@@ -36,7 +38,7 @@ Origin MessageWriter::originOf(const ParsedData &record) const
 qsizetype MessageWriter::write(QByteArrayView bytes, const Origin &origin, FrameState &state,
                                Allowance &allowance)
 {
-    QByteArray head; // the same for all messages of an offer
+    std::optional<QByteArray> head; // the same for all messages of an offer
     qsizetype taken = 0;
     while (!done && taken < bytes.size() && !allowance.isUsedUp()) {
         const Frame frame = takeFrame(bytes.sliced(taken), format, state);
@@ -46,9 +48,9 @@ qsizetype MessageWriter::write(QByteArrayView bytes, const Origin &origin, Frame
         allowance.messages -= 1;
         allowance.bytes -= frame.size;
         if (frame.kind == Frame::Complete) {
-            if (head.isNull())
+            if (!head)
                 head = output.headOf(origin);
-            writeMessage(head, frame.message);
+            writeMessage(*head, frame.message);
         } else if (frame.kind == Frame::TooLong) {
             warnOfTooLong(origin);
         }

@@ -3,6 +3,9 @@
 
 #include "host/output.h"
 
+#include "plugin/cwrn.h"
+
+#include <QtCore/QElapsedTimer>
 #include <QtCore/QtEndian>
 
 #include <algorithm>
@@ -11,13 +14,11 @@
 #include <charconv>
 #include <cstring>
 
-#include <poll.h>
-#include <unistd.h>
-
 namespace host {
 namespace {
 
 constexpr qsizetype FlushAboveBytes = 64 * 1024;
+constexpr int StallMs = 1000; // without anything written
 constexpr qsizetype KeepAtMostBytes = 1024 * 1024; // of a batch's memory, for the next one
 
 void appendNumber(QByteArray &json, qint64 number)
@@ -92,35 +93,12 @@ void appendRaw(QByteArray &destination, const Message &message, Framing framing)
         destination += '\n';
 }
 
-// Standard output may be shared with a program that has made it non-blocking.
-void waitUntilWritable(int descriptor)
-{
-    pollfd request = {descriptor, POLLOUT, 0};
-    ::poll(&request, 1, -1);
-}
-
-// 0, or the error number.
-int writeAll(int descriptor, QByteArrayView bytes)
-{
-    while (!bytes.isEmpty()) {
-        const ssize_t written =
-                ::write(descriptor, bytes.data(), static_cast<size_t>(bytes.size()));
-        if (written >= 0)
-            bytes = bytes.sliced(written);
-        else if (errno == EAGAIN)
-            waitUntilWritable(descriptor);
-        else if (errno != EINTR)
-            return errno;
-    }
-    return 0;
-}
-
 } // namespace
 
 Output::Output(OutputFormat outputFormat, Framing inputFraming, int outputDescriptor)
     : format(outputFormat),
       framing(inputFraming),
-      descriptor(outputDescriptor)
+      stream(outputDescriptor)
 {}
 
 QByteArray Output::headOf(const Origin &origin) const
@@ -170,7 +148,7 @@ void Output::writeCount(const QString &line)
 void Output::flush()
 {
     flushScheduled = false;
-    const int error = broken ? 0 : writeAll(descriptor, pending);
+    const int error = broken ? 0 : writeAll(pending);
     if (pending.capacity() > KeepAtMostBytes)
         pending.clear();
     else
@@ -180,6 +158,35 @@ void Output::flush()
 
     broken = true;
     Q_EMIT failed(QString::fromLocal8Bit(std::strerror(error)));
+}
+
+// 0, or the error number.
+int Output::writeAll(QByteArrayView bytes)
+{
+    QElapsedTimer stalledSince; // valid while nothing can be written
+    bool told = false;
+    while (!bytes.isEmpty()) {
+        const qsizetype written = stream.write(bytes);
+        if (written < 0)
+            return errno;
+        bytes = bytes.sliced(written);
+        if (written == 0) {
+            if (!stalledSince.isValid())
+                stalledSince.start();
+            if (!stream.waitUntilWritable(told ? -1 : StallMs)) {
+                told = true;
+                CWRN(QtWarningMsg,
+                     QStringLiteral("Nobody reads standard output: everything waits for that"));
+            }
+        } else {
+            if (told)
+                CWRN(QtWarningMsg, QStringLiteral("Standard output is read again, after %1 ms"),
+                     stalledSince.elapsed());
+            told = false;
+            stalledSince.invalidate();
+        }
+    }
+    return 0;
 }
 
 void Output::scheduleFlush()

@@ -5,6 +5,7 @@
 
 #include "host/framing.h"
 #include "host/message.h"
+#include "host/standardstream.h"
 
 #include <QtCore/QByteArray>
 #include <QtCore/QObject>
@@ -24,8 +25,8 @@ enum class OutputFormat {
     What one pass of the event loop brings is collected and written at its end, so that a reader of
     a pipe sees messages at once, and many of them cost one system call. Writing waits for a slow
     reader, and so does everything in this thread: the plugin accepts no connection and its offers
-    pile up in memory meanwhile. A host that cannot accept this writes in a thread of its own and
-    has to decide what it throws away.
+    pile up in memory meanwhile. A line tells when that has lasted for a second, and one its end. A
+   host that cannot accept this writes in a thread of its own and has to decide what it throws away.
 
     Thread: its creator's, with an event loop; flush() is enough without one.
 */
@@ -56,10 +57,11 @@ Q_SIGNALS:
 
 private:
     void scheduleFlush();
+    int writeAll(QByteArrayView bytes);
 
     const OutputFormat format;
     const Framing framing;
-    const int descriptor;
+    const StandardStream stream;
     QByteArray pending; // keeps its memory between two batches
     bool flushScheduled = false;
     bool broken = false;

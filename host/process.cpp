@@ -12,6 +12,7 @@
 
 #include <fcntl.h>
 #include <langinfo.h>
+#include <malloc.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -52,6 +53,12 @@ void settleTimeZone()
 {
     constexpr int KeepGiven = 0;
     ::setenv("TZ", ":/etc/localtime", KeepGiven);
+}
+
+void settleMemory()
+{
+    constexpr int LargeBytes = 256 * 1024;
+    ::mallopt(M_MMAP_THRESHOLD, LargeBytes);
 }
 
 void settleEncoding()

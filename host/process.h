@@ -22,6 +22,11 @@ void occupyStandardDescriptors();
 // looks for a changed one at every conversion otherwise, and each record needs one. Before threads.
 void settleTimeZone();
 
+// Large blocks of memory go back to the system when they are freed. The C library keeps them
+// otherwise, once it has seen some: after a burst the process would stay as large as it was then.
+// Before threads.
+void settleMemory();
+
 // Texts are in UTF-8, also where the locale is another one, or none. Qt sees to that by itself, but
 // newer versions complain of such a locale, over several lines. Before the application object.
 void settleEncoding();

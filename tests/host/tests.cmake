@@ -4,15 +4,15 @@
 # The host's parts, one by one.
 foreach(name IN ITEMS
         tst_exactreading tst_fairturns tst_framing tst_hostconfiguration tst_hostoptions tst_hostoutput
-        tst_hosttexts tst_messagereader tst_offertracker tst_process tst_unfinished)
+        tst_hosttexts tst_logging tst_messagereader tst_offertracker tst_process tst_unfinished)
     plugin_test(${name})
     target_link_libraries(${name} PRIVATE inputhost_parts)
 endforeach()
 
 # The program.
 foreach(name IN ITEMS
-        tst_inputhostmessages tst_inputhostreload tst_inputhoststart tst_inputhoststatus
-        tst_inputhoststopping)
+        tst_inputhostmessages tst_inputhostreload tst_inputhoststalls tst_inputhoststart
+        tst_inputhoststatus tst_inputhoststopping)
     plugin_test(${name} 300)
     target_link_libraries(${name} PRIVATE Qt6::Network)
     target_compile_definitions(${name} PRIVATE

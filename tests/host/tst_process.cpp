@@ -9,6 +9,7 @@
 #include <QtTest/QtTest>
 
 #include <ctime>
+#include <malloc.h>
 #include <sys/resource.h>
 
 using namespace host;
@@ -26,6 +27,7 @@ private Q_SLOTS:
     void timeZone();
     void timeZoneStaysTheSystems();
     void descriptorLimit();
+    void largeBlocksGoBack();
 
 private:
     bool wasSet = false;
@@ -102,6 +104,20 @@ void tst_Process::descriptorLimit()
 
     raiseDescriptorLimit(); // nothing to do, nothing to say
     QCOMPARE(MessageCapture::take().size(), 0);
+}
+
+// Also behind a larger one, which makes the C library keep large blocks by default.
+void tst_Process::largeBlocksGoBack()
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    QSKIP("A sanitizer's allocator");
+#endif
+    constexpr qsizetype large = 1024 * 1024;
+    settleMemory();
+    QByteArray(8 * large, 'x').clear();
+    const size_t before = ::mallinfo2().hblks;
+    const QByteArray block(large, 'x');
+    QCOMPARE(::mallinfo2().hblks, before + 1);
 }
 
 QTEST_GUILESS_MAIN(tst_Process)

@@ -32,7 +32,7 @@ quint64 connectionOf(const ParsedData &record)
 } // namespace
 
 MessageReader::MessageReader(const FrameFormat &frameFormat, Output &messageOutput, Counters &total,
-                             const Pace &pace, const ExactOffers::Limits &memory)
+                             const ExactOffers::Limits &memory, const Pace &pace)
     : writer(frameFormat, messageOutput, total),
       exact(writer, total, memory, pace),
       plain(writer, total)

@@ -35,7 +35,7 @@ public:
     // memory: of stamped connections whose ends are not told; its age counts no time for which
     // offers had to wait.
     MessageReader(const FrameFormat &frameFormat, Output &messageOutput, Counters &total,
-                  const Pace &pace = {}, const ExactOffers::Limits &memory = {});
+                  const ExactOffers::Limits &memory = {}, const Pace &pace = {});
 
     // The plugin's idle time-out. Default: 60 s.
     void setIdleTimeout(qint64 seconds);

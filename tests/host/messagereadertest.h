@@ -92,7 +92,8 @@ inline void MessageReaderTest::make(const FrameFormat &format, OutputFormat outp
     discarded.clear();
     counters = std::make_unique<Counters>();
     output = std::make_unique<Output>(outputFormat, format.framing, pipeEnds[1]);
-    reader = std::make_unique<MessageReader>(format, *output, *counters, pace);
+    reader = std::make_unique<MessageReader>(format, *output, *counters, ExactOffers::Limits(),
+                                             pace);
     connect(reader.get(), &MessageReader::answered, this,
             [this](int bytes, const QMap<QString, QString> &) { discarded += bytes; });
 }

@@ -199,8 +199,8 @@ void tst_ExactReading::keepsNoMoreThanTheTailOfAStampedOffer()
 void tst_ExactReading::heldUpHostForgetsNoStampedConnection()
 {
     constexpr std::chrono::milliseconds age(1);
-    reader = std::make_unique<MessageReader>(FrameFormat(), *output, *counters, unhurried(),
-                                             ExactOffers::Limits{age, 10});
+    reader = std::make_unique<MessageReader>(FrameFormat(), *output, *counters,
+                                             ExactOffers::Limits{age, 10}, unhurried());
     reader->receive(stamped(1, 0, "a\n"));
     QTest::qSleep(2 * static_cast<int>(age.count())); // no synchronisation: this is the hold-up
     reader->receive(stamped(1, 0, "a\n"));
@@ -299,14 +299,15 @@ void tst_ExactReading::remembersTheOpenOnes()
 // Neither by their age nor by their number.
 void tst_ExactReading::forgetsNoOpenOneByAge()
 {
-    reader = std::make_unique<MessageReader>(FrameFormat(), *output, *counters, unhurried(),
-                                             ExactOffers::Limits{std::chrono::milliseconds(1), 1});
+    reader = std::make_unique<MessageReader>(FrameFormat(), *output, *counters,
+                                             ExactOffers::Limits{std::chrono::milliseconds(1), 1},
+                                             unhurried());
     reader->setEndsTold(true);
     reader->setIdleTimeout(0);
     reader->receive(stamped(1, 0, "a\nhalf"));
     reader->receive(stamped(2, 0, "b\n"));
     // Without ends, the first one would be forgotten when this is.
-    MessageReader other({}, *output, *counters, unhurried());
+    MessageReader other({}, *output, *counters, ExactOffers::Limits(), unhurried());
     other.setIdleTimeout(0);
     other.receive(stamped(3, 0, "half"));
     QTRY_COMPARE_WITH_TIMEOUT(other.rememberedConnections(), 0, HangGuardMs);

@@ -139,11 +139,12 @@ def line_ends(host):
 
 
 def unfinished(host):
-    """800 devices with 1 MB each and no line end, then a byte every 100 ms"""
+    """800 devices with 1 MB each and no line end, 50 MB a second, then a byte every 100 ms"""
     devices = [connect(host) for _ in range(800)]
     for _ in range(4):
         for device in devices:
             device.sendall(b"x" * 260_000)
+            time.sleep(0.005)
     for _ in for_seconds(0.1):
         for device in devices:
             device.sendall(b"x")

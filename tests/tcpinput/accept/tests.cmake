@@ -3,6 +3,7 @@
 
 core_test(tst_acceptguard)
 core_test(tst_pendingconnections)
+core_test(tst_proxyheader)
 core_test(tst_tcpserver 300)
 core_test(tst_listening)
 test_uses_certificates(tst_listening)

@@ -347,7 +347,7 @@ void TcpClient2::deriveId()
     const QString oid = getId();
     {
         const MutexLocker locker(idMutex);
-        id = clientId(local, localPort, peer, peerPort);
+        id = clientId(local, localPort, peer, peerPort, idNumber);
     }
     idBuilt = true;
     if (getId() != oid)

@@ -57,6 +57,9 @@ public:
     // before the first offer and before another thread sees the client.
     void stampOffers(quint64 connectionNumber) { number = connectionNumber; }
 
+    // The id ends with this number, see clientId(). Call before the first read.
+    void numberId(quint64 value) { idNumber = value; }
+
     // 0 if offers are not stamped. From any thread.
     quint64 connectionNumber() const { return number; }
 
@@ -160,6 +163,7 @@ private:
     BacklogCheck backlog{unconsumed};
     OfferPace pace{*this};
     std::unique_ptr<Intake> intake; // null: not limited
+    quint64 idNumber = 0; // see numberId()
     qint64 bytesReceived = 0;
     qint64 msgsReceived = 0; // reads, not messages of the data stream
     bool idBuilt = false;

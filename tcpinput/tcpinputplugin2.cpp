@@ -40,6 +40,10 @@ void TcpInputPlugin2::initialise()
 
     connect(&untaken, &QTimer::timeout, this, &TcpInputPlugin2::retryUntaken);
 
+    for (const ProxyGate *gate : {&servers.tcp.proxies, &servers.tls.proxies}) {
+        connect(gate, &ProxyGate::closedWithoutHeader, this, &TcpInputPlugin2::tellHeaders);
+        connect(gate, &ProxyGate::refusedOthers, this, &TcpInputPlugin2::tellRefused);
+    }
     for (const AcceptGuard *guard : {&servers.tcp.guard, &servers.tls.guard}) {
         connect(guard, &AcceptGuard::descriptorsOut, this, [this] {
             CWRN(QtWarningMsg,
@@ -73,6 +77,7 @@ TcpInputPlugin2::~TcpInputPlugin2()
 {
     destroying = true;
     untaken.stop();
+    servers.dropHeaders(); // while the object is whole: its lines may run the host's event loop
     // Calls across threads: stop() only posts to the workers. The events that it processes are
     // those of this thread.
     for (TcpTask2 *task : pool.allTasks())
@@ -115,6 +120,7 @@ bool TcpInputPlugin2::start()
         return false;
     }
     servers.setServing(used.serving);
+    servers.setProxyRule(used.proxies);
     connTemplate.setLocalAddress(used.address);
     connTemplate.setLocalPort(used.port);
 
@@ -137,7 +143,11 @@ void TcpInputPlugin2::listenTcp(const Configuration &used)
 {
     CWRN(QtInfoMsg, QStringLiteral("TcpInputPlugin2(%1): Starting TCP server on port %2"), pluginId,
          used.port);
-    connect(&servers.tcp, &QTcpServer::newConnection, this, &TcpInputPlugin2::handleConnection);
+    if (used.proxies) // a connection can be taken when its header was read
+        connect(&servers.tcp, &QTcpServer::pendingConnectionAvailable, this,
+                &TcpInputPlugin2::handleConnection);
+    else
+        connect(&servers.tcp, &QTcpServer::newConnection, this, &TcpInputPlugin2::handleConnection);
     servers.tcp.listen(used.address, used.port);
 }
 
@@ -264,6 +274,25 @@ bool TcpInputPlugin2::handOver()
     QMetaObject::invokeMethod(
             task, [task, conn] { task->addConnection(conn); }, Qt::QueuedConnection);
     return true;
+}
+
+void TcpInputPlugin2::tellHeaders(quint64 count, quint64 silent, const QString &latest)
+{
+    if (draining) // the plugin is being destroyed
+        return;
+    CWRN(QtWarningMsg,
+         QStringLiteral("TcpInputPlugin2(%1): No good PROXY header: %2 closed, the latest from %3; "
+                        "%4 ended before their first byte"),
+         pluginId, count, latest, silent);
+}
+
+void TcpInputPlugin2::tellRefused(quint64 count, const QString &latest)
+{
+    if (draining)
+        return;
+    CWRN(QtWarningMsg,
+         QStringLiteral("TcpInputPlugin2(%1): Not from a proxy: %2 refused, the latest from %3"),
+         pluginId, count, latest);
 }
 
 // No signal announces a pending connection a second time.

@@ -95,6 +95,8 @@ private:
     void listenTcp(const Configuration &used);
     void listenTls(const Configuration &used);
     bool handOver();
+    void tellHeaders(quint64 count, quint64 silent, const QString &latest);
+    void tellRefused(quint64 count, const QString &latest);
     void retryUntaken();
 
     // The plugin's thread only, except that discard() reads the pool's tasks in any thread.

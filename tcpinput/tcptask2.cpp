@@ -170,7 +170,7 @@ void TcpTask2::addConnection(Connection conn)
     }
     const Endpoints &endpoints = taken.acceptance.endpoints;
     const QString id = clientId(conn.getLocalAddress().toString(), conn.getLocalPort(),
-                                endpoints.peer.toString(), endpoints.peerPort);
+                                endpoints.peer.toString(), endpoints.peerPort, endpoints.idNumber);
     CWRN(QtDebugMsg, QStringLiteral("TcpTask2: new connection %1"), id);
 
     // For receivers of the client's readyRead() with a queued connection. After the first time it
@@ -198,6 +198,8 @@ void TcpTask2::connectClient(TcpClient2 *client, const Acceptance &acceptance)
 {
     if (acceptance.number != 0)
         client->stampOffers(acceptance.number);
+    if (acceptance.endpoints.idNumber != 0)
+        client->numberId(acceptance.endpoints.idNumber);
     if (acceptance.serving.prompt)
         client->setPromptList(promptList.get());
     if (acceptance.serving.ends != Serving::Ends::None)
@@ -220,8 +222,9 @@ void TcpTask2::connectClient(TcpClient2 *client, const Acceptance &acceptance)
             },
             Qt::DirectConnection);
     const auto held = limitClient(client, acceptance.serving.budget);
-    client->offerTo([this, client, held, maker = RecordMaker(num, acceptance.endpoints, held)](
-                            const QByteArray &data) mutable {
+    // The place is the peer's as long as the client lives.
+    client->offerTo([this, client, held, maker = RecordMaker(num, acceptance.endpoints, held),
+                     place = acceptance.peerPlace](const QByteArray &data) mutable {
         const RecordMaker::Stamp stamp{client->connectionNumber(), client->offerPosition()};
         Q_EMIT receivedData(maker.make(data, client->getId(), localSecond.now(),
                                        stamp.connection == 0 ? nullptr : &stamp));

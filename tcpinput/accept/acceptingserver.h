@@ -5,12 +5,16 @@
 
 #include "tcpinput/accept/acceptguard.h"
 #include "tcpinput/accept/connectionsource.h"
+#include "tcpinput/accept/peersinuse.h"
 #include "tcpinput/accept/pendingconnections.h"
+#include "tcpinput/accept/proxygate.h"
 
+#include <QtCore/QPointer>
 #include <QtCore/QThread>
 #include <QtNetwork/QHostAddress>
 
 #include <functional>
+#include <optional>
 #include <utility>
 
 /*!
@@ -27,6 +31,8 @@ class AcceptingServer : public Base, public ConnectionSource
 public:
     // How connections are served that are accepted from now on. Default: as the contract gives it.
     void setServing(const Serving &value) { serving = value; }
+    // Which of them begin with a PROXY header. Default: none.
+    void setProxyRule(const std::optional<ProxyRule> &rule) { proxies.setRule(rule); }
 
     // False if the port is in use, also if another process begins to listen there between bind()
     // and listen() of this one; the server has no port then. Also false if the server listens
@@ -48,20 +54,51 @@ public:
     QTcpSocket *nextPendingConnection() override { return take().socket.release(); }
 
     AcceptGuard guard;
+    ProxyGate proxies;
 
 protected:
     // count: how many accepted connections no thread has taken yet.
     AcceptingServer(QObject *parent, std::function<qsizetype()> count)
         : Base(parent),
-          guard(this, std::move(count))
+          guard(this, std::move(count)),
+          proxies([this](qintptr descriptor, const Acceptance &acceptance) {
+              goOn(descriptor, acceptance);
+          })
     {
         this->setListenBacklogSize(ListenBacklog);
     }
 
-    Serving serving; // the server's thread only
+    void incomingConnection(qintptr descriptor) final
+    {
+        const Acceptance acceptance = Acceptance::of(descriptor, serving);
+        if (!proxies.isOn()) {
+            goOn(descriptor, acceptance);
+            return;
+        }
+        const QPointer<QObject> self(this); // receivers of the gate's signals may delete it
+        if (!proxies.takes(descriptor, acceptance))
+            goOn(descriptor, acceptance);
+        else if (self)
+            guard.accepted();
+    }
+    // The descriptor of a connection whose endpoints are known, until a thread takes it. The caller
+    // is over after this: receivers of the server's signals may delete the server.
+    virtual void admit(qintptr descriptor, const Acceptance &acceptance) = 0;
+
     PendingConnections<Waiting> waiting;
 
 private:
+    // Every connection comes here: at once, or when its header was read.
+    void goOn(qintptr descriptor, Acceptance acceptance)
+    {
+        if (proxies.isOn())
+            peers.enter(acceptance);
+        admit(descriptor, acceptance);
+    }
+
+    Serving serving; // this and below: the server's thread only
+    PeersInUse peers;
+
     // Length of the kernel's accept queue: a burst of 2,000 devices fits in. A device whose SYN
     // finds the queue full waits a second or more for its retransmission. The kernel limits the
     // length to net.core.somaxconn.

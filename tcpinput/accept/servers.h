@@ -7,6 +7,8 @@
 #include "tcpinput/accept/sslserver.h"
 #include "tcpinput/accept/tcpserver.h"
 
+#include <optional>
+
 /*!
     The two servers of a plugin, of which one is in use.
 
@@ -27,6 +29,17 @@ public:
     {
         tcp.setServing(value);
         tls.setServing(value);
+    }
+    void setProxyRule(const std::optional<ProxyRule> &rule)
+    {
+        tcp.setProxyRule(rule);
+        tls.setProxyRule(rule);
+    }
+    // Closes the connections that wait for their header.
+    void dropHeaders()
+    {
+        tcp.proxies.close();
+        tls.proxies.close();
     }
     void close()
     {

@@ -38,7 +38,8 @@ void announceAgain(QSslSocket *socket)
 } // namespace
 
 SslServer::SslServer(QObject *parent)
-    : AcceptingServer(parent, [this] { return openHandshakes + waiting.size(); })
+    : AcceptingServer(parent,
+                      [this] { return openHandshakes + waiting.size() + proxies.waiting(); })
 {}
 
 SslServer::~SslServer()
@@ -49,6 +50,7 @@ SslServer::~SslServer()
 void SslServer::close()
 {
     QSslServer::close();
+    proxies.close();
     const auto handshakes = findChildren<TlsHandshake *>(QString(), Qt::FindDirectChildrenOnly);
     for (TlsHandshake *handshake : handshakes)
         handshake->drop();
@@ -73,15 +75,16 @@ TakenConnection SslServer::take()
     return {std::move(next->socket), next->acceptance};
 }
 
-void SslServer::incomingConnection(qintptr descriptor)
+void SslServer::admit(qintptr descriptor, const Acceptance &acceptance)
 {
-    const Acceptance acceptance = Acceptance::of(descriptor, serving);
     auto socket = std::make_unique<TlsSocket>();
     socket->setSslConfiguration(sslConfiguration());
     if (!socket->setSocketDescriptor(descriptor)) {
         ::close(static_cast<int>(descriptor));
         return;
     }
+    if (acceptance.isProxied)
+        socket->replacePeer(acceptance.endpoints);
     auto *handshake = new TlsHandshake(this, std::move(socket));
     connect(handshake, &TlsHandshake::finished, this,
             [this, acceptance](TlsSocket *finished) { enqueue(finished, acceptance); });

@@ -50,10 +50,8 @@ public:
     // thread.
     TakenConnection take() override;
 
-protected:
-    void incomingConnection(qintptr descriptor) override;
-
 private:
+    void admit(qintptr descriptor, const Acceptance &acceptance) override;
     void enqueue(TlsSocket *socket, const Acceptance &acceptance);
 
     qsizetype openHandshakes = 0; // the server's thread only

@@ -7,7 +7,8 @@
 
 #include <unistd.h>
 
-TcpServer::TcpServer(QObject *parent) : AcceptingServer(parent, [this] { return waiting.size(); })
+TcpServer::TcpServer(QObject *parent)
+    : AcceptingServer(parent, [this] { return waiting.size() + proxies.waiting(); })
 {}
 
 TcpServer::~TcpServer()
@@ -18,6 +19,7 @@ TcpServer::~TcpServer()
 void TcpServer::close()
 {
     QTcpServer::close();
+    proxies.close();
     for (const AcceptedDescriptor &connection : waiting.takeAll())
         ::close(static_cast<int>(connection.descriptor));
 }
@@ -31,8 +33,11 @@ TakenConnection TcpServer::take()
             next->acceptance};
 }
 
-void TcpServer::incomingConnection(qintptr descriptor)
+void TcpServer::admit(qintptr descriptor, const Acceptance &acceptance)
 {
-    waiting.add({descriptor, Acceptance::of(descriptor, serving)});
+    waiting.add({descriptor, acceptance});
     guard.accepted();
+    // The signal is private to Qt's class, but can be invoked by name. Receivers may delete this.
+    if (proxies.isOn())
+        QMetaObject::invokeMethod(this, "pendingConnectionAvailable", Qt::DirectConnection);
 }

@@ -20,6 +20,9 @@ struct AcceptedDescriptor
     An accepted connection waits as a bare descriptor. Its socket is made by the thread that takes
     it, so no socket and no notifier is ever shared between threads.
 
+    Qt emits newConnection() at the acceptance. With a rule for proxies a connection can be taken
+    later, so then pendingConnectionAvailable() is emitted for each one, too, when it can be taken.
+
     Thread: its creator's, except hasPendingConnections(), take() and nextPendingConnection(): any.
     Owner:  the plugin.
     Locks:  those of its parts; never held while emitting.
@@ -39,6 +42,6 @@ public:
     // Until then, the connection's bytes and its end wait in the kernel.
     TakenConnection take() override;
 
-protected:
-    void incomingConnection(qintptr descriptor) override;
+private:
+    void admit(qintptr descriptor, const Acceptance &acceptance) override;
 };

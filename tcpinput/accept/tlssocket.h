@@ -19,14 +19,19 @@ class TlsSocket final : public QSslSocket
 public:
     using QSslSocket::setErrorString; // for failures that only the server detects
 
+    // Of a connection that a proxy passes on: Qt knows the proxy only.
+    void replacePeer(const Endpoints &known)
+    {
+        setPeerAddress(known.peer);
+        setPeerPort(known.peerPort);
+    }
+
     // Qt knows no peer if the connection was reset before the socket was made, or ended before its
     // client was made. All such clients would share one id.
     void restoreEndpoints(const Endpoints &known)
     {
-        if (peerAddress().isNull()) {
-            setPeerAddress(known.peer);
-            setPeerPort(known.peerPort);
-        }
+        if (peerAddress().isNull())
+            replacePeer(known);
         if (localAddress().isNull()) {
             setLocalAddress(known.local);
             setLocalPort(known.localPort);

@@ -8,6 +8,7 @@
 #include "ssl/sslkeys.h"
 #include "tcpinput/configuration/checker.h"
 #include "tcpinput/configuration/limitkeys.h"
+#include "tcpinput/configuration/proxykeys.h"
 #include "tcpinput/configuration/values.h"
 
 #include <QtNetwork/QNetworkInterface>
@@ -29,9 +30,9 @@ bool isEnds(const QJsonValue &value)
 
 } // namespace
 
-const std::array<Configuration::Key, 11> &Configuration::keys()
+const std::array<Configuration::Key, 12> &Configuration::keys()
 {
-    static constexpr std::array<Key, 11> All{{
+    static constexpr std::array<Key, 12> All{{
             {"ends", "boolean or text", "false", "true, false or \"all\"", "`start()` fails",
              Kept::No, Bad::Refused, isEnds, &Configuration::readEnds},
             {"interface", "text", "none", "the name of a network interface, or its number",
@@ -49,6 +50,9 @@ const std::array<Configuration::Key, 11> &Configuration::keys()
              Kept::No, Bad::Ignored, values::isPort, &Configuration::readPort},
             {"prompt", "boolean", "false", "true or false", "`start()` fails", Kept::No,
              Bad::Refused, values::isBoolean, &Configuration::readPrompt},
+            {"proxyProtocol", "object", "absent: nobody sends a PROXY header",
+             "an object with \"from\"", "`start()` fails", Kept::No, Bad::Refused,
+             proxykeys::isRule, &Configuration::readProxies},
             {"ssl", "object", "absent: plain TCP", "an object",
              "a value that is no object counts as an empty object", Kept::Yes, Bad::Ignored,
              values::isObject, &Configuration::readTls},
@@ -69,6 +73,9 @@ bool Configuration::check(const QJsonObject &object, const QString &pluginId)
     Checker checker(pluginId);
     checker.check({}, object, keys(), strict,
                   [strict](const Key &key) { return strict || key.bad == Bad::Refused; });
+    checker.check(QStringLiteral("proxyProtocol."),
+                  object.value(QLatin1String("proxyProtocol")).toObject(), proxykeys::all(), true,
+                  [](const proxykeys::Key &) { return true; });
     if (strict)
         checker.check(QStringLiteral("ssl."), object.value(QLatin1String("ssl")).toObject(),
                       tls::keys(), true, [](const tls::Key &) { return true; });
@@ -84,6 +91,7 @@ bool Configuration::apply(const QJsonObject &object, const QString &pluginId)
     address = QHostAddress(QHostAddress::AnyIPv4);
     port = DefaultPort;
     serving = {};
+    proxies.reset();
     tls.reset();
     return std::all_of(keys().begin(), keys().end(), [&](const Key &key) {
         const auto value = object.constFind(QLatin1String(key.name));
@@ -141,6 +149,12 @@ bool Configuration::readEnds(const QJsonValue &value)
         serving.ends = Serving::Ends::All;
     else if (value.toBool())
         serving.ends = Serving::Ends::WithRecords;
+    return true;
+}
+
+bool Configuration::readProxies(const QJsonValue &value)
+{
+    proxies = proxykeys::ruleFrom(value.toObject());
     return true;
 }
 

@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include "tcpinput/connection/proxyrule.h"
 #include "tcpinput/connection/serving.h"
 
 #include <QtCore/QJsonObject>
@@ -43,7 +44,7 @@ public:
     };
     // All keys in the order in which they are applied, which is sorted by name. The texts are those
     // of docs/CONFIGURATION.md.
-    static const std::array<Key, 11> &keys();
+    static const std::array<Key, 12> &keys();
 
     // False: start() must fail. Each reason is logged: bad values of keys that refuse them; with
     // "strict", all bad values and unknown keys. pluginId: for log lines.
@@ -59,6 +60,7 @@ public:
     int timeoutMs = 60000; // idle time-out; more than 0
     int poolSize = 4; // threads; more than 0
     bool useTls = false;
+    std::optional<ProxyRule> proxies; // absent: no connection begins with a PROXY header
     std::optional<QSslConfiguration> tls; // if the latest object had it
 
 private:
@@ -69,6 +71,7 @@ private:
     bool readEnds(const QJsonValue &value);
     bool readOffsets(const QJsonValue &value);
     bool readPrompt(const QJsonValue &value);
+    bool readProxies(const QJsonValue &value);
     bool readTimeout(const QJsonValue &value);
     bool readPoolSize(const QJsonValue &value);
     bool readTls(const QJsonValue &value);

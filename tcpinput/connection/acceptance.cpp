@@ -7,6 +7,11 @@
 
 Acceptance Acceptance::of(qintptr descriptor, const Serving &serving)
 {
+    return {Endpoints::of(descriptor), serving.offsets ? nextNumber() : 0, serving};
+}
+
+quint64 Acceptance::nextNumber()
+{
     static std::atomic<quint64> next = 1;
-    return {Endpoints::of(descriptor), serving.offsets ? next.fetch_add(1) : 0, serving};
+    return next.fetch_add(1);
 }

@@ -6,6 +6,8 @@
 #include "tcpinput/connection/endpoints.h"
 #include "tcpinput/connection/serving.h"
 
+#include <memory>
+
 /*!
     What is known of a connection from its acceptance on, before it has a socket or a client.
 
@@ -14,10 +16,15 @@
 struct Acceptance
 {
     static Acceptance of(qintptr descriptor, const Serving &serving);
+    // Unique in the process.
+    static quint64 nextNumber();
 
     Endpoints endpoints;
     // Of the connection, unique in the process and never used again; 0 if its offers are not
     // stamped with positions.
     quint64 number = 0;
     Serving serving = {};
+    bool isProxied = false; // its peer is the one that a proxy has named, not the socket's
+    // Keeps the peer's place among those in use, see PeersInUse; null where there are none.
+    std::shared_ptr<const void> peerPlace = {};
 };

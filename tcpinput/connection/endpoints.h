@@ -12,6 +12,8 @@ struct Endpoints
     QHostAddress local;
     quint16 peerPort = 0;
     quint16 localPort = 0;
+    // Belongs to the client id of a connection whose peer another connection has, too; otherwise 0.
+    quint64 idNumber = 0;
 
     // Works also if the peer has already reset the connection.
     static Endpoints of(qintptr descriptor);

@@ -39,7 +39,7 @@ RecordMaker::RecordMaker(int task, const Endpoints &endpoints, std::shared_ptr<H
       peerText(endpoints.peer.toString()),
       source(QLatin1String("TCP:")
              + clientId(endpoints.local.toString(), endpoints.localPort, peerText,
-                        endpoints.peerPort)),
+                        endpoints.peerPort, endpoints.idNumber)),
       taskNumber(task),
       peerPort(endpoints.peerPort)
 {}

@@ -59,6 +59,12 @@ public:
                                     });
     }
 
+    // What is no TLS and leaves in one piece with the first flight. Before the handshake.
+    void sayFirst(const QByteArray &bytes)
+    {
+        BIO_write(SSL_get_wbio(ssl.get()), bytes.constData(), static_cast<int>(bytes.size()));
+    }
+
     bool connect(const QHostAddress &address, quint16 port)
     {
         socket = NativeSocket::connectedTo(address, port);

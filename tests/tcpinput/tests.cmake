@@ -29,6 +29,8 @@ core_test(tst_taskthreads)
 core_test(tst_configurationkeys)
 test_uses_certificates(tst_configurationkeys)
 target_compile_definitions(tst_configurationkeys PRIVATE SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+core_test(tst_proxykeys)
+target_compile_definitions(tst_proxykeys PRIVATE SOURCE_DIR="${PROJECT_SOURCE_DIR}")
 foreach(name IN ITEMS
         tst_configuration tst_configurationtls tst_nestedloops tst_plugindiscard tst_pluginrotation
         tst_pluginshortage tst_pluginstatus tst_pluginstopping tst_pluginthreads tst_plugintls)

@@ -2,7 +2,10 @@
 # SPDX-License-Identifier: MIT
 
 core_test(tst_acceptguard)
+core_test(tst_minutenotice)
+core_test(tst_peersinuse)
 core_test(tst_pendingconnections)
+core_test(tst_proxygate 300)
 core_test(tst_proxyheader)
 core_test(tst_tcpserver 300)
 core_test(tst_listening)

@@ -120,8 +120,8 @@ void ProxyGate::pass(Position at)
     if (at->header.hasPeer()) {
         acceptance.endpoints.peer = at->header.peer();
         acceptance.endpoints.peerPort = at->header.peerPort();
-        acceptance.isProxied = true;
     }
+    acceptance.isProxied = true;
     forget(at);
     goOn(descriptor, acceptance);
 }

@@ -50,6 +50,9 @@ public:
     // here for its header, or was closed; receivers of the signals may have deleted the gate.
     bool takes(qintptr descriptor, const Acceptance &acceptance);
 
+    // One that has ended behind its header, before its first byte of TLS.
+    void countSilent() { ++silent; }
+
     // How many connections wait.
     qsizetype waiting() const { return static_cast<qsizetype>(connections.size()); }
     // Closes all of them, and tells what was not told yet.

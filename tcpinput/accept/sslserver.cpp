@@ -86,6 +86,10 @@ void SslServer::admit(qintptr descriptor, const Acceptance &acceptance)
     if (acceptance.isProxied)
         socket->replacePeer(acceptance.endpoints);
     auto *handshake = new TlsHandshake(this, std::move(socket));
+    if (acceptance.isProxied) {
+        handshake->allowSilence(); // the proxy may only look whether somebody listens
+        connect(handshake, &TlsHandshake::endedSilently, &proxies, &ProxyGate::countSilent);
+    }
     connect(handshake, &TlsHandshake::finished, this,
             [this, acceptance](TlsSocket *finished) { enqueue(finished, acceptance); });
     connect(handshake, &QObject::destroyed, this, [this] { --openHandshakes; });

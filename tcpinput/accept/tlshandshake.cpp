@@ -130,6 +130,7 @@ void TlsHandshake::checkHello()
     if (socket->peek(&first, 1) != 1)
         return;
     disconnect(socket.get(), &QIODevice::readyRead, this, &TlsHandshake::checkHello);
+    heard = true;
     if (first != HandshakeRecord) {
         drop();
         return;
@@ -156,6 +157,11 @@ void TlsHandshake::report(QAbstractSocket::SocketError error, const QString &tex
 {
     if (state != Failed)
         return; // dropped meanwhile
+    if (silenceAllowed && !heard && error != QAbstractSocket::SocketTimeoutError) {
+        end();
+        Q_EMIT endedSilently();
+        return;
+    }
     state = Over;
     const bool within = std::exchange(telling, true);
     if (interruption)

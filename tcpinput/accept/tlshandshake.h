@@ -33,6 +33,9 @@ public:
     TlsHandshake(QSslServer *owner, std::unique_ptr<TlsSocket> accepted);
     ~TlsHandshake() override;
 
+    // If the peer goes before its first byte, that is no failure. Default: it is one.
+    void allowSilence() { silenceAllowed = true; }
+
     // Ends the handshake at once, without a signal. Inside a receiver that OpenSSL waits for, the
     // connection is closed after the receiver has returned.
     void drop();
@@ -41,6 +44,8 @@ Q_SIGNALS:
     // Emitted in a later pass of the event loop than the end of the handshake, never from inside
     // the socket. The receiver owns the socket.
     void finished(TlsSocket *socket);
+    // Instead of a failure, see allowSilence().
+    void endedSilently();
 
 private:
     template<class... Parameters, class... Arguments>
@@ -64,6 +69,8 @@ private:
     std::optional<QSslError> interruption; // why Qt has interrupted the handshake
     bool telling = false; // a receiver runs, perhaps with an event loop: do not delete
     bool insideOpenSsl = false; // a receiver runs in there: the socket's SSL object must stay
+    bool heard = false; // a first byte
+    bool silenceAllowed = false; // see allowSilence()
     bool prolonged = false; // once, for an answer that came in time
     enum { Open, Encrypted, Failed, Over } state = Open;
 };

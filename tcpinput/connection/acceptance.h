@@ -24,7 +24,7 @@ struct Acceptance
     // stamped with positions.
     quint64 number = 0;
     Serving serving = {};
-    bool isProxied = false; // its peer is the one that a proxy has named, not the socket's
+    bool isProxied = false; // it began with a PROXY header, which may have named the peer
     // Keeps the peer's place among those in use, see PeersInUse; null where there are none.
     std::shared_ptr<const void> peerPlace = {};
 };

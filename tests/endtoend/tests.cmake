@@ -20,6 +20,19 @@ tls_test(host tst_limitends 600)
 foreach(name IN ITEMS tst_proxypeers tst_proxyrefusals)
     tls_test(host ${name} 300)
 endforeach()
+# Balancers as Debian has them, where they are installed.
+find_program(HAPROXY_FILE haproxy)
+find_program(NGINX_FILE nginx)
+find_file(NGINX_STREAM_FILE ngx_stream_module.so PATHS /usr/lib/nginx/modules)
+mark_as_advanced(HAPROXY_FILE NGINX_FILE NGINX_STREAM_FILE)
+if(HAPROXY_FILE AND NGINX_FILE AND NGINX_STREAM_FILE)
+    tls_test(host tst_balancers 300)
+    target_compile_definitions(tst_balancers PRIVATE HAPROXY_FILE="${HAPROXY_FILE}"
+        NGINX_FILE="${NGINX_FILE}" NGINX_STREAM_FILE="${NGINX_STREAM_FILE}")
+else()
+    message(STATUS "No haproxy, or no nginx with its stream module: tst_balancers is left out")
+endif()
+
 tls_test(host tst_tlsmatrix 300)
 tls_test(host tst_tlshandover 900)
 

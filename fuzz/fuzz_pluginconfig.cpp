@@ -116,10 +116,12 @@ void fuzz(QByteArrayView input)
         if (n > 0)
             plugin.stop();
         plugin.setConfig(object);
+        const bool accepted = Configuration::check(object, plugin.pluginId);
         if (!plugin.start()) {
-            require(!tls.isEmpty(), QStringLiteral("only TLS can fail"));
+            require(!accepted || !tls.isEmpty(), QStringLiteral("nothing but TLS can fail"));
             return;
         }
+        require(accepted, QStringLiteral("what is refused makes start() fail"));
         expectation.read(object);
         expectation.check(plugin.getStatus());
     }

@@ -61,7 +61,5 @@ std::optional<Network> Network::from(const QString &text)
 
 bool Network::contains(const QHostAddress &address) const
 {
-    if (bits == 0) // Qt shifts by all of an address's bits
-        return unmapped(address).protocol() == network.protocol();
     return unmapped(address).isInSubnet(network, bits) || address.isInSubnet(network, bits);
 }

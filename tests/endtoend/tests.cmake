@@ -28,7 +28,8 @@ mark_as_advanced(HAPROXY_FILE NGINX_FILE NGINX_STREAM_FILE)
 if(HAPROXY_FILE AND NGINX_FILE AND NGINX_STREAM_FILE)
     tls_test(host tst_balancers 300)
     target_compile_definitions(tst_balancers PRIVATE HAPROXY_FILE="${HAPROXY_FILE}"
-        NGINX_FILE="${NGINX_FILE}" NGINX_STREAM_FILE="${NGINX_STREAM_FILE}")
+        NGINX_FILE="${NGINX_FILE}" NGINX_STREAM_FILE="${NGINX_STREAM_FILE}"
+        SOURCE_DIR="${PROJECT_SOURCE_DIR}")
 else()
     message(STATUS "No haproxy, or no nginx with its stream module: tst_balancers is left out")
 endif()

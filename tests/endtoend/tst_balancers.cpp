@@ -32,8 +32,13 @@ private Q_SLOTS:
     void haproxyChecks_data();
     void haproxyChecks();
     void nginx();
+    void haproxyOfTheDocument();
+    void nginxOfTheDocument();
 
 private:
+    QString example(const QString &language) const;
+    void runHaproxy(const QString &configuration);
+    void runNginx(const QString &configuration);
     // server: what stands behind the address of haproxy's server line.
     void startHaproxy(const QString &server);
     bool deviceIsServed(ProxiedDevice &device);
@@ -78,9 +83,7 @@ backend hosts
     server host %2:%5 %6
 )"_s.arg(balancer->path(u"commands"_s), testAddress().toString(), QString::number(frontPort),
          proxyAddress().toString(), QString::number(port), server);
-    QVERIFY2(balancer->start(QStringLiteral(HAPROXY_FILE), {u"-db"_s, u"-f"_s}, configuration,
-                             testAddress(), frontPort),
-             balancer->output().constData());
+    runHaproxy(configuration);
 }
 
 // Its message is its endpoint, as the record has to show it.
@@ -196,10 +199,55 @@ stream {
 }
 )"_s.arg(balancer->path(u"pid"_s), QStringLiteral(NGINX_STREAM_FILE), testAddress().toString(),
          QString::number(frontPort), proxyAddress().toString(), QString::number(port));
+    runNginx(configuration);
+    devicesAreServed();
+}
+
+void tst_Balancers::runHaproxy(const QString &configuration)
+{
+    QVERIFY2(balancer->start(QStringLiteral(HAPROXY_FILE), {u"-db"_s, u"-f"_s}, configuration,
+                             testAddress(), frontPort),
+             balancer->output().constData());
+}
+
+void tst_Balancers::runNginx(const QString &configuration)
+{
     QVERIFY2(balancer->start(QStringLiteral(NGINX_FILE),
                              {u"-p"_s, balancer->path({}), u"-e"_s, u"stderr"_s, u"-c"_s},
                              configuration, testAddress(), frontPort),
              balancer->output().constData());
+}
+
+// Of docs/OPERATIONS.md, for two hosts of which both are the plugin.
+QString tst_Balancers::example(const QString &language) const
+{
+    QFile document(QStringLiteral(SOURCE_DIR "/docs/OPERATIONS.md"));
+    if (!document.open(QIODevice::ReadOnly))
+        return {};
+    QString text = QString::fromUtf8(document.readAll());
+    text = text.section(u"```%1\n"_s.arg(language), 1, 1).section(u"```"_s, 0, 0);
+    const QString host = u"%1:%2"_s.arg(testAddress().toString()).arg(port);
+    text.replace(u"10.0.0.5:7446"_s, u"%1:%2"_s.arg(testAddress().toString()).arg(frontPort));
+    text.replace(u"10.0.0.5"_s, proxyAddress().toString());
+    text.replace(u"10.0.1.1:7446"_s, host);
+    text.replace(u"10.0.1.2:7446"_s, host);
+    text.replace(u"20000"_s, u"200"_s); // descriptors that a test may have
+    return text;
+}
+
+void tst_Balancers::haproxyOfTheDocument()
+{
+    start(rule({{u"others"_s, u"refuse"_s}}));
+    runHaproxy(example(u"haproxy"_s));
+    devicesAreServed();
+}
+
+void tst_Balancers::nginxOfTheDocument()
+{
+    start(rule({{u"others"_s, u"refuse"_s}}));
+    runNginx(u"daemon off;\nmaster_process off;\npid %1;\nload_module %2;\n"_s.arg(
+                     balancer->path(u"pid"_s), QStringLiteral(NGINX_STREAM_FILE))
+             + example(u"nginx"_s));
     devicesAreServed();
 }
 

@@ -68,9 +68,8 @@ void tst_ProxyKeys::documentHasThem()
     const QString section = all.section(u"## \"proxyProtocol\""_s, 1).section(u"\n## "_s, 0, 0);
     qsizetype rows = 0;
     for (const auto &key : proxykeys::all()) {
-        QVERIFY2(section.contains(
-                         u"| `\"%1\"` | %2 |"_s.arg(QLatin1String(key.name),
-                                                    QLatin1String(key.accepted))),
+        QVERIFY2(section.contains(u"| `\"%1\"` | %2 |"_s.arg(QLatin1String(key.name),
+                                                             QLatin1String(key.accepted))),
                  key.name);
         ++rows;
     }
@@ -152,8 +151,7 @@ void tst_ProxyKeys::refuses_data()
         u"1 to 2147483647"_s);
     row("others", rule(u"others"_s, u"Refuse"_s), u".others is \"Refuse\""_s,
         u"\"serve\" or \"refuse\""_s);
-    row("others true", rule(u"others"_s, true), u".others is true"_s,
-        u"\"serve\" or \"refuse\""_s);
+    row("others true", rule(u"others"_s, true), u".others is true"_s, u"\"serve\" or \"refuse\""_s);
     QTest::newRow("unknown key")
             << QJsonValue(rule(u"Timeout"_s, 5))
             << u"W: TcpInputPlugin2(t): Configuration: unknown key proxyProtocol.Timeout, "

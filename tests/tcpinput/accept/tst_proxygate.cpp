@@ -28,6 +28,7 @@ private Q_SLOTS:
 
     void announcedWhenItCanBeTaken();
     void waitingConnectionsAreBounded();
+    void heldUpThreadCostsNoHeader();
     void receiversMayDeleteTheServer_data();
     void receiversMayDeleteTheServer();
 
@@ -112,6 +113,24 @@ void tst_ProxyGate::waitingConnectionsAreBounded()
     server->close();
     QCOMPARE(server->proxies.waiting(), 0);
     QCOMPARE(openSockets(), before - Least - Later - 1); // it does not listen either
+}
+
+// It came in time, and is read late.
+void tst_ProxyGate::heldUpThreadCostsNoHeader()
+{
+    ProxyRule rule;
+    rule.from = {*Network::from(u"127.0.0.0/8"_s)};
+    rule.timeoutMs = 50;
+    server->setProxyRule(rule);
+    const NativeSocket device = connectDevice();
+    QTRY_COMPARE_WITH_TIMEOUT(server->proxies.waiting(), 1, HangGuardMs);
+    QVERIFY(device.send("PROXY UNKNOWN\r\n"));
+    QThread::msleep(100); // that is what is tested
+    const QDeadlineTimer deadline(HangGuardMs);
+    while (server->proxies.waiting() > 0 && !deadline.hasExpired())
+        QCoreApplication::processEvents(
+                QEventLoop::ExcludeSocketNotifiers); // the timer comes first
+    QCOMPARE(announced, 1);
 }
 
 void tst_ProxyGate::receiversMayDeleteTheServer_data()

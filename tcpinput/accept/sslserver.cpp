@@ -50,13 +50,13 @@ SslServer::~SslServer()
 void SslServer::close()
 {
     QSslServer::close();
-    proxies.close();
     const auto handshakes = findChildren<TlsHandshake *>(QString(), Qt::FindDirectChildrenOnly);
     for (TlsHandshake *handshake : handshakes)
         handshake->drop();
 
     for (const ReadySocket &connection : waiting.takeAll())
         connection.socket->moveToThread(QThread::currentThread()); // which then deletes it
+    proxies.close(); // its lines may run an event loop
 }
 
 TakenConnection SslServer::take()

@@ -19,9 +19,9 @@ TcpServer::~TcpServer()
 void TcpServer::close()
 {
     QTcpServer::close();
-    proxies.close();
     for (const AcceptedDescriptor &connection : waiting.takeAll())
         ::close(static_cast<int>(connection.descriptor));
+    proxies.close(); // its lines may run an event loop
 }
 
 TakenConnection TcpServer::take()

@@ -116,17 +116,17 @@ void tst_ConfigurationKeys::someStick()
                           {u"limits"_s, QJsonObject{{u"totalBuffer"_s, 1}}},
                           {u"proxyProtocol"_s, QJsonObject{{u"from"_s, QJsonArray{u"::1"_s}}}}};
     const auto values = [](const Configuration &from) {
-        return QMap<QString, QString>{{u"ipAddr"_s, from.address.toString()},
-                                      {u"port"_s, QString::number(from.port)},
-                                      {u"offsets"_s, QString::number(from.serving.offsets)},
-                                      {u"prompt"_s, QString::number(from.serving.prompt)},
-                                      {u"limits"_s, QString::number(bool(from.serving.budget))},
-                                      {u"ends"_s, QString::number(int(from.serving.ends))},
-                                      {u"proxyProtocol"_s,
-                                       QString::number(from.proxies.has_value())},
-                                      {u"threadpoolSize"_s, QString::number(from.poolSize)},
-                                      {u"timeout"_s, QString::number(from.timeoutMs)},
-                                      {u"ssl"_s, QString::number(from.useTls)}};
+        return QMap<QString, QString>{
+                {u"ipAddr"_s, from.address.toString()},
+                {u"port"_s, QString::number(from.port)},
+                {u"offsets"_s, QString::number(from.serving.offsets)},
+                {u"prompt"_s, QString::number(from.serving.prompt)},
+                {u"limits"_s, QString::number(bool(from.serving.budget))},
+                {u"ends"_s, QString::number(int(from.serving.ends))},
+                {u"proxyProtocol"_s, QString::number(from.proxies.has_value())},
+                {u"threadpoolSize"_s, QString::number(from.poolSize)},
+                {u"timeout"_s, QString::number(from.timeoutMs)},
+                {u"ssl"_s, QString::number(from.useTls)}};
     };
     Configuration defaults;
     QVERIFY(defaults.apply({}, u"t"_s));

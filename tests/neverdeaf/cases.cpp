@@ -6,6 +6,7 @@
 #include "scene.h"
 #include "tests/kit/nofreedescriptors.h"
 
+#include <QtCore/QJsonArray>
 #include <QtNetwork/QTcpServer>
 
 namespace {
@@ -111,6 +112,32 @@ Outcome NeverDeaf::silentPeers(int peers)
     silent.clear();
     outcome.after = scene.serve();
     count(outcome, scene, peers, 1);
+    return outcome;
+}
+
+Outcome NeverDeaf::slowHeaders(bool tls, int headers)
+{
+    Outcome outcome;
+    outcome.cause = text("%1 slow PROXY headers").arg(headers);
+    raiseDescriptorLimit();
+    const QHostAddress proxy(testAddress().toIPv4Address() + (64U << 16U)); // of this process, too
+    const QJsonObject rule{{text("from"), QJsonArray{proxy.toString()}}, {text("timeout"), 600}};
+    Scene scene(tls, {{text("proxyProtocol"), rule}});
+    startIn(scene);
+    outcome.before = scene.serveMedian();
+    std::vector<NativeSocket> slow;
+    for (int n = 0; n < headers; ++n) {
+        NativeSocket peer = NativeSocket::unconnected(testAddress());
+        if (!peer.bind(proxy, 0) || !peer.connect(testAddress(), scene.port)
+            || !peer.send("PROXY TCP4 203.0"))
+            qFatal("a proxy cannot connect");
+        slow.push_back(std::move(peer));
+    }
+    scene.serve(); // accepted after all of them
+    outcome.during = scene.serveMedian();
+    slow.clear();
+    outcome.after = scene.serve();
+    count(outcome, scene, headers, 0); // a warning or two for all of them
     return outcome;
 }
 

@@ -31,6 +31,9 @@ Outcome descriptorsOut(bool tls);
 Outcome workerWithoutDescriptors(bool tls);
 // Peers that connect and never say a word. during: median.
 Outcome silentPeers(int count);
+// A proxy whose PROXY headers never end, with "proxyProtocol". The good devices are not behind it.
+// during: median.
+Outcome slowHeaders(bool tls, int count);
 // Handshakes that are none, or are broken. during: the longest, here and below.
 Outcome garbageHandshakes(int count);
 Outcome closersAtOnce(bool tls, int count);

@@ -65,6 +65,7 @@ int main(int argc, char **argv)
         play(NeverDeaf::closersAtOnce(tls, 10000));
         play(NeverDeaf::resetsInBacklog(tls, 200));
         play(NeverDeaf::portTaken(tls));
+        play(NeverDeaf::slowHeaders(tls, 1000));
     }
     play(NeverDeaf::garbageHandshakes(600));
     const Outcome silent = NeverDeaf::silentPeers(1000);

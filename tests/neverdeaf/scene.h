@@ -86,10 +86,13 @@ public:
         std::thread thread;
     };
 
-    explicit Scene(bool useTls) : tls(useTls), port(freePort())
+    // config: more than where to listen.
+    explicit Scene(bool useTls, QJsonObject config = {}) : tls(useTls), port(freePort())
     {
         clock.start();
-        QJsonObject config = tcpConfig(port);
+        const QJsonObject where = tcpConfig(port);
+        for (auto entry = where.begin(); entry != where.end(); ++entry)
+            config.insert(entry.key(), *entry);
         if (tls)
             config.insert(QStringLiteral("ssl"), serverTls());
         plugin = library.create(config);

@@ -41,6 +41,8 @@ void tst_NeverDeaf::goodDevicesAreServed_data()
                 << Case([tls] { return NeverDeaf::resetsInBacklog(tls, 100); });
         QTest::addRow("port taken at start, %s", transport)
                 << Case([tls] { return NeverDeaf::portTaken(tls); });
+        QTest::addRow("slow PROXY headers, %s", transport)
+                << Case([tls] { return NeverDeaf::slowHeaders(tls, 100); });
     }
     QTest::addRow("garbage handshakes") << Case([] { return NeverDeaf::garbageHandshakes(100); });
     QTest::addRow("silent peers") << Case([] { return NeverDeaf::silentPeers(100); });

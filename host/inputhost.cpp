@@ -19,11 +19,21 @@
 namespace host {
 namespace {
 
+// Of the plugin's memory.
+QJsonObject defaultLimits()
+{
+    constexpr int MiB = 1024 * 1024;
+    return {{QStringLiteral("connectionBuffer"), 4 * MiB},
+            {QStringLiteral("totalBuffer"), 128 * MiB},
+            {QStringLiteral("stalledTimeout"), 60}};
+}
+
 // What the plugin's configuration has unless it has the key itself.
 QJsonObject withDefaults(QJsonObject configuration)
 {
     const std::pair<QString, QJsonValue> defaults[] = {
             {QStringLiteral("ends"), true}, // or what is unfinished would be kept by guess
+            {QStringLiteral("limits"), defaultLimits()}, // or a reader that stands still fills it
             {QStringLiteral("offsets"), true}, // or messages would be lost and come twice
             {QStringLiteral("prompt"), true}, // or the last piece of a message could wait
             {QStringLiteral("strict"), true}, // or a misspelt key would do nothing

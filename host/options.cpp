@@ -68,7 +68,8 @@ struct Definitions
             QStringLiteral("config"),
             QStringLiteral("The plugin's configuration, a JSON object; - reads standard input. "
                            "Default: an empty object. \"offsets\", \"prompt\", \"ends\" and "
-                           "\"strict\" are true unless they are given."),
+                           "\"strict\" are true unless they are given. \"limits\" are 4 MiB a "
+                           "connection, 128 MiB in all and 60 s stalled unless it is given."),
             QStringLiteral("FILE")};
     const QCommandLineOption set{
             QStringLiteral("set"),

@@ -52,8 +52,8 @@ void appendText(QByteArray &json, QByteArrayView utf8)
         return byte == '"' || byte == '\\' || static_cast<unsigned char>(byte) < 0x20;
     };
     json += '"';
-    for (auto begin = utf8.begin(); begin != utf8.end();) {
-        const auto end = std::find_if(begin, utf8.end(), needsEscape);
+    for (const char *begin = utf8.begin(); begin != utf8.end();) {
+        const char *const end = std::find_if(begin, utf8.end(), needsEscape);
         json.append(QByteArrayView(begin, end));
         begin = end;
         if (begin != utf8.end())

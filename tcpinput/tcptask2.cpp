@@ -239,7 +239,7 @@ std::shared_ptr<HeldBytes> TcpTask2::limitClient(TcpClient2 *client,
 {
     if (!budget)
         return nullptr;
-    const auto held = std::make_shared<HeldBytes>(budget);
+    auto held = std::make_shared<HeldBytes>(budget);
     client->limit(held, *pausedList);
     return held;
 }

@@ -38,10 +38,10 @@ struct Pace
     are not consumed.
 
     What is kept of unfinished messages has a limit over all connections. Beyond it, the longest one
-   is given up: printed as partial, and skipped to its end.
+    is given up: printed as partial, and skipped to its end.
 
     A connection is remembered here while it has an unread offer or an unfinished message. Up to
-   which position it was consumed is remembered until its end is told.
+    which position it was consumed is remembered until its end is told.
 
     Thread: the plugin's, which needs an event loop.
     Owner:  the caller, also of the writer and the counters.

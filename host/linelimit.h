@@ -12,7 +12,7 @@ namespace host {
 
 /*!
     Bounds the log lines of one kind, of which a bad device may cause any number. In each interval
-   the first few are written. The others are counted, and told together when the interval is over.
+    the first few are written. The others are counted, and told together when the interval is over.
 
     Thread: any one.
 */

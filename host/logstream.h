@@ -14,7 +14,7 @@ namespace host {
 
 /*!
     Log lines of all threads on their way to standard error. None of the threads waits for its
-   reader.
+    reader.
 
     A line is written at once, if the stream takes it. Otherwise it goes into a backlog, which a
     thread of its own writes; that thread exists only meanwhile. When the backlog is full, lines are

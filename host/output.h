@@ -26,7 +26,8 @@ enum class OutputFormat {
     a pipe sees messages at once, and many of them cost one system call. Writing waits for a slow
     reader, and so does everything in this thread: the plugin accepts no connection and its offers
     pile up in memory meanwhile. A line tells when that has lasted for a second, and one its end. A
-   host that cannot accept this writes in a thread of its own and has to decide what it throws away.
+    host that cannot accept this writes in a thread of its own and has to decide what it throws
+    away.
 
     Thread: its creator's, with an event loop; flush() is enough without one.
 */

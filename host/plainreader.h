@@ -24,7 +24,7 @@ namespace host {
     (OfferTracker).
 
     An offer is read at once, however large it is: what is repeated depends on the order of offers
-   and discards. Bytes of an unfinished message are not consumed, so that they stay in the plugin's
+    and discards. Bytes of an unfinished message are not consumed, so that they stay in the plugin's
     buffer and are offered again.
 
     Thread: the plugin's, which needs an event loop.

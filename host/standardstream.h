@@ -9,11 +9,11 @@ namespace host {
 
 /*!
     Standard output or standard error. Its reader may be slow, or stand still: writing does not
-   wait.
+    wait.
 
     Other programs may share the stream, so its flags stay as they are. It is asked before each
-   write instead, and pipes, sockets and terminals get so little at once that they take it without
-   waiting.
+    write instead, and pipes, sockets and terminals get so little at once that they take it without
+    waiting.
 
     Thread: one at a time; waitUntilWritable() any.
 */

@@ -8,7 +8,7 @@
 
 /*!
     Tells how often something has happened, at most once a minute: at the first time at once, of
-   what follows when the minute is over.
+    what follows when the minute is over.
 
     Thread: one.
     Owner:  as a member.

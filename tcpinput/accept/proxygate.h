@@ -19,12 +19,12 @@
 /*!
     Where accepted connections from proxies wait for their PROXY header. It is read as it comes, and
     not one byte behind it, so that whatever reads the connection next finds the device's first
-   byte.
+    byte.
 
     A connection whose header is bad, or not there in time, is closed. So is one that does not come
     from a proxy, if the rule says so. Neither is rare where somebody scans ports, so a line tells
-   of many. A proxy that connects and closes without a word is looking whether somebody listens:
-   that is counted and not told by itself.
+    of many. A proxy that connects and closes without a word is looking whether somebody listens:
+    that is counted and not told by itself.
 
     Thread: the server's.
     Owner:  the server, as a member.

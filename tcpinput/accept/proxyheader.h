@@ -9,7 +9,7 @@
 
 /*!
     The header, version 1 or 2 of the PROXY protocol, with which a proxy begins a connection: it
-   says whose connection the proxy passes on.
+    says whose connection the proxy passes on.
 
     It is read in pieces, and no piece goes beyond its end: what follows are the device's bytes.
 

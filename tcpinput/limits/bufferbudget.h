@@ -11,11 +11,11 @@
     The memory that the connections of a plugin may hold, and how much of it they do hold.
 
     Of the total: nobody picks the connections that have to stop when the total runs short. Each may
-   hold at most eight times what is left of the total. While 1/8 is left, that is the whole total
-   and stops nobody; when less and less is left, the largest connections stop first, and at last
-   all. A small one goes on as long as there is room. The rule is that of A. K. Choudhury and E. L.
-   Hahne, "Dynamic Queue Length Thresholds for Shared-Memory Packet Switches", IEEE/ACM Transactions
-   on Networking 6(2), 1998.
+    hold at most eight times what is left of the total. While 1/8 is left, that is the whole total
+    and stops nobody; when less and less is left, the largest connections stop first, and at last
+    all. A small one goes on as long as there is room. The rule is that of A. K. Choudhury and E. L.
+    Hahne, "Dynamic Queue Length Thresholds for Shared-Memory Packet Switches", IEEE/ACM
+    Transactions on Networking 6(2), 1998.
 
     Thread: any.
     Owner:  shared by the plugin, its connections, and the records that the host still holds.

@@ -13,12 +13,12 @@ class Transport;
 /*!
     Lets a connection read no more than the limits allow. One that holds too much is paused: its
     bytes stay in the kernel, which makes the device wait. Nothing is lost, and nothing is closed
-   but for the stalled time-out.
+    but for the stalled time-out.
 
     A pause begins when the connection holds as much as it may, its records included. It is over
     when the host has consumed half of that. If it was not the buffer that was full, but records
-   that the host still had, it is over when these are gone: the host may wait for the rest of a
-   message.
+    that the host still had, it is over when these are gone: the host may wait for the rest of a
+    message.
 
     A paused descriptor is not watched, so the end of the connection is looked for once a second. At
     the end all that the kernel has is read, whatever the limits.

@@ -71,7 +71,7 @@ private:
 
 /*!
     Deletions that are asked for in a turn within a turn: carried out when the outermost one is
-   over.
+    over.
 */
 class tst_NestedDeletions : public QObject
 {

@@ -34,7 +34,7 @@ struct CourseTimes
 
 /*!
     The one way in which a spaced script has to go, given the times at which things happened; and
-   how far from it another way was.
+    how far from it another way was.
 
     Thread: one.
 */

@@ -62,7 +62,7 @@ struct Message
     is only one way for it to go.
 
     Hasty: what happens first is up to the machine. The host remembers what it has consumed,
-   whatever the offers repeat, and discards only what is new.
+    whatever the offers repeat, and discards only what is new.
 */
 struct Script
 {

@@ -18,11 +18,8 @@
     Listens for devices over TCP or TLS, deals their connections in strict rotation over worker
     threads, and relays records to the host and the host's discards to the workers.
 
-    Configuration keys (exact names; unknown ones are ignored), read at every start():
-    "port" (1 to 65534, default 7446), "ipAddr" (default any IPv4), "interface" (its last IPv4
-    address), "offsets" (true: offers carry their position; default false), "timeout" (seconds > 0,
-    default 60), "threadpoolSize" (> 0, default 4), "ssl" (object: TLS, see ssl::readSslConfig). A
-    bad value is ignored, but a bad "ipAddr" means 127.0.0.1.
+    The configuration is read at every start(): Configuration::keys() has the keys, with their
+    values, defaults, and what a bad value does.
 
     Thread: its creator's; discard() from any thread.
     Owner:  the host, or the QObject parent.

@@ -128,7 +128,12 @@ private:
     using Snapshot = UnconsumedBytes::Snapshot;
 
     void bytesCame() override { mreadyRead(); }
-    qsizetype room() override { return intake ? intake->room() : TransportReader::room(); }
+    qsizetype room(qsizetype wanted) override { return intake ? intake->room(wanted) : wanted; }
+    void nothingCame() override
+    {
+        if (intake)
+            intake->readNothing();
+    }
     void offerWaiting(qint64 now) override;
     void offerMerged() override;
     void endStalled(std::chrono::seconds after) override;

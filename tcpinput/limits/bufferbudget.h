@@ -29,15 +29,20 @@ public:
 
     // bytes: negative if they are given back.
     void add(qint64 bytes) { inUse.fetch_add(bytes, std::memory_order_relaxed); }
+    // Also counts what is reserved.
     qint64 held() const { return inUse.load(std::memory_order_relaxed); }
 
-    // How many more bytes a connection may take in that holds so many; 0: none. Several
-    // connections that take in at the same time do not exceed the total.
-    qint64 room(qint64 held) const;
+    // How many more bytes a connection may take in that holds so many; 0: none.
+    qint64 room(qint64 ofConnection) const { return roomBeside(held(), ofConnection); }
+    // As many, but no more than most, and adds them. Others may take in meanwhile: a room that was
+    // only looked at may be gone before it is used.
+    qint64 reserve(qint64 ofConnection, qint64 most);
 
     // How many connections do not read at present.
     std::atomic<int> paused = 0;
 
 private:
+    qint64 roomBeside(qint64 heldByAll, qint64 ofConnection) const;
+
     std::atomic<qint64> inUse = 0;
 };

@@ -19,9 +19,29 @@ void HeldBytes::removeReceiver()
     receiver = nullptr;
 }
 
+qint64 HeldBytes::reserve(qint64 wanted)
+{
+    const qint64 most = budget->limits.connectionBuffer;
+    const MutexLocker locker(mutex);
+    const qint64 had = held() + reserved;
+    const qint64 allowed = most > 0 ? std::clamp<qint64>(most - had, 0, wanted) : wanted;
+    const qint64 bytes = budget->reserve(had, allowed);
+    reserved += bytes;
+    counted += bytes;
+    return bytes;
+}
+
+void HeldBytes::receivedNothing()
+{
+    const MutexLocker locker(mutex);
+    reserved = 0;
+    settle();
+}
+
 void HeldBytes::received(qint64 bytes)
 {
     const MutexLocker locker(mutex);
+    reserved = 0;
     inBuffer += bytes;
     sinceLatest += bytes;
     settle();
@@ -91,7 +111,7 @@ void HeldBytes::setPaused(bool on)
 void HeldBytes::settle()
 {
     const qint64 now = inRecords + (latestIsOut ? sinceLatest : inBuffer);
-    budget->add(now - counted);
-    counted = now;
+    budget->add(now + reserved - counted);
+    counted = now + reserved;
     heldNow.store(now, std::memory_order_relaxed);
 }

@@ -42,6 +42,11 @@ public:
     // To be called before the receiver is destroyed.
     void removeReceiver();
 
+    // How many of the wanted bytes the connection may receive now; 0: none. They are reserved, with
+    // those of earlier calls, until received() or receivedNothing() tells what has become of them.
+    qint64 reserve(qint64 wanted);
+    void receivedNothing();
+
     // Of the unconsumed bytes. consumed(): in any thread.
     void received(qint64 bytes);
     void consumed(qint64 bytes);
@@ -76,6 +81,7 @@ private:
     quint64 latest GUARDED_BY(mutex) = 0; // record
     bool latestIsOut GUARDED_BY(mutex) = false;
     quint64 all GUARDED_BY(mutex) = 0; // bytes that were ever consumed
+    qint64 reserved GUARDED_BY(mutex) = 0; // see reserve(); in the budget
     bool onItsWay GUARDED_BY(mutex) = false; // a record
     bool merged GUARDED_BY(mutex) = false; // an offer
     QObject *receiver GUARDED_BY(mutex) = nullptr;

@@ -30,16 +30,17 @@ Intake::Intake(Reader &owner, QObject &context, Transport &from, PausedList &pau
 Intake::~Intake()
 {
     held->removeReceiver();
+    held->receivedNothing();
     held->setPaused(false);
     list.remove(*this);
 }
 
-qsizetype Intake::room()
+qsizetype Intake::room(qsizetype wanted)
 {
     if (isOpen)
-        return Unlimited;
-    const qint64 left = isPaused() ? 0 : roomLeft(); // once: other threads change it
-    if (left <= 0)
+        return wanted;
+    const qint64 left = isPaused() ? 0 : held->reserve(wanted);
+    if (left == 0 && wanted > 0)
         pause();
     return left;
 }

@@ -48,8 +48,10 @@ public:
     ~Intake();
     Q_DISABLE_COPY_MOVE(Intake)
 
-    // How many bytes may be read now. If there are none, the connection is paused.
-    qsizetype room();
+    // How many of the wanted bytes may be read now; a read, or readNothing(), follows. If there are
+    // none, the connection is paused.
+    qsizetype room(qsizetype wanted);
+    void readNothing() { held->receivedNothing(); }
     // To be called after each read, and after each cut in this thread.
     void settle();
     // To be called before each offer but the last one. False: the record before is still on its way

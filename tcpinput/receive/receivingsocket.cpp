@@ -152,20 +152,28 @@ bool ReceivingSocket::Notifier::event(QEvent *event)
 
 void ReceivingSocket::receive()
 {
-    const qsizetype most = reader ? std::min(reader->room(), MostBytesPerTurn) : MostBytesPerTurn;
-    if (most <= 0)
+    const qsizetype atOnce = room(ReceiveBytes);
+    if (atOnce == 0)
         return;
     ReceiveBuffer buffer;
-    const auto atOnce = static_cast<std::size_t>(std::min(most, ReceiveBytes));
-    const ssize_t size = ::recv(descriptor(), buffer.data(), atOnce, MSG_DONTWAIT);
+    const ssize_t size =
+            ::recv(descriptor(), buffer.data(), static_cast<std::size_t>(atOnce), MSG_DONTWAIT);
     if (size == ReceiveBytes) {
-        handOutBlock(receiveOn(QByteArrayView(buffer.data(), size), most));
+        handOutBlock(receiveOn(QByteArrayView(buffer.data(), size), MostBytesPerTurn));
     } else if (size > 0) {
         handOut(QByteArrayView(buffer.data(), size));
     } else if (size == 0 || (errno != EAGAIN && errno != EINTR)) {
         broken = size < 0;
         endByPeer();
+    } else if (reader) {
+        reader->nothingCame();
     }
+}
+
+// How many of the wanted bytes may be received.
+qsizetype ReceivingSocket::room(qsizetype wanted)
+{
+    return reader ? reader->room(wanted) : wanted;
 }
 
 // Returns first and all bytes that follow, until the kernel has none left or most is reached. The
@@ -173,7 +181,7 @@ void ReceivingSocket::receive()
 // for what the peer could not send yet, so more may come than the kernel held at first.
 QByteArray ReceivingSocket::receiveOn(QByteArrayView first, qsizetype most)
 {
-    const auto next = [&](qsizetype had) { return std::min(bytesInKernel(), most - had); };
+    const auto next = [&](qsizetype had) { return room(std::min(bytesInKernel(), most - had)); };
     qsizetype more = next(first.size());
     QByteArray all = InputBuffer::emptyBlock(first.size() + more);
     all.resize(first.size());

@@ -74,6 +74,7 @@ private:
     };
 
     void receive();
+    qsizetype room(qsizetype wanted);
     QByteArray receiveOn(QByteArrayView first, qsizetype most);
     void handOut(QByteArrayView received);
     void handOutBlock(QByteArray block);

@@ -7,15 +7,15 @@
 
 #include <QtCore/QByteArray>
 
-#include <limits>
-
 //! Is called when bytes have come.
 class TransportReader
 {
 public:
     virtual void bytesCame() = 0;
-    // How many bytes may come. 0: none; the reader has paused the transport.
-    virtual qsizetype room() { return std::numeric_limits<qsizetype>::max(); }
+    // How many of the wanted bytes may come; 0: none. Then one of the other functions is called, or
+    // the transport ends.
+    virtual qsizetype room(qsizetype wanted) { return wanted; }
+    virtual void nothingCame() {}
 
 protected:
     ~TransportReader() = default;

@@ -48,8 +48,7 @@ private Q_SLOTS:
     void manyFillTheTotalAndNoMore();
     void largestStopFirst();
     void nobodyStopsUntilAnEighthIsLeft();
-    void readersAtTheSameTimeStayWithin_data();
-    void readersAtTheSameTimeStayWithin();
+    void reservesNoMoreThanThereIs();
     void exceededTotalHasNoRoom();
     void smallTotals();
 };
@@ -95,20 +94,19 @@ void tst_BufferBudget::nobodyStopsUntilAnEighthIsLeft()
     QCOMPARE(budget.room(Total * 7 / 8 + Total / 64), 0);
 }
 
-void tst_BufferBudget::readersAtTheSameTimeStayWithin_data()
+void tst_BufferBudget::reservesNoMoreThanThereIs()
 {
-    QTest::addColumn<qint64>("before");
-    for (const int percent : {0, 50, 90, 99})
-        QTest::addRow("%d %%", percent) << Total * percent / 100;
-}
-
-// Four threads have asked before any of them has counted what it took.
-void tst_BufferBudget::readersAtTheSameTimeStayWithin()
-{
-    QFETCH(qint64, before);
     BufferBudget budget(totalOf(Total));
-    budget.add(before);
-    QVERIFY(before + 4 * budget.room(0) <= Total);
+    QCOMPARE(budget.reserve(0, 0), 0);
+    QCOMPARE(budget.reserve(0, 1000), 1000);
+    QCOMPARE(budget.held(), 1000);
+    while (budget.reserve(0, Total) > 0)
+        QVERIFY(budget.held() <= Total);
+    QCOMPARE(budget.reserve(0, 1), 0);
+
+    BufferBudget unlimited{Limits()};
+    QCOMPARE(unlimited.reserve(Total, 1000), 1000);
+    QCOMPARE(unlimited.held(), 1000);
 }
 
 void tst_BufferBudget::exceededTotalHasNoRoom()

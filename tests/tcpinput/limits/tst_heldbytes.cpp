@@ -18,6 +18,9 @@ private Q_SLOTS:
     void init() { budget = std::make_shared<BufferBudget>(Limits()); }
 
     void bytesInTheBufferCount();
+    void reservesBeforeItReceives();
+    void reservesWithinTheConnection();
+    void slowReaderKeepsWithinTheTotal();
     void latestRecordSharesTheBuffer();
     void consumedBytesOfARecordCount();
     void earlierRecordsCountByThemselves();
@@ -43,6 +46,52 @@ void tst_HeldBytes::bytesInTheBufferCount()
     QCOMPARE(held.unconsumed(), 70);
     QCOMPARE(held.consumedInAll(), 30U);
     QCOMPARE(budget->held(), 70);
+}
+
+void tst_HeldBytes::reservesBeforeItReceives()
+{
+    HeldBytes held(budget);
+    QCOMPARE(held.reserve(100), 100);
+    QCOMPARE(held.reserve(50), 50);
+    QCOMPARE(budget->held(), 150);
+    QCOMPARE(held.held(), 0);
+    held.received(120);
+    QCOMPARE(budget->held(), 120);
+
+    QCOMPARE(held.reserve(100), 100);
+    held.consumed(20); // in another thread
+    QCOMPARE(budget->held(), 200);
+    held.receivedNothing();
+    QCOMPARE(budget->held(), 100);
+}
+
+void tst_HeldBytes::reservesWithinTheConnection()
+{
+    Limits limits;
+    limits.connectionBuffer = 100;
+    HeldBytes held(std::make_shared<BufferBudget>(limits));
+    QCOMPARE(held.reserve(60), 60);
+    QCOMPARE(held.reserve(60), 40);
+    QCOMPARE(held.reserve(60), 0);
+    held.received(110); // at an end
+    QCOMPARE(held.reserve(60), 0);
+}
+
+// The others fill the total while this one is between its question and its read.
+void tst_HeldBytes::slowReaderKeepsWithinTheTotal()
+{
+    constexpr qint64 Total = 1 << 20;
+    Limits limits;
+    limits.totalBuffer = Total;
+    budget = std::make_shared<BufferBudget>(limits);
+    HeldBytes slow(budget);
+    const qint64 bytes = slow.reserve(Total);
+    QVERIFY(bytes > 0);
+    HeldBytes other(budget);
+    while (const qint64 more = other.reserve(Total / 8))
+        other.received(more);
+    slow.received(bytes);
+    QVERIFY2(budget->held() <= Total, qPrintable(QString::number(budget->held())));
 }
 
 void tst_HeldBytes::latestRecordSharesTheBuffer()

@@ -40,7 +40,7 @@ qsizetype Intake::room(qsizetype wanted)
     if (isOpen)
         return wanted;
     const qint64 left = isPaused() ? 0 : held->reserve(wanted);
-    if (left == 0 && wanted > 0)
+    if (left == 0 && wanted > 0 && !held->isReserving())
         pause();
     return left;
 }

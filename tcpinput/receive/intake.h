@@ -48,8 +48,8 @@ public:
     ~Intake();
     Q_DISABLE_COPY_MOVE(Intake)
 
-    // How many of the wanted bytes may be read now; a read, or readNothing(), follows. If there are
-    // none, the connection is paused.
+    // How many of the wanted bytes may be read now, beside those of earlier calls; a read, or
+    // readNothing(), follows. If there are none at all, the connection is paused.
     qsizetype room(qsizetype wanted);
     void readNothing() { held->receivedNothing(); }
     // To be called after each read, and after each cut in this thread.

@@ -46,7 +46,7 @@ int toMs(TimerQueue::Duration duration)
 }
 } // namespace
 
-std::unique_ptr<QAbstractEventDispatcher>
+std::unique_ptr<EpollEventDispatcher>
 EpollEventDispatcher::create(std::chrono::milliseconds wakeUpInterval)
 {
     std::unique_ptr<EpollEventDispatcher> dispatcher(new EpollEventDispatcher(wakeUpInterval));
@@ -136,6 +136,7 @@ bool EpollEventDispatcher::processEvents(QEventLoop::ProcessEventsFlags flags)
 bool EpollEventDispatcher::playTurn(QEventLoop::ProcessEventsFlags flags)
 {
     const quint64 turn = ++turns;
+    ownPulse->turns.store(turn, std::memory_order_relaxed);
     interrupted = false;
     Q_EMIT awake();
     QCoreApplication::sendPostedEvents();
@@ -283,6 +284,7 @@ bool EpollEventDispatcher::collectReady(QEventLoop::ProcessEventsFlags flags, bo
 {
     const bool withNotifiers = !flags.testFlag(QEventLoop::ExcludeSocketNotifiers);
     std::array<epoll_event, EventsPerTurn> events;
+    ownPulse->waits.store(canWait, std::memory_order_relaxed);
     int timeoutMs = 0;
     int count = 0;
     do { // again after each signal: its handler may have called wakeUp()
@@ -296,6 +298,7 @@ bool EpollEventDispatcher::collectReady(QEventLoop::ProcessEventsFlags flags, bo
         }
     } while (count < 0 && errno == EINTR);
 
+    ownPulse->waits.store(false, std::memory_order_relaxed);
     collected = count > 1 ? TimerQueue::Clock::now() : TimerQueue::TimePoint::max();
     for (int i = 0; i < count; ++i) {
         const epoll_event &event = events[static_cast<std::size_t>(i)];

@@ -64,7 +64,7 @@ class EpollEventDispatcher final : public EventDispatcherBase
 public:
     // Null, with errno set, if its descriptors cannot be opened; later it needs no more of them.
     // wakeUpInterval: of the moderation, 0 (off) to one day.
-    static std::unique_ptr<QAbstractEventDispatcher>
+    static std::unique_ptr<EpollEventDispatcher>
     create(std::chrono::milliseconds wakeUpInterval = std::chrono::milliseconds(0));
     ~EpollEventDispatcher() override;
 
@@ -80,6 +80,15 @@ public:
     // deleted at the end of the outermost turn. object: lives in the calling thread; others may
     // delete it before. With a dispatcher of another class this is object->deleteLater().
     static void deleteLater(QObject *object);
+
+    //! What other threads may know of a dispatcher's thread.
+    struct Pulse
+    {
+        std::atomic<quint64> turns = 0; // begun so far, nested ones included
+        std::atomic<bool> waits = false; // for events
+    };
+    // Outlives the dispatcher. From any thread.
+    std::shared_ptr<const Pulse> pulse() const { return ownPulse; }
 
     //! Counts as a turn while it lives. For work that a thread does outside of its event loop.
     class Turn
@@ -157,9 +166,10 @@ private:
     std::atomic<bool> wakeUpPending{false}; // the next turn does not wait
     std::atomic<bool> asleep{false}; // wakeUp() must end the wait; see beginWait()
     std::atomic<bool> interrupted{false};
-    quint64 turns = 0; // nested ones included; the dispatcher's thread only
+    const std::shared_ptr<Pulse> ownPulse = std::make_shared<Pulse>();
 
     // The rest belongs to the dispatcher's thread.
+    quint64 turns = 0; // nested ones included
     const TimerQueue::Duration wakeUpInterval; // zero: no moderation
     // No wake-up before this time: one interval after the latest wake-up by another thread. The
     // default is not zero, which is the start of the machine.

@@ -130,6 +130,12 @@ void TcpClient2::limit(const std::shared_ptr<HeldBytes> &held, PausedList &list)
     intake = std::make_unique<Intake>(reader, *this, *transport, list, held);
 }
 
+void TcpClient2::setCounters(WorkerCounters &value)
+{
+    counters = &value;
+    unconsumed.setCounters(value);
+}
+
 // The record before was handed over.
 void TcpClient2::offerMerged()
 {
@@ -205,6 +211,7 @@ void TcpClient2::handOut(const Snapshot &all)
     if (!taker)
         return;
     offered = true;
+    counters->offers.add(1);
     taker(all.data);
 }
 
@@ -276,9 +283,10 @@ void TcpClient2::mdisconnected()
 
     // Before anything that may run the event loop, so that no other call ends this socket.
     QTcpSocket *closing = std::exchange(socket, nullptr);
-    const EndReason reason = closing->state() == QAbstractSocket::ConnectedState
-            ? ownReason
-            : transport->endReason();
+    const bool endsHere = closing->state() == QAbstractSocket::ConnectedState;
+    const EndReason reason = endsHere ? ownReason : transport->endReason();
+    const QString failure = endsHere ? QString() : transport->failure();
+    counters->ended[static_cast<std::size_t>(reason)].add(1);
     intake.reset();
     transport = nullptr;
     adapter.reset();
@@ -288,6 +296,8 @@ void TcpClient2::mdisconnected()
     if (!last.data.isEmpty())
         emitOffer(last, *closing);
     idle.stop();
+    if (!failure.isEmpty())
+        CWRN(QtWarningMsg, QStringLiteral("TcpClient2 (%1): reading failed: %2"), getId(), failure);
     CWRN(QtDebugMsg,
          QStringLiteral("TcpClient: closing connection %1 (received %2 bytes, %3 msgs)"), getId(),
          bytesReceived, msgsReceived);
@@ -317,6 +327,7 @@ bool TcpClient2::appendAvailable()
         return false;
     bytesReceived += msgsize;
     ++msgsReceived;
+    counters->reads.add(1);
     backlog.bytesCame(size);
     if (intake)
         intake->settle();

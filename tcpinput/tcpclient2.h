@@ -12,6 +12,7 @@
 #include "tcpinput/receive/sockettransport.h"
 #include "tcpinput/receive/unconsumedbytes.h"
 #include "tcpinput/workers/locks.h"
+#include "tcpinput/workers/workercounters.h"
 
 #include <QtCore/QObject>
 #include <QtCore/QString>
@@ -94,6 +95,9 @@ public:
     // limit.
     void limit(const std::shared_ptr<HeldBytes> &held, PausedList &list);
 
+    // Counts reads, offers and the end there. value: outlives the client. Default: nobody reads it.
+    void setCounters(WorkerCounters &value);
+
     // As above. Default: null; bytes that come within 200 ms of an offer then wait, see OfferPace.
     void setPromptList(PromptList *value) { pace.setPromptList(value); }
 
@@ -161,6 +165,7 @@ private:
     quint64 number = 0; // set once, see stampOffers()
 
     // All below: the client's thread only.
+    WorkerCounters *counters = &WorkerCounters::unread();
     QTcpSocket *socket = nullptr; // null after the end
     std::unique_ptr<SocketTransport> adapter; // for a socket that is no transport itself
     Transport *transport = nullptr; // of the socket; null after the end

@@ -39,21 +39,6 @@ void TcpInputPlugin2::initialise()
     qRegisterMetaType<shared_parsedData>();
 
     connect(&untaken, &QTimer::timeout, this, &TcpInputPlugin2::retryUntaken);
-
-    for (const ProxyGate *gate : {&servers.tcp.proxies, &servers.tls.proxies}) {
-        connect(gate, &ProxyGate::closedWithoutHeader, this, &TcpInputPlugin2::tellHeaders);
-        connect(gate, &ProxyGate::refusedOthers, this, &TcpInputPlugin2::tellRefused);
-    }
-    for (const AcceptGuard *guard : {&servers.tcp.guard, &servers.tls.guard}) {
-        connect(guard, &AcceptGuard::descriptorsOut, this, [this] {
-            CWRN(QtWarningMsg,
-                 QStringLiteral("TcpInputPlugin2(%1): Out of file descriptors, accepting paused"),
-                 pluginId);
-        });
-        connect(guard, &AcceptGuard::descriptorsBack, this, [this] {
-            CWRN(QtInfoMsg, QStringLiteral("TcpInputPlugin2(%1): Accepting resumed"), pluginId);
-        });
-    }
 }
 
 WorkerPool TcpInputPlugin2::makePool()
@@ -96,7 +81,23 @@ bool TcpInputPlugin2::event(QEvent *event)
     // has a value.
     if (event->type() == QEvent::DeferredDelete && destroying)
         return true;
+    if (event->type() == CountersEvent::Number) {
+        fill(static_cast<CountersEvent &>(*event));
+        return true;
+    }
     return IInputPlugin::event(event);
+}
+
+void TcpInputPlugin2::fill(CountersEvent &question)
+{
+    if (!question.hasLayoutOf(sizeof(InputCounters)))
+        return; // of another version
+    InputCounters counters;
+    servers.addTo(counters);
+    pool.addTo(counters);
+    if (const auto &budget = configuration.serving.budget)
+        counters.paused = static_cast<quint64>(budget->paused.load());
+    question.answer(counters);
 }
 
 void TcpInputPlugin2::drop(int len)
@@ -121,6 +122,7 @@ bool TcpInputPlugin2::start()
     }
     servers.setServing(used.serving);
     servers.setProxyRule(used.proxies);
+    servers.setLimits(used.accepting);
     connTemplate.setLocalAddress(used.address);
     connTemplate.setLocalPort(used.port);
 
@@ -198,7 +200,7 @@ QString TcpInputPlugin2::getStatus()
         result += QStringLiteral("Limits: %1 bytes held, %2 connections paused\r\n")
                           .arg(budget->held())
                           .arg(budget->paused.load());
-    return result;
+    return result + servers.limiter().status();
 }
 
 void TcpInputPlugin2::discard(int length, const QMap<QString, QString> &subid)
@@ -274,25 +276,6 @@ bool TcpInputPlugin2::handOver()
     QMetaObject::invokeMethod(
             task, [task, conn] { task->addConnection(conn); }, Qt::QueuedConnection);
     return true;
-}
-
-void TcpInputPlugin2::tellHeaders(quint64 count, quint64 silent, const QString &latest)
-{
-    if (draining) // the plugin is being destroyed
-        return;
-    CWRN(QtWarningMsg,
-         QStringLiteral("TcpInputPlugin2(%1): No good PROXY header: %2 closed, the latest from %3; "
-                        "%4 ended before their first byte"),
-         pluginId, count, latest, silent);
-}
-
-void TcpInputPlugin2::tellRefused(quint64 count, const QString &latest)
-{
-    if (draining)
-        return;
-    CWRN(QtWarningMsg,
-         QStringLiteral("TcpInputPlugin2(%1): Not from a proxy: %2 refused, the latest from %3"),
-         pluginId, count, latest);
 }
 
 // No signal announces a pending connection a second time.

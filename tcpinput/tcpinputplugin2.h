@@ -4,7 +4,9 @@
 #pragma once
 
 #include "plugin/connection.h"
+#include "plugin/countersevent.h"
 #include "plugin/iinputplugin.h"
+#include "tcpinput/accept/acceptlog.h"
 #include "tcpinput/accept/servers.h"
 #include "tcpinput/accept/untakenconnections.h"
 #include "tcpinput/configuration/configuration.h"
@@ -88,16 +90,16 @@ public Q_SLOTS:
 
 private:
     void initialise();
+    void fill(CountersEvent &question);
     WorkerPool makePool();
     void listenTcp(const Configuration &used);
     void listenTls(const Configuration &used);
     bool handOver();
-    void tellHeaders(quint64 count, quint64 silent, const QString &latest);
-    void tellRefused(quint64 count, const QString &latest);
     void retryUntaken();
 
     // The plugin's thread only, except that discard() reads the pool's tasks in any thread.
     Servers servers{this};
+    AcceptLog acceptLog{servers, pluginId};
     Configuration configuration;
     Connection connTemplate;
     QTimer statusTimer;

@@ -84,6 +84,7 @@ TcpTask2::~TcpTask2()
         all = clientsMade();
     } while (all.size() > ended);
     qDeleteAll(clientsMade()); // before the watch, which they refer to
+    counters->isOver.store(true, std::memory_order_release);
 }
 
 void TcpTask2::discard(int length, const QMap<QString, QString> &subid)
@@ -183,6 +184,8 @@ void TcpTask2::addConnection(Connection conn)
         pausedList = std::make_unique<PausedList>();
     }
     client->setBacklogWatch(watch.get());
+    client->setCounters(*counters);
+    counters->adopted.add(1);
     connectClient(client, taken.acceptance);
     {
         const WriteLocker locker(clientsLock);
@@ -222,9 +225,9 @@ void TcpTask2::connectClient(TcpClient2 *client, const Acceptance &acceptance)
             },
             Qt::DirectConnection);
     const auto held = limitClient(client, acceptance.serving.budget);
-    // The place is the peer's as long as the client lives.
+    // The places are kept as long as the client lives.
     client->offerTo([this, client, held, maker = RecordMaker(num, acceptance.endpoints, held),
-                     place = acceptance.peerPlace](const QByteArray &data) mutable {
+                     places = acceptance.places](const QByteArray &data) mutable {
         const RecordMaker::Stamp stamp{client->connectionNumber(), client->offerPosition()};
         Q_EMIT receivedData(maker.make(data, client->getId(), localSecond.now(),
                                        stamp.connection == 0 ? nullptr : &stamp));

@@ -10,6 +10,7 @@
 #include "tcpinput/receive/pausedlist.h"
 #include "tcpinput/receive/promptlist.h"
 #include "tcpinput/workers/locks.h"
+#include "tcpinput/workers/workercounters.h"
 
 #include <QtCore/QHash>
 #include <QtCore/QMap>
@@ -19,6 +20,7 @@
 
 #include <atomic>
 #include <memory>
+#include <utility>
 
 struct Acceptance;
 class BufferBudget;
@@ -47,6 +49,8 @@ public:
 
     // Sets the task's number. Call once, before the task is moved into its thread.
     void setNum(int n) { num = n; }
+    // value: not null. Call as setNum(). Default: nobody reads what the task counts.
+    void setCounters(std::shared_ptr<WorkerCounters> value) { counters = std::move(value); }
     // value: gets receivedData() in its own thread, queued. Not owned, outlives the task. Default:
     // null; then nobody waits for records to be handed over.
     void setConsumer(QObject *value) { consumer = value; }
@@ -113,6 +117,7 @@ private:
     std::atomic<bool> running = true; // until the first stop()
     int num = 0; // this and below: set once, before the task is moved
     QObject *consumer = nullptr;
+    std::shared_ptr<WorkerCounters> counters = std::make_shared<WorkerCounters>();
     bool dying = false; // this and below: the task's thread only
     QSet<TcpClient2 *> displaced; // other clients took their ids; until their end
     LocalSecond localSecond;

@@ -56,6 +56,7 @@ TcpTask2 *WorkerPool::task()
         return existingTask(number);
     auto *task = new TcpTask2(nullptr);
     task->setNum(number);
+    task->setCounters(tally.newCounters());
     {
         const WriteLocker locker(tasksLock);
         tasks.insert(number, task);
@@ -84,6 +85,13 @@ std::optional<TcpTask2::DiscardResult> WorkerPool::tryDiscard(int number, int le
     const ReadLocker locker(tasksLock);
     const TcpTask2 *task = tasks.value(number);
     return task ? std::optional(task->tryDiscard(length, subid)) : std::nullopt;
+}
+
+void WorkerPool::addTo(InputCounters &sum)
+{
+    tally.addCounts(sum);
+    for (auto thread = threads.constBegin(); thread != threads.constEnd(); ++thread)
+        tally.addTurn(sum, thread.key(), static_cast<const WorkerThread &>(**thread));
 }
 
 void WorkerPool::retireTasks()

@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include "tcpinput/tally.h"
 #include "tcpinput/tcptask2.h"
 #include "tcpinput/workers/locks.h"
 
@@ -62,6 +63,9 @@ public:
     std::optional<TcpTask2::DiscardResult> tryDiscard(int number, int length,
                                                       const QMap<QString, QString> &subid);
 
+    // Adds what the workers have done, and how they are.
+    void addTo(InputCounters &sum);
+
     // Retires all tasks. First waits for discard() calls of other threads that are inside a task.
     void retireTasks();
     // Retires all threads without waiting; each ends by itself.
@@ -80,6 +84,7 @@ private:
     mutable SharedMutex tasksLock;
     // Written in the plugin's thread only, which reads without the lock.
     QMap<int, TcpTask2 *> tasks GUARDED_BY(tasksLock);
-    QMap<int, QThread *> threads;
+    QMap<int, QThread *> threads; // WorkerThreads
+    Tally tally;
     QList<QPointer<QThread>> retired; // threads that are not deleted yet
 };

@@ -4,15 +4,22 @@
 #include "tcpinput/accept/acceptguard.h"
 
 #include <QtCore/QEvent>
+#include <QtCore/QPointer>
 #include <QtCore/QSocketNotifier>
 #include <QtNetwork/QTcpServer>
 
+#include <cerrno>
+#include <utility>
+
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr int RetryIntervalMs = 100;
+constexpr int GateIntervalMs = 10;
+constexpr int MostPending = 30; // Qt's default
 constexpr int FruitlessLimit = 2; // one may be for a connection that the turn before accepted
 
 // A connection that waits to be taken holds a descriptor and, with TLS, about 75 kB. The kernel's
@@ -22,11 +29,11 @@ constexpr qsizetype ResumeBelowWaiting = 2048;
 
 } // namespace
 
-AcceptGuard::AcceptGuard(QTcpServer *watched, std::function<qsizetype()> waitingCount)
+AcceptGuard::AcceptGuard(QTcpServer *watched, std::function<qsizetype()> waitingCount, Taker taker)
     : server(watched),
-      waiting(std::move(waitingCount))
+      waiting(std::move(waitingCount)),
+      take(std::move(taker))
 {
-    timer.setInterval(RetryIntervalMs);
     connect(&timer, &QTimer::timeout, this, &AcceptGuard::tick);
     connect(server, &QTcpServer::acceptError, this, &AcceptGuard::acceptFailed);
 }
@@ -37,6 +44,9 @@ void AcceptGuard::watch()
     const auto notifiers = server->findChildren<QSocketNotifier *>();
     for (QSocketNotifier *notifier : notifiers)
         notifier->installEventFilter(this);
+    server->setMaxPendingConnections(MostPending);
+    if (gate && !gate())
+        pauseAtGate();
 }
 
 void AcceptGuard::accepted()
@@ -44,6 +54,17 @@ void AcceptGuard::accepted()
     fruitless = 0;
     if (waiting() >= PauseAboveWaiting)
         pause();
+    if (gate && !gate())
+        pauseAtGate();
+}
+
+// At once: Qt goes on to accept what already waits, although it is paused, unless it counts too
+// many pending connections. It counts none here.
+void AcceptGuard::pauseAtGate()
+{
+    server->setMaxPendingConnections(0);
+    pause();
+    timer.start(GateIntervalMs);
 }
 
 void AcceptGuard::hold(bool on)
@@ -77,10 +98,9 @@ void AcceptGuard::check()
 {
     fruitless = 0;
     pause(); // after acceptError() Qt has paused it already; the timer resumes it
-    if (descriptorAvailable() || outOfDescriptors)
-        return;
-    outOfDescriptors = true;
-    Q_EMIT descriptorsOut();
+    doubtful = true;
+    if (!descriptorAvailable() && !std::exchange(outOfDescriptors, true))
+        Q_EMIT descriptorsOut();
 }
 
 void AcceptGuard::pause()
@@ -88,7 +108,7 @@ void AcceptGuard::pause()
     resumed = false;
     if (server->isListening())
         server->pauseAccepting();
-    timer.start();
+    timer.start(RetryIntervalMs);
 }
 
 void AcceptGuard::tick()
@@ -102,21 +122,42 @@ void AcceptGuard::tick()
     }
     if (!mayResume())
         return;
+    if (doubtful) {
+        const QPointer<AcceptGuard> self(this);
+        if (!acceptOne() || !self || !mayResume())
+            return;
+    }
     resumed = true;
+    server->setMaxPendingConnections(MostPending);
     server->resumeAccepting();
 }
 
 bool AcceptGuard::mayResume() const
 {
-    return !held && waiting() <= ResumeBelowWaiting && descriptorAvailable();
+    return !held && waiting() <= ResumeBelowWaiting && descriptorAvailable() && (!gate || gate());
 }
 
-// Called also when the server was closed: the two signals come in pairs.
+// Finds out whether accept() fails: Qt keeps a socket's first error for ever, and nothing else
+// tells why it fails. False if it does; told then.
+bool AcceptGuard::acceptOne()
+{
+    const int listener = static_cast<int>(server->socketDescriptor());
+    const int descriptor = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    const int error = errno;
+    doubtful = descriptor < 0 && error != EAGAIN && error != EINTR;
+    if (descriptor >= 0)
+        take(descriptor); // may delete this
+    else if (doubtful && !std::exchange(failing, true))
+        Q_EMIT acceptFails(qt_error_string(error));
+    return descriptor >= 0 || error == EAGAIN || error == EINTR;
+}
+
+// Called also when the server was closed: each reason to pause is followed by this.
 void AcceptGuard::endEpisode()
 {
-    if (!std::exchange(outOfDescriptors, false))
-        return;
-    Q_EMIT descriptorsBack();
+    const bool wasOut = std::exchange(outOfDescriptors, false);
+    if (std::exchange(failing, false) || wasOut)
+        Q_EMIT acceptsAgain();
 }
 
 bool AcceptGuard::descriptorAvailable() const

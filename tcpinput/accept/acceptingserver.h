@@ -3,7 +3,9 @@
 
 #pragma once
 
+#include "plugin/countersevent.h"
 #include "tcpinput/accept/acceptguard.h"
+#include "tcpinput/accept/connectionlimiter.h"
 #include "tcpinput/accept/connectionsource.h"
 #include "tcpinput/accept/peersinuse.h"
 #include "tcpinput/accept/pendingconnections.h"
@@ -16,6 +18,8 @@
 #include <functional>
 #include <optional>
 #include <utility>
+
+#include <unistd.h>
 
 /*!
     What the two servers have in common. Base: Qt's server. Waiting: what the server keeps of a
@@ -33,6 +37,8 @@ public:
     void setServing(const Serving &value) { serving = value; }
     // Which of them begin with a PROXY header. Default: none.
     void setProxyRule(const std::optional<ProxyRule> &rule) { proxies.setRule(rule); }
+    // How many of them there may be, and how fast. Default: no limits.
+    void setLimits(const AcceptLimits &value) { limiter.setLimits(value); }
 
     // False if the port is in use, also if another process begins to listen there between bind()
     // and listen() of this one; the server has no port then. Also false if the server listens
@@ -53,6 +59,17 @@ public:
     // The socket of take(); belongs to the caller.
     QTcpSocket *nextPendingConnection() override { return take().socket.release(); }
 
+    // Adds what has become of the connections.
+    virtual void addTo(InputCounters &sum) const
+    {
+        sum.accepted += accepted;
+        sum.refusedByLimit += limiter.refusedInAll();
+        sum.refusedByProxyRule += proxies.refusedInAll();
+        sum.withoutHeader += proxies.closedInAll();
+        sum.waiting += static_cast<quint64>(waiting.size() + proxies.waiting() + handshakes());
+    }
+
+    ConnectionLimiter limiter; // before the guard, which asks it
     AcceptGuard guard;
     ProxyGate proxies;
 
@@ -60,17 +77,20 @@ protected:
     // count: how many accepted connections no thread has taken yet.
     AcceptingServer(QObject *parent, std::function<qsizetype()> count)
         : Base(parent),
-          guard(this, std::move(count)),
+          guard(this, std::move(count), [this](qintptr descriptor) { serve(descriptor); }),
           proxies([this](qintptr descriptor, const Acceptance &acceptance) {
               goOn(descriptor, acceptance);
           })
     {
         this->setListenBacklogSize(ListenBacklog);
+        guard.setGate([this] { return limiter.mayAccept(handshakes() + proxies.waiting()); });
     }
 
     void incomingConnection(qintptr descriptor) final
     {
-        const Acceptance acceptance = Acceptance::of(descriptor, serving);
+        Acceptance acceptance = Acceptance::of(descriptor, serving);
+        ++accepted;
+        limiter.enter(acceptance);
         if (!proxies.isOn()) {
             goOn(descriptor, acceptance);
             return;
@@ -84,19 +104,37 @@ protected:
     // The descriptor of a connection whose endpoints are known, until a thread takes it. The caller
     // is over after this: receivers of the server's signals may delete the server.
     virtual void admit(qintptr descriptor, const Acceptance &acceptance) = 0;
+    // How many go on.
+    virtual qsizetype handshakes() const { return 0; }
 
     PendingConnections<Waiting> waiting;
 
 private:
+    // A connection that the guard has accepted.
+    void serve(qintptr descriptor)
+    {
+        const QPointer<QObject> self(this);
+        incomingConnection(descriptor);
+        if (self) // as Qt does; the signal is private to its class, but can be invoked by name
+            QMetaObject::invokeMethod(this, "newConnection", Qt::DirectConnection);
+    }
     // Every connection comes here: at once, or when its header was read.
     void goOn(qintptr descriptor, Acceptance acceptance)
     {
+        const QPointer<QObject> self(this); // receivers of the limiter's signals may delete it
+        if (!limiter.keeps(acceptance)) {
+            ::close(static_cast<int>(descriptor));
+            if (self)
+                guard.accepted();
+            return;
+        }
         if (proxies.isOn())
             peers.enter(acceptance);
         admit(descriptor, acceptance);
     }
 
     Serving serving; // this and below: the server's thread only
+    quint64 accepted = 0;
     PeersInUse peers;
 
     // Length of the kernel's accept queue: a burst of 2,000 devices fits in. A device whose SYN

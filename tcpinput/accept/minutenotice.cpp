@@ -14,6 +14,7 @@ MinuteNotice::MinuteNotice(int intervalMs)
 
 void MinuteNotice::add(const QString &details)
 {
+    ++all;
     ++untold;
     latest = details;
     if (!timer.isActive())

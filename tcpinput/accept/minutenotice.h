@@ -28,6 +28,9 @@ public:
     // Emits due() now, if anything is untold; then begins anew.
     void finish();
 
+    // How often it has happened since this was made.
+    quint64 total() const { return all; }
+
 Q_SIGNALS:
     // count: how often since the last time that this was emitted; more than 0. latest: its details.
     void due(quint64 count, const QString &latest);
@@ -36,6 +39,7 @@ private:
     void tell();
 
     QTimer timer; // runs for a minute after each notice
+    quint64 all = 0;
     quint64 untold = 0;
     QString latest;
 };

@@ -77,5 +77,5 @@ void PeersInUse::enter(Acceptance &acceptance)
     if (place->isShared())
         acceptance.endpoints.idNumber =
                 acceptance.number != 0 ? acceptance.number : Acceptance::nextNumber();
-    acceptance.peerPlace = place;
+    acceptance.places.push_back(place);
 }

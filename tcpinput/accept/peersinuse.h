@@ -20,9 +20,9 @@ class PeersInUse
 public:
     PeersInUse();
 
-    // Sets peerPlace, and endpoints.idNumber if the peer is in use: that of a proxied connection by
-    // any other one, that of another connection by a proxied one. A device that comes back from its
-    // port without a proxy has the id that it had before.
+    // Adds a place, and sets endpoints.idNumber if the peer is in use: that of a proxied connection
+    // by any other one, that of another connection by a proxied one. A device that comes back from
+    // its port without a proxy has the id that it had before.
     void enter(Acceptance &acceptance);
 
 private:

@@ -53,6 +53,10 @@ public:
     // One that has ended behind its header, before its first byte of TLS.
     void countSilent() { ++silent; }
 
+    // Since it was made.
+    quint64 closedInAll() const { return failures.total(); }
+    quint64 refusedInAll() const { return refusals.total(); }
+
     // How many connections wait.
     qsizetype waiting() const { return static_cast<qsizetype>(connections.size()); }
     // Closes all of them, and tells what was not told yet.

@@ -24,6 +24,7 @@ public:
     void use(bool wantsTls) { usesTls = wantsTls; }
     QTcpServer &active() { return usesTls ? static_cast<QTcpServer &>(tls) : tcp; }
     AcceptGuard &guard() { return usesTls ? tls.guard : tcp.guard; }
+    const ConnectionLimiter &limiter() const { return usesTls ? tls.limiter : tcp.limiter; }
 
     void setServing(const Serving &value)
     {
@@ -34,6 +35,18 @@ public:
     {
         tcp.setProxyRule(rule);
         tls.setProxyRule(rule);
+    }
+    void setLimits(const AcceptLimits &limits)
+    {
+        tcp.setLimits(limits);
+        tls.setLimits(limits);
+        tls.setHandshakeTimeout(limits.handshakeTimeoutMs);
+    }
+    // Of both: another configuration may have used the other one.
+    void addTo(InputCounters &sum) const
+    {
+        tcp.addTo(sum);
+        tls.addTo(sum);
     }
     // Closes the connections that wait for their header.
     void dropHeaders()

@@ -3,10 +3,10 @@
 
 #include "tcpinput/accept/sslserver.h"
 
-#include "tcpinput/accept/tlshandshake.h"
-
+#include <QtCore/QElapsedTimer>
 #include <QtCore/QThread>
 
+#include <algorithm>
 #include <utility>
 
 #include <unistd.h>
@@ -90,11 +90,48 @@ void SslServer::admit(qintptr descriptor, const Acceptance &acceptance)
         handshake->allowSilence(); // the proxy may only look whether somebody listens
         connect(handshake, &TlsHandshake::endedSilently, &proxies, &ProxyGate::countSilent);
     }
+    QElapsedTimer since;
+    since.start();
+    connect(handshake, &TlsHandshake::cameOut, this,
+            [this, since](TlsHandshake::Outcome outcome) { count(outcome, since.nsecsElapsed()); });
     connect(handshake, &TlsHandshake::finished, this,
             [this, acceptance](TlsSocket *finished) { enqueue(finished, acceptance); });
     connect(handshake, &QObject::destroyed, this, [this] { --openHandshakes; });
     ++openHandshakes;
     guard.accepted();
+}
+
+void SslServer::count(TlsHandshake::Outcome outcome, qint64 ns)
+{
+    constexpr qint64 NsPerUs = 1000;
+    const auto us = static_cast<quint64>(ns / NsPerUs);
+    switch (outcome) {
+    case TlsHandshake::Outcome::Done:
+        ++counters.handshakesDone;
+        counters.handshakeUs += us;
+        counters.longestHandshakeUs = std::max(counters.longestHandshakeUs, us);
+        break;
+    case TlsHandshake::Outcome::Failed:
+        ++counters.handshakesFailed;
+        break;
+    case TlsHandshake::Outcome::TimedOut:
+        ++counters.handshakesTimedOut;
+        break;
+    case TlsHandshake::Outcome::NoTls:
+        ++counters.withoutTls;
+        break;
+    }
+}
+
+void SslServer::addTo(InputCounters &sum) const
+{
+    AcceptingServer::addTo(sum);
+    sum.handshakesDone += counters.handshakesDone;
+    sum.handshakesFailed += counters.handshakesFailed;
+    sum.handshakesTimedOut += counters.handshakesTimedOut;
+    sum.withoutTls += counters.withoutTls;
+    sum.handshakeUs += counters.handshakeUs;
+    sum.longestHandshakeUs = std::max(sum.longestHandshakeUs, counters.longestHandshakeUs);
 }
 
 void SslServer::enqueue(TlsSocket *socket, const Acceptance &acceptance)

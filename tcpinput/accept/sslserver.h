@@ -4,6 +4,7 @@
 #pragma once
 
 #include "tcpinput/accept/acceptingserver.h"
+#include "tcpinput/accept/tlshandshake.h"
 #include "tcpinput/accept/tlssocket.h"
 
 #include <QtNetwork/QSslServer>
@@ -50,9 +51,14 @@ public:
     // thread.
     TakenConnection take() override;
 
+    void addTo(InputCounters &sum) const override;
+
 private:
     void admit(qintptr descriptor, const Acceptance &acceptance) override;
+    qsizetype handshakes() const override { return openHandshakes; }
+    void count(TlsHandshake::Outcome outcome, qint64 ns);
     void enqueue(TlsSocket *socket, const Acceptance &acceptance);
 
-    qsizetype openHandshakes = 0; // the server's thread only
+    qsizetype openHandshakes = 0; // this and below: the server's thread only
+    InputCounters counters; // of handshakes
 };

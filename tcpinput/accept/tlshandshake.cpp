@@ -132,6 +132,7 @@ void TlsHandshake::checkHello()
     disconnect(socket.get(), &QIODevice::readyRead, this, &TlsHandshake::checkHello);
     heard = true;
     if (first != HandshakeRecord) {
+        Q_EMIT cameOut(Outcome::NoTls);
         drop();
         return;
     }
@@ -163,6 +164,8 @@ void TlsHandshake::report(QAbstractSocket::SocketError error, const QString &tex
         return;
     }
     state = Over;
+    Q_EMIT cameOut(error == QAbstractSocket::SocketTimeoutError ? Outcome::TimedOut
+                                                                : Outcome::Failed);
     const bool within = std::exchange(telling, true);
     if (interruption)
         tell(&QSslServer::handshakeInterruptedOnError, *interruption);
@@ -194,6 +197,7 @@ bool TlsHandshake::hasUnread() const
 void TlsHandshake::encrypted()
 {
     state = Encrypted;
+    Q_EMIT cameOut(Outcome::Done);
     ignoreSocket(); // from now on its errors are the connection's, not the handshake's
     // Queued: the signal comes from inside the socket's receiving, which goes on afterwards. The
     // socket must not change its thread before that is over.

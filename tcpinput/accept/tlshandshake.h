@@ -40,7 +40,11 @@ public:
     // connection is closed after the receiver has returned.
     void drop();
 
+    enum class Outcome { Done, Failed, TimedOut, NoTls };
+
 Q_SIGNALS:
+    // As soon as it is known, from inside the socket: only count. Not if dropped, or silent.
+    void cameOut(Outcome outcome);
     // Emitted in a later pass of the event loop than the end of the handshake, never from inside
     // the socket. The receiver owns the socket.
     void finished(TlsSocket *socket);

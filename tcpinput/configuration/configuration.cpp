@@ -15,7 +15,6 @@
 #include <QtNetwork/QSslSocket>
 
 #include <algorithm>
-#include <limits>
 
 namespace {
 
@@ -80,7 +79,7 @@ bool Configuration::check(const QJsonObject &object, const QString &pluginId)
         checker.check(QStringLiteral("ssl."), object.value(QLatin1String("ssl")).toObject(),
                       tls::keys(), true, [](const tls::Key &) { return true; });
     checker.check(QStringLiteral("limits."), object.value(QLatin1String("limits")).toObject(),
-                  limitKeys(), true, [](const LimitKey &) { return true; });
+                  limitkeys::all(), true, [](const limitkeys::Key &) { return true; });
     return checker.isGood();
 }
 
@@ -91,6 +90,7 @@ bool Configuration::apply(const QJsonObject &object, const QString &pluginId)
     address = QHostAddress(QHostAddress::AnyIPv4);
     port = DefaultPort;
     serving = {};
+    accepting = {};
     proxies.reset();
     tls.reset();
     return std::all_of(keys().begin(), keys().end(), [&](const Key &key) {
@@ -126,8 +126,10 @@ bool Configuration::readInterface(const QJsonValue &value)
 
 bool Configuration::readLimits(const QJsonValue &value)
 {
-    if (const Limits limits = limitsFrom(value.toObject()); limits.limitBuffers())
-        serving.budget = std::make_shared<BufferBudget>(limits);
+    const limitkeys::Values limits = limitkeys::valuesFrom(value.toObject());
+    if (limits.buffers.limitBuffers())
+        serving.budget = std::make_shared<BufferBudget>(limits.buffers);
+    accepting = limits.connections;
     return true;
 }
 
@@ -160,8 +162,8 @@ bool Configuration::readProxies(const QJsonValue &value)
 
 bool Configuration::readTimeout(const QJsonValue &value)
 {
-    if (const qint64 seconds = value.toInt(); seconds > 0)
-        timeoutMs = static_cast<int>(qMin<qint64>(seconds * 1000, std::numeric_limits<int>::max()));
+    if (values::isPositive(value))
+        timeoutMs = values::msFromSeconds(value);
     return true;
 }
 

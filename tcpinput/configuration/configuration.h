@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include "tcpinput/connection/acceptlimits.h"
 #include "tcpinput/connection/proxyrule.h"
 #include "tcpinput/connection/serving.h"
 
@@ -57,6 +58,7 @@ public:
     QHostAddress address;
     quint16 port = 0;
     Serving serving;
+    AcceptLimits accepting;
     int timeoutMs = 60000; // idle time-out; more than 0
     int poolSize = 4; // threads; more than 0
     bool useTls = false;

@@ -3,12 +3,8 @@
 
 #include "tcpinput/configuration/proxykeys.h"
 
+#include "tcpinput/configuration/networks.h"
 #include "tcpinput/configuration/values.h"
-
-#include <QtCore/QJsonArray>
-
-#include <algorithm>
-#include <limits>
 
 namespace {
 
@@ -17,14 +13,6 @@ constexpr QLatin1String OthersKey("others");
 constexpr QLatin1String TimeoutKey("timeout");
 constexpr QLatin1String Serve("serve");
 constexpr QLatin1String Refuse("refuse");
-
-bool areNetworks(const QJsonValue &value)
-{
-    const QJsonArray array = value.toArray();
-    return !array.isEmpty() && std::all_of(array.begin(), array.end(), [](const auto &each) {
-        return Network::from(QJsonValue(each).toString()).has_value();
-    });
-}
 
 bool isServeOrRefuse(const QJsonValue &value)
 {
@@ -36,7 +24,7 @@ bool isServeOrRefuse(const QJsonValue &value)
 const std::array<proxykeys::Key, 3> &proxykeys::all()
 {
     static constexpr std::array<Key, 3> All{{
-            {"from", "an array of addresses and networks such as \"10.0.0.0/8\"", areNetworks},
+            {"from", networks::accepted(), networks::areAccepted},
             {"others", "\"serve\" or \"refuse\"", isServeOrRefuse},
             {"timeout", "1 to 2147483647", values::isPositive},
     }};
@@ -51,14 +39,9 @@ bool proxykeys::isRule(const QJsonValue &value)
 ProxyRule proxykeys::ruleFrom(const QJsonObject &object)
 {
     ProxyRule rule;
-    const QJsonArray networks = object.value(FromKey).toArray();
-    for (const auto &each : networks) {
-        if (const auto network = Network::from(QJsonValue(each).toString()))
-            rule.from += *network;
-    }
+    rule.from = networks::from(object.value(FromKey));
     rule.servesOthers = object.value(OthersKey).toString() != Refuse;
-    if (const qint64 seconds = object.value(TimeoutKey).toInt(); seconds > 0)
-        rule.timeoutMs =
-                static_cast<int>(qMin<qint64>(seconds * 1000, std::numeric_limits<int>::max()));
+    if (object.contains(TimeoutKey))
+        rule.timeoutMs = values::msFromSeconds(object.value(TimeoutKey));
     return rule;
 }

@@ -9,6 +9,7 @@
 #include <QtNetwork/QNetworkInterface>
 
 #include <algorithm>
+#include <limits>
 
 namespace {
 
@@ -59,6 +60,13 @@ bool values::isInterface(const QJsonValue &value)
     return std::any_of(entries.begin(), entries.end(), [](const QNetworkAddressEntry &entry) {
         return entry.ip().protocol() == QAbstractSocket::IPv4Protocol;
     });
+}
+
+int values::msFromSeconds(const QJsonValue &value)
+{
+    constexpr qint64 MsPerSecond = 1000;
+    return static_cast<int>(
+            std::min<qint64>(value.toInt() * MsPerSecond, std::numeric_limits<int>::max()));
 }
 
 QString values::shown(const QJsonValue &value)

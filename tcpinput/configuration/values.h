@@ -27,6 +27,9 @@ bool isAddress(const QJsonValue &value);
 // The name of a network interface with an IPv4 address, or its number.
 bool isInterface(const QJsonValue &value);
 
+// Of a number of seconds that isPositive(); at most 2147483647, which is 24 days.
+int msFromSeconds(const QJsonValue &value);
+
 // For a log line: short, and on one line. A long text, an array or an object is only described: it
 // may be a private key.
 QString shown(const QJsonValue &value);

@@ -7,6 +7,7 @@
 #include "tcpinput/connection/serving.h"
 
 #include <memory>
+#include <vector>
 
 /*!
     What is known of a connection from its acceptance on, before it has a socket or a client.
@@ -25,6 +26,6 @@ struct Acceptance
     quint64 number = 0;
     Serving serving = {};
     bool isProxied = false; // it began with a PROXY header, which may have named the peer
-    // Keeps the peer's place among those in use, see PeersInUse; null where there are none.
-    std::shared_ptr<const void> peerPlace = {};
+    // What the connection keeps until its end, to be counted as open.
+    std::vector<std::shared_ptr<const void>> places = {};
 };

@@ -83,6 +83,11 @@ bool ReceivingSocket::waitForReadyRead(int msecs)
     return came;
 }
 
+QString ReceivingSocket::failure() const
+{
+    return readError == 0 || readError == ECONNRESET ? QString() : qt_error_string(readError);
+}
+
 // Waits for bytes or the end.
 bool ReceivingSocket::waitForNews(int msecs) const
 {
@@ -163,7 +168,7 @@ void ReceivingSocket::receive()
     } else if (size > 0) {
         handOut(QByteArrayView(buffer.data(), size));
     } else if (size == 0 || (errno != EAGAIN && errno != EINTR)) {
-        broken = size < 0;
+        readError = size < 0 ? errno : 0;
         endByPeer();
     } else if (reader) {
         reader->nothingCame();

@@ -35,7 +35,11 @@ public:
     void setReader(TransportReader *value) override { reader = value; }
     // Always true: the socket can be read, and keeps its peer's address, when the peer has gone.
     bool isUsable() const override { return true; }
-    EndReason endReason() const override { return broken ? EndReason::Reset : EndReason::Peer; }
+    EndReason endReason() const override
+    {
+        return readError != 0 ? EndReason::Reset : EndReason::Peer;
+    }
+    QString failure() const override;
     void setPaused(bool on) override;
     bool peerHasEnded() const override;
     void setLimited(bool) override {} // receives nothing ahead
@@ -87,7 +91,7 @@ private:
 
     Notifier notifier;
     TransportReader *reader = nullptr;
-    bool broken = false; // by an error, not closed
+    int readError = 0; // that has broken it, as in errno; 0: none, the peer has closed it
     QByteArrayView unread; // in kept, or in the thread's buffer while the reader is called
     QByteArray kept; // a large read, or the bytes that a reader has left (rare)
 };

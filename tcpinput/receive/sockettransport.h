@@ -44,6 +44,10 @@ public:
             return EndReason::Peer;
         }
     }
+    QString failure() const override
+    {
+        return endReason() == EndReason::Reset ? socket.errorString() : QString();
+    }
     // Qt receives in its notifiers.
     void setPaused(bool on) override
     {

@@ -6,6 +6,7 @@
 #include "tcpinput/receive/endreason.h"
 
 #include <QtCore/QByteArray>
+#include <QtCore/QString>
 
 //! Is called when bytes have come.
 class TransportReader
@@ -38,6 +39,9 @@ public:
     virtual bool isUsable() const = 0;
     // Why the socket is connected no more, if this side has not closed it.
     virtual EndReason endReason() const = 0;
+    // Why reading has failed. Empty if it has not, or if the peer has closed or reset the
+    // connection.
+    virtual QString failure() const = 0;
     // While paused nothing is received, and an end is not noticed. Default: off.
     virtual void setPaused(bool on) = 0;
     // Whether the peer has closed or reset the connection. Its bytes may still wait.

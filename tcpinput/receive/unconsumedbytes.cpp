@@ -38,8 +38,7 @@ UnconsumedBytes::Snapshot UnconsumedBytes::takeAll()
     const MutexLocker locker(mutex);
     Snapshot all{buffer.copy(), bytesCut};
     buffer.clear();
-    if (held)
-        held->consumed(all.data.size());
+    consumed(all.data.size());
     return all;
 }
 
@@ -55,6 +54,7 @@ qsizetype UnconsumedBytes::readFrom(Transport &transport, qsizetype count)
         came = std::max<qint64>(transport.take(room, count), 0);
         buffer.chop(count - came);
     }
+    counters->bytes.add(static_cast<quint64>(came));
     if (held && came > 0)
         held->received(came);
     return came > 0 ? buffer.size() : 0;
@@ -110,8 +110,15 @@ void UnconsumedBytes::cutFront(qsizetype length)
 {
     const qsizetype cut = buffer.cutFront(length);
     bytesCut += static_cast<quint64>(cut);
-    if (held && cut > 0)
-        held->consumed(cut);
+    if (cut > 0)
+        consumed(cut);
+}
+
+void UnconsumedBytes::consumed(qsizetype bytes)
+{
+    counters->consumed.fetch_add(static_cast<quint64>(bytes), std::memory_order_relaxed);
+    if (held)
+        held->consumed(bytes);
 }
 
 void UnconsumedBytes::endPostedCut()

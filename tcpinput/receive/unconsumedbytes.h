@@ -6,6 +6,7 @@
 #include "tcpinput/receive/clock.h"
 #include "tcpinput/receive/inputbuffer.h"
 #include "tcpinput/workers/locks.h"
+#include "tcpinput/workers/workercounters.h"
 
 #include <memory>
 #include <optional>
@@ -45,6 +46,9 @@ public:
     // Counts what comes and goes for the limits. Call before the first read. Default: nothing.
     void setHeld(std::shared_ptr<HeldBytes> value) { held = std::move(value); }
 
+    // Counts there how many bytes were read and consumed. Likewise. Default: nobody reads it.
+    void setCounters(WorkerCounters &value) { counters = &value; }
+
     qsizetype size() const;
 
     Snapshot copy();
@@ -72,11 +76,13 @@ public:
 
 private:
     void cutFront(qsizetype length) REQUIRES_LOCK(mutex);
+    void consumed(qsizetype bytes);
     bool cutAheadLocked(qsizetype length, bool inClientsThread) REQUIRES_LOCK(mutex);
     qsizetype cutLocked(qsizetype length) REQUIRES_LOCK(mutex);
     qsizetype lengthTo(quint64 position) const REQUIRES_LOCK(mutex);
 
-    std::shared_ptr<HeldBytes> held; // set once
+    std::shared_ptr<HeldBytes> held; // set once, like counters
+    WorkerCounters *counters = &WorkerCounters::unread();
     mutable Mutex mutex;
     InputBuffer buffer GUARDED_BY(mutex);
     quint64 bytesCut GUARDED_BY(mutex) = 0; // in all

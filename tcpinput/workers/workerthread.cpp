@@ -3,8 +3,6 @@
 
 #include "tcpinput/workers/workerthread.h"
 
-#include "eventloop/epolleventdispatcher.h"
-
 #include <chrono>
 #include <thread>
 
@@ -33,7 +31,9 @@ bool WorkerThread::isAvailable()
     return EpollEventDispatcher::create() != nullptr;
 }
 
-WorkerThread::WorkerThread(std::unique_ptr<QAbstractEventDispatcher> loop) : dispatcher(loop.get())
+WorkerThread::WorkerThread(std::unique_ptr<EpollEventDispatcher> loop)
+    : loopPulse(loop->pulse()),
+      dispatcher(loop.get())
 {
     setEventDispatcher(loop.release());
 }

@@ -3,12 +3,12 @@
 
 #pragma once
 
+#include "eventloop/epolleventdispatcher.h"
+
 #include <QtCore/QPointer>
 #include <QtCore/QThread>
 
 #include <memory>
-
-class QAbstractEventDispatcher;
 
 /*!
     A thread with an event loop of our own. It can be destroyed at any time.
@@ -33,14 +33,18 @@ public:
     // still ran.
     ~WorkerThread() override;
 
+    // Of its event loop. From any thread.
+    const EpollEventDispatcher::Pulse &pulse() const { return *loopPulse; }
+
 protected:
     void run() override;
 
 private:
     void waitForKernel() const;
 
-    explicit WorkerThread(std::unique_ptr<QAbstractEventDispatcher> loop);
+    explicit WorkerThread(std::unique_ptr<EpollEventDispatcher> loop);
 
+    const std::shared_ptr<const EpollEventDispatcher::Pulse> loopPulse;
     QPointer<QAbstractEventDispatcher> dispatcher; // deleted by the thread itself, if it ever ran
     int kernelId = 0; // written by the thread when it starts, read when wait() has returned
 };

@@ -17,7 +17,7 @@ endforeach()
 tls_test(host tst_ends 300)
 tls_test(host tst_limits 600)
 tls_test(host tst_limitends 600)
-foreach(name IN ITEMS tst_proxypeers tst_proxyrefusals)
+foreach(name IN ITEMS tst_connectionlimits tst_counters tst_proxypeers tst_proxyrefusals)
     tls_test(host ${name} 300)
 endforeach()
 # Balancers as Debian has them, where they are installed.

@@ -91,11 +91,8 @@ void tst_Limits::recordsCount()
     Sender sender(port, tls, Bytes);
     QVERIFY(serve([&] { return !streams.isEmpty() && only().size >= MiB / 2; }));
     QVERIFY(serve([&] { return isQuiet(); }));
-    qint64 inRecords = 0;
-    for (const shared_parsedData &record : kept)
-        inRecords += record->getDataLength();
-    QVERIFY2(inRecords < MiB + 512 * KiB, qPrintable(QString::number(inRecords)));
-    QVERIFY(only().size < Bytes);
+    // All that came is in a record. Some is in two, if the host's cut came late: not counted twice.
+    QVERIFY2(only().size < MiB + 256 * KiB, qPrintable(QString::number(only().size)));
 
     keeps = false;
     kept.clear();
@@ -259,8 +256,32 @@ void tst_Limits::refusesOtherValues_data()
     row("fraction", QJsonObject{{QStringLiteral("stalledTimeout"), 0.5}},
         "limits.stalledTimeout is 0.5, accepted: 1 to 2147483647");
     row("unknown", QJsonObject{{QStringLiteral("ConnectionBuffer"), 1}},
-        "unknown key limits.ConnectionBuffer, accepted: connectionBuffer, stalledTimeout, "
-        "totalBuffer");
+        "unknown key limits.ConnectionBuffer, accepted: addressBits, connectionBuffer, "
+        "connectionRate, exempt, handshakeTimeout, maxConnections, maxConnectionsPerAddress, "
+        "maxHandshakes, stalledTimeout, totalBuffer");
+    const QString bits = QStringLiteral(
+            "limits.addressBits is an array, accepted: two numbers: 1 to 32 for IPv4, 1 to 128 for "
+            "IPv6");
+    for (const QJsonArray &value :
+         {QJsonArray(), QJsonArray{32}, QJsonArray{33, 64}, QJsonArray{32, 129}, QJsonArray{0, 64},
+          QJsonArray{32, 64, 1}, QJsonArray{QStringLiteral("32"), 64}})
+        QTest::addRow("bits %s", QJsonDocument(value).toJson(QJsonDocument::Compact).constData())
+                << QJsonValue(QJsonObject{{QStringLiteral("addressBits"), value}}) << bits;
+    const QString rate = QStringLiteral("limits.connectionRate is an object, accepted: "
+                                        "\"perSecond\" and perhaps \"burst\": 1 to 2147483647");
+    const QString perSecond = QStringLiteral("perSecond");
+    const QString burst = QStringLiteral("burst");
+    for (const QJsonObject &value :
+         {QJsonObject(), QJsonObject{{burst, 1}}, QJsonObject{{perSecond, 0}},
+          QJsonObject{{perSecond, 1.5}}, QJsonObject{{perSecond, 1}, {burst, 0}},
+          QJsonObject{{perSecond, 1}, {QStringLiteral("Burst"), 1}}})
+        QTest::addRow("rate %s", QJsonDocument(value).toJson(QJsonDocument::Compact).constData())
+                << QJsonValue(QJsonObject{{QStringLiteral("connectionRate"), value}}) << rate;
+    row("exempt", QJsonObject{{QStringLiteral("exempt"), QJsonArray{QStringLiteral("10.0.0/8")}}},
+        "limits.exempt is an array, accepted: an array of addresses and networks such as "
+        "\"10.0.0.0/8\"");
+    row("negative", QJsonObject{{QStringLiteral("maxConnections"), -1}},
+        "limits.maxConnections is -1, accepted: 1 to 2147483647");
 }
 
 void tst_Limits::refusesOtherValues()

@@ -76,7 +76,8 @@ QList<Symbol> exportedSymbols()
 {
     QProcess nm;
     nm.start(QStringLiteral(NM_PROGRAM),
-             {u"-D"_s, u"--defined-only"_s, QStringLiteral(PLUGIN_FILE)});
+             // Without local ones: nobody can bind to them.
+             {u"-D"_s, u"--defined-only"_s, u"--extern-only"_s, QStringLiteral(PLUGIN_FILE)});
     if (!nm.waitForFinished(HangGuardMs) || nm.exitCode() != 0)
         return {};
     QList<Symbol> symbols;

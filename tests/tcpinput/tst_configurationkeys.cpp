@@ -83,7 +83,7 @@ void tst_ConfigurationKeys::documentHasTheLimits()
     QStringList rows = linesOf(u"/docs/CONFIGURATION.md"_s);
     rows = rows.mid(rows.indexOf(u"## \"limits\""_s)).filter(u"| `\""_s);
     QStringList expected;
-    for (const LimitKey &key : limitKeys()) // behind them stands the effect
+    for (const limitkeys::Key &key : limitkeys::all()) // behind them stands the effect
         expected += u"| `\"%1\"` | %2 | %3 | "_s.arg(
                 QLatin1String(key.name), QLatin1String(key.type), QLatin1String(key.accepted));
     QCOMPARE(rows.size(), expected.size());
@@ -99,7 +99,7 @@ void tst_ConfigurationKeys::fuzzDictionaryHasThem()
     };
     for (const Configuration::Key &key : Configuration::keys())
         QVERIFY2(isIn(key.name), key.name);
-    for (const LimitKey &key : limitKeys())
+    for (const limitkeys::Key &key : limitkeys::all())
         QVERIFY2(isIn(key.name), key.name);
 }
 

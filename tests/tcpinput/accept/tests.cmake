@@ -2,6 +2,7 @@
 # SPDX-License-Identifier: MIT
 
 core_test(tst_acceptguard)
+core_test(tst_connectionlimiter)
 core_test(tst_minutenotice)
 core_test(tst_peersinuse)
 core_test(tst_pendingconnections)

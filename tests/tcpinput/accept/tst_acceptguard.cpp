@@ -12,14 +12,25 @@
 #include <QtCore/QSocketNotifier>
 #include <QtCore/QTimer>
 #include <QtNetwork/QTcpSocket>
+#include <QtTest/QSignalSpy>
 #include <QtTest/QTest>
 
+#include <atomic>
+#include <cerrno>
 #include <memory>
 #include <vector>
+
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace {
 
 const QHostAddress LocalAddress(QStringLiteral("127.65.0.1"));
+
+std::atomic<int> acceptError = 0; // with which accept() fails; 0: as the kernel says
+std::atomic<int> failures = 0;
+std::atomic<int> failuresLeft = -1; // negative: for ever
 
 //! Counts how often the server is told of something to accept.
 class Activations : public QObject
@@ -41,6 +52,19 @@ public:
 
 } // namespace
 
+// In the place of the C library's, for Qt and our own code.
+extern "C" Q_DECL_EXPORT int accept4(int fd, sockaddr *address, socklen_t *length, int flags)
+{
+    if (acceptError != 0 && failuresLeft != 0) {
+        if (failuresLeft > 0)
+            --failuresLeft;
+        ++failures;
+        errno = acceptError;
+        return -1;
+    }
+    return static_cast<int>(::syscall(SYS_accept4, fd, address, length, flags));
+}
+
 // The server without free file descriptors; they are this whole process's.
 class tst_AcceptGuard : public QObject
 {
@@ -60,6 +84,9 @@ private Q_SLOTS:
     void heldWhileOut();
     void closeWhileOut();
     void destructionWhileOut();
+    void otherFailures_data();
+    void otherFailures();
+    void failuresThatPass();
 
 private:
     void prepareDevices(int count);
@@ -81,7 +108,7 @@ void tst_AcceptGuard::init()
     accepted = out = back = 0;
     connect(server.get(), &QTcpServer::newConnection, this, [this] { ++accepted; });
     connect(&server->guard, &AcceptGuard::descriptorsOut, this, [this] { ++out; });
-    connect(&server->guard, &AcceptGuard::descriptorsBack, this, [this] { ++back; });
+    connect(&server->guard, &AcceptGuard::acceptsAgain, this, [this] { ++back; });
     QVERIFY(server->listen(LocalAddress, 0));
 }
 
@@ -302,6 +329,67 @@ void tst_AcceptGuard::destructionWhileOut()
     server.reset();
     waitForTimers(3);
     QCOMPARE(out, 1);
+    QCOMPARE(back, 0);
+}
+
+void tst_AcceptGuard::otherFailures_data()
+{
+    QTest::addColumn<int>("error");
+    QTest::addColumn<int>("acceptedBefore");
+    for (const int before : {0, 1}) {
+        QTest::addRow("no buffers, %d before", before) << ENOBUFS << before;
+        QTest::addRow("no memory, %d before", before) << ENOMEM << before;
+        QTest::addRow("forbidden, %d before", before) << EPERM << before;
+        QTest::addRow("aborted, %d before", before) << ECONNABORTED << before;
+        QTest::addRow("protocol, %d before", before) << EPROTO << before;
+    }
+}
+
+// One signal at the beginning, one at the end, and no busy waiting between.
+void tst_AcceptGuard::otherFailures()
+{
+    QFETCH(int, error);
+    QFETCH(int, acceptedBefore);
+    constexpr int Devices = 5;
+    QSignalSpy fails(&server->guard, &AcceptGuard::acceptFails);
+    prepareDevices(acceptedBefore);
+    connectDevices();
+    QTRY_COMPARE_WITH_TIMEOUT(accepted, acceptedBefore, HangGuardMs);
+    for (int episode = 1; episode <= 2; ++episode) {
+        acceptError = error;
+        prepareDevices(Devices);
+        connectDevices();
+        QTRY_COMPARE_WITH_TIMEOUT(fails.size(), episode, HangGuardMs);
+        QCOMPARE(fails.last(), QVariantList{qt_error_string(error)});
+        failures = 0;
+        waitForTimers(4);
+        QVERIFY2(failures <= 6, qPrintable(QString::number(failures)));
+        QCOMPARE(fails.size(), episode);
+        QCOMPARE(back, episode - 1);
+
+        acceptError = 0;
+        QTRY_COMPARE_WITH_TIMEOUT(accepted, acceptedBefore + Devices * episode, HangGuardMs);
+        QTRY_COMPARE_WITH_TIMEOUT(back, episode, HangGuardMs);
+    }
+    QCOMPARE(out, 0);
+}
+
+// A connection that its peer has aborted while it waited.
+void tst_AcceptGuard::failuresThatPass()
+{
+    const QSignalSpy fails(&server->guard, &AcceptGuard::acceptFails);
+    for (int round = 1; round <= 3; ++round) {
+        acceptError = ECONNABORTED;
+        failuresLeft = 1;
+        prepareDevices(1);
+        connectDevices();
+        QTRY_COMPARE_WITH_TIMEOUT(accepted, round, HangGuardMs);
+        QCOMPARE(failuresLeft.load(), 0);
+    }
+    acceptError = 0;
+    failuresLeft = -1;
+    waitForTimers(3);
+    QCOMPARE(fails.size(), 0);
     QCOMPARE(back, 0);
 }
 

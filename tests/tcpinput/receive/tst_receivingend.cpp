@@ -8,6 +8,10 @@
 #include <QtCore/QCoreApplication>
 #include <QtTest/QTest>
 
+#include <cerrno>
+
+#include <sys/eventfd.h>
+
 using namespace receivertest;
 
 namespace {
@@ -25,6 +29,7 @@ class tst_ReceivingEnd : public QObject
 private Q_SLOTS:
     void peerEnds_data();
     void peerEnds();
+    void failureIsTold();
     void endIsNoticedOnce();
     void endsHere_data();
     void endsHere();
@@ -83,6 +88,16 @@ void tst_ReceivingEnd::peerEnds()
     QCOMPARE(socket.localPort(), receiver.localPort);
     QCOMPARE(socket.peerAddress(), PeerAddress);
     QCOMPARE(socket.peerPort(), receiver.peerPort);
+}
+
+// Reading from what is no socket fails otherwise than by the peer.
+void tst_ReceivingEnd::failureIsTold()
+{
+    ReceivingSocket socket(::eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK), {});
+    QCOMPARE(socket.failure(), QString());
+    QTRY_COMPARE_WITH_TIMEOUT(socket.state(), QAbstractSocket::UnconnectedState, HangGuardMs);
+    QCOMPARE(socket.endReason(), EndReason::Reset);
+    QCOMPARE(socket.failure(), qt_error_string(ENOTSOCK));
 }
 
 void tst_ReceivingEnd::endIsNoticedOnce()

@@ -1,0 +1,247 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "tests/endtoend/proxytest.h"
+
+#include <QtCore/QElapsedTimer>
+
+#include <deque>
+
+using namespace proxyheaders;
+using namespace Qt::StringLiterals;
+
+/*!
+    How many connections the plugin takes, and how fast, over TCP and TLS.
+*/
+class tst_ConnectionLimits : public ProxyTest
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase_data() { addTransports(); }
+    void init() { begin(); }
+    void cleanup() { end(); }
+
+    void othersWaitForAPlace();
+    void noneIsLostAtTheLimit();
+    void eachAddressHasItsOwn();
+    void addressesOfANetworkCountAsOne();
+    void behindAProxyTheDeviceCounts();
+    void rateMakesThemWait();
+    void handshakesMakeOthersWait();
+    void handshakesMayTakeLess();
+    void anotherStartHasOtherLimits();
+
+private:
+    void startWith(const QJsonObject &limits, QJsonObject more = {})
+    {
+        more.insert(u"limits"_s, limits);
+        start(more);
+    }
+    // Connects without waiting for an answer.
+    ProxiedDevice &connected(const QHostAddress &from = proxyAddress())
+    {
+        devices.push_back(newDevice());
+        if (!devices.back().connect(port, from))
+            qFatal("A device could not connect");
+        return devices.back();
+    }
+    bool isServed(const QHostAddress &from = proxyAddress())
+    {
+        const qsizetype before = records.size();
+        return send(connected(from), "served\n") && waitForRecords(before + 1);
+    }
+    bool isRefused(const QHostAddress &from = proxyAddress())
+    {
+        return waitForEnd(connected(from));
+    }
+    QString status() const
+    {
+        const QStringList lines = plugin->getStatus().split(u"\r\n"_s, Qt::SkipEmptyParts);
+        return lines.last();
+    }
+
+    std::deque<ProxiedDevice> devices;
+};
+
+void tst_ConnectionLimits::othersWaitForAPlace()
+{
+    startWith({{u"maxConnections"_s, 2}});
+    QVERIFY(isServed());
+    QCOMPARE(status(), u"Limits: 1 connections open, 0 refused"_s);
+    QVERIFY(isServed());
+    QCOMPARE(status(), u"Limits: 2 connections open, 0 refused, accepting paused"_s);
+    const QStringList once(u"W: TcpInputPlugin2(t): 2 connections are open, accepting paused"_s);
+    QVERIFY(serveUntil([&] { return warnings() == once; }));
+
+    // The kernel takes them. Of their bytes nothing is seen until there is a place.
+    QFETCH_GLOBAL(bool, tls);
+    for (int i = 0; i < 2; ++i) {
+        ProxiedDevice &waiting = connected();
+        if (!tls)
+            QVERIFY(waiting.send("waited\n"));
+    }
+    QElapsedTimer elapsed;
+    elapsed.start();
+    QVERIFY(serveUntil([&] { return elapsed.hasExpired(300); }));
+    QCOMPARE(records.size(), 2);
+    QCOMPARE(status(), u"Limits: 2 connections open, 0 refused, accepting paused"_s);
+
+    for (qsizetype count = 3; count <= 4; ++count) {
+        devices.pop_front();
+        if (tls)
+            QVERIFY(send(devices[1], "waited\n"));
+        QVERIFY(waitForRecords(count));
+    }
+    QCOMPARE(warnings(), once);
+    devices.clear();
+}
+
+// Many come and go where few may be.
+void tst_ConnectionLimits::noneIsLostAtTheLimit()
+{
+    constexpr int Devices = 40;
+    startWith({{u"maxConnections"_s, 3}});
+    int most = 0;
+    std::atomic<int> served = 0;
+    QVERIFY(play([&] {
+        for (int i = 0; i < Devices; ++i)
+            served += newDevice().connect(port) ? 1 : 0;
+    }));
+    QCOMPARE(served.load(), Devices);
+    QVERIFY(isServed());
+    QVERIFY(serveUntil([&] {
+        most = qMax(most, status().section(u' ', 1, 1).toInt());
+        return status().contains(u": 1 connections open"_s);
+    }));
+    QVERIFY(most <= 3);
+    QCOMPARE(warnings().filter(u"accepting paused"_s).size(), 1);
+    devices.clear();
+}
+
+void tst_ConnectionLimits::eachAddressHasItsOwn()
+{
+    startWith({{u"maxConnectionsPerAddress"_s, 2},
+               {u"exempt"_s, QJsonArray{strangerAddress().toString()}}});
+    QVERIFY(isServed());
+    QVERIFY(isServed());
+    QVERIFY(isRefused());
+    const QString first = devices.back().endpoint();
+    QVERIFY(isRefused());
+    QCOMPARE(warnings(),
+             QStringList(u"W: TcpInputPlugin2(t): Too many connections of one address: 1 refused, "
+                         "the latest from %1"_s.arg(first)));
+    QCOMPARE(status(), u"Limits: 2 connections open, 2 refused"_s);
+
+    QVERIFY(isServed(testAddress()));
+    for (int i = 0; i < 3; ++i)
+        QVERIFY(isServed(strangerAddress()));
+
+    devices.pop_front(); // one of the first address
+    QVERIFY(serveUntil([&] { return status().contains(u"5 connections open"_s); }));
+    QVERIFY(isServed());
+    QVERIFY(isRefused());
+    devices.clear();
+}
+
+void tst_ConnectionLimits::addressesOfANetworkCountAsOne()
+{
+    startWith({{u"maxConnectionsPerAddress"_s, 1}, {u"addressBits"_s, QJsonArray{8, 64}}});
+    QVERIFY(isServed());
+    QVERIFY(isRefused(strangerAddress()));
+    QVERIFY(isRefused(testAddress()));
+    devices.clear();
+}
+
+void tst_ConnectionLimits::behindAProxyTheDeviceCounts()
+{
+    startWith({{u"maxConnectionsPerAddress"_s, 1}}, rule());
+    const auto comesThrough = [this](const QHostAddress &peer, quint16 peerPort) {
+        ProxiedDevice &device = connected();
+        return device.socket().send(text(peer, peerPort));
+    };
+    QVERIFY(comesThrough(QHostAddress(u"203.0.113.7"_s), 1));
+    QVERIFY(send(devices.back(), "one\n") && waitForRecords(1));
+    QVERIFY(comesThrough(QHostAddress(u"203.0.113.8"_s), 1));
+    QVERIFY(send(devices.back(), "two\n") && waitForRecords(2));
+    QVERIFY(comesThrough(QHostAddress(u"203.0.113.7"_s), 2));
+    QVERIFY(waitForEnd(devices.back()));
+    QCOMPARE(warnings(),
+             QStringList(u"W: TcpInputPlugin2(t): Too many connections of one address: 1 refused, "
+                         "the latest from 203.0.113.7:2"_s));
+    devices.clear();
+}
+
+// The burst at once, the others as time passes.
+void tst_ConnectionLimits::rateMakesThemWait()
+{
+    constexpr int Devices = 7;
+    startWith({{u"connectionRate"_s, QJsonObject{{u"perSecond"_s, 10}, {u"burst"_s, 3}}}});
+    QElapsedTimer elapsed;
+    elapsed.start();
+    for (int i = 0; i < Devices; ++i)
+        connected();
+    for (ProxiedDevice &device : devices)
+        QVERIFY(send(device, "served\n"));
+    QVERIFY(waitForRecords(Devices));
+    QVERIFY2(elapsed.elapsed() >= 390, qPrintable(QString::number(elapsed.elapsed())));
+    QCOMPARE(warnings(), QStringList());
+    devices.clear();
+}
+
+void tst_ConnectionLimits::handshakesMakeOthersWait()
+{
+    QFETCH_GLOBAL(bool, tls);
+    startWith({{u"maxHandshakes"_s, 2}});
+    connected(); // silent, all four
+    connected();
+    if (tls)
+        QVERIFY(serveUntil([&] { return status().endsWith(u"accepting paused"_s); }));
+    connected();
+    connected();
+    if (tls) {
+        QCOMPARE(status(), u"Limits: 2 connections open, 0 refused, accepting paused"_s);
+        devices.pop_front();
+        QVERIFY(send(devices.at(1), "third\n"));
+        QVERIFY(waitForRecords(1));
+        devices.pop_front();
+        QVERIFY(send(devices.at(1), "fourth\n"));
+        QVERIFY(waitForRecords(2));
+    } else {
+        QVERIFY(serveUntil([&] { return status() == u"Limits: 4 connections open, 0 refused"_s; }));
+    }
+    devices.clear();
+}
+
+void tst_ConnectionLimits::handshakesMayTakeLess()
+{
+    QFETCH_GLOBAL(bool, tls);
+    if (!tls)
+        QSKIP("There is no handshake");
+    startWith({{u"handshakeTimeout"_s, 1}});
+    QElapsedTimer elapsed;
+    elapsed.start();
+    QVERIFY(isRefused()); // silent
+    QVERIFY2(elapsed.elapsed() >= 950 && elapsed.elapsed() < 4000,
+             qPrintable(QString::number(elapsed.elapsed())));
+    devices.clear();
+}
+
+void tst_ConnectionLimits::anotherStartHasOtherLimits()
+{
+    startWith({{u"maxConnections"_s, 1}});
+    QVERIFY(isServed());
+    QVERIFY(plugin->stop());
+    QJsonObject config = plugin->config;
+    config.remove(u"limits"_s);
+    plugin->setConfig(config);
+    QVERIFY(plugin->start());
+    QVERIFY(isListening(*plugin));
+    QVERIFY(isServed());
+    QVERIFY(isServed());
+    QVERIFY(!plugin->getStatus().contains(u"Limits"_s));
+    devices.clear();
+}
+
+QTEST_GUILESS_MAIN(tst_ConnectionLimits)
+#include "tst_connectionlimits.moc"

@@ -169,6 +169,10 @@ bool TcpClient2::offerRemainder(qsizetype left)
 void TcpClient2::mreadyRead()
 {
     Q_ASSERT(isOwnThread());
+    if (isPaused()) {
+        intake->stayPaused();
+        return;
+    }
     if (!appendAvailable())
         return;
     const qint64 now = Clock::now();

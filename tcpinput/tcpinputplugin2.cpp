@@ -82,7 +82,8 @@ bool TcpInputPlugin2::event(QEvent *event)
     if (event->type() == QEvent::DeferredDelete && destroying)
         return true;
     if (event->type() == CountersEvent::Number) {
-        fill(static_cast<CountersEvent &>(*event));
+        if (auto *question = dynamic_cast<CountersEvent *>(event))
+            fill(*question);
         return true;
     }
     return IInputPlugin::event(event);

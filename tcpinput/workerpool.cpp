@@ -91,7 +91,7 @@ void WorkerPool::addTo(InputCounters &sum)
 {
     tally.addCounts(sum);
     for (auto thread = threads.constBegin(); thread != threads.constEnd(); ++thread)
-        tally.addTurn(sum, thread.key(), static_cast<const WorkerThread &>(**thread));
+        tally.addTurn(sum, thread.key(), dynamic_cast<const WorkerThread &>(**thread));
 }
 
 void WorkerPool::retireTasks()

@@ -88,6 +88,12 @@ void Intake::pause()
     list.add(*this);
 }
 
+// A socket of Qt's goes on by itself when it had bytes to decrypt.
+void Intake::stayPaused()
+{
+    transport.setPaused(true);
+}
+
 void Intake::resume()
 {
     list.remove(*this);

@@ -52,6 +52,8 @@ public:
     // readNothing(), follows. If there are none at all, the connection is paused.
     qsizetype room(qsizetype wanted);
     void readNothing() { held->receivedNothing(); }
+    // To be called when bytes come while it is paused. They stay where they are.
+    void stayPaused();
     // To be called after each read, and after each cut in this thread.
     void settle();
     // To be called before each offer but the last one. False: the record before is still on its way

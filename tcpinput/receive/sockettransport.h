@@ -56,10 +56,19 @@ public:
             if (notifier->type() == QSocketNotifier::Read)
                 notifier->setEnabled(!on);
         }
+        if (on)
+            return;
         // Has Qt go on with what it has received and not decrypted: nothing else would.
         char first = 0;
-        if (!on)
-            socket.peek(&first, 1);
+        socket.peek(&first, 1);
+        // What came meanwhile was not read.
+        QMetaObject::invokeMethod(
+                &socket,
+                [from = &socket] {
+                    if (from->bytesAvailable() > 0)
+                        Q_EMIT from->readyRead();
+                },
+                Qt::QueuedConnection);
     }
     bool peerHasEnded() const override { return hasPeerEnded(socket.socketDescriptor()); }
     void setLimited(bool on) override { socket.setReadBufferSize(on ? MostAheadBytes : 0); }

@@ -57,7 +57,8 @@ public:
     // All that a client can still get.
     QByteArray unread() const { return received + kernel; }
 
-    qint64 bytesAvailable() const override { return received.size(); }
+    // Also what Qt has peeked at.
+    qint64 bytesAvailable() const override { return received.size() + QIODevice::bytesAvailable(); }
     bool waitForReadyRead(int) override { return notify(); }
     void setSocketOption(SocketOption, const QVariant &) override {}
     void close() override

@@ -35,6 +35,13 @@ enum class HostKind {
     AtEnd, // consumes nothing before the connection has ended
 };
 
+//! What the plugin is asked for beyond the contract, and how the host deals with it.
+enum class Keys {
+    None, // a plain host
+    Offsets, // a host with ExactOffers
+    All, // likewise; "prompt", "ends" and small "limits", too, and each device behind a proxy
+};
+
 template<class Value>
 struct Named
 {
@@ -63,6 +70,9 @@ constexpr std::array<Named<HostKind>, 4> HostKinds{{{HostKind::Prompt, "prompt"}
                                                     {HostKind::Late, "500 ms late"},
                                                     {HostKind::OneByOne, "one message per offer"},
                                                     {HostKind::AtEnd, "nothing until the end"}}};
+constexpr std::array<Named<Keys>, 3> KeySets{{{Keys::None, "plain host"},
+                                              {Keys::Offsets, "exact host"},
+                                              {Keys::All, "exact host, all keys"}}};
 
 //! One cell of the matrix.
 struct Cell
@@ -71,7 +81,7 @@ struct Cell
     Transport transport;
     Segmentation segmentation;
     HostKind host;
-    bool exact; // "offsets" on and a host with ExactOffers; else neither
+    Keys keys;
 };
 
 constexpr bool exists(Ending ending, Transport transport)

@@ -3,6 +3,8 @@
 
 #include "device.h"
 
+#include "tests/kit/proxyheaders.h"
+
 #include <linux/sockios.h>
 #include <random>
 
@@ -56,7 +58,11 @@ void CellDevice::run(const QHostAddress &address, quint16 port, const std::funct
 
 bool CellDevice::connectTo(const QHostAddress &address, quint16 port)
 {
-    return socket().connect(address, port) && (!tls || tls->handshake());
+    if (!socket().connect(address, port))
+        return false;
+    if (cell.keys == Keys::All) // through a proxy that gives the device its own address
+        socket().send(proxyheaders::text(address, localPort));
+    return !tls || tls->handshake();
 }
 
 // False if the connection has ended before.

@@ -3,6 +3,7 @@
 
 #include "matrixhost.h"
 
+#include "plugin/subids.h"
 #include "stream.h"
 
 #include <QtCore/QTimer>
@@ -22,18 +23,17 @@ qsizetype offsetOf(const ParsedData &record)
 
 } // namespace
 
-MatrixHost::MatrixHost(IInputPlugin &inputPlugin, bool isExact)
-    : plugin(&inputPlugin),
-      exact(isExact)
+MatrixHost::MatrixHost(IInputPlugin &inputPlugin, Keys keySet) : plugin(&inputPlugin), keys(keySet)
 {
     connect(plugin, &IInputPlugin::receivedData, this, &MatrixHost::receive, Qt::DirectConnection);
 }
 
-const Oracle &MatrixHost::expect(quint16 devicePort, HostKind kind, const QByteArray &stream)
+const MatrixHost::Guest &MatrixHost::expect(quint16 devicePort, HostKind kind,
+                                            const QByteArray &stream)
 {
     auto guest = std::make_shared<Guest>(Guest{kind, Oracle(stream), {}});
     guests.insert(devicePort, guest);
-    return guest->oracle;
+    return *guest;
 }
 
 void MatrixHost::finish()
@@ -50,8 +50,13 @@ void MatrixHost::receive(const shared_parsedData &record)
     const auto guest = guests.value(static_cast<quint16>(record->getPeerPort()));
     if (!guest)
         return;
+    guest->behindEnd += guest->ends > 0 ? 1 : 0;
+    if (record->getPluginSubId().contains(subids::end()))
+        return takeEnd(*guest, record);
+    ++guest->records;
     const QByteArray buffer = record->getOriginalMessage();
-    guest->oracle.offered(exact ? offsetOf(*record) : guest->oracle.positionOf(buffer), buffer);
+    guest->oracle.offered(keys != Keys::None ? offsetOf(*record) : guest->oracle.positionOf(buffer),
+                          buffer);
 
     switch (guest->kind) {
     case HostKind::Prompt:
@@ -71,6 +76,13 @@ void MatrixHost::receive(const shared_parsedData &record)
     }
 }
 
+// Its position is behind the last byte that was offered.
+void MatrixHost::takeEnd(Guest &guest, const shared_parsedData &record)
+{
+    ++guest.ends;
+    guest.oracle.offered(offsetOf(*record), {});
+}
+
 void MatrixHost::handleNext(Guest &guest)
 {
     handle(guest, guest.waiting.takeFirst());
@@ -78,7 +90,7 @@ void MatrixHost::handleNext(Guest &guest)
 
 void MatrixHost::handle(Guest &guest, const shared_parsedData &record)
 {
-    if (exact) {
+    if (keys != Keys::None) {
         const auto offer = offers.open(*record);
         const auto position = static_cast<qsizetype>(offer.position());
         guest.oracle.parsed(position, offer.fresh().size());

@@ -82,7 +82,7 @@ void Report::add(const QList<CellResult> &results)
             return known.cell.ending == result.cell.ending
                     && known.cell.transport == result.cell.transport
                     && known.cell.segmentation == result.cell.segmentation
-                    && known.cell.host == result.cell.host && known.cell.exact == result.cell.exact;
+                    && known.cell.host == result.cell.host && known.cell.keys == result.cell.keys;
         };
         const auto known = std::find_if(cells.begin(), cells.end(), same);
         if (known == cells.end())
@@ -105,15 +105,18 @@ void Report::write(QTextStream &out) const
         return;
     out << total->connections << " connections, " << total->accepted
         << " bytes accepted by the devices' kernels: " << total->missing << " missing, "
-        << total->outOfOrder << " out of order, " << total->failed << " devices not served.\n";
-    writeHosts(out, false);
-    writeHosts(out, true);
+        << total->outOfOrder << " out of order, " << total->failed << " devices not served, "
+        << total->wrongEnds << " ends not told once.\n";
+    for (const auto &keys : KeySets)
+        writeHosts(out, keys);
     writeLeftovers(out);
 }
 
-void Report::writeHosts(QTextStream &out, bool exact) const
+void Report::writeHosts(QTextStream &out, const Named<Keys> &keys) const
 {
-    out << (exact ? "\n### Exact host\n" : "\n### Plain host\n");
+    QString title = QString::fromLatin1(keys.name);
+    title[0] = title[0].toUpper();
+    out << "\n### " << title << '\n';
     out << "\nBytes missing / out of order / repeated.\n\n| Ending | Transport |";
     for (const auto &kind : HostKinds)
         out << ' ' << kind.name << " |";
@@ -123,7 +126,7 @@ void Report::writeHosts(QTextStream &out, bool exact) const
         for (const auto &kind : HostKinds) {
             const auto total = sum(cells, [&](const Cell &cell) {
                 return cell.ending == row.cell.ending && cell.transport == row.cell.transport
-                        && cell.host == kind.value && cell.exact == exact;
+                        && cell.host == kind.value && cell.keys == keys.value;
             });
             out << ' ' << (total ? judgement(*total) : QString()) << " |";
         }
@@ -133,7 +136,7 @@ void Report::writeHosts(QTextStream &out, bool exact) const
 
 void Report::writeLeftovers(QTextStream &out) const
 {
-    out << "\n### What never reached the plugin's clients\n\nBytes, of both hosts together; rows "
+    out << "\n### What never reached the plugin's clients\n\nBytes, of all hosts together; rows "
            "with "
            "nothing but zeros are left out.\n\n"
            "| Ending | Transport | Connections | Accepted | Thrown away by the device's kernel | "
@@ -150,14 +153,14 @@ void Report::writeLeftovers(QTextStream &out) const
 
 void Report::writeCells(QTextStream &out) const
 {
-    out << "| Ending | Transport | Segmentation | Host | Exact | Connections | Accepted | Missing "
+    out << "| Ending | Transport | Segmentation | Host | Keys | Connections | Accepted | Missing "
            "| "
            "Out of order | Repeated | Thrown away | In our kernel | Not taken | Not served |\n"
            "|---|---|---|---|---|---|---|---|---|---|---|---|---|---|\n";
     for (const CellResult &result : cells) {
         const Cell &cell = result.cell;
         out << rowName(cell) << ' ' << nameOf(Segmentations, cell.segmentation) << " | "
-            << nameOf(HostKinds, cell.host) << " | " << (cell.exact ? "yes" : "no") << " | "
+            << nameOf(HostKinds, cell.host) << " | " << nameOf(KeySets, cell.keys) << " | "
             << result.connections << " | " << result.accepted << " | " << result.missing << " | "
             << result.outOfOrder << " | " << result.repeated << " | " << result.thrownAway << " | "
             << result.inKernel << " | " << result.notTaken << " | " << result.failed << " |\n";

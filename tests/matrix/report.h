@@ -23,7 +23,7 @@ public:
     void writeCells(QTextStream &out) const;
 
 private:
-    void writeHosts(QTextStream &out, bool exact) const;
+    void writeHosts(QTextStream &out, const Named<Keys> &keys) const;
     void writeLeftovers(QTextStream &out) const;
 
     QList<CellResult> cells;

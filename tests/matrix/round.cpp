@@ -11,6 +11,8 @@
 #include "tests/kit/loadedplugin.h"
 #include "tests/kit/serving.h"
 
+#include <QtCore/QJsonArray>
+
 #include <algorithm>
 #include <atomic>
 #include <memory>
@@ -22,13 +24,24 @@ namespace {
 constexpr int BytewiseMessages = 40;
 constexpr int RandomMessages = 100;
 constexpr int UnconsumedMessages = 1; // of those that nobody consumes, 80 bytes are not kicked
+constexpr int ConnectionBuffer = 16384; // all of the longest stream does not fit
+constexpr int TotalBuffer = 16 << 20;
 constexpr int NoTimeoutS = 600;
 constexpr int IdleTimeoutS = 3;
 
 QJsonObject configFor(const RoundPlan &plan, quint16 port)
 {
     QJsonObject config = tcpConfig(port);
-    config.insert(QStringLiteral("offsets"), plan.exact);
+    config.insert(QStringLiteral("offsets"), plan.keys != Keys::None);
+    if (plan.keys == Keys::All) {
+        config.insert(QStringLiteral("prompt"), true);
+        config.insert(QStringLiteral("ends"), true);
+        config.insert(QStringLiteral("limits"),
+                      QJsonObject{{QStringLiteral("connectionBuffer"), ConnectionBuffer},
+                                  {QStringLiteral("totalBuffer"), TotalBuffer}});
+        config.insert(QStringLiteral("proxyProtocol"),
+                      QJsonObject{{QStringLiteral("from"), QJsonArray{testAddress().toString()}}});
+    }
     config.insert(QStringLiteral("timeout"),
                   plan.ending == Ending::IdleTimeout ? IdleTimeoutS : NoTimeoutS);
     if (plan.transport != Transport::Tcp)
@@ -40,6 +53,8 @@ int messagesOf(const Cell &cell, const RoundPlan &plan)
 {
     if (cell.ending == Ending::IdleTimeout && cell.host == HostKind::AtEnd)
         return UnconsumedMessages;
+    if (cell.keys == Keys::All && cell.host == HostKind::AtEnd)
+        return BytewiseMessages; // a device of which nothing is consumed would wait for ever
     switch (cell.segmentation) {
     case Segmentation::Whole:
         return plan.wholeMessages;
@@ -59,7 +74,7 @@ public:
         : plan(roundPlan),
           port(freePort()),
           plugin(library.create(configFor(plan, port))),
-          host(*plugin, plan.exact)
+          host(*plugin, plan.keys)
     {
         if (!plugin->start() || !isListening(*plugin))
             qFatal("the plugin does not listen");
@@ -96,7 +111,7 @@ private:
 
         CellDevice device;
         const qsizetype result; // index of its cell's
-        const Oracle *oracle = nullptr;
+        const MatrixHost::Guest *guest = nullptr;
     };
 
     void makeDevices()
@@ -104,7 +119,7 @@ private:
         for (const auto &segmentation : Segmentations) {
             for (const auto &kind : HostKinds) {
                 const Cell cell{plan.ending, plan.transport, segmentation.value, kind.value,
-                                plan.exact};
+                                plan.keys};
                 cells.append(CellResult(cell));
                 for (int n = 0; n < plan.repeats; ++n)
                     makeDevice(cell);
@@ -118,7 +133,7 @@ private:
         const QByteArray stream = Stream::messages(number, messagesOf(cell, plan));
         devices.push_back(std::make_unique<Player>(cell, stream, number, cells.size() - 1));
         Player &player = *devices.back();
-        player.oracle = &host.expect(player.device.localPort, cell.host, stream);
+        player.guest = &host.expect(player.device.localPort, cell.host, stream);
     }
 
     void start()
@@ -174,8 +189,10 @@ private:
         CellResult &result = cells[player.result];
         ++result.connections;
         result.accepted += device.accepted;
-        result.outOfOrder += player.oracle->outOfOrder();
-        result.repeated += player.oracle->repeated();
+        result.outOfOrder += player.guest->oracle.outOfOrder();
+        result.repeated += player.guest->oracle.repeated();
+        if (plan.keys == Keys::All)
+            result.wrongEnds += player.guest->wasToldItsEnd() ? 0 : 1;
         if (received < 0 && isCutShort(plan.ending)) {
             ++result.notTaken;
             result.notTakenBytes += device.accepted;
@@ -190,7 +207,7 @@ private:
             excused = std::clamp<qsizetype>(unread, 0, device.unacknowledged);
             result.thrownAway += excused;
         }
-        result.missing += player.oracle->missing(device.accepted - excused);
+        result.missing += player.guest->oracle.missing(device.accepted - excused);
     }
 
     const RoundPlan plan;
@@ -221,12 +238,14 @@ void CellResult::add(const CellResult &other)
     inKernel += other.inKernel;
     notTaken += other.notTaken;
     notTakenBytes += other.notTakenBytes;
+    wrongEnds += other.wrongEnds;
     failed += other.failed;
 }
 
 bool CellResult::isClean() const
 {
-    return missing == 0 && outOfOrder == 0 && failed == 0 && (repeated == 0 || !cell.exact);
+    return missing == 0 && outOfOrder == 0 && failed == 0 && wrongEnds == 0
+            && (repeated == 0 || cell.keys == Keys::None);
 }
 
 QList<CellResult> playRound(const RoundPlan &plan)

@@ -26,6 +26,7 @@ struct CellResult
     qint64 inKernel = 0; // of connections that had a client when the host stopped the plugin
     int notTaken = 0; // connections that had none
     qint64 notTakenBytes = 0;
+    int wrongEnds = 0; // connections of which the host was told otherwise than once, at last
     int failed = 0; // devices that could not connect, although nobody kept them from it
 };
 
@@ -33,7 +34,7 @@ struct RoundPlan
 {
     Ending ending = Ending::Fin;
     Transport transport = Transport::Tcp;
-    bool exact = false;
+    Keys keys = Keys::None;
     int repeats = 1; // devices a cell
     int wholeMessages = 2000; // messages of a device that writes once
     int lateComers = 4; // that connect right before the host stops the plugin

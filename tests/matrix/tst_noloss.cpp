@@ -95,7 +95,7 @@ void tst_NoLoss::round_data()
 {
     QTest::addColumn<Ending>("ending");
     QTest::addColumn<Transport>("transport");
-    QTest::addColumn<bool>("exact");
+    QTest::addColumn<Keys>("keys");
     // Each way to end with and without TLS, each with one host and then the other. The idle
     // time-out, which takes its time, once.
     bool exact = false;
@@ -105,14 +105,25 @@ void tst_NoLoss::round_data()
                 || (ending.value == Ending::IdleTimeout && transport.value == Transport::Tcp))
                 continue;
             exact = !exact;
-            QTest::addRow("%s, %s, %s host", ending.name, transport.name, exact ? "exact" : "plain")
-                    << ending.value << transport.value << exact;
+            const auto &keys = KeySets[exact ? 1 : 0];
+            QTest::addRow("%s, %s, %s", ending.name, transport.name, keys.name)
+                    << ending.value << transport.value << keys.value;
         }
     }
     QTest::addRow("close_notify alone, TLS 1.2, exact host")
-            << Ending::NotifyAlone << Transport::Tls12 << true;
+            << Ending::NotifyAlone << Transport::Tls12 << Keys::Offsets;
     QTest::addRow("plugin destroyed, TLS 1.2, plain host")
-            << Ending::Destroyed << Transport::Tls12 << false;
+            << Ending::Destroyed << Transport::Tls12 << Keys::None;
+    // With all keys each way to end, with or without TLS.
+    for (const auto &ending : Endings) {
+        const auto &transport = Transports[exists(ending.value, Transport::Tcp) ? 0 : 2];
+        QTest::addRow("%s, %s, all keys", ending.name, transport.name)
+                << ending.value << transport.value << Keys::All;
+    }
+    QTest::addRow("close at once, TLS 1.3, all keys")
+            << Ending::CloseAtOnce << Transport::Tls13 << Keys::All;
+    QTest::addRow("plugin destroyed, TLS 1.3, all keys")
+            << Ending::Destroyed << Transport::Tls13 << Keys::All;
 }
 
 void tst_NoLoss::round()
@@ -123,8 +134,8 @@ void tst_NoLoss::round()
     plan.ending = ending;
     QFETCH(Transport, transport);
     plan.transport = transport;
-    QFETCH(bool, exact);
-    plan.exact = exact;
+    QFETCH(Keys, keys);
+    plan.keys = keys;
 
     const QList<CellResult> results = playRound(plan);
     QCOMPARE(results.size(), 12);
@@ -135,7 +146,8 @@ void tst_NoLoss::round()
     QCOMPARE(total.failed, 0);
     QCOMPARE(total.missing, 0);
     QCOMPARE(total.outOfOrder, 0);
-    if (exact)
+    QCOMPARE(total.wrongEnds, 0);
+    if (keys != Keys::None)
         QCOMPARE(total.repeated, 0);
     QVERIFY(total.accepted > 0);
 }

@@ -82,7 +82,7 @@ public:
     static void deleteLater(QObject *object);
 
     //! What other threads may know of a dispatcher's thread.
-    struct Pulse
+    struct alignas(64) Pulse // a cache line of its own: other threads write beside it
     {
         std::atomic<quint64> turns = 0; // begun so far, nested ones included
         std::atomic<bool> waits = false; // for events

@@ -44,8 +44,8 @@ struct InputCounters
     quint64 handshakesFailed = 0;
     quint64 handshakesTimedOut = 0;
     quint64 withoutTls = 0; // the first byte was none of TLS
-    quint64 handshakeUs = 0; // how long those took in all that were done
-    quint64 longestHandshakeUs = 0; // of them
+    quint64 handshakeUs = 0; // sum over those that were done, from acceptance on
+    quint64 longestHandshakeUs = 0; // likewise
 
     struct Worker
     {
@@ -70,29 +70,26 @@ class CountersEvent : public QEvent
 public:
     // In the range of QEvent::User; the same in host and plugin, which are built apart.
     static constexpr auto Number = static_cast<QEvent::Type>(QEvent::User + 27446);
+    // To be raised with every change of InputCounters.
+    static constexpr int Layout = 1;
 
-    // Nothing if the plugin does not know this question.
+    // Nothing if the plugin does not know this question, or has other counters.
     static std::optional<InputCounters> countersOf(IInputPlugin &plugin)
     {
         Q_ASSERT(QThread::currentThread() == plugin.thread());
         CountersEvent event;
         QCoreApplication::sendEvent(&plugin, &event);
-        return event.isAnswered ? std::optional(event.counters) : std::nullopt;
+        return event.counters;
     }
 
-    CountersEvent() : QEvent(Number) {}
+    // layoutNumber: of the host's counters; another one than Layout only in tests.
+    explicit CountersEvent(int layoutNumber = Layout) : QEvent(Number), layout(layoutNumber) {}
 
-    // For the plugin.
-    void answer(const InputCounters &value)
-    {
-        counters = value;
-        isAnswered = true;
-    }
-    bool hasLayoutOf(std::size_t size) const { return size == layout; }
+    // For the plugin. The answer must not be touched if the layout is another one.
+    bool hasLayout(int number) const { return layout == number; }
+    std::optional<InputCounters> &answer() { return counters; }
 
 private:
-    // The first member, so that it is found in events of any layout.
-    const std::size_t layout = sizeof(InputCounters);
-    bool isAnswered = false;
-    InputCounters counters;
+    const int layout; // the first member, so that it is found in events of any layout
+    std::optional<InputCounters> counters;
 };

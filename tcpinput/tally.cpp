@@ -31,17 +31,22 @@ quint64 difference(quint64 all, quint64 part)
 
 std::shared_ptr<WorkerCounters> Tally::newCounters()
 {
+    forgetGone();
     return workers.emplace_back(std::make_shared<WorkerCounters>());
 }
 
-void Tally::addCounts(InputCounters &sum)
+void Tally::forgetGone()
 {
     const auto firstGone = std::partition(workers.begin(), workers.end(), [](const auto &counters) {
         return !counters->isOver.load(std::memory_order_acquire);
     });
     std::for_each(firstGone, workers.end(), [this](const auto &counters) { add(*counters, gone); });
     workers.erase(firstGone, workers.end());
+}
 
+void Tally::addCounts(InputCounters &sum)
+{
+    forgetGone();
     WorkerCounters all;
     add(gone, all);
     for (const auto &counters : workers)

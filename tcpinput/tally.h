@@ -37,6 +37,8 @@ private:
         QElapsedTimer since;
     };
 
+    void forgetGone();
+
     std::vector<std::shared_ptr<WorkerCounters>> workers; // perhaps also some that have gone
     WorkerCounters gone;
     QHash<int, Seen> seen; // by number

@@ -17,6 +17,8 @@ namespace {
 
 constexpr int LogReadAboveBytes = 1000;
 
+static_assert(static_cast<std::size_t>(EndReason::Stop) + 1 == WorkerCounters::Reasons);
+
 } // namespace
 
 TcpClient2::TcpClient2(QObject *parent) : QObject(parent), idle(nullptr, 0) {}

@@ -91,14 +91,14 @@ bool TcpInputPlugin2::event(QEvent *event)
 
 void TcpInputPlugin2::fill(CountersEvent &question)
 {
-    if (!question.hasLayoutOf(sizeof(InputCounters)))
-        return; // of another version
+    if (!question.hasLayout(CountersEvent::Layout))
+        return;
     InputCounters counters;
     servers.addTo(counters);
     pool.addTo(counters);
     if (const auto &budget = configuration.serving.budget)
         counters.paused = static_cast<quint64>(budget->paused.load());
-    question.answer(counters);
+    question.answer() = counters;
 }
 
 void TcpInputPlugin2::drop(int len)

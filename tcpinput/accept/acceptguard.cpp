@@ -76,9 +76,10 @@ void AcceptGuard::hold(bool on)
 
 bool AcceptGuard::eventFilter(QObject *, QEvent *event)
 {
+    const QPointer<AcceptGuard> self(this); // a receiver may delete it, and the notifier
     if (event->type() == QEvent::SockAct && ++fruitless > FruitlessLimit)
         check();
-    return false;
+    return !self;
 }
 
 // Qt has paused the server. It may be a false alarm: if the very first accept() of a socket has
@@ -99,7 +100,13 @@ void AcceptGuard::check()
     fruitless = 0;
     pause(); // after acceptError() Qt has paused it already; the timer resumes it
     doubtful = true;
-    if (!descriptorAvailable() && !std::exchange(outOfDescriptors, true))
+    if (!descriptorAvailable())
+        tellOut();
+}
+
+void AcceptGuard::tellOut()
+{
+    if (!std::exchange(outOfDescriptors, true))
         Q_EMIT descriptorsOut();
 }
 
@@ -147,6 +154,8 @@ bool AcceptGuard::acceptOne()
     doubtful = descriptor < 0 && error != EAGAIN && error != EINTR;
     if (descriptor >= 0)
         take(descriptor); // may delete this
+    else if (error == EMFILE || error == ENFILE)
+        tellOut();
     else if (doubtful && !std::exchange(failing, true))
         Q_EMIT acceptFails(qt_error_string(error));
     return descriptor >= 0 || error == EAGAIN || error == EINTR;

@@ -16,8 +16,8 @@ class QTcpServer;
     Without free descriptors, accept() fails as long as connections wait. Qt takes that for a
     temporary error and retries at once, for ever, and so with every other error. The guard pauses
     the server, and resumes it when a descriptor is free, or an accept() of its own works. It also
-   pauses the server while too many accepted connections wait to be taken, and while a gate is
-   closed.
+    pauses the server while too many accepted connections wait to be taken, and while a gate is
+    closed.
 
     Thread: the server's.
     Owner:  the server, as a member.
@@ -63,6 +63,7 @@ private:
     void pauseAtGate();
     bool mayResume() const;
     bool acceptOne();
+    void tellOut();
     void tick();
     void endEpisode();
     bool descriptorAvailable() const;

@@ -78,8 +78,8 @@ protected:
     AcceptingServer(QObject *parent, std::function<qsizetype()> count)
         : Base(parent),
           guard(this, std::move(count), [this](qintptr descriptor) { serve(descriptor); }),
-          proxies([this](qintptr descriptor, const Acceptance &acceptance) {
-              goOn(descriptor, acceptance);
+          proxies([this](qintptr descriptor, Acceptance acceptance) {
+              goOn(descriptor, std::move(acceptance));
           })
     {
         this->setListenBacklogSize(ListenBacklog);
@@ -92,14 +92,16 @@ protected:
         ++accepted;
         limiter.enter(acceptance);
         if (!proxies.isOn()) {
-            goOn(descriptor, acceptance);
+            goOn(descriptor, std::move(acceptance));
             return;
         }
         const QPointer<QObject> self(this); // receivers of the gate's signals may delete it
-        if (!proxies.takes(descriptor, acceptance))
-            goOn(descriptor, acceptance);
-        else if (self)
+        if (!proxies.takes(descriptor, acceptance)) {
+            goOn(descriptor, std::move(acceptance));
+        } else if (self) {
+            acceptance.places.clear(); // the gate has others, if it keeps the connection
             guard.accepted();
+        }
     }
     // The descriptor of a connection whose endpoints are known, until a thread takes it. The caller
     // is over after this: receivers of the server's signals may delete the server.
@@ -124,6 +126,7 @@ private:
         const QPointer<QObject> self(this); // receivers of the limiter's signals may delete it
         if (!limiter.keeps(acceptance)) {
             ::close(static_cast<int>(descriptor));
+            acceptance.places.clear();
             if (self)
                 guard.accepted();
             return;

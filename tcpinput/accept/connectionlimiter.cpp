@@ -99,6 +99,7 @@ ConnectionLimiter::~ConnectionLimiter() = default;
 void ConnectionLimiter::setLimits(const AcceptLimits &value)
 {
     limits = value;
+    episode.stop(); // of another limit
     pace.reset();
     if (limits.perSecond > 0)
         pace.emplace(limits.perSecond,
@@ -130,7 +131,10 @@ bool ConnectionLimiter::keeps(Acceptance &acceptance)
                 QStringLiteral("%1:%2").arg(endpoints.peer.toString()).arg(endpoints.peerPort));
         return false;
     }
-    acceptance.places.push_back(placeUntil([table = table, key] { table->remove(key); }));
+    // Before its other places: who sees that it is open no more finds the address free, too.
+    auto others = std::exchange(acceptance.places, {});
+    acceptance.places.push_back(
+            placeUntil([table = table, key, others = std::move(others)] { table->remove(key); }));
     return true;
 }
 
@@ -150,13 +154,16 @@ bool ConnectionLimiter::isFull()
     episode.start();
     if (first) // queued: the guard asks in the middle of its work
         QMetaObject::invokeMethod(
-                this, [this] { Q_EMIT full(limits.connections); }, Qt::QueuedConnection);
+                this, [this, most = limits.connections] { Q_EMIT full(most); },
+                Qt::QueuedConnection);
     return true;
 }
 
-// While the server is paused, isFull() begins the minute anew all the time.
+// The guard may not have asked for a minute, if something else keeps the server paused.
 void ConnectionLimiter::endEpisode()
 {
+    if (table->open >= limits.connections)
+        return episode.start();
     Q_EMIT fullNoMore(limits.connections);
 }
 

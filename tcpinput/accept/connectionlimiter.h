@@ -36,7 +36,7 @@ public:
     explicit ConnectionLimiter(int minuteMs = MinuteNotice::MinuteMs);
     ~ConnectionLimiter() override;
 
-    // Connections that were accepted before still count. Default: no limits.
+    // Connections that were accepted under limits before still count. Default: no limits.
     void setLimits(const AcceptLimits &value);
 
     // A connection was accepted. It counts until its places are gone.

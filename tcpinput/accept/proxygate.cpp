@@ -123,7 +123,7 @@ void ProxyGate::pass(Position at)
     }
     acceptance.isProxied = true;
     forget(at);
-    goOn(descriptor, acceptance);
+    goOn(descriptor, std::move(acceptance));
 }
 
 void ProxyGate::fail(Position at, const QString &reason)

@@ -36,7 +36,7 @@ class ProxyGate : public QObject
 public:
     // Is called with a connection whose header was read, and with the peer that it names. May
     // delete the gate.
-    using GoOn = std::function<void(qintptr descriptor, const Acceptance &acceptance)>;
+    using GoOn = std::function<void(qintptr descriptor, Acceptance acceptance)>;
 
     explicit ProxyGate(GoOn continuation);
     ~ProxyGate() override;

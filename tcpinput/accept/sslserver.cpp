@@ -81,6 +81,7 @@ void SslServer::admit(qintptr descriptor, const Acceptance &acceptance)
     socket->setSslConfiguration(sslConfiguration());
     if (!socket->setSocketDescriptor(descriptor)) {
         ::close(static_cast<int>(descriptor));
+        guard.accepted();
         return;
     }
     if (acceptance.isProxied)
@@ -94,9 +95,13 @@ void SslServer::admit(qintptr descriptor, const Acceptance &acceptance)
     since.start();
     connect(handshake, &TlsHandshake::cameOut, this,
             [this, since](TlsHandshake::Outcome outcome) { count(outcome, since.nsecsElapsed()); });
+    const auto over = connect(handshake, &QObject::destroyed, this, [this] { --openHandshakes; });
     connect(handshake, &TlsHandshake::finished, this,
-            [this, acceptance](TlsSocket *finished) { enqueue(finished, acceptance); });
-    connect(handshake, &QObject::destroyed, this, [this] { --openHandshakes; });
+            [this, acceptance, over](TlsSocket *finished) {
+                disconnect(over);
+                --openHandshakes;
+                enqueue(finished, acceptance);
+            });
     ++openHandshakes;
     guard.accepted();
 }

@@ -31,12 +31,6 @@ qint64 HeldBytes::reserve(qint64 wanted)
     return bytes;
 }
 
-bool HeldBytes::isReserving() const
-{
-    const MutexLocker locker(mutex);
-    return reserved > 0;
-}
-
 void HeldBytes::receivedNothing()
 {
     const MutexLocker locker(mutex);

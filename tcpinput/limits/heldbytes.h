@@ -45,7 +45,6 @@ public:
     // How many of the wanted bytes the connection may receive now; 0: none. They are reserved, with
     // those of earlier calls, until received() or receivedNothing() tells what has become of them.
     qint64 reserve(qint64 wanted);
-    bool isReserving() const;
     void receivedNothing();
 
     // Of the unconsumed bytes. consumed(): in any thread.

@@ -39,10 +39,7 @@ qsizetype Intake::room(qsizetype wanted)
 {
     if (isOpen)
         return wanted;
-    const qint64 left = isPaused() ? 0 : held->reserve(wanted);
-    if (left == 0 && wanted > 0 && !held->isReserving())
-        pause();
-    return left;
+    return isPaused() ? 0 : held->reserve(wanted);
 }
 
 qint64 Intake::roomLeft() const
@@ -54,12 +51,11 @@ qint64 Intake::roomLeft() const
 
 void Intake::settle()
 {
-    if (isPaused()) {
-        if (mayResume())
-            resume();
-    } else if (!isOpen && roomLeft() <= 0) {
+    // It may have been paused before its bytes were counted, in an event loop within the read.
+    if (isPaused() && mayResume())
+        resume();
+    if (!isPaused() && !isOpen && roomLeft() <= 0)
         pause();
-    }
 }
 
 bool Intake::mayResume() const

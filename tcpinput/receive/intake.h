@@ -49,8 +49,10 @@ public:
     Q_DISABLE_COPY_MOVE(Intake)
 
     // How many of the wanted bytes may be read now, beside those of earlier calls; a read, or
-    // readNothing(), follows. If there are none at all, the connection is paused.
+    // readNothing(), follows.
     qsizetype room(qsizetype wanted);
+    // To be called if not one byte may be read.
+    void pause();
     void readNothing() { held->receivedNothing(); }
     // To be called when bytes come while it is paused. They stay where they are.
     void stayPaused();
@@ -68,7 +70,6 @@ private:
     void look(Time now) override;
     qint64 roomLeft() const;
     bool mayResume() const;
-    void pause();
     void resume();
 
     Reader &reader;

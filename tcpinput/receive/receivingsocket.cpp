@@ -159,7 +159,7 @@ void ReceivingSocket::receive()
 {
     const qsizetype atOnce = room(ReceiveBytes);
     if (atOnce == 0)
-        return;
+        return reader->noRoom();
     ReceiveBuffer buffer;
     const ssize_t size =
             ::recv(descriptor(), buffer.data(), static_cast<std::size_t>(atOnce), MSG_DONTWAIT);

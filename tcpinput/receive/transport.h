@@ -13,10 +13,12 @@ class TransportReader
 {
 public:
     virtual void bytesCame() = 0;
-    // How many of the wanted bytes may come; 0: none. Then one of the other functions is called, or
-    // the transport ends.
+    // How many of the wanted bytes may come, beside those of earlier calls. They are kept free
+    // until one of the other functions is called, or the transport ends.
     virtual qsizetype room(qsizetype wanted) { return wanted; }
     virtual void nothingCame() {}
+    // Not one byte may come: pause the transport.
+    virtual void noRoom() {}
 
 protected:
     ~TransportReader() = default;

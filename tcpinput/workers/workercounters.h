@@ -15,7 +15,7 @@
     Thread: the worker's; consumed: any. Reading: any.
     Owner:  shared by the worker's task, which outlives its clients, and the plugin.
 */
-struct WorkerCounters
+struct alignas(64) WorkerCounters // a cache line of its own: other workers write beside it
 {
     //! A count that one thread writes.
     class Count

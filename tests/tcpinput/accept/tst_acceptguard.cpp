@@ -18,6 +18,7 @@
 #include <atomic>
 #include <cerrno>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include <sys/socket.h>
@@ -87,6 +88,8 @@ private Q_SLOTS:
     void otherFailures_data();
     void otherFailures();
     void failuresThatPass();
+    void receiversMayDeleteTheServer_data();
+    void receiversMayDeleteTheServer();
 
 private:
     void prepareDevices(int count);
@@ -391,6 +394,35 @@ void tst_AcceptGuard::failuresThatPass()
     waitForTimers(3);
     QCOMPARE(fails.size(), 0);
     QCOMPARE(back, 0);
+}
+
+void tst_AcceptGuard::receiversMayDeleteTheServer_data()
+{
+    QTest::addColumn<QByteArray>("signal");
+    for (const char *name : {"descriptorsOut", "acceptFails", "refused", "full"})
+        QTest::newRow(name) << QByteArray(name);
+}
+
+void tst_AcceptGuard::receiversMayDeleteTheServer()
+{
+    QFETCH(QByteArray, signal);
+    const auto deleteServer = [this] { server.reset(); };
+    connect(&server->guard, &AcceptGuard::descriptorsOut, this, deleteServer);
+    connect(&server->guard, &AcceptGuard::acceptFails, this, deleteServer);
+    connect(&server->limiter, &ConnectionLimiter::refused, this, deleteServer);
+    connect(&server->limiter, &ConnectionLimiter::full, this, deleteServer);
+    AcceptLimits limits;
+    limits.connections = signal == "full" ? 1 : 0;
+    limits.connectionsPerAddress = signal == "refused" ? 1 : 0;
+    server->setLimits(limits);
+    prepareDevices(3);
+    std::optional<NoFreeDescriptors> noDescriptors;
+    if (signal == "descriptorsOut")
+        noDescriptors.emplace();
+    acceptError = signal == "acceptFails" ? ENOBUFS : 0;
+    connectDevices();
+    QTRY_VERIFY_WITH_TIMEOUT(!server, HangGuardMs);
+    acceptError = 0;
 }
 
 QTEST_GUILESS_MAIN(tst_AcceptGuard)

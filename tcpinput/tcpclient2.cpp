@@ -138,6 +138,15 @@ void TcpClient2::setCounters(WorkerCounters &value)
     unconsumed.setCounters(value);
 }
 
+// Other connections have taken the room. What waits for its offer would keep it from them: the host
+// cannot consume what it does not know.
+void TcpClient2::noRoom()
+{
+    intake->pause();
+    if (intake->hasUnoffered())
+        offerWaiting(Clock::now());
+}
+
 // The record before was handed over.
 void TcpClient2::offerMerged()
 {

@@ -133,7 +133,7 @@ private:
 
     void bytesCame() override { mreadyRead(); }
     qsizetype room(qsizetype wanted) override { return intake ? intake->room(wanted) : wanted; }
-    void noRoom() override { intake->pause(); }
+    void noRoom() override;
     void nothingCame() override
     {
         if (intake)

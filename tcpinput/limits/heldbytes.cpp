@@ -66,6 +66,12 @@ quint64 HeldBytes::lend(qint64 bytes)
     return ++latest;
 }
 
+bool HeldBytes::hasUnlent() const
+{
+    const MutexLocker locker(mutex);
+    return sinceLatest > 0;
+}
+
 void HeldBytes::giveBack(quint64 record, qint64 bytes)
 {
     const MutexLocker locker(mutex);

@@ -54,6 +54,8 @@ public:
     // A record of all unconsumed bytes is made, of that size. Returns its number.
     quint64 lend(qint64 bytes);
     void giveBack(quint64 record, qint64 bytes);
+    // Whether bytes were received after the latest record.
+    bool hasUnlent() const;
 
     // False: an earlier record is still on its way; the offer is merged.
     bool beginHandOver();

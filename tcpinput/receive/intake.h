@@ -65,6 +65,8 @@ public:
     void open();
 
     bool isPaused() const { return held->isPaused(); }
+    // Whether bytes came after the latest record.
+    bool hasUnoffered() const { return held->hasUnlent(); }
 
 private:
     void look(Time now) override;

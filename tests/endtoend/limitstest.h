@@ -168,6 +168,8 @@ inline void LimitsTest::start(const QJsonObject &limits, QJsonObject more)
     more.insert(QStringLiteral("limits"), limits);
     more.insert(QStringLiteral("offsets"), true);
     more.insert(QStringLiteral("ends"), true);
+    // Or the last bytes of a stream, if they are few, wait for the idle time-out.
+    more.insert(QStringLiteral("prompt"), true);
     if (QTest::currentDataTag() && QByteArray(QTest::currentDataTag()).startsWith("TLS"))
         more.insert(QStringLiteral("ssl"), serverTls());
     plugin = library.create(more);

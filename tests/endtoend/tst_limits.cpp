@@ -103,7 +103,7 @@ void tst_Limits::recordsCount()
 
 void tst_Limits::recordsThatWaitAreMerged()
 {
-    start({{QStringLiteral("connectionBuffer"), MiB}}, {{QStringLiteral("prompt"), true}});
+    start({{QStringLiteral("connectionBuffer"), MiB}});
     NativeSocket device = NativeSocket::connectedTo(testAddress(), port);
     QVERIFY(device.send(Sender::part(0, 100)));
     QVERIFY(serve([&] { return !streams.isEmpty(); }));
@@ -123,7 +123,7 @@ void tst_Limits::longMessagesGetThrough()
     QFETCH(int, tls);
     constexpr qsizetype Bytes = 30 * MiB;
     constexpr qsizetype MessageBytes = 900 * KiB;
-    start({{QStringLiteral("connectionBuffer"), MiB}}, {{QStringLiteral("prompt"), true}});
+    start({{QStringLiteral("connectionBuffer"), MiB}});
     connect(input, &IInputPlugin::receivedData, this, [this](const shared_parsedData &record) {
         const qsizetype offset = record->getPluginSubIdKey(QStringLiteral("offset")).toLongLong();
         const qsizetype end = offset + record->getDataLength();
@@ -181,7 +181,8 @@ void tst_Limits::hostThatStandsStill()
     std::deque<Sender> senders;
     bool hasStood = false;
     qint64 most = 0;
-    connect(input, &IInputPlugin::receivedData, this, [&] {
+    const QObject inThisFunction; // what the slot refers to
+    connect(input, &IInputPlugin::receivedData, &inThisFunction, [&] {
         if (streams.size() < Devices || std::exchange(hasStood, true))
             return;
         for (Sender &sender : senders)
@@ -202,7 +203,6 @@ void tst_Limits::hostThatStandsStill()
     QVERIFY(most > TotalBytes / 2);
     const qint64 ahead = tls == 0 ? 0 : Devices * 128 * KiB; // that much Qt decrypts
     QVERIFY2(most <= TotalBytes + ahead, qPrintable(QString::number(most)));
-    plugin.reset(); // before what the slot refers to
 }
 
 void tst_Limits::largestStopFirst()

@@ -1,12 +1,19 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
+#include "tcpinput/receive/receivingsocket.h"
 #include "tcpinput/tcpclient2.h"
 #include "tests/kit/memorysocket.h"
 #include "tests/tcpinput/clienttest.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtTest/QTest>
+
+#include <array>
+#include <memory>
+
+#include <sys/socket.h>
+#include <unistd.h>
 
 using namespace clienttest;
 
@@ -23,8 +30,10 @@ private Q_SLOTS:
     void readsNothingWhilePaused();
     void readsWhatCameMeanwhile();
     void endTakesAll();
+    void offersWhatWaitsWhenOthersTakeTheRoom();
 
 private:
+    void makeClient(const Limits &limits, QTcpSocket *connected);
     void arrive(int count)
     {
         socket->arrive(QByteArray(count, 'x'));
@@ -49,13 +58,19 @@ void tst_ClientLimits::init()
     begin();
     Limits limits;
     limits.connectionBuffer = 100;
-    held = std::make_shared<HeldBytes>(std::make_shared<BufferBudget>(limits));
     socket = new MemorySocket({});
-    client = std::make_unique<TcpClient2>(nullptr, QStringLiteral("id"), socket, 60000);
+    makeClient(limits, socket);
+}
+
+void tst_ClientLimits::makeClient(const Limits &limits, QTcpSocket *connected)
+{
+    held = std::make_shared<HeldBytes>(std::make_shared<BufferBudget>(limits));
+    client = std::make_unique<TcpClient2>(nullptr, QStringLiteral("id"), connected, 60000);
     client->limit(held, list);
     latestOffer = 0;
     client->offerTo([this](const QByteArray &data) {
         latestOffer = data.size();
+        held->giveBack(held->lend(data.size()), data.size());
         held->handedOver();
     });
 }
@@ -113,6 +128,33 @@ void tst_ClientLimits::endTakesAll()
     socket->arriveEnd();
     client->mdisconnected();
     QCOMPARE(latestOffer, 650);
+}
+
+// Otherwise all could wait for each other: the host cannot consume what it does not know.
+void tst_ClientLimits::offersWhatWaitsWhenOthersTakeTheRoom()
+{
+    constexpr qint64 Total = 1 << 20;
+    Limits limits;
+    limits.totalBuffer = Total;
+    std::array<int, 2> ends{};
+    QCOMPARE(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+    makeClient(limits, new ReceivingSocket(ends[0], {}));
+    const auto deliver = [&ends] {
+        QCOMPARE(::write(ends[1], "12345", 5), ssize_t(5));
+        QCoreApplication::processEvents();
+    };
+    deliver();
+    QCOMPARE(latestOffer, 5);
+    deliver(); // too soon for an offer of its own
+    QCOMPARE(latestOffer, 5);
+    QCOMPARE(bytesIn(), 10);
+    held->total().add(Total);
+    deliver();
+    QVERIFY(held->isPaused());
+    QCOMPARE(latestOffer, 10);
+    QCOMPARE(bytesIn(), 10);
+    held->total().add(-Total);
+    ::close(ends[1]);
 }
 
 QTEST_GUILESS_MAIN(tst_ClientLimits)

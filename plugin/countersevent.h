@@ -15,9 +15,8 @@
 //! What a plugin has done since it was made, and how it is at present.
 struct InputCounters
 {
-    // Connections since it was made. All that were accepted are waiting, open, or in one of the
-    // counts below; or they ended before a worker had them, which the handshakes tell of, or
-    // nobody.
+    // Connections since the plugin was made. Each accepted one is waiting, open, or in one of the
+    // counts below, unless it has ended in its handshake or while it waited.
     quint64 accepted = 0;
     quint64 refusedByLimit = 0; // "maxConnectionsPerAddress"
     quint64 refusedByProxyRule = 0; // not from a proxy, and "others" is "refuse"

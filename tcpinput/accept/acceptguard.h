@@ -33,8 +33,8 @@ public:
     // waiting: how many accepted connections have not been taken yet.
     AcceptGuard(QTcpServer *watched, std::function<qsizetype()> waiting, Taker taker);
 
-    // mayAccept: whether another connection may be accepted now. While it may not, the server is
-    // paused, from the connection on at whose acceptance it may not. Default: it always may.
+    // mayAccept: whether another connection may be accepted; asked after each one. As soon as it
+    // says no, the server is paused. Default: it always may.
     void setGate(std::function<bool()> mayAccept) { gate = std::move(mayAccept); }
 
     // Call after every successful listen(): each listening socket has a new notifier.

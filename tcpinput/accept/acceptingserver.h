@@ -106,7 +106,7 @@ protected:
     // The descriptor of a connection whose endpoints are known, until a thread takes it. The caller
     // is over after this: receivers of the server's signals may delete the server.
     virtual void admit(qintptr descriptor, const Acceptance &acceptance) = 0;
-    // How many go on.
+    // How many TLS handshakes go on.
     virtual qsizetype handshakes() const { return 0; }
 
     PendingConnections<Waiting> waiting;

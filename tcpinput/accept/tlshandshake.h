@@ -43,7 +43,8 @@ public:
     enum class Outcome { Done, Failed, TimedOut, NoTls };
 
 Q_SIGNALS:
-    // As soon as it is known, from inside the socket: only count. Not if dropped, or silent.
+    // Emitted as soon as the outcome is known, from inside the socket: receivers may only count.
+    // Not emitted if the handshake was dropped, or has ended in silence.
     void cameOut(Outcome outcome);
     // Emitted in a later pass of the event loop than the end of the handshake, never from inside
     // the socket. The receiver owns the socket.

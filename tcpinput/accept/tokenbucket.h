@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <utility>
 
 /*!
     Bounds how often something happens: so many times a second on the average, and no more than a

@@ -25,17 +25,18 @@ constexpr ExactOffers::Limits Unlimited = {std::chrono::hours(24 * 365 * 100),
 
 } // namespace
 
-ExactReader::ExactReader(MessageWriter &messageWriter, Counters &total,
+ExactReader::ExactReader(MessageWriter &messageWriter, Counters &total, const Answer &toOffers,
                          const ExactOffers::Limits &memory, const Pace &readingPace)
     : writer(messageWriter),
       counters(total),
+      answer(toOffers),
       givenMemory(memory),
       goAllowance(readingPace.ofOffer),
       queue(readingPace.ofTurn)
 {
     clock.start();
     exactOffers.emplace(givenMemory);
-    connect(&queue, &TurnQueue::reached, this, &ExactReader::goOn);
+    QObject::connect(&queue, &TurnQueue::reached, &queue, [this](quint64 number) { goOn(number); });
 }
 
 void ExactReader::setEndsTold(bool enable)
@@ -44,32 +45,34 @@ void ExactReader::setEndsTold(bool enable)
     forgetAll();
 }
 
-void ExactReader::receive(quint64 connection, const shared_parsedData &record)
+void ExactReader::receive(const ExactOffers::Place &place, const shared_parsedData &record)
 {
-    const auto known = byNumber.constFind(connection);
+    const auto known = byNumber.constFind(place.connection);
     if (known != byNumber.constEnd()) {
         clients.splice(clients.end(), clients, *known);
-        take(**known, record);
+        take(**known, place, record);
         settle(*known);
         return;
     }
 
     // Most offers leave nothing that must be kept here.
     Client client;
-    client.number = connection;
-    take(client, record);
+    client.number = place.connection;
+    take(client, place, record);
     if (client.isWorthKeeping())
         settle(keep(std::move(client)));
 }
 
-void ExactReader::take(Client &client, const shared_parsedData &record)
+void ExactReader::take(Client &client, const ExactOffers::Place &place,
+                       const shared_parsedData &record)
 {
     client.lastOfferTime = clock.nsecsElapsed();
-    if (!record->getPluginSubIdKey(subids::end()).isEmpty()) {
+    if (place.isEnd) {
         client.end = record;
     } else {
         ++counters.offers;
         client.record = record;
+        client.place = place;
         client.offer.reset();
     }
     if (client.waits)
@@ -111,7 +114,7 @@ bool ExactReader::readOffer(Client &client)
     const QByteArrayView fresh = client.offer->fresh();
     client.used += readBytes(client, fresh.sliced(client.used), allowance);
     const bool isRead = client.used == fresh.size() || writer.isDone();
-    answer(client, isRead);
+    answerOffer(client, isRead);
     if (isRead) {
         client.record.reset();
         client.offer.reset();
@@ -121,7 +124,7 @@ bool ExactReader::readOffer(Client &client)
 
 void ExactReader::open(Client &client)
 {
-    client.offer = exactOffers->open(*client.record, pacedTime);
+    client.offer = exactOffers->open(*client.record, *client.place, pacedTime);
     client.used = 0;
     client.answered = 0;
     client.origin = writer.originOf(*client.record);
@@ -160,7 +163,7 @@ qsizetype ExactReader::finishTail(Client &client, QByteArrayView bytes, Allowanc
 }
 
 // The answer names the offer's own position, so it cuts the same bytes whenever it is carried out.
-void ExactReader::answer(Client &client, bool isRead)
+void ExactReader::answerOffer(Client &client, bool isRead)
 {
     const int length = exactOffers->consume(*client.offer, client.used, pacedTime);
     const qsizetype left = client.offer->fresh().size() - client.used;
@@ -168,7 +171,7 @@ void ExactReader::answer(Client &client, bool isRead)
     if (length == 0 || !answering || !isDue)
         return;
     client.answered = client.used;
-    Q_EMIT answered(length, client.record->getPluginSubId());
+    answer(length, client.record->getPluginSubId());
 }
 
 void ExactReader::end(Client &client)

@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include "host/answer.h"
 #include "host/messagewriter.h"
 #include "host/turnqueue.h"
 #include "host/unfinishedsizes.h"
@@ -12,8 +13,6 @@
 #include <QtCore/QByteArray>
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QHash>
-#include <QtCore/QMap>
-#include <QtCore/QObject>
 
 #include <chrono>
 #include <limits>
@@ -46,13 +45,11 @@ struct Pace
     Thread: the plugin's, which needs an event loop.
     Owner:  the caller, also of the writer and the counters.
 */
-class ExactReader : public QObject
+class ExactReader
 {
-    Q_OBJECT
-
 public:
-    ExactReader(MessageWriter &messageWriter, Counters &total, const ExactOffers::Limits &memory,
-                const Pace &readingPace);
+    ExactReader(MessageWriter &messageWriter, Counters &total, const Answer &toOffers,
+                const ExactOffers::Limits &memory, const Pace &readingPace);
 
     // See MessageReader.
     void setAnswering(bool enable) { answering = enable; }
@@ -61,8 +58,8 @@ public:
     void setEndsTold(bool enable);
     void setMaxUnfinished(qint64 bytes) { maxUnfinished = bytes; }
 
-    // connection: the number that the record carries.
-    void receive(quint64 connection, const shared_parsedData &record);
+    // place: of the record, with a connection.
+    void receive(const ExactOffers::Place &place, const shared_parsedData &record);
 
     // Reads all that waits, and gives up what is unfinished.
     void forgetAll();
@@ -72,15 +69,12 @@ public:
 
     qsizetype remembered() const;
 
-Q_SIGNALS:
-    // To be connected with IInputPlugin::discard(). Must not lead back into receive().
-    void answered(int bytes, const QMap<QString, QString> &subId);
-
 private:
     struct Client
     {
         quint64 number = 0;
         shared_parsedData record; // the latest offer, until it is read; null: none
+        std::optional<ExactOffers::Place> place; // of that record
         std::optional<ExactOffers::Offer> offer; // that record, opened
         qsizetype used = 0; // of the offer's fresh bytes
         qsizetype answered = 0; // for so many of them
@@ -98,14 +92,14 @@ private:
     };
     using Clients = std::list<Client>;
 
-    void take(Client &client, const shared_parsedData &record);
+    void take(Client &client, const ExactOffers::Place &place, const shared_parsedData &record);
     void goOn(quint64 number);
     void proceed(Client &client);
     bool readOffer(Client &client);
     void open(Client &client);
     qsizetype readBytes(Client &client, QByteArrayView bytes, Allowance &allowance);
     qsizetype finishTail(Client &client, QByteArrayView bytes, Allowance &allowance);
-    void answer(Client &client, bool isRead);
+    void answerOffer(Client &client, bool isRead);
     void end(Client &client);
 
     Clients::iterator keep(Client &&client);
@@ -117,6 +111,7 @@ private:
 
     MessageWriter &writer;
     Counters &counters;
+    const Answer &answer;
     const ExactOffers::Limits givenMemory;
     const Allowance goAllowance;
 

@@ -3,7 +3,6 @@
 
 #include "host/messagereader.h"
 
-#include "plugin/decimalnumber.h"
 #include "plugin/subids.h"
 
 #include <chrono>
@@ -20,26 +19,16 @@ constexpr std::chrono::nanoseconds MostLastOfferDelay = 2s;
 constexpr qint64 DefaultIdleTimeoutSeconds = 60;
 constexpr std::chrono::milliseconds ForgetInterval = 1s;
 
-// The connection's number; 0: the record carries no position.
-quint64 connectionOf(const ParsedData &record)
-{
-    const QMap<QString, QString> subId = record.getPluginSubId();
-    if (!decimalNumber(subId.value(subids::offset())))
-        return 0;
-    return decimalNumber(subId.value(subids::connection())).value_or(0);
-}
-
 } // namespace
 
 MessageReader::MessageReader(const FrameFormat &frameFormat, Output &messageOutput, Counters &total,
                              const ExactOffers::Limits &memory, const Pace &pace)
     : writer(frameFormat, messageOutput, total),
-      exact(writer, total, memory, pace),
-      plain(writer, total)
+      answer([this](int bytes, const auto &subId) { Q_EMIT answered(bytes, subId); }),
+      exact(writer, total, answer, memory, pace),
+      plain(writer, total, answer)
 {
     connect(&writer, &MessageWriter::finished, this, &MessageReader::finished);
-    connect(&exact, &ExactReader::answered, this, &MessageReader::answered);
-    connect(&plain, &PlainReader::answered, this, &MessageReader::answered);
     connect(&forgetTimer, &QTimer::timeout, this, &MessageReader::forgetSilent);
     setIdleTimeout(DefaultIdleTimeoutSeconds);
     forgetTimer.start(ForgetInterval);
@@ -76,8 +65,10 @@ void MessageReader::receive(const shared_parsedData &record)
 {
     if (writer.isDone())
         return;
-    if (const quint64 connection = connectionOf(*record))
-        exact.receive(connection, record);
+    const QMap<QString, QString> subIds = record->getPluginSubId();
+    const ExactOffers::Place place{subids::Values(subIds)};
+    if (place.connection != 0)
+        exact.receive(place, record);
     else
         plain.receive(*record);
 }

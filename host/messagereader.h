@@ -70,6 +70,7 @@ private:
     void forgetSilent();
 
     MessageWriter writer;
+    const Answer answer;
     ExactReader exact;
     PlainReader plain;
     QTimer forgetTimer;

@@ -34,9 +34,10 @@ QByteArrayView discardablePart(QByteArrayView buffer)
 
 } // namespace
 
-PlainReader::PlainReader(MessageWriter &messageWriter, Counters &total)
+PlainReader::PlainReader(MessageWriter &messageWriter, Counters &total, const Answer &toOffers)
     : writer(messageWriter),
-      counters(total)
+      counters(total),
+      answer(toOffers)
 {
     clock.start();
     settleTimer.setSingleShot(true);
@@ -106,7 +107,7 @@ bool PlainReader::takeOffer(Client &client, const QByteArray &offer)
 
     // While the plugin is being stopped, its last offer comes without being asked for.
     if (answering) {
-        Q_EMIT answered(0, client.subId);
+        answer(0, client.subId);
         settleLater(client);
     }
     return false;
@@ -116,9 +117,9 @@ void PlainReader::readMessages(Client &client)
 {
     const qsizetype taken = takeMessages(client);
     if (taken == 0 || !answering)
-        return; // no answer to an offer without messages: see answered()
+        return; // no answer to an offer without messages: see answer
 
-    Q_EMIT answered(static_cast<int>(taken), client.subId);
+    answer(static_cast<int>(taken), client.subId);
     // Comes round when all offers that wait now are handled.
     const qint64 time = now();
     QMetaObject::invokeMethod(

@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include "host/answer.h"
 #include "host/messagewriter.h"
 #include "host/offertracker.h"
 #include "plugin/parseddata.h"
@@ -35,7 +36,7 @@ class PlainReader : public QObject
     Q_OBJECT
 
 public:
-    PlainReader(MessageWriter &messageWriter, Counters &total);
+    PlainReader(MessageWriter &messageWriter, Counters &total, const Answer &toOffers);
 
     // See MessageReader.
     void setAnswering(bool enable) { answering = enable; }
@@ -48,12 +49,6 @@ public:
     void forgetSilent();
 
     qsizetype remembered() const { return static_cast<qsizetype>(clients.size()); }
-
-Q_SIGNALS:
-    // To be connected with IInputPlugin::discard(). An offer without a complete message is not
-    // answered: the plugin answers a discard of 0 bytes with the same offer, at once and for ever.
-    // Here, 0 bytes ask for another offer, once, see OfferTracker.
-    void answered(int bytes, const QMap<QString, QString> &subId);
 
 private:
     struct Client
@@ -90,6 +85,10 @@ private:
 
     MessageWriter &writer;
     Counters &counters;
+    // An offer without a complete message is not answered: the plugin answers a discard of 0 bytes
+    // with the same offer, at once and for ever. Here, 0 bytes ask for another offer, once, see
+    // OfferTracker.
+    const Answer &answer;
 
     Clients clients; // the longest silent one first
     QHash<QString, Clients::iterator> byKey;

@@ -5,21 +5,25 @@
 
 #include <QtCore/QAbstractEventDispatcher>
 
+#include <atomic>
 #include <utility>
 
 namespace host {
 
 TurnQueue::TurnQueue(std::chrono::nanoseconds timePerTurn) : time(timePerTurn)
 {
-    // A posted call would tell it, too, at ten times the cost for every message.
-    connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::awake, this,
-            [this] { turnIsNew = true; });
+    sinceFirst.start();
+    QAbstractEventDispatcher *const dispatcher = QAbstractEventDispatcher::instance();
+    if (const auto *own = qobject_cast<EpollEventDispatcher *>(dispatcher))
+        pulse = own->pulse();
+    else // one of Qt's: the program had no descriptors for its own
+        connect(dispatcher, &QAbstractEventDispatcher::awake, this, [this] { ++turnsOfQt; });
 }
 
 bool TurnQueue::hasTime()
 {
-    if (turnIsNew) {
-        turnIsNew = false;
+    const quint64 now = pulse ? pulse->turns.load(std::memory_order_relaxed) : turnsOfQt;
+    if (std::exchange(turn, now) != now) {
         sinceFirst.start();
         return true;
     }

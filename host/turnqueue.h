@@ -3,11 +3,14 @@
 
 #pragma once
 
+#include "eventloop/epolleventdispatcher.h"
+
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QObject>
 
 #include <chrono>
 #include <deque>
+#include <memory>
 
 namespace host {
 
@@ -46,7 +49,10 @@ private:
     const std::chrono::nanoseconds time;
     std::deque<quint64> waiting;
     QElapsedTimer sinceFirst; // of what came in this turn of the event loop
-    bool turnIsNew = true;
+    quint64 turn = 0; // of the event loop, in which something came last
+    // Who counts the turns; null: nobody does, so they are counted here.
+    std::shared_ptr<const EpollEventDispatcher::Pulse> pulse;
+    quint64 turnsOfQt = 1;
     bool posted = false;
 };
 

@@ -10,7 +10,6 @@
 #include <QtCore/QByteArray>
 #include <QtCore/QByteArrayView>
 #include <QtCore/QHash>
-#include <QtCore/QMap>
 
 #include <algorithm>
 #include <chrono>
@@ -80,6 +79,21 @@ public:
         bool end = false;
     };
 
+    //! What a record says of its place in the connection's stream.
+    struct Place
+    {
+        explicit Place(const subids::Values &values) : isEnd(values.end)
+        {
+            offset = values.offset ? decimalNumber(*values.offset) : std::nullopt;
+            if (offset && values.connection)
+                connection = decimalNumber(*values.connection).value_or(0);
+        }
+
+        std::optional<quint64> offset; // nothing: the record carries no position
+        quint64 connection = 0; // 0: likewise
+        bool isEnd = false;
+    };
+
     ExactOffers() : ExactOffers(Limits()) {}
     explicit ExactOffers(const Limits &values) : limits(values) {}
     ExactOffers(const ExactOffers &) = delete;
@@ -87,17 +101,21 @@ public:
 
     Offer open(const ParsedData &record, Clock::time_point now = Clock::now())
     {
+        const auto subIds = record.getPluginSubId();
+        return open(record, Place(subids::Values(subIds)), now);
+    }
+    // place: the record's.
+    Offer open(const ParsedData &record, const Place &place, Clock::time_point now = Clock::now())
+    {
         forgetOld(now);
         Offer offer;
         offer.buffer = record.getOriginalMessage();
         offer.buffer.truncate(std::numeric_limits<int>::max());
-        const auto subids = record.getPluginSubId();
-        offer.end = subids.contains(subids::end());
-        const auto offset = numberOf(subids, subids::offset());
-        if (!offset)
+        offer.end = place.isEnd;
+        if (!place.offset)
             return offer;
-        offer.offset = *offset;
-        offer.number = numberOf(subids, subids::connection()).value_or(0);
+        offer.offset = *place.offset;
+        offer.number = place.connection;
         const auto known = find(offer.number);
         if (offer.end) {
             forget(known);
@@ -132,12 +150,6 @@ private:
         Clock::time_point seen;
     };
     using Entries = std::list<Entry>;
-
-    static std::optional<quint64> numberOf(const QMap<QString, QString> &subids, const QString &key)
-    {
-        const auto text = subids.constFind(key);
-        return text == subids.constEnd() ? std::nullopt : decimalNumber(*text);
-    }
 
     static qsizetype overlap(const Offer &offer, quint64 consumed)
     {

@@ -3,7 +3,9 @@
 
 #pragma once
 
+#include <QtCore/QMap>
 #include <QtCore/QString>
+#include <QtCore/QStringView>
 
 /*!
     The keys of a record's sub-ids, which route the host's answer back to the connection.
@@ -42,5 +44,39 @@ inline QString end()
 {
     return QStringLiteral("end");
 }
+
+/*!
+    The values of these keys, found in one walk. To search the map for each of them costs several
+    times as much, and it is done for each record and each answer.
+
+    Thread: one at a time.
+    Owner:  the caller, who keeps the map unchanged meanwhile.
+*/
+struct Values
+{
+    explicit Values(const QMap<QString, QString> &map)
+    {
+        for (auto entry = map.constBegin(); entry != map.constEnd(); ++entry) {
+            const QStringView key = entry.key();
+            if (key == u"client")
+                client = &entry.value();
+            else if (key == u"connection")
+                connection = &entry.value();
+            else if (key == u"end")
+                end = &entry.value();
+            else if (key == u"offset")
+                offset = &entry.value();
+            else if (key == u"task")
+                task = &entry.value();
+        }
+    }
+
+    // Null: the map does not have the key.
+    const QString *client = nullptr;
+    const QString *connection = nullptr;
+    const QString *end = nullptr;
+    const QString *offset = nullptr;
+    const QString *task = nullptr;
+};
 
 } // namespace subids

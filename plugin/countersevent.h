@@ -84,7 +84,12 @@ public:
     // layoutNumber: of the host's counters; another one than Layout only in tests.
     explicit CountersEvent(int layoutNumber = Layout) : QEvent(Number), layout(layoutNumber) {}
 
-    // For the plugin. The answer must not be touched if the layout is another one.
+    // For the plugin. Null: the event is another one.
+    static CountersEvent *from(QEvent *event)
+    {
+        return event->type() == Number ? dynamic_cast<CountersEvent *>(event) : nullptr;
+    }
+    // The answer must not be touched if the layout is another one.
     bool hasLayout(int number) const { return layout == number; }
     std::optional<InputCounters> &answer() { return counters; }
 

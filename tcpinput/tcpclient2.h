@@ -5,27 +5,29 @@
 
 #include "plugin/connection.h"
 #include "tcpinput/receive/backlogcheck.h"
+#include "tcpinput/receive/cutqueue.h"
+#include "tcpinput/receive/derivedid.h"
 #include "tcpinput/receive/endreason.h"
 #include "tcpinput/receive/idletimer.h"
 #include "tcpinput/receive/intake.h"
+#include "tcpinput/receive/link.h"
 #include "tcpinput/receive/offerpace.h"
-#include "tcpinput/receive/sockettransport.h"
+#include "tcpinput/receive/outlet.h"
 #include "tcpinput/receive/unconsumedbytes.h"
-#include "tcpinput/workers/locks.h"
 #include "tcpinput/workers/workercounters.h"
 
 #include <QtCore/QObject>
 #include <QtCore/QString>
 
-#include <functional>
 #include <memory>
+#include <utility>
 
 /*!
     One accepted connection: buffers its bytes, offers them to the task, cuts what was consumed.
 
     Thread: its task's worker thread; discard(), discardTo() and currentId() from any thread.
     Owner:  the TcpTask2 that made it (QObject parent). It never deletes itself.
-    Locks:  idMutex and that of the unconsumed bytes; never held together, never while emitting.
+    Locks:  those of the id and of the unconsumed bytes; never held together or while emitting.
 */
 class TcpClient2 : public QObject,
                    private TransportReader,
@@ -45,10 +47,10 @@ public:
     ~TcpClient2() override;
 
     // In the client's thread only; see currentId().
-    QString &getId() TCPINPUT_ANNOTATE(no_thread_safety_analysis) { return id; }
+    QString &getId() { return id.inThread(); }
 
     // A copy of the id, from any thread.
-    QString currentId() const;
+    QString currentId() const { return id.copy(); }
 
     // Cuts len bytes from the front. Its effects show later and in the client's thread, even when
     // called from there. len <= 0 cuts nothing, a len beyond the buffer empties it.
@@ -59,7 +61,7 @@ public:
     void stampOffers(quint64 connectionNumber) { number = connectionNumber; }
 
     // The id ends with this number, see clientId(). Call before the first read.
-    void numberId(quint64 value) { idNumber = value; }
+    void numberId(quint64 value) { id.setNumber(value); }
 
     // 0 if offers are not stamped. From any thread.
     quint64 connectionNumber() const { return number; }
@@ -67,25 +69,23 @@ public:
     // As discard(), but cuts up to the position, which counts from the connection's first byte. A
     // position at or before the front cuts nothing and causes no offer; one beyond the received
     // bytes empties the buffer.
-    void discardTo(quint64 position);
+    void discardTo(quint64 position) { cuts.ask(UnconsumedBytes::Position{position}); }
 
     // Stream position of the current offer; valid in its slots and taker. It is the number of the
     // connection's bytes before the first byte of the offer.
-    quint64 offerPosition() const { return offeredPosition; }
+    quint64 offerPosition() const { return outlet.position(); }
 
     // Offers the whole unconsumed buffer and restarts the idle time-out.
     void emitData() { offer(unconsumed.copy()); }
 
     // Is called with the bytes of each offer, at a fraction of the cost of readyRead(). Default:
     // empty, nobody is called.
-    using Taker = std::function<void(const QByteArray &data)>;
-    void offerTo(Taker value) { taker = std::move(value); }
+    void offerTo(Outlet::Taker value) { outlet.offerTo(std::move(value)); }
 
-    // Is called once, after the last offer. position: behind the last byte. Default: empty.
-    using EndTaker = std::function<void(EndReason reason, quint64 position)>;
-    void tellEndTo(EndTaker value) { endTaker = std::move(value); }
+    // Is called once, after the last offer. Default: empty.
+    void tellEndTo(Outlet::EndTaker value) { outlet.tellEndTo(std::move(value)); }
     // Whether the taker was ever called.
-    bool hasOffered() const { return offered; }
+    bool hasOffered() const { return outlet.hasOffered(); }
 
     // value: not owned, in the same thread, outlives the client. Default: null; the client then
     // checks its backlog by itself.
@@ -122,7 +122,7 @@ public Q_SLOTS:
     // Closes the socket, offers what is left and reports the end. A second call does nothing.
     void mdisconnected();
     void mreadyRead();
-    void cutInbuf(int len);
+    void cutInbuf(int len) { cuts.carryOut(UnconsumedBytes::Length{len}); }
 
 private Q_SLOTS:
     void timeout();
@@ -140,7 +140,6 @@ private:
             intake->readNothing();
     }
     void offerWaiting(qint64 now) override;
-    void offerMerged() override;
     void endStalled(std::chrono::seconds after) override;
     bool isPaused() const { return intake && intake->isPaused(); }
     bool appendAvailable();
@@ -149,38 +148,24 @@ private:
 
     void checkIdle();
     void offer(const Snapshot &unconsumed);
-    void wasCut(qsizetype left);
+    void afterCut(qsizetype left);
     bool offerRemainder(qsizetype left);
-    void handOut(const Snapshot &unconsumed);
     void emitOffer(const Snapshot &unconsumed, const QTcpSocket &from);
 
-    void requestCut(int len);
-    bool isOwnThread() const;
-    template<class Cut>
-    void postCut(Cut cut);
-    void cutTo(quint64 position);
-
-    mutable Mutex idMutex;
-    QString id GUARDED_BY(idMutex); // the client's thread writes, and reads unlocked
+    DerivedId id;
     UnconsumedBytes unconsumed;
+    CutQueue cuts{unconsumed, *this, [this](qsizetype left) { afterCut(left); }};
     quint64 number = 0; // set once, see stampOffers()
 
     // All below: the client's thread only.
     WorkerCounters *counters = &WorkerCounters::unread();
-    QTcpSocket *socket = nullptr; // null after the end
-    std::unique_ptr<SocketTransport> adapter; // for a socket that is no transport itself
-    Transport *transport = nullptr; // of the socket; null after the end
+    Link link; // gone after the end
     IdleTimer idle;
     BacklogCheck backlog{unconsumed};
     OfferPace pace{*this};
+    Outlet outlet;
     std::unique_ptr<Intake> intake; // null: not limited
-    quint64 idNumber = 0; // see numberId()
     qint64 bytesReceived = 0;
     qint64 msgsReceived = 0; // reads, not messages of the data stream
-    bool idBuilt = false;
     EndReason ownReason = EndReason::Stop; // if this side ends the connection
-    bool offered = false; // the taker was called
-    quint64 offeredPosition = 0; // of the latest offer
-    Taker taker;
-    EndTaker endTaker;
 };

@@ -31,10 +31,6 @@ TcpInputPlugin2::TcpInputPlugin2(QObject *parent, const QJsonObject &initial)
 
 void TcpInputPlugin2::initialise()
 {
-    qRegisterMetaType<QSslSocket *>();
-    qRegisterMetaType<QAbstractSocket::SocketError>();
-    qRegisterMetaType<QSslError>();
-    qRegisterMetaType<QList<QSslError>>();
     qRegisterMetaType<Connection>();
     qRegisterMetaType<shared_parsedData>();
 
@@ -81,9 +77,8 @@ bool TcpInputPlugin2::event(QEvent *event)
     // has a value.
     if (event->type() == QEvent::DeferredDelete && destroying)
         return true;
-    if (event->type() == CountersEvent::Number) {
-        if (auto *question = dynamic_cast<CountersEvent *>(event))
-            fill(*question);
+    if (auto *question = CountersEvent::from(event)) {
+        fill(*question);
         return true;
     }
     return IInputPlugin::event(event);
@@ -93,12 +88,11 @@ void TcpInputPlugin2::fill(CountersEvent &question)
 {
     if (!question.hasLayout(CountersEvent::Layout))
         return;
-    InputCounters counters;
+    InputCounters &counters = question.answer().emplace();
     servers.addTo(counters);
     pool.addTo(counters);
     if (const auto &budget = configuration.serving.budget)
         counters.paused = static_cast<quint64>(budget->paused.load());
-    question.answer() = counters;
 }
 
 void TcpInputPlugin2::drop(int len)
@@ -134,8 +128,7 @@ bool TcpInputPlugin2::start()
     else
         listenTcp(used);
 
-    statusTimer.setInterval(StatusIntervalMs);
-    statusTimer.start();
+    statusTimer.start(StatusIntervalMs);
     connect(&statusTimer, &QTimer::timeout, this, &TcpInputPlugin2::showThreads);
     return true;
 }
@@ -198,21 +191,19 @@ QString TcpInputPlugin2::getStatus()
     for (TcpTask2 *task : pool.allTasks())
         result += task->getInfo(QStringLiteral("   "));
     if (const auto &budget = configuration.serving.budget)
-        result += QStringLiteral("Limits: %1 bytes held, %2 connections paused\r\n")
-                          .arg(budget->held())
-                          .arg(budget->paused.load());
+        result += budget->status();
     return result + servers.limiter().status();
 }
 
 void TcpInputPlugin2::discard(int length, const QMap<QString, QString> &subid)
 {
-    const auto text = subid.constFind(subids::task());
-    if (text == subid.constEnd()) {
+    const subids::Values values(subid);
+    if (!values.task) {
         CWRN(QtDebugMsg, QStringLiteral("TcpInput2(%1): subid[task] not set"), pluginId);
         return;
     }
-    const int number = text->toInt(); // 0 if the text is no number
-    const auto result = pool.tryDiscard(number, length, subid);
+    const int number = values.task->toInt(); // 0 if the text is no number
+    const auto result = pool.tryDiscard(number, length, values);
     if (!result)
         CWRN(QtDebugMsg, QStringLiteral("TcpInput2(%1): discarding for non-existing task %2"),
              pluginId, number);
@@ -279,25 +270,15 @@ bool TcpInputPlugin2::handOver()
     return true;
 }
 
-// No signal announces a pending connection a second time.
 void TcpInputPlugin2::retryUntaken()
 {
-    if (!WorkerThread::isAvailable())
-        return;
-    while (!untaken.isEmpty() && servers.active().hasPendingConnections()) {
-        if (!handOver()) {
-            untaken.tryLater();
-            return;
-        }
-        untaken.removeOne();
-    }
-    untaken.forget(servers.guard());
+    if (WorkerThread::isAvailable())
+        untaken.retry(servers, [this] { return handOver(); });
 }
 
 void TcpInputPlugin2::showThreads()
 {
-    const QStringList level = query(QStringLiteral("loglevel"));
-    if (!level.value(0).contains(QLatin1String("debug")))
+    if (!query(QStringLiteral("loglevel")).value(0).contains(QLatin1String("debug")))
         return;
     CWRN(QtDebugMsg, QStringLiteral("TcpInputPlugin2 %3: #threads = %1, #tasks = %2"),
          static_cast<qint64>(pool.allThreads().size()), static_cast<qint64>(pool.allTasks().size()),

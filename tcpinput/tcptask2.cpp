@@ -6,7 +6,6 @@
 #include "eventloop/epolleventdispatcher.h"
 #include "plugin/cwrn.h"
 #include "plugin/decimalnumber.h"
-#include "plugin/subids.h"
 #include "tcpinput/accept/connectionsource.h"
 #include "tcpinput/connection/clientid.h"
 #include "tcpinput/limits/heldbytes.h"
@@ -54,7 +53,10 @@ TakenConnection takeFrom(QTcpServer *server)
 
 } // namespace
 
-TcpTask2::TcpTask2(QObject *parent) : QObject(parent) {}
+TcpTask2::TcpTask2(QObject *parent) : QObject(parent)
+{
+    way.send = [this](const shared_parsedData &record) { Q_EMIT receivedData(record); };
+}
 
 TcpTask2::~TcpTask2()
 {
@@ -89,34 +91,31 @@ TcpTask2::~TcpTask2()
 
 void TcpTask2::discard(int length, const QMap<QString, QString> &subid)
 {
-    logDiscard(tryDiscard(length, subid), subid);
+    logDiscard(tryDiscard(length, subids::Values(subid)), subid);
 }
 
-TcpTask2::DiscardResult TcpTask2::tryDiscard(int length, const QMap<QString, QString> &subid) const
+TcpTask2::DiscardResult TcpTask2::tryDiscard(int length, const subids::Values &subid) const
 {
-    const auto id = subid.constFind(subids::client());
-    if (id == subid.constEnd())
+    if (!subid.client)
         return DiscardResult::NoClientKey;
     const ReadLocker locker(clientsLock);
-    TcpClient2 *client = clients.value(*id);
+    TcpClient2 *client = clients.value(*subid.client);
     if (!client)
         return DiscardResult::NoSuchClient;
     // Calls across threads, and a signal under the lock. Deliberate: without the lock the client
     // could be deleted meanwhile. The calls only cut bytes, or post the cut to the client's thread.
-    const auto offset = subid.constFind(subids::offset());
-    if (client->connectionNumber() != 0 && offset != subid.constEnd())
-        return discardTo(client, length, *offset, subid);
+    if (client->connectionNumber() != 0 && subid.offset)
+        return discardTo(client, length, subid);
     client->discard(length);
     return DiscardResult::Posted;
 }
 
-TcpTask2::DiscardResult TcpTask2::discardTo(TcpClient2 *client, int length, const QString &from,
-                                            const QMap<QString, QString> &subid)
+TcpTask2::DiscardResult TcpTask2::discardTo(TcpClient2 *client, int length,
+                                            const subids::Values &subid)
 {
-    const auto offset = decimalNumber(from);
-    const auto named = subid.constFind(subids::connection());
-    const auto number = named == subid.constEnd() ? std::optional(client->connectionNumber())
-                                                  : decimalNumber(*named);
+    const auto offset = decimalNumber(*subid.offset);
+    const auto number = subid.connection ? decimalNumber(*subid.connection)
+                                         : std::optional(client->connectionNumber());
     if (!offset || !number)
         return DiscardResult::InvalidPosition;
     if (*number == client->connectionNumber())
@@ -193,7 +192,7 @@ void TcpTask2::addConnection(Connection conn)
                 Qt::QueuedConnection); // under the lock: see stop()
         enter(client, id);
     }
-    CWRN(QtDebugMsg, QStringLiteral("TcpTask2 (%1): new client added, size = %2"), num,
+    CWRN(QtDebugMsg, QStringLiteral("TcpTask2 (%1): new client added, size = %2"), way.task,
          static_cast<qint64>(registry().size()));
 }
 
@@ -205,8 +204,6 @@ void TcpTask2::connectClient(TcpClient2 *client, const Acceptance &acceptance)
         client->numberId(acceptance.endpoints.idNumber);
     if (acceptance.serving.prompt)
         client->setPromptList(promptList.get());
-    if (acceptance.serving.ends != Serving::Ends::None)
-        tellEnd(client, acceptance);
     // Queued although both live in one thread: a client is never deleted inside its own signal.
     connect(
             client, &TcpClient2::disconnected, this,
@@ -224,47 +221,26 @@ void TcpTask2::connectClient(TcpClient2 *client, const Acceptance &acceptance)
                     idChanged(oid, id);
             },
             Qt::DirectConnection);
-    const auto held = limitClient(client, acceptance.serving.budget);
-    // The places are kept as long as the client lives.
-    client->offerTo([this, client, held, maker = RecordMaker(num, acceptance.endpoints, held),
-                     places = acceptance.places](const QByteArray &data) mutable {
-        const RecordMaker::Stamp stamp{client->connectionNumber(), client->offerPosition()};
-        Q_EMIT receivedData(maker.make(data, client->getId(), localSecond.now(),
-                                       stamp.connection == 0 ? nullptr : &stamp));
-        if (held)
-            tellHandOver(held);
+    connectOutlet(client, acceptance);
+}
+
+void TcpTask2::connectOutlet(TcpClient2 *client, const Acceptance &acceptance)
+{
+    std::shared_ptr<HeldBytes> held; // null: buffers are not limited
+    if (const auto &budget = acceptance.serving.budget) {
+        held = std::make_shared<HeldBytes>(budget);
+        client->limit(held, *pausedList);
+    }
+    const auto sender = std::make_shared<RecordSender>(way, acceptance, held);
+    client->offerTo([client, sender](const QByteArray &data) {
+        sender->offer(data, client->getId(), client->offerPosition());
     });
-}
-
-// Null if buffers are not limited.
-std::shared_ptr<HeldBytes> TcpTask2::limitClient(TcpClient2 *client,
-                                                 const std::shared_ptr<BufferBudget> &budget)
-{
-    if (!budget)
-        return nullptr;
-    auto held = std::make_shared<HeldBytes>(budget);
-    client->limit(held, *pausedList);
-    return held;
-}
-
-// Queued behind the record.
-void TcpTask2::tellHandOver(const std::shared_ptr<HeldBytes> &held)
-{
-    if (!consumer)
-        return held->handedOver();
-    QMetaObject::invokeMethod(
-            consumer, [held] { held->handedOver(); }, Qt::QueuedConnection);
-}
-
-void TcpTask2::tellEnd(TcpClient2 *client, const Acceptance &acceptance)
-{
-    client->tellEndTo([this, client, acceptance](EndReason reason, quint64 position) {
-        if (acceptance.serving.ends != Serving::Ends::All && !client->hasOffered())
-            return;
-        const RecordMaker::Stamp stamp{acceptance.number, position};
-        Q_EMIT receivedData(RecordMaker(num, acceptance.endpoints)
-                                    .makeEnd(reason, client->getId(), localSecond.now(),
-                                             stamp.connection == 0 ? nullptr : &stamp));
+    const Serving::Ends ends = acceptance.serving.ends;
+    if (ends == Serving::Ends::None)
+        return;
+    client->tellEndTo([client, sender, ends](EndReason reason, quint64 position) {
+        if (ends == Serving::Ends::All || client->hasOffered())
+            sender->end(reason, client->getId(), position);
     });
 }
 
@@ -317,7 +293,8 @@ void TcpTask2::readyRead(Connection c, const QString &id)
 {
     const Endpoints endpoints{c.getSenderHost(), c.getLocalAddress(), c.getSenderPort(),
                               c.getLocalPort()};
-    Q_EMIT receivedData(RecordMaker(num, endpoints).make(c.getData(), id, localSecond.now()));
+    RecordMaker maker(way.task, endpoints);
+    Q_EMIT receivedData(maker.make(c.getData(), id, way.clock.now()));
 }
 
 void TcpTask2::stop()

@@ -5,10 +5,11 @@
 
 #include "plugin/connection.h"
 #include "plugin/parseddata.h"
+#include "plugin/subids.h"
 #include "tcpinput/receive/backlogwatch.h"
-#include "tcpinput/receive/localsecond.h"
 #include "tcpinput/receive/pausedlist.h"
 #include "tcpinput/receive/promptlist.h"
+#include "tcpinput/receive/recordsender.h"
 #include "tcpinput/workers/locks.h"
 #include "tcpinput/workers/workercounters.h"
 
@@ -23,8 +24,6 @@
 #include <utility>
 
 struct Acceptance;
-class BufferBudget;
-class HeldBytes;
 class TcpClient2;
 
 /*!
@@ -48,12 +47,12 @@ public:
     ~TcpTask2() override;
 
     // Sets the task's number. Call once, before the task is moved into its thread.
-    void setNum(int n) { num = n; }
+    void setNum(int n) { way.task = n; }
     // value: not null. Call as setNum(). Default: nobody reads what the task counts.
     void setCounters(std::shared_ptr<WorkerCounters> value) { counters = std::move(value); }
     // value: gets receivedData() in its own thread, queued. Not owned, outlives the task. Default:
     // null; then nobody waits for records to be handed over.
-    void setConsumer(QObject *value) { consumer = value; }
+    void setConsumer(QObject *value) { way.consumer = value; }
 
     enum class DiscardResult { Posted, NoClientKey, NoSuchClient, InvalidPosition };
 
@@ -63,7 +62,7 @@ public:
     void discard(int length, const QMap<QString, QString> &subid);
 
     // The two halves of discard(), for a caller that holds a lock during the first.
-    DiscardResult tryDiscard(int length, const QMap<QString, QString> &subid) const;
+    DiscardResult tryDiscard(int length, const subids::Values &subid) const;
     static void logDiscard(DiscardResult result, const QMap<QString, QString> &subid);
 
     bool event(QEvent *event) override;
@@ -94,13 +93,9 @@ private Q_SLOTS:
     void idChanged(const QString &oid, const QString &id);
 
 private:
-    static DiscardResult discardTo(TcpClient2 *client, int length, const QString &from,
-                                   const QMap<QString, QString> &subid);
+    static DiscardResult discardTo(TcpClient2 *client, int length, const subids::Values &subid);
     void connectClient(TcpClient2 *client, const Acceptance &acceptance);
-    std::shared_ptr<HeldBytes> limitClient(TcpClient2 *client,
-                                           const std::shared_ptr<BufferBudget> &budget);
-    void tellHandOver(const std::shared_ptr<HeldBytes> &held);
-    void tellEnd(TcpClient2 *client, const Acceptance &acceptance);
+    void connectOutlet(TcpClient2 *client, const Acceptance &acceptance);
     // The registry, for reads in the task's thread.
     const QHash<QString, TcpClient2 *> &registry() const
     {
@@ -115,12 +110,11 @@ private:
     // By client id. Written in the task's thread only, which reads without the lock.
     QHash<QString, TcpClient2 *> clients GUARDED_BY(clientsLock);
     std::atomic<bool> running = true; // until the first stop()
-    int num = 0; // this and below: set once, before the task is moved
-    QObject *consumer = nullptr;
+    // Set once, before the task is moved.
     std::shared_ptr<WorkerCounters> counters = std::make_shared<WorkerCounters>();
     bool dying = false; // this and below: the task's thread only
     QSet<TcpClient2 *> displaced; // other clients took their ids; until their end
-    LocalSecond localSecond;
+    RecordSender::Way way; // its number and consumer: set once, before the task is moved
     // Made with the first client, in the task's thread.
     std::unique_ptr<BacklogWatch> watch;
     std::unique_ptr<PromptList> promptList;

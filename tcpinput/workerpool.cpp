@@ -80,7 +80,7 @@ bool WorkerPool::startThread(int number)
 }
 
 std::optional<TcpTask2::DiscardResult> WorkerPool::tryDiscard(int number, int length,
-                                                              const QMap<QString, QString> &subid)
+                                                              const subids::Values &subid)
 {
     const ReadLocker locker(tasksLock);
     const TcpTask2 *task = tasks.value(number);

@@ -61,7 +61,7 @@ public:
 
     // As TcpTask2::tryDiscard(); nothing if there is no such task.
     std::optional<TcpTask2::DiscardResult> tryDiscard(int number, int length,
-                                                      const QMap<QString, QString> &subid);
+                                                      const subids::Values &subid);
 
     // Adds what the workers have done, and how they are.
     void addTo(InputCounters &sum);

@@ -40,7 +40,13 @@ void announceAgain(QSslSocket *socket)
 SslServer::SslServer(QObject *parent)
     : AcceptingServer(parent,
                       [this] { return openHandshakes + waiting.size() + proxies.waiting(); })
-{}
+{
+    // For receivers of its signals with a queued connection.
+    qRegisterMetaType<QSslSocket *>();
+    qRegisterMetaType<QAbstractSocket::SocketError>();
+    qRegisterMetaType<QSslError>();
+    qRegisterMetaType<QList<QSslError>>();
+}
 
 SslServer::~SslServer()
 {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "tcpinput/accept/acceptguard.h"
+#include "tcpinput/accept/servers.h"
 
 #include <QtCore/QTimer>
 
@@ -33,9 +34,20 @@ public:
         guard.hold(false);
     }
 
-    bool isEmpty() const { return count == 0; }
-    void removeOne() { --count; }
-    void tryLater() { start(qMin(2 * interval(), LongestRetryMs)); }
+    // To be called when the timer fires. handOver: hands over one of the servers' pending
+    // connections; false: there is still no thread.
+    template<class HandOver>
+    void retry(Servers &servers, HandOver handOver)
+    {
+        while (count > 0 && servers.active().hasPendingConnections()) {
+            if (!handOver()) {
+                start(qMin(2 * interval(), LongestRetryMs));
+                return;
+            }
+            --count;
+        }
+        forget(servers.guard());
+    }
 
 private:
     static constexpr int FirstRetryMs = 500;

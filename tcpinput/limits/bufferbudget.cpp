@@ -23,6 +23,13 @@ qint64 BufferBudget::reserve(qint64 ofConnection, qint64 most)
     return bytes;
 }
 
+QString BufferBudget::status() const
+{
+    return QStringLiteral("Limits: %1 bytes held, %2 connections paused\r\n")
+            .arg(held())
+            .arg(paused.load());
+}
+
 qint64 BufferBudget::roomBeside(qint64 heldByAll, qint64 ofConnection) const
 {
     if (limits.totalBuffer == 0)

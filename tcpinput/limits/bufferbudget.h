@@ -5,6 +5,8 @@
 
 #include "tcpinput/limits/limits.h"
 
+#include <QtCore/QString>
+
 #include <atomic>
 
 /*!
@@ -37,6 +39,9 @@ public:
     // As many, but no more than most, and adds them. Others may take in meanwhile: a room that was
     // only looked at may be gone before it is used.
     qint64 reserve(qint64 ofConnection, qint64 most);
+
+    // A line of getStatus().
+    QString status() const;
 
     // How many connections do not read at present.
     std::atomic<int> paused = 0;

@@ -3,6 +3,7 @@
 
 #include "tcpinput/receive/intake.h"
 
+#include "tcpinput/receive/clock.h"
 #include "tcpinput/receive/transport.h"
 
 #include <algorithm>
@@ -23,7 +24,7 @@ Intake::Intake(Reader &owner, QObject &context, Transport &from, PausedList &pau
       list(pausedList),
       held(std::move(heldBytes))
 {
-    held->setReceiver(&context, [&owner] { owner.offerMerged(); });
+    held->setReceiver(&context, [&owner] { owner.offerWaiting(Clock::now()); });
     transport.setLimited(true);
 }
 

@@ -35,8 +35,8 @@ public:
     public:
         // The connection was paused for the stalled time-out, and nothing was consumed.
         virtual void endStalled(std::chrono::seconds after) = 0;
-        // An offer that was merged can be made now.
-        virtual void offerMerged() = 0;
+        // An offer that was merged can be made now. now: of Clock::now().
+        virtual void offerWaiting(qint64 now) = 0;
 
     protected:
         ~Reader() = default;
@@ -59,7 +59,7 @@ public:
     // To be called after each read, and after each cut in this thread.
     void settle();
     // To be called before each offer but the last one. False: the record before is still on its way
-    // to the host. The offer is merged into the next one, see Reader::offerMerged().
+    // to the host. The offer is merged into the next one, see Reader::offerWaiting().
     bool beginOffer() { return held->beginHandOver(); }
     // From now on there is no limit: the end has come.
     void open();

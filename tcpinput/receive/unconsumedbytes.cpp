@@ -60,21 +60,12 @@ qsizetype UnconsumedBytes::readFrom(Transport &transport, qsizetype count)
     return came > 0 ? buffer.size() : 0;
 }
 
-bool UnconsumedBytes::cutAhead(qsizetype length, bool inClientsThread)
+bool UnconsumedBytes::cutAhead(const Cut &asked, bool inClientsThread)
 {
     const MutexLocker locker(mutex);
-    return cutAheadLocked(length, inClientsThread);
-}
-
-bool UnconsumedBytes::cutAheadTo(quint64 position, bool inClientsThread)
-{
-    const MutexLocker locker(mutex);
-    // If position is cut already there is nothing to do, whatever other cuts are on their way.
-    return position <= bytesCut || cutAheadLocked(lengthTo(position), inClientsThread);
-}
-
-bool UnconsumedBytes::cutAheadLocked(qsizetype length, bool inClientsThread)
-{
+    if (isDone(asked)) // whatever other cuts are on their way
+        return true;
+    const qsizetype length = lengthOf(asked);
     const qsizetype left = buffer.size() - std::max<qsizetype>(length, 0);
     if (postedCuts > 0 || left < 0 || left > RemainderBytes || inClientsThread
         || (held && held->isPaused())) {
@@ -86,22 +77,12 @@ bool UnconsumedBytes::cutAheadLocked(qsizetype length, bool inClientsThread)
     return true;
 }
 
-qsizetype UnconsumedBytes::cut(qsizetype length)
+std::optional<qsizetype> UnconsumedBytes::cut(const Cut &asked)
 {
     const MutexLocker locker(mutex);
-    return cutLocked(length);
-}
-
-std::optional<qsizetype> UnconsumedBytes::cutTo(quint64 position)
-{
-    const MutexLocker locker(mutex);
-    const qsizetype length = lengthTo(position);
-    return length > 0 ? std::optional(cutLocked(length)) : std::nullopt;
-}
-
-qsizetype UnconsumedBytes::cutLocked(qsizetype length)
-{
-    cutFront(length);
+    if (isDone(asked))
+        return std::nullopt;
+    cutFront(lengthOf(asked));
     recentCut.reset(); // it was made before this one
     return buffer.size();
 }
@@ -138,9 +119,17 @@ qsizetype UnconsumedBytes::leftByRecentCut()
     return onItsWay ? buffer.size() : 0;
 }
 
-// Counted from the first unconsumed byte; 0 for a position before it.
-qsizetype UnconsumedBytes::lengthTo(quint64 position) const
+bool UnconsumedBytes::isDone(const Cut &asked) const
 {
+    const auto *position = std::get_if<Position>(&asked);
+    return position && position->end <= bytesCut;
+}
+
+// Counted from the first unconsumed byte. The cut is not done yet.
+qsizetype UnconsumedBytes::lengthOf(const Cut &asked) const
+{
+    if (const auto *length = std::get_if<Length>(&asked))
+        return length->bytes;
     constexpr auto Longest = static_cast<quint64>(std::numeric_limits<qsizetype>::max());
-    return static_cast<qsizetype>(std::min(position - std::min(position, bytesCut), Longest));
+    return static_cast<qsizetype>(std::min(std::get<Position>(asked).end - bytesCut, Longest));
 }

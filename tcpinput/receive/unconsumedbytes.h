@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <utility>
+#include <variant>
 
 class HeldBytes;
 class Transport;
@@ -26,7 +27,7 @@ class Transport;
     RemainderBytes is never made ahead. A cut never overtakes a read: after each read,
     leftByRecentCut() tells how many bytes were left by a cut that would still have been on its way.
 
-    Thread: the client's; size(), cutAhead(), cutAheadTo() also from any other.
+    Thread: the client's; size() and cutAhead() also from any other.
     Owner:  the client, as a member.
     Locks:  one of its own, held during each call.
 */
@@ -58,17 +59,23 @@ public:
     // Reads count bytes, which are available. Returns the size afterwards, or 0 if nothing came.
     qsizetype readFrom(Transport &transport, qsizetype count);
 
-    // True: done. False: the caller must post the cut to the client's thread, which then calls
-    // cut() or cutTo(), and at last endPostedCut(). inClientsThread: whether the caller runs in
-    // that thread.
-    bool cutAhead(qsizetype length, bool inClientsThread);
-    bool cutAheadTo(quint64 position, bool inClientsThread);
+    //! So many bytes from the front. 0 or less cuts nothing, more than there are cuts all.
+    struct Length
+    {
+        qsizetype bytes;
+    };
+    //! All bytes before that position of the stream.
+    struct Position
+    {
+        quint64 end;
+    };
+    using Cut = std::variant<Length, Position>;
 
-    // Returns how many bytes are left. A length of 0 or less cuts nothing, one beyond the size cuts
-    // all.
-    qsizetype cut(qsizetype length);
-    // Cuts up to that position. If it is at or before the first byte, cuts and returns nothing.
-    std::optional<qsizetype> cutTo(quint64 position);
+    // True: done. False: the caller must post the cut to the client's thread, which then calls
+    // cut(), and at last endPostedCut(). inClientsThread: whether the caller runs in that thread.
+    bool cutAhead(const Cut &asked, bool inClientsThread);
+    // Returns how many bytes are left. Nothing if all before the position was cut already.
+    std::optional<qsizetype> cut(const Cut &asked);
     void endPostedCut();
 
     // To be called after each read. 0: there was no such cut.
@@ -77,9 +84,8 @@ public:
 private:
     void cutFront(qsizetype length) REQUIRES_LOCK(mutex);
     void consumed(qsizetype bytes);
-    bool cutAheadLocked(qsizetype length, bool inClientsThread) REQUIRES_LOCK(mutex);
-    qsizetype cutLocked(qsizetype length) REQUIRES_LOCK(mutex);
-    qsizetype lengthTo(quint64 position) const REQUIRES_LOCK(mutex);
+    bool isDone(const Cut &asked) const REQUIRES_LOCK(mutex);
+    qsizetype lengthOf(const Cut &asked) const REQUIRES_LOCK(mutex);
 
     std::shared_ptr<HeldBytes> held; // set once, like counters
     WorkerCounters *counters = &WorkerCounters::unread();

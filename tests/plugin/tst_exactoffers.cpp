@@ -46,6 +46,7 @@ private Q_SLOTS:
     void farPositions();
     void forgetsByTheEnd();
     void endWithoutPosition();
+    void valuesAreThoseOfTheirKeys();
 };
 
 void tst_ExactOffers::everythingIsNewAtFirst()
@@ -249,6 +250,29 @@ void tst_ExactOffers::endWithoutPosition()
     record.addPluginSubId(QStringLiteral("end"), QStringLiteral("stop"));
     QVERIFY(offers.open(record).isEnd());
     QVERIFY(!offers.open(ParsedData()).isEnd());
+}
+
+// A host may have added others, and no key is taken for another of the same length.
+void tst_ExactOffers::valuesAreThoseOfTheirKeys()
+{
+    QMap<QString, QString> map{{QStringLiteral("tesk"), QStringLiteral("1")},
+                               {QStringLiteral("offse"), QStringLiteral("2")},
+                               {QStringLiteral("Client"), QStringLiteral("3")},
+                               {QStringLiteral("connections"), QStringLiteral("4")},
+                               {QString(), QStringLiteral("5")}};
+    const subids::Values none(map);
+    QVERIFY(!none.task && !none.offset && !none.client && !none.connection && !none.end);
+
+    const QStringList keys{subids::client(), subids::connection(), subids::end(), subids::offset(),
+                           subids::task()};
+    for (const QString &key : keys)
+        map.insert(key, QLatin1String("value of ") + key);
+    const subids::Values all(map);
+    QCOMPARE(*all.client, QStringLiteral("value of client"));
+    QCOMPARE(*all.connection, QStringLiteral("value of connection"));
+    QCOMPARE(*all.end, QStringLiteral("value of end"));
+    QCOMPARE(*all.offset, QStringLiteral("value of offset"));
+    QCOMPARE(*all.task, QStringLiteral("value of task"));
 }
 
 QTEST_APPLESS_MAIN(tst_ExactOffers)

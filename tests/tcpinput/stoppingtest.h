@@ -32,7 +32,8 @@ inline QByteArray bytesOf(int number)
 inline bool isUnlocked(const TcpTask2 &task)
 {
     return returnsInAnotherThread([&task] {
-        task.tryDiscard(0, {{QStringLiteral("client"), QString()}});
+        const QMap<QString, QString> subid{{QStringLiteral("client"), QString()}};
+        task.tryDiscard(0, subids::Values(subid));
     });
 }
 

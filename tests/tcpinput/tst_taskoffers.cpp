@@ -242,10 +242,12 @@ void tst_TaskOffers::discardInTwoSteps()
 {
     const Accepted accepted = accept();
     EventLog::take();
-    QCOMPARE(task->tryDiscard(1, {}), TcpTask2::DiscardResult::NoClientKey);
-    QCOMPARE(task->tryDiscard(1, clientSubId(QStringLiteral("x"))),
-             TcpTask2::DiscardResult::NoSuchClient);
-    QCOMPARE(task->tryDiscard(1, clientSubId(accepted.givenId())), TcpTask2::DiscardResult::Posted);
+    const auto tryDiscard = [&](const QMap<QString, QString> &subid) {
+        return task->tryDiscard(1, subids::Values(subid));
+    };
+    QCOMPARE(tryDiscard({}), TcpTask2::DiscardResult::NoClientKey);
+    QCOMPARE(tryDiscard(clientSubId(QStringLiteral("x"))), TcpTask2::DiscardResult::NoSuchClient);
+    QCOMPARE(tryDiscard(clientSubId(accepted.givenId())), TcpTask2::DiscardResult::Posted);
     QCOMPARE(EventLog::take(), QStringList());
 
     TcpTask2::logDiscard(TcpTask2::DiscardResult::Posted, {});

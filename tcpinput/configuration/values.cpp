@@ -16,6 +16,7 @@ namespace {
 constexpr int HighestPort = 65534;
 constexpr qint64 LargestSize = (qint64(1) << 53) - 1;
 constexpr qsizetype LongestShownText = 40;
+constexpr qsizetype LongestShownArray = 200; // as a text
 
 } // namespace
 
@@ -73,8 +74,12 @@ QString values::shown(const QJsonValue &value)
 {
     if (value.isObject())
         return QStringLiteral("an object");
-    if (value.isArray())
-        return QStringLiteral("an array");
+    if (value.isArray()) {
+        const QByteArray text = QJsonDocument(value.toArray()).toJson(QJsonDocument::Compact);
+        return text.size() <= LongestShownArray
+                ? QString::fromUtf8(text)
+                : QStringLiteral("an array of %1 values").arg(value.toArray().size());
+    }
     if (const qsizetype size = value.toString().size(); size > LongestShownText)
         return QStringLiteral("a text of %1 characters").arg(size);
     // A document is an array or an object.

@@ -259,14 +259,22 @@ void tst_Limits::refusesOtherValues_data()
         "unknown key limits.ConnectionBuffer, accepted: addressBits, connectionBuffer, "
         "connectionRate, exempt, handshakeTimeout, maxConnections, maxConnectionsPerAddress, "
         "maxHandshakes, stalledTimeout, totalBuffer");
-    const QString bits = QStringLiteral(
-            "limits.addressBits is an array, accepted: two numbers: 1 to 32 for IPv4, 1 to 128 for "
-            "IPv6");
+    const QString bits = QStringLiteral("limits.addressBits is %1, accepted: two numbers: 1 to 32 "
+                                        "for IPv4, 1 to 128 for IPv6");
     for (const QJsonArray &value :
          {QJsonArray(), QJsonArray{32}, QJsonArray{33, 64}, QJsonArray{32, 129}, QJsonArray{0, 64},
-          QJsonArray{32, 64, 1}, QJsonArray{QStringLiteral("32"), 64}})
-        QTest::addRow("bits %s", QJsonDocument(value).toJson(QJsonDocument::Compact).constData())
-                << QJsonValue(QJsonObject{{QStringLiteral("addressBits"), value}}) << bits;
+          QJsonArray{32, 64, 1}, QJsonArray{QStringLiteral("32"), 64}}) {
+        const QByteArray text = QJsonDocument(value).toJson(QJsonDocument::Compact);
+        QTest::addRow("bits %s", text.constData())
+                << QJsonValue(QJsonObject{{QStringLiteral("addressBits"), value}})
+                << bits.arg(QString::fromUtf8(text));
+    }
+    QJsonArray many;
+    for (int n = 0; n < 70; ++n)
+        many += 32;
+    QTest::newRow("bits, too many to be shown")
+            << QJsonValue(QJsonObject{{QStringLiteral("addressBits"), many}})
+            << bits.arg(QStringLiteral("an array of 70 values"));
     const QString rate = QStringLiteral("limits.connectionRate is an object, accepted: "
                                         "\"perSecond\" and perhaps \"burst\": 1 to 2147483647");
     const QString perSecond = QStringLiteral("perSecond");
@@ -278,7 +286,7 @@ void tst_Limits::refusesOtherValues_data()
         QTest::addRow("rate %s", QJsonDocument(value).toJson(QJsonDocument::Compact).constData())
                 << QJsonValue(QJsonObject{{QStringLiteral("connectionRate"), value}}) << rate;
     row("exempt", QJsonObject{{QStringLiteral("exempt"), QJsonArray{QStringLiteral("10.0.0/8")}}},
-        "limits.exempt is an array, accepted: an array of addresses and networks such as "
+        "limits.exempt is [\"10.0.0/8\"], accepted: an array of addresses and networks such as "
         "\"10.0.0.0/8\"");
     row("negative", QJsonObject{{QStringLiteral("maxConnections"), -1}},
         "limits.maxConnections is -1, accepted: 1 to 2147483647");

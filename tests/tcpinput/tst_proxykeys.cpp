@@ -140,10 +140,10 @@ void tst_ProxyKeys::refuses_data()
     row("empty", QJsonObject(), u" is an object"_s, object);
     row("no proxies", QJsonObject{{u"timeout"_s, 5}}, u" is an object"_s, object);
     row("from is text", QJsonObject{{u"from"_s, u"::1"_s}}, u".from is \"::1\""_s, Networks);
-    row("from is empty", QJsonObject{{u"from"_s, QJsonArray()}}, u".from is an array"_s, Networks);
+    row("from is empty", QJsonObject{{u"from"_s, QJsonArray()}}, u".from is []"_s, Networks);
     row("no network", QJsonObject{{u"from"_s, QJsonArray{u"::1"_s, u"10/8"_s}}},
-        u".from is an array"_s, Networks);
-    row("a number", QJsonObject{{u"from"_s, QJsonArray{u"::1"_s, 10}}}, u".from is an array"_s,
+        u".from is [\"::1\",\"10/8\"]"_s, Networks);
+    row("a number", QJsonObject{{u"from"_s, QJsonArray{u"::1"_s, 10}}}, u".from is [\"::1\",10]"_s,
         Networks);
     row("timeout 0", rule(u"timeout"_s, 0), u".timeout is 0"_s, u"1 to 2147483647"_s);
     row("timeout text", rule(u"timeout"_s, u"5"_s), u".timeout is \"5\""_s, u"1 to 2147483647"_s);

@@ -139,7 +139,7 @@ void TcpInputPlugin2::listenTcp(const Configuration &used)
 {
     CWRN(QtInfoMsg, QStringLiteral("TcpInputPlugin2(%1): Starting TCP server on port %2"), pluginId,
          used.port);
-    if (used.proxies) // a connection can be taken when its header was read
+    if (servers.tcp.announcesEach())
         connect(&servers.tcp, &QTcpServer::pendingConnectionAvailable, this,
                 &TcpInputPlugin2::handleConnection);
     else

@@ -45,6 +45,8 @@ public:
     // this one.
     bool keeps(Acceptance &acceptance);
 
+    bool mayRefuse() const { return limits.connectionsPerAddress > 0; }
+
     // handshakes: how many connections are in one, or before it.
     bool mayAccept(qsizetype handshakes, Time now = std::chrono::steady_clock::now());
 

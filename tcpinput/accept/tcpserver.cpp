@@ -38,6 +38,6 @@ void TcpServer::admit(qintptr descriptor, const Acceptance &acceptance)
     waiting.add({descriptor, acceptance});
     guard.accepted();
     // The signal is private to Qt's class, but can be invoked by name. Receivers may delete this.
-    if (proxies.isOn())
+    if (announcesEach())
         QMetaObject::invokeMethod(this, "pendingConnectionAvailable", Qt::DirectConnection);
 }

@@ -20,8 +20,9 @@ struct AcceptedDescriptor
     An accepted connection waits as a bare descriptor. Its socket is made by the thread that takes
     it, so no socket and no notifier is ever shared between threads.
 
-    Qt emits newConnection() at the acceptance. With a rule for proxies a connection can be taken
-    later, so then pendingConnectionAvailable() is emitted for each one, too, when it can be taken.
+    Qt emits newConnection() at each acceptance. With a rule for proxies a connection can be taken
+    later, and with a limit for each address it may have been refused. So then
+    pendingConnectionAvailable() is emitted, too, for each one when it can be taken.
 
     Thread: its creator's, except hasPendingConnections(), take() and nextPendingConnection(): any.
     Owner:  the plugin.

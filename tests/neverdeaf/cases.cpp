@@ -3,6 +3,7 @@
 
 #include "cases.h"
 
+#include "plugin/countersevent.h"
 #include "scene.h"
 #include "tests/kit/nofreedescriptors.h"
 
@@ -22,6 +23,19 @@ QString text(const char *latin1)
     return QString::fromLatin1(latin1);
 }
 
+void sendUntilClosed(TlsDevice &device, bool tls)
+{
+    if (tls && !device.handshake())
+        return;
+    const QByteArray piece(16384, 'x');
+    bool isSent = true;
+    while (isSent) {
+        if (tls)
+            device.write(piece);
+        isSent = tls ? device.flush() : device.socket.send(piece);
+    }
+}
+
 void startIn(Scene &scene)
 {
     if (!scene.plugin->start() || !isListening(*scene.plugin))
@@ -36,6 +50,20 @@ void count(Outcome &outcome, Scene &scene, int causes, int linesEach)
     outcome.connections = causes + scene.goodDevices;
     outcome.lines = scene.lines();
     outcome.allowedLines = causes * linesEach + scene.goodDevices * LinesServed + LinesConstant;
+}
+
+// Another one of this process.
+QHostAddress otherAddress()
+{
+    return QHostAddress(testAddress().toIPv4Address() + (64U << 16U));
+}
+
+NativeSocket connectFromOther(quint16 port)
+{
+    NativeSocket peer = NativeSocket::unconnected(testAddress());
+    if (!peer.bind(otherAddress(), 0) || !peer.connect(testAddress(), port))
+        qFatal("another address cannot connect");
+    return peer;
 }
 
 void raiseDescriptorLimit()
@@ -120,24 +148,81 @@ Outcome NeverDeaf::slowHeaders(bool tls, int headers)
     Outcome outcome;
     outcome.cause = text("%1 slow PROXY headers").arg(headers);
     raiseDescriptorLimit();
-    const QHostAddress proxy(testAddress().toIPv4Address() + (64U << 16U)); // of this process, too
-    const QJsonObject rule{{text("from"), QJsonArray{proxy.toString()}}, {text("timeout"), 600}};
+    const QJsonObject rule{{text("from"), QJsonArray{otherAddress().toString()}},
+                           {text("timeout"), 600}};
     Scene scene(tls, {{text("proxyProtocol"), rule}});
     startIn(scene);
     outcome.before = scene.serveMedian();
     std::vector<NativeSocket> slow;
     for (int n = 0; n < headers; ++n) {
-        NativeSocket peer = NativeSocket::unconnected(testAddress());
-        if (!peer.bind(proxy, 0) || !peer.connect(testAddress(), scene.port)
-            || !peer.send("PROXY TCP4 203.0"))
-            qFatal("a proxy cannot connect");
-        slow.push_back(std::move(peer));
+        slow.push_back(connectFromOther(scene.port));
+        slow.back().send("PROXY TCP4 203.0");
     }
     scene.serve(); // accepted after all of them
     outcome.during = scene.serveMedian();
     slow.clear();
     outcome.after = scene.serve();
     count(outcome, scene, headers, 0); // a warning or two for all of them
+    return outcome;
+}
+
+Outcome NeverDeaf::refusedPeers(bool tls, int peers)
+{
+    Outcome outcome;
+    outcome.cause = text("%1 connects that a limit refuses").arg(peers);
+    // Good devices have the address that the kernel chooses.
+    const QJsonArray good{text("127.0.0.1"), testAddress().toString()};
+    const QJsonObject limits{{text("maxConnectionsPerAddress"), 1}, {text("exempt"), good}};
+    Scene scene(tls, {{text("limits"), limits}});
+    startIn(scene);
+    outcome.before = scene.serveMedian();
+    NativeSocket first = connectFromOther(scene.port);
+    outcome.during = scene.serveDuring([&] {
+        for (int n = 0; n < peers; ++n)
+            connectFromOther(scene.port);
+    });
+    if (CountersEvent::countersOf(*scene.plugin)->refusedByLimit < quint64(peers) - 1)
+        qFatal("the limit refuses nobody");
+    first.close();
+    outcome.after = scene.serve();
+    count(outcome, scene, 1, LinesSilent); // and a line a minute
+    outcome.connections += peers;
+    return outcome;
+}
+
+Outcome NeverDeaf::pausedPeers(bool tls, int peers)
+{
+    constexpr int Buffer = 65536;
+    constexpr int LargestReads = Buffer / 1000; // that are logged, until it is full
+    Outcome outcome;
+    outcome.cause = text("%1 devices that a limit has paused").arg(peers);
+    Scene scene(tls, {{text("limits"), QJsonObject{{text("connectionBuffer"), Buffer}}}});
+    startIn(scene);
+    outcome.before = scene.serveMedian();
+
+    scene.consumesAll = false;
+    std::vector<TlsDevice> devices;
+    std::vector<std::thread> threads;
+    for (int n = 0; n < peers; ++n) {
+        devices.emplace_back(TLS1_3_VERSION);
+        if (!devices.back().connect(testAddress(), scene.port))
+            qFatal("a device cannot connect");
+    }
+    for (TlsDevice &device : devices)
+        threads.emplace_back([&device, tls] { sendUntilClosed(device, tls); });
+    const auto arePaused = [&] {
+        return CountersEvent::countersOf(*scene.plugin)->paused == quint64(peers);
+    };
+    if (!serveUntil(arePaused))
+        qFatal("nobody is paused");
+    outcome.during = scene.serveMedian();
+
+    for (const TlsDevice &device : devices)
+        ::shutdown(device.socket.descriptor(), SHUT_RDWR);
+    for (std::thread &thread : threads)
+        thread.join();
+    outcome.after = scene.serve();
+    count(outcome, scene, peers, LinesServed + LargestReads);
     return outcome;
 }
 

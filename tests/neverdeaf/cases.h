@@ -34,6 +34,11 @@ Outcome silentPeers(int count);
 // A proxy whose PROXY headers never end, with "proxyProtocol". The good devices are not behind it.
 // during: median.
 Outcome slowHeaders(bool tls, int count);
+// Connections that "limits" refuse, and one that they do not, all from one other address.
+Outcome refusedPeers(bool tls, int count);
+// Devices that send at full speed to a host that consumes nothing of theirs, until "limits" have
+// paused them all. during: median.
+Outcome pausedPeers(bool tls, int count);
 // Handshakes that are none, or are broken. during: the longest, here and below.
 Outcome garbageHandshakes(int count);
 Outcome closersAtOnce(bool tls, int count);

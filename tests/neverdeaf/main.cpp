@@ -66,6 +66,8 @@ int main(int argc, char **argv)
         play(NeverDeaf::resetsInBacklog(tls, 200));
         play(NeverDeaf::portTaken(tls));
         play(NeverDeaf::slowHeaders(tls, 1000));
+        play(NeverDeaf::refusedPeers(tls, 10000));
+        play(NeverDeaf::pausedPeers(tls, 32));
     }
     play(NeverDeaf::garbageHandshakes(600));
     const Outcome silent = NeverDeaf::silentPeers(1000);

@@ -143,6 +143,7 @@ public:
     const quint16 port;
     QElapsedTimer clock;
     int goodDevices = 0;
+    bool consumesAll = true; // or only what good devices send
 
 private:
     void receive(const shared_parsedData &record)
@@ -151,7 +152,7 @@ private:
         GoodDevice *good = expected.value(bytes);
         if (good && !good->isServed())
             good->served = clock.nsecsElapsed();
-        if (plugin) // not being destroyed
+        if (plugin && (good || consumesAll)) // null: it is being destroyed
             plugin->discard(static_cast<int>(bytes.size()), record->getPluginSubId());
     }
     void keepLog() { log += takeLog(); }

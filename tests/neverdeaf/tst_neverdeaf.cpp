@@ -43,6 +43,10 @@ void tst_NeverDeaf::goodDevicesAreServed_data()
                 << Case([tls] { return NeverDeaf::portTaken(tls); });
         QTest::addRow("slow PROXY headers, %s", transport)
                 << Case([tls] { return NeverDeaf::slowHeaders(tls, 100); });
+        QTest::addRow("connects that a limit refuses, %s", transport)
+                << Case([tls] { return NeverDeaf::refusedPeers(tls, 1000); });
+        QTest::addRow("devices that a limit has paused, %s", transport)
+                << Case([tls] { return NeverDeaf::pausedPeers(tls, 8); });
     }
     QTest::addRow("garbage handshakes") << Case([] { return NeverDeaf::garbageHandshakes(100); });
     QTest::addRow("silent peers") << Case([] { return NeverDeaf::silentPeers(100); });

@@ -97,7 +97,7 @@ void tst_HostileCalls::deletesThePluginWhileReceiving()
     connectDevices(Devices);
     const QPointer<IInputPlugin> dying = plugin.get();
     connect(dying, &IInputPlugin::receivedData, this, [this, dying] {
-        plugin.release(); // it goes by itself
+        (void)plugin.release(); // it goes by itself
         if (dying)
             dying->deleteLater();
     });
@@ -148,7 +148,7 @@ void tst_HostileCalls::standsStill()
         for (int n = 0; n < Devices; ++n) {
             auto *timer = new QTimer(sockets[std::size_t(n)]);
             connect(timer, &QTimer::timeout, timer, [timer, n, message = 0]() mutable {
-                auto *device = static_cast<QSslSocket *>(timer->parent());
+                auto *device = qobject_cast<QSslSocket *>(timer->parent());
                 device->write(numberedMessage(n, message));
                 if (++message == Messages) {
                     timer->stop();

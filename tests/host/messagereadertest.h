@@ -33,7 +33,7 @@ inline shared_parsedData offer(const QByteArray &bytes, const QString &client = 
 // An offer of a connection, from its byte number offset on.
 inline shared_parsedData stamped(quint64 connection, quint64 offset, const QByteArray &bytes)
 {
-    const shared_parsedData record = offer(bytes);
+    shared_parsedData record = offer(bytes);
     record->addPluginSubId(QStringLiteral("offset"), QString::number(offset));
     record->addPluginSubId(QStringLiteral("connection"), QString::number(connection));
     return record;
@@ -42,7 +42,7 @@ inline shared_parsedData stamped(quint64 connection, quint64 offset, const QByte
 // The last record of a connection that has received offset bytes.
 inline shared_parsedData endOf(quint64 connection, quint64 offset)
 {
-    const shared_parsedData record = stamped(connection, offset, {});
+    shared_parsedData record = stamped(connection, offset, {});
     record->addPluginSubId(QStringLiteral("end"), QStringLiteral("peer"));
     return record;
 }

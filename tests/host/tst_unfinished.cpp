@@ -60,12 +60,12 @@ void tst_Unfinished::sizes()
     sizes.change(2, 0, 30);
     sizes.change(3, 0, 20);
     QCOMPARE(sizes.total(), 60);
-    QCOMPARE(sizes.largest(), 2u);
+    QCOMPARE(sizes.largest(), 2U);
     sizes.change(2, 30, 5);
-    QCOMPARE(sizes.largest(), 3u);
+    QCOMPARE(sizes.largest(), 3U);
     sizes.change(3, 20, 0);
     sizes.change(1, 10, 10);
-    QCOMPARE(sizes.largest(), 1u);
+    QCOMPARE(sizes.largest(), 1U);
     QCOMPARE(sizes.total(), 15);
 }
 

@@ -10,7 +10,7 @@ namespace {
 // An offer of a connection, from its byte number offset on.
 shared_parsedData offerOf(quint64 connection, quint64 offset, const QByteArray &bytes)
 {
-    const shared_parsedData record(new ParsedData);
+    shared_parsedData record(new ParsedData);
     record->setOriginalMessage(bytes);
     record->addPluginSubId(QStringLiteral("offset"), QString::number(offset));
     record->addPluginSubId(QStringLiteral("connection"), QString::number(connection));

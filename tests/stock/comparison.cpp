@@ -78,7 +78,7 @@ void Comparison::compareSides(const EpisodePlan &plan, int number, const Episode
 Judge::Verdict Comparison::count(Counts &to, const EpisodePlan &plan, int connection,
                                  const Trace &trace)
 {
-    const Judge::Verdict verdict = Judge::judge(plan, connection, trace, timed);
+    Judge::Verdict verdict = Judge::judge(plan, connection, trace, timed);
     ++to.connections;
     to.offers += trace.offers.size();
     to.decided += verdict.decided;

@@ -166,7 +166,7 @@ void tst_TcpServer::oneConnection()
     QCOMPARE(socket->peerPort(), device.localPort());
     QCOMPARE(socket->localAddress(), LocalAddress);
     QCOMPARE(socket->localPort(), server->serverPort());
-    QVERIFY(server->children().size() > 0); // its engine
+    QVERIFY(!server->children().isEmpty()); // its engine
     QVERIFY(server->findChildren<QTcpSocket *>().isEmpty());
 
     QVERIFY(!server->hasPendingConnections());

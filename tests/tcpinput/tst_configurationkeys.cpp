@@ -213,7 +213,7 @@ void tst_ConfigurationKeys::strictRefusesBadValues()
     QFETCH(QJsonValue, value);
     QFETCH(QString, shown);
     const auto &keys = Configuration::keys();
-    const auto known = std::find_if(keys.begin(), keys.end(), [&key](const auto &each) {
+    const auto *const known = std::find_if(keys.begin(), keys.end(), [&key](const auto &each) {
         return key == QLatin1String(each.name);
     });
     const MessageCapture capture;

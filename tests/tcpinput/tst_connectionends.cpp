@@ -38,6 +38,7 @@ public:
                                    .arg(record->getPeerPort()));
             ++records;
         });
+        // NOLINTNEXTLINE(cppcoreguidelines-prefer-member-initializer): once it is connected
         listening = start();
     }
 
@@ -64,6 +65,7 @@ public:
     explicit HeldLine(const QString &wanted)
     {
         text = wanted;
+        // NOLINTNEXTLINE(cppcoreguidelines-prefer-member-initializer): once the text is set
         previous = qInstallMessageHandler(&HeldLine::handle);
     }
     ~HeldLine()
@@ -122,10 +124,10 @@ void tst_ConnectionEnds::lastRecordComesBehindItsLine()
     HeldLine line(QStringLiteral("closing connection"));
 
     device.close();
-    line.waitUntilHeld();
+    HeldLine::waitUntilHeld();
     QCoreApplication::sendPostedEvents(&plugin);
     QCOMPARE(plugin.records, 1);
-    line.release();
+    HeldLine::release();
 
     WAIT_FOR(plugin.records == 2);
 }

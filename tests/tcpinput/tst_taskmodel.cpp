@@ -113,7 +113,7 @@ private:
         model.add(socket, {ends, number}, Listening);
         task->addConnection(connectionRecord());
         // Of real time, which has no part here.
-        static_cast<TcpClient2 &>(*socket->parent()).backlogCheck().stop();
+        qobject_cast<TcpClient2 *>(socket->parent())->backlogCheck().stop();
     }
     void addWithNothingPending()
     {

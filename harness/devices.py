@@ -18,12 +18,15 @@ CONNECT_TIMEOUT_MS = 120_000  # a busy machine is no failure
 class Devices(Process):
     """Devices that connect to a listener, with TLS if it has certificates.
 
-    options: devicesim's. build: the folder that devicesim is from; default: the listener's."""
+    options: devicesim's. build: the folder that devicesim is from; default: the listener's.
+    checksum: whether the report has the connections' checksums."""
 
-    def __init__(self, listener, *options, tls_version="1.3", build=None):
+    def __init__(self, listener, *options, tls_version="1.3", build=None, checksum=False):
         command = [(build or listener.build) / "simulator/devicesim", "--port", listener.port,
                    "--bind", SOURCES, "--connect-timeout-ms", CONNECT_TIMEOUT_MS,
-                   "--output", "json", "--no-checksum"]
+                   "--output", "json"]
+        if not checksum:
+            command.append("--no-checksum")
         if listener.certificates:
             command += ["--tls", "--tls-version", tls_version,
                         "--ca", listener.certificates.authority]

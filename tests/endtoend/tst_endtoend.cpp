@@ -131,7 +131,7 @@ void tst_EndToEnd::creatorMakesTheSamePlugin()
     QVERIFY(registerPlugin);
     InputPluginCreators creators;
     registerPlugin(creators);
-    auto *const creator = creators.value(QStringLiteral("TcpInputPlugin2"));
+    const auto *const creator = creators.value(QStringLiteral("TcpInputPlugin2"));
     QVERIFY(creator);
 
     plugin.reset(creator->create());

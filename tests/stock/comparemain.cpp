@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "comparison.h"
+#include "lateness.h"
 #include "metaobjects.h"
 
 #include <QtCore/QCommandLineParser>
@@ -9,7 +10,10 @@
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QRandomGenerator>
 
+#include <algorithm>
+#include <array>
 #include <cstdio>
+#include <vector>
 
 namespace {
 
@@ -63,6 +67,47 @@ int report(const Comparison &comparison, const QStringList &metaObjects)
     return same ? 0 : 1;
 }
 
+//! How long bytes waited for their offers in all episodes, by the size of their messages.
+class PromptFigures
+{
+public:
+    void add(const EpisodePlan &plan)
+    {
+        const EpisodeResult result = playEpisode(librarySide(), plan);
+        for (std::size_t i = 0; i < result.traces.size(); ++i) {
+            const Script &script = plan.scripts.at(qsizetype(i));
+            const std::vector<double> ms = Lateness::latenessOf(script, result.traces[i]);
+            for (std::size_t byte = 0; byte < ms.size(); ++byte) {
+                const qsizetype bytes = script.messages.at(qsizetype(byte / 2)).bytes;
+                if (ms[byte] >= 0)
+                    waits[bytes > LargeBytes].push_back(ms[byte]);
+            }
+        }
+    }
+    void print()
+    {
+        for (std::size_t large = 0; large < waits.size(); ++large) {
+            std::vector<double> &ms = waits[large];
+            std::sort(ms.begin(), ms.end());
+            const auto share = [&ms](double part) {
+                return ms.empty() ? 0 : ms[static_cast<std::size_t>(part * double(ms.size() - 1))];
+            };
+            const auto above = ms.end() - std::upper_bound(ms.begin(), ms.end(), LongestMs);
+            std::printf(
+                    "%s messages: %zu first and last bytes; median %.1f ms, 99 %% %.1f, 99.9 %% "
+                    "%.1f, longest %.1f; %td above %.0f ms\n",
+                    large != 0 ? "large" : "small", ms.size(), share(0.5), share(0.99),
+                    share(0.999), share(1), above, LongestMs);
+        }
+    }
+
+private:
+    static constexpr qsizetype LargeBytes = 100000;
+    static constexpr double LongestMs = 220; // 200 of the interval, and 20
+
+    std::array<std::vector<double>, 2> waits; // small, large
+};
+
 } // namespace
 
 /*!
@@ -92,6 +137,11 @@ int main(int argc, char **argv)
                                      QStringLiteral("to compare, instead of this build's."),
                                      QStringLiteral("file"), QStringLiteral(PLUGIN_FILE));
     parser.addOption(library);
+    const QCommandLineOption prompt(
+            QStringLiteral("prompt"),
+            QStringLiteral("Play on the library alone, with \"prompt\", and print how long bytes "
+                           "take from their device to the host."));
+    parser.addOption(prompt);
     parser.addHelpOption();
     parser.process(application);
     librarySide(parser.value(library));
@@ -109,6 +159,16 @@ int main(int argc, char **argv)
 
     QElapsedTimer clock;
     clock.start();
+    if (parser.isSet(prompt)) {
+        PromptFigures figures;
+        for (int i = first; i <= last; ++i) {
+            EpisodePlan plan = planOf(seed, i, each, parser.value(connection).toInt());
+            plan.prompt = true;
+            figures.add(plan);
+        }
+        figures.print();
+        return 0;
+    }
     Comparison comparison(repeat, true);
     for (int i = first; i <= last; ++i) {
         const EpisodePlan plan = planOf(seed, i, each, parser.value(connection).toInt());

@@ -123,6 +123,8 @@ QJsonObject Play::config() const
     QJsonObject object = tcpConfig(port, listening());
     object[QStringLiteral("threadpoolSize")] = plan.threads();
     object[QStringLiteral("timeout")] = plan.timeoutSeconds;
+    if (plan.prompt)
+        object[QStringLiteral("prompt")] = true;
     if (plan.tlsVersion != 0)
         object[QStringLiteral("ssl")] = serverTls();
     return object;

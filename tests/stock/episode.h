@@ -19,6 +19,7 @@ struct EpisodePlan
     int timeoutSeconds = 60;
     Ending ending = Ending::Close; // Stop, Destroy: of all; else each script has its own
     bool slowLog = false;
+    bool prompt = false; // the library's "prompt", which the plain plugin does not know
     QList<Script> scripts;
 
     // The same seed and number give the same: spaced if the number is even, else hasty.

@@ -55,9 +55,9 @@ void Lateness::add(Play play, const EpisodePlan &plan, const std::vector<Trace> 
     }
 }
 
-Lateness::Played::value_type Lateness::latenessOf(const Script &script, const Trace &trace)
+std::vector<double> Lateness::latenessOf(const Script &script, const Trace &trace)
 {
-    Played::value_type result;
+    std::vector<double> result;
     qsizetype begin = 0;
     auto offer = trace.offers.cbegin();
     for (qsizetype i = 0; i < script.messages.size(); ++i) {

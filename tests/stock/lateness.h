@@ -34,6 +34,9 @@ public:
     QStringList findings() const;
     void print(std::FILE *to) const;
 
+    // Of the first and the last byte of each message, in ms; < 0: never offered.
+    static std::vector<double> latenessOf(const Script &script, const Trace &trace);
+
 private:
     // Later than each of these.
     static constexpr std::array<double, 6> LimitsMs{3, 20, 150, 500, 1500, 2500};
@@ -54,10 +57,9 @@ private:
         double noise(std::size_t limit) const; // of that
     };
 
-    // Of one play: ms of the first and the last byte of each message, by connection; < 0: never.
+    // Of one play: see latenessOf(), by connection.
     using Played = std::vector<std::vector<double>>;
 
-    static Played::value_type latenessOf(const Script &script, const Trace &trace);
     static QString nameOf(const EpisodePlan &plan, const Message &message);
 
     QMap<QString, Group> groups;

@@ -313,7 +313,7 @@ private:
     void postCut(const std::function<void()> &cut)
     {
         ++postedCuts;
-        posted.push_back([this, cut] {
+        posted.emplace_back([this, cut] {
             cut();
             --postedCuts;
         });
@@ -356,7 +356,7 @@ private:
     {
         note(QStringLiteral("the idle timer fires"));
         QMetaObject::invokeMethod(&client->idleTimer(), "timeout");
-        posted.push_back([this] { model.timeOut(takeRest()); });
+        posted.emplace_back([this] { model.timeOut(takeRest()); });
     }
 
     void peerEnds()

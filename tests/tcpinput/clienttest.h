@@ -8,7 +8,6 @@
 
 #include <QtCore/QObject>
 
-#include "tests/kit/movableclock.h"
 #include <memory>
 
 namespace clienttest {

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-// What a log line costs whose handler drops it: several are written for each connection.
+// What a log line costs if its handler drops it. Several lines are written for each connection.
 
 #include "plugin/cwrn.h"
 

@@ -41,8 +41,8 @@ void record(benchmark::State &state)
     benchmark::DoNotOptimize(last);
 }
 
-// What a host that keeps records pays for each in memory, besides the bytes of the message, which
-// the record shares with the connection.
+// How much memory a host needs for each record that it keeps. The bytes of the message do not
+// count: the record shares them with the connection.
 void keptRecord(benchmark::State &state)
 {
     const QByteArray offer(200, 'x');

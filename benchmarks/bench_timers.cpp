@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-// What restarting a timer costs while others of the same thread run, as every offer restarts its
-// client's idle time-out.
+// What restarting a timer costs while others of the same thread run. This cost is the reason why an
+// offer does not restart its client's idle time-out, see IdleTimer.
 
 #include "benchmarks/eventthread.h"
 

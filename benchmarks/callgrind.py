@@ -33,7 +33,7 @@ def main():
 
 
 def instructions(arguments, name, messages, *options):
-    """Of a host that takes so many messages and ends."""
+    """Returns the instructions of a host that takes so many messages and ends."""
     counts = arguments.build / f"profile-{name}.out"
     valgrind = ("valgrind", "--tool=callgrind", f"--callgrind-out-file={counts}",
                 "--log-file=/dev/null")

@@ -15,7 +15,7 @@ from harness.hosts import Host
 from harness.processes import HANG_GUARD_SECONDS, exit_on_sigterm, wait_until
 
 CONNECT_RATE = 100  # a second
-IDLE_TIMEOUT_SECONDS = 3600  # later than the end
+IDLE_TIMEOUT_SECONDS = 3600  # longer than the run
 STAYING = ("--messages", 1, "--close", "stay")
 
 
@@ -65,7 +65,8 @@ def wait_for_messages(host, count, seconds=0):
 
 
 def still(build):
-    """100 devices, 10 messages of 100 bytes a second each: 100 KB/s. The host waits for a reader."""
+    """100 devices send 10 messages of 100 bytes a second each: 100 KB/s. Nobody reads the host's
+    output."""
     reader, writer = os.pipe()
     with open(reader, "rb"), open(writer, "wb") as out, host_with(build, 4, out=out) as host, \
             Devices(host, "--connections", 100, "--messages", 0, "--rate", 10, "--size", 99):

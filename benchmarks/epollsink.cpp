@@ -4,7 +4,7 @@
 // epollsink PORT
 //
 // The least that receiving can cost: one thread, level-triggered epoll, one recv() per event, bytes
-// and newlines counted, nothing else. Until SIGTERM; then the counts go to standard output.
+// and newlines counted, nothing else. Runs until SIGTERM, then prints the counts.
 
 #include "benchmarks/linecounter.h"
 #include "benchmarks/sinkprocess.h"
@@ -112,6 +112,6 @@ int main(int argc, char **argv)
         std::perror("epollsink: cannot listen");
         return 1;
     }
-    static EpollSink sink(listener, stop); // its buffer is large for a stack
+    static EpollSink sink(listener, stop); // static: its buffer is large for a stack
     sink.run();
 }

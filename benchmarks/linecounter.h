@@ -9,7 +9,7 @@
 #include <cstring>
 
 /*!
-    What a sink counts of the bytes it receives: as little as a receiver of lines can do.
+    Counts the bytes and lines that a sink receives: the least that a receiver of lines must do.
 
     Thread: one at a time.
 */

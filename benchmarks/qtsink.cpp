@@ -5,7 +5,7 @@
 //
 // What a server written with Qt's own classes costs: QTcpServer, the sockets spread over four
 // threads with Qt's event dispatcher, readAll(), bytes and newlines counted. With a certificate it
-// speaks TLS. Until SIGTERM; then the counts go to standard output.
+// speaks TLS. Runs until SIGTERM, then prints the counts.
 
 #include "benchmarks/linecounter.h"
 #include "benchmarks/sinkprocess.h"
@@ -24,7 +24,7 @@
 
 namespace {
 
-constexpr int Backlog = 4096; // as the other receivers: no connection is to be tried twice
+constexpr int Backlog = 4096; // as the other receivers: no device has to connect twice
 constexpr std::size_t ThreadCount = 4; // the plugin's default
 
 // Null without a certificate: plain TCP.
@@ -46,7 +46,7 @@ std::unique_ptr<QSslConfiguration> readTls(const QStringList &arguments)
 /*!
     The sockets of one thread.
 
-    Thread: its own; take() and the counter's reader see to that.
+    Thread: its own; take() must be called there, and counter is read after its end.
 */
 class Worker : public QObject
 {
@@ -110,7 +110,7 @@ public:
         }
     }
 
-    // Stops and counts.
+    // Stops the threads and returns the sum of their counts.
     LineCounter finish()
     {
         close();
@@ -159,7 +159,7 @@ int main(int argc, char **argv)
         QCoreApplication::exec();
     server.finish().print();
     std::fflush(stdout);
-    // Without closing thousands of sockets one by one.
+    // Exits without closing thousands of sockets one by one.
     std::_Exit(listening ? 0 : 1);
 }
 

@@ -9,8 +9,8 @@
 
 //! What both sinks ask of the system.
 
-// A descriptor that becomes readable when the process is told to stop. Before any thread is made,
-// which inherits the blocked signals.
+// Returns a descriptor that becomes readable when the process is told to stop. Call before any
+// thread is made: threads inherit the blocked signals.
 inline int openStopSignal()
 {
     sigset_t signals;

@@ -1,7 +1,8 @@
 # SPDX-FileCopyrightText: the tcpinputplugin2 authors
 # SPDX-License-Identifier: MIT
 
-"""What a host that stands still costs and loses with limits. Started by scripts/standing-host."""
+"""Checks a host with limits while it stands still: its memory, and whether it loses bytes. Started
+by scripts/standing-host."""
 
 import argparse
 import concurrent.futures
@@ -38,13 +39,18 @@ def main():
     parser.add_argument("--seconds", type=int, default=60)
     arguments = parser.parse_args()
     exit_on_sigterm()
-    print("| Transport | before, MiB | at most, MiB more | of the limit | MB | missing or changed |\n"
+    print("| Transport | before, MiB | at most, MiB more | of the limit | MB | wrong devices |\n"
           "|---|---|---|---|---|---|", flush=True)
     with tempfile.TemporaryDirectory() as folder:
         certificates = Certificates(pathlib.Path(folder))
         with concurrent.futures.ThreadPoolExecutor(arguments.parallel) as runs:
             good = [runs.submit(play, arguments, version, certificates)
                     for version in TRANSPORTS for _ in range(arguments.runs)]
+            try:
+                concurrent.futures.wait(good)
+            except BaseException:
+                runs.shutdown(cancel_futures=True)  # those that go on are waited for
+                raise
     sys.exit(0 if all(run.result() for run in good) else 1)
 
 
@@ -53,8 +59,8 @@ def play(arguments, version, certificates):
     read_end, write_end = os.pipe()
     with contextlib.ExitStack() as stack:
         host = stack.enter_context(Host(
-            arguments.build, settings={"limits": LIMITS}, options=("--output", "raw"), out=write_end,
-            certificates=certificates if version else None))
+            arguments.build, settings={"limits": LIMITS}, options=("--output", "raw"),
+            out=write_end, certificates=certificates if version else None))
         os.close(write_end)
         before = host.resident_bytes()
         reader = Reader(read_end)
@@ -63,7 +69,7 @@ def play(arguments, version, certificates):
         groups = [Reports(host, version, FAST), Reports(host, version, (*SLOW, *messages))]
         for group in groups:
             stack.enter_context(group.devices)
-        # A host that stands still also makes no handshake.
+        # A host that stands still makes no handshakes.
         wait_until(lambda: len(reader.streams) == DEVICES, "messages of all devices")
 
         reader.reads.clear()
@@ -84,20 +90,21 @@ def play(arguments, version, certificates):
         reader.join()
     faults = reader.faults(sent)
     more = most - before
-    print(f"| {'TLS ' + version if version else 'TCP'} | {before / 2**20:.0f} | {more / 2**20:.0f} | "
-          f"{more / TOTAL_BYTES:.2f} | {expected / 1e6:.0f} | {faults} |", flush=True)
+    print(f"| {'TLS ' + version if version else 'TCP'} | {before / 2**20:.0f} | "
+          f"{more / 2**20:.0f} | {more / TOTAL_BYTES:.2f} | {expected / 1e6:.0f} | {faults} |",
+          flush=True)
     return faults == 0 and more <= MOST_OF_TOTAL * TOTAL_BYTES
 
 
 class Reports:
-    """Devices whose messages can be told from those of other groups by their size."""
+    """Devices and their reports. Each group of devices has its own size of messages."""
 
     def __init__(self, host, version, options):
         self.size = options[options.index("--size") + 1]
         self.devices = Devices(host, *options, checksum=True, tls_version=version or "1.3")
 
     def sent(self):
-        """What each connection has sent."""
+        """Returns what each connection has sent."""
         self.devices.finish()
         connections = self.devices.report()["connections"]
         return [{**connection, "size": self.size} for connection in connections]
@@ -126,7 +133,7 @@ class Reader(threading.Thread):
                 self.bytes += len(line)
 
     def faults(self, sent):
-        """How many of these connections' bytes did not come, or not each once and in order."""
+        """Counts the connections whose bytes did not all come, each once and in order."""
         streams = {key: stream.hexdigest() for key, stream in self.streams.items()}
         wrong = sum(streams.pop((connection["size"], connection["device"]), None)
                     != connection["sha1"] or connection["failed"] for connection in sent)

@@ -1,7 +1,7 @@
 # SPDX-FileCopyrightText: the tcpinputplugin2 authors
 # SPDX-License-Identifier: MIT
 
-"""What devices that do their worst do to inputhost. Started by scripts/worst-devices."""
+"""Measures inputhost while devices do their worst. Started by scripts/worst-devices."""
 
 import argparse
 import math
@@ -17,8 +17,8 @@ from harness.hosts import Host
 from harness.processes import exit_on_sigterm
 
 FOLDER = "/dev/shm"  # for the output: a disk would slow the host down
-SECONDS = 20  # that a case lasts, unless it is a fixed amount
-GOOD_INTERVAL = 0.1
+SECONDS = 20  # duration of a case, unless it sends a fixed amount
+GOOD_INTERVAL = 0.25  # longer than that of the offers: each line is offered at once
 POLL_SECONDS = 0.001
 LONGEST_WAIT = 120
 
@@ -37,7 +37,8 @@ def main():
 
 
 def measure(build, play, options):
-    with tempfile.NamedTemporaryFile(dir=FOLDER) as out, Host(build, options=options, out=out) as host:
+    with tempfile.NamedTemporaryFile(dir=FOLDER) as out, \
+            Host(build, options=options, out=out) as host:
         good = GoodDevice(host, out.name)
         memory = MemoryWatch(host)
         time.sleep(1)
@@ -48,8 +49,9 @@ def measure(build, play, options):
         cpu, log = host.cpu_seconds(), host.complaints()
         before = time.monotonic()
         host.stop()
-        print(f"| {play.__doc__} | {cpu:.2f} | {good.wait_ms(0.5):.0f} | {good.wait_ms(0.99):.0f} | "
-              f"{good.wait_ms(1):.0f} | {memory.most >> 20} | {len(log) / 1000:.0f} | {time.monotonic() - before:.1f} |",
+        print(f"| {play.__doc__} | {cpu:.2f} | {good.wait_ms(0.5):.0f} | "
+              f"{good.wait_ms(0.99):.0f} | {good.wait_ms(1):.0f} | {memory.most >> 20} | "
+              f"{len(log) / 1000:.0f} | {time.monotonic() - before:.1f} |",
               flush=True)
         for connection in connections:
             connection.close()
@@ -109,7 +111,7 @@ class GoodDevice(Watch):
         return time.monotonic() - begin
 
     def wait_ms(self, share):
-        """That share of the waits were no longer."""
+        """The wait that the given share of all waits does not exceed."""
         return 1000 * sorted(self.waits)[math.ceil(share * len(self.waits)) - 1]
 
 
@@ -122,7 +124,7 @@ def connect(host, port=0):
 
 
 def for_seconds(interval=0.0):
-    """Yields again and again, at most once in an interval."""
+    """Yields for SECONDS, at most once in an interval."""
     end = time.monotonic() + SECONDS
     while time.monotonic() < end:
         begin = time.monotonic()

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-// A connection's client: the input says what arrives, how the host answers and what time it is.
+// A connection's client. The input says what arrives, how the host answers and what time it is.
 
 #include "fuzz/fuzztarget.h"
 #include "tests/tcpinput/clientrun.h"

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-// inputhost's framing: whatever the pieces in which a stream comes, its messages are the same.
+// inputhost's framing: a stream gives the same messages, whatever the pieces in which it comes.
 
 #include "fuzz/fuzztarget.h"
 #include "host/framing.h"
@@ -17,7 +17,7 @@ struct Result
 {
     QByteArrayList messages;
     qsizetype tooLong = 0;
-    QByteArray rest; // nothing of it was taken
+    QByteArray rest; // the bytes that were not taken
 
     bool operator==(const Result &other) const
     {
@@ -33,7 +33,7 @@ public:
 
     void append(QByteArrayView piece)
     {
-        // As for a message that has begun in an earlier piece: it is finished first.
+        // As a host does: first complete the message that has begun in an earlier piece.
         while (!result.rest.isEmpty() && !piece.isEmpty()) {
             const qsizetype size = bytesToAppend(result.rest, piece, format);
             require(size > 0 && size <= piece.size(), QStringLiteral("some are appended"));

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-// inputhost's command line, one argument a line, and the configuration that comes of it.
+// inputhost's command line, one argument a line, and the configuration that it gives.
 
 #include "fuzz/fuzztarget.h"
 #include "host/configuration.h"
@@ -38,7 +38,7 @@ void fuzz(QByteArrayView input)
                     .contains(options.logLevel),
             QStringLiteral("log level"));
 
-    options.configFile.clear(); // any file of the machine otherwise
+    options.configFile.clear(); // the input could name any file of the machine
     ConfigurationReader reader(options);
     require(reader.read(), QStringLiteral("settings make a configuration"));
     const QJsonObject object = reader.configuration();

@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-// The plugin's configuration, through start(): an object, or an array of objects with which the
-// same plugin is started one after the other.
+// The plugin's configuration, through start(). The input is an object, or an array of objects: then
+// the same plugin is started with one after the other.
 
 #include "fuzz/fuzztarget.h"
 #include "fuzz/jsoninput.h"
@@ -20,7 +20,7 @@ namespace {
 
 constexpr qsizetype MostStarts = 2; // each but the first takes 10 ms
 
-//! What the status must say; the values that stick do so from one object to the next.
+//! What the status must say. Some values stay from one object to the next.
 class Expectation
 {
 public:
@@ -35,7 +35,7 @@ public:
         port = given > 0 && given < 65535 ? given : 7446;
 
         address = QHostAddress(QHostAddress::AnyIPv4);
-        // What is a name is for Qt to say: it takes numbers, too.
+        // Qt decides what is an interface's name; it takes numbers, too.
         const QString name = object.value(QLatin1String("interface")).toString();
         for (const QNetworkAddressEntry &entry :
              QNetworkInterface::interfaceFromName(name).addressEntries()) {
@@ -53,7 +53,7 @@ public:
                 QStringLiteral(", timeout: %1s, pool size: %2\r\n").arg(timeout).arg(poolSize);
         const QString listening =
                 QStringLiteral("Listen: %1:%2").arg(address.toString()).arg(port) + end;
-        // What an IPv6 address comes back as is up to the system.
+        // The system decides in which form an IPv6 address comes back.
         const bool isIpv4 = address.protocol() == QAbstractSocket::IPv4Protocol;
         const bool exists = isIpv4 && (address.isLoopback() || address == QHostAddress::AnyIPv4);
         const bool kept = status == listening
@@ -64,7 +64,7 @@ public:
     }
 
 private:
-    // 0 for everything else than a positive integral number that an int can hold.
+    // Returns 0 unless value is a positive integer that fits into an int.
     static int positive(const QJsonValue &value)
     {
         const double number = value.isDouble() ? value.toDouble() : 0;

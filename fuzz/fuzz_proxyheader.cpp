@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-// The header of a proxy: whatever the pieces in which it comes, it says the same, and not one of
-// the device's bytes is taken.
+// The header of a proxy. It says the same, whatever the pieces in which it comes, and reading it
+// takes none of the device's bytes.
 
 #include "fuzz/fuzztarget.h"
 #include "tcpinput/accept/proxyheader.h"
@@ -27,7 +27,7 @@ struct Result
     }
 };
 
-// most: of bytes that come at a time.
+// most: how many bytes come at a time, at most.
 Result readInPieces(QByteArrayView stream, qsizetype most)
 {
     ProxyHeader header;
@@ -45,7 +45,7 @@ Result readInPieces(QByteArrayView stream, qsizetype most)
     return {header.state(), taken, header.peer(), header.peerPort()};
 }
 
-// By the first byte: to the end of the line, or as many as the header says.
+// The size of a header. A text header ends with its line, a binary one tells its length.
 qsizetype sizeOf(QByteArrayView header)
 {
     if (header.startsWith('P'))

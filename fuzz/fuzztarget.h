@@ -10,15 +10,15 @@
 #include <cstdlib>
 
 /*!
-    What all fuzz targets have in common: the fuzzer calls initialise() once and then fuzz(), which
-    each target defines, for every input. An input that does not crash, and breaks no promise, is a
-    good one.
+    What all fuzz targets have in common. The fuzzer calls initialise() once, and then fuzz() for
+    every input; each target defines both. An input passes if it neither crashes nor breaks a
+    promise.
 */
 void initialise();
 void fuzz(QByteArrayView input);
 
-// A promise of the code under test. What breaks it ends the process, so that the fuzzer keeps the
-// input.
+// Checks a promise of the code under test. A broken promise ends the process, so that the fuzzer
+// keeps the input.
 inline void require(bool kept, const QString &promise)
 {
     if (kept)

@@ -13,8 +13,8 @@ inline QJsonDocument jsonFrom(QByteArrayView input)
     return QJsonDocument::fromJson(QByteArray::fromRawData(input.data(), input.size()));
 }
 
-// The input may name files of the working directory, where scripts/fuzz puts certificates, but not
-// others: reading some of them would never end.
+// The input may name files of the working directory, where scripts/fuzz puts certificates. It may
+// not name other files: reading some of them would never end.
 inline bool namesLocalFilesOnly(const QJsonObject &sslObject)
 {
     for (const char *key : {"CAFile", "CertFile", "KeyFile"}) {
@@ -24,8 +24,8 @@ inline bool namesLocalFilesOnly(const QJsonObject &sslObject)
     return true;
 }
 
-// "@NAME" for an inline certificate or key stands for that file's text: they are made for each
-// machine, so no corpus has any.
+// "@NAME" as an inline certificate or key stands for the text of the file NAME. Each machine makes
+// its own certificates, so the corpus cannot hold them.
 inline QJsonObject withInlineFiles(QJsonObject sslObject)
 {
     for (const char *key : {"CACertificate", "Certificate", "PrivateKey"}) {

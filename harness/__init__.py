@@ -1,8 +1,8 @@
 # SPDX-FileCopyrightText: the tcpinputplugin2 authors
 # SPDX-License-Identifier: MIT
 
-"""Starts hosts and devices, and waits for them: for the programs that measure and check them from
-outside. Who uses it is started by a script, which puts the project's folder into PYTHONPATH."""
+"""Starts hosts and devices, and waits for them. Programs that measure and check them from outside
+use it. A script starts such a program, and puts the project's folder into PYTHONPATH."""
 
 import pathlib
 

@@ -10,7 +10,7 @@ from harness import ROOT
 
 
 class Certificates:
-    """Made in the folder, by scripts/make-certs, which keeps those that are there."""
+    """Certificates in the folder. scripts/make-certs makes them, unless all are there and valid."""
 
     def __init__(self, folder):
         subprocess.run([ROOT / "scripts/make-certs", folder], check=True,

@@ -1,7 +1,7 @@
 # SPDX-FileCopyrightText: the tcpinputplugin2 authors
 # SPDX-License-Identifier: MIT
 
-"""The load: devicesim, and what it says it has sent."""
+"""The load: devicesim, and its report of what it has sent."""
 
 import json
 import re
@@ -9,8 +9,8 @@ import signal
 
 from harness.processes import Process, wait_until
 
-# Not the hosts' address: no device may take a port that a host leaves for a moment. Connections that
-# a device has closed keep their port for a minute: more addresses, more ports.
+# Not the hosts' address: no device may take a port that a host leaves for a moment. A connection
+# that a device has closed keeps its port for a minute: several addresses give more ports.
 SOURCES = "127.77.0.1-127.77.0.8"
 CONNECT_TIMEOUT_MS = 120_000  # a busy machine is no failure
 
@@ -39,7 +39,7 @@ class Devices(Process):
         return int(re.findall(r"; (\d+) messages", self.complaints())[-1])
 
     def report(self):
-        """What devicesim says at its end."""
+        """The report that devicesim writes at its end."""
         return json.loads(self.output())
 
     def sent(self):

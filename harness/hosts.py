@@ -14,10 +14,11 @@ INPUTHOST = "host/inputhost"  # in a build folder
 
 
 class Listener(Process):
-    """A program that was told to listen on the port of 127.0.0.1. It does when this is made.
+    """A program that is told to listen on this port of 127.0.0.1. The constructor returns when it
+    listens.
 
-    build: the folder that the program is from. certificates: of one that
-    speaks TLS, otherwise None. out: see Process."""
+    build: the folder that the program is from. certificates: None if the program speaks no TLS.
+    out: see Process."""
 
     def __init__(self, command, build, port, certificates=None, out=None):
         super().__init__(command, out)

@@ -19,13 +19,13 @@ _libc = ctypes.CDLL(None, use_errno=True)
 
 
 class Process:
-    """A program that was started here. Ended, at the latest, by leaving the with block.
+    """A program that the constructor starts. Leaving the with block ends it at the latest.
 
     out: a file for its standard output; then output() has nothing."""
 
     def __init__(self, arguments, out=None):
         self.arguments = [str(argument) for argument in arguments]
-        # Files: nobody reads while it runs, and a full pipe would stop it.
+        # Files, not pipes: nobody reads while the program runs, and a full pipe would stop it.
         self._out, self._err = tempfile.TemporaryFile(), tempfile.TemporaryFile()
         self.popen = subprocess.Popen(self.arguments, stdin=subprocess.DEVNULL,
                                       stdout=out or self._out, stderr=self._err)
@@ -68,7 +68,7 @@ class Process:
         return len(os.listdir(f"/proc/{self.pid}/task"))
 
     def wake_ups(self):
-        """Returns {thread: times that it has gone to sleep so far}."""
+        """Returns how often each thread has gone to sleep so far: {thread: count}."""
         counts = {}
         for thread in os.listdir(f"/proc/{self.pid}/task"):
             with open(f"/proc/{self.pid}/task/{thread}/status", encoding="ascii") as file:
@@ -82,7 +82,7 @@ class Process:
             return int(file.read().split()[1]) / 1e9
 
     def is_asleep(self):
-        """Whether none of its threads runs or wants to."""
+        """Whether none of its threads is running or ready to run."""
         for thread in os.listdir(f"/proc/{self.pid}/task"):
             with open(f"/proc/{self.pid}/task/{thread}/stat", encoding="ascii") as file:
                 if file.read().rpartition(")")[2].split()[0] != "S":
@@ -90,13 +90,13 @@ class Process:
         return True
 
     def listens_on(self, port):
-        """Whether somebody in its network listens on the port."""
+        """Whether a program in its network namespace listens on the port."""
         with open(f"/proc/{self.pid}/net/tcp", encoding="ascii") as file:
             listening = (line.split()[1] for line in file if line.split()[3] == "0A")
             return any(int(local.split(":")[1], 16) == port for local in listening)
 
     def settle(self):
-        """Waits until it has nothing to do but what timers bring."""
+        """Waits until only timers give it something to do."""
         quiet = 0
         before = self.cpu_seconds()
 
@@ -108,11 +108,11 @@ class Process:
             before = now
             return quiet >= 4
 
-        # One with timers never rests long; then this is a pause.
+        # A program with timers never rests for long. For such a program this is a pause.
         wait_until(is_quiet, "rest", seconds=3, strict=False)
 
     def ask_to_end(self):
-        """As an operator would."""
+        """Asks it to end, as an operator would."""
         self.popen.send_signal(signal.SIGTERM)
 
     def stop(self):
@@ -121,7 +121,7 @@ class Process:
         return self.finish()
 
     def wait(self):
-        """Waits for its end, whatever its exit status is, and returns that."""
+        """Waits for its end. Returns the exit status, whatever it is."""
         return self.popen.wait(HANG_GUARD_SECONDS)
 
     def finish(self):
@@ -142,12 +142,12 @@ class Process:
 
 
 def _text_of(file):
-    # Without moving the position at which the program goes on writing.
+    # pread() does not move the position at which the program goes on writing.
     return os.pread(file.fileno(), os.fstat(file.fileno()).st_size, 0).decode()
 
 
 def exit_on_sigterm():
-    """So that what was started is ended: by the with blocks, which the exit leaves."""
+    """Makes SIGTERM an exit that leaves all with blocks: these end what they have started."""
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
 
 

@@ -15,8 +15,8 @@ class ConfigurationReader
 public:
     explicit ConfigurationReader(const Options &commandLine) : options(commandLine) {}
 
-    // False if it cannot be read, is not JSON, or is no object; errorString() tells. Standard
-    // input can be read once only.
+    // False if the configuration cannot be read, is not JSON, or is not an object; errorString()
+    // says why. Standard input can be read only once.
     bool read();
 
     QJsonObject configuration() const { return object; }

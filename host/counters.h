@@ -17,8 +17,8 @@ namespace host {
 class Counters
 {
 public:
-    // Remembers a number of 8 bytes a connection, not its id. Exact for the first million ids; then
-    // it starts afresh, and an id that comes again counts again.
+    // Remembers a hash of 8 bytes for each id, not the id. Exact for the first million ids. Then it
+    // forgets them all, and an id that comes again counts again.
     void addConnection(QStringView clientId);
     qint64 connections() const { return earlierIds + seenIds.size(); }
 
@@ -28,8 +28,8 @@ public:
     QString longLine() const;
 
     qint64 messages = 0; // complete ones
-    qint64 bytes = 0; // in them
-    qint64 partial = 0; // beginnings of messages that were given up
+    qint64 bytes = 0; // of complete messages
+    qint64 partial = 0; // beginnings of messages whose end never came
     qint64 tooLong = 0; // messages that were skipped
     qint64 offers = 0;
 

@@ -14,12 +14,13 @@ namespace {
 
 constexpr std::size_t MaxClients = 100000; // unless their ends are told
 
-// A long offer is answered while it is read, too. So a device that is held back since the plugin's
-// buffer is full can go on sending. After half of what is left, and not before so many bytes: the
-// plugin offers the rest again, which may copy it.
+// A long offer is answered in parts while it is read. So a device that is held back because the
+// plugin's buffer is full can go on sending. A part is at least half of the bytes that are not
+// answered, and at least this many: after each answer the plugin offers the rest again, which may
+// copy it.
 constexpr qsizetype AnswerAfterBytes = 256 * 1024;
 
-// Connections are forgotten by their ends alone.
+// With "ends", ExactOffers forgets a connection only when its end is told.
 constexpr ExactOffers::Limits Unlimited = {std::chrono::hours(24 * 365 * 100),
                                            std::numeric_limits<std::size_t>::max()};
 
@@ -105,7 +106,7 @@ void ExactReader::proceed(Client &client)
     }
 }
 
-// Reads as much of the offer as fits into one go. True if that was the rest of it.
+// Reads as much of the offer as fits into one go. True if the offer is read to its end.
 bool ExactReader::readOffer(Client &client)
 {
     if (!client.offer)
@@ -128,11 +129,12 @@ void ExactReader::open(Client &client)
     client.used = 0;
     client.answered = 0;
     client.origin = writer.originOf(*client.record);
-    if (client.offer->position() == 0) // its first one: all that is read is consumed
+    // Its first offer: what is read is consumed, so later offers have a position above 0.
+    if (client.offer->position() == 0)
         counters.addConnection(client.record->getPluginSubIdKey(subids::client()));
 }
 
-// Takes all bytes, unless the allowance is used up: then it may be fewer.
+// Takes all bytes, or fewer if the allowance is used up.
 qsizetype ExactReader::readBytes(Client &client, QByteArrayView bytes, Allowance &allowance)
 {
     qsizetype taken = finishTail(client, bytes, allowance);
@@ -155,7 +157,7 @@ qsizetype ExactReader::finishTail(Client &client, QByteArrayView bytes, Allowanc
         const qsizetype size = bytesToAppend(client.tail, next, writer.frameFormat());
         client.tail.append(next.first(size));
         taken += size;
-        // All of the message, or nothing.
+        // write() takes all of the message, or nothing.
         if (writer.write(client.tail, client.origin, client.framing, allowance) > 0)
             client.tail.clear();
     }
@@ -199,7 +201,8 @@ void ExactReader::settle(Clients::iterator client)
     while (unfinished.total() > maxUnfinished && giveUpLargest()) {}
 }
 
-// False if none is long enough. Its connection is not forgotten: the rest of it has to be skipped.
+// False if even the largest message cannot be given up. The connection is not forgotten: the rest
+// of the message has to be skipped.
 bool ExactReader::giveUpLargest()
 {
     Client &client = *byNumber.value(unfinished.largest());
@@ -236,9 +239,9 @@ void ExactReader::forgetAll()
 
 void ExactReader::forgetSilent(std::chrono::nanoseconds interval)
 {
-    // Whoever reads the output may hold everything up for hours. Offers wait meanwhile, repeats
-    // among them, so the connections that they belong to must not grow old: this comes once a pass
-    // of the event loop at most, and each pass receives all offers that wait.
+    // The reader of the output may hold everything up for hours. Offers wait meanwhile, repeats
+    // among them, so their connections must not grow old. They do not: this is called at most once
+    // per pass of the event loop, and each pass receives all offers that wait.
     pacedTime += interval;
     if (endsTold)
         return;
@@ -247,7 +250,7 @@ void ExactReader::forgetSilent(std::chrono::nanoseconds interval)
         forgetOldest();
 }
 
-// Reads all that it has. Its number may stay in the queue.
+// Reads all that waits of the connection. Its number may stay in the queue.
 void ExactReader::forgetOldest()
 {
     Client &client = clients.front();

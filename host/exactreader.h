@@ -21,26 +21,28 @@
 
 namespace host {
 
-//! What one connection may take before it is another one's turn.
+//! How much may be read before others get their turn.
 struct Pace
 {
-    Allowance ofOffer = {256, 64 * 1024}; // in one go; some 0.1 ms
-    std::chrono::nanoseconds ofTurn = std::chrono::milliseconds(5); // all connections together
+    Allowance ofOffer = {256, 64 * 1024}; // one connection's go; takes about 0.1 ms
+    // In a turn of the event loop: for all new records, and again for all connections that wait.
+    std::chrono::nanoseconds ofTurn = std::chrono::milliseconds(5);
 };
 
 /*!
     Reads offers that carry their position (ExactOffers).
 
-    All bytes are consumed, also those of an unfinished message, which is kept here: so offers stay
+    All bytes are consumed, also those of an unfinished message, which is kept here. So offers stay
     small, and each byte is handled once. An offer that is not read in one go waits for its turn. If
-    another one of the same connection comes meanwhile, that takes its place: it has all bytes that
-    are not consumed.
+    a later offer of the same connection comes meanwhile, it replaces the waiting one: it has all
+    bytes that are not consumed.
 
-    What is kept of unfinished messages has a limit over all connections. Beyond it, the longest one
-    is given up: printed as partial, and skipped to its end.
+    All unfinished messages together have a size limit. Beyond it, the longest message is given up:
+    its beginning is printed as partial, and the rest is skipped.
 
-    A connection is remembered here while it has an unread offer or an unfinished message. Up to
-    which position it was consumed is remembered until its end is told.
+    A connection is kept here while it has an unread offer or an unfinished message, or while a
+    message is skipped. ExactOffers remembers for longer up to which position the connection was
+    consumed: until its end is told or, without "ends", within the limits given to the constructor.
 
     Thread: the plugin's, which needs an event loop.
     Owner:  the caller, also of the writer and the counters.
@@ -54,17 +56,17 @@ public:
     // See MessageReader.
     void setAnswering(bool enable) { answering = enable; }
     void setForgetAfter(std::chrono::nanoseconds silence) { forgetAfter = silence.count(); }
-    // Forgets all that it knows.
+    // Also forgets all connections, see forgetAll().
     void setEndsTold(bool enable);
     void setMaxUnfinished(qint64 bytes) { maxUnfinished = bytes; }
 
-    // place: of the record, with a connection.
+    // place: the record's; its connection is not 0.
     void receive(const ExactOffers::Place &place, const shared_parsedData &record);
 
-    // Reads all that waits, and gives up what is unfinished.
+    // Reads all offers that wait, gives up unfinished messages, and forgets all connections.
     void forgetAll();
-    // Every second, as far as records are not waiting. Forgets connections that were silent for too
-    // long, unless their ends are told.
+    // To be called by a timer, once per interval; a late call counts as one interval. Forgets
+    // connections that were silent for too long, unless their ends are told.
     void forgetSilent(std::chrono::nanoseconds interval);
 
     qsizetype remembered() const;
@@ -76,18 +78,18 @@ private:
         shared_parsedData record; // the latest offer, until it is read; null: none
         std::optional<ExactOffers::Place> place; // of that record
         std::optional<ExactOffers::Offer> offer; // that record, opened
-        qsizetype used = 0; // of the offer's fresh bytes
-        qsizetype answered = 0; // for so many of them
+        qsizetype used = 0; // how many of the offer's fresh bytes were read
+        qsizetype answered = 0; // how many of them were answered
         shared_parsedData end; // null: not told
         bool waits = false; // in the queue
 
         Origin origin; // of the latest offer that was opened
-        QByteArray tail; // the beginning of a message; its size grows in steps, see QByteArray
-        qsizetype counted = 0; // of its bytes, in unfinished
+        QByteArray tail; // the beginning of a message; its capacity grows in steps
+        qsizetype counted = 0; // its size as unfinished knows it
         FrameState framing;
         qint64 lastOfferTime = 0;
 
-        // False: its state is that of a client that has sent nothing, so that its entry can go.
+        // False: the state equals a new client's, so the entry can be removed.
         bool isWorthKeeping() const { return waits || !tail.isEmpty() || framing.isSkipping(); }
     };
     using Clients = std::list<Client>;
@@ -115,12 +117,12 @@ private:
     const ExactOffers::Limits givenMemory;
     const Allowance goAllowance;
 
-    std::optional<ExactOffers> exactOffers; // never empty; made anew by setEndsTold()
-    ExactOffers::Clock::time_point pacedTime; // its time, see forgetSilent()
+    std::optional<ExactOffers> exactOffers; // never empty; forgetAll() makes a new one
+    ExactOffers::Clock::time_point pacedTime; // the time for exactOffers, see forgetSilent()
     Clients clients; // the longest silent one first
     QHash<quint64, Clients::iterator> byNumber;
-    UnfinishedSizes unfinished; // of their tails
-    TurnQueue queue; // some of them may be forgotten meanwhile
+    UnfinishedSizes unfinished; // sizes of the clients' tails
+    TurnQueue queue; // of numbers; their clients may be forgotten meanwhile
 
     QElapsedTimer clock;
     qint64 forgetAfter = 0; // in nanoseconds

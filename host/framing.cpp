@@ -25,7 +25,8 @@ Frame skipLine(QByteArrayView buffer, FrameState &state)
     return {Frame::Skipped, end + 1, {}};
 }
 
-// A line without its end. It may be one byte too long only if that byte is the CR of its end.
+// Whether a line, still without its end, is too long. One byte more is allowed if it may be the CR
+// of the line's end.
 bool isHopeless(QByteArrayView buffer, const FrameFormat &format)
 {
     return buffer.size() > format.maxMessage
@@ -92,7 +93,7 @@ Frame takeCounted(QByteArrayView buffer, const FrameFormat &format, FrameState &
 
 qsizetype lineBytesToAppend(QByteArrayView rest, QByteArrayView next, const FrameFormat &format)
 {
-    // Beyond this it is too long. What follows then is skipped without being appended.
+    // A line with more bytes is too long. Its further bytes are skipped without being appended.
     const auto most = static_cast<qsizetype>(format.maxMessage) + 2 - rest.size();
     const QByteArrayView near = next.first(std::clamp<qsizetype>(most, 1, next.size()));
     const qsizetype end = near.indexOf('\n');

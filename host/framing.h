@@ -8,7 +8,8 @@
 namespace host {
 
 /*!
-    Framing: where messages end in a stream of bytes. The plugin does none, this is the host's part.
+    Framing: where messages end in a stream of bytes. The plugin knows no framing: that is the
+    host's part.
 
     Functions over a view of the unconsumed bytes, with a small state for each connection; nothing
     here knows of offers, records or sockets.
@@ -53,20 +54,21 @@ struct Frame
     QByteArrayView message; // if Complete
 };
 
-// The first frame in the buffer. The caller takes its bytes from the front and calls again, until
-// it is Incomplete or nothing is left; the next buffer must begin with the bytes that were left.
+// The first frame in the buffer. The caller takes its bytes from the front and calls again, until a
+// frame is Incomplete or nothing is left. The next buffer must begin with the bytes that were left.
 Frame takeFrame(QByteArrayView buffer, const FrameFormat &format, FrameState &state);
 
-// The rest is the beginning of a message: how many of the next bytes to append to it before
-// takeFrame() is called again. More than 0, unless there are none. What takeFrame() then takes is
-// all or nothing, since no byte behind the message is appended.
+// rest: the beginning of a message. next: the bytes after it. Returns how many of the next bytes to
+// append to the rest before takeFrame() is called again: at least 1, unless next is empty.
+// takeFrame() then takes all or nothing, since no byte behind the message is appended.
 qsizetype bytesToAppend(QByteArrayView rest, QByteArrayView next, const FrameFormat &format);
 
-// Gives up the message that begins with the rest: what is still to come of it is skipped. False if
-// nothing is known of its length yet, then nothing changes.
+// Gives up the message that begins with the rest: its further bytes are skipped. False if its end
+// cannot be found: with Framing::None, or before its length prefix is complete. Then nothing
+// changes.
 bool abandonMessage(QByteArrayView rest, const FrameFormat &format, FrameState &state);
 
-// The message bytes in the rest that takeFrame() left: the beginning of a message.
+// rest: what takeFrame() left, the beginning of a message. Returns its bytes without framing.
 QByteArrayView partialMessage(QByteArrayView rest, const FrameFormat &format);
 
 } // namespace host

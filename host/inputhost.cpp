@@ -19,7 +19,7 @@
 namespace host {
 namespace {
 
-// Of the plugin's memory.
+// Limits of the plugin's memory.
 QJsonObject defaultLimits()
 {
     constexpr int MiB = 1024 * 1024;
@@ -28,15 +28,15 @@ QJsonObject defaultLimits()
             {QStringLiteral("stalledTimeout"), 60}};
 }
 
-// What the plugin's configuration has unless it has the key itself.
+// Adds the host's default for each key that the configuration does not have.
 QJsonObject withDefaults(QJsonObject configuration)
 {
     const std::pair<QString, QJsonValue> defaults[] = {
-            {QStringLiteral("ends"), true}, // or what is unfinished would be kept by guess
-            {QStringLiteral("limits"), defaultLimits()}, // or a reader that stands still fills it
-            {QStringLiteral("offsets"), true}, // or messages would be lost and come twice
-            {QStringLiteral("prompt"), true}, // or the last piece of a message could wait
-            {QStringLiteral("strict"), true}, // or a misspelt key would do nothing
+            {QStringLiteral("ends"), true}, // otherwise ends are guessed
+            {QStringLiteral("limits"), defaultLimits()}, // otherwise stalled output fills memory
+            {QStringLiteral("offsets"), true}, // otherwise messages may get lost or come twice
+            {QStringLiteral("prompt"), true}, // otherwise a message's last piece may wait
+            {QStringLiteral("strict"), true}, // otherwise a misspelt key is ignored
     };
     for (const auto &[key, value] : defaults) {
         if (!configuration.contains(key))
@@ -76,7 +76,7 @@ int InputHost::run()
     if (!configurationReader.read())
         return fail(ExitBadConfiguration, configurationReader.errorString());
 
-    SignalNotifier unixSignals; // only now: reading the configuration may be interrupted
+    SignalNotifier unixSignals; // only now: until here a signal ends the program at once
     connectSignals(unixSignals);
     if (const ExitCode code = startPlugin(configurationReader.configuration()))
         return code;
@@ -88,8 +88,8 @@ int InputHost::run()
     return outcome;
 }
 
-// The calling order that the plugin wants: make it, name it, connect it, start it. Leaves no plugin
-// behind if it fails.
+// The plugin must be made, named, connected and started in this order. If this fails, no plugin is
+// left.
 ExitCode InputHost::startPlugin(const QJsonObject &configuration)
 {
     const QJsonObject complete = withDefaults(configuration);
@@ -119,12 +119,13 @@ void InputHost::connectPlugin()
 {
     connect(plugin.get(), &IInputPlugin::receivedData, &reader, &MessageReader::receive);
     connect(&reader, &MessageReader::answered, plugin.get(), &IInputPlugin::discard);
-    // Directly, or the answer does not reach the plugin.
+    // Direct: otherwise the answer does not reach the plugin.
     connect(plugin.get(), &IInputPlugin::query, this, &InputHost::answer, Qt::DirectConnection);
 }
 
-// Offers are still on their way after stop(), and the plugin hands over the last of them before it
-// is gone. The posted calls come first: the reader takes offers in the order in which they came.
+// Offers are still on their way after stop(), and the plugin hands over the last of them while it
+// is destroyed. So the posted offers are delivered first: the reader needs offers in the order in
+// which they were made.
 void InputHost::stopPlugin()
 {
     reader.setAnswering(false);

@@ -25,8 +25,9 @@ class SignalNotifier;
 /*!
     The host: loads the library, runs one plugin at a time, and answers it.
 
-    A plugin is started once. A restarted one keeps the signal connections of its former start and
-    would hand over each connection once more per start, so a new configuration gets a new plugin.
+    Each plugin is started only once. A restarted plugin keeps the signal connections of its former
+    start, and would hand over each connection once per start. So a new configuration gets a new
+    plugin.
 
     Thread: the main thread; the plugin lives there, too.
 */
@@ -39,7 +40,8 @@ public:
     explicit InputHost(const Options &commandLine);
     ~InputHost() override;
 
-    // Runs the event loop until a signal, or something else, ends the program: its exit code.
+    // Runs the event loop until a signal, the message limit or a failure ends it. Returns the
+    // program's exit code.
     int run();
 
 private:

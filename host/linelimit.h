@@ -11,8 +11,9 @@
 namespace host {
 
 /*!
-    Bounds the log lines of one kind, of which a bad device may cause any number. In each interval
-    the first few are written. The others are counted, and told together when the interval is over.
+    Limits the log lines of one kind: a bad device may cause any number of them. In each interval
+    the first few lines are written. The others are counted, and their number is reported when the
+    interval is over.
 
     Thread: any one.
 */
@@ -38,8 +39,8 @@ public:
         return false;
     }
 
-    // Begins the next interval if this one is over, or if atOnce. Returns how many lines were
-    // missed in the one that has ended.
+    // Begins the next interval if this one is over, or if atOnce. Returns how many lines the ended
+    // interval has missed; 0 if none has ended.
     qint64 takeMissed(bool atOnce)
     {
         if (!atOnce && !since.hasExpired(interval.count()))
@@ -52,7 +53,7 @@ public:
 private:
     const int most;
     const std::chrono::milliseconds interval;
-    QElapsedTimer since; // the begin of the interval
+    QElapsedTimer since; // the beginning of the interval
     int lines = 0;
     qint64 missed = 0;
 };

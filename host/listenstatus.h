@@ -10,9 +10,9 @@ namespace host {
 /*!
     Where the plugin listens, read from its status text.
 
-    Its start() does not tell whether listening succeeded: where the port is in use it is true all
-    the same. The first line of the status text tells: "Listen: 0.0.0.0:7446, timeout: 60s, pool
-    size: 4", or "Listen: :0, ..." if nothing listens.
+    start() does not tell whether listening succeeded: it returns true even if the port is in use.
+    The first line of the status text tells: "Listen: 0.0.0.0:7446, timeout: 60s, pool size: 4", or
+    "Listen: :0, ..." if nothing listens.
 */
 struct ListenStatus
 {
@@ -22,7 +22,7 @@ struct ListenStatus
 
     bool isListening() const { return port > 0; }
 
-    // Not listening, if the text is of another form.
+    // If the text has another form, the result is: not listening.
     static ListenStatus parse(const QString &statusText);
 };
 

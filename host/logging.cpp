@@ -16,7 +16,7 @@
 namespace host {
 namespace {
 
-// At least one connection's worth a second, and below 1 MB a minute together.
+// Enough for the lines of one connection a second; less than 1 MB a minute for both levels.
 constexpr int MostLinesAMinute = 2000;
 
 struct Level
@@ -56,7 +56,7 @@ public:
     void setLeast(int importance) { least = importance; }
     int leastImportance() const { return least; }
 
-    // Whether to write it. In front of it, what to tell of lines that were not written.
+    // Whether to write the line. missed: what to write before it about lines that were not written.
     bool allows(const Level &level, QByteArray &missed)
     {
         const std::lock_guard lock(mutex);

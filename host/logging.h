@@ -14,15 +14,15 @@ namespace host {
     Thread: any, once installed.
 */
 
-// logLevel: "debug", "info" or "warning"; less important lines are not written, errors always
-// are. Unless the level is "debug", 2,000 info lines a minute are, and as many warnings; the others
-// are counted.
+// logLevel: "debug", "info" or "warning"; less important lines are not written, errors always are.
+// Unless the level is "debug", at most 2,000 info lines and 2,000 warnings a minute are written;
+// the others are counted.
 void installLogging(const QString &logLevel);
 
-// What an operator has asked for: to standard error, whatever the log level.
+// Writes what an operator has asked for to standard error, whatever the log level.
 void report(const QString &text);
 
-// At the end of the program: writes what waits, as far as somebody reads it.
+// At the end of the program: writes the lines that wait, as long as somebody reads them.
 void finishLogging();
 
 } // namespace host

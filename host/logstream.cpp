@@ -14,7 +14,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Before it is exceeded. So a text of any length fits, a status text for example.
+// A smaller backlog takes one more text of any length, a status text for example.
 constexpr qsizetype FullBacklogBytes = 1024 * 1024;
 constexpr auto MostPatience = 1s; // with a reader that stands still, at the end
 
@@ -24,7 +24,7 @@ void LogStream::write(const QByteArray &text)
 {
     const std::lock_guard lock(mutex);
     append(text);
-    // The writer thread is waiting to write: leave it that.
+    // If there is a writer thread, it writes the backlog.
     if (!hasWriter && !writeBacklog())
         startWriter();
 }
@@ -49,7 +49,7 @@ void LogStream::tellDropped()
     dropped = 0;
 }
 
-// As far as the stream takes it. True if nothing is left.
+// Writes what the stream takes now. True if nothing is left.
 bool LogStream::writeBacklog()
 {
     qsizetype written = 0;

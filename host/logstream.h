@@ -13,12 +13,12 @@
 namespace host {
 
 /*!
-    Log lines of all threads on their way to standard error. None of the threads waits for its
-    reader.
+    Writes the log lines of all threads to standard error. No thread waits for the reader of
+    standard error.
 
-    A line is written at once, if the stream takes it. Otherwise it goes into a backlog, which a
-    thread of its own writes; that thread exists only meanwhile. When the backlog is full, lines are
-    dropped and counted. A line tells the count, in the place of those that are missing.
+    A line is written at once, if the stream takes it. Otherwise it goes into a backlog. A separate
+    thread writes the backlog; it exists only while there is a backlog. When the backlog is full,
+    lines are dropped and counted. In their place, a line tells their number.
 
     Thread: any.
     Owner:  nobody may delete it while a backlog is left: see finish().
@@ -49,8 +49,8 @@ private:
     std::condition_variable progress;
     // Guarded by mutex.
     QByteArray backlog;
-    qint64 dropped = 0; // lines, behind the backlog
-    quint64 writes = 0; // of the backlog
+    qint64 dropped = 0; // lines that came after the backlog
+    quint64 writes = 0; // times that a part of the backlog was written
     bool hasWriter = false;
 };
 

@@ -16,9 +16,9 @@
 using namespace host;
 
 namespace {
-// Each record wakes this thread up, a large part of what a message costs: once in this time is
-// enough. So a message is printed up to 5 ms later than it could be, or 6: the waits are of whole
-// milliseconds. After a rest the thread is woken at once.
+// Waking this thread for each record would be a large part of a message's cost. So records wake it
+// at most once in this time. A message is then printed up to 5 ms late, or 6, since waits are whole
+// milliseconds. After a rest, a record wakes the thread at once.
 constexpr std::chrono::milliseconds WakeUpInterval(5);
 } // namespace
 
@@ -29,7 +29,7 @@ int main(int argc, char *argv[])
     settleTimeZone();
     settleEncoding();
     settleMemory();
-    // Without descriptors for this one, Qt takes its own.
+    // If there are no descriptors for this dispatcher, Qt uses its own.
     if (auto dispatcher = EpollEventDispatcher::create(WakeUpInterval))
         QCoreApplication::setEventDispatcher(dispatcher.release());
     QCoreApplication application(argc, argv);

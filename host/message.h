@@ -8,7 +8,7 @@
 
 namespace host {
 
-//! Where a message came from, as its record told.
+//! Where a message came from, as its record says.
 struct Origin
 {
     QString time; // when the record was made; ISO 8601, UTC
@@ -20,10 +20,10 @@ struct Origin
     QString task;
 };
 
-//! One message on its way out. It refers to bytes of others, so it is never kept.
+//! One message to be written. It does not own the bytes, so it must not be kept.
 struct Message
 {
-    QByteArrayView head; // Output::headOf() its origin
+    QByteArrayView head; // as Output::headOf() made it for the origin
     QByteArrayView bytes; // without framing
     bool partial = false; // the beginning of a message whose end never came
 };

@@ -12,7 +12,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The plugin's timers fire up to 5 % late, and the last offer is some time on its way.
+// The plugin's timers fire up to 5 % late, and the last offer needs some time to arrive.
 constexpr int MostTimerDelayPercent = 5;
 constexpr std::chrono::nanoseconds MostLastOfferDelay = 2s;
 

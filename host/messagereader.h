@@ -16,13 +16,13 @@ namespace host {
 /*!
     Turns the plugin's offers into messages, and answers them.
 
-    Offers that carry their position are taken exactly (ExactReader). For others it is guessed which
-    bytes are repeated (PlainReader).
+    Offers that carry their position are read exactly (ExactReader). For other offers, PlainReader
+    guesses which bytes are repeated.
 
-    With "ends", a connection is forgotten when the plugin tells its end. Without, it is forgotten
-    when it was silent for longer than the plugin's idle time-out, since the plugin has closed it by
-    then, or when it is the longest silent one of more than 100,000. What it still held is then
-    printed as partial.
+    With "ends", a connection is forgotten when the plugin tells its end. Without "ends", it is
+    forgotten when it was silent for longer than the plugin's idle time-out: the plugin has closed
+    it by then. It is also forgotten when there are more than 100,000 and it was silent for the
+    longest time. In each case its unfinished message is printed as partial.
 
     Thread: the plugin's, which needs an event loop; receive() is called directly.
     Owner:  the caller, also of the output and the counters.
@@ -32,17 +32,17 @@ class MessageReader : public QObject
     Q_OBJECT
 
 public:
-    // memory: of stamped connections whose ends are not told; its age counts no time for which
-    // offers had to wait.
+    // memory: limits for what ExactOffers remembers if ends are not told. Time during which offers
+    // had to wait does not count for the age.
     MessageReader(const FrameFormat &frameFormat, Output &messageOutput, Counters &total,
                   const ExactOffers::Limits &memory = {}, const Pace &pace = {});
 
     // The plugin's idle time-out. Default: 60 s.
     void setIdleTimeout(qint64 seconds);
-    // The plugin has "ends". Default: false. Before its first record.
+    // enable: the plugin has "ends". Default: false. Call before its first record.
     void setEndsTold(bool enable);
-    // Of unfinished messages, over all connections that are read exactly. Beyond it the longest one
-    // is given up. Default: no limit.
+    // Limits the unfinished messages of all connections that are read exactly. Beyond the limit,
+    // the longest message is given up. Default: no limit.
     void setMaxUnfinished(qint64 bytes) { exact.setMaxUnfinished(bytes); }
     // Stops after that many messages: nothing more is read or printed. 0 (default): never.
     void setMessageLimit(qint64 messages) { writer.setLimit(messages); }
@@ -51,10 +51,12 @@ public:
     // come are read, and not answered. Default: true.
     void setAnswering(bool enable);
 
-    // There will be no more offers from the connections known so far. Reads all that waits.
+    // Reads all offers that wait and forgets all connections: those known so far make no more
+    // offers.
     void forgetAll();
 
-    // With "ends", the open ones that have made an offer. Else those of which anything is kept.
+    // Of the connections that are read exactly with "ends": the open ones that have made an offer.
+    // Of all others: those of which something is kept.
     qsizetype rememberedConnections() const { return exact.remembered() + plain.remembered(); }
 
 public Q_SLOTS:

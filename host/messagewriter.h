@@ -45,8 +45,7 @@ public:
 
     const FrameFormat &frameFormat() const { return format; }
 
-    // What messages of that record tell of their origin; only what the output shows, and the
-    // source.
+    // The origin of the record's messages: only the parts that the output shows, and the source.
     Origin originOf(const ParsedData &record) const;
 
     // Prints the messages at the front of the bytes. Returns the number of bytes taken. What is
@@ -54,14 +53,17 @@ public:
     qsizetype write(QByteArrayView bytes, const Origin &origin, FrameState &state,
                     Allowance &allowance);
 
-    // rest: what write() has left, and which goes no further. Empty: nothing happens.
+    // Prints the beginning of a message whose end will not come. rest: what write() has left; if it
+    // is empty, nothing happens.
     void writePartial(QByteArrayView rest, const Origin &origin);
 
-    // The same for a message that goes on, but takes too much memory: what is still to come of it
-    // is skipped, and a line warns of it. False, and nothing happens, if it is too short for that.
+    // The same for a message that goes on, but takes too much memory. Its further bytes are
+    // skipped, and a line warns of it. False, and nothing happens, if its end cannot be found, see
+    // abandonMessage().
     bool giveUp(QByteArrayView rest, const Origin &origin, FrameState &state);
 
-    // Warnings beyond ten a minute are counted. Tells how many there were, if the minute is over.
+    // Warnings of a kind beyond ten a minute are only counted. This logs their number if the minute
+    // is over, or if atOnce.
     void tellMissedWarnings(bool atOnce = false);
 
 Q_SIGNALS:

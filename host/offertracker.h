@@ -22,32 +22,32 @@ namespace host {
         discard(A B) ---------------->
         offer A B C: only C is new
 
-    Nothing marks a repeat. A host that took A and B for new would print them twice and, on a
-    connection that lives on, have as many bytes cut that it has never seen.
+    Nothing marks a repeat. A host that took A and B for new would print them twice. If the
+    connection lives on, its discard would also cut as many bytes that the host has never seen.
 
-    What is certain: cuts are carried out in the order of their discards, and between cuts a buffer
-    only grows. So an offer begins with the whole last offer, less what was cut of it, and that can
-    only be one or more of the pieces that the host has discarded one after the other. The tracker
-    keeps the last offer and the places where the next one may begin ("starts"):
+    Two things are certain: cuts are carried out in the order of their discards, and between cuts a
+    buffer only grows. So an offer begins with the last offer, without the pieces of it that were
+    cut. These are the first few of the pieces that the host has discarded: none, some or all. The
+    tracker keeps the last offer and the places in it where the next offer may begin ("starts"):
 
-    - A start is out of the question while offers that were on their way before its discard are
-      still being handled, and once the discard of the bytes behind it is settled, some grace time
-      later. The host tells both times.
-    - It is out of the question if the new offer does not go on with the same bytes. With data that
-      hardly repeats itself, this alone decides, and late cuts do no harm.
-    - If no start is left, the offer comes from another connection that goes by the same id.
-    - If several are left, the device sends the same bytes again and again, or there is nothing but
-      a repeat, and the offer is unclear. The host puts it aside and discards 0 bytes, which the
-      plugin answers, after all cuts that wait, with another offer of what is still there. So if a
-      further offer comes, it begins at the last start that fits. If none comes within the grace
-      time, the connection is closed, or nearly nothing was left: then the offer was a repeat, from
-      the first start, unless it has more bytes than that, and those go on repeating the others.
+    - A start becomes possible when the host has discarded the bytes before it, and has handled all
+      offers made before that discard. It stays possible until the host has discarded the bytes
+      behind it and a grace time has passed. The host tells both times.
+    - A start is not possible if the new offer does not repeat the bytes of the last offer from
+      there on. If the data hardly repeats itself, this alone decides, and late cuts do no harm.
+    - If no start is left, the offer comes from another connection with the same id.
+    - If several starts are left, the offer is unclear: the device sends the same bytes again and
+      again, or the offer has no new bytes. The host puts the offer aside and discards 0 bytes. The
+      plugin carries out all cuts that wait, and then offers again what is left. So if a further
+      offer comes, it begins at the last start that fits. If none comes within the grace time, the
+      connection is closed, or nearly nothing was left. Then the offer counts as a repeat from the
+      first start, unless it has more bytes than that repeat, and these continue the repetition.
 
-    What stays ambiguous: a device that sends the very bytes of its last offer once more within the
-    grace time, and then closes. They are taken for a repeat and are lost. (If they are so few that
-    the plugin does not offer them again by itself, and the connection stays, they are delayed.) A
-    worker that takes longer than the grace time to carry out a cut: bytes that repeat are taken for
-    new. Only offers that tell their place in the stream could be exact.
+    Two cases stay ambiguous. A device sends the very bytes of its last offer once more within the
+    grace time, and then closes: these bytes are taken for a repeat and are lost. (If the connection
+    stays open, and they are too few for the plugin to offer them again by itself, they are only
+    delayed.) A worker takes longer than the grace time to carry out a cut: repeated bytes are taken
+    for new ones. Only offers that carry their position are read exactly, see ExactReader.
 
     Thread: any one; no shared state. One object a connection.
 */
@@ -60,23 +60,23 @@ public:
         Foreign, // of another connection: clear(), and accept it again
     };
 
-    // reached: the time of the last discard before which no offer is left to be handled.
+    // reached: the time of the latest discard of which all earlier offers are handled.
     Fit accept(const QByteArray &offer, qint64 reached);
 
-    // There is an offer put aside.
+    // An offer is put aside.
     bool isUnclear() const { return !unclearOffer.isNull(); }
-    // Takes it: no further offer came.
+    // Takes the offer that was put aside: no further one came.
     void decide();
 
-    // The end of the last offer taken: bytes that are not consumed.
+    // The end of the last offer taken: the bytes that are not consumed.
     QByteArrayView unread() const;
 
-    // The host has consumed that many bytes of unread(). now: any clock that never stands still.
+    // The host has consumed that many bytes of unread(). now: of any clock; later at each call.
     void consume(qsizetype bytes, qint64 now);
 
-    // All cuts of bytes consumed at that time or earlier are carried out, and all offers made
-    // before them were accepted. Lets go of bytes that can no longer be repeated. Not while an
-    // offer is unclear.
+    // Call when all cuts of bytes consumed at that time or earlier are carried out, and all offers
+    // made before these cuts were accepted. Drops bytes that can no longer be repeated. Not while
+    // an offer is unclear.
     void settle(qint64 time);
 
     // True if unread() is all that is kept.
@@ -96,11 +96,11 @@ private:
     void take(const QByteArray &offer, qsizetype start);
 
     QByteArray lastOffer; // the last one taken
-    qsizetype consumed = 0; // of its bytes; one more start, behind all others
+    qsizetype consumed = 0; // of its bytes; also the last start
     QList<Start> starts; // of bytes that are consumed but maybe not cut; ascending
 
     QByteArray unclearOffer; // null: none
-    qsizetype firstFit = 0; // of the unclear offer
+    qsizetype firstFit = 0; // the first start that fits the unclear offer
     qsizetype lastFit = 0;
 };
 

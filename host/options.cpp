@@ -14,7 +14,7 @@
 namespace host {
 namespace {
 
-// Enough for 64 of the longest messages by default, and for thousands of usual ones.
+// Enough for 64 messages of the default maximum, and for thousands of usual ones.
 constexpr qint64 DefaultMaxUnfinished = 64 * 1024 * 1024;
 
 const char Notes[] = R"(
@@ -140,7 +140,7 @@ public:
             complaint = text;
     }
 
-    // One of the names; the first if it is none of them.
+    // The value whose name was given. Another name is an error; then the first value is returned.
     template<class Value>
     Value choice(const QCommandLineOption &option,
                  std::initializer_list<std::pair<const char *, Value>> choices)
@@ -182,7 +182,7 @@ private:
     QString complaint;
 };
 
-// Not one value: Undefined.
+// Undefined if the text is not exactly one JSON value.
 QJsonValue json(const QString &text)
 {
     // A document is an array or an object, so put the value into an array.
@@ -191,7 +191,8 @@ QJsonValue json(const QString &text)
     return values.size() == 1 ? values.first() : QJsonValue(QJsonValue::Undefined);
 }
 
-// No text of any key begins like this: a brace or a quote is missing, or the shell has taken it.
+// No key's plain text begins like this. If such a text is not JSON, a brace or a quote is missing,
+// or the shell has removed it.
 bool isMeantAsJson(const QString &text)
 {
     return !text.isEmpty() && QLatin1String("{[\"").contains(text.front());

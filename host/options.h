@@ -45,7 +45,7 @@ struct CommandLine
     QString text;
 };
 
-// arguments: as of QCoreApplication::arguments(), which must exist.
+// arguments: of QCoreApplication::arguments(). The application object must exist.
 CommandLine parseCommandLine(const QStringList &arguments);
 
 } // namespace host

@@ -18,7 +18,7 @@ namespace host {
 namespace {
 
 constexpr qsizetype FlushAboveBytes = 64 * 1024;
-constexpr int StallMs = 1000; // without anything written
+constexpr int StallMs = 1000; // a warning comes if nothing was written for so long
 constexpr qsizetype KeepAtMostBytes = 1024 * 1024; // of a batch's memory, for the next one
 
 void appendNumber(QByteArray &json, qint64 number)
@@ -80,7 +80,7 @@ void appendJson(QByteArray &json, const Message &message)
 
 void appendRaw(QByteArray &destination, const Message &message, Framing framing)
 {
-    // Among whole messages a reader could not tell it.
+    // A reader could not tell it from a whole message.
     if (message.partial)
         return;
 
@@ -160,7 +160,7 @@ void Output::flush()
     Q_EMIT failed(QString::fromLocal8Bit(std::strerror(error)));
 }
 
-// 0, or the error number.
+// Returns 0 or the error number.
 int Output::writeAll(QByteArrayView bytes)
 {
     QElapsedTimer stalledSince; // valid while nothing can be written
@@ -196,7 +196,7 @@ void Output::scheduleFlush()
     if (pending.isEmpty() || flushScheduled)
         return;
 
-    // Its turn comes when the records that wait already are handled.
+    // The queued flush() comes after the records that wait already.
     flushScheduled = true;
     QMetaObject::invokeMethod(this, &Output::flush, Qt::QueuedConnection);
 }

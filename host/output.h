@@ -15,19 +15,19 @@ namespace host {
 enum class OutputFormat {
     Json, // one object a line
     Raw, // the bytes with the framing that they came with
-    Count, // nothing but the line that the program ends with
+    Count, // only one line, at the end of the program
     None,
 };
 
 /*!
     Writes messages to standard output, where nothing else is written.
 
-    What one pass of the event loop brings is collected and written at its end, so that a reader of
-    a pipe sees messages at once, and many of them cost one system call. Writing waits for a slow
-    reader, and so does everything in this thread: the plugin accepts no connection and its offers
-    pile up in memory meanwhile. A line tells when that has lasted for a second, and one its end. A
-    host that cannot accept this writes in a thread of its own and has to decide what it throws
-    away.
+    The messages of one pass of the event loop are collected and written at its end. So a reader of
+    a pipe sees them at once, and many messages cost few system calls. Writing waits for a slow
+    reader, and so does everything in this thread: meanwhile the plugin accepts no connection, and
+    its offers pile up in memory. A log line tells when this has lasted for a second, and another
+    one when it is over. A host that cannot accept this must write in a separate thread, and decide
+    what it throws away.
 
     Thread: its creator's, with an event loop; flush() is enough without one.
 */
@@ -39,7 +39,8 @@ public:
     // descriptor: stays the caller's, open for as long as the object lives.
     Output(OutputFormat outputFormat, Framing inputFraming, int outputDescriptor);
 
-    // Whether anything but the source of a message's origin is of interest.
+    // Whether messages are written with their origin. If not, only its source is needed, for
+    // warnings.
     bool showsOrigins() const { return format == OutputFormat::Json; }
 
     // What all messages of that origin begin with. Empty, unless origins are shown.
@@ -47,13 +48,13 @@ public:
 
     void write(const Message &message);
 
-    // A line in place of records; only for OutputFormat::Count.
+    // Writes the line of OutputFormat::Count; with other formats, nothing.
     void writeCount(const QString &line);
 
     void flush();
 
 Q_SIGNALS:
-    // Once: from then on everything written is dropped. reason: as the system tells.
+    // Emitted once; everything written later is dropped. reason: the system's error text.
     void failed(const QString &reason);
 
 private:

@@ -25,7 +25,7 @@ QString keyOf(const ParsedData &record)
             + record.getPluginSubIdKey(subids::client());
 }
 
-// discard() takes an int. What is beyond is offered again.
+// discard() takes an int. Bytes beyond its range are offered again.
 QByteArrayView discardablePart(QByteArrayView buffer)
 {
     constexpr qsizetype most = std::numeric_limits<int>::max();
@@ -120,14 +120,14 @@ void PlainReader::readMessages(Client &client)
         return; // no answer to an offer without messages: see answer
 
     answer(static_cast<int>(taken), client.subId);
-    // Comes round when all offers that wait now are handled.
+    // Queued: runs when all offers that wait now are handled.
     const qint64 time = now();
     QMetaObject::invokeMethod(
             this, [this, time] { reachedTime = time; }, Qt::QueuedConnection);
     settleLater(client);
 }
 
-// Consumes them: how many bytes, framing included.
+// Consumes the complete messages. Returns the number of bytes, framing included.
 qsizetype PlainReader::takeMessages(Client &client)
 {
     Allowance unlimited;
@@ -145,7 +145,8 @@ void PlainReader::settleLater(const Client &client)
         settleTimer.start();
 }
 
-// The call is queued: offers that wait already were perhaps made before the cut, and come first.
+// The call is queued: offers that wait already may have been made before the cut, and must be
+// handled first.
 void PlainReader::postSettling()
 {
     const qint64 time = now() - CutGrace.count();
@@ -169,7 +170,7 @@ void PlainReader::settle(qint64 time)
 
 void PlainReader::settleClient(Client &client, qint64 time)
 {
-    // It was asked for another offer when the unclear one came, and has made none.
+    // Another offer was asked for when the unclear one came, and none has come.
     if (client.tracker.isUnclear() && client.lastOfferTime <= time) {
         client.tracker.decide();
         readMessages(client);

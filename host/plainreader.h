@@ -21,7 +21,7 @@
 namespace host {
 
 /*!
-    Reads offers that do not carry their position: it is guessed which bytes are repeated
+    Reads offers that do not carry their position, and guesses which bytes are repeated
     (OfferTracker).
 
     An offer is read at once, however large it is: what is repeated depends on the order of offers
@@ -45,7 +45,7 @@ public:
 
     void receive(const ParsedData &record);
     void forgetAll();
-    // Connections that were silent for too long, unless their ends are told.
+    // Forgets connections that were silent for too long, unless their ends are told.
     void forgetSilent();
 
     qsizetype remembered() const { return static_cast<qsizetype>(clients.size()); }
@@ -60,7 +60,7 @@ private:
         FrameState framing;
         qint64 lastOfferTime = 0;
 
-        // False: its state is that of a client that has sent nothing, so that its entry can go.
+        // False: the state equals a new client's, so the entry can be removed.
         bool isWorthKeeping() const
         {
             return !tracker.isSettled() || !tracker.unread().isEmpty() || framing.isSkipping();
@@ -85,9 +85,9 @@ private:
 
     MessageWriter &writer;
     Counters &counters;
-    // An offer without a complete message is not answered: the plugin answers a discard of 0 bytes
-    // with the same offer, at once and for ever. Here, 0 bytes ask for another offer, once, see
-    // OfferTracker.
+    // An offer without a complete message is not answered: the plugin would answer a discard of 0
+    // bytes with the same offer, at once and for ever. A discard of 0 bytes is used once, to ask
+    // for another offer after an unclear one, see OfferTracker.
     const Answer &answer;
 
     Clients clients; // the longest silent one first
@@ -97,7 +97,7 @@ private:
     // Times are in nanoseconds, and no two are the same.
     QElapsedTimer clock;
     qint64 lastTime = 0;
-    qint64 reachedTime = 0; // offers made before discards until then are handled
+    qint64 reachedTime = 0; // of the latest discard of which all earlier offers are handled
     qint64 forgetAfter = 0;
     QTimer settleTimer;
 

@@ -12,14 +12,14 @@
 namespace host {
 namespace {
 
-// The name that the library registers its creator under.
+// The name under which the library registers its creator.
 QString creatorName()
 {
     return QStringLiteral("TcpInputPlugin2");
 }
 
-// In the tree where the program was built or installed; otherwise the plain name, which the system
-// looks up.
+// The library in the tree where the program was built or installed. If there is none, its plain
+// name, which the system looks up.
 QString findLibrary()
 {
     const QDir program(QCoreApplication::applicationDirPath());

@@ -15,16 +15,16 @@ class IInputPlugin;
 
 namespace host {
 
-//! The two ways in which the library gives plugins away. They make the same objects.
+//! The library's two entry points. Both make the same objects.
 enum class EntryPoint {
     Create, // a function that makes plugins
-    RegisterPlugin, // a function that adds an object that makes plugins to the host's map
+    RegisterPlugin, // a function that puts a creator of plugins into the host's map
 };
 
 /*!
     Loads the library at run time and makes plugins.
 
-    The library stays loaded when this object goes.
+    The library stays loaded when this object is destroyed.
 
     Thread: any one; plugins belong to the thread that makes them.
 */
@@ -36,7 +36,7 @@ public:
     Q_DISABLE_COPY(PluginLoader)
 
     // file: empty to look for the library near the program. False if it cannot be loaded or does
-    // not have the entry point; errorString() tells.
+    // not have the entry point; errorString() says why.
     bool load(const QString &file, EntryPoint entry);
     QString errorString() const { return error; }
     QString fileName() const { return library.fileName(); }
@@ -49,7 +49,7 @@ private:
 
     QLibrary library;
     CreatePluginFunction createPlugin = nullptr;
-    InputPluginCreators creators; // in use if there is no createPlugin
+    InputPluginCreators creators; // used if createPlugin is null
     QString error;
 };
 

@@ -5,30 +5,33 @@
 
 namespace host {
 
-//! What a program that serves many connections asks of the system, once, at its start.
+//! What a program that serves many connections asks of the system. Call each once, at the start.
 
-// Every connection takes a descriptor, and the usual soft limit of 1,024 is soon reached: raises it
-// to the hard limit. The program must not use select().
+// Raises the soft limit of descriptors to the hard limit. Every connection takes a descriptor, and
+// the usual soft limit of 1,024 is soon reached. The program must not use select().
 void raiseDescriptorLimit();
 
 // Writing to a closed pipe then fails instead of ending the program.
 void ignoreBrokenPipes();
 
-// A standard stream that was closed by the caller: keeps its number from a socket or pipe, which
-// would get what is written to that stream. Writing to standard output still fails.
+// Opens /dev/null for each standard stream that the caller has closed. Otherwise a socket or pipe
+// would get the stream's number, and all that is written to the stream. Writing to standard output
+// still fails: it is opened for reading.
 void occupyStandardDescriptors();
 
-// Keeps the local time zone that the process has started with, unless TZ names one: the C library
-// looks for a changed one at every conversion otherwise, and each record needs one. Before threads.
+// Keeps the local time zone with which the process has started, unless TZ names one. Otherwise the
+// C library looks for a changed time zone at every conversion, and each record needs a conversion.
+// Call before threads exist.
 void settleTimeZone();
 
-// Large blocks of memory go back to the system when they are freed. The C library keeps them
-// otherwise, once it has seen some: after a burst the process would stay as large as it was then.
-// Before threads.
+// Large blocks of memory go back to the system when they are freed. Otherwise the C library would
+// keep such blocks once it has freed some, and after a burst the process would stay large. Call
+// before threads exist.
 void settleMemory();
 
-// Texts are in UTF-8, also where the locale is another one, or none. Qt sees to that by itself, but
-// newer versions complain of such a locale, over several lines. Before the application object.
+// Makes the encoding UTF-8 if the locale has another one. Qt would do this by itself, but newer
+// versions complain about such a locale, over several lines. Call before the application object
+// exists.
 void settleEncoding();
 
 } // namespace host

@@ -21,7 +21,7 @@ extern "C" void forwardSignal(int number)
 {
     const int savedErrno = errno;
     const auto byte = static_cast<unsigned char>(number);
-    // The pipe is full only if that many signals wait already: then this one may be lost.
+    // The pipe is full only if thousands of signals wait already. Then this one may be lost.
     [[maybe_unused]] const ssize_t written = ::write(writeEnd, &byte, 1);
     errno = savedErrno;
 }

@@ -13,18 +13,18 @@ namespace host {
 /*!
     Brings SIGINT, SIGTERM, SIGHUP and SIGUSR1 into the event loop.
 
-    A signal handler may do next to nothing, so it writes the signal's number to a pipe whose other
-    end the event loop watches. SIGINT and SIGTERM are caught once each: the second one ends the
-    program, if the first does not get through.
+    A signal handler may do very little. So it writes the signal's number to a pipe, and the event
+    loop watches the other end. SIGINT and SIGTERM are caught once each: the same signal once more
+    ends the program at once, even if the event loop stands still.
 
-    Thread: its creator's. One object a program.
+    Thread: its creator's. One object in a program.
 */
 class SignalNotifier : public QObject
 {
     Q_OBJECT
 
 public:
-    // If there is no pipe to be had, logs an error, and signals act as they do by default.
+    // If no pipe can be made, logs an error, and signals act as they do by default.
     SignalNotifier();
     ~SignalNotifier() override;
 

@@ -8,12 +8,11 @@
 namespace host {
 
 /*!
-    Standard output or standard error. Its reader may be slow, or stand still: writing does not
-    wait.
+    Standard output or standard error. Its reader may be slow or stand still: write() does not wait.
 
-    Other programs may share the stream, so its flags stay as they are. It is asked before each
-    write instead, and pipes, sockets and terminals get so little at once that they take it without
-    waiting.
+    Other programs may share the stream, so its flags stay as they are. Instead, each write first
+    asks whether the stream is writable. Pipes, sockets and terminals get so little at once that
+    they take it without waiting.
 
     Thread: one at a time; waitUntilWritable() any.
 */
@@ -27,12 +26,12 @@ public:
     // errno set.
     qsizetype write(QByteArrayView bytes) const;
 
-    // False: not within that time. -1: waits without end. Failed streams count as writable.
+    // timeoutMs: -1 waits without end. False if the time is over. Failed streams count as writable.
     bool waitUntilWritable(int timeoutMs) const;
 
 private:
     const int fd;
-    const bool mayWait; // a file does not
+    const bool mayWait; // false: a file
 };
 
 } // namespace host

@@ -52,7 +52,8 @@ void TurnQueue::playTurn()
         post();
 }
 
-// Events that are posted while others are sent come in the next turn, behind sockets and timers.
+// Events that are posted while posted events are sent come in the next turn, after sockets and
+// timers.
 void TurnQueue::post()
 {
     if (std::exchange(posted, true))

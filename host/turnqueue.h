@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <deque>
+#include <limits>
 #include <memory>
 
 namespace host {
@@ -17,8 +18,8 @@ namespace host {
 /*!
     Shares the thread among connections that have more to read than fits into one go.
 
-    Each of them has one go in turn. In a turn of the event loop they have a limited time. So
-    signals, new connections and other connections' records are handled in between.
+    The connections have their goes in turn. All goes in one turn of the event loop together have a
+    limited time. So signals, new connections and other connections' records are handled in between.
 
     Thread: its creator's, with an event loop.
 */
@@ -29,17 +30,17 @@ class TurnQueue : public QObject
 public:
     explicit TurnQueue(std::chrono::nanoseconds timePerTurn);
 
-    // Whether this turn of the event loop has time left for what has just come. That time does not
-    // count what waiting connections take, and those do not wait for what comes.
+    // Whether this turn of the event loop has time left for a record that has just come. The goes
+    // of waiting connections have a time of their own, so neither has to wait for the other.
     bool hasTime();
 
-    // Its go comes in a later turn.
+    // The connection's go comes in a later turn of the event loop.
     void append(quint64 connection);
 
     void clear() { waiting.clear(); }
 
 Q_SIGNALS:
-    // It is this connection's go, which ends with the signal. It may be appended again.
+    // It is this connection's go, which ends when the slots return. They may append it again.
     void reached(quint64 connection);
 
 private:
@@ -48,9 +49,9 @@ private:
 
     const std::chrono::nanoseconds time;
     std::deque<quint64> waiting;
-    QElapsedTimer sinceFirst; // of what came in this turn of the event loop
-    quint64 turn = 0; // of the event loop, in which something came last
-    // Who counts the turns; null: nobody does, so they are counted here.
+    QElapsedTimer sinceFirst; // since the first record of this turn
+    quint64 turn = 0; // of the event loop, in which the last record came
+    // Counts the turns. Null: the dispatcher is one of Qt's, and turnsOfQt counts them.
     std::shared_ptr<const EpollEventDispatcher::Pulse> pulse;
     quint64 turnsOfQt = 1;
     bool posted = false;

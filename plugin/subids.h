@@ -54,6 +54,7 @@ inline QString end()
 */
 struct Values
 {
+    explicit Values(QMap<QString, QString> &&) = delete; // it would be gone at once
     explicit Values(const QMap<QString, QString> &map)
     {
         for (auto entry = map.constBegin(); entry != map.constEnd(); ++entry) {

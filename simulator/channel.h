@@ -12,8 +12,8 @@ struct IoResult
 {
     enum Status {
         Done,
-        WantRead, // again when the socket is readable
-        WantWrite, // again, with the same bytes, when the socket is writable
+        WantRead, // call again when the socket is readable
+        WantWrite, // call again, with the same bytes, when the socket is writable
         Closed, // by the peer
         Failed,
     };
@@ -24,7 +24,7 @@ struct IoResult
 };
 
 /*!
-    What a connection speaks over its connected socket: TCP as it is, or TLS.
+    What a connection speaks over its connected socket: plain TCP or TLS.
 
     Thread: one at a time. Never blocks.
 */
@@ -40,10 +40,10 @@ public:
     // data: not empty.
     virtual IoResult send(QByteArrayView data) = 0;
 
-    // Reads whatever has come and drops it. Never Done.
+    // Reads whatever has come and drops it. Never returns Done.
     virtual IoResult receive() = 0;
 
-    // Tells the peer that nothing more will be sent. TCP stays as it is.
+    // With TLS, tells the peer that nothing more will be sent. The TCP connection stays as it is.
     virtual IoResult sendEnd() = 0;
 };
 

@@ -11,7 +11,7 @@
 namespace simulator {
 namespace {
 
-// Number of the last message of a device's first `connection` connections.
+// Number of the last message that a device sends over its first `connection` connections.
 quint64 lastMessage(const Options &options, quint64 connection)
 {
     const bool saysNothing =
@@ -74,7 +74,7 @@ void Device::connectNext()
     connection = std::make_unique<DeviceConnection>(
             run, numbers, std::move(outbox), pace,
             endingFor(options, connectionNumber == lastConnection));
-    // Queued: it is deleted here, and may finish in the middle of a call of ours.
+    // Queued: the slot deletes the connection, which may emit finished() within a call from here.
     connect(connection.get(), &DeviceConnection::finished, this, &Device::onConnectionFinished,
             Qt::QueuedConnection);
     connection->open();
@@ -86,7 +86,7 @@ void Device::onConnectionFinished()
     connection.reset();
     Q_EMIT connectionEnded(record);
 
-    // What a failed connection left unsent would be missing from the numbering.
+    // Not after a failure: the messages that it left unsent would be missing in the numbering.
     if (!stopping && !record.failed && connectionNumber < lastConnection)
         connectNext();
     else

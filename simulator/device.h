@@ -16,7 +16,8 @@ class DeviceConnection;
 struct Run;
 
 /*!
-    One remote device: its messages, over one connection or, if it reconnects, several in turn.
+    One remote device. It sends its messages over one connection or, if it reconnects, over several
+    in turn.
 
     Thread: the main thread.
     Owner:  the Fleet.
@@ -32,19 +33,19 @@ public:
 
     void start();
 
-    // Finishes the message begun, closes and does not connect again.
+    // Finishes the message that it has begun, closes and does not connect again.
     void stop();
 
     // Closes now.
     void abandon();
 
-    // Messages that the connection it has now has sent so far; 0 between two of them.
+    // How many messages the current connection has sent so far; 0 between two connections.
     quint64 openMessages() const;
 
 Q_SIGNALS:
     void connectionEnded(const ConnectionRecord &record);
-    // Once, never from within start(), stop() or abandon(). Says who, as QObject::sender() is slow
-    // for a receiver with thousands of senders.
+    // Emitted once, never from within start(), stop() or abandon(). It names the device, since
+    // QObject::sender() is slow for a receiver with thousands of senders.
     void finished(Device *device);
 
 private Q_SLOTS:
@@ -58,7 +59,7 @@ private:
     const quint64 lastConnection;
     quint64 connectionNumber = 0;
     bool stopping = false;
-    Pace pace; // goes on over reconnections
+    Pace pace; // one for all connections of the device
     std::unique_ptr<DeviceConnection> connection;
 };
 

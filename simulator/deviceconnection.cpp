@@ -72,7 +72,7 @@ void DeviceConnection::stop()
     case State::Ending:
         if (ending.then == Ending::Then::AwaitPeer && !ending.shutdownWrite)
             waitIsOver();
-        return; // the others end by themselves
+        return; // other endings finish by themselves
     case State::Finished:
         return;
     }
@@ -112,7 +112,7 @@ void DeviceConnection::onReadable()
         return fail(result.error);
     if (result.status == IoResult::Closed)
         return peerClosed();
-    // A write may have waited for this, and for nothing else.
+    // A TLS write may have waited only for data from the peer.
     if (state == State::Sending && !timer.isActive() && !writable.isEnabled())
         pump();
 }
@@ -157,7 +157,7 @@ void DeviceConnection::handshake()
         return established();
     case IoResult::WantRead:
         if (run.options.fault == Fault::AbortHandshake)
-            return established(); // as far as this device goes
+            return established(); // this device goes no further
         break;
     case IoResult::WantWrite:
         break;
@@ -235,7 +235,8 @@ bool DeviceConnection::pause()
 void DeviceConnection::wait(int ms)
 {
     writable.setEnabled(false);
-    // Devices know nothing of each other: a coarse timer would have thousands send at one moment.
+    // Precise: a coarse timer would make thousands of devices send at the same moment, but devices
+    // know nothing of each other.
     timer.start(ms, Qt::PreciseTimer, this);
 }
 
@@ -293,7 +294,7 @@ void DeviceConnection::peerClosed()
     if (state == State::Sending && run.options.fault == Fault::None)
         return fail(QStringLiteral("closed by the peer before everything was sent"));
     if (state == State::Ending && ending.then == Ending::Then::Reset) {
-        readable.setEnabled(false); // it will be reset nevertheless
+        readable.setEnabled(false); // the connection is reset nevertheless
         return;
     }
     finish(ending.shutdownWrite ? End::Closed : End::PeerClosed);
@@ -301,7 +302,7 @@ void DeviceConnection::peerClosed()
 
 void DeviceConnection::fail(const QString &error)
 {
-    // What peers do to faulty devices is theirs to decide.
+    // A peer may do anything to a faulty device: that is no failure.
     const bool isExpected = record.opened && run.options.fault != Fault::None;
     record.failed = !isExpected;
     record.error = error;
@@ -311,7 +312,7 @@ void DeviceConnection::fail(const QString &error)
 void DeviceConnection::finish(End end)
 {
     timer.stop();
-    readable.setEnabled(false); // before its descriptor goes
+    readable.setEnabled(false); // before the descriptor is closed
     writable.setEnabled(false);
     channel.reset();
     if (end == End::Reset)

@@ -21,7 +21,8 @@ class Pace;
 struct Run;
 
 /*!
-    One TCP connection from connecting to its end: sends its outbox at the pace, then ends as told.
+    One TCP connection from connecting to its end: sends its outbox at the pace, then ends as its
+    Ending says.
 
     Thread: the main thread. Non-blocking; every function returns at once.
     Owner:  the Device.
@@ -31,27 +32,28 @@ class DeviceConnection : public QObject
     Q_OBJECT
 
 public:
-    // Of the record given only device and connection matter. devicePace: starts when it opens.
+    // numbers: only its device and connection are used. devicePace: is started when the connection
+    // is open.
     DeviceConnection(const Run &sharedRun, const ConnectionRecord &numbers, Outbox &&toSend,
                      Pace &devicePace, const Ending &finalEnding);
 
     // Call once.
     void open();
 
-    // Finishes the message begun and closes.
+    // Finishes the message that it has begun, and closes.
     void stop();
 
     // Closes now.
     void abandon();
 
-    // So far; as the record counts them.
+    // How many messages were sent so far, counted as in the record.
     quint64 sentMessages() const { return outbox.acceptedMessages(); }
 
     // Complete once finished() was emitted.
     const ConnectionRecord &result() const { return record; }
 
 Q_SIGNALS:
-    // Once. May come from within open(), stop() and abandon().
+    // Emitted once; also from within open(), stop() and abandon().
     void finished();
 
 protected:
@@ -92,7 +94,7 @@ private:
     std::unique_ptr<Channel> channel; // from Handshaking on
     QSocketNotifier readable{QSocketNotifier::Read};
     QSocketNotifier writable{QSocketNotifier::Write};
-    QBasicTimer timer; // time-out, next write or end of waiting, as the state is
+    QBasicTimer timer; // time-out, next write or end of waiting: depends on the state
     State state = State::Connecting;
 };
 

@@ -26,7 +26,7 @@ Ending reset()
 Ending abortHandshake()
 {
     Ending ending = reset();
-    ending.reads = false; // to read would be to go on with the handshake
+    ending.reads = false; // reading would go on with the handshake
     return ending;
 }
 
@@ -94,8 +94,8 @@ Ending orderlyClose(const Options &options)
 {
     if (!options.startsTls())
         return {};
-    // The peer's session tickets may be on their way. To close over them, or before them, would
-    // reset the connection and throw away what the kernel has not sent yet.
+    // The peer's session tickets may be unread, or still on their way. Closing the socket then
+    // would reset the connection, and bytes that the kernel has not sent yet would be lost.
     Ending ending = halfClose(options);
     ending.waitMs = TlsCloseMs;
     return ending;

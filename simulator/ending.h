@@ -18,19 +18,19 @@ struct Ending
         Reset, // after the peer's kernel has acknowledged everything
     };
 
-    bool closeNotify = false; // nothing without TLS
+    bool closeNotify = false; // does nothing without TLS
     bool shutdownWrite = false;
     Then then = Then::Close;
     int waitMs = -1; // for the peer; -1: no limit
-    bool closeAfterWait = false; // what follows the wait is another ending: an orderly close
-    bool ignoreTls = false; // waits for the peer's FIN, whatever its TLS says
-    bool reads = true; // false: from the handshake on nothing is read
+    bool closeAfterWait = false; // after the wait comes another ending: an orderly close
+    bool ignoreTls = false; // waits for the peer's FIN and does not look at its TLS
+    bool reads = true; // false: nothing is read once the connection is open
 };
 
 // isLast: the device does not connect again.
 Ending endingFor(const Options &options, bool isLast);
 
-// Loses nothing, and lasts no longer than that takes.
+// An ending that loses nothing and takes no longer than necessary.
 Ending orderlyClose(const Options &options);
 
 } // namespace simulator

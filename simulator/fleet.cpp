@@ -9,7 +9,7 @@
 namespace simulator {
 namespace {
 
-constexpr int StartsPerTurn = 64; // then those started get their turn
+constexpr int StartsPerTurn = 64; // then the started devices get their turn
 constexpr int StopGraceMs = 2000; // for peers that do not read
 
 } // namespace
@@ -47,7 +47,7 @@ QString Fleet::progress() const
             .arg(messages);
 }
 
-// As far as the counts go; the connect rate may want to wait.
+// Whether the numbers allow another device. The connect rate may still make it wait.
 bool Fleet::mayStart() const
 {
     const Options &options = run.options;

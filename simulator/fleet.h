@@ -29,19 +29,19 @@ public:
     const Report &report() const { return collected; }
     bool wasInterrupted() const { return stopping; }
 
-    // A line with the numbers so far, of the connections that are open too.
+    // A line with the numbers so far; it also counts the connections that are still open.
     QString progress() const;
 
 public Q_SLOTS:
     // Starts as many devices as may start now, and the others later.
     void launch();
 
-    // The first time: devices finish the message begun and close, within a few seconds. The second
-    // time: they close now.
+    // First call: the devices finish the message that they have begun, and close, within a few
+    // seconds. Second call: they close now.
     void stop();
 
 Q_SIGNALS:
-    void finished(); // once, all devices are gone
+    void finished(); // once, when all devices are gone
 
 private Q_SLOTS:
     void onConnectionEnded(const ConnectionRecord &record);

@@ -36,7 +36,7 @@ void raiseDescriptorLimit()
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// Texts are in UTF-8. Newer versions of Qt complain of another locale before they see to that.
+// Makes the encoding UTF-8. Newer versions of Qt would do so themselves, but complain first.
 void settleEncoding()
 {
     std::setlocale(LC_ALL, "");
@@ -93,9 +93,9 @@ int main(int argc, char **argv)
 {
     raiseDescriptorLimit();
     settleEncoding();
-    std::signal(SIGPIPE, SIG_IGN); // a write to a connection that is gone is to fail, no more
+    std::signal(SIGPIPE, SIG_IGN); // a write to a closed connection must only fail
 
-    // Cheap with thousands of sockets. Qt's own takes its place if it cannot be had.
+    // This dispatcher is cheap with thousands of sockets. If it cannot be made, Qt uses its own.
     if (std::unique_ptr<QAbstractEventDispatcher> dispatcher = EpollEventDispatcher::create())
         QCoreApplication::setEventDispatcher(dispatcher.release());
     QCoreApplication app(argc, argv);

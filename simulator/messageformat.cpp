@@ -61,7 +61,8 @@ QByteArray MessageFormat::payload(quint64 device, quint64 number) const
     if (text.size() >= size)
         return text;
     text += ' ';
-    // Neighbouring messages begin with different letters: a byte lost or doubled shows.
+    // The padding of neighbouring messages begins with different letters, so that a lost or doubled
+    // byte shows.
     const auto start = static_cast<qsizetype>(number % LetterCount);
     text.append(letters.constData() + start, size - text.size());
     return text;
@@ -73,7 +74,7 @@ QByteArray MessageFormat::garbage(quint64 device, quint64 number) const
     QByteArray bytes(size, Qt::Uninitialized);
     for (char &byte : bytes)
         byte = static_cast<char>(random.below(256));
-    // No TLS record and no old-style ClientHello begins so.
+    // No TLS record and no old-style ClientHello begins with such a byte.
     bytes[0] = static_cast<char>(bytes[0] & 0x0f);
     return bytes;
 }

@@ -10,7 +10,8 @@
 namespace simulator {
 
 /*!
-    What the devices say: every message is a function of the options, the device and its number.
+    Makes the devices' messages. A message depends only on the options, the device and the message's
+    number.
 
     Thread: any; const after construction.
 */
@@ -22,7 +23,7 @@ public:
     // Appends the message as it goes over the wire, framing included. number: from 1.
     void append(QByteArray &out, quint64 device, quint64 number) const;
 
-    // Of a usual message, framing included: those with very long numbers are longer.
+    // The size of a usual message, framing included. Messages with very long numbers are longer.
     qsizetype usualBytes() const;
 
 private:
@@ -33,7 +34,7 @@ private:
     const int size;
     const bool isGarbage;
     const quint32 seed;
-    const QByteArray letters; // padding is cut out of these
+    const QByteArray letters; // the padding is a part of these
 };
 
 } // namespace simulator

@@ -155,7 +155,7 @@ QList<QCommandLineOption> knownOptions()
 }
 
 /*!
-    Takes typed values out of the parsed command line; remembers the first thing wrong with them.
+    Takes typed values out of the parsed command line, and remembers the first error.
 */
 class Reader
 {
@@ -307,7 +307,7 @@ void readOptions(Reader &reader, Options &options)
     options.checksum = !reader.isSet("no-checksum");
 }
 
-// What is right by itself but wrong together.
+// Checks options that are right by themselves but wrong together.
 void checkTogether(Reader &reader, const Options &options)
 {
     if (options.reconnect > 0 && options.reconnect >= options.messages)
@@ -330,7 +330,7 @@ ParsedOptions parseOptions(const QStringList &arguments)
 {
     QCommandLineParser parser;
     parser.setApplicationDescription(tr(Description).trimmed());
-    // Not addHelpOption(): it would also offer what Qt options there are for all programs.
+    // Not addHelpOption(): that one would also offer the options that Qt has for all programs.
     const QCommandLineOption help({QStringLiteral("h"), QStringLiteral("help")},
                                   QStringLiteral("Displays this help."));
     parser.addOption(help);

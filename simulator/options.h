@@ -62,7 +62,7 @@ struct Options
     bool quiet = false;
     bool checksum = true;
 
-    // Garbage and silence come instead of a handshake.
+    // Devices that send garbage or nothing make no handshake.
     bool startsTls() const
     {
         return tls.enabled && fault != Fault::Silent && fault != Fault::Garbage;

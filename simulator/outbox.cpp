@@ -63,7 +63,7 @@ void Outbox::accept(qsizetype count)
     }
     if (!isAtEnd())
         return;
-    // Thousands of connections may stay open with nothing more to say.
+    // Frees the memory: thousands of connections may stay open with nothing more to send.
     buffer = QByteArray();
     offset = 0;
 }

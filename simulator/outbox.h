@@ -19,7 +19,7 @@ class MessageFormat;
 /*!
     The byte stream of one connection: made message by message, given out segment by segment.
 
-    Knows neither sockets nor time. Counts what was accepted, as that is what has been sent.
+    Knows neither sockets nor time. Counts only accepted bytes: these have been sent.
 */
 class Outbox
 {
@@ -28,12 +28,12 @@ public:
     Outbox(const MessageFormat &messageFormat, const Segmenter &cuts, quint64 deviceNumber,
            quint64 first, quint64 last, bool withChecksum);
 
-    // What to write next, or the rest of it. due: number of the last message that may be begun.
-    // Empty: nothing before a further message is due, or nothing any more. Valid until the next
-    // call of a function that is not const.
+    // The bytes to write next, or the rest of them. due: number of the last message that may be
+    // begun. Empty if another message must become due first, or if everything was written. Valid
+    // until the next call of a function that is not const.
     QByteArrayView segment(quint64 due);
 
-    // The first count bytes of segment() were taken.
+    // The kernel has accepted the first count bytes of segment().
     void accept(qsizetype count);
 
     // Begins no further message.
@@ -57,12 +57,12 @@ private:
     quint64 lastMessage;
 
     Segmenter segmenter;
-    std::optional<Segmenter::Cut> cut; // of the segment that waits for bytes
-    qsizetype rest = 0; // of the segment given out
+    std::optional<Segmenter::Cut> cut; // of a segment that waits for bytes
+    qsizetype rest = 0; // bytes of the segment that were not accepted yet
 
     QByteArray buffer;
     qsizetype offset = 0; // of the first byte in buffer that was not accepted
-    QList<quint64> ends; // in the stream, of the messages in buffer
+    QList<quint64> ends; // positions in the stream where the messages in buffer end
     quint64 gathered = 0; // bytes of the stream made so far
 
     quint64 messages = 0;

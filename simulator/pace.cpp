@@ -11,7 +11,7 @@ namespace {
 
 constexpr double NsPerSecond = 1e9;
 constexpr double MsPerSecond = 1e3;
-constexpr double LongestMs = 24 * 3600 * MsPerSecond; // whoever waits so long just asks again
+constexpr double LongestMs = 24 * 3600 * MsPerSecond; // after so long a wait the caller asks again
 
 } // namespace
 

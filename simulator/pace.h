@@ -8,7 +8,8 @@
 namespace simulator {
 
 /*!
-    A steady rate of numbered events, the first at once; lateness does not add up.
+    A steady rate of numbered events. The first event is due at once. A late event does not make
+    later ones late.
 */
 class Pace
 {
@@ -16,13 +17,13 @@ public:
     // perSecond: 0 for no limit.
     explicit Pace(double perSecond) : rate(perSecond) {}
 
-    // Later calls change nothing.
+    // Starts the clock. Later calls change nothing.
     void start();
 
-    // Number of the last event that may have happened by now, from 1.
+    // Number of the last event that is due by now, from 1.
     quint64 due() const;
 
-    // Milliseconds until the event of that number is due, rounded up; 0 if it is.
+    // Milliseconds until the event of that number is due, rounded up; 0 if it is due already.
     int msUntil(quint64 number) const;
 
 private:

@@ -10,7 +10,7 @@ namespace simulator {
 class TcpSocket;
 
 /*!
-    TCP as it is.
+    Plain TCP.
 */
 class PlainChannel : public Channel
 {

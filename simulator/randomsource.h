@@ -13,8 +13,8 @@ namespace simulator {
 /*!
     Reproducible numbers, the same from any compiler and library.
 
-    A few bytes only, since every device has its own: what one draws must not depend on when
-    another does.
+    Every device has a source of its own, so that its numbers do not depend on when other devices
+    draw theirs. So a source is only a few bytes large.
 */
 class RandomSource
 {

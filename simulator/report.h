@@ -14,7 +14,7 @@ enum class End {
     Closed, // by the device
     Reset, // by the device
     Unanswered, // by the device, after the peer had not answered its FIN
-    Abandoned, // by the device, which was told to stop and could not in time
+    Abandoned, // by the device, which was told to stop and could not do so in time
     PeerClosed, // by the peer
     Failed, // see ConnectionRecord::error
 };

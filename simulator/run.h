@@ -14,15 +14,15 @@ namespace simulator {
 class TlsContext;
 
 /*!
-    What all devices of a run share. Set before the first one starts and not changed then.
+    What all devices of a run share. Set before the first device starts, and not changed later.
 */
 struct Run
 {
     const Options &options;
     QHostAddress peer;
     const MessageFormat &format;
-    const TlsContext *tls = nullptr; // null: no handshake is to be done
-    QElapsedTimer clock; // all times reported are since its start
+    const TlsContext *tls = nullptr; // null: no TLS handshake
+    QElapsedTimer clock; // all reported times count from its start
 };
 
 } // namespace simulator

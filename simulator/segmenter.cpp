@@ -12,7 +12,7 @@ constexpr qsizetype BlockBytes = 64 * 1024;
 
 } // namespace
 
-// Twice a message: cuts fall within messages and reach over their ends.
+// The longest cut is twice a message: cuts then fall within messages and reach over their ends.
 Segmenter::Segmenter(Segments segments, qsizetype messageBytes, const RandomSource &source)
     : mode(segments),
       longest(static_cast<quint32>(2 * messageBytes)),

@@ -11,19 +11,19 @@ namespace simulator {
 /*!
     Decides how long a connection's writes are.
 
-    Depends on nothing but what it was constructed with, so the cuts can be repeated.
+    The cuts depend only on the constructor's arguments, so they can be repeated.
 */
 class Segmenter
 {
 public:
-    // A write has atLeast bytes, unless the stream ends before, and atMost.
+    // A write has from atLeast to atMost bytes; at the end of the stream it may have fewer.
     struct Cut
     {
         qsizetype atLeast = 1;
         qsizetype atMost = 1;
     };
 
-    // messageBytes: of a usual message.
+    // messageBytes: size of a usual message.
     Segmenter(Segments segments, qsizetype messageBytes, const RandomSource &source);
 
     Cut next();

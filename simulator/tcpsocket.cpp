@@ -19,7 +19,7 @@ namespace simulator {
 namespace {
 
 /*!
-    A socket address of either family, as the system calls want it.
+    A socket address of either family, as the system calls need it.
 */
 struct SocketAddress
 {
@@ -80,10 +80,11 @@ int TcpSocket::connectTo(const QHostAddress &peer, quint16 port, const QHostAddr
         return errno;
 
     const int on = 1;
-    // The cuts between writes are part of what is played.
+    // Without delay, so that the kernel does not join writes: their cuts are part of the
+    // simulation.
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     if (!source.isNull()) {
-        // The port is chosen by connect(), which needs it unique for this peer only.
+        // connect() then chooses the port, which must be unique for this peer only.
         setsockopt(fd, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &on, sizeof on);
         const SocketAddress from(source, 0);
         if (::bind(fd, from.raw(), from.length) < 0)

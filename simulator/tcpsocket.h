@@ -9,14 +9,15 @@
 
 namespace simulator {
 
-// For people, of an errno value.
+// The text that describes an errno value.
 QString errorText(int error);
 
 /*!
-    A non-blocking TCP socket, bare: devices must count what the kernel accepted and close in ways
-    that buffering sockets hide.
+    A bare, non-blocking TCP socket. Devices must count the bytes that the kernel has accepted, and
+    close in several ways. Buffering sockets hide both.
 
-    Functions that fail return an errno value, 0 being success, unless they say otherwise.
+    Functions that can fail return 0 for success or an errno value, unless their comment says
+    otherwise.
     Thread: one at a time. Owner of its descriptor.
 */
 class TcpSocket
@@ -26,7 +27,8 @@ public:
     ~TcpSocket() { close(); }
     Q_DISABLE_COPY_MOVE(TcpSocket)
 
-    // source: null for the kernel's choice. EINPROGRESS: wait until writable, ask connectResult().
+    // source: if null, the kernel chooses. EINPROGRESS: wait until the socket is writable, then
+    // call connectResult().
     int connectTo(const QHostAddress &peer, quint16 port, const QHostAddress &source);
     int connectResult() const;
 
@@ -34,7 +36,7 @@ public:
     QHostAddress localAddress() const;
     quint16 localPort() const;
 
-    // As send(2) and recv(2): bytes, or -1 and errno.
+    // As send(2) and recv(2): return the number of bytes, or -1 and set errno.
     qsizetype send(const char *data, qsizetype size);
     qsizetype receive(char *data, qsizetype size);
 

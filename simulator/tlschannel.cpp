@@ -56,7 +56,8 @@ IoResult TlsChannel::sendEnd()
 {
     ERR_clear_error();
     const int returned = SSL_shutdown(ssl.get());
-    return returned >= 0 ? IoResult{} : resultOf(returned); // 0: ours is sent, the peer's not there
+    // 0: our close_notify is sent, and the peer's has not come yet.
+    return returned >= 0 ? IoResult{} : resultOf(returned);
 }
 
 // returned: by the SSL function just called.

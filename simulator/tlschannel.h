@@ -9,7 +9,7 @@
 namespace simulator {
 
 /*!
-    TLS, client side. Counts as accepted what went to the kernel as a complete TLS record.
+    TLS, client side. Bytes count as accepted when their complete TLS record went to the kernel.
 */
 class TlsChannel : public Channel
 {

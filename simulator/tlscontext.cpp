@@ -36,7 +36,7 @@ TlsContext::TlsContext(const Options &options) : context(SSL_CTX_new(TLS_client_
                      SSL_MODE_ENABLE_PARTIAL_WRITE // count what the kernel has accepted
                              | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER
                              | SSL_MODE_RELEASE_BUFFERS); // thousands of idle connections
-    // A peer that just closes is as good as one that says so: nothing of it is wanted.
+    // A peer may close without close_notify: no data from it is needed.
     SSL_CTX_set_options(context.get(), SSL_OP_IGNORE_UNEXPECTED_EOF);
     setVersion(options.tls.version);
     loadAuthorities(options.tls);
@@ -52,7 +52,7 @@ SslPointer TlsContext::newClient(const TcpSocket &socket) const
         X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl.get()), serverName.constData());
     } else {
         SSL_set1_host(ssl.get(), serverName.constData());
-        // What SSL_set_tlsext_host_name() does, whose cast is not const-correct.
+        // The same as SSL_set_tlsext_host_name(), whose cast is not const-correct.
         SSL_ctrl(ssl.get(), SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name,
                  const_cast<char *>(serverName.constData()));
     }
@@ -97,7 +97,7 @@ void TlsContext::setVersion(TlsVersion version)
     SSL_CTX_set_max_proto_version(context.get(), only);
 }
 
-// Keeps the first problem, and clears OpenSSL's memory of every one.
+// Keeps the first problem. Empties OpenSSL's error queue each time.
 void TlsContext::require(bool succeeded, const QString &what)
 {
     const QString errors = takeSslErrors();

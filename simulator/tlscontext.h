@@ -20,7 +20,7 @@ struct OpenSslDeleter
 using SslPointer = std::unique_ptr<SSL, OpenSslDeleter<SSL, SSL_free>>;
 using SslContextPointer = std::unique_ptr<SSL_CTX, OpenSslDeleter<SSL_CTX, SSL_CTX_free>>;
 
-// Takes the errors OpenSSL has noted in this thread and makes a text of them.
+// Empties OpenSSL's error queue of this thread and returns the errors as a text.
 QString takeSslErrors();
 
 /*!
@@ -29,12 +29,12 @@ QString takeSslErrors();
 class TlsContext
 {
 public:
-    // Reads the files; error() tells of those that are not usable.
+    // Reads the files; error() tells of the first one that is not usable.
     explicit TlsContext(const Options &options);
 
     QString error() const { return problem; }
 
-    // A client that has yet to do its handshake over the socket. Null if there is no memory.
+    // A client before its handshake over the socket. Null if there is no memory.
     SslPointer newClient(const TcpSocket &socket) const;
 
 private:

@@ -18,7 +18,7 @@ UnixSignals::UnixSignals()
     sigaddset(&signalSet, SIGUSR1);
     fd = signalfd(-1, &signalSet, SFD_NONBLOCK | SFD_CLOEXEC);
     if (fd < 0)
-        return; // the signals end the program as they always do
+        return; // the signals end the program, as they do by default
     pthread_sigmask(SIG_BLOCK, &signalSet, nullptr);
 
     connect(&readable, &QSocketNotifier::activated, this, &UnixSignals::onReadable);

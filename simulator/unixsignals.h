@@ -11,8 +11,8 @@ namespace simulator {
 /*!
     Makes SIGINT, SIGTERM and SIGUSR1 Qt signals.
 
-    Construct before any other thread exists: the signals are blocked in the calling thread, and in
-    those it starts, so that they can be read from a descriptor.
+    Construct it before any other thread exists. It blocks the signals in the calling thread and in
+    threads that this one starts, so that they can be read from a descriptor.
 */
 class UnixSignals : public QObject
 {

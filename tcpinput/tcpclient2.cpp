@@ -24,8 +24,8 @@ TcpClient2::TcpClient2(QObject *parent, const QString &clientId, QTcpSocket *con
                        int timeoutMs)
     : QObject(parent),
       id(clientId),
-      link(connected, *this),
-      idle(this, timeoutMs)
+      idle(this, timeoutMs),
+      link(connected, *this)
 {
     CWRN(QtDebugMsg,
          QStringLiteral("TcpClient: id = '%1', local = '%2:%3'")
@@ -50,7 +50,6 @@ TcpClient2::~TcpClient2()
 {
     idle.stop();
     backlog.stop();
-    intake.reset(); // before the link
 }
 
 void TcpClient2::discard(int len)
@@ -214,9 +213,9 @@ void TcpClient2::mdisconnected()
         return;
 
     // Before anything that may run the event loop, so that no other call ends this socket.
+    intake.reset();
     const Link::End end = link.end(ownReason);
     counters->ended[static_cast<std::size_t>(end.reason)].add(1);
-    intake.reset();
     const Snapshot last = unconsumed.takeAll();
     outlet.begin(last.position);
     if (!last.data.isEmpty())

@@ -159,11 +159,12 @@ private:
 
     // All below: the client's thread only.
     WorkerCounters *counters = &WorkerCounters::unread();
-    Link link; // gone after the end
     IdleTimer idle;
     BacklogCheck backlog{unconsumed};
     OfferPace pace{*this};
     Outlet outlet;
+    // Below all that a close may still lead to, and above what needs it.
+    Link link; // gone after the end
     std::unique_ptr<Intake> intake; // null: not limited
     qint64 bytesReceived = 0;
     qint64 msgsReceived = 0; // reads, not messages of the data stream

@@ -3,7 +3,7 @@
 
 include(CheckCXXSourceCompiles)
 
-# What was built; the package's test looks at what is installed.
+# The built files. The package's test checks the installed ones.
 set(built $<TARGET_FILE:tcpinputplugin2>)
 if(TCPINPUT_BUILD_PROGRAMS)
     list(APPEND built $<TARGET_FILE:inputhost> $<TARGET_FILE:devicesim>)
@@ -12,8 +12,8 @@ add_test(NAME searchpaths COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/package/check-sear
 
 add_test(NAME package
     COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/package/run-test ${CMAKE_BINARY_DIR} ${CMAKE_CXX_COMPILER})
-# The minimal host has AddressSanitizer also where the library has none: what it does wrong when it
-# quits is seen by nothing else.
+# The minimal host is built with AddressSanitizer even if the library is not: nothing else finds its
+# memory errors at exit.
 set(minimalhost_sanitizer ${TCPINPUT_SANITIZE})
 if(NOT minimalhost_sanitizer)
     set(CMAKE_REQUIRED_FLAGS -fsanitize=address)

@@ -59,10 +59,6 @@ public:
     // The socket of take(); belongs to the caller.
     QTcpSocket *nextPendingConnection() override { return take().socket.release(); }
 
-    // Whether an accepted connection may be refused, or can only be taken later. Then
-    // newConnection() says nothing: pendingConnectionAvailable() tells of each that can be taken.
-    bool announcesEach() const { return proxies.isOn() || limiter.mayRefuse(); }
-
     // Adds what has become of the connections.
     virtual void addTo(InputCounters &sum) const
     {

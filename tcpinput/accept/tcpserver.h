@@ -40,6 +40,10 @@ public:
     // virtual: call it through this class.
     void close();
 
+    // Whether an accepted connection may be refused, or can only be taken later. Then
+    // newConnection() says nothing: pendingConnectionAvailable() tells of each that can be taken.
+    bool announcesEach() const { return proxies.isOn() || limiter.mayRefuse(); }
+
     // Until then, the connection's bytes and its end wait in the kernel.
     TakenConnection take() override;
 

@@ -16,7 +16,18 @@ namespace {
 constexpr int HighestPort = 65534;
 constexpr qint64 LargestSize = (qint64(1) << 53) - 1;
 constexpr qsizetype LongestShownText = 40;
-constexpr qsizetype LongestShownArray = 200; // as a text
+constexpr qsizetype LongestShownArray = 20;
+
+QString shownArray(const QJsonArray &array)
+{
+    const auto isShort = [](const auto &each) {
+        const QJsonValue value = each;
+        return !value.isArray() && !value.isObject() && value.toString().size() <= LongestShownText;
+    };
+    if (array.size() > LongestShownArray || !std::all_of(array.begin(), array.end(), isShort))
+        return QStringLiteral("an array of %1 values").arg(array.size());
+    return QString::fromUtf8(QJsonDocument(array).toJson(QJsonDocument::Compact));
+}
 
 } // namespace
 
@@ -74,12 +85,8 @@ QString values::shown(const QJsonValue &value)
 {
     if (value.isObject())
         return QStringLiteral("an object");
-    if (value.isArray()) {
-        const QByteArray text = QJsonDocument(value.toArray()).toJson(QJsonDocument::Compact);
-        return text.size() <= LongestShownArray
-                ? QString::fromUtf8(text)
-                : QStringLiteral("an array of %1 values").arg(value.toArray().size());
-    }
+    if (value.isArray())
+        return shownArray(value.toArray());
     if (const qsizetype size = value.toString().size(); size > LongestShownText)
         return QStringLiteral("a text of %1 characters").arg(size);
     // A document is an array or an object.

@@ -30,8 +30,8 @@ bool isInterface(const QJsonValue &value);
 // Of a number of seconds that isPositive(); at most 2147483647, which is 24 days.
 int msFromSeconds(const QJsonValue &value);
 
-// For a log line: short, and on one line. A long text, an array or an object is only described: it
-// may be a private key.
+// For a log line: short, and on one line. A long text, an object, and an array with one of these or
+// with many values are only described: they may be a private key.
 QString shown(const QJsonValue &value);
 
 } // namespace values

@@ -22,7 +22,7 @@ class Link
 public:
     // Of a client that has no connection.
     Link() = default;
-    // connected: not null. client: gets its disconnected(), until the end.
+    // connected: not null. client: has connected to its signals; at the end, it is disconnected.
     Link(QTcpSocket *connected, QObject &client);
     // Closes a socket that is still open; the client is not told.
     ~Link();

@@ -16,7 +16,8 @@
 
 #include <memory>
 
-// An IPv4 address and port on which a process of this machine listens. Nothing connects for that.
+// Whether a process of this machine listens on the IPv4 address and port. Finds out without a
+// connection.
 inline bool isListening(const QHostAddress &address, quint16 port)
 {
     QFile table(QStringLiteral("/proc/net/tcp"));
@@ -29,8 +30,8 @@ inline bool isListening(const QHostAddress &address, quint16 port)
 }
 
 /*!
-    A balancer as Debian has it: one process in the foreground, with a configuration of its own in a
-    temporary folder. It is killed if it outlives its test.
+    A load balancer from a Debian package. It runs as one process in the foreground, with a
+    configuration in a temporary folder. The destructor kills it.
 */
 class Balancer
 {
@@ -45,7 +46,7 @@ public:
 
     QString path(const QString &name) const { return folder.filePath(name); }
 
-    // Returns when it listens.
+    // Returns when the balancer listens. False if it ends before.
     bool start(const QString &program, const QStringList &arguments, const QString &configuration,
                const QHostAddress &address, quint16 port)
     {
@@ -62,7 +63,7 @@ public:
     }
     QByteArray output() { return process.readAll(); }
 
-    // What haproxy answers at its command socket.
+    // The answer of haproxy to a command at its command socket.
     QByteArray ask(const QByteArray &command) const
     {
         QLocalSocket socket;

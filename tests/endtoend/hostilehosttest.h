@@ -28,7 +28,7 @@ inline const QString TaskKey = QStringLiteral("task");
 inline const QString ClientKey = QStringLiteral("client");
 inline const QString ConnectionKey = QStringLiteral("connection");
 
-//! Another thread of the host's, which does what it is told.
+//! A second thread of the host. It runs the functions that tests give it.
 class OtherThread
 {
 public:
@@ -60,18 +60,18 @@ public:
     }
 
 private:
-    // Of the standard library: Qt's wait() returns before the thread has freed what OpenSSL keeps
-    // for it, and what it has not freed when the program ends counts as a leak.
+    // A std::thread: QThread::wait() returns before thread-local destructors have run. Memory that
+    // OpenSSL keeps for the thread could then count as a leak at the end of the program.
     std::thread thread;
     QEventLoop *loop = nullptr; // on the thread's stack
 };
 
-// Answers that have no business here. With a stamped offer's own sub-ids they cut nothing, since
-// they name no position beyond its front.
+// Discards with wrong sub-ids or lengths. If own are the sub-ids of an offer with a position, these
+// discards cut nothing: none of them names a position behind the offer's front.
 inline void discardNonsense(IInputPlugin &plugin, const SubIdMap &own)
 {
     constexpr int Most = std::numeric_limits<int>::max();
-    for (const char *task : {"4", "17", "-1"}) { // what is no number counts as 0, which exists
+    for (const char *task : {"4", "17", "-1"}) { // other texts count as task 0, which exists
         SubIdMap other = own;
         other.insert(TaskKey, QString::fromLatin1(task));
         plugin.discard(Most, other);
@@ -125,7 +125,8 @@ public:
             other.post([this, length, subIds] { plugin.discard(length, subIds); });
     }
 
-    // No call from the other thread comes any more: not even this host calls what it destroys.
+    // Afterwards the other thread makes no more calls. The plugin is about to be destroyed, and not
+    // even this host may call it then.
     void settle()
     {
         useOther = false;
@@ -137,7 +138,7 @@ public:
         return std::count_if(seen.begin(), seen.end(), [](int times) { return times != 1; });
     }
 
-    QHash<QByteArray, int> seen; // how often, by message
+    QHash<QByteArray, int> seen; // count of each message
     int records = 0;
 
 private:
@@ -148,8 +149,8 @@ private:
 };
 
 /*!
-    A host that does what no host should, through the loaded library. Nothing may crash or hang, and
-    no byte may be lost but those that a discard has really cut.
+    Tests a host that breaks the rules, through the loaded library. Nothing may crash or hang. Only
+    the bytes that a discard has cut may be lost.
 */
 class HostileHostTest : public QObject
 {
@@ -233,12 +234,12 @@ inline void HostileHostTest::connectDevices(int count)
 {
     while (count-- > 0)
         devices.push_back(connectDevice());
-    // A client each: only then is all that they send the plugin's.
+    // Wait until each device has a client: only then does the plugin offer all that they send.
     QTRY_COMPARE_WITH_TIMEOUT(plugin->getStatus().count(QLatin1String("tcp2:")),
                               qsizetype(devices.size()), HangGuardMs);
 }
 
-// By every device, as the end of an offer.
+// Whether each device has an offer that ends with these bytes.
 inline bool HostileHostTest::allOffered(const QByteArray &bytes) const
 {
     QSet<QString> sources;
@@ -256,7 +257,7 @@ inline bool HostileHostTest::isOffered(const QByteArray &bytes) const
     });
 }
 
-// That have made an offer.
+// The number of connections that have made an offer.
 inline qsizetype HostileHostTest::sources() const
 {
     QSet<QString> result;

@@ -21,7 +21,7 @@ namespace limitstest {
 inline constexpr int KiB = 1024;
 inline constexpr int MiB = 1024 * KiB;
 
-//! Sends bytes that all differ in their places, in a thread of its own, plain or by TLS.
+//! Sends a stream in its own thread, over TCP or TLS. Each byte depends on its place in the stream.
 class Sender
 {
 public:
@@ -32,12 +32,12 @@ public:
     ~Sender()
     {
         stays = false;
-        ::shutdown(descriptor, SHUT_RDWR); // if it still sends
+        ::shutdown(descriptor, SHUT_RDWR); // ends a send() that blocks
         thread.join();
     }
     Q_DISABLE_COPY_MOVE(Sender)
 
-    // The next bytes of the stream.
+    // The bytes of the stream from begin on.
     static QByteArray part(qsizetype begin, qsizetype size)
     {
         QByteArray bytes(size, Qt::Uninitialized);
@@ -46,11 +46,11 @@ public:
         return bytes;
     }
 
-    std::atomic<qsizetype> sent = 0; // that the kernel took
-    std::atomic<bool> waits = false; // after the first piece
-    std::atomic<bool> stays = true; // does not close at the end until this is false
-    std::atomic<bool> resets = false; // instead of closing
-    std::atomic<bool> finished = false; // with sending
+    std::atomic<qsizetype> sent = 0; // bytes that the kernel took
+    std::atomic<bool> waits = false; // stops sending after the current piece
+    std::atomic<bool> stays = true; // keeps the connection open after the last byte
+    std::atomic<bool> resets = false; // ends with a reset instead of a close
+    std::atomic<bool> finished = false; // has sent all bytes, or sending has failed
 
 private:
     void run(quint16 port, int tlsVersion, qsizetype bytes)
@@ -87,10 +87,10 @@ private:
     }
 
     std::atomic<int> descriptor = -1;
-    std::thread thread; // the last: it uses the others
+    std::thread thread; // the last member: it uses the others
 };
 
-// A plugin with limits, and what its records have brought.
+// A plugin with limits, and the bytes that its records contained.
 class LimitsTest : public QObject
 {
 protected:
@@ -99,14 +99,14 @@ protected:
 
     static void transports();
     void start(const QJsonObject &limits, QJsonObject more = {});
-    qint64 heldBytes() const; // as the status tells
-    bool isQuiet() const; // nothing new has come for a while that is long for a machine
+    qint64 heldBytes() const; // read from the status text
+    bool isQuiet() const; // no new bytes for a second
 
-    // What a connection's records have brought, without repeats, and what was wrong with it.
+    // The bytes of a connection's records, without repeats, and whether they were right.
     struct Stream
     {
         qsizetype size = 0;
-        qsizetype longest = 0; // record
+        qsizetype longest = 0; // bytes of the longest record
         int records = 0;
         QString end;
         bool intact = true;
@@ -122,14 +122,15 @@ protected:
     LoadedLibrary library;
     quint16 port = 0;
     std::unique_ptr<IInputPlugin> plugin;
-    IInputPlugin *input = nullptr; // the same; not null in its destructor
+    IInputPlugin *input = nullptr; // the plugin, also while its destructor runs
     QMap<QString, Stream> streams; // by connection
-    // Likewise: what is to be discarded. Not the record, which would count.
+    // By connection: length and sub-ids for a discard. Not the record itself: it would count as
+    // held bytes.
     QMap<QString, std::pair<int, QMap<QString, QString>>> latest;
-    std::deque<shared_parsedData> kept; // if keeps
+    std::deque<shared_parsedData> kept; // the records, if keeps is set
     bool keeps = false;
-    bool consumes = false; // at once
-    qsizetype consumed = 0; // whole messages, of the only connection
+    bool consumes = false; // discards each record at once
+    qsizetype consumed = 0; // bytes of whole messages; for tests with one connection
     std::unique_ptr<MessageCapture> capture;
     QElapsedTimer sinceFresh;
 };
@@ -168,7 +169,7 @@ inline void LimitsTest::start(const QJsonObject &limits, QJsonObject more)
     more.insert(QStringLiteral("limits"), limits);
     more.insert(QStringLiteral("offsets"), true);
     more.insert(QStringLiteral("ends"), true);
-    // Or the last bytes of a stream, if they are few, wait for the idle time-out.
+    // Without this key, a few last bytes of a stream would wait for the idle time-out.
     more.insert(QStringLiteral("prompt"), true);
     if (QTest::currentDataTag() && QByteArray(QTest::currentDataTag()).startsWith("TLS"))
         more.insert(QStringLiteral("ssl"), serverTls());

@@ -16,7 +16,7 @@
 #include <QtCore/QJsonArray>
 #include <QtTest/QtTest>
 
-// Of this process alone, like testAddress(): a proxy, and somebody who is none.
+// Addresses that only this process uses, like testAddress(): one of a proxy, one of another peer.
 inline QHostAddress proxyAddress()
 {
     return QHostAddress(testAddress().toIPv4Address() + (64U << 16U));
@@ -41,7 +41,7 @@ public:
         socket() = NativeSocket::unconnected(testAddress());
         return socket().bind(from, 0) && socket().connect(testAddress(), port);
     }
-    // In one piece with whatever comes next.
+    // Sends these bytes in one piece with the next ones.
     void sayFirst(const QByteArray &bytes)
     {
         if (tls)
@@ -49,7 +49,7 @@ public:
         else
             first = bytes;
     }
-    // After a handshake if need be: the plugin's thread must be free.
+    // Does the TLS handshake first if needed. So the plugin's thread must be free to do its part.
     bool send(const QByteArray &bytes)
     {
         if (!tls)
@@ -59,7 +59,7 @@ public:
         tls->write(bytes);
         return tls->flush();
     }
-    QString endpoint() // as ids show it
+    QString endpoint() // as in client ids
     {
         NativeAddress native;
         ::getsockname(socket().descriptor(), native.data(), &native.length);
@@ -153,7 +153,7 @@ protected:
     {
         return records.at(index)->getPluginSubIdKey(QStringLiteral("client"));
     }
-    // All lines so far.
+    // All log lines so far.
     QStringList lines() { return log += takeLog(); }
     QStringList warnings() { return lines().filter(QRegularExpression(QStringLiteral("^W: "))); }
 

@@ -7,7 +7,7 @@ host_test(tst_lifecycle 600)
 host_test(tst_offsets 300)
 host_test(tst_latehosts 1800)
 test_uses_certificates(tst_latehosts)
-# Qt Test's own guard, five minutes for a function, is too short for the full load.
+# Qt Test's own limit of five minutes for a test function is too short for the full load.
 set_property(TEST tst_latehosts APPEND PROPERTY ENVIRONMENT QTEST_FUNCTION_TIMEOUT=900000)
 foreach(name IN ITEMS tst_hostileanswers tst_hostilecalls)
     host_test(${name} 600)
@@ -20,7 +20,7 @@ tls_test(host tst_limitends 600)
 foreach(name IN ITEMS tst_connectionlimits tst_counters tst_proxypeers tst_proxyrefusals)
     tls_test(host ${name} 300)
 endforeach()
-# Balancers as Debian has them, where they are installed.
+# Load balancers from Debian packages, if they are installed.
 find_program(HAPROXY_FILE haproxy)
 find_program(NGINX_FILE nginx)
 find_file(NGINX_STREAM_FILE ngx_stream_module.so PATHS /usr/lib/nginx/modules)

@@ -13,8 +13,8 @@ constexpr int DevicesOfATest = 20;
 } // namespace
 
 /*!
-    Devices behind haproxy and nginx, as Debian has them: records have the device's address. The
-    devices' TLS, where they speak it, goes through both.
+    Devices behind haproxy and nginx from Debian packages. Records have the device's address. If the
+    devices use TLS, both programs pass it through.
 */
 class tst_Balancers : public ProxyTest
 {
@@ -39,7 +39,7 @@ private:
     QString example(const QString &language) const;
     void runHaproxy(const QString &configuration);
     void runNginx(const QString &configuration);
-    // server: what stands behind the address of haproxy's server line.
+    // server: the options behind the address in haproxy's server line.
     void startHaproxy(const QString &server);
     bool deviceIsServed(ProxiedDevice &device);
     void devicesAreServed();
@@ -86,7 +86,7 @@ backend hosts
     runHaproxy(configuration);
 }
 
-// Its message is its endpoint, as the record has to show it.
+// The device's message is its own endpoint. The record must have that endpoint, too.
 bool tst_Balancers::deviceIsServed(ProxiedDevice &device)
 {
     const qsizetype before = records.size();
@@ -134,7 +134,8 @@ void tst_Balancers::haproxySpeaksTls_data()
     haproxy_data();
 }
 
-// To the plugin, with devices that do not. The header comes before its ClientHello.
+// haproxy speaks TLS to the plugin, the devices speak plain TCP. haproxy sends the PROXY header
+// before its ClientHello.
 void tst_Balancers::haproxySpeaksTls()
 {
     QFETCH_GLOBAL(bool, tls);
@@ -154,12 +155,12 @@ void tst_Balancers::haproxyChecks_data()
     QTest::newRow("text") << u"send-proxy check"_s;
     QTest::newRow("binary") << u"send-proxy-v2 check"_s;
     QTest::newRow("binary with checksum") << u"send-proxy-v2 proxy-v2-options crc32c check"_s;
-    // With a port of its own, a check has no header unless it is asked for.
+    // A check with its own port sends no header, unless the option check-send-proxy is set.
     QTest::newRow("check-send-proxy") << u"send-proxy-v2 check port %1 check-send-proxy"_s;
     QTest::newRow("without header") << u"send-proxy-v2 check port %1"_s;
 }
 
-// A health check makes no warning and no record, and finds the plugin good.
+// A health check causes no warning and no record, and it finds that the plugin is up.
 void tst_Balancers::haproxyChecks()
 {
     constexpr int Checks = 3;
@@ -173,7 +174,7 @@ void tst_Balancers::haproxyChecks()
     QCOMPARE(records.size(), DevicesOfATest);
 }
 
-// "0": found bad. "2": good.
+// The state that haproxy has found. "0": down. "2": up.
 QByteArray tst_Balancers::serverState() const
 {
     const QByteArray answer = balancer->ask("show servers state hosts");
@@ -218,7 +219,7 @@ void tst_Balancers::runNginx(const QString &configuration)
              balancer->output().constData());
 }
 
-// Of docs/OPERATIONS.md, for two hosts of which both are the plugin.
+// The example in docs/OPERATIONS.md. Both of its two hosts become this test's plugin.
 QString tst_Balancers::example(const QString &language) const
 {
     QFile document(QStringLiteral(SOURCE_DIR "/docs/OPERATIONS.md"));
@@ -231,7 +232,7 @@ QString tst_Balancers::example(const QString &language) const
     text.replace(u"10.0.0.5"_s, proxyAddress().toString());
     text.replace(u"10.0.1.1:7446"_s, host);
     text.replace(u"10.0.1.2:7446"_s, host);
-    text.replace(u"20000"_s, u"200"_s); // descriptors that a test may have
+    text.replace(u"20000"_s, u"200"_s); // the test has few descriptors
     return text;
 }
 

@@ -40,7 +40,7 @@ private:
         more.insert(u"limits"_s, limits);
         start(more);
     }
-    // Connects without waiting for an answer.
+    // Does not wait for an answer.
     ProxiedDevice &connected(const QHostAddress &from = proxyAddress())
     {
         devices.push_back(newDevice());
@@ -76,7 +76,8 @@ void tst_ConnectionLimits::othersWaitForAPlace()
     const QStringList once(u"W: TcpInputPlugin2(t): 2 connections are open, accepting paused"_s);
     QVERIFY(serveUntil([&] { return warnings() == once; }));
 
-    // The kernel takes them. Of their bytes nothing is seen until there is a place.
+    // The kernel accepts these connections. The plugin reads none of their bytes until a place is
+    // free.
     QFETCH_GLOBAL(bool, tls);
     for (int i = 0; i < 2; ++i) {
         ProxiedDevice &waiting = connected();
@@ -99,7 +100,7 @@ void tst_ConnectionLimits::othersWaitForAPlace()
     devices.clear();
 }
 
-// Many come and go where few may be.
+// Many devices come and go, but few connections are allowed at a time.
 void tst_ConnectionLimits::noneIsLostAtTheLimit()
 {
     constexpr int Devices = 40;
@@ -111,13 +112,13 @@ void tst_ConnectionLimits::noneIsLostAtTheLimit()
     sample.callOnTimeout(this, [&] { most = qMax(most, status().section(u' ', 1, 1).toInt()); });
     sample.start(0);
     std::atomic<int> served = 0;
-    QVERIFY(play([&] { // the kernel connects them
+    QVERIFY(play([&] { // the kernel accepts even those that the plugin does not
         for (int i = 0; i < Devices; ++i)
             served += newDevice().connect(port) ? 1 : 0;
     }));
     QCOMPARE(served.load(), Devices);
     devices.clear();
-    QVERIFY(isServed()); // behind them
+    QVERIFY(isServed()); // accepted after all the others
     QVERIFY(serveUntil([&] { return status().contains(u": 1 connections open"_s); }));
     QCOMPARE(most, 3);
     QCOMPARE(warnings().filter(u"accepting paused"_s).size(), 1);
@@ -142,14 +143,15 @@ void tst_ConnectionLimits::eachAddressHasItsOwn()
     for (int i = 0; i < 3; ++i)
         QVERIFY(isServed(strangerAddress()));
 
-    devices.pop_front(); // one of the first address
+    devices.pop_front(); // a device of the first address
     QVERIFY(serveUntil([&] { return status().contains(u"5 connections open"_s); }));
     QVERIFY(isServed());
     QVERIFY(isRefused());
     devices.clear();
 }
 
-// Not even for a moment: the other limit is never reached.
+// A refused connection does not count as open, not even for a moment: so maxConnections is not
+// reached.
 void tst_ConnectionLimits::refusedOnesAreNotOpen()
 {
     startWith({{u"maxConnections"_s, 2}, {u"maxConnectionsPerAddress"_s, 1}});
@@ -192,7 +194,7 @@ void tst_ConnectionLimits::behindAProxyTheDeviceCounts()
     devices.clear();
 }
 
-// The burst at once, the others as time passes.
+// The burst is accepted at once, the others at the configured rate.
 void tst_ConnectionLimits::rateMakesThemWait()
 {
     constexpr int Devices = 7;
@@ -213,7 +215,7 @@ void tst_ConnectionLimits::handshakesMakeOthersWait()
 {
     QFETCH_GLOBAL(bool, tls);
     startWith({{u"maxHandshakes"_s, 2}});
-    connected(); // silent, all four
+    connected(); // all four devices send nothing at first
     connected();
     if (tls)
         QVERIFY(serveUntil([&] { return status().endsWith(u"accepting paused"_s); }));
@@ -233,7 +235,7 @@ void tst_ConnectionLimits::handshakesMakeOthersWait()
     devices.clear();
 }
 
-// By default they may take five seconds.
+// The default time-out of a handshake is five seconds.
 void tst_ConnectionLimits::handshakesMayTakeMore()
 {
     QFETCH_GLOBAL(bool, tls);
@@ -242,7 +244,7 @@ void tst_ConnectionLimits::handshakesMayTakeMore()
     startWith({{u"handshakeTimeout"_s, 7}});
     QElapsedTimer elapsed;
     elapsed.start();
-    QVERIFY(isRefused()); // silent
+    QVERIFY(isRefused()); // the device sends nothing
     QVERIFY2(elapsed.elapsed() >= 6650, qPrintable(QString::number(elapsed.elapsed())));
     devices.clear();
 }

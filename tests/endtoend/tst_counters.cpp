@@ -13,7 +13,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-//! Holds the thread that logs the size of a read, the first time, until it may go on.
+//! A message handler that blocks the first thread that logs the size of a read, until mayGoOn.
 class HoldingHandler
 {
 public:
@@ -48,7 +48,7 @@ private:
 } // namespace
 
 /*!
-    What a plugin counts, through the loaded library, over TCP and TLS.
+    The counters of a plugin, through the loaded library, over TCP and TLS.
 */
 class tst_Counters : public ProxyTest
 {
@@ -148,7 +148,7 @@ void tst_Counters::countsReasons()
     QCOMPARE(all.closedByPeer, 1U);
     QCOMPARE(all.closedByStop, 0U);
     QCOMPARE(all.open, 0U);
-    QCOMPARE(all.buffered, 0U); // what was offered at last is the host's
+    QCOMPARE(all.buffered, 0U); // bytes of the last offer are no longer the plugin's
 }
 
 void tst_Counters::countsRefusals()
@@ -229,7 +229,7 @@ void tst_Counters::survivesStop()
     QCOMPARE(all.bytes, 20U);
 }
 
-// Something in the host holds a worker, here its message handler.
+// Code of the host blocks a worker: here the message handler.
 void tst_Counters::showsAHeldWorker()
 {
     start({{u"threadpoolSize"_s, 1}});
@@ -279,12 +279,12 @@ void tst_Counters::otherVersionsGetNoAnswer()
         QCoreApplication::sendEvent(plugin.get(), &question);
         QCOMPARE(question.answer().has_value(), layout == CountersEvent::Layout);
     }
-    // If these change, so has the layout.
+    // If these sizes change, CountersEvent::Layout must change, too.
     QCOMPARE(sizeof(InputCounters), 23 * sizeof(quint64) + sizeof(QList<int>));
     QCOMPARE(sizeof(InputCounters::Worker), 3 * sizeof(quint64));
 }
 
-// Such as those that were built before there were counters.
+// For example plugins that were built before the counters existed.
 void tst_Counters::otherPluginsGiveNoAnswer()
 {
     class Other : public IInputPlugin

@@ -18,7 +18,7 @@ constexpr int Devices = 64;
 constexpr int MessagesPerDevice = 2000;
 constexpr int SenderThreads = 8;
 
-//! Sends a device's messages in pieces that respect no message, over several connections.
+//! Sends a device's messages over several connections, in pieces that ignore message boundaries.
 class SegmentingDevice
 {
 public:
@@ -47,7 +47,7 @@ public:
     }
 
 private:
-    // What the former connection still has on its way may arrive after the first bytes of this one.
+    // The last bytes of the old connection may arrive after the first bytes of the new one.
     void reconnect()
     {
         connect();
@@ -63,7 +63,7 @@ private:
     }
 
     const quint16 port;
-    int stream; // numbers are per connection: only there is an order kept
+    int stream; // one for each connection: order is kept only within a connection
     int inStream = 0;
     QRandomGenerator random;
     NativeSocket socket;

@@ -11,7 +11,7 @@
 #include <QtTest/QtTest>
 
 /*!
-    The record that tells a connection's end, through the loaded library.
+    The record that reports the end of a connection, through the loaded library.
 */
 class tst_Ends : public QObject
 {
@@ -43,7 +43,7 @@ private Q_SLOTS:
     void refusesOtherValues();
 
 private:
-    using Row = std::pair<QByteArray, QString>; // bytes and reason, which is null before the end
+    using Row = std::pair<QByteArray, QString>; // bytes; reason of the end, null if it is none
 
     void start(QJsonObject more);
     NativeSocket connectDevice() const;
@@ -92,7 +92,7 @@ NativeSocket tst_Ends::connectDevice() const
     return NativeSocket::connectedTo(testAddress(), port);
 }
 
-// In a thread of its own: this one does the plugin's part of the handshake.
+// The device runs in another thread: this thread does the plugin's part of the handshake.
 bool tst_Ends::connectAndSend(TlsDevice &device) const
 {
     bool sent = false;
@@ -137,7 +137,7 @@ void tst_Ends::offByDefault()
     QVERIFY(device.send("abc"));
     device.close();
     QVERIFY(waitForRecords(1));
-    plugin.reset(); // delivers all that there is
+    plugin.reset(); // delivers all remaining records
     for (const Row &row : rows())
         QCOMPARE(row, Row("abc", QString()));
 }
@@ -254,7 +254,7 @@ void tst_Ends::comesBehindTheLastRecord()
     NativeSocket device = connectDevice();
     QVERIFY(device.send("abc"));
     QVERIFY(waitForRecords(1));
-    QVERIFY(device.send("de")); // within the interval: offered at the end
+    QVERIFY(device.send("de")); // too soon after the first offer: offered only at the end
     device.close();
     QVERIFY(waitForRecords(3));
     QCOMPARE(rows(), QList<Row>({{"abc", {}}, {"abcde", {}}, {"", QStringLiteral("peer")}}));
@@ -302,7 +302,7 @@ void tst_Ends::connectionWithoutRecords()
     QFETCH(bool, told);
     start({{QStringLiteral("ends"), ends}, {QStringLiteral("threadpoolSize"), 1}});
     connectDevice().close();
-    // With one worker, the first connection's end comes before the second one's.
+    // There is one worker, so the first connection ends before the second one.
     NativeSocket second = connectDevice();
     QVERIFY(second.send("abc"));
     second.close();
@@ -315,8 +315,8 @@ void tst_Ends::connectionWithoutRecords()
     QCOMPARE(empty, told ? 2 : 1);
 }
 
-// Exactly one end for each, behind all of its records.
-// TCPINPUT_CONNECTIONS: how many.
+// Each connection has exactly one end, after all of its records. The environment variable
+// TCPINPUT_CONNECTIONS sets the number of connections.
 void tst_Ends::manyConnections()
 {
     const int count = qEnvironmentVariable("TCPINPUT_CONNECTIONS", QStringLiteral("2000")).toInt();

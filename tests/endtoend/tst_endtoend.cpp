@@ -163,7 +163,7 @@ void tst_EndToEnd::offersWhatACutLeaves()
     const auto fence = connectDevice();
     fence->write("fence");
     QVERIFY(waitForRecords(3));
-    QCOMPARE(bytes(2), QByteArray("fence")); // 20 bytes are left: no offer but the last one
+    QCOMPARE(bytes(2), QByteArray("fence")); // 20 bytes are left: too few for an offer now
     device->disconnectFromHost();
     QVERIFY(waitForRecords(4));
     QCOMPARE(bytes(3), rest.mid(1));
@@ -245,7 +245,7 @@ void tst_EndToEnd::idleConnectionIsClosedWithItsLateBytes()
     device->write("first");
     QVERIFY(waitForRecords(1));
     plugin->discard(5, records.first()->getPluginSubId());
-    device->write("late"); // within 200 ms, so not offered by itself; if later, it is at once
+    device->write("late"); // as a rule within 200 ms: not offered before the end
     QTRY_COMPARE_WITH_TIMEOUT(device->state(), QAbstractSocket::UnconnectedState, HangGuardMs);
     QVERIFY(waitForRecords(2));
     QCOMPARE(bytes(1), QByteArray("late"));
@@ -288,7 +288,7 @@ void tst_EndToEnd::statusNamesEveryConnection()
     for (int n = 0; n < 3; ++n) {
         devices.push_back(connectDevice());
         devices.back()->write("x");
-        QVERIFY(waitForRecords(n + 1)); // the id is the real one from the first read on
+        QVERIFY(waitForRecords(n + 1)); // before the first read, the id is not final
     }
     const auto lines = [&](std::initializer_list<int> numbers) {
         QStringList ids;
@@ -300,7 +300,7 @@ void tst_EndToEnd::statusNamesEveryConnection()
             text += QStringLiteral("   ") + id + QStringLiteral("\r\n      (empty 0)\r\n");
         return text;
     };
-    expected += lines({0, 2}) + lines({1}); // by task, there by id
+    expected += lines({0, 2}) + lines({1}); // ordered by task, then by id
     QTRY_COMPARE(plugin->getStatus(), expected);
 }
 
@@ -312,7 +312,7 @@ void tst_EndToEnd::restartServesAgain()
     QVERIFY(waitForRecords(1));
     QVERIFY(plugin->stop());
     QVERIFY(!isListening(*plugin));
-    QVERIFY(waitForRecords(2)); // nothing was discarded
+    QVERIFY(waitForRecords(2)); // the last offer: nothing was discarded
     QCOMPARE(bytes(1), QByteArray("before"));
     QTRY_COMPARE(before->state(), QAbstractSocket::UnconnectedState);
 

@@ -18,22 +18,22 @@ using namespace hostilehosttest;
 
 namespace {
 
-// Answers that mix up two connections, both of which are there. They cut nothing: each worker has
-// its own clients, and a connection's number is no other's.
+// Discards with sub-ids of two open connections mixed. They cut nothing: each worker knows only its
+// own clients, and each connection has its own number.
 void discardMixedUp(IInputPlugin &plugin, const SubIdMap &one, const SubIdMap &other)
 {
     constexpr int Most = std::numeric_limits<int>::max();
     for (const QString &key : {TaskKey, ClientKey, ConnectionKey}) {
         SubIdMap mixed = one;
         mixed.insert(key, other.value(key));
-        if (mixed != one) // both may be one worker's
+        if (mixed != one) // equal if both connections have the same task
             plugin.discard(Most, mixed);
     }
 }
 
 } // namespace
 
-// Answers that have no business here, or come too often.
+// Discards that are wrong, or that come too often.
 class tst_HostileAnswers : public HostileHostTest
 {
     Q_OBJECT
@@ -132,14 +132,14 @@ void tst_HostileAnswers::moreThanThereIsCutsAll()
     QTRY_VERIFY_WITH_TIMEOUT(isOffered("more"), HangGuardMs);
 }
 
-// Each of them is answered with the same offer at once.
+// After each such discard, the plugin makes the same offer again at once.
 void tst_HostileAnswers::answersThatCutNothingDoNotStarveOthers()
 {
     start(false);
     connectDevices(Devices);
     int answers = 0;
     QSet<QString> others;
-    const QObject listening; // ends before what it counts
+    const QObject listening; // destroyed before the variables that the slot uses
     connect(plugin.get(), &IInputPlugin::receivedData, &listening,
             [&](const shared_parsedData &record) {
                 const QByteArray bytes = record->getOriginalMessage();
@@ -228,7 +228,7 @@ void tst_HostileAnswers::hostileAnswersLoseNothing()
     start(true);
     disconnect(plugin.get(), nullptr, this, nullptr);
     HostileHost host(*plugin);
-    const QObject listening; // ends before the host
+    const QObject listening; // destroyed before the host that the slot uses
     connect(plugin.get(), &IInputPlugin::receivedData, &listening,
             [&](const shared_parsedData &record) { host.receive(record); });
 
@@ -245,7 +245,7 @@ void tst_HostileAnswers::hostileAnswersLoseNothing()
     QTRY_VERIFY_WITH_TIMEOUT(plugin->getStatus().count(QLatin1String("tcp2:")) == 0, HangGuardMs);
     QCOMPARE(host.repeated(), 0);
     host.settle();
-    plugin.reset(); // before the host that it calls
+    plugin.reset(); // before the host is destroyed, which the plugin calls
 }
 
 QTEST_GUILESS_MAIN(tst_HostileAnswers)

@@ -17,7 +17,7 @@
 
 using namespace hostilehosttest;
 
-// Calls from inside of a delivery.
+// The host calls the plugin from a slot of receivedData().
 class tst_HostileCalls : public HostileHostTest
 {
     Q_OBJECT
@@ -36,7 +36,7 @@ private:
     static qsizetype endedConnectionsWithBytes();
 };
 
-// That have received something, by what the log says since it was looked at last.
+// Counts ended connections that had received bytes, in the log lines since the last call.
 qsizetype tst_HostileCalls::endedConnectionsWithBytes()
 {
     static const QRegularExpression line(
@@ -63,7 +63,7 @@ void tst_HostileCalls::stopsAndStartsWhileReceiving()
         });
     };
     QTRY_VERIFY_WITH_TIMEOUT(areClosed(), HangGuardMs);
-    // Bytes that came too late for a client are not the plugin's.
+    // Only those connections made an offer. Bytes after a client's end are not offered.
     const qsizetype ended = endedConnectionsWithBytes();
     QTRY_COMPARE_WITH_TIMEOUT(sources(), ended, HangGuardMs);
 
@@ -83,7 +83,7 @@ void tst_HostileCalls::startsOnceMoreWhileReceiving()
     devices[0]->write("abc");
     QTRY_COMPARE_WITH_TIMEOUT(records.size(), 1, HangGuardMs);
 
-    connectDevices(Devices - 1); // each is handed over twice
+    connectDevices(Devices - 1); // a second start() makes the plugin hand over each of them twice
     for (const Device &device : devices)
         device->write("+more");
     for (const Device &device : devices)
@@ -97,7 +97,7 @@ void tst_HostileCalls::deletesThePluginWhileReceiving()
     connectDevices(Devices);
     const QPointer<IInputPlugin> dying = plugin.get();
     connect(dying, &IInputPlugin::receivedData, this, [this, dying] {
-        (void)plugin.release(); // it goes by itself
+        (void)plugin.release(); // deleteLater() deletes it
         if (dying)
             dying->deleteLater();
     });
@@ -107,16 +107,16 @@ void tst_HostileCalls::deletesThePluginWhileReceiving()
     QCOMPARE(sources(), endedConnectionsWithBytes());
 }
 
-// The devices send on meanwhile, and the workers offer: nothing of it is lost.
+// The host stands still. Meanwhile the devices send and the workers make offers. Nothing is lost.
 void tst_HostileCalls::standsStill()
 {
-    constexpr unsigned long StallMs = 3000; // each client makes many offers meanwhile
+    constexpr unsigned long StallMs = 3000; // time for many offers of each client
     constexpr int Messages = 250;
     start(true);
     disconnect(plugin.get(), nullptr, this, nullptr);
     HostileHost host(*plugin);
     bool stalled = false;
-    const QObject listening; // ends before the host
+    const QObject listening; // destroyed before the host that the slot uses
     connect(plugin.get(), &IInputPlugin::receivedData, &listening,
             [&](const shared_parsedData &record) {
                 if (!std::exchange(stalled, true))
@@ -124,7 +124,7 @@ void tst_HostileCalls::standsStill()
                 host.receive(record);
             });
 
-    // In a thread of their own, with its own event loop: the devices do not stand still.
+    // The devices have a thread with its own event loop, so they do not stand still.
     OtherThread playground;
     std::atomic<int> ready = 0;
     std::vector<QSslSocket *> sockets;

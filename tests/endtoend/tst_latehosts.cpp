@@ -23,15 +23,15 @@ namespace {
 const int Devices = load(200, 40);
 const int MessagesPerDevice = load(1000, 200);
 constexpr int TickMs = 10;
-constexpr int HandshakeMs = 20; // ample for one
+constexpr int HandshakeMs = 20; // more than a handshake takes
 
 //! How a host behaves.
 struct Manners
 {
-    bool offsets = true; // as configured
+    bool offsets = true; // value of the key "offsets"
     bool exact = false; // uses ExactOffers
     int longestDelayMs = 500; // before an offer is handled
-    bool sloppy = true; // answers twice or in parts now and then
+    bool sloppy = true; // sometimes answers twice, or in parts
 };
 
 QByteArray numbered(int device, int number)
@@ -39,7 +39,7 @@ QByteArray numbered(int device, int number)
     return "device " + QByteArray::number(device) + " message " + QByteArray::number(number);
 }
 
-//! Counts what a host has taken for messages. What is left of one whose front was cut off is none.
+//! Counts the messages that a host has taken. A line that is no whole message counts as mangled.
 class Tally
 {
 public:
@@ -67,7 +67,7 @@ private:
     std::vector<int> counts = std::vector<int>(static_cast<size_t>(Devices * MessagesPerDevice));
 };
 
-//! Takes messages from offers, with all the lateness that the contract allows.
+//! A host that takes messages from offers, as late as the contract allows.
 class LateHost : public QObject
 {
 public:
@@ -81,7 +81,7 @@ public:
     {
         handleLater(record);
         if (manners.exact && isSloppyNow())
-            handleLater(record); // only a host that knows repeats can afford it
+            handleLater(record); // twice: only a host that detects repeats may do this
     }
 
     bool isIdle() const { return scheduled == 0; }
@@ -106,13 +106,13 @@ private:
         qsizetype used = fresh.lastIndexOf('\n') + 1;
         if (isSloppyNow()) {
             used = fresh.indexOf('\n') + 1;
-            handleLater(record); // the rest
+            handleLater(record); // takes the remaining messages later
         }
         takeLines(fresh.left(used));
         answer(*record, offers.consume(offer, used));
     }
 
-    // Takes all that it sees, and tells at least a part of it.
+    // Takes all messages of the offer, and discards all of them or only the first.
     void handlePlainly(const shared_parsedData &record)
     {
         const QByteArray bytes = record->getOriginalMessage();
@@ -145,8 +145,8 @@ private:
     int scheduled = 0;
 };
 
-//! Sends numbered messages in random pieces and closes at random, also inside a message, which the
-//! next connection then begins with.
+//! Sends numbered messages in random pieces, and closes its connection at random times. If it
+//! closes inside a message, it sends that message again at the start of the next connection.
 class StreamingDevice : public QObject
 {
 public:
@@ -157,8 +157,8 @@ public:
           tls(useTls)
     {
         connect(&timer, &QTimer::timeout, this, &StreamingDevice::step);
-        // All devices share a thread, with the server: not so many handshakes at once that they
-        // take longer than they may.
+        // All devices and the server share a thread. Too many handshakes at once would take longer
+        // than the time-out of a handshake.
         QTimer::singleShot(tls ? number * HandshakeMs : 0, this, &StreamingDevice::open);
     }
 
@@ -166,7 +166,7 @@ public:
     {
         return sent == MessagesPerDevice && !timer.isActive() && unsent.isEmpty();
     }
-    // Whether a connection ended that this device has not closed: what was under way is lost then.
+    // Whether a connection has ended that this device did not close. Then bytes may be lost.
     bool isCutOff() const { return cutOff; }
     int connections() const { return opened; }
 
@@ -229,14 +229,14 @@ private:
     QTimer timer;
     QSslSocket *socket = nullptr;
     QByteArray unsent;
-    QByteArray begun; // what was sent of a message that is not complete yet
+    QByteArray begun; // the sent part of an incomplete message
     int sent = 0;
     int opened = 0;
     bool closing = false;
     bool cutOff = false;
 };
 
-//! Counts the connections whose end the plugin logs; lets only warnings through. One at a time.
+//! Counts the connections whose end the plugin logs. Passes on only warnings. One at a time.
 class EndCounter
 {
 public:
@@ -260,7 +260,7 @@ private:
     }
 
     static inline std::atomic<int> ended = 0;
-    static inline QtMessageHandler previous = nullptr; // set before other threads exist
+    static inline QtMessageHandler previous = nullptr; // set before other threads start
 };
 
 bool hasConnections(IInputPlugin &plugin)
@@ -273,10 +273,11 @@ bool hasConnections(IInputPlugin &plugin)
 Q_DECLARE_METATYPE(Manners)
 
 /*!
-    What hosts of several kinds get of many devices: with FULL_LOAD 200 with 1,000 messages each.
+    What several kinds of hosts receive from many devices. With FULL_LOAD in the environment: 200
+    devices with 1,000 messages each.
 
-    With LATEHOSTS_FIGURES in the environment also hosts that run without "offsets", for which
-    nothing is required: they show what goes wrong.
+    With LATEHOSTS_FIGURES in the environment, also hosts without "offsets". They show what goes
+    wrong; the test requires nothing of them.
 */
 class tst_LateHosts : public QObject
 {
@@ -335,7 +336,7 @@ void tst_LateHosts::messages()
                                [](const auto &device) { return device->isDone(); });
         };
         const auto isEnded = [&] { return EndCounter::count() >= connections; };
-        // A client leaves the status after its last record was posted to this thread.
+        // A client's last record is posted to this thread before the client leaves the status text.
         const auto isQuiet = [&] { return !hasConnections(*plugin); };
         const auto isCutOff = [&] {
             return std::any_of(devices.begin(), devices.end(),

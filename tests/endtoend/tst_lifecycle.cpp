@@ -15,7 +15,7 @@
 
 namespace {
 
-// Ends the program if a connection is refused.
+// Ends the program if a device cannot connect.
 std::vector<NativeSocket> connectDevices(quint16 port, int count)
 {
     std::vector<NativeSocket> devices;
@@ -27,7 +27,7 @@ std::vector<NativeSocket> connectDevices(quint16 port, int count)
     return devices;
 }
 
-// Finer steps than QTRY_COMPARE's: some tests wait hundreds of times.
+// Polls more often than QTRY_COMPARE: some tests wait hundreds of times.
 bool waitForClients(IInputPlugin &plugin, int count)
 {
     return QTest::qWaitFor(
@@ -40,7 +40,7 @@ qsizetype countLines(const QList<CapturedMessage> &lines, const QString &part)
                          [&](const CapturedMessage &line) { return line.text.contains(part); });
 }
 
-// The lines that do not begin with the time: Qt's own.
+// Qt's own lines: those that do not begin with a time.
 QStringList linesOfQt(const QList<CapturedMessage> &lines)
 {
     static const QRegularExpression time(QStringLiteral("^\\d\\d:\\d\\d:\\d\\d\\.\\d\\d\\d "));
@@ -80,7 +80,7 @@ private:
     qsizetype threads = 0;
 };
 
-// What Qt opens once and keeps is opened before descriptors are counted.
+// Qt opens some descriptors at first use and keeps them. This opens them before any test counts.
 void tst_Lifecycle::initTestCase()
 {
     threads = runningThreads();
@@ -98,7 +98,7 @@ void tst_Lifecycle::init()
     descriptors = openDescriptors();
 }
 
-// Both are gone when a plugin's destructor has returned.
+// When a plugin's destructor has returned, its descriptors are closed and its threads have ended.
 void tst_Lifecycle::cleanup()
 {
     QCOMPARE(openDescriptors(), descriptors);
@@ -123,7 +123,7 @@ void tst_Lifecycle::newObjectEachTime()
             QVERIFY(waitForClients(*plugin, Connections));
             QVERIFY(plugin->stop());
         }
-        if (cycle % 2 == 0) // the other half is destroyed with all still to be done
+        if (cycle % 2 == 0) // otherwise it is destroyed before it can process events
             QCoreApplication::processEvents();
     }
     const auto lines = MessageCapture::take();
@@ -147,7 +147,7 @@ void tst_Lifecycle::oneObjectRestarted()
     }
     const auto lines = MessageCapture::take();
     QCOMPARE(linesOfQt(lines), QStringList());
-    // Each former start hands every connection over once more.
+    // Each earlier start() makes the plugin hand over every connection once more.
     QVERIFY(countLines(lines, QStringLiteral("Creating receiving socket failed")) > 0);
 }
 
@@ -159,14 +159,14 @@ void tst_Lifecycle::destroyedWithoutStop()
         QVERIFY(plugin->start());
         QVERIFY(isListening(*plugin));
         const auto devices = connectDevices(port, 20);
-        if (cycle % 3 != 0) // else with nothing taken yet
+        if (cycle % 3 != 0) // otherwise it is destroyed before it has accepted all
             QVERIFY(waitForClients(*plugin, 20));
         plugin.reset();
     }
     QCOMPARE(linesOfQt(MessageCapture::take()), QStringList());
 }
 
-// The destructor returns only when the records that the workers have made are with the host.
+// The destructor returns only when the host has received all records of the workers.
 void tst_Lifecycle::destroyedWithDeliveriesUnderWay()
 {
     const MessageCapture capture;
@@ -182,7 +182,7 @@ void tst_Lifecycle::destroyedWithDeliveriesUnderWay()
     QTRY_COMPARE(bytes, 5 * Connections); // each has made its first offer
     for (const NativeSocket &device : devices)
         QVERIFY(device.send(QByteArray(3, 'y'))); // within the interval, so not offered by itself
-    // 8 bytes of each are there once the log says so at the end.
+    // The log tells for each connection whether 5 or 8 bytes were received before its end.
     plugin.reset();
     const auto lines = MessageCapture::take();
     const auto complete = countLines(lines, QStringLiteral("(received 8 bytes"));
@@ -222,7 +222,7 @@ void tst_Lifecycle::hostActsWhileThePluginIsDestroyed()
     QCOMPARE(linesOfQt(MessageCapture::take()), QStringList());
 }
 
-// A device needs one descriptor here, and its worker thread two, if it is the thread's first.
+// The plugin needs one descriptor for a device, and two more for a worker thread that has none yet.
 void tst_Lifecycle::servesAllWhenDescriptorsComeBackOneByOne()
 {
     const MessageCapture capture;
@@ -233,7 +233,7 @@ void tst_Lifecycle::servesAllWhenDescriptorsComeBackOneByOne()
     QVERIFY(plugin->start());
     QVERIFY(isListening(*plugin));
     {
-        std::vector<NativeSocket> devices; // their own descriptors
+        std::vector<NativeSocket> devices; // opened before all descriptors are taken
         for (int n = 0; n < Connections; ++n)
             devices.push_back(NativeSocket::unconnected(testAddress()));
         NoFreeDescriptors none;

@@ -6,7 +6,7 @@
 using namespace limitstest;
 
 /*!
-    How connections end that are paused, through the loaded library.
+    How paused connections end, through the loaded library.
 */
 class tst_LimitEnds : public LimitsTest
 {
@@ -50,7 +50,7 @@ void tst_LimitEnds::pauseIsNoIdleTime()
     Sender sender(port, 0, 200);
     QVERIFY(serve([&] { return !streams.isEmpty() && only().size >= 64; }));
     const int records = only().records;
-    QTest::qWait(2500); // of 64 bytes there are no kicks
+    QTest::qWait(2500); // 64 bytes are too few to be offered again meanwhile
     QCOMPARE(only().records, records);
     QVERIFY(only().end.isNull());
     consumes = true;
@@ -69,7 +69,7 @@ void tst_LimitEnds::endOfAPausedConnection()
     Sender sender(port, tls, Bytes);
     QVERIFY(serve([&] { return !streams.isEmpty() && sender.finished; }));
     QVERIFY(serve([&] { return isQuiet(); }));
-    QVERIFY(tls != 0 || only().size < Bytes); // Qt decrypts that much ahead
+    QVERIFY(tls != 0 || only().size < Bytes); // with TLS, Qt decrypts all of them in advance
     sender.stays = false;
     QVERIFY(serve([&] { return !only().end.isNull(); }));
     QCOMPARE(only().end, QStringLiteral("peer"));
@@ -117,7 +117,7 @@ void tst_LimitEnds::destructionWhilePaused()
     QCOMPARE(only().end, QStringLiteral("stop"));
     QCOMPARE(only().size, Bytes);
     QVERIFY(only().intact);
-    kept.clear(); // records outlive the plugin
+    kept.clear(); // only now: records may outlive the plugin
     sender.stays = false;
 }
 

@@ -40,7 +40,7 @@ void tst_Limits::connectionBuffer()
     constexpr qsizetype Bytes = 40 * MiB; // more than the kernel's buffers hold
     start({{QStringLiteral("connectionBuffer"), MiB}});
     Sender sender(port, tls, Bytes);
-    // Nothing consumes: the sender comes to a halt.
+    // The host consumes nothing, so the sender has to stop.
     qsizetype before = -1;
     QVERIFY(serve([&] { return !streams.isEmpty() && only().size >= MiB; }));
     QVERIFY(serve([&] {
@@ -67,7 +67,7 @@ void tst_Limits::goesOnAtHalf()
     Sender sender(port, 0, Bytes);
     QVERIFY(serve([&] { return !streams.isEmpty() && only().longest >= MiB; }));
     const qsizetype held = only().size;
-    // Leaves more than half: the remainder is offered, and nothing is read.
+    // More than half of the buffer stays full. So the plugin offers the rest but reads nothing.
     input->discard(300 * KiB, latest.first().second);
     const int records = only().records;
     QVERIFY(serve([&] { return only().records > records; }));
@@ -91,7 +91,8 @@ void tst_Limits::recordsCount()
     Sender sender(port, tls, Bytes);
     QVERIFY(serve([&] { return !streams.isEmpty() && only().size >= MiB / 2; }));
     QVERIFY(serve([&] { return isQuiet(); }));
-    // All that came is in a record. Some is in two, if the host's cut came late: not counted twice.
+    // All received bytes are in records. Some are in two records, if the cut came late. The limit
+    // counts them once.
     QVERIFY2(only().size < MiB + 256 * KiB, qPrintable(QString::number(only().size)));
 
     keeps = false;
@@ -107,7 +108,7 @@ void tst_Limits::recordsThatWaitAreMerged()
     NativeSocket device = NativeSocket::connectedTo(testAddress(), port);
     QVERIFY(device.send(Sender::part(0, 100)));
     QVERIFY(serve([&] { return !streams.isEmpty(); }));
-    for (int i = 1; i < 8; ++i) { // each would be offered by itself
+    for (int i = 1; i < 8; ++i) { // late enough for an offer each
         QThread::msleep(250);
         QVERIFY(device.send(Sender::part(100 * i, 100)));
     }
@@ -147,12 +148,12 @@ void tst_Limits::totalBuffer()
     std::deque<Sender> senders;
     for (int i = 0; i < Devices; ++i)
         senders.emplace_back(port, tls, Bytes);
-    // The last ones may get nothing: nothing is consumed.
+    // The plugin may read nothing from the last devices, because the host consumes nothing.
     QVERIFY(serve([&] { return !streams.isEmpty() && isQuiet(); }));
     qsizetype held = 0;
     for (const Stream &stream : std::as_const(streams))
         held += stream.size;
-    QVERIFY2(held < 2 * MiB + Devices * 128 * KiB, // that much Qt decrypts ahead
+    QVERIFY2(held < 2 * MiB + Devices * 128 * KiB, // Qt decrypts so much in advance
              qPrintable(QString::number(held)));
     QVERIFY2(held > MiB, qPrintable(QString::number(held)));
 
@@ -181,7 +182,7 @@ void tst_Limits::hostThatStandsStill()
     std::deque<Sender> senders;
     bool hasStood = false;
     qint64 most = 0;
-    const QObject inThisFunction; // what the slot refers to
+    const QObject inThisFunction; // destroyed before the variables that the slot uses
     connect(input, &IInputPlugin::receivedData, &inThisFunction, [&] {
         if (streams.size() < Devices || std::exchange(hasStood, true))
             return;
@@ -201,7 +202,7 @@ void tst_Limits::hostThatStandsStill()
     for (const Stream &stream : std::as_const(streams))
         QVERIFY(stream.intact);
     QVERIFY(most > TotalBytes / 2);
-    const qint64 ahead = tls == 0 ? 0 : Devices * 128 * KiB; // that much Qt decrypts
+    const qint64 ahead = tls == 0 ? 0 : Devices * 128 * KiB; // Qt decrypts so much in advance
     QVERIFY2(most <= TotalBytes + ahead, qPrintable(QString::number(most)));
 }
 

@@ -105,15 +105,15 @@ bool tst_Offsets::waitForRecords(qsizetype count)
 // With one worker, a new connection is adopted after every cut posted before it.
 void tst_Offsets::fence()
 {
-    fences.push_back(connectDevice()); // stays open: its end would be offered, too
+    fences.push_back(connectDevice()); // stays open: its end would cause an offer
     const qsizetype before = records.size();
     fences.back()->write("fence");
     QVERIFY(waitForRecords(before + 1));
-    QCOMPARE(records.size(), before + 1); // and nothing else was offered meanwhile
+    QCOMPARE(records.size(), before + 1); // there was no other offer meanwhile
     QCOMPARE(records.takeLast()->getOriginalMessage(), QByteArray("fence"));
 }
 
-// What was left in the connection's buffer.
+// The bytes that are left in the connection's buffer.
 QByteArray tst_Offsets::lastOffer(QTcpSocket &device)
 {
     fence();
@@ -198,7 +198,7 @@ void tst_Offsets::keyIsReadAtEveryStart()
     QCOMPARE(subid(2, "offset"), QStringLiteral("0"));
 }
 
-// Those that are there already stay as they are.
+// Connections that are already open do not change.
 void tst_Offsets::keyAppliesToLaterConnections()
 {
     start(false);
@@ -274,9 +274,9 @@ void tst_Offsets::stampedDiscardThatCutsNothingIsNotAnswered()
     device->write(message);
     QVERIFY(waitForRecords(1));
     plugin->discard(0, records.first()->getPluginSubId());
-    fence(); // sees that no record comes
+    fence(); // fails if another record comes
     plugin->discard(1, records.first()->getPluginSubId());
-    QVERIFY(waitForRecords(2)); // 29 bytes are left: the usual rule
+    QVERIFY(waitForRecords(2)); // 29 bytes are left: enough for an offer
     QCOMPARE(bytes(1), message.mid(1));
     plugin->discard(1, records.first()->getPluginSubId());
     fence();
@@ -335,7 +335,8 @@ void tst_Offsets::plainDiscardWorksAsBefore()
     auto subids = records.first()->getPluginSubId();
     subids.remove(QStringLiteral("offset"));
     plugin->discard(2, subids);
-    subids.insert(QStringLiteral("connection"), QStringLiteral("nonsense")); // counts with "offset"
+    // Without "offset", the plugin ignores "connection".
+    subids.insert(QStringLiteral("connection"), QStringLiteral("nonsense"));
     plugin->discard(2, subids);
     QCOMPARE(lastOffer(*device), QByteArray("ef"));
     QCOMPARE(records.last()->getPluginSubIdKey(QStringLiteral("offset")), QStringLiteral("4"));
@@ -378,7 +379,7 @@ void tst_Offsets::connectionNumbersAreNotUsedAgain()
     QCOMPARE(seen.size(), Cycles * Connections);
 }
 
-// Its client has the id of the one before. What is said of that one must not reach it.
+// The new client has the id of the old one. A discard for the old connection must not reach it.
 void tst_Offsets::reusedPortIsAnotherConnection()
 {
     start();
@@ -389,7 +390,7 @@ void tst_Offsets::reusedPortIsAnotherConnection()
     QVERIFY(waitForRecords(1));
     first.reset();
     QTRY_VERIFY(!plugin->getStatus().contains(QLatin1String("tcp2:")));
-    QVERIFY(waitForRecords(2)); // the last offer
+    QVERIFY(waitForRecords(2)); // the last offer of the first connection
 
     NativeSocket second = NativeSocket::unconnected(testAddress());
     QVERIFY(second.bind(testAddress(), devicePort) && second.connect(testAddress(), port));
@@ -409,7 +410,7 @@ void tst_Offsets::reusedPortIsAnotherConnection()
 
 void tst_Offsets::plainHostLosesNothing_data()
 {
-    QTest::addColumn<QList<int>>("answers"); // which of three offers, in this order
+    QTest::addColumn<QList<int>>("answers"); // which offers the host answers, in this order
     QTest::addColumn<bool>("inParts");
     QTest::newRow("late") << QList<int>{0, 1, 2} << false;
     QTest::newRow("twice") << QList<int>{0, 0, 1, 1, 2, 2} << false;
@@ -418,8 +419,8 @@ void tst_Offsets::plainHostLosesNothing_data()
     QTest::newRow("only the first") << QList<int>{0} << false;
 }
 
-// It knows nothing of positions, sees three offers that begin with the same bytes before it answers
-// the first, and answers each with what it has read in it.
+// The host ignores positions. It receives three offers that begin with the same bytes before it
+// answers the first. It answers each one with the number of bytes that it has read in that offer.
 void tst_Offsets::plainHostLosesNothing()
 {
     QFETCH(QList<int>, answers);
@@ -445,7 +446,7 @@ void tst_Offsets::plainHostLosesNothing()
                             offers.at(n)->getPluginSubId());
         plugin->discard(static_cast<int>(offer.size()), offers.at(n)->getPluginSubId());
     }
-    // A connection that is accepted later comes after all cuts.
+    // A new connection is adopted after all cuts that were posted before it.
     const auto later = connectDevice();
     later->write("later");
     const auto isLater = [](const shared_parsedData &record) {

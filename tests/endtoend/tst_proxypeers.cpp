@@ -15,7 +15,7 @@ constexpr quint16 PeerPort = 56324;
 } // namespace
 
 /*!
-    With a good header, or none to come: whose connection it is.
+    The peer of a connection with a valid header, and of one that needs no header.
 */
 class tst_ProxyPeers : public ProxyTest
 {
@@ -54,7 +54,7 @@ void tst_ProxyPeers::headerNamesThePeer_data()
             << binary(Ipv4Peer, PeerPort, extra(0x05, QByteArray(100, 'u'))) << Ipv4Peer;
 }
 
-// Ids, records, the status text and every line have the device's address, none the proxy's.
+// Ids, records, the status text and all log lines have the device's address, never the proxy's.
 void tst_ProxyPeers::headerNamesThePeer()
 {
     QFETCH(QByteArray, header);
@@ -136,7 +136,7 @@ void tst_ProxyPeers::headerAndMessageInOnePiece_data()
     headerNamesThePeer_data();
 }
 
-// With TLS, header and ClientHello.
+// With TLS: header and ClientHello in one piece.
 void tst_ProxyPeers::headerAndMessageInOnePiece()
 {
     QFETCH(QByteArray, header);
@@ -181,7 +181,7 @@ void tst_ProxyPeers::equalPeersHaveIdsOfTheirOwn_data()
     QTest::newRow("one worker, offsets") << 1 << true;
 }
 
-// What the host discards is each one's own.
+// Each connection has its own id, so a discard reaches only its own connection.
 void tst_ProxyPeers::equalPeersHaveIdsOfTheirOwn()
 {
     QFETCH(int, workers);
@@ -213,7 +213,7 @@ void tst_ProxyPeers::equalPeersHaveIdsOfTheirOwn()
 
     plugin->discard(5, records[1]->getPluginSubId());
     second.socket().close();
-    first.socket().close(); // its last offer has what was not discarded
+    first.socket().close(); // its last offer has the bytes that were not discarded
     QVERIFY(waitForRecords(3));
     plugin.reset();
     QCOMPARE(records.size(), 3);
@@ -221,7 +221,8 @@ void tst_ProxyPeers::equalPeersHaveIdsOfTheirOwn()
     QCOMPARE(records[2]->getOriginalMessage(), QByteArray("first"));
 }
 
-// When the one that had it is gone, which the device does not see.
+// The id is free when the connection before has left the plugin. The device cannot see when that
+// is, so it tries again.
 void tst_ProxyPeers::idIsFreeAgain()
 {
     start(rule());
@@ -239,7 +240,7 @@ void tst_ProxyPeers::idIsFreeAgain()
     }
 }
 
-// Each message is under the address that its header had.
+// Each record has the address of the header that came before its message.
 void tst_ProxyPeers::manyDevices()
 {
     constexpr int Count = 300;

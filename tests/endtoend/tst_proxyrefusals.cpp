@@ -25,7 +25,8 @@ QString badLine(int count, const QString &endpoint, const QString &reason, int s
 } // namespace
 
 /*!
-    Without a good header: connections are closed, few lines say so, and nobody else waits.
+    Connections without a valid header. The plugin closes them with few log lines, and no other
+    connection has to wait.
 */
 class tst_ProxyRefusals : public ProxyTest
 {
@@ -55,7 +56,7 @@ private:
     {
         return serveUntil([count] { return openSockets() == count; });
     }
-    // All of them are closed by the plugin's side.
+    // The plugin has closed all of them.
     static bool areEnded(const std::vector<NativeSocket> &sockets)
     {
         return play([&sockets] {
@@ -67,7 +68,7 @@ private:
     }
 };
 
-// From the proxy, each with half a header.
+// Connections from the proxy. Each sends only half a header.
 std::vector<NativeSocket> tst_ProxyRefusals::connectMany(int count)
 {
     std::vector<NativeSocket> sockets;
@@ -95,7 +96,7 @@ void tst_ProxyRefusals::malformed_data()
     QTest::newRow("binary, too long") << Signature + QByteArray("\x21\x11\xff\xff", 4);
 }
 
-// Closed at once: the time is not up before the test gives up.
+// The plugin closes them at once. It does not wait for the header's time-out, which is long here.
 void tst_ProxyRefusals::malformed()
 {
     QFETCH(QByteArray, bytes);
@@ -129,7 +130,7 @@ void tst_ProxyRefusals::late()
     QVERIFY(device.connect(port));
     QVERIFY(bytes.isEmpty() || device.socket().send(bytes));
     QVERIFY(waitForEnd(device));
-    QVERIFY(elapsed.elapsed() >= 950); // the timer is a coarse one
+    QVERIFY(elapsed.elapsed() >= 950); // a coarse timer may be 5 % early
     QCOMPARE(warnings(), QStringList(badLine(1, device.endpoint(), u"late"_s, 0)));
     QCOMPARE(records.size(), 0);
 }
@@ -156,7 +157,7 @@ void tst_ProxyRefusals::healthChecksSayNothing_data()
     }
 }
 
-// But the next warning has their count.
+// They cause no warning. But the next warning contains their number.
 void tst_ProxyRefusals::healthChecksSayNothing()
 {
     constexpr int Count = 5;
@@ -170,7 +171,7 @@ void tst_ProxyRefusals::healthChecksSayNothing()
         QVERIFY(header.isEmpty() || check.socket().send(header));
         reset ? check.socket().reset() : check.socket().close();
     }
-    ProxiedDevice good = newDevice(); // behind them
+    ProxiedDevice good = newDevice(); // accepted after the checks
     QVERIFY(connectAndSend(good, text(Peer, PeerPort), "message"));
     QVERIFY(waitForRecords(1));
     QCOMPARE(warnings(), QStringList());
@@ -178,12 +179,12 @@ void tst_ProxyRefusals::healthChecksSayNothing()
     QVERIFY(bad.connect(port));
     QVERIFY(bad.socket().send("x"));
     QVERIFY(waitForEnd(bad));
-    // Without TLS it is a connection like any other, once it has a header.
+    // Without TLS, a check that sends a header is a normal connection and is not counted.
     const int counted = header.isEmpty() || tls ? Count : 0;
     QCOMPARE(warnings(), QStringList(badLine(1, bad.endpoint(), u"malformed"_s, counted)));
 }
 
-// The rest is told when the plugin stops.
+// One warning comes at once. The others are reported together when the plugin stops.
 void tst_ProxyRefusals::oneLineAMinute()
 {
     constexpr int Count = 50;
@@ -241,7 +242,7 @@ void tst_ProxyRefusals::slowHeadersHoldNobodyUp()
                                "message", from));
         QVERIFY(waitForRecords(++served));
     }
-    QVERIFY(areEnded(slow)); // by the time-out
+    QVERIFY(areEnded(slow)); // the header's time-out closes them
     QCOMPARE(warnings().size(), 1);
     plugin->stop();
     const QRegularExpression rest(u"header: %1 closed, .*, late; 0 ended"_s.arg(Count - 1));
@@ -257,7 +258,7 @@ void tst_ProxyRefusals::inTheMiddle_data()
         QTest::newRow(what) << QString::fromLatin1(what);
 }
 
-// Of a header.
+// Each connection is in the middle of its header.
 void tst_ProxyRefusals::inTheMiddle()
 {
     constexpr int Count = 20;

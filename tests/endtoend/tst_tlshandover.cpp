@@ -43,14 +43,14 @@ QByteArray messages(int device, int first, int end)
 void send(TlsDevice &device, Pattern pattern, int number)
 {
     switch (pattern) {
-    case Pattern::WithHandshake: // the handshake's last flight has not left yet with TLS 1.3
+    case Pattern::WithHandshake: // with TLS 1.3 the handshake's last flight is not sent yet
     case Pattern::SendAndClose:
         device.write(messages(number, 0, MessagesPerDevice));
         break;
     case Pattern::TwoHalves:
         device.write(messages(number, 0, MessagesPerDevice / 2));
         device.flush();
-        QThread::msleep(50); // that is the pattern: the first half is taken by itself
+        QThread::msleep(50); // part of the pattern: the first half arrives alone
         device.write(messages(number, MessagesPerDevice / 2, MessagesPerDevice));
         break;
     case Pattern::SmallWrites:
@@ -64,7 +64,7 @@ void send(TlsDevice &device, Pattern pattern, int number)
     }
 }
 
-//! Plays devices, Parallel at a time, in threads of their own.
+//! Runs devices in a pool of threads, Parallel at a time.
 class Fleet
 {
 public:
@@ -90,7 +90,7 @@ public:
 private:
     void play(int number)
     {
-        // Both versions in every pattern.
+        // Each pattern is played with both TLS versions.
         TlsDevice device((number / Patterns) % 2 == 0 ? TLS1_2_VERSION : TLS1_3_VERSION);
         const auto pattern = static_cast<Pattern>(number % Patterns);
         if (!device.connect(address, port) || !device.handshake()) {
@@ -105,7 +105,7 @@ private:
             device.writeCloseNotify();
         device.flush();
         device.socket.finish();
-        if (!device.waitForEnd()) // over unread bytes, closing would be a reset
+        if (!device.waitForEnd()) // reads all: closing with unread bytes would be a reset
             ++failures;
     }
     void remember(const NativeSocket &socket)
@@ -217,7 +217,7 @@ void tst_TlsHandover::verifyLog(const QStringList &log, QStringList ends)
 {
     QCOMPARE(log.filter(QRegularExpression(QStringLiteral("^[WCFwcf]: "))), QStringList());
 
-    // Every device by its own address.
+    // Each device appears under its own address.
     const QString begin = QStringLiteral("D: TcpTask2: new connection tcp2:");
     QStringList seen;
     const QStringList lines = log.filter(begin);
@@ -227,7 +227,7 @@ void tst_TlsHandover::verifyLog(const QStringList &log, QStringList ends)
     std::sort(ends.begin(), ends.end());
     QCOMPARE(seen, ends);
 
-    // With a strict rotation no task has two more than another.
+    // Strict round robin: the tasks' numbers of clients differ by at most one.
     for (int task = 0; task < PoolSize; ++task) {
         const qsizetype share =
                 log.filter(QStringLiteral("D: TcpTask2 (%1): new client added").arg(task)).size();

@@ -24,11 +24,11 @@ QString text(const char *latin1)
     return QString::fromLatin1(latin1);
 }
 
-// How the library's lines begin; Qt and OpenSSL give the reasons that follow.
+// The beginning of the library's lines. The reason follows, from Qt or OpenSSL.
 const QString SocketErrorLine = text("W: TcpInputPlugin2(t): SSL Socket error: ");
 
-// Of a handshake that OpenSSL has ended for that reason (SSL_R_...). Qt says what it was doing, and
-// then what OpenSSL says.
+// The line for a handshake that OpenSSL has ended for this reason (SSL_R_...). Qt's own words come
+// first, then OpenSSL's.
 QString handshakeErrorLine(int reason)
 {
     std::array<char, 256> words{};
@@ -36,7 +36,7 @@ QString handshakeErrorLine(int reason)
     return SocketErrorLine + text("*: ") + text(words.data());
 }
 
-// Why a server that verifies its peers refuses the certificate of that name.
+// Why a server that verifies its peers refuses this certificate.
 QString reasonAgainst(const QString &certificate)
 {
     if (certificate.isEmpty())
@@ -46,7 +46,7 @@ QString reasonAgainst(const QString &certificate)
     return QSslError(QSslError::UnableToGetLocalIssuerCertificate).errorString();
 }
 
-// Whether the line is that one, in which a * stands for some words.
+// Whether the line is the expected one. A * in expected stands for any words.
 bool fits(const QString &line, const QString &expected)
 {
     QString pattern = QRegularExpression::escape(expected);
@@ -67,7 +67,7 @@ public:
 
     virtual ~Client() = default;
     virtual bool hasEnded() = 0;
-    // Whether its last words tell of an alert from the server.
+    // Whether the client reported a TLS alert from the server.
     virtual bool wasAlerted() = 0;
 };
 
@@ -138,7 +138,7 @@ private:
 } // namespace
 
 /*!
-    What the TLS settings let in: real devices of two kinds against the library as a host loads it.
+    Which devices the TLS settings let in: two kinds of real devices against the loaded library.
 */
 class tst_TlsMatrix : public QObject
 {
@@ -226,15 +226,15 @@ void tst_TlsMatrix::expectDelivery(const Client::Role &role)
     QCOMPARE(warnings(), QStringList());
 }
 
-// lines: what the library says of it, with a * for words that Qt alone chooses. alert: whether the
-// client hears why, or is just cut off.
+// lines: the library's warnings, with a * for words that Qt chooses. alert: whether the client gets
+// a TLS alert with the reason, or its connection is just closed.
 void tst_TlsMatrix::expectRefusal(Client::Role role, const QStringList &lines, bool alert)
 {
-    role.sends = !alert; // sending into a closed connection, a client may miss the alert
+    role.sends = !alert; // a client that sends into a closed connection may miss the alert
     const auto client = connectClient(role);
     QTRY_VERIFY_WITH_TIMEOUT(client->hasEnded(), HangGuardMs);
     QTRY_VERIFY_WITH_TIMEOUT(warnings().size() >= lines.size(), HangGuardMs);
-    plugin.reset(); // what it had to say is said
+    plugin.reset(); // after that it logs no more
     const QStringList said = warnings();
     QCOMPARE(said.size(), lines.size());
     for (qsizetype i = 0; i < said.size(); ++i)
@@ -321,7 +321,7 @@ void tst_TlsMatrix::certificate()
                        handshakeErrorLine(SSL_R_CERTIFICATE_VERIFY_FAILED)},
                       true);
     } else {
-        // Qt verifies when the handshake is over, too late for an alert.
+        // Qt verifies after the handshake. Then it is too late for an alert.
         expectRefusal(role, {text("W: TcpInputPlugin2(t): SSL Errors"), SocketErrorLine + reason},
                       false);
     }
@@ -344,7 +344,7 @@ void tst_TlsMatrix::unusableServer_data()
     }
 }
 
-// It starts and listens, but every handshake fails.
+// The plugin starts and listens, but every handshake fails.
 void tst_TlsMatrix::unusableServer()
 {
     QFETCH(QJsonObject, tls);
@@ -357,7 +357,8 @@ void tst_TlsMatrix::unusableServer()
         expectRefusal({client, QString()}, {SocketErrorLine + QLatin1Char('*')}, false);
         return;
     }
-    // QSslSocket offers a cipher for pre-shared keys, too, and gives up when it has none to show.
+    // QSslSocket also offers a cipher for pre-shared keys. If the server chooses it, the client
+    // gives up, because it has no such key.
     const bool clientGivesUp = !program && client == QLatin1String("1.2");
     int reason = SSL_R_NO_SUITABLE_SIGNATURE_ALGORITHM;
     if (clientGivesUp)

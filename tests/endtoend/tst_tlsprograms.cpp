@@ -17,7 +17,7 @@ QString text(const char *latin1)
     return QString::fromLatin1(latin1);
 }
 
-//! A program that is killed if it outlives its test.
+//! A running program. The destructor kills it.
 class Program
 {
 public:
@@ -29,7 +29,7 @@ public:
     }
     Q_DISABLE_COPY_MOVE(Program)
 
-    // Its exit code; -1 if it does not end, or crashes.
+    // The exit code. -1 if the program crashed, or did not end before the hang guard.
     int finish()
     {
         const bool ended =
@@ -43,7 +43,7 @@ public:
 } // namespace
 
 /*!
-    TLS with the programs only, as an operator meets it.
+    TLS with the programs alone, as an operator uses them.
 */
 class tst_TlsPrograms : public QObject
 {
@@ -77,7 +77,7 @@ void tst_TlsPrograms::cleanup()
     host.reset();
 }
 
-// Until it listens.
+// Returns when the host listens.
 void tst_TlsPrograms::startHost(const QStringList &arguments)
 {
     const QByteArray tls = QJsonDocument(serverTls()).toJson(QJsonDocument::Compact);
@@ -93,7 +93,7 @@ void tst_TlsPrograms::startHost(const QStringList &arguments)
                               log.constData(), HangGuardMs);
 }
 
-// What it has printed since it was last read.
+// Stops the host. Returns its output since the last read, or "failed" if its exit code is not 0.
 QByteArray tst_TlsPrograms::stopHost()
 {
     host->process.terminate();
@@ -147,7 +147,7 @@ void tst_TlsPrograms::faultyDevices_data()
     }
 }
 
-// What the faulty ones have sent arrives, and the good ones after them are served.
+// The host gets what the faulty devices could deliver, and serves the good devices after them.
 void tst_TlsPrograms::faultyDevices()
 {
     QFETCH(QString, fault);

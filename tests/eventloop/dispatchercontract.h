@@ -10,15 +10,16 @@
 
 namespace dispatchertest {
 
-// GLib's dispatcher differs in some respects from Qt's own for Unix. We follow the latter.
+// GLib's dispatcher differs in some points from Qt's own dispatcher for Unix. Ours follows the
+// latter.
 inline bool isGlib()
 {
     return dispatcher()->inherits("QEventDispatcherGlib");
 }
 
 /*!
-    The contract of an event dispatcher: each scenario runs with Qt's two dispatchers for Unix and
-    with ours, without and with moderation of its wake-ups, and must end the same.
+    The contract of an event dispatcher. Each test runs with Qt's two dispatchers for Unix, and with
+    ours, without and with wake-up moderation. The result must be the same.
 */
 class DispatcherContract : public QObject
 {
@@ -36,7 +37,7 @@ inline void DispatcherContract::addRows()
     QTest::addColumn<QByteArray>("dispatcher");
     QTest::newRow("epoll") << QByteArray("epoll");
     QTest::newRow("epoll-moderated") << QByteArray("epoll-moderated");
-    QTest::newRow("qt") << QByteArray("qt"); // the default: GLib's, where Qt is built with it
+    QTest::newRow("qt") << QByteArray("qt"); // Qt's default: GLib's, if Qt is built with GLib
     QTest::newRow("qt-unix") << QByteArray("qt-unix");
 }
 
@@ -54,7 +55,7 @@ inline void DispatcherContract::begin()
     QTest::failOnWarning(expression(".*"));
 }
 
-// Runs the body in a thread of its own that has the row's dispatcher, outside of any event loop.
+// Runs the body in a new thread with the row's dispatcher. No event loop runs in that thread.
 inline void DispatcherContract::inThread(const std::function<void()> &body)
 {
     BodyThread thread(body);
@@ -63,11 +64,11 @@ inline void DispatcherContract::inThread(const std::function<void()> &body)
     QVERIFY(thread.wait(2 * HangGuardMs));
 }
 
-// Before the thread starts.
+// Call it before the thread starts.
 inline void DispatcherContract::setDispatcher(QThread *thread)
 {
     QFETCH_GLOBAL(QByteArray, dispatcher);
-    qputenv("QT_NO_GLIB", dispatcher == "qt-unix" ? "1" : ""); // read when the thread starts
+    qputenv("QT_NO_GLIB", dispatcher == "qt-unix" ? "1" : ""); // Qt reads it when the thread starts
     if (dispatcher == "epoll")
         setEpollDispatcher(thread);
     else if (dispatcher == "epoll-moderated")

@@ -24,10 +24,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-// What the tests of event dispatchers share.
+// Helpers for the tests of event dispatchers.
 namespace dispatchertest {
 
-// The calling thread's.
+// The dispatcher of the calling thread.
 inline QAbstractEventDispatcher *dispatcher()
 {
     return QAbstractEventDispatcher::instance();
@@ -39,20 +39,21 @@ inline bool turn(QEventLoop::ProcessEventsFlags flags = QEventLoop::AllEvents)
     return dispatcher()->processEvents(flags);
 }
 
-// Turns that do not wait, until nothing is left to do.
+// Runs turns that do not wait, until nothing is left to do.
 inline void settle()
 {
     while (turn()) {}
 }
 
-// Turns that wait for events, as an event loop's do: a wake-up that is missing shows. False after
-// the guard time.
+// Runs turns that wait for events, as an event loop does. So the test fails if a wake-up is
+// missing. False after the hang guard.
 inline bool turnUntil(const std::function<bool()> &done)
 {
     QTimer guard;
     guard.setSingleShot(true);
     guard.start(HangGuardMs);
-    // A turn delivers what was posted, and then it waits: not if that was all we wanted.
+    // A turn delivers the posted events and then waits. End the turn if the condition holds by
+    // then.
     QObject::connect(dispatcher(), &QAbstractEventDispatcher::aboutToBlock, &guard, [&] {
         if (done())
             dispatcher()->interrupt();
@@ -62,7 +63,7 @@ inline bool turnUntil(const std::function<bool()> &done)
     return done();
 }
 
-// Before the thread starts.
+// Call it before the thread starts.
 inline void setEpollDispatcher(QThread *thread, std::chrono::milliseconds wakeUpInterval = {})
 {
     std::unique_ptr<QAbstractEventDispatcher> epoll = EpollEventDispatcher::create(wakeUpInterval);
@@ -82,7 +83,7 @@ private:
     std::function<void()> body;
 };
 
-// A file descriptor, closed with its holder.
+// A file descriptor. The destructor closes it.
 class Fd
 {
 public:
@@ -107,7 +108,7 @@ private:
     int fd;
 };
 
-// Two connected sockets: the notifiers are a's.
+// Two connected sockets. Tests make the notifiers for socket a.
 struct SocketPair
 {
     SocketPair()

@@ -1,7 +1,7 @@
 # SPDX-FileCopyrightText: the tcpinputplugin2 authors
 # SPDX-License-Identifier: MIT
 
-# tst_dispatcher*: what holds for any event dispatcher of Qt; Qt's own serve for comparison.
+# tst_dispatcher*: rules for every event dispatcher. Qt's own dispatchers run for comparison.
 foreach(name IN ITEMS
         tst_dispatcherdescriptors tst_dispatchernotifiers tst_dispatcherthreads
         tst_dispatchertimers tst_dispatcherturns

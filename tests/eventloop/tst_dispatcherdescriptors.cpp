@@ -11,7 +11,7 @@
 
 using namespace dispatchertest;
 
-// Descriptors that are closed, used again, or no sockets.
+// Descriptors that are closed or reused, or that are no sockets.
 class tst_DispatcherDescriptors : public DispatcherContract
 {
     Q_OBJECT
@@ -49,7 +49,7 @@ void tst_DispatcherDescriptors::closedBeforeDisabled()
     });
 }
 
-// The number of a descriptor that was closed too early comes to another socket.
+// A descriptor is closed too early, and another socket gets its number.
 void tst_DispatcherDescriptors::numberReusedAfterClose()
 {
     inThread([] {
@@ -75,7 +75,7 @@ void tst_DispatcherDescriptors::numberReusedAfterClose()
         pair.send();
         QVERIFY(turnUntil([&] { return activations == 2; }));
 
-        // Also when the notifier is the same, and a second kind joins it.
+        // Also with the same notifier, and with a second notifier of another type.
         QSocketNotifier write(number, QSocketNotifier::Write);
         write.setEnabled(false);
         const SocketPair next;
@@ -100,7 +100,7 @@ void tst_DispatcherDescriptors::numberReusedAfterClose()
 void tst_DispatcherDescriptors::numberReusedInSlot()
 {
     inThread([] {
-        // Both are ready; the first to be activated puts another socket in the other's place.
+        // Both sockets are ready. The first slot replaces the other socket, under the same number.
         SocketPair pairs[2];
         std::unique_ptr<QSocketNotifier> notifiers[2];
         int activations = 0;
@@ -124,14 +124,14 @@ void tst_DispatcherDescriptors::numberReusedInSlot()
             pairs[i].send();
         }
         settle();
-        QCOMPARE(activations, 1); // nothing was sent to the new one
+        QCOMPARE(activations, 1); // the new socket has received nothing
         for (const SocketPair &pair : pairs)
             pair.send();
         QVERIFY(turnUntil([&] { return activations >= 2; }));
     });
 }
 
-// Another descriptor keeps the file open, and brings it back under the old number.
+// A second descriptor keeps the file open. It is then duplicated to the old number.
 void tst_DispatcherDescriptors::fileReturnsUnderItsNumber()
 {
     inThread([] {
@@ -172,7 +172,7 @@ void tst_DispatcherDescriptors::regularFileIsAlwaysReady()
         read.setEnabled(false);
         write.setEnabled(false);
         const int before = reads + writes;
-        settle(); // the rest does not keep the loop busy
+        settle(); // the exception notifier does not keep the loop busy
         QCOMPARE(reads + writes, before);
     });
 }
@@ -211,7 +211,7 @@ void tst_DispatcherDescriptors::invalidDescriptorIsDisabled()
     });
 }
 
-// More sockets are ready, always, than one turn serves.
+// There are always more ready sockets than one turn serves.
 void tst_DispatcherDescriptors::postedEventsAmongReadySockets()
 {
     inThread([] {
@@ -249,7 +249,8 @@ void tst_DispatcherDescriptors::postedEventsAmongReadySockets()
     });
 }
 
-// A fixed seed. The sanitizers look on; what is checked is that no activation is unfounded.
+// Has a fixed seed. The test checks that no notifier is activated without reason. The sanitizers
+// check the rest.
 void tst_DispatcherDescriptors::randomUse()
 {
     inThread([] {
@@ -289,7 +290,7 @@ void tst_DispatcherDescriptors::randomUse()
         renew = [&](size_t i) {
             notifiers[i].reset();
             if (below(2) == 0)
-                pairs[i] = SocketPair(); // as a rule with the same numbers as one before
+                pairs[i] = SocketPair(); // usually with the numbers of an earlier pair
             notifiers[i] = std::make_unique<QSocketNotifier>(pairs[i].a, QSocketNotifier::Read);
             onActivated(notifiers[i].get(), [&, i] {
                 ++activations;

@@ -15,7 +15,7 @@ using namespace dispatchertest;
 
 namespace {
 
-// Fills the buffer: a is not writable until b reads.
+// Fills the socket's buffer: a is not writable until b reads.
 void fill(const SocketPair &pair)
 {
     const QByteArray block(65536, 'x');
@@ -28,7 +28,7 @@ void drain(const SocketPair &pair)
     while (read(pair.b, block.data(), size_t(block.size())) > 0) {}
 }
 
-// A pair of connected TCP sockets: only they have urgent data.
+// A pair of connected TCP sockets. Other kinds have no urgent data.
 SocketPair tcpPair()
 {
     const Fd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -91,7 +91,7 @@ void tst_DispatcherNotifiers::readNotifier()
         turn();
         QCOMPARE(activations, 0);
 
-        // As long as there is something to read.
+        // The notifier is activated as long as there are unread bytes.
         pair.send();
         pair.send();
         QVERIFY(turnUntil([&] { return activations == 3; }));
@@ -141,7 +141,7 @@ void tst_DispatcherNotifiers::exceptionNotifier()
             QCOMPARE(recv(pair.a, &c, 1, MSG_OOB), ssize_t(1));
             urgent += c;
         });
-        pair.send(); // ordinary data are none of its business
+        pair.send(); // ordinary data must not activate it
         settle();
         QCOMPARE(urgent, QByteArray());
         QCOMPARE(::send(pair.b, "!", 1, MSG_OOB), ssize_t(1));
@@ -182,7 +182,7 @@ void tst_DispatcherNotifiers::allKindsOnOneDescriptor()
         settle();
         QCOMPARE(trace, QByteArray("wre"));
 
-        // All at once.
+        // All three types at once.
         write.setEnabled(true);
         exception.setEnabled(true);
         read.setEnabled(true);
@@ -200,7 +200,7 @@ void tst_DispatcherNotifiers::hangUpActivatesAll()
              {QSocketNotifier::Read, QSocketNotifier::Write, QSocketNotifier::Exception}) {
             SocketPair pair;
             int activations = 0;
-            fill(pair); // not writable
+            fill(pair); // so that the socket is not writable
             QSocketNotifier notifier(pair.a, type);
             onActivated(&notifier, [&] {
                 ++activations;
@@ -210,7 +210,7 @@ void tst_DispatcherNotifiers::hangUpActivatesAll()
             QCOMPARE(activations, 0);
             pair.b.reset();
             if (isGlib() && type != QSocketNotifier::Read)
-                continue; // it does not ask for hang-ups on behalf of the others
+                continue; // GLib's dispatcher watches hang-ups only for Read notifiers
             QVERIFY(turnUntil([&] { return activations == 1; }));
         }
     });
@@ -252,7 +252,7 @@ void tst_DispatcherNotifiers::deletedInOwnSlot()
     });
 }
 
-// Two sockets are ready in one turn: the first to be activated removes the other.
+// Two sockets are ready in one turn. The first slot removes the other socket's notifier.
 void tst_DispatcherNotifiers::removedInAnothersSlot()
 {
     inThread([] {
@@ -299,7 +299,8 @@ void tst_DispatcherNotifiers::otherKindRemovedInSlot()
     });
 }
 
-// As before, but one of two kinds stays, and is ready as well.
+// As before, but each socket has a notifier for reading and one for writing. The slot removes only
+// the reading one of the other socket. The writing one is ready, too, and must be activated.
 void tst_DispatcherNotifiers::oneKindRemovedInAnothersSlot()
 {
     inThread([] {
@@ -396,7 +397,7 @@ void tst_DispatcherNotifiers::nestedLoopRemovesReadyNotifier()
                 pairs[i].receive();
                 if (++activations > 1)
                     return;
-                // In the nested turn, all of the others vanish, their numbers come to new sockets.
+                // In the nested turn all others are removed. New sockets get their numbers.
                 QMetaObject::invokeMethod(
                         notifiers[i].get(),
                         [&, i] {
@@ -418,7 +419,7 @@ void tst_DispatcherNotifiers::nestedLoopRemovesReadyNotifier()
             pair.send();
         QVERIFY(turnUntil([&] { return activations > 0; }));
         settle();
-        QCOMPARE(activations, 1); // nothing was sent to the new ones
+        QCOMPARE(activations, 1); // the new sockets have received nothing
     });
 }
 
@@ -426,7 +427,7 @@ void tst_DispatcherNotifiers::secondNotifierOfOneKind()
 {
     inThread([] {
         if (isGlib())
-            return; // it serves both
+            return; // GLib's dispatcher serves both notifiers
         const SocketPair pair;
         QByteArray trace;
         QTest::ignoreMessage(QtWarningMsg, expression("Multiple socket notifiers"));
@@ -442,7 +443,7 @@ void tst_DispatcherNotifiers::secondNotifierOfOneKind()
         QCOMPARE(trace, QByteArray("2"));
 
         QTest::ignoreMessage(QtWarningMsg, expression("Multiple socket notifiers"));
-        first.reset(); // does not take the second along
+        first.reset(); // must not disable the second one
         pair.send();
         QVERIFY(turnUntil([&] { return trace.size() == 2; }));
         QCOMPARE(trace, QByteArray("22"));

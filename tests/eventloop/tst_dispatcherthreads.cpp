@@ -13,7 +13,7 @@
 
 using namespace dispatchertest;
 
-// Objects that change their thread, sockets of Qt's, and the end of a thread.
+// Objects that move to another thread, Qt's sockets, and the end of a thread.
 class tst_DispatcherThreads : public DispatcherContract
 {
     Q_OBJECT
@@ -31,7 +31,7 @@ private Q_SLOTS:
 
 void tst_DispatcherThreads::timerMovesToThread()
 {
-    QThread other; // Qt's own
+    QThread other; // with Qt's own dispatcher
     other.start();
     inThread([&] {
         QThread *const home = QThread::currentThread();
@@ -56,7 +56,7 @@ void tst_DispatcherThreads::timerMovesToThread()
         QCOMPARE(beatsElsewhere.load(), 3);
         QCOMPARE(timer.thread(), home);
         QCOMPARE(dispatcher()->registeredTimers(&timer).size(), 1);
-        // The timer is still at work in the other thread when its slot returns there.
+        // In the other thread, Qt's code still uses the timer after its slot has returned.
         QMetaObject::invokeMethod(
                 QAbstractEventDispatcher::instance(&other), [] {}, Qt::BlockingQueuedConnection);
     });
@@ -66,7 +66,7 @@ void tst_DispatcherThreads::timerMovesToThread()
 
 void tst_DispatcherThreads::socketMovesToThread()
 {
-    QThread other; // Qt's own
+    QThread other; // with Qt's own dispatcher
     other.start();
     inThread([&] {
         QThread *const home = QThread::currentThread();
@@ -78,14 +78,14 @@ void tst_DispatcherThreads::socketMovesToThread()
         std::unique_ptr<QTcpSocket> socket(server.nextPendingConnection());
         socket->setParent(nullptr);
 
-        // Answers each byte, every other time from the other thread.
+        // Answers each byte, by turns from this thread and from the other one.
         int moves = 0;
         connect(
                 socket.get(), &QTcpSocket::readyRead, socket.get(),
                 [&] {
                     ++moves;
                     socket->write(socket->readAll());
-                    // Not here: the socket is still at work when its signal returns.
+                    // Do not move it here: Qt's code still uses the socket after its signal.
                     QMetaObject::invokeMethod(
                             socket.get(),
                             [&] { socket->moveToThread(socket->thread() == home ? &other : home); },
@@ -101,7 +101,7 @@ void tst_DispatcherThreads::socketMovesToThread()
                 return answers.size() == i;
             }));
         }
-        // An even number of moves, the last one under way.
+        // The number of moves is even, so the socket comes back. The last move may not be done yet.
         QVERIFY(turnUntil([&] { return socket->thread() == home; }));
         QCOMPARE(moves, Messages);
         settle();
@@ -176,7 +176,7 @@ void tst_DispatcherThreads::threadEndsWithAllRunning()
         pair.send();
     });
     QCOMPARE(openDescriptors(), before);
-    notifier.reset(); // now there is no dispatcher they could turn to
+    notifier.reset(); // the thread's dispatcher is gone by now
     QTest::ignoreMessage(QtWarningMsg, expression("Timers cannot be stopped from another thread"));
     object.reset();
 }

@@ -14,7 +14,7 @@ using namespace dispatchertest;
 
 namespace {
 
-constexpr double EarliestFraction = 0.95; // coarse timers of Qt may be early by a twentieth
+constexpr double EarliestFraction = 0.95; // Qt's coarse timers may be 5 % early
 
 } // namespace
 
@@ -73,7 +73,7 @@ void tst_DispatcherTimers::timerIsPreciseFromBelow()
         for (int beat = 1; beat <= beats; ++beat) {
             QVERIFY(turnUntil([&] { return count >= beat; }));
             QCOMPARE(count, beat);
-            // Qt's rounds under 100 ms to a few milliseconds more coarsely.
+            // Below 100 ms, Qt rounds coarse timers by some milliseconds more than 5 %.
             const double earliest = type == Qt::PreciseTimer || intervalMs <= 20
                     ? beat * intervalMs
                     : beat * intervalMs * EarliestFraction - 4;
@@ -94,7 +94,7 @@ void tst_DispatcherTimers::timersFireInOrder()
         const int third = object.startTimer(30, Qt::PreciseTimer);
         const int first = object.startTimer(10, Qt::PreciseTimer);
         const int second = object.startTimer(20, Qt::PreciseTimer);
-        QThread::msleep(31); // not for synchronising: all have to be due in one turn
+        QThread::msleep(31); // not for synchronising: all timers must be due in one turn
         turn();
         QCOMPARE(order, (QList<int>{first, second, third}));
         QVERIFY(dispatcher()->registeredTimers(&object).isEmpty());
@@ -146,7 +146,7 @@ void tst_DispatcherTimers::timerKilledInOwnSlot()
         object.startTimer(0);
         QVERIFY(turnUntil([&] { return beats == 2; }));
         QVERIFY(dispatcher()->registeredTimers(&object).isEmpty());
-        QThread::msleep(3); // not for synchronising: beats that should not come would be due
+        QThread::msleep(3); // not for synchronising: a timer that still ran would be due
         for (int i = 0; i < 5; ++i)
             turn();
         QCOMPARE(beats, 2);
@@ -172,7 +172,7 @@ void tst_DispatcherTimers::timerRestartedInOwnSlot()
         QVERIFY(!timer.isActive());
         QCOMPARE(timer.remainingTime(), -1);
 
-        // Also one that is not single-shot, to a longer interval and to none.
+        // Also with a repeating timer: to a longer interval, and to zero.
         QTimer other;
         int turns = 0;
         connect(&other, &QTimer::timeout, &other, [&] { other.start(++turns == 1 ? 0 : 30); });
@@ -193,7 +193,7 @@ void tst_DispatcherTimers::timerDeletedInOwnSlot()
             delete object;
         };
         object->startTimer(0);
-        object->startTimer(0); // due as well, and gone with the object
+        object->startTimer(0); // also due, but deleted with the object
         QVERIFY(turnUntil([&] { return fired; }));
 
         auto *timer = new QTimer;
@@ -228,7 +228,7 @@ void tst_DispatcherTimers::timerKilledByAnother()
         };
         firstId = first.startTimer(1, Qt::PreciseTimer);
         secondId = second.startTimer(1, Qt::PreciseTimer);
-        QThread::msleep(3); // not for synchronising: both have to be due in one turn
+        QThread::msleep(3); // not for synchronising: both timers must be due in one turn
         QVERIFY(turnUntil([&] { return !fired.isEmpty(); }));
         QCOMPARE(fired, QList<const QObject *>{&first});
     });
@@ -258,7 +258,7 @@ void tst_DispatcherTimers::timerIsNotReentered()
     });
 }
 
-// Nor does it keep the nested loop awake.
+// A zero timer whose slot runs a nested loop does not keep that loop awake, either.
 void tst_DispatcherTimers::zeroTimerIsNotReentered()
 {
     inThread([] {
@@ -352,7 +352,7 @@ void tst_DispatcherTimers::remainingTime()
         QVERIFY(dispatcher()->remainingTime(precise) > 10000);
         QVERIFY(dispatcher()->remainingTime(veryCoarse) <= 101000);
         QVERIFY(dispatcher()->remainingTime(veryCoarse) > 80000);
-        QThread::msleep(2); // not for synchronising: it has to be overdue
+        QThread::msleep(2); // not for synchronising: the timer must be overdue
         QCOMPARE(dispatcher()->remainingTime(soon), 0);
         object.killTimer(soon);
         dispatcher()->unregisterTimer(precise);

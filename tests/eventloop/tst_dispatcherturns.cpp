@@ -14,7 +14,7 @@
 
 using namespace dispatchertest;
 
-// Turns: what they send, what they wait for, and what ends the wait.
+// Turns of the event loop: which events they send, what they wait for, and what ends the wait.
 class tst_DispatcherTurns : public DispatcherContract
 {
     Q_OBJECT
@@ -77,7 +77,7 @@ void tst_DispatcherTurns::signalsOfATurn()
         trace.clear();
         turn();
         QVERIFY(trace.contains('w'));
-        QVERIFY(!trace.contains('b')); // it does not wait
+        QVERIFY(!trace.contains('b')); // the turn did not wait
 
         QTimer timer;
         bool fired = false;
@@ -130,7 +130,7 @@ void tst_DispatcherTurns::postedFromManyThreads()
     });
 }
 
-// Each call must end a wait that begins after it or that it finds: none may be lost.
+// Each call must end a wait: the current one, or the next one. No call may be lost.
 void tst_DispatcherTurns::wakeUpEndsWait()
 {
     constexpr int Rounds = 5000;
@@ -162,7 +162,7 @@ void tst_DispatcherTurns::interruptEndsWait()
         settle();
         QAbstractEventDispatcher *const waiting = dispatcher();
 
-        // Before the turn waits, from an event that it sends. Nothing else is done in that turn.
+        // Called before the turn waits, in an event of that turn. The turn then sends nothing else.
         QObject object;
         const SocketPair pair;
         bool activated = false;
@@ -179,7 +179,7 @@ void tst_DispatcherTurns::interruptEndsWait()
         settle();
         QVERIFY(activated);
 
-        // While it waits.
+        // Called while the turn waits.
         QSemaphore aboutToBlock;
         connect(waiting, &QAbstractEventDispatcher::aboutToBlock, &object,
                 [&] { aboutToBlock.release(); });
@@ -208,7 +208,7 @@ void tst_DispatcherTurns::quitFromOtherThread()
                     },
                     Qt::DirectConnection);
         } else {
-            waits.release(); // quits before it has come to wait
+            waits.release(); // quit() comes before the loop waits
         }
         thread.start();
         QVERIFY(waits.tryAcquire(1, HangGuardMs));
@@ -220,7 +220,7 @@ void tst_DispatcherTurns::quitFromOtherThread()
 void tst_DispatcherTurns::waitsInsteadOfSpinning()
 {
     inThread([] {
-        // What a disabled notifier leaves unread is no event.
+        // Unread bytes of a disabled notifier are no event.
         const SocketPair pair;
         QSocketNotifier read(pair.a, QSocketNotifier::Read);
         QSocketNotifier write(pair.a, QSocketNotifier::Write);
@@ -243,7 +243,7 @@ void tst_DispatcherTurns::waitsInsteadOfSpinning()
     });
 }
 
-// The kernel interrupts a wait for a signal that has a handler.
+// A signal with a handler interrupts the wait in the kernel. The turn must continue to wait.
 void tst_DispatcherTurns::signalDoesNotEndWait()
 {
     struct sigaction action
@@ -283,7 +283,7 @@ void tst_DispatcherTurns::excludedKindsWait()
 {
     inThread([] {
         if (isGlib())
-            return; // it excludes no sockets
+            return; // GLib's dispatcher does not exclude sockets
         const SocketPair pair;
         int activations = 0;
         QSocketNotifier notifier(pair.a, QSocketNotifier::Read);
@@ -301,7 +301,7 @@ void tst_DispatcherTurns::excludedKindsWait()
         object.beat = [&](int) { fired = true; };
         object.startTimer(10);
         int turns = 0;
-        while (!fired) { // waits for the timer, not for the socket
+        while (!fired) { // each turn waits for the timer, not for the socket
             turn(QEventLoop::ExcludeSocketNotifiers | QEventLoop::WaitForMoreEvents);
             ++turns;
         }
@@ -311,7 +311,7 @@ void tst_DispatcherTurns::excludedKindsWait()
         fired = false;
         while (activations == 0)
             turn(QEventLoop::X11ExcludeTimers | QEventLoop::WaitForMoreEvents);
-        QThread::msleep(11); // not for synchronising: the timer has to fall due
+        QThread::msleep(11); // not for synchronising: the timer must be due
         turn(QEventLoop::X11ExcludeTimers);
         QVERIFY(!fired);
         QVERIFY(turnUntil([&] { return activations == 1 && fired; }));
@@ -328,7 +328,7 @@ void tst_DispatcherTurns::deferredDeleteInNestedLoop()
             QEventLoop inner;
             QTimer::singleShot(10, &inner, &QEventLoop::quit);
             inner.exec();
-            QVERIFY(object); // its turn is when the loop that posted it comes back
+            QVERIFY(object); // deleted only in the loop that called deleteLater()
             QTimer::singleShot(10, &outer, &QEventLoop::quit);
         });
         outer.exec();

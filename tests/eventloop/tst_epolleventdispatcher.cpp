@@ -19,7 +19,8 @@
 
 using namespace dispatchertest;
 
-// In place of the C library's: the kernel has no memory for another descriptor on demand.
+// Replaces the C library's function. On demand it fails, as if the kernel had no memory for one
+// more descriptor.
 static bool outOfMemory = false;
 extern "C" int epoll_ctl(int epoll, int operation, int fd, epoll_event *event) noexcept
 {
@@ -41,7 +42,7 @@ void runWithEpoll(const std::function<void()> &body)
 } // namespace
 
 /*!
-    What only this dispatcher promises. The program's main thread uses it, too.
+    Promises of this dispatcher alone. The main thread of this program uses it, too.
 */
 class tst_EpollEventDispatcher : public QObject
 {
@@ -80,7 +81,8 @@ void tst_EpollEventDispatcher::nullWithoutDescriptors()
 
     const int before = openDescriptors();
     for (int available = 0; available <= 2; ++available) {
-        // The lowest numbers that are free, up to the limit.
+        // The fillers take the lowest free numbers. With the last of them as limit, so many
+        // descriptors are available.
         std::vector<Fd> fillers;
         for (int i = 0; i < available + 1; ++i)
             fillers.emplace_back(dup(0));
@@ -139,10 +141,11 @@ void tst_EpollEventDispatcher::descriptorsAreNotInherited()
         ++ours;
         QVERIFY(fcntl(name.toInt(), F_GETFD) & FD_CLOEXEC);
     }
-    QVERIFY(ours >= 4); // these and the application's
+    QVERIFY(ours >= 4); // two of this dispatcher, two of the application's
 }
 
-// A listener that was silenced for a passing want would be deaf for good.
+// Lack of memory may be short. If the dispatcher disabled a listener's notifier then, that listener
+// would never accept again.
 void tst_EpollEventDispatcher::staysAliveWithoutMemory()
 {
     int ends[2];
@@ -154,14 +157,14 @@ void tst_EpollEventDispatcher::staysAliveWithoutMemory()
     QSocketNotifier notifier(readEnd, QSocketNotifier::Read);
     int activations = 0;
     connect(&notifier, &QSocketNotifier::activated, this, [&] { ++activations; });
-    QVERIFY(turnUntil([&] { return activations > 1; })); // whatever there is to read
+    QVERIFY(turnUntil([&] { return activations > 1; })); // although nothing is to be read
     QVERIFY(notifier.isEnabled());
 
     outOfMemory = false;
     turn();
     activations = 0;
     settle();
-    QCOMPARE(activations, 0); // the kernel tells again
+    QCOMPARE(activations, 0); // the kernel watches the descriptor again
     QCOMPARE(write(writeEnd, "x", 1), 1);
     QVERIFY(turnUntil([&] { return activations > 0; }));
 }
@@ -215,11 +218,11 @@ void tst_EpollEventDispatcher::wakeUpsAreOneEvent()
     });
 }
 
-// As many as a thread posts to itself, each from within the one before.
+// The thread posts events to itself without end. Each event posts the next one.
 void tst_EpollEventDispatcher::eventsWithoutEndStarveNoSocket()
 {
     runWithEpoll([] {
-        constexpr int Most = 1000; // so that the test has an end when it fails
+        constexpr int Most = 1000; // ends the test if it fails
         const SocketPair pair;
         QSocketNotifier notifier(pair.a, QSocketNotifier::Read);
         bool served = false;
@@ -240,7 +243,7 @@ void tst_EpollEventDispatcher::eventsWithoutEndStarveNoSocket()
     });
 }
 
-// Rings of events: each hops from thread to thread.
+// Many events. Each goes around a ring of threads.
 void tst_EpollEventDispatcher::manyThreads()
 {
     constexpr size_t Threads = 8;
@@ -269,7 +272,8 @@ void tst_EpollEventDispatcher::manyThreads()
     for (size_t i = 0; i < Threads; ++i)
         hop(i, Hops);
     QVERIFY(completed.tryAcquire(int(Threads), HangGuardMs));
-    // Qt wakes a thread up after it has posted: nobody may still be at that when the thread ends.
+    // Qt first posts an event, then wakes up the thread. These calls make sure that no thread is
+    // still waking up another one when it ends.
     for (const auto &object : objects)
         QMetaObject::invokeMethod(
                 object.get(), [] {}, Qt::BlockingQueuedConnection);

@@ -15,7 +15,7 @@ using Dispatcher = EpollEventDispatcher;
 
 namespace {
 
-// In a turn of the event loop.
+// Runs the work in a turn of the event loop.
 void inATurn(const std::function<void()> &work)
 {
     bool done = false;
@@ -31,7 +31,7 @@ void inATurn(const std::function<void()> &work)
         QAbstractEventDispatcher::instance()->processEvents(QEventLoop::AllEvents);
 }
 
-// Runs an event loop, which takes several turns; the work is in the first.
+// Runs an event loop for several turns. The work is done in the first turn.
 void runALoop(const std::function<void()> &work = [] {})
 {
     QEventLoop loop;
@@ -48,7 +48,7 @@ void runALoop(const std::function<void()> &work = [] {})
     loop.exec();
 }
 
-//! Runs an event loop while it is destroyed, and has another object deleted in there.
+//! Its destructor calls deleteLater() for another object, and then runs an event loop.
 class Last : public QObject
 {
 public:
@@ -70,8 +70,8 @@ private:
 } // namespace
 
 /*!
-    Deletions that are asked for in a turn within a turn: carried out when the outermost one is
-    over.
+    Calls of Dispatcher::deleteLater() in nested turns. The object is deleted when the outermost
+    turn is over.
 */
 class tst_NestedDeletions : public QObject
 {
@@ -121,7 +121,7 @@ void tst_NestedDeletions::nestedTurnDeletesNothing()
     QVERIFY(!object);
 }
 
-// Which is why there is a deleteLater() of ours.
+// Qt's deleteLater() deletes in a nested turn. That is why ours exists.
 void tst_NestedDeletions::nestedTurnDeletesWhatIsNotOurs()
 {
     const QPointer<QObject> object = new QObject;
@@ -133,7 +133,7 @@ void tst_NestedDeletions::nestedTurnDeletesWhatIsNotOurs()
     QVERIFY(!survived);
 }
 
-// Which is no turn: message handlers do this, and Qt's own QTest::qWait().
+// Delivering posted events by hand is no turn. Message handlers and QTest::qWait() do it.
 void tst_NestedDeletions::deliveredEventsDeleteNothing()
 {
     const QPointer<QObject> object = new QObject;
@@ -190,7 +190,7 @@ void tst_NestedDeletions::destructorRunsALoop()
     QVERIFY(!further);
 }
 
-// At the end of a thread, for example.
+// A turn outside of the event loop happens, for example, at the end of a thread.
 void tst_NestedDeletions::turnOutsideOfTheLoop()
 {
     const QPointer<QObject> object = new QObject;

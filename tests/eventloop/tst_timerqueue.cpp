@@ -17,10 +17,10 @@ namespace {
 using TimePoint = TimerQueue::TimePoint;
 using Duration = TimerQueue::Duration;
 
-// Any time will do: the queue reads no clock. This one is on no grid.
+// Any time is possible, because the queue reads no clock. This one lies on no grid.
 const TimePoint Start = TimePoint(12345s + 678901us);
 
-// Delivers what is due at now and notes the ids.
+// Delivers the timers that are due at now. Returns their ids.
 QList<int> idsDue(TimerQueue &queue, TimePoint now)
 {
     QList<int> ids;
@@ -81,7 +81,7 @@ void tst_TimerQueue::beatsUntilRemoved()
     TimerQueue queue;
     queue.add({1, 10ms, Qt::PreciseTimer, this}, Start);
     QCOMPARE(idsDue(queue, Start + 11ms), QList<int>{1});
-    QVERIFY(*queue.nextDeadline() == Start + 20ms); // a late beat does not delay the next
+    QVERIFY(*queue.nextDeadline() == Start + 20ms); // a late beat does not delay the next one
     QCOMPARE(idsDue(queue, Start + 20ms), QList<int>{1});
     QVERIFY(queue.remove(1));
     QVERIFY(!queue.remove(1));
@@ -126,7 +126,7 @@ void tst_TimerQueue::grid_data()
     add(Qt::VeryCoarseTimer, 60000, 1000);
 }
 
-// Never early, less than a step late, and over many beats neither.
+// A beat is never early, and less than a step late. This also holds after many beats.
 void tst_TimerQueue::grid()
 {
     QFETCH(int, type);
@@ -161,7 +161,7 @@ void tst_TimerQueue::gathersEqualTimeouts()
 {
     TimerQueue queue;
     for (int id = 1; id <= 10000; ++id)
-        queue.add({id, 2s, Qt::CoarseTimer, this}, Start + id * 200us); // over two seconds
+        queue.add({id, 2s, Qt::CoarseTimer, this}, Start + id * 200us); // started over two seconds
     for (int id = 10001; id <= 20000; ++id)
         queue.add({id, 60s, Qt::CoarseTimer, this}, Start + (id - 10000) * 200us);
 
@@ -214,9 +214,9 @@ void tst_TimerQueue::zeroIntervalHasOneBeatPerCall()
             queue.add({4, 0ms, Qt::PreciseTimer, this}, Start); // first beat: in the next call
         ids.append(id);
     };
-    QCOMPARE(queue.deliverDue(Start, note), 0); // nothing that would call for another turn
+    QCOMPARE(queue.deliverDue(Start, note), 0); // zero timers do not count as beats
     QCOMPARE(ids, (QList<int>{1, 2}));
-    QCOMPARE(idsDue(queue, Start), (QList<int>{1, 4, 2})); // in turn
+    QCOMPARE(idsDue(queue, Start), (QList<int>{1, 4, 2})); // each once
     QCOMPARE(idsDue(queue, Start + 5ms), (QList<int>{1, 4, 2, 3}));
     QCOMPARE(queue.deliverDue(Start + 10ms, [](int, QObject *) {}), 1);
 }
@@ -240,7 +240,7 @@ void tst_TimerQueue::removedInDelivery()
     QVERIFY(!queue.nextDeadline());
 }
 
-// A timer that is restarted in its own slot gets the same id, as a rule.
+// A timer that is restarted in its own slot usually gets the same id.
 void tst_TimerQueue::idReusedInDelivery()
 {
     TimerQueue queue;
@@ -248,10 +248,10 @@ void tst_TimerQueue::idReusedInDelivery()
     int beats = 0;
     queue.deliverDue(Start + 10ms, [&](int id, QObject *) {
         ++beats;
-        QVERIFY(!queue.nextDeadline()); // not while its delivery is on the stack
+        QVERIFY(!queue.nextDeadline()); // none while the timer's delivery is on the stack
         QVERIFY(queue.remove(id));
         queue.add({id, 20ms, Qt::PreciseTimer, this}, Start + 10ms);
-        QVERIFY(*queue.nextDeadline() == Start + 30ms); // the new one is free to fire
+        QVERIFY(*queue.nextDeadline() == Start + 30ms); // the new timer can fire
         queue.deliverDue(Start + 30ms, [&](int, QObject *) { ++beats; });
     });
     QCOMPARE(beats, 2);
@@ -269,12 +269,12 @@ void tst_TimerQueue::nestedDelivery()
     QList<int> inner;
     queue.deliverDue(Start + 10ms, [&](int id, QObject *) {
         outer.append(id);
-        QVERIFY(*queue.nextDeadline() == Start + 10ms); // 2 is still waiting
+        QVERIFY(*queue.nextDeadline() == Start + 10ms); // timer 2 is still due
         inner += idsDue(queue, Start + 21ms);
         QVERIFY(*queue.nextDeadline() == Start + 30ms);
     });
-    QCOMPARE(outer, QList<int>{1}); // 2 had its beat inside
-    QCOMPARE(inner, (QList<int>{2, 3})); // 1 is not re-entered, its second beat is skipped
+    QCOMPARE(outer, QList<int>{1}); // the inner call delivered timer 2
+    QCOMPARE(inner, (QList<int>{2, 3})); // timer 1 is not re-entered; its second beat is skipped
     QCOMPARE(idsDue(queue, Start + 31ms), (QList<int>{3, 1, 2}));
 }
 
@@ -290,7 +290,7 @@ void tst_TimerQueue::knowsTimersByObject()
     QCOMPARE(timers.size(), std::size_t(2));
     QCOMPARE(timers[0].id, 5);
     QCOMPARE(timers[1].id, 7);
-    QVERIFY(timers[1].interval == 1500ms); // as it was started, not as it is rounded
+    QVERIFY(timers[1].interval == 1500ms); // the original interval, not the rounded one
     QCOMPARE(timers[1].type, Qt::VeryCoarseTimer);
     QCOMPARE(timers[1].object, this);
 
@@ -301,7 +301,7 @@ void tst_TimerQueue::knowsTimersByObject()
     QCOMPARE(idsDue(queue, Start + 1h), QList<int>{3});
 }
 
-// Random use against a plain list that does all by searching.
+// Compares random use with a simple model: a list that is searched each time.
 void tst_TimerQueue::agreesWithSimpleModel()
 {
     struct Model

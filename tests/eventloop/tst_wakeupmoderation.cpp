@@ -22,17 +22,17 @@ using namespace dispatchertest;
 using namespace std::chrono_literals;
 
 namespace {
-constexpr auto Never = std::chrono::milliseconds(1h); // within a test
-constexpr int Forever = -1; // as a time-out of epoll_wait(2) and poll(2)
+constexpr auto Never = std::chrono::milliseconds(1h); // longer than any test
+constexpr int Forever = -1; // a time-out of epoll_wait(2) or poll(2)
 
-// What the kernel says of a sleeping thread: the time-out, in ms, of the wait that it sleeps in.
-// Nothing if it runs, or sleeps in another call.
+// Asks the kernel for the time-out, in ms, of the wait in which the thread sleeps. Nothing if the
+// thread runs, or sleeps in another system call.
 std::optional<int> sleepMs(pid_t threadId)
 {
     QFile file(QStringLiteral("/proc/self/task/%1/syscall").arg(threadId));
     if (!file.open(QFile::ReadOnly))
         return std::nullopt;
-    const QList<QByteArray> call = file.readAll().split(' '); // the number, six arguments, ...
+    const QList<QByteArray> call = file.readAll().split(' '); // system call, six arguments, ...
     if (call.size() < 7)
         return std::nullopt;
 
@@ -80,12 +80,12 @@ public:
         QMetaObject::invokeMethod(context, event, Qt::QueuedConnection);
     }
 
-    // Sleeps until something happens.
+    // Whether the thread sleeps without a time-out.
     bool rests() const { return sleepMs(id) == Forever; }
-    // Sleeps, and will wake up by itself.
+    // Whether the thread sleeps with a time-out.
     bool dozes() const { return sleepMs(id).value_or(Forever) > 0; }
 
-    // Wakes it up from its rest, so that wake-ups are deferred from then on.
+    // Wakes up the thread when it rests. So an interval begins, in which wake-ups are deferred.
     [[nodiscard]] bool rouse()
     {
         const auto resting = [this] { return rests(); };
@@ -124,7 +124,7 @@ bool waitUntilItDozes(const LoopThread &thread)
     return QTest::qWaitFor([&] { return thread.dozes(); }, HangGuardMs);
 }
 
-// Calls activated for every byte that is sent to the pair's notifier.
+// Calls activated for every byte that arrives at the pair's socket a.
 void notify(const SocketPair &pair, QObject *context, const std::function<void()> &activated)
 {
     auto *notifier = new QSocketNotifier(pair.a, QSocketNotifier::Read, context);
@@ -136,8 +136,9 @@ void notify(const SocketPair &pair, QObject *context, const std::function<void()
 } // namespace
 
 /*!
-    The moderation of wake-ups. Most of these tests have an interval that does not end while they
-    run: what has to be in time then comes, and what is to wait for something else comes with that.
+    Wake-up moderation. In most of these tests the interval is longer than the test. So events that
+    arrive have not waited for its end: they came at once, or together with a socket, timer or
+    interrupt().
 */
 class tst_WakeUpModeration : public QObject
 {
@@ -209,7 +210,7 @@ void tst_WakeUpModeration::ownEventsDeferNothing()
         const auto post = [context](const std::function<void()> &event) {
             QMetaObject::invokeMethod(context, event, Qt::QueuedConnection);
         };
-        notify(pair, context, [&, post] { // several turns: not each of them asks the kernel
+        notify(pair, context, [&, post] { // takes several turns; some of them do not ask the kernel
             post([&, post] { post([&, post] { post([&] { handled.release(); }); }); });
         });
     });
@@ -223,7 +224,7 @@ void tst_WakeUpModeration::ownEventsDeferNothing()
 void tst_WakeUpModeration::deferredEventsComeWithASocket()
 {
     const SocketPair pair;
-    QByteArray trace; // the thread's, until it has released
+    QByteArray trace; // used by the thread until it releases a semaphore
     QSemaphore activated;
     QSemaphore handled;
     LoopThread thread(Never, [&](QObject *context) {
@@ -291,7 +292,7 @@ void tst_WakeUpModeration::interruptIsNotDeferred()
 void tst_WakeUpModeration::nestedLoop()
 {
     const SocketPair pair;
-    QByteArray trace; // the thread's, until it has released
+    QByteArray trace; // used by the thread until it releases the semaphore
     QSemaphore handled;
     LoopThread thread(Never,
                       [&](QObject *context) { notify(pair, context, [&] { trace += 's'; }); });
@@ -317,7 +318,7 @@ void tst_WakeUpModeration::nestedLoop()
     inner.load()->quit();
     QVERIFY(handled.tryAcquire(1, HangGuardMs));
     QCOMPARE(trace, QByteArray("sen"));
-    QVERIFY(waitUntilItDozes(thread)); // the outer loop, in the same interval
+    QVERIFY(waitUntilItDozes(thread)); // now in the outer loop, in the same interval
 }
 
 void tst_WakeUpModeration::onlyLoopsAreModerated_data()
@@ -329,12 +330,12 @@ void tst_WakeUpModeration::onlyLoopsAreModerated_data()
                    | QEventLoop::ExcludeSocketNotifiers);
 }
 
-// In the middle of a loop that is moderated.
+// These turns run in a slot, while the thread's event loop is moderated.
 void tst_WakeUpModeration::onlyLoopsAreModerated()
 {
     QFETCH(int, flags);
     const SocketPair pair;
-    bool handled = false; // the thread's
+    bool handled = false; // the thread's only
     QSemaphore ended;
     LoopThread thread(Never, [&](QObject *context) {
         notify(pair, context, [&] {
@@ -351,25 +352,25 @@ void tst_WakeUpModeration::onlyLoopsAreModerated()
         QVERIFY(waitUntilItRests(thread));
         thread.post([&] {
             handled = true;
-            dispatcher()->wakeUp(); // the turn that delivers this would wait then
+            dispatcher()->wakeUp(); // otherwise the turn that delivers this event would then wait
         });
         QVERIFY(ended.tryAcquire(1, HangGuardMs));
     }
 }
 
-// The most delicate moment: the thread has found nothing to do after an interval, and is about to
-// rest, while wake-ups are still deferred.
+// The critical moment: after an interval the thread has found nothing to do. It is about to rest,
+// but wake-ups are still deferred.
 void tst_WakeUpModeration::noWakeUpIsLostBeforeAWait()
 {
     constexpr int Rounds = 20;
     std::atomic<int> posted{0};
     std::atomic<int> handled{0};
-    int waits = 0; // since it was woken from its rest, the first one moderated; the thread's
+    int waits = 0; // since the thread was woken, the first one moderated; the thread's only
     LoopThread thread(5ms, [&](QObject *context) {
         connect(dispatcher(), &QAbstractEventDispatcher::aboutToBlock, context, [&, context] {
             ++waits;
             if (waits == 2)
-                dispatcher()->wakeUp(); // a turn without the kernel: the next one will ask it
+                dispatcher()->wakeUp(); // ends this turn; the next turn will ask the kernel
             if (waits != 3)
                 return;
             std::thread([&] {
@@ -393,7 +394,7 @@ void tst_WakeUpModeration::noWakeUpIsLostBeforeAWait()
     QVERIFY(posted >= Rounds);
 }
 
-// Fixed seeds. The pauses are about as long as the interval, so that events meet all its moments.
+// Has fixed seeds. The pauses are about as long as the interval, so events come at any time in it.
 void tst_WakeUpModeration::bursts()
 {
     constexpr unsigned Posters = 4;

@@ -20,7 +20,7 @@
 
 namespace inputhosttest {
 
-// Reasons are the system's, in the user's language.
+// The system's text for a missing file, in the user's language.
 inline QByteArray noSuchFile()
 {
     return qt_error_string(ENOENT).toLocal8Bit();
@@ -31,7 +31,7 @@ inline QStringList words(const char *text)
     return QString::fromLatin1(text).split(QLatin1Char(' '), Qt::SkipEmptyParts);
 }
 
-//! The program, with the address and port of this test, unless it is given others.
+//! The program inputhost. It listens on this test's address and port, unless told otherwise.
 class Host
 {
 public:
@@ -45,7 +45,7 @@ public:
     }
     Q_DISABLE_COPY_MOVE(Host)
 
-    // With the plugin and nothing else.
+    // Starts the program with --plugin and these arguments.
     void run(const QStringList &arguments)
     {
         QStringList all = {QStringLiteral("--plugin"), QStringLiteral(PLUGIN_FILE)};
@@ -59,7 +59,7 @@ public:
         QVERIFY2(process.waitForStarted(HangGuardMs), qPrintable(process.errorString()));
     }
 
-    // Until it listens.
+    // Starts the program and returns when it listens.
     void start(const QStringList &arguments = {})
     {
         run(listenArguments() + arguments);
@@ -78,7 +78,7 @@ public:
     }
     bool isRunning() const { return process.state() != QProcess::NotRunning; }
 
-    // Its exit code; -1 if it crashed or was killed.
+    // The exit code. -1 if the program crashed or was killed, -2 if it has not ended in time.
     int finish()
     {
         if (isRunning() && !process.waitForFinished(HangGuardMs))
@@ -91,7 +91,7 @@ public:
         return finish();
     }
 
-    // The last counters line. Asks for the next one.
+    // The last counters line so far. Also asks the program for the next one.
     QByteArray counters()
     {
         signal(SIGUSR1);
@@ -99,7 +99,7 @@ public:
         return err.mid(begin, err.indexOf('\n', begin) - begin);
     }
 
-    // All since the start.
+    // All output since the start.
     QByteArray output()
     {
         out += process.readAllStandardOutput();
@@ -168,7 +168,7 @@ inline bool canConnect(quint16 port)
     return socket.waitForConnected(HangGuardMs);
 }
 
-// The program with a configuration of the test's own.
+// Tests that run the program with their own configuration files.
 class InputHostTest : public QObject
 {
 protected:

@@ -30,7 +30,7 @@ inline shared_parsedData offer(const QByteArray &bytes, const QString &client = 
     return record;
 }
 
-// An offer of a connection, from its byte number offset on.
+// An offer whose first byte has the position offset in its connection.
 inline shared_parsedData stamped(quint64 connection, quint64 offset, const QByteArray &bytes)
 {
     shared_parsedData record = offer(bytes);
@@ -39,7 +39,7 @@ inline shared_parsedData stamped(quint64 connection, quint64 offset, const QByte
     return record;
 }
 
-// The last record of a connection that has received offset bytes.
+// The record of the end of a connection that has received offset bytes.
 inline shared_parsedData endOf(quint64 connection, quint64 offset)
 {
     shared_parsedData record = stamped(connection, offset, {});
@@ -47,13 +47,13 @@ inline shared_parsedData endOf(quint64 connection, quint64 offset)
     return record;
 }
 
-// Every offer is read at once.
+// A pace without limits: each offer is read completely at once.
 inline Pace unhurried()
 {
     return {{}, std::chrono::hours(1)};
 }
 
-// A reader that writes into a pipe.
+// Tests of a MessageReader that writes into a pipe.
 class MessageReaderTest : public QObject
 {
 protected:

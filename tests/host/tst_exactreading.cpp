@@ -69,7 +69,7 @@ void tst_ExactReading::countsStampedConnectionsOnce()
     from(QStringLiteral("y"), 2, 5, "a\nb\n");
     from(QStringLiteral("y"), 2, 9, "c\n");
     QCOMPARE(counters->connections(), 2);
-    from(QStringLiteral("y"), 3, 0, "a\n"); // has the same id, and counts as the same
+    from(QStringLiteral("y"), 3, 0, "a\n"); // another connection with an equal id: not counted
     QCOMPARE(counters->connections(), 2);
     from(QStringLiteral("z"), 4, 0, "a\n");
     QCOMPARE(counters->connections(), 3);
@@ -83,13 +83,13 @@ void tst_ExactReading::stampedOffersAreTakenOnce()
     QCOMPARE(discards(), QList<int>{5});
     QCOMPARE(reader->rememberedConnections(), 1);
 
-    reader->receive(stamped(1, 0, "a\nb\nc")); // not cut yet
-    reader->receive(stamped(1, 0, "a\nb\nc\na\nb\n")); // and the same bytes sent again
+    reader->receive(stamped(1, 0, "a\nb\nc")); // made before the cut
+    reader->receive(stamped(1, 0, "a\nb\nc\na\nb\n")); // a repeat, then equal messages sent again
     QCOMPARE(written(), QByteArray("c\na\nb\n"));
     QCOMPARE(discards(), QList<int>({5, 10}));
-    QCOMPARE(reader->rememberedConnections(), 0); // nothing is left of it
+    QCOMPARE(reader->rememberedConnections(), 0); // all of its bytes are consumed
 
-    reader->receive(stamped(1, 4, "c\na\nb\n")); // the last offer, half cut
+    reader->receive(stamped(1, 4, "c\na\nb\n")); // the last offer, made between the two cuts
     QCOMPARE(written(), QByteArray());
     QCOMPARE(discards().size(), 2);
     reader->receive(stamped(1, 10, "a\n"));
@@ -97,7 +97,7 @@ void tst_ExactReading::stampedOffersAreTakenOnce()
     QCOMPARE(discards().last(), 2);
 }
 
-// The plugin's buffer stays small, and so do the next offers.
+// The reader also discards unfinished messages. So the plugin's buffer and later offers stay small.
 void tst_ExactReading::consumesWhatIsUnfinished()
 {
     QSignalSpy spy(reader.get(), &MessageReader::answered);
@@ -147,7 +147,7 @@ void tst_ExactReading::pieces_data()
 {
     QTest::addColumn<Framing>("framing");
     QTest::addColumn<QByteArray>("bytes");
-    QTest::addColumn<QByteArray>("expected"); // in the raw format
+    QTest::addColumn<QByteArray>("expected"); // output in the raw format
     const QByteArray lines = "a\r\n\r\n\nabcdefgh\nabcdefgh\r\nabcdefghi\nxyz\n";
     QTest::newRow("lines") << Framing::Lines << lines
                            << QByteArray("a\n\n\nabcdefgh\nabcdefgh\nxyz\n");
@@ -156,13 +156,13 @@ void tst_ExactReading::pieces_data()
                             << QByteArray("\0\0\0\1a\0\0\0\0\0\0\0\3xyz", 16);
 }
 
-// However the bytes are cut into offers, the messages are the same.
+// The messages do not depend on how the bytes are divided into offers.
 void tst_ExactReading::pieces()
 {
     QFETCH(Framing, framing);
     QFETCH(QByteArray, bytes);
     QFETCH(QByteArray, expected);
-    const MessageCapture capture; // warnings that something is too long
+    const MessageCapture capture; // takes the warnings of messages that are too long
     for (qsizetype size = 1; size <= bytes.size(); ++size) {
         make({framing, 8});
         for (qsizetype begin = 0; begin < bytes.size(); begin += size)
@@ -173,7 +173,7 @@ void tst_ExactReading::pieces()
     }
 }
 
-// A device that uses its port again has the same client id, and nothing to do with the one before.
+// A device that reuses its port gets the same client id. But it is a new connection.
 void tst_ExactReading::stampedConnectionsShareAnId()
 {
     make({});
@@ -183,31 +183,31 @@ void tst_ExactReading::stampedConnectionsShareAnId()
     QCOMPARE(discards(), QList<int>({5, 5}));
 }
 
-// A large offer must not stay in memory for the sake of the few bytes behind its last message.
+// Of a large offer, only the few bytes behind its last message stay in memory.
 void tst_ExactReading::keepsNoMoreThanTheTailOfAStampedOffer()
 {
-    make({}, OutputFormat::None); // nobody reads the pipe, which would be full
+    make({}, OutputFormat::None); // nobody reads the pipe, so output would fill it
     QByteArray bytes = QByteArray(1 << 20, 'x') + "\nhalf";
     shared_parsedData record = stamped(1, 0, bytes);
     reader->receive(record);
     record.clear();
     QCOMPARE(reader->rememberedConnections(), 1);
-    QVERIFY(bytes.isDetached()); // nobody else holds them
+    QVERIFY(bytes.isDetached()); // the reader holds no reference
 }
 
-// Whoever reads the output decides how long offers wait. A repeat among them is one all the same.
+// If nobody reads the output, offers wait for any time. A repeat must still be found among them.
 void tst_ExactReading::heldUpHostForgetsNoStampedConnection()
 {
     constexpr std::chrono::milliseconds age(1);
     reader = std::make_unique<MessageReader>(FrameFormat(), *output, *counters,
                                              ExactOffers::Limits{age, 10}, unhurried());
     reader->receive(stamped(1, 0, "a\n"));
-    QTest::qSleep(2 * static_cast<int>(age.count())); // no synchronisation: this is the hold-up
+    QTest::qSleep(2 * static_cast<int>(age.count())); // not for synchronising: this is the delay
     reader->receive(stamped(1, 0, "a\n"));
     QCOMPARE(written(), QByteArray("a\n"));
 }
 
-// A repeat is not answered, nor is what has an answer already.
+// The reader answers no repeat, and nothing that it has already answered.
 void tst_ExactReading::asksForNothing()
 {
     reader->receive(stamped(1, 0, "half"));
@@ -217,7 +217,7 @@ void tst_ExactReading::asksForNothing()
     QCOMPARE(discards(), QList<int>({4}));
 }
 
-// Their ends are not told.
+// Here the plugin does not report the ends of connections.
 void tst_ExactReading::forgetsSilentConnections()
 {
     make({}, OutputFormat::Json);
@@ -232,7 +232,7 @@ void tst_ExactReading::forgetsSilentConnections()
     QCOMPARE(reader->rememberedConnections(), 0);
 }
 
-// No copy of all that came before, and no search through it.
+// A new byte causes no copy of the bytes before it, and no search through them.
 void tst_ExactReading::bytesOfALongTailCostNoMore()
 {
     constexpr int pieces = 2000;
@@ -262,7 +262,7 @@ void tst_ExactReading::endGivesUpWhatIsUnfinished()
     QCOMPARE(text.count('\n'), 1);
     QVERIFY2(text.endsWith("\"bytes\":4,\"text\":\"half\",\"partial\":true}\n"), text.constData());
     QCOMPARE(counters->partial, 1);
-    QCOMPARE(counters->offers, 1); // the end is none
+    QCOMPARE(counters->offers, 1); // the end is no offer
     QCOMPARE(counters->connections(), 1);
     QCOMPARE(discards(), QList<int>({6}));
     QCOMPARE(reader->rememberedConnections(), 0);
@@ -272,7 +272,7 @@ void tst_ExactReading::endEndsASkippedMessage()
 {
     make({Framing::Lines, 3});
     reader->setEndsTold(true);
-    const MessageCapture capture; // a warning that it is too long
+    const MessageCapture capture; // takes the warning of a message that is too long
     reader->receive(stamped(1, 0, "12345"));
     QCOMPARE(reader->rememberedConnections(), 1);
     reader->receive(endOf(1, 5));
@@ -291,12 +291,12 @@ void tst_ExactReading::remembersTheOpenOnes()
         reader->receive(endOf(n, 1));
         QCOMPARE(reader->rememberedConnections(), qsizetype(connections - n));
     }
-    reader->receive(endOf(connections + 1, 0)); // has never sent anything
+    reader->receive(endOf(connections + 1, 0)); // a connection that has sent nothing
     QCOMPARE(reader->rememberedConnections(), 0);
-    QCOMPARE(counters->connections(), 1); // they share an id
+    QCOMPARE(counters->connections(), 1); // all of them have the same id
 }
 
-// Neither by their age nor by their number.
+// Open connections are forgotten neither for their age nor for their number.
 void tst_ExactReading::forgetsNoOpenOneByAge()
 {
     reader = std::make_unique<MessageReader>(FrameFormat(), *output, *counters,
@@ -306,7 +306,7 @@ void tst_ExactReading::forgetsNoOpenOneByAge()
     reader->setIdleTimeout(0);
     reader->receive(stamped(1, 0, "a\nhalf"));
     reader->receive(stamped(2, 0, "b\n"));
-    // Without ends, the first one would be forgotten when this is.
+    // This reader expects no ends. When it forgets, the first one would also have forgotten.
     MessageReader other({}, *output, *counters, ExactOffers::Limits(), unhurried());
     other.setIdleTimeout(0);
     other.receive(stamped(3, 0, "half"));

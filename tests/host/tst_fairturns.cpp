@@ -24,7 +24,7 @@ QByteArray lines(char name, int count)
 
 } // namespace
 
-// One connection must not hold the thread.
+// One connection must not occupy the thread.
 class tst_FairTurns : public MessageReaderTest
 {
     Q_OBJECT
@@ -64,7 +64,7 @@ void tst_FairTurns::connectionsTakeTurns()
     reader->receive(stamped(2, 0, lines('b', 5)));
     reader->receive(stamped(3, 0, lines('c', 1)));
     QCOMPARE(written(), QByteArray("a0\na1\nb0\nb1\nc0\n"));
-    QCOMPARE(discards(), QList<int>({3})); // an offer is answered when it is read
+    QCOMPARE(discards(), QList<int>({3})); // an offer is answered only when all of it is read
 
     QTRY_COMPARE(counters->messages, 11);
 
@@ -84,7 +84,7 @@ void tst_FairTurns::largeMessagesTakeTurns()
 
 void tst_FairTurns::eventsComeInBetween()
 {
-    makeTwoMessagesAGo(std::chrono::nanoseconds(1)); // one go a turn
+    makeTwoMessagesAGo(std::chrono::nanoseconds(1)); // one go in each turn of the event loop
     reader->receive(stamped(1, 0, lines('a', 20)));
     QList<qint64> seen;
     QTimer timer;
@@ -96,7 +96,7 @@ void tst_FairTurns::eventsComeInBetween()
     QCOMPARE(seen.mid(0, 8), QList<qint64>({4, 6, 8, 10, 12, 14, 16, 18}));
 }
 
-// What comes in one turn of the event loop is not read without end, either.
+// The reading time in one turn of the event loop is limited, even if many offers come in it.
 void tst_FairTurns::timeOfATurnIsLimited()
 {
     makeTwoMessagesAGo(std::chrono::nanoseconds(1));
@@ -112,14 +112,15 @@ void tst_FairTurns::timeOfATurnIsLimited()
     QCOMPARE(turns, 9);
 }
 
-// It has all that is not consumed, and the one before is dropped: memory holds one offer.
+// A later offer contains all unconsumed bytes. So it replaces the earlier one, and memory holds
+// only one offer of a connection.
 void tst_FairTurns::laterOfferTakesTheTurn()
 {
     makeTwoMessagesAGo();
     QByteArray bytes = lines('a', 5);
     shared_parsedData first = stamped(1, 0, bytes);
     reader->receive(first);
-    reader->receive(stamped(1, 3, lines('a', 7).mid(3))); // the first message is cut
+    reader->receive(stamped(1, 3, lines('a', 7).mid(3))); // made after the first message was cut
     first.clear();
     QVERIFY(bytes.isDetached());
     QTRY_COMPARE(counters->messages, 7);
@@ -140,14 +141,14 @@ void tst_FairTurns::endWaitsForTheRest()
     QCOMPARE(reader->rememberedConnections(), 0);
 }
 
-// So a device that is held back, since the plugin's buffer is full, can go on sending.
+// If the plugin's buffer is full, the device has to wait. Early answers let it go on sending.
 void tst_FairTurns::longOfferIsAnsweredInBetween()
 {
     make({}, OutputFormat::None, {});
     constexpr int length = 1000 * 1000;
     reader->receive(stamped(1, 0, QByteArray(length, '\n')));
     QTRY_COMPARE_WITH_TIMEOUT(counters->messages, length, HangGuardMs);
-    QCOMPARE(discards().size(), 3); // half, a quarter, and the rest, which is less than 256 KiB
+    QCOMPARE(discards().size(), 3); // a half, a quarter, and the rest of less than 256 KiB
     QCOMPARE(discards().last(), length);
     QVERIFY(std::is_sorted(discarded.begin(), discarded.end()));
 }

@@ -20,7 +20,7 @@ QByteArray counted(const QByteArray &message)
     return prefix + message;
 }
 
-//! A connection as the host sees it: bytes come, whole messages are taken from the front.
+//! A connection as the host sees it: bytes arrive, and whole messages are taken from the front.
 class Stream
 {
 public:
@@ -43,7 +43,7 @@ public:
     QByteArrayList messages; // TooLong stands for a message that is skipped
     QByteArray buffer;
     FrameState state;
-    qsizetype most = 0; // bytes that waited at a time
+    qsizetype most = 0; // largest number of waiting bytes
 
 private:
     void take(const Frame &frame)
@@ -160,7 +160,7 @@ void tst_Framing::anySplitGivesTheSame()
     QFETCH(QByteArray, bytes);
     QFETCH(QByteArray, rest);
 
-    // Bit n of the mask: a segment ends behind byte n.
+    // If bit n of the mask is set, a segment ends after byte n.
     const auto masks = quint32(1) << qMin<qsizetype>(bytes.size(), 12);
     for (quint32 mask = 0; mask < masks; ++mask) {
         Stream stream({framing, maxMessage});
@@ -176,14 +176,15 @@ void tst_Framing::anySplitGivesTheSame()
     }
 }
 
-// A long line that comes in many offers would otherwise cost the square of its length.
+// Otherwise a long line in many offers would cost time in proportion to the square of its length.
 void tst_Framing::doesNotSearchTwice()
 {
     const FrameFormat format;
     FrameState state;
     QCOMPARE(takeFrame("abc", format, state).kind, Frame::Incomplete);
 
-    // Not what a stream does: it shows that the first three bytes are not looked at again.
+    // A real stream does not change its bytes. The change shows that the first three are not
+    // searched again.
     const Frame frame = takeFrame("\n\n\nd\n", format, state);
     QCOMPARE(frame.message.toByteArray(), QByteArray("\n\n\nd"));
 }
@@ -264,7 +265,7 @@ void tst_Framing::anyBytes()
             if (QTest::currentTestFailed())
                 return;
         }
-        // Nothing that waits is longer than a message can be.
+        // The waiting bytes are never more than the longest message.
         QVERIFY(stream.buffer.size() <= 45);
         if (framing == Framing::None)
             QCOMPARE(stream.messages.join().size(), received);

@@ -141,7 +141,7 @@ void tst_HostOptions::settingsKeepTheirOrder()
 
 void tst_HostOptions::refused_data()
 {
-    QTest::addColumn<QString>("named"); // by the complaint
+    QTest::addColumn<QString>("named"); // text that the error must contain
 
     QTest::newRow("--nonsense") << "nonsense";
     QTest::newRow("surplus") << "surplus";
@@ -170,7 +170,7 @@ void tst_HostOptions::refused_data()
     QTest::newRow("--status-every x") << "--status-every: 'x'";
     QTest::newRow("--status-every=") << "--status-every: ''";
     QTest::newRow("--exit-after 0") << "--exit-after: '0'";
-    QTest::newRow("--exit-after x --output x") << "--output: 'x'"; // the first one read
+    QTest::newRow("--exit-after x --output x") << "--output: 'x'"; // the option that is read first
 }
 
 void tst_HostOptions::refused()
@@ -186,7 +186,7 @@ void tst_HostOptions::limits()
     QCOMPARE(parse(words("--max-message 1")).options.format.maxMessage, 1);
     QCOMPARE(parse(words("--max-message 1073741823")).options.format.maxMessage, 1073741823);
     QCOMPARE(parse(words("--max-message 1073741824")).outcome, CommandLine::Refuse);
-    // A message of the full length fits, unless the operator says otherwise.
+    // By default, a message of the maximum length fits into the limit of unfinished bytes.
     QCOMPARE(parse(words("--max-message 100000000")).options.maxUnfinished, 100000000);
     QCOMPARE(parse(words("--max-message 9 --max-unfinished 1")).options.maxUnfinished, 1);
     QCOMPARE(parse(words("--status-every 2147483")).options.statusEverySeconds, 2147483);

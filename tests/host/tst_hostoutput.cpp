@@ -50,7 +50,7 @@ public:
             ::close(std::exchange(ends[0], -1));
     }
 
-    // What is there now.
+    // The bytes that are there now.
     QByteArray read() const
     {
         QByteArray result;
@@ -147,7 +147,7 @@ void tst_HostOutput::jsonContent()
     QVERIFY(!object.contains(QStringLiteral("partial")));
 }
 
-// Qt's own reader drops it, so look at the bytes.
+// Qt's JSON reader drops a byte order mark, so compare the bytes.
 void tst_HostOutput::jsonKeepsByteOrderMark()
 {
     Pipe pipe;
@@ -236,7 +236,7 @@ void tst_HostOutput::countOnlyWhereAsked()
     }
 }
 
-// One call of the system for what one pass of the event loop brings, and that at once.
+// The messages of one turn of the event loop are written with one system call, without delay.
 void tst_HostOutput::batch()
 {
     Pipe pipe;
@@ -265,7 +265,7 @@ void tst_HostOutput::largeBatch()
     QCOMPARE(early.size() + pipe.read().size(), 100000);
 }
 
-// The pipe is non-blocking and small: the output waits, and nothing is lost.
+// The pipe is non-blocking and small. So the output has to wait, and it loses nothing.
 void tst_HostOutput::slowReader()
 {
     Pipe pipe;

@@ -8,7 +8,7 @@
 
 using namespace host;
 
-//! What the host reads from the plugin's status text, and its own counters line.
+//! What the host reads in the plugin's status text, and the host's own counters line.
 class tst_HostTexts : public QObject
 {
     Q_OBJECT
@@ -88,7 +88,7 @@ void tst_HostTexts::connectionsTakeBoundedMemory()
     for (int n = 0; n < 1000001; ++n)
         counters.addConnection(QString::number(n));
     QCOMPARE(counters.connections(), 1000001);
-    // The first one is forgotten meanwhile.
+    // The first id has been forgotten, so it counts again.
     counters.addConnection(u"0");
     QCOMPARE(counters.connections(), 1000002);
 }

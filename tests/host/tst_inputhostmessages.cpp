@@ -27,7 +27,7 @@ QByteArray counted(const QByteArray &message)
 
 } // namespace
 
-// The messages that it prints.
+// The messages that the program prints.
 class tst_InputHostMessages : public InputHostTest
 {
     Q_OBJECT
@@ -118,7 +118,7 @@ void tst_InputHostMessages::configuration_data()
     QTest::newRow("standard input") << true;
 }
 
-// The port of the file is overridden by the one that is set.
+// The option --set overrides the port in the file.
 void tst_InputHostMessages::configuration()
 {
     QFETCH(bool, input);
@@ -201,7 +201,7 @@ void tst_InputHostMessages::noOutput()
     QVERIFY(host.log().contains("messages 1 bytes 1 connections 1"));
 }
 
-// Each message is there before the next one is sent.
+// The device sends a message only when the one before is printed.
 void tst_InputHostMessages::messagesComeAtOnce()
 {
     Host host;
@@ -222,8 +222,8 @@ void tst_InputHostMessages::messageInTwoPieces_data()
     QTest::newRow("a single byte last") << 40 << 0;
 }
 
-// The device stays connected and silent. The second piece comes within the 200 ms, as a rule:
-// nothing but "prompt" makes the plugin offer it.
+// The device stays connected, and sends nothing after the second piece. That piece usually arrives
+// within 200 ms of the first offer. Then only the key "prompt" makes the plugin offer it.
 void tst_InputHostMessages::messageInTwoPieces()
 {
     QFETCH(int, first);
@@ -241,10 +241,10 @@ void tst_InputHostMessages::messageInTwoPieces()
              QStringList(QString(first, QLatin1Char('x')) + QString(second, QLatin1Char('y'))));
     QCOMPARE(device.socket.state(), QAbstractSocket::ConnectedState);
     QCOMPARE(host.stop(), int(ExitOk));
-    QVERIFY2(host.log().contains(" offers 2\n"), host.log().constData()); // it was not asked for
+    QVERIFY2(host.log().contains(" offers 2\n"), host.log().constData()); // the host asked for none
 }
 
-// Offered when it is read, and once more when the connection ends.
+// The plugin offers the message when it is read, and may offer it again at the connection's end.
 void tst_InputHostMessages::sendAndCloseAtOnce()
 {
     constexpr int devices = 200;
@@ -266,7 +266,7 @@ void tst_InputHostMessages::sendAndCloseAtOnce()
     QCOMPARE(texts, expected);
 }
 
-// The simplest device there is: one line each, and not one more.
+// The simplest device: each sends one line, and exactly these lines are printed.
 void tst_InputHostMessages::netcat()
 {
     constexpr int devices = 50;
@@ -295,7 +295,7 @@ void tst_InputHostMessages::maxMessage()
     QTRY_VERIFY_WITH_TIMEOUT(host.log().contains("Message of more than 10 bytes skipped"),
                              HangGuardMs);
     device.send(QByteArray(100000, 'x') + "\n0123456789\n01234567890\nend\n");
-    // Less than the plugin offers again by itself may be left in it: the last offer brings it.
+    // The rest may be too short for an offer. Then the last offer contains it.
     device.close();
     QTRY_COMPARE_WITH_TIMEOUT(host.texts().value(1), QStringLiteral("end"), HangGuardMs);
     QCOMPARE(host.texts(), QStringList({QStringLiteral("0123456789"), QStringLiteral("end")}));
@@ -304,7 +304,8 @@ void tst_InputHostMessages::maxMessage()
     QCOMPARE(host.log().count("Message of more than 10 bytes skipped"), 2);
 }
 
-// Printed while the device is still connected, and the next message is whole again.
+// The unfinished message is printed while the device is still connected. The next message is
+// complete.
 void tst_InputHostMessages::maxUnfinished()
 {
     Host host;

@@ -16,7 +16,7 @@
 using namespace host;
 using namespace inputhosttest;
 
-// SIGHUP: a new configuration.
+// SIGHUP makes the program read its configuration again.
 class tst_InputHostReload : public InputHostTest
 {
     Q_OBJECT
@@ -32,7 +32,7 @@ private Q_SLOTS:
     void standardInputIsReadOnce();
 };
 
-// From one port to another and back.
+// The port changes, and then changes back.
 void tst_InputHostReload::reload()
 {
     Host host;
@@ -54,7 +54,7 @@ void tst_InputHostReload::reload()
     QCOMPARE(host.stop(), int(ExitOk));
     QCOMPARE(host.lines().size(), 3);
     QVERIFY(host.log().contains("\nmessages 3 bytes 3 connections 3 "));
-    // A plugin that is started twice hands over each connection twice, and warns.
+    // A plugin that was started twice hands over each connection twice, and logs a warning.
     QVERIFY2(!host.log().contains("warning: "), host.log().constData());
 }
 
@@ -84,7 +84,7 @@ void tst_InputHostReload::reloadWithBadConfiguration_data()
     QTest::newRow("missing") << QByteArray() << ": " + noSuchFile();
 }
 
-// The plugin goes on, with its connections.
+// The old plugin continues, with its connections.
 void tst_InputHostReload::reloadWithBadConfiguration()
 {
     QFETCH(QByteArray, content);
@@ -145,13 +145,13 @@ void tst_InputHostReload::reloadThatDoesNotStart()
     QCOMPARE(host.stop(), int(ExitOk));
 }
 
-// The old configuration is no good any more, either.
+// The new configuration is refused. The old one no longer works, either.
 void tst_InputHostReload::reloadWithNothingToGoBackTo()
 {
     const QString certificates = folder.filePath(QStringLiteral("ca.pem"));
     QFile file(certificates);
     QVERIFY(file.open(QIODevice::WriteOnly));
-    // An empty file is no certificate: refused, unless told otherwise.
+    // An empty file is no certificate. It is refused, unless "strict" is false.
     const QByteArray ssl = R"(, "strict": false, "ssl": {"CAFile": ")" + certificates.toUtf8();
     Host host;
     host.run({QStringLiteral("--config"), writeConfig(listenConfig(host.port, ssl + "\"}"))});

@@ -20,7 +20,7 @@ using namespace inputhosttest;
 
 namespace {
 
-//! A small pipe that a program gets for one of its streams. Nobody reads it unless told to.
+//! A small pipe in place of one of a program's standard streams. Only read() reads it.
 class Pipe
 {
 public:
@@ -50,7 +50,7 @@ public:
         pollfd request = {ends[1], POLLOUT, 0};
         return ::poll(&request, 1, 0) == 0;
     }
-    // What is there now; if it is less than that, waits for more.
+    // The bytes that are there now. If they are fewer than atLeast, waits for more.
     QByteArray read(qsizetype atLeast = 0) const
     {
         QByteArray result;
@@ -71,7 +71,7 @@ private:
 
 } // namespace
 
-// Readers that stand still.
+// Nobody reads the program's output or its log.
 class tst_InputHostStalls : public QObject
 {
     Q_OBJECT
@@ -111,10 +111,10 @@ void tst_InputHostStalls::outputThatIsNotRead()
     QCOMPARE(host.stop(), int(ExitOk));
 }
 
-// Nearly all lines come from worker threads. None of them waits, nor does the main thread.
+// Nearly all lines come from worker threads. Neither they nor the main thread wait for a reader.
 void tst_InputHostStalls::logThatIsNotRead()
 {
-    constexpr int devices = 300; // some 1000 bytes of lines each
+    constexpr int devices = 300; // each causes about 1000 bytes of lines
     Pipe pipe;
     Host host;
     pipe.giveTo(host, STDERR_FILENO);
@@ -157,11 +157,12 @@ void tst_InputHostStalls::endOfALogThatIsNotRead()
     QCOMPARE(host.lines().size(), 1);
 }
 
-// Millions of messages have come when a good device sends one. They are not all printed before it.
+// Millions of messages have arrived before a good device sends one. The program must not print all
+// of them first.
 void tst_InputHostStalls::oneDeviceHoldsNobodyUp()
 {
     constexpr qsizetype messages = 3000000;
-    Pipe pipe; // as long as it is not read, nothing goes on
+    Pipe pipe; // until it is read, the program prints no more
     Host host;
     pipe.giveTo(host, STDOUT_FILENO);
     host.start(words("--output raw --log-level debug"));

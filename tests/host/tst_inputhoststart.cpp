@@ -23,7 +23,7 @@
 using namespace host;
 using namespace inputhosttest;
 
-// What the program does at its start, and why it may refuse to start.
+// The start of the program, and the errors that prevent it.
 class tst_InputHostStart : public InputHostTest
 {
     Q_OBJECT
@@ -190,8 +190,8 @@ void tst_InputHostStart::portTakenMeanwhile_data()
     QTest::newRow("tls") << QStringLiteral("ssl={}");
 }
 
-// By another instance that was started at the same moment: both could bind the port, and the other
-// one listened first. The kernel plays it here, by a filter that the program inherits.
+// Two instances start at the same moment. Both bind the port, and the other one listens first. Here
+// a system call filter, which the program inherits, makes its listen() fail.
 void tst_InputHostStart::portTakenMeanwhile()
 {
     QFETCH(QString, tls);

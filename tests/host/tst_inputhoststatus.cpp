@@ -15,7 +15,7 @@
 using namespace host;
 using namespace inputhosttest;
 
-// What an operator can see of it.
+// What an operator can see of the program: status, counters and log levels.
 class tst_InputHostStatus : public QObject
 {
     Q_OBJECT
@@ -40,7 +40,7 @@ void tst_InputHostStatus::status()
     const QByteArray port = QByteArray::number(host.port);
     const QByteArray peer = device.socket.localAddress().toString().toLatin1() + ':'
             + QByteArray::number(device.socket.localPort());
-    // Made of lines that end as everywhere else on standard error.
+    // The status text has "\r\n". On standard error its lines end with "\n", as all others do.
     const QByteArray expected = "messages 1 bytes 1 connections 1 partial 0 too-long 1 offers 1\n"
                                 "Listen: "
             + address + ':' + port + ", timeout: 99s, pool size: 2\n   tcp2:" + address + ':' + port
@@ -76,15 +76,15 @@ void tst_InputHostStatus::logLevels()
         const bool isWarning = qstrcmp(level, "warning") == 0;
         QCOMPARE(log.contains("debug: "), isDebug);
         QCOMPARE(log.contains("info: "), !isWarning);
-        // The end can come before a worker takes the connection that asked whether there is a
-        // server.
+        // canConnect() has made a connection. The program may end before a worker takes it: then
+        // there is one more warning.
         const auto droppedAtStop = log.count("Creating receiving socket failed");
         QVERIFY2(log.count("warning: ") - droppedAtStop == 1, log.constData());
         QCOMPARE(host.lines().size(), 1);
     }
 }
 
-// The plugin asks every ten seconds, and reports its threads to a host that wants debug lines.
+// The plugin asks for the log level every ten seconds. If the level is debug, it logs its threads.
 void tst_InputHostStatus::answersTheLogLevelQuery()
 {
     Host quiet;

@@ -29,7 +29,7 @@ QByteArray cannotWrite(int error)
 
 } // namespace
 
-// Its end: by a signal, or since nobody takes what it prints.
+// The end of the program: by a signal, or because its output cannot be written.
 class tst_InputHostStopping : public QObject
 {
     Q_OBJECT
@@ -63,14 +63,14 @@ void tst_InputHostStopping::stopPrintsWhatIsStillComing()
     Device device(host);
     device.send("a\n");
     QTRY_COMPARE_WITH_TIMEOUT(host.lines().size(), 1, HangGuardMs);
-    // As a rule too early to be offered before the stop.
+    // As a rule it comes too soon after the first offer, so it is offered only at the stop.
     device.send("b\n");
     QCOMPARE(host.stop(signal), int(ExitOk));
     QCOMPARE(host.texts(), QStringList({QStringLiteral("a"), QStringLiteral("b")}));
     QVERIFY2(host.log().contains("\nmessages 2 bytes 2 connections 1 "), host.log().constData());
 }
 
-// Each of them has sent something that was not offered yet.
+// Each device has sent bytes that were not offered yet.
 void tst_InputHostStopping::stopWithManyDevices()
 {
     constexpr int devices = 300;
@@ -121,7 +121,8 @@ void tst_InputHostStopping::partialOfAClosedConnection_data()
             << words("--set ends=false --set offsets=false --set timeout=1");
 }
 
-// If its end is told, at once: after the idle time-out, this would wait for too long.
+// If the plugin reports the end, the partial message is printed at once. Waiting for the idle
+// time-out would take too long for this test.
 void tst_InputHostStopping::partialOfAClosedConnection()
 {
     QFETCH(QStringList, arguments);
@@ -139,7 +140,7 @@ void tst_InputHostStopping::partialOfAClosedConnection()
     QCOMPARE(host.lines().size(), 1);
 }
 
-// Nobody reads what it writes, so it cannot stop as it should.
+// Nobody reads the program's output, so it cannot stop in the normal way.
 void tst_InputHostStopping::secondSignalEndsABlockedProgram()
 {
     int ends[2] = {-1, -1};
@@ -161,7 +162,7 @@ void tst_InputHostStopping::secondSignalEndsABlockedProgram()
         return ::poll(&request, 1, 0) == 0;
     };
     QTRY_VERIFY_WITH_TIMEOUT(isFull(), HangGuardMs);
-    // Signals of one kind merge while one waits, so send until it works.
+    // Equal pending signals merge into one, so send until the program has ended.
     const auto isGone = [&host] {
         host.signal(SIGTERM);
         return !host.isRunning();
@@ -186,7 +187,7 @@ void tst_InputHostStopping::closedPipe()
     QVERIFY2(host.log().contains(cannotWrite(EPIPE)), host.log().constData());
 }
 
-// Its number must not come to stand for a socket.
+// A socket must not get the descriptor number of the closed standard output.
 void tst_InputHostStopping::closedOutput()
 {
     Host host;

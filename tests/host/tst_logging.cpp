@@ -21,7 +21,7 @@ using namespace host;
 
 namespace {
 
-//! A pipe in place of standard error, whose writing end blocks as usual.
+//! A pipe in place of standard error. Its writing end blocks, as usual.
 class Pipe
 {
 public:
@@ -44,7 +44,7 @@ public:
         if (ends[0] >= 0)
             ::close(std::exchange(ends[0], -1));
     }
-    // Reads until the text ends so. What was read before is part of it.
+    // Reads until the text has this end. The text includes all that was read before.
     QByteArray readUntil(const QByteArray &end)
     {
         const QDeadlineTimer guard(HangGuardMs);
@@ -99,7 +99,7 @@ void tst_Logging::linesAreWrittenAtOnce()
     QVERIFY(stream.finish());
 }
 
-// Far more than the pipe takes. The backlog is written when somebody reads, in order.
+// The lines are far more than the pipe can hold. They are written, in order, when somebody reads.
 void tst_Logging::nobodyWaitsForAReader()
 {
     constexpr int lines = 5000; // 500 KB
@@ -141,10 +141,10 @@ void tst_Logging::countTakesThePlaceOfDroppedLines()
     QCOMPARE(text.count('\n'), lines - dropped + 1);
     stream.write("after\n");
     QVERIFY(pipe.readUntil("after\n").endsWith("not read\nafter\n"));
-    QVERIFY(stream.finish()); // its thread may be behind the last byte
+    QVERIFY(stream.finish()); // waits for its thread
 }
 
-// A status text of thousands of connections.
+// For example the status text of thousands of connections.
 void tst_Logging::longTextIsNotCut()
 {
     Pipe pipe;
@@ -195,7 +195,7 @@ void tst_Logging::endDoesNotWaitForNobody()
     LogStream stream(pipe.writer());
     stream.write(QByteArray(100000, 'x') + '\n');
     QVERIFY(!stream.finish());
-    pipe.readUntil("\n"); // or its thread would outlive the stream
+    pipe.readUntil("\n"); // otherwise the thread would outlive the stream
     QVERIFY(stream.finish());
 }
 
@@ -210,7 +210,7 @@ void tst_Logging::closedStream()
     QVERIFY(stream.finish());
 }
 
-// Whatever a device does, the log does not grow without end. At the level "debug" all are written.
+// No device can make the log grow without limit. At the level "debug" all lines are written.
 void tst_Logging::linesOfALevelAreLimited()
 {
     QTemporaryFile file;

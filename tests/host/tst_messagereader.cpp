@@ -18,7 +18,7 @@ constexpr int CutGraceMs = 50;
 
 } // namespace
 
-// Offers without a position, and what holds for all of them.
+// Offers without a position, and rules for all offers.
 class tst_MessageReader : public MessageReaderTest
 {
     Q_OBJECT
@@ -122,13 +122,13 @@ void tst_MessageReader::sameBytesLaterAreNew()
     QCOMPARE(discards(), QList<int>({2, 2}));
 }
 
-// However long the host takes: what waited when it discarded was made before.
+// An offer that waited in the queue at the discard was made before it, however long the host takes.
 void tst_MessageReader::offersThatWaitAreRepeats()
 {
     QMetaObject::invokeMethod(
             reader.get(), [this] { reader->receive(offer("a\na\n")); }, Qt::QueuedConnection);
     reader->receive(offer("a\n"));
-    QThread::msleep(2 * CutGraceMs); // as writing to a slow reader does
+    QThread::msleep(2 * CutGraceMs); // as if it had to wait for a slow reader of its output
     QTRY_COMPARE(counters->offers, 2);
     QCOMPARE(written(), QByteArray("a\na\n"));
     QCOMPARE(discards(), QList<int>({2, 2}));
@@ -160,7 +160,7 @@ void tst_MessageReader::unclearOfferThenAnother()
     QCOMPARE(counters->messages, 4);
 }
 
-// Nobody answers a question any more.
+// The plugin is ending: it makes no new offer on request.
 void tst_MessageReader::lastOffersOfAPlugin()
 {
     for (const char *client : {"x", "y", "z"})
@@ -170,8 +170,8 @@ void tst_MessageReader::lastOffersOfAPlugin()
     QCOMPARE(discards(), QList<int>({2, 2, 2}));
 
     reader->setAnswering(false);
-    reader->receive(offer("b\n", QStringLiteral("x"))); // the cut was carried out
-    reader->receive(offer("b\n", QStringLiteral("x"))); // but not the one for this
+    reader->receive(offer("b\n", QStringLiteral("x"))); // made after the cut
+    reader->receive(offer("b\n", QStringLiteral("x"))); // a repeat: made before the next cut
     QCOMPARE(written(), QByteArray("b\n"));
     reader->receive(offer("a\n", QStringLiteral("y"))); // made when the device closed
     reader->receive(offer("a\na\n", QStringLiteral("z"))); // made by an earlier discard
@@ -189,7 +189,7 @@ void tst_MessageReader::unclearOfferIsReadBeforeItsClientIsForgotten()
     reader->receive(offer("a\nb\nhalf"));
     reader->forgetAll();
     QCOMPARE(written(), QByteArray("a\nb\n"));
-    QCOMPARE(discards(), QList<int>({2, 0})); // nobody is there to answer
+    QCOMPARE(discards(), QList<int>({2, 0})); // no more requests: the plugin is gone
     QCOMPARE(counters->partial, 1);
 }
 
@@ -237,9 +237,9 @@ void tst_MessageReader::tooLongAcrossOffers()
     make({Framing::Lines, 3});
     const MessageCapture capture;
     reader->receive(offer("12345"));
-    // Nothing of it is held: the plugin's buffer is empty again.
+    // All five bytes were discarded, so the plugin's buffer is empty.
     QCOMPARE(discards(), QList<int>({5}));
-    reader->receive(offer("12345678")); // a repeat, and more
+    reader->receive(offer("12345678")); // a repeat with more bytes behind it
     QCOMPARE(discards(), QList<int>({5, 3}));
     QCoreApplication::sendPostedEvents();
     reader->receive(offer("9\nabc\n"));
@@ -310,7 +310,7 @@ void tst_MessageReader::forgetsAll()
              QByteArray(R"("bytes":4,"text":"half","partial":true})").right(35));
     reader->forgetAll();
     QCOMPARE(written(), QByteArray());
-    // A new plugin: new connections.
+    // A new plugin has new connections.
     reader->receive(offer("a\n"));
     QCOMPARE(counters->messages, 3);
 }
@@ -336,7 +336,7 @@ void tst_MessageReader::forgetsTheLongestSilentOfTooMany()
     reader->receive(offer("half of it", QStringLiteral("0")));
     QCOMPARE(written(), QByteArray());
     reader->receive(offer("half", QStringLiteral("x")));
-    // 0 has made itself heard meanwhile.
+    // Client 0 has sent more meanwhile, so client 1 has been silent for the longest time.
     const QByteArray forgotten = written();
     QCOMPARE(forgotten.count('\n'), 1);
     QVERIFY2(forgotten.contains(R"("client":"1",)"), forgotten.constData());

@@ -13,10 +13,10 @@ namespace {
 
 using Fit = OfferTracker::Fit;
 
-constexpr qint64 Early = 0; // no discard is reached
-constexpr qint64 Late = 1000; // all discards are reached
+constexpr qint64 Early = 0; // offers from before the discards may still wait
+constexpr qint64 Late = 1000; // no offer from before the discards waits any more
 
-//! The plugin's end of a connection, as slow as the random generator wants.
+//! The plugin's side of a connection. A random generator decides when it cuts.
 class Worker
 {
 public:
@@ -38,7 +38,7 @@ public:
     QQueue<qsizetype> cuts;
 };
 
-//! The host's end: takes lines, and does as the tracker wants.
+//! The host's side of a connection. It takes lines, and follows the tracker's answers.
 class Host
 {
 public:
@@ -65,10 +65,10 @@ public:
         received += unread.first(size);
         tracker.consume(size, ++time);
         worker.discard(size);
-        // The offers that wait now were made before.
+        // The offers that wait now were made before this discard.
         offersBeforeMarker = worker.offers.size() + 1;
     }
-    // Nothing is on its way in either direction.
+    // Called when no offer and no discard is on its way.
     void settle(Worker &worker)
     {
         reached = time;
@@ -87,8 +87,8 @@ public:
     qsizetype offersBeforeMarker = 0;
 };
 
-// Runs both in any order of receiving, cutting and handling; as the plugin does, offers are made at
-// the first read, after cuts, and at the end.
+// Lets both sides receive, cut and handle in random order. As in the plugin, offers are made at the
+// first read, after cuts, and at the end.
 void transmit(const QByteArrayList &messages, QRandomGenerator &random, Worker &worker, Host &host)
 {
     for (const QByteArray &message : messages) {
@@ -162,7 +162,7 @@ void tst_OfferTracker::offersWithoutConsumption()
     QVERIFY(tracker.isSettled());
 }
 
-// The device sends and closes at once, and the host did not look in between.
+// The device sends and closes at once. The host handles both offers after that.
 void tst_OfferTracker::repeat()
 {
     OfferTracker tracker;
@@ -181,7 +181,7 @@ void tst_OfferTracker::repeatWithMore()
     QCOMPARE(tracker.accept("a\nb", Early), Fit::Fits);
     tracker.consume(2, 1);
     COMPARE_UNREAD(tracker, "b");
-    // Only a repeat can begin so, whenever it was made.
+    // Only a repeat can begin with these bytes, even if no older offer waits.
     QCOMPARE(tracker.accept("a\nb\nc", Late), Fit::Fits);
     COMPARE_UNREAD(tracker, "b\nc");
     tracker.consume(2, 2);
@@ -189,7 +189,7 @@ void tst_OfferTracker::repeatWithMore()
     COMPARE_UNREAD(tracker, "c\n");
 }
 
-// Two discards are under way, and the offer was made between their cuts.
+// Two discards were on the way. The offer was made between their cuts.
 void tst_OfferTracker::repeatFromALaterCut()
 {
     OfferTracker tracker;
@@ -211,7 +211,7 @@ void tst_OfferTracker::cutBeforeTheNextOffer()
     tracker.consume(2, 1);
     QCOMPARE(tracker.accept("b\n", Late), Fit::Fits);
     COMPARE_UNREAD(tracker, "b\n");
-    // Now the first cut is known to be carried out.
+    // The offer before has shown that the first cut is carried out.
     QCOMPARE(tracker.accept("a\n", Late), Fit::Foreign);
 }
 
@@ -236,7 +236,7 @@ void tst_OfferTracker::unclearThenNothing()
     COMPARE_UNREAD(tracker, "b\n");
 }
 
-// It is the answer to the request for another one: all cuts are carried out.
+// The second offer is the answer to the host's request. So all cuts are carried out.
 void tst_OfferTracker::unclearThenAnother()
 {
     OfferTracker tracker;
@@ -353,7 +353,7 @@ void tst_OfferTracker::otherConnection()
     COMPARE_UNREAD(tracker, "x\n");
 }
 
-// An offer never ends before the one before it did.
+// An offer never ends at an earlier position than the offer before it.
 void tst_OfferTracker::shorterThanTheRest()
 {
     OfferTracker tracker;
@@ -399,7 +399,8 @@ void tst_OfferTracker::anyOrderWithEqualMessages_data()
     anyOrder_data();
 }
 
-// Longer than what the plugin leaves unoffered: then each request is answered.
+// The messages are longer than the remainder that the plugin does not offer. So each request gets
+// an offer as its answer.
 void tst_OfferTracker::anyOrderWithEqualMessages()
 {
     QFETCH(quint32, seed);

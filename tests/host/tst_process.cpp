@@ -14,7 +14,7 @@
 
 using namespace host;
 
-// What inputhost asks of the system.
+// The settings that inputhost requests from the system.
 class tst_Process : public QObject
 {
     Q_OBJECT
@@ -102,11 +102,11 @@ void tst_Process::descriptorLimit()
                                                  .arg(raised.rlim_cur)),
              qPrintable(lines.first().text));
 
-    raiseDescriptorLimit(); // nothing to do, nothing to say
+    raiseDescriptorLimit(); // already raised: no line
     QCOMPARE(MessageCapture::take().size(), 0);
 }
 
-// Also behind a larger one, which makes the C library keep large blocks by default.
+// Also after a larger block was freed. By default, the C library would then keep large blocks.
 void tst_Process::largeBlocksGoBack()
 {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)

@@ -25,13 +25,13 @@ QStringList warnings()
 {
     QStringList texts;
     for (const CapturedMessage &line : MessageCapture::take())
-        texts += line.text.mid(13); // behind the time
+        texts += line.text.mid(13); // without the time
     return texts;
 }
 
 } // namespace
 
-// What is kept of unfinished messages has a limit.
+// The memory for unfinished messages has a limit.
 class tst_Unfinished : public MessageReaderTest
 {
     Q_OBJECT
@@ -69,7 +69,8 @@ void tst_Unfinished::sizes()
     QCOMPARE(sizes.total(), 15);
 }
 
-// Its bytes are printed, what follows of it is skipped, and the connection goes on behind it.
+// The bytes of the longest unfinished message are printed, and its remaining bytes are skipped. The
+// connection continues with the next message.
 void tst_Unfinished::givesUpTheLongest()
 {
     const MessageCapture capture;
@@ -91,7 +92,7 @@ void tst_Unfinished::givesUpTheLongest()
     QCOMPARE(warnings(),
              QStringList(QStringLiteral("Unfinished message of 60 bytes given up, from TCP:c")));
 
-    reader->receive(stamped(1, 60, some(90))); // is skipped, and counts no more
+    reader->receive(stamped(1, 60, some(90))); // rest of a given-up message: skipped, not counted
     reader->receive(stamped(1, 150, "x\na\n"));
     reader->receive(stamped(2, 21, "\n"));
     reader->receive(stamped(3, 20, "\n"));
@@ -109,7 +110,7 @@ void tst_Unfinished::limitIsNotExceeded()
     for (quint64 n = 1; n <= 100; ++n)
         reader->receive(stamped(n, 0, some(100)));
     QCOMPARE(counters->partial, 90);
-    reader->receive(stamped(101, 0, some(1001))); // itself, and nothing else
+    reader->receive(stamped(101, 0, some(1001))); // gives up only this message
     QCOMPARE(counters->partial, 91);
     reader->forgetAll();
     QCOMPARE(counters->partial, 101);
@@ -142,7 +143,7 @@ void tst_Unfinished::countedMessages()
     const MessageCapture capture;
     make({Framing::Length, 1000}, OutputFormat::Json);
     reader->setMaxUnfinished(10);
-    reader->receive(stamped(1, 0, QByteArray("\0\0\0\x14", 4) + some(7))); // of 20
+    reader->receive(stamped(1, 0, QByteArray("\0\0\0\x14", 4) + some(7))); // 7 bytes of 20
     QVERIFY(written().contains(R"("bytes":7,"text":"xxxxxxx","partial":true)"));
     reader->receive(stamped(1, 11, some(13) + QByteArray("\0\0\0\1a", 5)));
     QVERIFY(written().contains(R"("bytes":1,"text":"a"})"));
@@ -150,7 +151,8 @@ void tst_Unfinished::countedMessages()
     QCOMPARE(counters->partial, 1);
 }
 
-// The beginning of a byte count is kept, whatever the limit: nobody would know what to skip.
+// An incomplete byte count is kept despite the limit: without it, the number of bytes to skip is
+// unknown.
 void tst_Unfinished::lengthThatIsNotKnown()
 {
     make({Framing::Length, 1000});

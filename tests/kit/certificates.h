@@ -7,7 +7,8 @@
 #include <QtCore/QJsonObject>
 #include <QtCore/QString>
 
-// CERTIFICATES_DIR: where the build has let scripts/make-certs make them; its --help names them.
+// CERTIFICATES_DIR: the build has run scripts/make-certs in it. The script's --help lists the
+// files.
 
 inline QString certificateFile(const QString &name)
 {
@@ -21,7 +22,7 @@ inline QString certificateText(const QString &name)
     return file.open(QIODevice::ReadOnly) ? QString::fromLatin1(file.readAll()) : QString();
 }
 
-// An "ssl" object with the good server certificate; clients need none.
+// An "ssl" object with the valid server certificate. Clients need no certificate.
 inline QJsonObject serverTls()
 {
     return {{QStringLiteral("CertFile"), certificateFile(QStringLiteral("server.pem"))},

@@ -11,7 +11,8 @@
 
 /*!
     Reads a row of bytes as decisions. The same bytes make the same decisions, whether they come
-    from a generator with a known seed or from a fuzzer. At the end all decisions are the first.
+    from a generator with a known seed or from a fuzzer. After the last byte, each decision is the
+    first of its options.
 */
 class Choices
 {
@@ -29,7 +30,7 @@ public:
 
     bool isEmpty() const { return script.isEmpty(); }
 
-    // Below the limit, which is 256 at most.
+    // A number from 0 to limit - 1. limit: 256 at most.
     int below(int limit)
     {
         if (script.isEmpty())

@@ -12,8 +12,8 @@
 #include <utility>
 
 /*!
-    What happens while it lives, in order: the log lines, see logLine(), and what a test notes
-    between them.
+    What happens during its lifetime, in order: the log lines, see logLine(), and the test's own
+    notes between them.
 
     Thread: any.
     Locks:  mutex.
@@ -31,7 +31,7 @@ public:
         events.append(text);
     }
 
-    // What has come since the last call.
+    // The events since the last call.
     static QStringList take()
     {
         const QMutexLocker locker(&mutex);

@@ -3,9 +3,9 @@
 
 #pragma once
 
-// How long a test waits before it says that something hangs: guards, which no test reaches.
+// How long a test waits before it fails because something hangs. A good run never waits so long.
 
-// For one thing to happen.
+// For a single event.
 inline constexpr int HangGuardMs = 60000;
 
 // For a load of thousands of connections or messages, also with sanitizers on a busy machine.

@@ -5,8 +5,8 @@
 
 #include <QtCore/QtGlobal>
 
-// The environment variable FULL_LOAD chooses how much the tests that take their time ask for: with
-// it what the library has to stand, without it what suffices to see a mistake.
+// The size of a slow test. If the environment variable FULL_LOAD is set: the load that the library
+// has to stand. Otherwise: a load that is large enough to show a mistake.
 inline int load(int full, int usual)
 {
     return qEnvironmentVariableIsSet("FULL_LOAD") ? full : usual;

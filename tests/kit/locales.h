@@ -8,8 +8,8 @@
 #include <QtCore/QStringList>
 #include <QtTest/QTest>
 
-// Data rows, each with a program's environment that names the locale in another way, or not at all.
-// Programs have no complaint of it in any.
+// Data rows with environments for a program. Each names the locale in another way, or not at all.
+// In none of them may the program complain about the locale.
 inline void localeRows()
 {
     const QStringList none = QProcess::systemEnvironment().filter(

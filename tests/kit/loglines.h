@@ -7,8 +7,9 @@
 
 #include <QtCore/QStringList>
 
-// One line as tests state it: its level's letter, D, I, W, C or F, a colon, a blank and the text
-// without its time. A line without a time, which is none of ours, has a small letter.
+// A line in the form that tests compare: the letter of its level (D, I, W, C or F), a colon, a
+// blank, and the text without its time. A line without a time is not the library's; it has a small
+// letter.
 inline QString logLine(const CapturedMessage &message)
 {
     constexpr qsizetype TimeLength = 13; // "hh:mm:ss.zzz "
@@ -20,7 +21,7 @@ inline QString logLine(const CapturedMessage &message)
     return level + QLatin1String(": ") + (ours ? message.text.mid(TimeLength) : message.text);
 }
 
-// What has come since the last call, or the last MessageCapture::take().
+// The lines since the last call, or since the last MessageCapture::take().
 inline QStringList takeLog()
 {
     QStringList lines;

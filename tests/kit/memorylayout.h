@@ -8,8 +8,8 @@
 #include <cstddef>
 #include <cstring>
 
-// What hosts that were built separately rely on: where a member lies in an object, and which slot
-// of the virtual table a function has. Itanium C++ ABI.
+// Hosts are built separately. They rely on the place of a member in an object, and on the slot of a
+// function in the virtual table. Here both follow the Itanium C++ ABI.
 
 //! The member of type T that lies offset bytes into the object.
 template<class T, class Object>
@@ -25,7 +25,7 @@ int virtualSlot(Function function)
     static_assert(sizeof(function) == 2 * sizeof(std::ptrdiff_t));
     std::ptrdiff_t words[2];
     std::memcpy(words, &function, sizeof(words));
-    // The table's offset in bytes. Bit 0 marks "virtual" where code addresses leave it free.
+    // The offset in the table, in bytes. On some processors, bit 0 marks a virtual function.
     const auto offset = static_cast<std::size_t>(words[0]) & ~std::size_t{1};
     return static_cast<int>(offset / sizeof(void *));
 }

@@ -13,10 +13,11 @@
 #include <cstring>
 
 /*!
-    A connected socket without a connection: a test says what arrives in its kernel, and when the
-    socket finds out. So thousands of connections are played in a second.
+    A socket that seems connected, without a real connection. The test decides which bytes arrive in
+    its simulated kernel, and when the socket learns of them. So a test can run thousands of
+    connections in a second.
 
-    Bytes wait in the kernel until notify(); then the socket holds them until they are read.
+    Bytes wait in that kernel until notify(); then the socket holds them until they are read.
 
     Thread: the one it lives in.
 */
@@ -34,12 +35,12 @@ public:
     }
     ~MemorySocket() override { setSocketState(UnconnectedState); }
 
-    // Into the kernel.
+    // Bytes, or the end, arrive in the kernel.
     void arrive(const QByteArray &bytes) { kernel += bytes; }
     void arriveEnd() { ended = true; }
 
-    // The kernel's news reach the socket, as when the event loop turns: bytes first, then the end.
-    // True if there were bytes.
+    // The socket learns what has arrived, as in a turn of the event loop: bytes first, then the
+    // end. True if there were bytes.
     bool notify()
     {
         if (!kernel.isEmpty()) {
@@ -51,13 +52,13 @@ public:
             disconnectNow();
         return false;
     }
-    // The same for bytes, but nobody is told.
+    // Takes the bytes from the kernel, without a signal.
     void takeIn() { received += std::exchange(kernel, {}); }
 
-    // All that a client can still get.
+    // All bytes that a client can still read.
     QByteArray unread() const { return received + kernel; }
 
-    // Also what Qt has peeked at.
+    // Includes the bytes that Qt holds after a peek.
     qint64 bytesAvailable() const override { return received.size() + QIODevice::bytesAvailable(); }
     bool waitForReadyRead(int) override { return notify(); }
     void setSocketOption(SocketOption, const QVariant &) override {}

@@ -24,7 +24,7 @@ struct CapturedMessage
 };
 
 /*!
-    Collects what is written to Qt's message output while it lives. One at a time.
+    Collects what is written to Qt's message output during its lifetime. One at a time.
 
     Thread: any thread may write; take() from any.
     Locks:  mutex.
@@ -40,7 +40,7 @@ public:
     }
     Q_DISABLE_COPY_MOVE(MessageCapture)
 
-    // What has come since the last call.
+    // The messages since the last call.
     static QList<CapturedMessage> take()
     {
         QMutexLocker locker(&mutex);
@@ -50,7 +50,7 @@ public:
 private:
     static void handle(QtMsgType level, const QMessageLogContext &context, const QString &text)
     {
-        // QDebug writes with no category at all, Qt's own warnings with "default".
+        // QDebug writes without a category, Qt's own warnings with the category "default".
         const bool empty = !context.file && !context.function && !context.category && !context.line;
         QMutexLocker locker(&mutex);
         messages.append({level, text, empty});

@@ -12,7 +12,7 @@
 #include <chrono>
 
 /*!
-    The clients' clocks, which stand still but for what the test moves them, while this lives.
+    Replaces the clients' clocks during its lifetime. They stand still until the test moves them.
 
     Thread: any may read it; made and destroyed only while no client lives.
 */
@@ -34,7 +34,7 @@ public:
         time += ms;
         advance(std::chrono::milliseconds(std::max<qint64>(ms, 0)));
     }
-    // The monotonic clock alone, by less than the other one shows.
+    // Moves the monotonic clock alone, by less than a unit of the wall clock.
     static void advance(std::chrono::nanoseconds little) { monotonic += little.count(); }
 
 private:

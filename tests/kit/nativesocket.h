@@ -22,7 +22,7 @@
 #include <cerrno>
 #include <utility>
 
-//! An address as the socket calls want it.
+//! An address in the form that socket calls need.
 struct NativeAddress
 {
     NativeAddress() = default;
@@ -87,7 +87,7 @@ public:
         result.setOption(IPPROTO_TCP, TCP_NODELAY, 1);
         return result;
     }
-    // receiveBuffer: of what it accepts, if the kernel grants that; 0: the kernel's default.
+    // receiveBuffer: size for accepted sockets, if the kernel grants it; 0: the kernel's default.
     static NativeSocket listening(const QHostAddress &address, int receiveBuffer = 0)
     {
         NativeSocket result = unconnected(address);
@@ -130,12 +130,12 @@ public:
         return ::getsockname(fd, native.data(), &native.length) == 0 ? native.port() : quint16(0);
     }
 
-    // In one piece, as far as the kernel is concerned.
+    // With one system call.
     bool send(const QByteArray &bytes) const
     {
         return ::send(fd, bytes.constData(), size_t(bytes.size()), MSG_NOSIGNAL) == bytes.size();
     }
-    // No more bytes will come; those of the other end still can.
+    // Sends a FIN: no more bytes from here. The other end can still send.
     void finish() const { ::shutdown(fd, SHUT_WR); }
     void close()
     {
@@ -167,7 +167,7 @@ public:
     {
         return waitFor([=] { return arrived(descriptor) == bytes; });
     }
-    // What the kernel grants for bytes that wait to be read, its own overhead included.
+    // The size of the receive buffer, including the kernel's own overhead.
     static int receiveBuffer(int descriptor)
     {
         int size = 0;
@@ -175,13 +175,13 @@ public:
         ::getsockopt(descriptor, SOL_SOCKET, SO_RCVBUF, &size, &length);
         return size;
     }
-    // The peer has closed or reset the connection, which may have unread bytes.
+    // True when the peer has closed or reset the connection. There may still be unread bytes.
     static bool waitForPeerEnd(int descriptor)
     {
         pollfd poller{descriptor, POLLRDHUP, 0};
         return ::poll(&poller, 1, HangGuardMs) == 1;
     }
-    // For states that nothing announces.
+    // Polls: for states without a notification.
     template<class Condition>
     static bool waitFor(Condition condition)
     {

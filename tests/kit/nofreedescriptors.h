@@ -11,9 +11,9 @@
 #include <vector>
 
 /*!
-    Leaves this process without a free file descriptor while it lives, but for those given back.
+    During its lifetime this process has no free file descriptors, except those given back.
 
-    Thread: any, but it concerns all.
+    Thread: any; it affects all threads.
 */
 class NoFreeDescriptors
 {
@@ -21,7 +21,7 @@ public:
     NoFreeDescriptors()
     {
         ::getrlimit(RLIMIT_NOFILE, &before);
-        // So that few are needed. Those in use stay valid whatever the limit.
+        // A low limit, so that few descriptors fill it. Those in use stay valid above it.
         const int lowestFree = ::dup(STDERR_FILENO);
         rlimit lowered = before;
         lowered.rlim_cur = static_cast<rlim_t>(lowestFree) + 16;

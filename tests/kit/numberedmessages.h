@@ -8,20 +8,20 @@
 #include <QtCore/QByteArray>
 #include <QtCore/QHash>
 
-// "<stream> <number>\n": numbers begin at 0 and never repeat, one stream a connection.
+// "<stream> <number>\n": numbers begin at 0 and never repeat. Each connection has its stream.
 inline QByteArray numberedMessage(int stream, int number)
 {
     return QByteArray::number(stream) + ' ' + QByteArray::number(number) + '\n';
 }
 
 /*!
-    A host that frames numbered messages and discards each once. Numbers that it has seen tell it
-    that an offer repeats what its cut has not reached yet.
+    A host that frames numbered messages and discards each once. An offer that was made before a cut
+    repeats messages; the host recognises them by their numbers.
 */
 class NumberedHost
 {
 public:
-    // Discards at once what is new in the offer.
+    // Discards the new messages of the offer at once.
     void receive(IInputPlugin &plugin, const shared_parsedData &record)
     {
         const QByteArray buffer = record->getOriginalMessage();

@@ -11,8 +11,8 @@
 #include <memory>
 #include <thread>
 
-// Whether the call comes back in another thread while the calling one does nothing. False after the
-// hang guard: it waits for a lock that the calling thread holds.
+// Runs the call in another thread while the calling thread waits. True if the call returns. False
+// after the hang guard: then the call waits for a lock that the calling thread holds.
 inline bool returnsInAnotherThread(const std::function<void()> &call)
 {
     const auto returned = std::make_shared<QSemaphore>();
@@ -24,6 +24,6 @@ inline bool returnsInAnotherThread(const std::function<void()> &call)
     if (inTime)
         thread.join();
     else
-        thread.detach(); // still waits
+        thread.detach(); // it still waits for the lock
     return inTime;
 }

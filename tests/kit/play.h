@@ -12,7 +12,8 @@
 #include <functional>
 #include <memory>
 
-// Runs what blocks in a thread of its own, while this one serves. False if it takes for ever.
+// Runs a blocking function in a new thread, and this thread's event loop meanwhile. False if the
+// hang guard was reached.
 inline bool play(const std::function<void()> &function)
 {
     const std::unique_ptr<QThread> thread(QThread::create(function));

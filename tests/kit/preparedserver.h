@@ -13,7 +13,7 @@
 
 #include <deque>
 
-//! A server that does not listen: the test decides what is pending.
+//! A server that does not listen: the test decides which connections are pending.
 template<class Base>
 class PreparedServer : public Base
 {
@@ -46,7 +46,7 @@ private:
 using PreparedTcpServer = PreparedServer<QTcpServer>;
 using PreparedSslServer = PreparedServer<QSslServer>;
 
-//! One that also knows of its connections' acceptance.
+//! A prepared server that also knows the Acceptance of each connection.
 class PreparedSource final : public PreparedTcpServer, public ConnectionSource
 {
 public:
@@ -67,5 +67,5 @@ public:
     }
 
 private:
-    std::deque<Acceptance> known; // of those that are pending
+    std::deque<Acceptance> known; // of the pending connections, in order
 };

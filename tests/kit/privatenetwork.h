@@ -15,12 +15,12 @@
 #include <unistd.h>
 
 /*!
-    A network that this process has to itself: only a loopback interface, every port free, and
-    addresses that come and go without harm to anybody.
+    A network that only this process uses. It has just a loopback interface, all ports are free, and
+    adding or removing an address disturbs no other process.
 */
 namespace PrivateNetwork {
 
-// Runs a request on the named interface; label it "lo:1", "lo:2", ... for more addresses.
+// Runs a request on the named interface. Use the labels "lo:1", "lo:2", ... for more addresses.
 inline bool control(unsigned long request, const QByteArray &name, ifreq data)
 {
     std::strncpy(data.ifr_name, name.constData(), IFNAMSIZ - 1);
@@ -30,7 +30,7 @@ inline bool control(unsigned long request, const QByteArray &name, ifreq data)
     return done;
 }
 
-// 0.0.0.0 takes the address away.
+// 0.0.0.0 removes the address.
 inline bool setAddress(const QByteArray &name, const QHostAddress &address)
 {
     ifreq data{};
@@ -40,7 +40,7 @@ inline bool setAddress(const QByteArray &name, const QHostAddress &address)
     return control(SIOCSIFADDR, name, data);
 }
 
-// To be called before the process has a second thread. False where the system does not allow it.
+// Call it before the process has a second thread. False if the system does not allow it.
 inline bool enter()
 {
     if (::unshare(CLONE_NEWNET) != 0 && ::unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0)

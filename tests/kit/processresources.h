@@ -11,7 +11,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-// What this process holds, as the kernel counts it.
+// What this process holds, counted by the kernel.
 inline qsizetype entriesOf(const QString &folder)
 {
     return QDir(folder).entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot).size();
@@ -22,7 +22,7 @@ inline qsizetype openDescriptors()
     return entriesOf(QStringLiteral("/proc/self/fd"));
 }
 
-// Those that the process was started with included.
+// Includes the sockets that the process was started with.
 inline qsizetype openSockets()
 {
     const QDir folder(QStringLiteral("/proc/self/fd"));
@@ -39,8 +39,8 @@ inline qsizetype runningThreads()
     return entriesOf(QStringLiteral("/proc/self/task"));
 }
 
-// As far as the system allows: the usual limit of 1,024 is too low for some tests. False if that is
-// less than needed.
+// Raises the limit as far as the system allows: the usual 1,024 are too few for some tests. False
+// if the new limit is less than needed.
 inline bool raiseDescriptorLimit(rlim_t needed)
 {
     rlimit limit{};

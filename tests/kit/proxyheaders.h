@@ -8,7 +8,7 @@
 #include <QtNetwork/QHostAddress>
 
 /*!
-    PROXY headers as proxies send them, and as they should not.
+    PROXY headers, well-formed and malformed.
 */
 namespace proxyheaders {
 
@@ -40,7 +40,7 @@ inline QByteArray addressBytes(const QHostAddress &address)
     return bytes;
 }
 
-// Version 1, of an address of either kind.
+// A version 1 header for an IPv4 or IPv6 address.
 inline QByteArray text(const QHostAddress &peer, quint16 port)
 {
     const bool isIpv6 = peer.protocol() == QAbstractSocket::IPv6Protocol;
@@ -53,13 +53,13 @@ inline QByteArray extra(char type, const QByteArray &value)
     return type + twoBytes(static_cast<quint16>(value.size())) + value;
 }
 
-// Version 2, of any content.
+// A version 2 header with any content.
 inline QByteArray binary(char command, char family, const QByteArray &rest)
 {
     return Signature + command + family + twoBytes(static_cast<quint16>(rest.size())) + rest;
 }
 
-// The addresses of a version 2 header.
+// The address block of a version 2 header.
 inline QByteArray block(const QHostAddress &peer, quint16 port)
 {
     const bool isIpv6 = peer.protocol() == QAbstractSocket::IPv6Protocol;

@@ -7,8 +7,8 @@
 #include <QtCore/QString>
 
 /*!
-    The seeds of a test that plays random runs: others each time, or the one in the environment
-    variable TCPINPUT_SEED, to repeat a run that has failed.
+    The seeds of a test with random runs. They differ each time. To repeat a failed run, set the
+    environment variable TCPINPUT_SEED to its seed.
 */
 struct Seeds
 {
@@ -21,5 +21,5 @@ struct Seeds
     }
 
     quint32 first = 0;
-    quint32 count = 0; // from the first on; wraps
+    quint32 count = 0; // consecutive numbers from the first on; they wrap at 2^32
 };

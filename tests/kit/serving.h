@@ -10,7 +10,7 @@
 
 #include <functional>
 
-// Runs the host's event loop until the condition holds; false if it never does.
+// Runs the host's event loop until the condition holds. False after the hang guard.
 inline bool serveUntil(const std::function<bool()> &condition)
 {
     constexpr int LookMs = 2;

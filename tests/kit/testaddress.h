@@ -15,7 +15,7 @@ inline QHostAddress testAddress()
     return QHostAddress((127U << 24U) | ((64U + ((pid >> 16U) & 63U)) << 16U) | (pid & 0xffffU));
 }
 
-// A port that is free on the address now. With an address of its own, a test keeps it.
+// A port that is free on the address now. It stays free: no other process uses the test's address.
 inline quint16 freePort(const QHostAddress &address = testAddress())
 {
     QTcpServer probe;

@@ -15,10 +15,11 @@
 
 /*!
     A TLS device made of one blocking socket, so that any thread can play it without an event loop.
-    What it has to say is collected until flush(), which hands it to the kernel in one piece.
+    Its output is collected until flush(), which hands it to the kernel in one piece.
 
-    Does not verify the server. What OpenSSL keeps for a thread goes with the device, since a thread
-    of Qt's may be waited for and still be on its way out when the program ends: a leak, then.
+    Does not verify the server. The device's destructor frees what OpenSSL keeps for the thread.
+    QThread::wait() returns before thread-local destructors have run, so at the end of the program
+    that memory could count as a leak.
 
     Thread: any, one at a time.
 */
@@ -41,13 +42,13 @@ public:
         SSL_set_connect_state(ssl.get());
     }
 
-    // What a device and its server may have agreed on instead of certificates.
+    // The pre-shared key, which a device and its server can use instead of certificates.
     static QByteArray sharedKey() { return QByteArray(32, 'k'); }
-    // Offers the key, if the version is 1.3. Before the handshake.
+    // Offers the key, with TLS 1.3 only. Call it before the handshake.
     void offerSharedKey()
     {
-        // With the hash that OpenSSL takes such a key to be for. Servers with a certificate would
-        // choose another.
+        // OpenSSL assumes that such a key belongs to this cipher's hash. If others were offered, a
+        // server with a certificate would choose another one.
         SSL_set_ciphersuites(ssl.get(), "TLS_AES_128_GCM_SHA256");
         SSL_set_psk_client_callback(ssl.get(),
                                     [](SSL *, const char *, char *identity, unsigned int,
@@ -59,7 +60,8 @@ public:
                                     });
     }
 
-    // What is no TLS and leaves in one piece with the first flight. Before the handshake.
+    // Bytes before the TLS stream, sent in one piece with the first flight. Call it before the
+    // handshake.
     void sayFirst(const QByteArray &bytes)
     {
         BIO_write(SSL_get_wbio(ssl.get()), bytes.constData(), static_cast<int>(bytes.size()));
@@ -71,8 +73,8 @@ public:
         return socket.isValid();
     }
 
-    // Does what is left of the handshake. With TLS 1.3 its last flight is not flushed: it can
-    // leave together with what the device sends first. False if the server gives up.
+    // Completes the handshake. With TLS 1.3 the last flight is not flushed: it can be sent together
+    // with the device's first bytes. False if the server gives up.
     bool handshake()
     {
         while (!step()) {
@@ -81,7 +83,7 @@ public:
         }
         return isEncrypted();
     }
-    // Begins the handshake, and stops with a flight in hand that answers the server's first.
+    // Begins the handshake, and stops before it sends its answer to the server's first flight.
     bool handshakeUntilAnswer()
     {
         step();
@@ -95,7 +97,7 @@ public:
         return true;
     }
     bool isEncrypted() const { return SSL_is_init_finished(ssl.get()) == 1; }
-    // After the handshake: whether the server took the key that was offered.
+    // After the handshake: whether the server accepted the offered key.
     bool usesSharedKey() const { return SSL_session_reused(ssl.get()) == 1; }
 
     void write(const QByteArray &bytes)
@@ -109,7 +111,7 @@ public:
         const QByteArray bytes = takeOutput();
         return bytes.isEmpty() || socket.send(bytes);
     }
-    // What flush() would send, for who wants to send it in a way of his own.
+    // Returns the bytes that flush() would send, so that the caller can send them differently.
     QByteArray takeOutput()
     {
         char *bytes = nullptr;
@@ -119,7 +121,7 @@ public:
         return result;
     }
 
-    // Reads and forgets until the server has ended the connection; false if it does not.
+    // Reads and ignores bytes until the server ends the connection. False if reading fails before.
     bool waitForEnd() const
     {
         char bytes[4096];
@@ -133,7 +135,7 @@ public:
     NativeSocket socket;
 
 private:
-    // True when nothing more is to be received for the handshake.
+    // True when the handshake needs no more bytes from the server, or has failed.
     bool step()
     {
         ERR_clear_error();
@@ -152,7 +154,7 @@ private:
 
     struct ThreadState
     {
-        ~ThreadState() { OPENSSL_thread_stop(); } // made anew where it is needed again
+        ~ThreadState() { OPENSSL_thread_stop(); } // OpenSSL makes it again if needed
     };
     template<auto function>
     struct Free
@@ -163,7 +165,7 @@ private:
             function(object);
         }
     };
-    ThreadState threadState; // the first, so that it goes last
+    ThreadState threadState; // the first member, so it is destroyed last
     std::unique_ptr<SSL_CTX, Free<SSL_CTX_free>> context;
     std::unique_ptr<SSL, Free<SSL_free>> ssl;
 };

@@ -13,7 +13,7 @@
 /*!
     A running worker thread with an object in it that tests call into.
 
-    Thread: its creator's.
+    Thread: the one that created it.
 */
 class Worker
 {
@@ -26,7 +26,7 @@ public:
     }
     Q_DISABLE_COPY_MOVE(Worker)
 
-    // Returns when the worker has done it, after all that was posted before.
+    // Returns when the worker has run the function, after all events that were posted before.
     template<class Function>
     void run(Function function)
     {
@@ -38,7 +38,7 @@ public:
         QMetaObject::invokeMethod(context, function, Qt::QueuedConnection);
     }
 
-    // Keeps the worker busy, from when this returns until release().
+    // Blocks the worker until release(). Returns when the worker is blocked.
     void block()
     {
         post([this] {

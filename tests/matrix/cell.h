@@ -5,15 +5,16 @@
 
 #include <array>
 
-//! How a device's connection ends. Without TLS the three that are about close_notify do not exist.
+//! How a device's connection ends. The three endings with Notify in their names exist only with
+//! TLS.
 enum class Ending {
     Fin, // FIN once the peer's kernel has acknowledged the last byte
     HalfClose, // FIN right after the last byte; the device goes on reading until the plugin closes
-    CloseAtOnce, // close() right after the last byte, with whatever the device has not read
+    CloseAtOnce, // close() right after the last byte, even with unread bytes
     Reset, // RST right after the last byte
     NotifyThenFin, // close_notify and FIN, then as HalfClose
     NotifyAlone, // close_notify; TCP stays open until the plugin closes
-    FinWithoutNotify, // as CloseAtOnce, but what has come in is read
+    FinWithoutNotify, // as CloseAtOnce, but the device first reads the bytes that have arrived
     IdleTimeout, // the device stays; the plugin closes
     HostStop, // stop() while all devices are sending
     Destroyed, // the plugin is deleted while all devices are sending
@@ -24,8 +25,8 @@ enum class Transport { Tcp, Tls12, Tls13 };
 //! How the device's bytes are divided among its writes.
 enum class Segmentation {
     Whole, // one write
-    Bytes, // one byte a write
-    Random, // 1 to 400 bytes a write, with pauses of up to 30 ms
+    Bytes, // one byte for each write
+    Random, // 1 to 400 bytes for each write, with pauses of up to 30 ms
 };
 
 enum class HostKind {
@@ -35,11 +36,11 @@ enum class HostKind {
     AtEnd, // consumes nothing before the connection has ended
 };
 
-//! What the plugin is asked for beyond the contract, and how the host deals with it.
+//! The optional keys in the plugin's configuration, and the kind of host that uses them.
 enum class Keys {
     None, // a plain host
     Offsets, // a host with ExactOffers
-    All, // likewise; "prompt", "ends" and small "limits", too, and each device behind a proxy
+    All, // also "prompt", "ends" and small "limits"; each device is behind a proxy
 };
 
 template<class Value>
@@ -91,7 +92,7 @@ constexpr bool exists(Ending ending, Transport transport)
                 && ending != Ending::FinWithoutNotify);
 }
 
-// The plugin's end is the host's doing: what the kernel still holds then is not the plugin's.
+// Whether the host ends the plugin. Bytes that the kernel still holds then are not the plugin's.
 constexpr bool isCutShort(Ending ending)
 {
     return ending == Ending::HostStop || ending == Ending::Destroyed;

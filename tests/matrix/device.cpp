@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr qsizetype RecordBytes = 16384; // the most that one TLS record carries
+constexpr qsizetype RecordBytes = 16384; // the most bytes in one TLS record
 constexpr int LargestPiece = 400; // bytes, of the random segmentation
 constexpr int LongestPauseMs = 30;
 
@@ -65,7 +65,7 @@ bool CellDevice::connectTo(const QHostAddress &address, quint16 port)
     return !tls || tls->handshake();
 }
 
-// False if the connection has ended before.
+// False if the connection ended before all bytes were sent.
 bool CellDevice::sendPart(qsizetype begin, qsizetype end)
 {
     std::minstd_rand random(randomState += 2);
@@ -84,7 +84,7 @@ bool CellDevice::sendPart(qsizetype begin, qsizetype end)
     return true;
 }
 
-// One write, as far as the kernel is concerned.
+// The bytes reach the kernel in one piece.
 bool CellDevice::write(const QByteArray &bytes)
 {
     if (!tls) {
@@ -93,7 +93,7 @@ bool CellDevice::write(const QByteArray &bytes)
         return sent == bytes.size();
     }
     QByteArray records;
-    QList<std::pair<qsizetype, qsizetype>> ends; // of each record, and of what it carries
+    QList<std::pair<qsizetype, qsizetype>> ends; // of each record, and of its contents
     for (qsizetype begin = 0; begin < bytes.size(); begin += RecordBytes) {
         tls->write(bytes.mid(begin, RecordBytes));
         records += tls->takeOutput();
@@ -107,7 +107,7 @@ bool CellDevice::write(const QByteArray &bytes)
     return sent == records.size();
 }
 
-// How many bytes the kernel took.
+// Returns the number of bytes that the kernel took.
 qsizetype CellDevice::transmit(const QByteArray &bytes) const
 {
     qsizetype done = 0;
@@ -171,7 +171,7 @@ void CellDevice::finishAndWait()
     readToEnd();
 }
 
-// If anything is unread, or comes later, the kernel resets the connection.
+// The kernel resets the connection if there are unread bytes, or if bytes arrive later.
 void CellDevice::closeNow()
 {
     unacknowledged = unacknowledgedBytes(socket());

@@ -14,28 +14,28 @@
 #include <optional>
 
 /*!
-    Plays the device of one cell, and knows what the kernel has taken from it.
+    Plays the device of one cell, and counts the bytes that the kernel has taken.
 
-    Thread: made in one, run() in another; the results after that has ended.
+    Thread: may be created in one thread and run() in another. Read the results after run().
 */
 class CellDevice
 {
 public:
-    // Has its port, and is not connected. seed: for the random segmentation.
+    // Binds its port, but does not connect. seed: for the random segmentation.
     CellDevice(const Cell &playedCell, const QByteArray &deviceStream, quint32 seed,
                const QHostAddress &address);
 
-    // From connecting to the end. atHalf is called once, when half of the stream is sent or
-    // nothing more will be.
+    // Connects, sends and ends. Calls atHalf once: when half of the stream is sent, or when nothing
+    // more can be sent.
     void run(const QHostAddress &address, quint16 port, const std::function<void()> &atHalf);
 
     const Cell cell;
     const QByteArray stream;
     quint16 localPort = 0;
 
-    bool connected = false; // with TLS: and its handshake was done
-    qsizetype accepted = 0; // bytes of the stream that the kernel took; of TLS whole records
-    // The most that the device's own kernel can have thrown away when the device closed.
+    bool connected = false; // with TLS: after the handshake
+    qsizetype accepted = 0; // bytes of the stream that the kernel took; with TLS whole records
+    // When the device closed, its own kernel dropped at most so many bytes.
     qsizetype unacknowledged = 0;
 
 private:

@@ -9,8 +9,8 @@
 #include <QtCore/QString>
 
 /*!
-    Takes Qt's message output while it lives, and keeps what the log says of connections' ends.
-    One at a time.
+    Takes Qt's message output during its lifetime, and keeps what the log says about the ends of
+    connections. One at a time.
 
     Thread: any thread may write; the rest from any.
     Locks:  mutex.
@@ -28,7 +28,7 @@ public:
         const QMutexLocker locker(&mutex);
         return receivedBytes;
     }
-    // Connections that have ended, in their handshake or later.
+    // The number of connections that have ended, in their handshake or later.
     static qsizetype ended()
     {
         const QMutexLocker locker(&mutex);
@@ -74,7 +74,7 @@ private:
 
     const QtMessageHandler previous;
 
-    static inline QMutex mutex; // guards all that follows
+    static inline QMutex mutex; // guards all members below
     static inline QHash<quint16, qsizetype> receivedBytes;
     static inline qsizetype failedHandshakes = 0;
     static inline qsizetype threads = 0;

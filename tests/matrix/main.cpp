@@ -16,7 +16,8 @@ QString text(const char *latin1)
     return QString::fromLatin1(latin1);
 }
 
-// Each stop or destruction needs a plugin of its own; all others play their repeats side by side.
+// A stop or a destruction ends its plugin, so each repeat needs a new one. The repeats of all other
+// endings run at the same time.
 void play(RoundPlan plan, int repeats, Report &report)
 {
     plan.repeats = isCutShort(plan.ending) ? 1 : repeats;
@@ -28,8 +29,8 @@ void play(RoundPlan plan, int repeats, Report &report)
 
 /*!
     Plays the whole no-loss matrix against the built library and writes it to standard output.
-    Exits with 1 if a byte is lost, out of order, or given twice to an exact host, or an end is not
-    told once.
+    Exits with 1 if a byte is lost, out of order, or given twice to an exact host, or if an end is
+    not reported exactly once.
 */
 int main(int argc, char **argv)
 {

@@ -76,7 +76,7 @@ void MatrixHost::receive(const shared_parsedData &record)
     }
 }
 
-// Its position is behind the last byte that was offered.
+// The position of the end is behind the last offered byte.
 void MatrixHost::takeEnd(Guest &guest, const shared_parsedData &record)
 {
     ++guest.ends;

@@ -16,8 +16,8 @@
 /*!
     Plays the host of every cell at once: what it does with a record depends on the device's port.
 
-    A plain host knows by the messages' numbers what it has consumed, and discards only what is new;
-    an exact one leaves that to ExactOffers.
+    A plain host finds repeats by the numbers of the messages, and discards only new messages. An
+    exact host uses ExactOffers for that.
 
     Thread: the plugin's.
     Owner:  of the guests.
@@ -27,23 +27,24 @@ class MatrixHost : public QObject
 public:
     struct Guest
     {
-        // Once, behind all its records; a connection without records is not told of.
+        // True if the end came exactly once, after all records. A connection without records must
+        // have no end.
         bool wasToldItsEnd() const { return behindEnd == 0 && ends == (records > 0 ? 1 : 0); }
 
         HostKind kind;
         Oracle oracle;
-        QList<shared_parsedData> waiting; // Late: in order; AtEnd: the latest
+        QList<shared_parsedData> waiting; // Late: all, in order; AtEnd: only the latest
         int records = 0; // with bytes
         int ends = 0;
-        int behindEnd = 0; // records of any kind
+        int behindEnd = 0; // records of any kind after the end
     };
 
     MatrixHost(IInputPlugin &inputPlugin, Keys keySet);
 
-    // stream: what the device on that port has to say. The result lives as long as the host.
+    // stream: all bytes that the device on that port sends. The result lives as long as the host.
     const Guest &expect(quint16 devicePort, HostKind kind, const QByteArray &stream);
 
-    // The plugin is gone: what still waits to be handled is handled now.
+    // Handles the waiting records. Call it when the plugin is destroyed.
     void finish();
 
 private:

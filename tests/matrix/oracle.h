@@ -7,7 +7,7 @@
 #include <QtCore/QByteArrayView>
 
 /*!
-    Knows what one connection's device says, and compares with what the host gets to see.
+    Knows the stream of one connection's device, and compares it with the bytes that the host gets.
 
     Thread: one at a time.
 */
@@ -16,20 +16,21 @@ class Oracle
 public:
     explicit Oracle(const QByteArray &deviceStream) : stream(deviceStream) {}
 
-    // The host was offered these bytes, which are said to begin there in the stream.
+    // The host was offered these bytes. position: where they should begin in the stream.
     void offered(qsizetype position, QByteArrayView bytes);
 
-    // The host's parser was given bytes that begin there: those consumed before are repeats.
+    // The host's parser was given bytes from this position on. Those that it had consumed before
+    // are repeats.
     void parsed(qsizetype position, qsizetype length);
 
-    // The parser has taken one message from that position.
+    // The parser has taken one message at this position.
     void consumed(qsizetype position, QByteArrayView message);
 
-    // Where in the stream an offer begins that does not say so. Hosts cut whole messages only, so
-    // an offer begins with one; a shorter one begins where all was consumed.
+    // The position in the stream of an offer that has no position. Hosts cut only whole messages,
+    // so an offer begins with a message's number. A shorter offer begins behind all consumed bytes.
     qsizetype positionOf(QByteArrayView offer) const;
 
-    // total: the bytes that the host should have been offered.
+    // total: number of bytes that the plugin should have offered.
     qsizetype missing(qsizetype total) const { return skipped + qMax<qsizetype>(0, total - seen); }
     qsizetype outOfOrder() const { return wrong; }
     qsizetype repeated() const { return again; }

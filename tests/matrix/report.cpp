@@ -19,7 +19,7 @@ QString nameOf(const std::array<Named<Value>, Count> &names, Value value)
     return QString();
 }
 
-// All that match, added up; nothing if there are none.
+// The sum of all cells that match. Nothing if no cell matches.
 std::optional<CellResult> sum(const QList<CellResult> &cells,
                               const std::function<bool(const Cell &)> &matches)
 {
@@ -58,7 +58,7 @@ QString rowName(const Cell &cell)
             .arg(nameOf(Endings, cell.ending), nameOf(Transports, cell.transport));
 }
 
-// Calls function with what matches a row, for each row that there is.
+// Calls function for each row of the table, with the sum of the row's cells.
 void forEachRow(const QList<CellResult> &cells,
                 const std::function<void(const CellResult &total)> &function)
 {

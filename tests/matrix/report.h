@@ -17,9 +17,9 @@ public:
     void add(const QList<CellResult> &results);
     bool isClean() const;
 
-    // One row a way to end and transport, one column a host; segmentations are added up.
+    // One row for each ending and transport, one column for each host. Segmentations are added up.
     void write(QTextStream &out) const;
-    // One row a cell.
+    // One row for each cell.
     void writeCells(QTextStream &out) const;
 
 private:

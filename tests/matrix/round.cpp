@@ -23,8 +23,8 @@ namespace {
 
 constexpr int BytewiseMessages = 40;
 constexpr int RandomMessages = 100;
-constexpr int UnconsumedMessages = 1; // of those that nobody consumes, 80 bytes are not kicked
-constexpr int ConnectionBuffer = 16384; // all of the longest stream does not fit
+constexpr int UnconsumedMessages = 1; // with more, repeated offers would restart the idle time-out
+constexpr int ConnectionBuffer = 16384; // smaller than the longest stream
 constexpr int TotalBuffer = 16 << 20;
 constexpr int NoTimeoutS = 600;
 constexpr int IdleTimeoutS = 3;
@@ -54,7 +54,7 @@ int messagesOf(const Cell &cell, const RoundPlan &plan)
     if (cell.ending == Ending::IdleTimeout && cell.host == HostKind::AtEnd)
         return UnconsumedMessages;
     if (cell.keys == Keys::All && cell.host == HostKind::AtEnd)
-        return BytewiseMessages; // a device of which nothing is consumed would wait for ever
+        return BytewiseMessages; // with more than the buffer holds, the device would wait for ever
     switch (cell.segmentation) {
     case Segmentation::Whole:
         return plan.wholeMessages;
@@ -92,11 +92,11 @@ public:
             comeLate();
         if (plan.ending == Ending::HostStop)
             stop();
-        plugin.reset(); // delivers what is under way
+        plugin.reset(); // delivers the remaining records
         for (std::thread &thread : threads)
             thread.join();
         host.finish();
-        if (!complete) // and somebody should look why
+        if (!complete) // the hang guard was reached: report it as a failure
             ++cells.first().failed;
         return results();
     }
@@ -110,7 +110,7 @@ private:
         {}
 
         CellDevice device;
-        const qsizetype result; // index of its cell's
+        const qsizetype result; // index of its cell's result
         const MatrixHost::Guest *guest = nullptr;
     };
 
@@ -154,7 +154,7 @@ private:
                 && LogWatch::ended() + failed >= static_cast<qsizetype>(devices.size());
     }
 
-    // In the host's thread, so that nobody accepts them before the plugin ends.
+    // Runs in the host's thread. So the plugin cannot accept these connections before it ends.
     void comeLate()
     {
         for (int n = 0; n < plan.lateComers; ++n) {
@@ -182,7 +182,7 @@ private:
         return cells;
     }
 
-    // received: by the plugin's client, or -1 if there was none.
+    // received: bytes that the plugin's client received, or -1 if there was no client.
     void judge(const Player &player, qsizetype received)
     {
         const CellDevice &device = player.device;

@@ -7,8 +7,8 @@
 #include <QtCore/QByteArrayView>
 
 /*!
-    What a device says: messages of one length, "<device> <number> <letters> <checksum>\n", so that
-    each byte has its one place in its device's stream.
+    The stream of a device: messages of one length, "<device> <number> <letters> <checksum>\n". So
+    the place of each byte in its device's stream is known.
 */
 namespace Stream {
 
@@ -53,7 +53,7 @@ inline int numberIn(QByteArrayView begin)
     return valid ? number : -1;
 }
 
-// Whether a whole message is what its checksum says.
+// Whether the checksum of a whole message is correct.
 inline bool isIntact(QByteArrayView message)
 {
     constexpr qsizetype Covered = MessageBytes - ChecksumBytes - 2;

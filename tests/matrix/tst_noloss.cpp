@@ -12,7 +12,7 @@ namespace {
 constexpr int Messages = 10;
 constexpr qsizetype Size = Stream::MessageBytes;
 
-// Everything of a stream offered, parsed and consumed in one piece.
+// The whole stream is offered, parsed and consumed in one piece.
 void takeAll(Oracle &oracle, const QByteArray &stream)
 {
     oracle.offered(0, stream);
@@ -24,8 +24,8 @@ void takeAll(Oracle &oracle, const QByteArray &stream)
 } // namespace
 
 /*!
-    The no-loss matrix, shortened: fewer and smaller rounds than the program noloss plays. And that
-    its oracle notices what it is there for.
+    A short form of the no-loss matrix, with fewer and smaller rounds than the program noloss plays.
+    Also tests that the oracle finds each kind of error.
 */
 class tst_NoLoss : public QObject
 {
@@ -73,10 +73,10 @@ void tst_NoLoss::oracleNoticesLoss()
 void tst_NoLoss::oracleNoticesDisorder()
 {
     QByteArray swapped = stream;
-    std::swap(swapped[2 * Size - 1], swapped[2 * Size]); // a message's end and the next beginning
+    std::swap(swapped[2 * Size - 1], swapped[2 * Size]); // bytes of two messages
     Oracle oracle(stream);
     takeAll(oracle, swapped);
-    // From the first wrong byte on nothing counts as offered, and neither message is intact.
+    // Nothing counts as offered from the first wrong byte on. Neither message is intact.
     QCOMPARE(oracle.outOfOrder(), (stream.size() - 2 * Size + 1) + 2 * Size);
     QCOMPARE(oracle.missing(stream.size()), stream.size() - 2 * Size + 1);
 }
@@ -96,8 +96,8 @@ void tst_NoLoss::round_data()
     QTest::addColumn<Ending>("ending");
     QTest::addColumn<Transport>("transport");
     QTest::addColumn<Keys>("keys");
-    // Each way to end with and without TLS, each with one host and then the other. The idle
-    // time-out, which takes its time, once.
+    // Each ending with and without TLS, with plain and exact hosts by turns. The idle time-out is
+    // slow, so it is played here only with TLS.
     bool exact = false;
     for (const auto &ending : Endings) {
         for (const auto &transport : Transports) {
@@ -114,7 +114,7 @@ void tst_NoLoss::round_data()
             << Ending::NotifyAlone << Transport::Tls12 << Keys::Offsets;
     QTest::addRow("plugin destroyed, TLS 1.2, plain host")
             << Ending::Destroyed << Transport::Tls12 << Keys::None;
-    // With all keys each way to end, with or without TLS.
+    // Each ending with all keys, either with or without TLS.
     for (const auto &ending : Endings) {
         const auto &transport = Transports[exists(ending.value, Transport::Tcp) ? 0 : 2];
         QTest::addRow("%s, %s, all keys", ending.name, transport.name)

@@ -42,9 +42,9 @@ bool isRight(const Outcome &outcome)
 } // namespace
 
 /*!
-    Measures how long a good device takes to be served before, while and after others do their
-    worst, and writes a table to standard output. Exits with 1 if one took too long, with 2 if one
-    was never served, or if more was logged than may be.
+    Measures the time until a good device is served: before, while and after other devices do their
+    worst. Writes a table to standard output. Exits with 1 if a device took too long, with 2 if a
+    device was never served or if there were too many log lines.
 */
 int main(int argc, char **argv)
 {

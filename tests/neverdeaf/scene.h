@@ -20,19 +20,19 @@
 #include <vector>
 
 /*!
-    A plugin, a host that consumes everything at once, the log, and good devices, whose service is
-    what counts.
+    A plugin, a host that consumes everything at once, the log, and good devices. The tests measure
+    how fast the good devices are served.
 
     Thread: the plugin's.
 */
 class Scene : public QObject
 {
 public:
-    //! A device that connects, sends one line, ends properly, and knows when the host had it.
+    //! A device that connects, sends one line and ends normally. It knows when the host got that.
     class GoodDevice
     {
     public:
-        // Has its descriptor already, and nothing else.
+        // Opens its socket, but does not connect.
         explicit GoodDevice(Scene &owner)
             : scene(owner),
               line("good " + QByteArray::number(++owner.goodDevices) + '\n')
@@ -54,7 +54,8 @@ public:
             thread = std::thread([this] { play(); });
         }
         bool isServed() const { return served >= 0; }
-        // Milliseconds from go(), or from another time, to the host; negative if not served.
+        // Milliseconds from go(), or from sinceNs, until the host got the line. Negative if it did
+        // not.
         double servedAfter() const { return servedAfter(started); }
         double servedAfter(qint64 sinceNs) const
         {
@@ -81,12 +82,12 @@ public:
         Scene &scene;
         const QByteArray line;
         TlsDevice device{TLS1_3_VERSION};
-        qint64 started = 0; // nanoseconds of the scene's clock, as is served
+        qint64 started = 0; // nanoseconds of the scene's clock, like served
         qint64 served = -1;
         std::thread thread;
     };
 
-    // config: more than where to listen.
+    // config: keys in addition to address and port.
     explicit Scene(bool useTls, QJsonObject config = {}) : tls(useTls), port(freePort())
     {
         clock.start();
@@ -99,8 +100,8 @@ public:
         connect(plugin.get(), &IInputPlugin::receivedData, this, &Scene::receive);
     }
 
-    // Milliseconds that a good device takes from connecting to the host; negative if it never
-    // gets there.
+    // Milliseconds from the connect of a good device until the host got its line. Negative if it
+    // never did.
     double serve()
     {
         GoodDevice good(*this);
@@ -117,7 +118,7 @@ public:
         std::sort(times.begin(), times.end());
         return times.front() < 0 ? -1 : times[Devices / 2];
     }
-    // While function runs in another thread: the longest that a good device took.
+    // Runs function in another thread. Returns the longest time of a good device meanwhile.
     double serveDuring(const std::function<void()> &function)
     {
         std::atomic<bool> over{false};
@@ -143,7 +144,7 @@ public:
     const quint16 port;
     QElapsedTimer clock;
     int goodDevices = 0;
-    bool consumesAll = true; // or only what good devices send
+    bool consumesAll = true; // false: the host consumes only lines of good devices
 
 private:
     void receive(const shared_parsedData &record)

@@ -20,7 +20,7 @@ private Q_SLOTS:
     void goodDevicesAreServed();
 };
 
-// More than may wait at the same time: those that are gone do not count.
+// More connections than may wait at the same time. Closed ones do not count as waiting.
 constexpr int Closers = 4500;
 
 using Case = std::function<Outcome()>;

@@ -11,7 +11,7 @@ using namespace Qt::StringLiterals;
 
 using SubIdMap = QMap<QString, QString>;
 
-//! Writes down what is called.
+//! A plugin that records which of its functions are called.
 class TestPlugin : public IInputPlugin
 {
 public:

@@ -5,13 +5,13 @@
 
 #include "plugin/parseddata.h"
 
-// The host's class, of which the record knows only the name.
+// A class of the host. The record knows only its name.
 class Device
 {};
 
 namespace recordlayout {
 
-// The record's members as hosts that were built separately know them.
+// The record's members, in the layout that separately built hosts expect.
 struct Layout
 {
     QString format;

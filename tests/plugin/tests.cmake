@@ -1,7 +1,7 @@
 # SPDX-FileCopyrightText: the tcpinputplugin2 authors
 # SPDX-License-Identifier: MIT
 
-# The shared headers alone: they must serve a program that never sees the library.
+# The shared headers alone: they must work in a program that does not load the library.
 foreach(name IN ITEMS
         tst_connection tst_cwrn tst_exactoffers tst_framework tst_frameworklayout tst_parseddata
         tst_parseddatathreads)

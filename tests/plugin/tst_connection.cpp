@@ -22,7 +22,7 @@ static_assert(!std::is_polymorphic_v<Connection>);
 static_assert(std::is_copy_constructible_v<Connection> && std::is_copy_assignable_v<Connection>);
 static_assert(std::is_move_constructible_v<Connection> && std::is_move_assignable_v<Connection>);
 
-//! Sends and receives records through signals and slots, in whatever thread it lives.
+//! Sends and receives records through signals and slots, in any thread.
 class ConnectionRelay : public QObject
 {
     Q_OBJECT
@@ -61,7 +61,7 @@ private Q_SLOTS:
     void queuedToAnotherThread();
 
 private:
-    // A record with every member set, to objects of this test.
+    // A record with every member set. Its pointers refer to objects of this test.
     Connection complete();
     void compareToComplete(const Connection &c);
 
@@ -156,7 +156,7 @@ void tst_Connection::accessors()
 {
     compareToComplete(complete());
 
-    // Each setter can take its value back.
+    // Each setter can reset its member.
     Connection c = complete();
     c.setData(QByteArray());
     c.setSenderHost(QHostAddress());
@@ -290,7 +290,7 @@ void tst_Connection::queuedToAnotherThread()
                     Qt::QueuedConnection));
     thread.start();
 
-    // Both ways that records travel: a signal, and a call by name.
+    // Records are sent in two ways: with a signal, and with a call by name.
     Q_EMIT sender.send(complete());
     QVERIFY(QMetaObject::invokeMethod(receiver.get(), "receive", Qt::QueuedConnection,
                                       Q_ARG(Connection, complete())));

@@ -42,7 +42,7 @@ std::enable_if_t<std::is_integral_v<Integer>> replaceNext(QString &message, Inte
         message = message.arg(qlonglong(value), 0, 10, QLatin1Char(' '));
 }
 
-// What a line must be, written another way: the same time, then the message, on a debug stream.
+// Writes the expected line without CWRN: the same time, then the message, on a debug stream.
 template<class... Args>
 void writeReference(const QString &time, QtMsgType level, QString message, const Args &...args)
 {
@@ -60,8 +60,8 @@ QString textOf(const QList<CapturedMessage> &messages)
     return text;
 }
 
-// The text after time and blank of the one line that CWRN wrote; it and everything else that was
-// written must equal the reference's.
+// The text of the line that CWRN wrote, without time and blank. All messages that were written must
+// equal the reference's messages.
 template<class... Args>
 QString written(QtMsgType level, const QString &format, Args &&...args)
 {
@@ -79,7 +79,7 @@ QString written(QtMsgType level, const QString &format, Args &&...args)
     return actual.last().text.mid(TimeLength + 1);
 }
 
-// Runs in a process of its own: a fatal line ends it.
+// Runs in its own process, because a fatal line ends the process.
 int writeFatalLine()
 {
     const rlimit none{0, 0};
@@ -166,7 +166,7 @@ void tst_Cwrn::withoutArgumentsTheFormatIsUnchanged()
              QStringLiteral("%1 of %2, 100%"));
 }
 
-// Every combination of argument types in use, each with the value category it is used with.
+// Every combination of argument types that the library uses, with the same value categories.
 void tst_Cwrn::everyArgumentList()
 {
     QString s = QStringLiteral("in1");
@@ -222,7 +222,7 @@ void tst_Cwrn::laterArgumentsFillWhatEarlierOnesBroughtIn()
              QStringLiteral("id <later>."));
     QCOMPARE(written(QtDebugMsg, QStringLiteral("id %1, n %2."), QStringLiteral("<%2>"), 7),
              QStringLiteral("id <7>, n 7."));
-    // The lowest marker goes first, wherever it came from.
+    // The lowest marker is replaced first, even if it came with an argument.
     QCOMPARE(written(QtDebugMsg, QStringLiteral("%2 %3"), QStringLiteral("%1"), QStringLiteral("x"),
                      QStringLiteral("y")),
              QStringLiteral("x y"));
@@ -247,7 +247,7 @@ void tst_Cwrn::integerLimits()
 void tst_Cwrn::markers_data()
 {
     QTest::addColumn<QString>("format");
-    QTest::addColumn<QString>("expected"); // with the arguments "A", 12345, "C"
+    QTest::addColumn<QString>("expected"); // for the arguments "A", 12345, "C"
     const auto row = [](const char *format, const char *expected) {
         QTest::newRow(format) << QString::fromLatin1(format) << QString::fromLatin1(expected);
     };
@@ -255,7 +255,7 @@ void tst_Cwrn::markers_data()
     row("%3 %1 %2", "C A 12345");
     row("%1%1%2%3%3", "AA12345CC");
     row("%5 %10 %99", "A 12345 C");
-    row("%100 %2 %3", "C0 A 12345"); // two digits at most
+    row("%100 %2 %3", "C0 A 12345"); // a marker has at most two digits
     row("%%1 %2% %3%%", "%A 12345% C%%");
     row("%0 %1 %2", "A 12345 C");
     row("%x % 1 %1 %2 %3 %", "%x % 1 A 12345 C %");
@@ -268,7 +268,7 @@ void tst_Cwrn::markers()
 {
     QFETCH(QString, format);
     QFETCH(QString, expected);
-    // %L takes the default locale's group separators, on both sides of the comparison.
+    // %L uses the default locale's group separators, in CWRN and in the reference.
     const QLocale before;
     QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedStates));
     const QString text =
@@ -277,7 +277,7 @@ void tst_Cwrn::markers()
     QCOMPARE(text, expected);
 }
 
-// Qt itself warns of each argument without a marker, and the text stays as it was.
+// Qt itself warns of each argument without a marker. The text does not change.
 void tst_Cwrn::surplusArguments()
 {
     QString id = QStringLiteral("tcp");
@@ -331,7 +331,7 @@ void tst_Cwrn::textIsNeitherQuotedNorEscaped()
              QLatin1Char('[') + text + QLatin1Char(']'));
 }
 
-// Formats and arguments from a small alphabet in which markers are frequent.
+// Formats and arguments are made from a small alphabet, so that markers are frequent.
 void tst_Cwrn::randomFormats()
 {
     QRandomGenerator random(20240607);
@@ -386,7 +386,7 @@ void tst_Cwrn::timeIsTheLocalTime()
 
     const QTime time = QTime::fromString(text.left(TimeLength), QStringLiteral("hh:mm:ss.zzz"));
     const auto passed = [&](const QTime &end) {
-        return (before.msecsTo(end) + MsPerDay) % MsPerDay; // over midnight
+        return (before.msecsTo(end) + MsPerDay) % MsPerDay; // also correct over midnight
     };
     QVERIFY2(passed(time) <= passed(after), qUtf8Printable(text));
 }
@@ -411,7 +411,7 @@ void tst_Cwrn::manyThreads()
     QCOMPARE(messages.size(), Threads * Lines);
     const QRegularExpression form(
             QStringLiteral("^\\d\\d:\\d\\d:\\d\\d\\.\\d{3} thread (\\d) line (\\d+)$"));
-    QList<int> next(Threads, 0); // every thread's lines are whole and in its order
+    QList<int> next(Threads, 0); // each thread's lines are complete and in order
     for (const CapturedMessage &message : messages) {
         const QRegularExpressionMatch match = form.match(message.text);
         QVERIFY2(match.hasMatch(), qUtf8Printable(message.text));

@@ -31,11 +31,11 @@ namespace {
 
 const QString ClassName = u"TcpInputPlugin2"_s;
 
-//! A creator of the host's own, which the library knows by its virtual functions only.
+//! A creator made by the host. The library can only call its virtual functions.
 class HostCreator : public Factory<IInputPlugin>::Creator
 {
 public:
-    // atEnd: what it does when it is destroyed, after it is counted.
+    // counter: number of destroyed creators. atEnd: called by the destructor, after it has counted.
     explicit HostCreator(
             int &counter, std::function<void(const HostCreator *)> atEnd = [](auto *) {})
         : destroyed(counter),
@@ -55,12 +55,12 @@ private:
     const std::function<void(const HostCreator *)> end;
 };
 
-//! An exported symbol as nm prints it, with its name in clear.
+//! An exported symbol in the output of nm, with its demangled name.
 struct Symbol
 {
     QChar type;
-    QString name; // as in the file
-    QString meaning; // demangled; the name again if it is not mangled
+    QString name; // as in the library file
+    QString meaning; // demangled name; equal to name if that is not mangled
 };
 
 QString demangled(const QString &name)
@@ -76,7 +76,7 @@ QList<Symbol> exportedSymbols()
 {
     QProcess nm;
     nm.start(QStringLiteral(NM_PROGRAM),
-             // Without local ones: nobody can bind to them.
+             // Without local symbols: no other library can use them.
              {u"-D"_s, u"--defined-only"_s, u"--extern-only"_s, QStringLiteral(PLUGIN_FILE)});
     if (!nm.waitForFinished(HangGuardMs) || nm.exitCode() != 0)
         return {};
@@ -142,7 +142,7 @@ private Q_SLOTS:
     void metaObject();
 
     void exportedSymbolsAreTheContract();
-    void staysMappedAfterUnload(); // last: it unloads
+    void staysMappedAfterUnload(); // the last test: it unloads the library
 
 private:
     std::unique_ptr<IInputPlugin> makePlugin() const
@@ -188,7 +188,7 @@ void tst_EntryPoints::registerTwice()
 
     QCOMPARE(creators.size(), 1);
     QVERIFY(second);
-    QVERIFY(second != first); // the new one is made before the old one goes
+    QVERIFY(second != first); // the new creator is made before the old one is deleted
     const std::unique_ptr<IInputPlugin> plugin(second->create());
     QVERIFY(plugin);
     qDeleteAll(creators);
@@ -205,7 +205,7 @@ void tst_EntryPoints::registerDeletesTheCreatorThatWasThere()
     QCOMPARE(destroyed, 1);
 }
 
-// A creator that looks into the map when it is destroyed still finds itself there.
+// While a creator is destroyed, it is still in the map.
 void tst_EntryPoints::registerDeletesBeforeItRemoves()
 {
     int destroyed = 0;
@@ -270,7 +270,7 @@ void tst_EntryPoints::registerDetachesASharedMap()
 
     QCOMPARE(destroyed, 1);
     QVERIFY(creators.value(ClassName) != old);
-    QCOMPARE(copy.value(ClassName), old); // gone, but still what the other copy refers to
+    QCOMPARE(copy.value(ClassName), old); // deleted, but its pointer is still in the other copy
     qDeleteAll(creators);
 }
 
@@ -330,13 +330,13 @@ void tst_EntryPoints::castsWork()
     QVERIFY(object->inherits("IInputPlugin"));
     QVERIFY(object->inherits("IPlugin"));
     QVERIFY(!object->inherits("IConnectionHandler"));
-    // One meta-object for both sides is what makes qobject_cast work.
+    // Host and library use the same meta-object. qobject_cast needs that.
     QCOMPARE(plugin->metaObject()->superClass(), &IInputPlugin::staticMetaObject);
-    // All views share the address.
+    // As a plugin and as a QObject, it has the same address.
     QCOMPARE(static_cast<void *>(object), static_cast<void *>(plugin.get()));
 }
 
-// Each virtual function that the host calls arrives where it should.
+// A call of a virtual function by the host reaches the same function in the library.
 void tst_EntryPoints::virtualFunctionsMeet()
 {
     const std::unique_ptr<IInputPlugin> plugin = makePlugin();
@@ -355,7 +355,7 @@ void tst_EntryPoints::virtualFunctionsMeet()
     QVERIFY(messages[1].text.endsWith(u" TcpInput2(vt): subid[task] not set"));
 }
 
-// The library emits, the host's slots are called, and their answer returns.
+// When the library emits, the host's slots are called, and their return value reaches the library.
 void tst_EntryPoints::connectByPointerToMember()
 {
     const std::unique_ptr<IInputPlugin> plugin = makePlugin();
@@ -398,7 +398,7 @@ void tst_EntryPoints::connectByName()
     QCOMPARE(received[0][0].value<shared_parsedData>(), record);
 }
 
-// Names included: who lists a plugin's methods sees them.
+// Includes parameter names: a program that lists a plugin's methods can see them.
 void tst_EntryPoints::metaObject()
 {
     const std::unique_ptr<IInputPlugin> plugin = makePlugin();
@@ -446,7 +446,7 @@ void tst_EntryPoints::exportedSymbolsAreTheContract()
     QStringList metaObjects;
     for (const Symbol &symbol : symbols) {
         QString meaning = symbol.meaning;
-        if (meaning.startsWith(u"__")) // a sanitizer's
+        if (meaning.startsWith(u"__")) // a symbol of a sanitizer
             continue;
         if (meaning == symbol.name) {
             plainNames.append(symbol.name);
@@ -469,7 +469,7 @@ void tst_EntryPoints::exportedSymbolsAreTheContract()
     QCOMPARE(metaObjects, (QStringList{u"IConnectionHandler"_s, u"IInputPlugin"_s, u"IPlugin"_s}));
 }
 
-// Meta-types that the library registered must stay valid when a host unloads it.
+// The library has registered meta-types. They must stay valid when a host unloads the library.
 void tst_EntryPoints::staysMappedAfterUnload()
 {
     makePlugin().reset();

@@ -7,7 +7,7 @@
 
 namespace {
 
-// An offer of a connection, from its byte number offset on.
+// An offer whose first byte has the position offset in its connection.
 shared_parsedData offerOf(quint64 connection, quint64 offset, const QByteArray &bytes)
 {
     shared_parsedData record(new ParsedData);
@@ -77,7 +77,7 @@ void tst_ExactOffers::repeatWithMoreBehind()
     offers.consume(offers.open(*offerOf(1, 0, "ab")), 2);
     const auto offer = offers.open(*offerOf(1, 0, "abcd"));
     QCOMPARE(freshOf(offer), QByteArray("cd"));
-    QCOMPARE(offers.consume(offer, 1), 3); // with what is repeated: positions are absolute
+    QCOMPARE(offers.consume(offer, 1), 3); // includes the two repeated bytes
     QCOMPARE(freshOf(offers.open(*offerOf(1, 0, "abcd"))), QByteArray("d"));
 }
 
@@ -97,9 +97,9 @@ void tst_ExactOffers::consumedInParts()
     ExactOffers offers;
     const auto offer = offers.open(*offerOf(1, 10, "abcd"));
     QCOMPARE(offers.consume(offer, 1), 1);
-    QCOMPARE(offers.consume(offer, 3), 3); // counted from the same front
+    QCOMPARE(offers.consume(offer, 3), 3); // both counts start at the front of the offer
     QCOMPARE(freshOf(offers.open(*offerOf(1, 10, "abcd"))), QByteArray("d"));
-    QCOMPARE(offers.consume(offer, 2), 2); // never goes back
+    QCOMPARE(offers.consume(offer, 2), 2); // a smaller count changes nothing
     QCOMPARE(freshOf(offers.open(*offerOf(1, 10, "abcd"))), QByteArray("d"));
 }
 
@@ -201,7 +201,7 @@ void tst_ExactOffers::anOfferKeepsAConnectionRemembered()
 void tst_ExactOffers::offersOpenAtATime()
 {
     ExactOffers offers;
-    for (quint64 round : {0U, 2U}) { // unknown ones at first, then known ones
+    for (quint64 round : {0U, 2U}) { // unknown connections at first, then known ones
         const auto first = offers.open(*offerOf(1, round, "abc"));
         const auto second = offers.open(*offerOf(2, round, "abc"));
         QCOMPARE(offers.consume(first, 2), 2);
@@ -240,7 +240,7 @@ void tst_ExactOffers::forgetsByTheEnd()
     const auto other = offers.open(*offerOf(2, 0, "cd"));
     QVERIFY(!other.isEnd());
     QVERIFY(other.fresh().isEmpty());
-    QVERIFY(offers.open(*record).isEnd()); // of a connection that is not remembered
+    QVERIFY(offers.open(*record).isEnd()); // the connection is already forgotten
 }
 
 void tst_ExactOffers::endWithoutPosition()
@@ -252,7 +252,7 @@ void tst_ExactOffers::endWithoutPosition()
     QVERIFY(!offers.open(ParsedData()).isEnd());
 }
 
-// A host may have added others, and no key is taken for another of the same length.
+// A host may have added other keys. No key may be confused with another one of the same length.
 void tst_ExactOffers::valuesAreThoseOfTheirKeys()
 {
     QMap<QString, QString> map{{QStringLiteral("tesk"), QStringLiteral("1")},

@@ -39,7 +39,7 @@ public:
 
 } // namespace
 
-// How the classes behave.
+// The behaviour of the framework's classes.
 class tst_Framework : public QObject
 {
     Q_OBJECT
@@ -113,7 +113,7 @@ void tst_Framework::setConfigReplacesTheWholeObject()
     config.insert(u"port"_s, 4);
 
     QCOMPARE(plugin.config, (QJsonObject{{u"port"_s, 3}}));
-    QCOMPARE(plugin.calls, QString()); // above all no onConfigChanged()
+    QCOMPARE(plugin.calls, QString()); // no function was called, not even onConfigChanged()
     for (const QSignalSpy *spy : {&error, &connected, &disconnected, &received, &terminate})
         QCOMPARE(spy->count(), 0);
 
@@ -143,7 +143,7 @@ void tst_Framework::metaCallsDispatchVirtually()
     QCOMPARE(plugin.calls, u"onConfigChanged start start stop discard(17,3) "_s);
 }
 
-// Each slot exists twice, in IPlugin's and in IInputPlugin's part; both lead to the override.
+// The meta-objects of IPlugin and of IInputPlugin both have each slot. Both call the override.
 void tst_Framework::metaCallsThroughTheBase()
 {
     TestPlugin plugin(nullptr);
@@ -302,7 +302,7 @@ void tst_Framework::handlerReceivesACopy()
         QCOMPARE(received.getPluginId(), u"tcp"_s);
         QCOMPARE(received.getTcpServer(), &server);
     }
-    QCOMPARE(connection.getPluginId(), u"tcp"_s); // the handler changed its own
+    QCOMPARE(connection.getPluginId(), u"tcp"_s); // the handler changed only its own copy
     QCOMPARE(handler.stops, 1);
 }
 
@@ -371,7 +371,7 @@ void tst_Framework::creatorsAreDestroyedVirtually()
     const std::unique_ptr<IInputPlugin> plugin(creator->create());
     delete creator;
     QCOMPARE(destroyed, 1);
-    QCOMPARE(plugin->getStatus(), u"status"_s); // what it made lives on
+    QCOMPARE(plugin->getStatus(), u"status"_s); // the plugin outlives its creator
 }
 
 void tst_Framework::creatorMap()

@@ -49,12 +49,12 @@ QStringList methodsOf(const QMetaObject &meta)
 
 void compareLists(const QStringList &actual, const QStringList &expected)
 {
-    QCOMPARE(actual, expected); // one line for each, so that QCOMPARE can name the first difference
+    QCOMPARE(actual, expected); // one line each: QCOMPARE names the first difference
 }
 
 } // namespace
 
-// What programs that were built separately must agree on.
+// The binary interface that separately built programs must share.
 class tst_FrameworkLayout : public QObject
 {
     Q_OBJECT
@@ -151,14 +151,14 @@ void tst_FrameworkLayout::connectionHandlerVirtualOrder()
 
 void tst_FrameworkLayout::creatorVirtualOrder()
 {
-    // A destructor takes two slots: it alone, and with the memory.
+    // A destructor takes two slots: one destroys only, the other one also frees the memory.
     QCOMPARE(virtualSlot(&Factory<IInputPlugin>::Creator::create), 2);
     QCOMPARE(virtualSlot(&Register<TestPlugin, IInputPlugin>::Creator::create), 2);
 }
 
 void tst_FrameworkLayout::memberOrder()
 {
-    // QObject, plugin id, configuration, one word.
+    // The order is: QObject, plugin id, configuration, one word.
     constexpr std::size_t PluginIdOffset = sizeof(QObject);
     constexpr std::size_t ConfigOffset = PluginIdOffset + sizeof(QString);
     constexpr std::size_t WordOffset = ConfigOffset + sizeof(QJsonObject);
@@ -167,7 +167,7 @@ void tst_FrameworkLayout::memberOrder()
     QCOMPARE(sizeof(IConnectionHandler), sizeof(QObject));
 
     for (const bool configured : {false, true}) {
-        // The word must be zero by construction, not by luck.
+        // The constructor must set the word to zero. So fill the memory with another value first.
         alignas(TestPlugin) char memory[sizeof(TestPlugin)];
         std::memset(memory, 0xA5, sizeof(memory));
         auto *plugin = configured ? new (memory) TestPlugin(nullptr, {{u"a"_s, 1}})

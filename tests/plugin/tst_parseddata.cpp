@@ -18,7 +18,7 @@ static_assert(!std::is_move_constructible_v<ParsedData> && !std::is_move_assigna
 static_assert(!std::is_polymorphic_v<ParsedData>);
 static_assert(std::is_same_v<shared_parsedData, QSharedPointer<ParsedData>>);
 
-// A record by itself.
+// A record in a single thread.
 class tst_ParsedData : public QObject
 {
     Q_OBJECT
@@ -174,7 +174,7 @@ void tst_ParsedData::subIds()
     const QString task = QStringLiteral("task");
     const QString client = QStringLiteral("client");
     QVERIFY(record.getPluginSubIdKey(task).isEmpty());
-    QVERIFY(record.getPluginSubId().isEmpty()); // asking adds nothing
+    QVERIFY(record.getPluginSubId().isEmpty()); // reading adds no entry
 
     record.addPluginSubId(task, QStringLiteral("0"));
     record.addPluginSubId(client, QStringLiteral("tcp2:a"));
@@ -185,7 +185,7 @@ void tst_ParsedData::subIds()
     QVERIFY(record.getPluginSubIdKey(QStringLiteral("Task")).isEmpty());
     QCOMPARE(record.getPluginSubId().size(), 2);
 
-    // The map that was handed out stays as it was.
+    // A map that was returned before does not change.
     const QMap<QString, QString> before = record.getPluginSubId();
     record.addPluginSubId(task, QStringLiteral("2"));
     QCOMPARE(before.value(task), QStringLiteral("1"));
@@ -202,7 +202,7 @@ void tst_ParsedData::fields()
     QCOMPARE(record.getField(QStringLiteral("empty")), QString());
     QCOMPARE(record.getField(QStringLiteral("Speed")), QStringLiteral("<undef>"));
     QCOMPARE(record.getField(QString()), QStringLiteral("<undef>"));
-    QCOMPARE(record.getData().size(), 2); // asking adds nothing
+    QCOMPARE(record.getData().size(), 2); // reading adds no entry
 
     record.setData({});
     QCOMPARE(record.getField(name), QStringLiteral("<undef>"));
@@ -218,7 +218,7 @@ void tst_ParsedData::dataLength()
     record.setOriginalMessage(QByteArray());
     QCOMPARE(record.getDataLength(), 0);
 
-    // Truncated to int: a size whose lower 32 bits are small. No byte of it is touched.
+    // The size is truncated to int: its lower 32 bits are small. No byte is read.
     constexpr qsizetype Large = (qsizetype(1) << 32) + 5;
     record.setOriginalMessage(QByteArray::fromRawData("", Large));
     QCOMPARE(record.getDataLength(), 5);
@@ -293,7 +293,7 @@ void tst_ParsedData::timestampIsTheCreationTime()
 
 void tst_ParsedData::timestampZones()
 {
-    // A local time that differs from UTC, whatever the machine's zone is.
+    // Sets a local time that differs from UTC, independent of the machine's time zone.
     const QByteArray oldZone = qgetenv("TZ");
     const bool hadZone = qEnvironmentVariableIsSet("TZ");
     qputenv("TZ", "XYZ-05:30");
@@ -315,7 +315,7 @@ void tst_ParsedData::timestampZones()
         QCOMPARE(record.getTimestamp(QTimeZone::systemTimeZone()), local);
         QCOMPARE(record.getTimestamp(QTimeZone(3600)), local);
         QCOMPARE(record.getTimestamp(QTimeZone(QByteArrayLiteral("Europe/Berlin"))), local);
-        QCOMPARE(timestamp.timeSpec(), Qt::LocalTime); // a copy was converted
+        QCOMPARE(timestamp.timeSpec(), Qt::LocalTime); // only a copy was converted
     }
     if (hadZone)
         qputenv("TZ", oldZone);
@@ -341,7 +341,7 @@ void tst_ParsedData::gettersReturnCopies()
     QCOMPARE(record.getData().size(), 1);
     QVERIFY(record.getPluginSubId().isEmpty());
 
-    // The map that was given stays the giver's.
+    // The record has its own copy of the map.
     QMap<QString, QString> given{{QStringLiteral("x"), QStringLiteral("y")}};
     record.setData(given);
     given.insert(QStringLiteral("x"), QStringLiteral("changed"));
@@ -386,7 +386,7 @@ void tst_ParsedData::memberOrder()
     QCOMPARE(memberAt<bool>(record, offsetof(Layout, parsed)), false);
     QCOMPARE(memberAt<bool>(record, offsetof(Layout, gpsPosData)), true);
     QCOMPARE(memberAt<Device *>(record, offsetof(Layout, device)), &device);
-    // The lock's place is shown by the tests that take it.
+    // The tests that take the lock check its offset.
 }
 
 QTEST_GUILESS_MAIN(tst_ParsedData)

@@ -32,7 +32,7 @@ std::unique_ptr<QThread> runInThread(std::function<void()> function)
     return thread;
 }
 
-// A lock that a reader holds refuses further readers only while a writer waits.
+// Whether a writer waits, if a reader holds the lock: only then does it refuse further readers.
 bool writerWaits(QReadWriteLock &lock)
 {
     if (!lock.tryLockForRead())
@@ -68,7 +68,7 @@ Q_SIGNALS:
     void send(shared_parsedData data);
 };
 
-// A record that several holders and several threads share.
+// A record that is shared by several holders and several threads.
 class tst_ParsedDataThreads : public QObject
 {
     Q_OBJECT
@@ -122,7 +122,7 @@ void tst_ParsedDataThreads::queuedDelivery()
         sent.append(record);
         Q_EMIT sender.send(record);
     }
-    // By name too, under either of the type's names.
+    // Also with calls by name, under each of the type's two names.
     QVERIFY(QMetaObject::invokeMethod(&receiver, "receive", Qt::QueuedConnection,
                                       Q_ARG(shared_parsedData, sent[0])));
     QVERIFY(QMetaObject::invokeMethod(&receiver, "receive", Qt::QueuedConnection,
@@ -155,7 +155,7 @@ void tst_ParsedDataThreads::queuedEventHoldsTheRecord()
     QTRY_COMPARE(receiver.count.load(), 1);
     QVERIFY(observer.isNull());
 
-    // An undelivered record goes with the event.
+    // A record that is not delivered is released with its event.
     {
         RecordRelay gone;
         connect(&sender, &RecordRelay::send, &gone, &RecordRelay::receive, Qt::QueuedConnection);
@@ -237,8 +237,8 @@ void tst_ParsedDataThreads::gettersWaitForWriters_data()
     QTest::newRow("getDataId") << Access([](ParsedData &r) { r.getDataId(); });
 }
 
-// A waiting reader cannot be seen from outside. So a getter that takes no lock gets many chances to
-// finish while the lock is held for writing; one that takes it never can.
+// A test cannot see that a reader waits. So it holds the lock for writing and gives the getter many
+// chances to finish. A getter that takes the lock cannot finish; one that takes no lock can.
 void tst_ParsedDataThreads::gettersWaitForWriters()
 {
     QFETCH(Access, getter);
@@ -279,13 +279,13 @@ void tst_ParsedDataThreads::deliberatelyUnlocked()
 {
     ParsedData record;
     record.setData({{QStringLiteral("a"), QStringLiteral("b")}});
-    const QWriteLocker locker(&lockOf(record)); // would hang a function that takes the lock
+    const QWriteLocker locker(&lockOf(record)); // a function that takes the lock would hang
     QCOMPARE(record.getField(QStringLiteral("a")), QStringLiteral("b"));
     QCOMPARE(record.getField(QStringLiteral("c")), QStringLiteral("<undef>"));
     QVERIFY(record.getTimestamp(QTimeZone::utc()).endsWith(QLatin1Char('Z')));
 }
 
-// Writers keep each member at one of a few whole values; readers must never see another.
+// Writers set each member only to a few known values. Readers must never see any other value.
 void tst_ParsedDataThreads::concurrentAccess()
 {
     constexpr int Rounds = 3000;

@@ -26,7 +26,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-// There is an end of the stream, or an error, behind the bytes that have come.
+// Whether the stream has ended, or has failed. There may be unread bytes before that end.
 inline bool peerHasClosed(qintptr descriptor)
 {
     pollfd polled = {static_cast<int>(descriptor), POLLRDHUP, 0};
@@ -34,7 +34,8 @@ inline bool peerHasClosed(qintptr descriptor)
 }
 
 /*!
-    The receiving end of one connection, bare, to tell a FIN from an RST.
+    The receiving end of one connection, made of system calls alone, which distinguish a FIN from an
+    RST.
 */
 class Peer : public QObject
 {
@@ -43,7 +44,7 @@ public:
         Open,
         Fin,
         Reset,
-        Here, // by close() or reset()
+        Here, // closed by close() or reset()
     };
 
     Peer(QObject *parent, qintptr descriptor, bool reads)
@@ -72,7 +73,7 @@ public:
         return ::poll(&polled, 1, 0) > 0;
     }
 
-    // If it has ended, the other direction as well.
+    // Closes both directions, even if the device has already ended its own.
     void close()
     {
         closeDescriptor();
@@ -128,7 +129,7 @@ private:
 };
 
 /*!
-    Receives TCP as it is.
+    Receives plain TCP.
 */
 class Receiver : public QTcpServer
 {
@@ -144,9 +145,9 @@ public:
     }
 
     bool reads = true;
-    bool answersEnd = true; // closes when the device has sent its FIN
-    QList<Peer *> peers; // as they came
-    int mostOpen = 0; // at once
+    bool answersEnd = true; // closes a connection after the device's FIN
+    QList<Peer *> peers; // in order of their connections
+    int mostOpen = 0; // largest number of connections open at once
 
 protected:
     void incomingConnection(qintptr descriptor) override
@@ -159,7 +160,7 @@ protected:
 };
 
 /*!
-    Receives TLS as Qt programs do.
+    Receives TLS with Qt's classes.
 */
 class TlsReceiver : public QTcpServer
 {
@@ -168,13 +169,13 @@ public:
         : configuration(sslConfiguration)
     {}
 
-    QList<QSslSocket *> sockets; // as they came
+    QList<QSslSocket *> sockets; // in order of their connections
     QHash<QSslSocket *, QByteArray> bytes;
-    QList<QSsl::SslProtocol> protocols; // one for each handshake done
+    QList<QSsl::SslProtocol> protocols; // one for each completed handshake
     QStringList peerNames; // of client certificates
     int encrypted = 0;
     int disconnected = 0;
-    int closeNotified = 0; // the end of the TLS stream came, but no FIN yet
+    int closeNotified = 0; // connections with the end of the TLS stream, but no FIN yet
 
 protected:
     void incomingConnection(qintptr descriptor) override
@@ -217,7 +218,8 @@ private:
 };
 
 /*!
-    The receiving end of one TLS connection, bare, to tell a FIN from an RST. Blocks.
+    The receiving end of one TLS connection, made with OpenSSL and system calls, which distinguish a
+    FIN from an RST. Its functions block.
 */
 class TlsPeer
 {
@@ -229,13 +231,14 @@ public:
     {
         SSL_CTX_use_certificate_chain_file(context.get(), QFile::encodeName(certFile));
         SSL_CTX_use_PrivateKey_file(context.get(), QFile::encodeName(keyFile), SSL_FILETYPE_PEM);
-        // No alert in answer to a mere FIN: it would make the device's kernel send an RST.
+        // Do not answer a FIN without close_notify with an alert. The device's kernel would answer
+        // the alert with an RST.
         SSL_CTX_set_options(context.get(), SSL_OP_IGNORE_UNEXPECTED_EOF);
         ssl.reset(SSL_new(context.get()));
         SSL_set_fd(ssl.get(), fd);
     }
 
-    // Of whatever authority.
+    // The certificate may come from any authority.
     void requireCertificate()
     {
         SSL_set_verify(ssl.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
@@ -250,7 +253,7 @@ public:
         }
     }
 
-    // What came until the end of the TLS stream, or of TCP.
+    // The bytes until the end of the TLS stream or of the TCP connection.
     QByteArray readToEnd()
     {
         QByteArray bytes;
@@ -266,7 +269,7 @@ public:
 
     void endTls() { SSL_shutdown(ssl.get()); }
 
-    // The kernel has no connection any more: a FIN alone would leave it half open.
+    // True if the kernel's connection is closed. After a FIN alone it would be half open.
     bool wasReset() const
     {
         tcp_info info = {};

@@ -38,7 +38,7 @@ inline QByteArray sha1(const QByteArray &bytes)
     return QCryptographicHash::hash(bytes, QCryptographicHash::Sha1).toHex();
 }
 
-// The stream of the device's messages first to last in the default format.
+// The bytes of the device's messages, from number first to number last.
 inline QByteArray stream(quint64 device, quint64 first, quint64 last, const Options &options = {})
 {
     const MessageFormat format(options);
@@ -49,7 +49,7 @@ inline QByteArray stream(quint64 device, quint64 first, quint64 last, const Opti
 }
 
 /*!
-    A run of the program, reporting as JSON.
+    A run of the program devicesim. It reports as JSON.
 */
 class Simulator
 {
@@ -75,7 +75,7 @@ public:
         process.start(QStringLiteral(DEVICESIM_FILE), arguments);
     }
 
-    // While this thread's receivers go on receiving.
+    // Runs this thread's event loop, so that receivers continue.
     bool waitForEnd()
     {
         const bool ended = QTest::qWaitFor(
@@ -93,7 +93,7 @@ public:
     QJsonArray connections() const { return document().value(text("connections")).toArray(); }
     QJsonObject connection(int index = 0) const { return connections().at(index).toObject(); }
 
-    QByteArray output; // once it has ended
+    QByteArray output; // valid after waitForEnd()
 
 private:
     QProcess process;
@@ -109,7 +109,7 @@ inline int number(const QJsonObject &object, const char *key)
     return object.value(text(key)).toInt(-1);
 }
 
-// Holds a port at which nobody listens.
+// Binds a port, but nobody listens on it.
 class DeafPort
 {
 public:
@@ -124,7 +124,7 @@ private:
     QTcpSocket socket;
 };
 
-// With certificates for TLS.
+// Tests of the program, with certificates for TLS.
 class SimulatorTest : public QObject
 {
 protected:
@@ -140,7 +140,7 @@ protected:
 inline void SimulatorTest::prepare()
 {
     QVERIFY(certificates.isValid());
-    std::signal(SIGPIPE, SIG_IGN); // TlsPeer writes to devices that are gone
+    std::signal(SIGPIPE, SIG_IGN); // TlsPeer may write to closed connections
     const QStringList newKey =
             words("req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes");
     const QStringList byAuthority{text("-CA"), file("ca.pem"), text("-CAkey"), file("ca.key")};

@@ -1,7 +1,7 @@
 # SPDX-FileCopyrightText: the tcpinputplugin2 authors
 # SPDX-License-Identifier: MIT
 
-# The simulator's parts that know neither sockets nor time.
+# The simulator's parts that use neither sockets nor timers.
 foreach(name IN ITEMS tst_devicesimoptions tst_devicesimparts)
     plugin_test(${name})
     target_link_libraries(${name} PRIVATE devicesim_core)

@@ -11,7 +11,7 @@
 using namespace simulator;
 using namespace simulatortest;
 
-// Devices that do what no device should.
+// Devices that break the rules on purpose.
 class tst_DeviceSimFaults : public SimulatorTest
 {
     Q_OBJECT
@@ -124,7 +124,7 @@ void tst_DeviceSimFaults::endsTlsOnlyWhateverThePeerAnswers()
 
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
-    QCOMPARE(end(simulator.connection()), text("closed")); // by itself, after the time it lingers
+    QCOMPARE(end(simulator.connection()), text("closed")); // by the device, after its linger time
     QVERIFY(number(simulator.summary(), "elapsedMs") >= 190);
 }
 
@@ -149,7 +149,7 @@ void tst_DeviceSimFaults::closesWithoutReading()
     QVERIFY(listener.waitForNewConnection(HangGuardMs));
     const std::unique_ptr<QTcpSocket> accepted(listener.nextPendingConnection());
 
-    // OpenSSL itself: QSslSocket does not tell a FIN from an RST.
+    // OpenSSL directly: QSslSocket does not distinguish a FIN from an RST.
     TlsPeer peer(accepted->socketDescriptor(), file("server.pem"), file("server.key"));
     QVERIFY(peer.handshake()); // sends session tickets
     QCOMPARE(peer.readToEnd().left(65), stream(1, 1, 1));

@@ -10,7 +10,7 @@
 using namespace simulator;
 using namespace partstest;
 
-// The command line, and the endings that it asks for.
+// The command line, and the kinds of ending that it can set.
 class tst_DeviceSimOptions : public QObject
 {
     Q_OBJECT
@@ -206,7 +206,7 @@ void tst_DeviceSimOptions::rejects()
     QCOMPARE(parse(commandLine.constData()).error, error);
 }
 
-// These complaints are Qt's.
+// The texts of these errors are Qt's.
 void tst_DeviceSimOptions::rejectsWhatItCannotParse()
 {
     for (const char *commandLine : {"--nonsense", "--port"}) {

@@ -25,7 +25,7 @@ QByteArray messageOf(const Options &options, quint64 device, quint64 number)
     return message;
 }
 
-// Takes the stream out as a socket would that accepts everything. Returns the segments.
+// Takes all bytes, like a socket that accepts every write. Returns the segments.
 QList<QByteArray> drain(Outbox &outbox)
 {
     QList<QByteArray> segments;
@@ -45,7 +45,7 @@ Segmenter segmenter(const Options &options, quint64 stream = 1)
 
 } // namespace
 
-// Messages, segments, paces.
+// Messages, segments and paces.
 class tst_DeviceSimParts : public QObject
 {
     Q_OBJECT
@@ -225,7 +225,7 @@ void tst_DeviceSimParts::holdsBackWhatIsNotDue()
     Outbox paced(format, segmenter(options), 1, 1, 30, false);
     Outbox unpaced(format, segmenter(options), 1, 1, 30, false);
 
-    // However slowly messages become due, the cuts are the same.
+    // The segments do not depend on how fast messages become due.
     QList<QByteArray> segments;
     for (quint64 due = 1; due <= 30; ++due) {
         for (;;) {
@@ -264,7 +264,7 @@ void tst_DeviceSimParts::emptyStreamIsAtEnd()
 
 void tst_DeviceSimParts::paces()
 {
-    Pace pace(0.001); // an event in 1000 s
+    Pace pace(0.001); // one event in 1000 s
     QCOMPARE(pace.due(), quint64(1));
     pace.start();
     QCOMPARE(pace.due(), quint64(1));

@@ -16,7 +16,7 @@
 using namespace simulator;
 using namespace simulatortest;
 
-// The simulator as a program: what it reports, and its exit status.
+// The program devicesim: its report and its exit status.
 class tst_DeviceSimReport : public QObject
 {
     Q_OBJECT
@@ -93,16 +93,16 @@ void tst_DeviceSimReport::countsWhatTheKernelAccepted()
     receiver.reads = false;
     QVERIFY(receiver.listen(testAddress()));
     Simulator simulator;
-    // A message larger than what kernels buffer: it cannot be finished.
+    // The message is larger than the kernels' buffers, so it cannot be sent completely.
     simulator.start(receiver, words("--messages 0 --size 60000000"));
     QTRY_COMPARE(receiver.peers.size(), 1);
     QTRY_VERIFY(receiver.peers.first()->bytesWait());
     simulator.signal(SIGTERM);
-    simulator.signal(SIGINT); // or it would wait a while for a receiver that does not read
+    simulator.signal(SIGINT); // otherwise it would wait for the receiver, which does not read
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
 
-    // What the kernel has accepted it delivers, though the program has ended.
+    // The kernel delivers all bytes that it has accepted, even after the end of the program.
     Peer *peer = receiver.peers.first();
     peer->startReading();
     QTRY_COMPARE(peer->ended, Peer::Fin);
@@ -141,7 +141,7 @@ void tst_DeviceSimReport::peerEndsEarly()
     Receiver receiver;
     QVERIFY(receiver.listen(testAddress()));
     Simulator simulator;
-    simulator.start(receiver, words("--messages 0 --rate 1")); // it has time to notice
+    simulator.start(receiver, words("--messages 0 --rate 1")); // runs long enough to notice the end
     QTRY_COMPARE(receiver.peers.size(), 1);
     Peer *peer = receiver.peers.first();
     QTRY_VERIFY(!peer->bytes.isEmpty());

@@ -13,7 +13,7 @@
 using namespace simulator;
 using namespace simulatortest;
 
-// The simulator as a program: what receivers see of it.
+// The program devicesim: what receivers get from it.
 class tst_DeviceSimSending : public QObject
 {
     Q_OBJECT
@@ -115,7 +115,7 @@ void tst_DeviceSimSending::closes()
     QVERIFY(receiver.listen(testAddress()));
     Simulator simulator;
     simulator.start(receiver, words("--messages 10 --close close"));
-    QVERIFY(simulator.waitForEnd()); // without any answer
+    QVERIFY(simulator.waitForEnd()); // it waits for no answer
     QCOMPARE(simulator.exitCode(), 0);
     QTRY_COMPARE(receiver.peers.size(), 1);
     QTRY_COMPARE(receiver.peers.first()->ended, Peer::Fin);
@@ -151,7 +151,7 @@ void tst_DeviceSimSending::halfCloseGoesUnanswered()
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
     QCOMPARE(end(simulator.connection()), text("unanswered"));
-    QVERIFY(number(simulator.summary(), "elapsedMs") >= 190); // less what a coarse timer may miss
+    QVERIFY(number(simulator.summary(), "elapsedMs") >= 190); // a coarse timer may be 5 % early
 }
 
 void tst_DeviceSimSending::aborts()
@@ -220,7 +220,7 @@ void tst_DeviceSimSending::reconnects()
     Receiver receiver;
     QVERIFY(receiver.listen(testAddress()));
     Simulator simulator;
-    // Half-closing: the next connection comes after the receiver has seen the end of the last.
+    // With half-close, the receiver has seen the end of a connection before the next one begins.
     simulator.start(receiver, words("--messages 8 --reconnect 2 --close half-close"));
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
@@ -243,7 +243,7 @@ void tst_DeviceSimSending::bindsInTurn()
     Receiver receiver;
     QVERIFY(receiver.listen(testAddress()));
     const quint32 own = testAddress().toIPv4Address();
-    const QString first = QHostAddress(own ^ (1U << 22U)).toString(); // not the receiver's
+    const QString first = QHostAddress(own ^ (1U << 22U)).toString(); // not the receiver's address
     Simulator simulator;
     simulator.start(
             receiver,
@@ -263,7 +263,7 @@ void tst_DeviceSimSending::ipv6()
 {
     Receiver receiver;
     if (!receiver.listen(QHostAddress::LocalHostIPv6))
-        QSKIP("no IPv6 here", ); // the comma: pedantic compilers want the macro's second argument
+        QSKIP("no IPv6 here", ); // the comma: pedantic compilers require a second argument
     Simulator simulator;
     simulator.start(receiver, words("--messages 3"));
     QVERIFY(simulator.waitForEnd());
@@ -310,7 +310,8 @@ void tst_DeviceSimSending::keepsItsConnectRate()
 
 void tst_DeviceSimSending::limitsOpenConnections()
 {
-    // Half-closing devices are open until the receiver closes them, so it sees what is open.
+    // With half-close, a connection is open until the receiver closes it. So the receiver can count
+    // the open ones.
     Receiver receiver;
     QVERIFY(receiver.listen(testAddress()));
     Simulator simulator;

@@ -76,7 +76,7 @@ void tst_DeviceSimTls::tls()
     }
 }
 
-// Session tickets may not make the kernel throw away what is on its way.
+// Unread session tickets must not make the device's kernel drop bytes that are not sent yet.
 void tst_DeviceSimTls::tlsDeliversThenCloses()
 {
     TlsReceiver receiver(serverConfiguration());
@@ -163,7 +163,7 @@ void tst_DeviceSimTls::tlsServerRefusesDevice()
     QVERIFY(!simulator.connection().value(text("error")).toString().isEmpty());
 }
 
-// Qt's way to refuse is to close, so only a device that has more to say can notice.
+// Qt refuses a device by closing the connection. Only a device that still sends can notice that.
 void tst_DeviceSimTls::tlsQtServerRefusesDevice()
 {
     QSslConfiguration configuration = serverConfiguration();
@@ -203,7 +203,7 @@ void tst_DeviceSimTls::tlsUnusableFiles()
             {text("--ca"), file("none.pem")},
             {text("--cert"), file("none.pem"), text("--key"), file("device.key")},
             {text("--cert"), file("device.pem"), text("--key"), file("none.key")},
-            {text("--cert"), file("device.pem"), text("--key"), file("server.key")}, // not its key
+            {text("--cert"), file("device.pem"), text("--key"), file("server.key")}, // another key
     };
     for (const QStringList &arguments : commandLines) {
         Simulator simulator;
@@ -217,7 +217,7 @@ void tst_DeviceSimTls::tlsUnusableFiles()
 
 void tst_DeviceSimTls::tlsHandshakeTimesOut()
 {
-    Receiver receiver; // says nothing
+    Receiver receiver; // never answers the ClientHello
     QVERIFY(receiver.listen(testAddress()));
     Simulator simulator;
     simulator.start(receiver, words("--tls --connect-timeout-ms 200"));

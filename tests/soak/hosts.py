@@ -13,7 +13,7 @@ RESTARTINGHOST = "tests/soak/restartinghost"
 PROGRAMS = (INPUTHOST, RESTARTINGHOST)
 WORKERS = 4
 DESCRIPTORS_PER_WORKER = 2
-# Short: what an idle connection keeps must be gone at the next quiet point.
+# Short, so that idle connections have ended at the next quiet point.
 IDLE_TIMEOUT_SECONDS = 8
 
 
@@ -27,7 +27,7 @@ class WatchedHost(Host):
         super().__init__(build, program, certificates=certificates,
                          settings={"timeout": IDLE_TIMEOUT_SECONDS, "threadpoolSize": WORKERS},
                          options=("--output", "count", "--log-level", "warning"))
-        # What a host without connections has, once its workers are there.
+        # What a host without connections has when all its workers have started.
         self.level = {"descriptors": self.descriptors() + WORKERS * DESCRIPTORS_PER_WORKER,
                       "threads": self.threads() + WORKERS}
         self._most_at_rest = self.level["descriptors"]

@@ -16,14 +16,14 @@ from hosts import IDLE_TIMEOUT_SECONDS
 STEADY_SECONDS = 12
 ROUGH_SECONDS = 6
 RELOADS_A_CYCLE = 3
-SECONDS_FOR_THE_END = 30  # of the last connections, when the devices are gone
+SECONDS_FOR_THE_END = 30  # for the end of the last connections, after the devices' end
 
 
 @dataclasses.dataclass(frozen=True)
 class Sent:
     connections: int
     content: tuple  # (messages, bytes without newlines)
-    failures: list  # devices that could not do what they were to do
+    failures: list  # devices that could not do their task
 
     def __add__(self, other):
         content = tuple(map(sum, zip(self.content, other.content)))
@@ -59,7 +59,7 @@ def steady(hosts):
         else:
             for ending in ("close", "half-close", "abort"):
                 yield devices(*_churn(rate=15), "--close", ending)
-        # Ended by the idle time-out.
+        # The idle time-out ends these.
         yield devices("--connections", 3, "--messages", 1, "--close", "stay")
 
     return _play(hosts, of)

@@ -18,8 +18,9 @@
 using namespace host;
 
 namespace {
-constexpr int MostStarts = 8; // of one object
-// More than have offers at the same time, and few enough to be reached within the first cycle.
+constexpr int MostStarts = 8; // of one plugin object
+// The number is larger than that of connections with offers at the same time. It is small enough to
+// be reached in the first cycle.
 constexpr ExactOffers::Limits Remembered{std::chrono::minutes(1), 500};
 } // namespace
 
@@ -88,7 +89,7 @@ void RestartingHost::removePlugin()
     reader.setAnswering(true);
 }
 
-// What is still offered of connections that a stop() has ended comes after the next start().
+// The last offers of connections that stop() has ended may arrive after the next start().
 void RestartingHost::restart()
 {
     if (starts < MostStarts) {

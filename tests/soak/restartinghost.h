@@ -17,12 +17,13 @@
 class IInputPlugin;
 
 /*!
-    A host that stops and starts one plugin object again and again, where inputhost makes a new one
-    each time it reloads. Nothing undoes the signal connections that a start makes, so after some
-    starts the object makes room for a new one.
+    A host that stops and starts one plugin object several times, while inputhost makes a new object
+    at each reload. The signal connections that a start makes stay until the object is destroyed. So
+    after some starts, the host replaces the object.
 
-    Command line, counting and signals are inputhost's; SIGHUP restarts. SIGUSR1 also gives memory
-    that is free back to the system: what is resident then is in use, and a small leak shows.
+    Command line, counting and signals are the same as inputhost's. SIGHUP restarts the plugin.
+    SIGUSR1 also returns free memory to the system: so resident memory is memory in use, and small
+    leaks show.
 
     Thread: the main thread.
 */
@@ -33,7 +34,7 @@ public:
     explicit RestartingHost(const host::Options &commandLine);
     ~RestartingHost() override;
 
-    // Until SIGTERM or SIGINT, or until the plugin does not listen: the program's exit code.
+    // Runs until SIGTERM or SIGINT, or until the plugin does not listen. Returns the exit code.
     int run();
 
 private:

@@ -21,8 +21,8 @@ from verdict import Record
 from watch import Watch
 
 BUILD = ROOT / "build/dev"
-LEAST_CYCLES = 3  # two make the level of memory
-SECONDS_FOR_THE_END = 300  # of a cycle that has begun, on a busy machine
+LEAST_CYCLES = 3  # the first two set the level of memory
+SECONDS_FOR_THE_END = 300  # enough to finish the current cycle on a busy machine
 
 
 def main():

@@ -6,17 +6,17 @@
 import dataclasses
 
 MIB = 1 << 20
-# The level of memory is the highest of the first cycles.
+# The level of memory is the highest value of the first cycles.
 LEVEL_PART = 1 / 4
 LEAST_LEVEL_CYCLES = 2
 IN_USE_TOLERANCE = 1 * MIB
-# Allocators keep free memory for the next peak, and how many devices meet is a matter of chance.
+# Allocators keep free memory for the next peak, and the number of devices at a peak is random.
 KEPT_TOLERANCE = 0.25  # of the level
-# A host that waited longer for a CPU during the steady load than handshakes and idle devices can
-# bear tells of the machine, not of itself.
+# If a host waited longer for a CPU during the steady load, handshakes and idle devices may time
+# out. Such a cycle shows that the machine was busy, and says nothing about the host.
 MOST_WAITING_SECONDS = 2
 MOST_DISTURBED_PART = 1 / 10
-# The main thread has timers of its own, of seconds: one more or less falls into the time measured.
+# The main thread has timers of some seconds. One beat more or less may fall into the measured time.
 MAIN_WAKE_UPS_TOLERANCE = 3
 
 
@@ -26,12 +26,12 @@ class Record:
 
     level: dict  # descriptors and threads
     keeps_free_memory: bool
-    quiet: list = dataclasses.field(default_factory=list)  # QuietPoint
+    quiet: list = dataclasses.field(default_factory=list)  # of QuietPoint
     connections: int = 0
     sent: int = 0  # messages, while nothing was restarted
     counted: int = 0
-    connections_after: list = dataclasses.field(default_factory=list)  # each cycle
-    disturbed: list = dataclasses.field(default_factory=list)  # each cycle
+    connections_after: list = dataclasses.field(default_factory=list)  # one for each cycle
+    disturbed: list = dataclasses.field(default_factory=list)  # one for each cycle
     faults: list = dataclasses.field(default_factory=list)
 
     def add_steady(self, sent, counted, waited_seconds):
@@ -61,7 +61,7 @@ class Record:
 
     def memory_level(self):
         points = self.quiet[:self.level_cycles()]
-        if self.keeps_free_memory:  # where devices had to wait, more of them met
+        if self.keeps_free_memory:  # in disturbed cycles more devices are there at once
             points = points + [point for point, disturbed in zip(self.quiet, self.disturbed)
                                if disturbed]
         return max(point.resident for point in points)

@@ -11,9 +11,9 @@ from hosts import IDLE_TIMEOUT_SECONDS
 
 # Longer than any timer of a connection: the idle time-out, and the look at its buffer every 2 s.
 QUIET_SECONDS = IDLE_TIMEOUT_SECONDS + 2
-# A worker looks at the buffers of those that have read up to a second later, gone or not.
+# A worker looks at buffers up to a second after a read, even if that client is gone by then.
 LAST_LOOK_SECONDS = 2
-MOST_SAMPLES = 600  # more make no better plot
+MOST_SAMPLES = 600  # more would not improve the plot
 
 
 @dataclasses.dataclass(frozen=True)
@@ -56,7 +56,7 @@ class Watch(threading.Thread):
                 try:
                     samples.append(Sample(**self._held_by(host)))
                 except OSError:
-                    return  # a host is gone; who talks to it will say so
+                    return  # the host is gone; the next request to it will report that
 
     def quiet_points(self):
         """Waits for the last look and QUIET_SECONDS. Returns {host: QuietPoint}."""

@@ -30,7 +30,7 @@ inline QSslKey rsaKey(const QString &name)
     return QSslKey(certificateText(name).toLatin1(), QSsl::Rsa);
 }
 
-// What an empty object gives.
+// The configuration that an empty object gives.
 inline QSslConfiguration verifyingDefault()
 {
     QSslConfiguration config = QSslConfiguration::defaultConfiguration();
@@ -38,7 +38,7 @@ inline QSslConfiguration verifyingDefault()
     return config;
 }
 
-// Nothing is logged but what a test expects.
+// A test fails if it logs a line that it does not expect.
 class SslTest : public QObject
 {
 protected:
@@ -57,7 +57,7 @@ inline void SslTest::prepare()
         QVERIFY(!certificate(name + u".pem"_s).isNull());
         QVERIFY(!rsaKey(name + u".key"_s).isNull());
     }
-    // No option and no mode of the tests may be the default already.
+    // The options and modes that tests set must differ from the defaults.
     const auto config = QSslConfiguration::defaultConfiguration();
     QVERIFY(!config.testSslOption(QSsl::SslOptionDisableServerCipherPreference));
     QVERIFY(!config.handshakeMustInterruptOnError());

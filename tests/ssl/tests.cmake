@@ -6,5 +6,5 @@ foreach(name IN ITEMS tst_ssl tst_sslsettings)
     test_uses_certificates(${name})
 endforeach()
 tls_test(core tst_sessiontickets)
-# Alone in its process: the TLS backend is chosen once.
+# In its own process: a process chooses its TLS backend only once.
 core_test(tst_notlsbackend)

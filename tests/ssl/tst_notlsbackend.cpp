@@ -13,7 +13,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// Qt adds warnings of its own as soon as a server is made.
+// Without Qt's own warnings, which begin when a server is made.
 QStringList takeOurLog()
 {
     return takeLog().filter(QRegularExpression(u"^[DIW]: "_s));
@@ -21,7 +21,7 @@ QStringList takeOurLog()
 
 } // namespace
 
-// Qt without anything that can do TLS, as where its OpenSSL plugin is not installed.
+// Qt has no usable TLS backend. That is so, for example, if its OpenSSL plugin is not installed.
 class tst_NoTlsBackend : public QObject
 {
     Q_OBJECT
@@ -58,7 +58,7 @@ void tst_NoTlsBackend::tlsIsRefused()
                           u"W: TcpInputPlugin2(p): Failed to setup certificates, aborting"_s}));
     QCOMPARE(plugin.getStatus(), u"Listen: :0, timeout: 60s, pool size: 4\r\n"_s);
 
-    // TLS stays asked for, without its key.
+    // The object still uses TLS, although the new configuration has no key "ssl".
     plugin.setConfig(plain);
     QVERIFY(plugin.start());
     QVERIFY(takeOurLog().contains(u"I: TcpInputPlugin2(p): Starting SSL server on port %1"_s.arg(

@@ -20,7 +20,7 @@
 namespace {
 
 constexpr int MessageBytes = 16000;
-constexpr int UnsentBytes = 4 * MessageBytes; // far below what the kernel takes
+constexpr int UnsentBytes = 4 * MessageBytes; // much less than the kernel's buffer holds
 
 QString text(const char *latin1)
 {
@@ -49,8 +49,8 @@ int unsent(const TlsDevice &device)
 } // namespace
 
 /*!
-    What a TLS device that never reads after the handshake has to fear: bytes from the server that
-    lie unread in its kernel when it closes.
+    TLS devices that never read after the handshake. If such a device closes while bytes from the
+    server are unread in its kernel, the kernel drops the device's unsent bytes.
 */
 class tst_SessionTickets : public QObject
 {
@@ -104,7 +104,7 @@ void tst_SessionTickets::cleanup()
     log.clear();
 }
 
-// Whatever the server says at the end of a handshake, it has said when this returns.
+// When this returns, the server has sent all that it sends at the end of a handshake.
 bool tst_SessionTickets::connectAndGreet(TlsDevice &device)
 {
     bool sent = false;
@@ -137,8 +137,8 @@ void tst_SessionTickets::closesWithoutReading_data()
     nothingIsLeftToRead_data();
 }
 
-// The worker does not read until the device has closed, with bytes in its kernel that had no room
-// in the server's. Had the device anything unread, they would be thrown away.
+// The worker reads only after the device has closed. By then the server's kernel is full, and bytes
+// wait in the device's kernel. They would be dropped if the device had unread bytes.
 void tst_SessionTickets::closesWithoutReading()
 {
     QFETCH(int, version);
@@ -173,7 +173,7 @@ void tst_SessionTickets::closesWithoutReading()
     QVERIFY(received == sent);
 }
 
-// The host may serve TLS, too: its servers stay as they are.
+// The host may have TLS servers of its own. The library must not change them.
 void tst_SessionTickets::otherServersIssueThem()
 {
     QSslConfiguration tls;
@@ -183,7 +183,7 @@ void tst_SessionTickets::otherServersIssueThem()
     QVERIFY(hosts.listen(testAddress()));
 
     TlsDevice ours(TLS1_3_VERSION);
-    QVERIFY(connectAndGreet(ours)); // ours comes first, so it could have spoilt it
+    QVERIFY(connectAndGreet(ours)); // the library's server first, as it might change the host's
     TlsDevice theirs(TLS1_3_VERSION);
     bool arrived = false;
     QVERIFY(play([&] {

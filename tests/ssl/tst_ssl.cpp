@@ -21,7 +21,7 @@ namespace {
 
 const QString NoNameLine = u"w: QFSFileEngine::open: No file name specified"_s; // Qt's own
 
-// The CA certificates that were added to the default ones.
+// The CA certificates in addition to the default ones.
 QList<QSslCertificate> addedAuthorities(const QSslConfiguration &config)
 {
     return config.caCertificates().mid(
@@ -95,7 +95,7 @@ void tst_Ssl::emptyObject()
 
 void tst_Ssl::unknownKeysAreIgnored()
 {
-    // Names are exact.
+    // Names of keys are case-sensitive and must match exactly.
     const QJsonObject object{{u"cafile"_s, u"/nowhere"_s},     {u"CAFILE"_s, u"/nowhere"_s},
                              {u"certFile"_s, u"/nowhere"_s},   {u"CertFile "_s, u"/nowhere"_s},
                              {u"Keyfile"_s, u"/nowhere"_s},    {u"TLSVersion"_s, u"1.3"_s},
@@ -125,7 +125,7 @@ void tst_Ssl::callersConfigurationIsOverwritten()
     QVERIFY(config == verifyingDefault());
     QVERIFY(!config.handshakeMustInterruptOnError());
 
-    // Also when the result is false.
+    // The configuration is also reset when the result is false.
     config.setProtocol(QSsl::TlsV1_2);
     QVERIFY(!ssl::readSslConfig({{u"CAFile"_s, QString()}}, config));
     QCOMPARE(takeLog(),
@@ -265,7 +265,7 @@ void tst_Ssl::noParseableContents_data()
                                               "-----END PRIVATE KEY-----\n");
 }
 
-// Certificates and keys become null, without a word, and nothing fails.
+// Certificates and keys become null. There is no warning, and the result is true.
 void tst_Ssl::noParseableContents()
 {
     QFETCH(QByteArray, contents);
@@ -305,7 +305,7 @@ void tst_Ssl::otherThanRsaKeyIsNull()
     QFETCH(QString, key);
     QFETCH(QString, value);
 
-    // A good key, but of its own kind.
+    // The key is valid, but it is no RSA key.
     QVERIFY(!QSslKey(certificateText(u"ec.key"_s).toLatin1(), QSsl::Ec).isNull());
 
     QSslConfiguration config;
@@ -330,7 +330,7 @@ void tst_Ssl::unreadableFile_data()
     const QString folder = certificateFile(QString());
     QTest::newRow("folder") << u"CertFile"_s << folder
                             << u"W: SSL: Failed to open Certificate file "_s + folder;
-    // The name goes into the line as it is.
+    // The line contains the name unchanged.
     QTest::newRow("percent") << u"KeyFile"_s << u"/nowhere/%1%2"_s
                              << u"W: SSL: Failed to open key file /nowhere/%1%2"_s;
 }
@@ -344,7 +344,7 @@ void tst_Ssl::unreadableFile()
     QSslConfiguration config;
     QVERIFY(!ssl::readSslConfig({{key, name}}, config));
     QCOMPARE(takeLog(), QStringList({ReadingLine, line}));
-    QVERIFY(config == verifyingDefault()); // the key had no other effect
+    QVERIFY(config == verifyingDefault()); // nothing else has changed
 }
 
 void tst_Ssl::everyUnreadableFileIsReported()
@@ -394,7 +394,7 @@ void tst_Ssl::nonStringValues_data()
     QTest::newRow("empty text") << QJsonValue(QString());
 }
 
-// They act as empty texts.
+// Values that are no strings act as empty strings.
 void tst_Ssl::nonStringValues()
 {
     QFETCH(QJsonValue, value);

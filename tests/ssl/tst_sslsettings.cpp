@@ -66,7 +66,7 @@ void tst_SslSettings::verifyPeer()
     QVERIFY(config == verifyingDefault());
 }
 
-// Whatever the process has made its default.
+// The mode does not depend on the default that the process has set.
 void tst_SslSettings::verifyModeIsExplicit()
 {
     const auto previous = QSslConfiguration::defaultConfiguration();
@@ -163,7 +163,7 @@ void tst_SslSettings::tlsDebug()
     QCOMPARE(config.peerVerifyMode(), QSslSocket::VerifyPeer);
 }
 
-// Capitals first.
+// In the order of the keys, capital letters come first.
 void tst_SslSettings::linesComeInKeyOrder()
 {
     const QJsonObject object{{u"verifyPeer"_s, true},    {u"tlsVersion"_s, u"1.2+"_s},

@@ -36,7 +36,7 @@ QStringList metaObjectDifferences()
     return differences;
 }
 
-// Of one episode, only that connection, if one is named.
+// The plan of one episode. connection: keeps only this one; negative: keeps all.
 EpisodePlan planOf(quint32 seed, int episode, int connections, int connection)
 {
     EpisodePlan plan = EpisodePlan::random(seed, episode, connections);
@@ -67,20 +67,38 @@ int report(const Comparison &comparison, const QStringList &metaObjects)
     return same ? 0 : 1;
 }
 
-//! How long bytes waited for their offers in all episodes, by the size of their messages.
+/*!
+    How long bytes take from their device to the host.
+
+    A wait begins when the device has begun to send, but not before the connection has a client. The
+    time for which the machine gave the connection's threads no CPU does not count.
+*/
 class PromptFigures
 {
 public:
-    void add(const EpisodePlan &plan)
+    void add(const EpisodePlan &plan, int number)
     {
         const EpisodeResult result = playEpisode(librarySide(), plan);
         for (std::size_t i = 0; i < result.traces.size(); ++i) {
             const Script &script = plan.scripts.at(qsizetype(i));
-            const std::vector<double> ms = Lateness::latenessOf(script, result.traces[i]);
+            const Trace &trace = result.traces[i];
+            const std::vector<double> ms = Lateness::latenessOf(script, trace);
             for (std::size_t byte = 0; byte < ms.size(); ++byte) {
-                const qsizetype bytes = script.messages.at(qsizetype(byte / 2)).bytes;
-                if (ms[byte] >= 0)
-                    waits[bytes > LargeBytes].push_back(ms[byte]);
+                const auto message = qsizetype(byte / 2);
+                if (ms[byte] < 0) {
+                    ++neverOffered;
+                    continue;
+                }
+                const std::chrono::duration<double, std::milli> early =
+                        trace.created - trace.messages.at(message);
+                const double wait = ms[byte] - std::max(early.count(), 0.0)
+                        - static_cast<double>(trace.heldUp.count());
+                const bool isLarge = script.messages.at(message).bytes > LargeBytes;
+                waits[isLarge].push_back(wait);
+                if (wait > LongestMs)
+                    std::printf("episode %d, connection %zu, message %lld: %.1f ms, held up %lld\n",
+                                number, i, static_cast<long long>(message), wait,
+                                static_cast<long long>(trace.heldUp.count()));
             }
         }
     }
@@ -92,12 +110,11 @@ public:
             const auto share = [&ms](double part) {
                 return ms.empty() ? 0 : ms[static_cast<std::size_t>(part * double(ms.size() - 1))];
             };
-            const auto above = ms.end() - std::upper_bound(ms.begin(), ms.end(), LongestMs);
             std::printf(
                     "%s messages: %zu first and last bytes; median %.1f ms, 99 %% %.1f, 99.9 %% "
-                    "%.1f, longest %.1f; %td above %.0f ms\n",
+                    "%.1f, longest %.1f\n",
                     large != 0 ? "large" : "small", ms.size(), share(0.5), share(0.99),
-                    share(0.999), share(1), above, LongestMs);
+                    share(0.999), share(1));
         }
     }
 
@@ -106,6 +123,7 @@ private:
     static constexpr double LongestMs = 220; // 200 of the interval, and 20
 
     std::array<std::vector<double>, 2> waits; // small, large
+    qint64 neverOffered = 0;
 };
 
 } // namespace
@@ -164,7 +182,7 @@ int main(int argc, char **argv)
         for (int i = first; i <= last; ++i) {
             EpisodePlan plan = planOf(seed, i, each, parser.value(connection).toInt());
             plan.prompt = true;
-            figures.add(plan);
+            figures.add(plan, i);
         }
         figures.print();
         return 0;

@@ -9,7 +9,7 @@
 
 namespace {
 
-// Numbers, ports and addresses make no kind of their own.
+// Differences are of the same kind if they differ only in numbers, ports or addresses.
 QString kindOf(const QString &difference)
 {
     static const QRegularExpression number(QStringLiteral("[0-9][0-9.]*"));
@@ -18,7 +18,7 @@ QString kindOf(const QString &difference)
 
 } // namespace
 
-// The plays take turns in being the first: the machine's load changes.
+// The sides take turns to play first, because the machine's load changes.
 void Comparison::play(const EpisodePlan &plan, int number)
 {
     const bool measured = timed && !plan.scripts.first().spaced;

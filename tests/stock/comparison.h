@@ -25,20 +25,23 @@ public:
         qint64 connections = 0;
         qint64 offers = 0;
         qint64 decided = 0; // compared item by item, lines and offers
-        qint64 undecided = 0; // were to be, but the machine was too late; the others are hasty
-        qint64 different = 0; // connections
+        // Should have been decided, but the machine was too late. The connections that are neither
+        // decided nor undecided are hasty.
+        qint64 undecided = 0;
+        qint64 different = 0; // connections with a difference
     };
 
-    // command: what has to be said to repeat a connection, but for the episode and the connection.
-    // timed: also how late offers and bytes are, which takes another play of the hasty episodes.
+    // command: the command line that repeats a connection, without the episode and the connection.
+    // alsoTimed: compares also how late offers and bytes are. This takes another play of each hasty
+    // episode.
     Comparison(const QString &command, bool alsoTimed) : repeatCommand(command), timed(alsoTimed) {}
 
-    // number: the plan's place among the others.
+    // number: the episode's.
     void play(const EpisodePlan &plan, int number);
 
     const Counts &stock() const { return counts[0]; }
     const Counts &library() const { return counts[1]; }
-    // Of connections and of whole episodes, each with all that it takes to understand it.
+    // Of connections and of whole episodes. Each text has all that is needed to understand it.
     const QStringList &differences() const { return found; }
     QStringList latenessFindings() const { return lateness.findings(); }
 

@@ -10,15 +10,15 @@ namespace {
 
 constexpr double OfferIntervalMs = 200;
 constexpr double CheckIntervalMs = 2000;
-constexpr double TimerErrorShare = 0.05; // of a timer that need not be precise
-// Qt moves a repeating timer that much at each step, and does not come back to its beginning.
+constexpr double TimerErrorShare = 0.05; // of a coarse timer
+// Qt moves a coarse repeating timer by up to this much at each step, and the errors add up.
 constexpr double CheckErrorMs = 105;
 constexpr qsizetype KickAboveBytes = 80;
 constexpr qsizetype ReofferAboveBytes = 20;
 constexpr qsizetype LogReadAboveBytes = 1000;
 constexpr double UsPerMs = 1000;
 constexpr double Never = 1e9;
-constexpr double LongestMs = 60000; // of a connection that would never end
+constexpr double LongestMs = 60000; // ends the play of a connection that never ends
 
 } // namespace
 
@@ -93,7 +93,8 @@ void Course::planCheck()
     plan(nextCheckAt, [this] { check(); });
 }
 
-// Something that happens at a time of its own. A timer that is due soon could have come before.
+// To be called for each input. Keeps the distance to what could have come first: the input before,
+// or a timer that is due soon.
 void Course::begin()
 {
     keepDistance(now - before);
@@ -108,7 +109,7 @@ void Course::begin()
     }
 }
 
-// When the idle time-out may end the connection at the earliest.
+// The earliest time at which the idle time-out may end the connection.
 double Course::idleFrom() const
 {
     return lastDelivery + names.timeoutMs * (1 - TimerErrorShare);
@@ -118,7 +119,7 @@ void Course::read(qsizetype bytes)
 {
     begin();
     if (!open) {
-        keepDistance(0); // the script did not mean that
+        keepDistance(0); // not planned, so undecided
         return;
     }
     if (!std::exchange(known, true))
@@ -148,7 +149,8 @@ void Course::check()
     keepDistance(now - error - before);
     keepDistance(idleFrom() - error - now);
     before = now + error;
-    lines += QStringLiteral("w: of Qt's own"); // the next has no place for its argument
+    // Qt warns that the next line has no place for its argument.
+    lines += QStringLiteral("w: of Qt's own");
     lines += QStringLiteral("I: TcpClient: inbuf parsing stopped, kicking");
     offer();
     offers.last().inexact = uncertainty = error;
@@ -161,7 +163,7 @@ void Course::idle(double expiry)
     keepDistance(now - halfWidth - before);
     before = now + halfWidth;
     if (script.ending != Ending::IdleTimeout)
-        keepDistance(0); // the script did not mean that
+        keepDistance(0); // not planned, so undecided
     lines += QStringLiteral("D: TcpClient: timeout");
     const qsizetype made = offers.size();
     end();
@@ -181,7 +183,7 @@ void Course::end()
         offer();
         ++offers.last().lines; // the closing line
         if (script.ending == Ending::Stop || script.ending == Ending::Destroy)
-            offers.last().inexact = Never; // the host waits within
+            offers.last().inexact = Never; // the host is inside stop() or the destructor
     }
     lines += QStringLiteral("D: TcpClient: closing connection %1 (received %2 bytes, %3 msgs)")
                      .arg(id())
@@ -193,7 +195,7 @@ void Course::end()
 
 void Course::offer()
 {
-    // What follows from an offer at once is as uncertain as that one.
+    // An offer that follows at once from another one is as uncertain as that one.
     uncertainty = now == lastOfferAt ? uncertainty : 0;
     offers.append({offerText(consumed, buffered()), lines.size(), now, uncertainty});
     offered.emplace_back(consumed, buffered());
@@ -201,7 +203,7 @@ void Course::offer()
     lastOfferAt = lastDelivery = now;
 }
 
-// What follows from it at once, in the one order that queues leave.
+// Carries out what follows at once. The queues leave only one order.
 void Course::settle()
 {
     while (!toHost.empty() || !toClient.empty()) {
@@ -225,7 +227,7 @@ void Course::answer(qsizetype number)
     if (given.reply == Reply::None || (!open && script.ending == Ending::Destroy))
         return;
     if (given.lateMs == 0) {
-        // Whether the task still has the client is up to the machine.
+        // The machine decides whether the task still has the client.
         if (!open && script.ending != Ending::Stop)
             keepDistance(0);
         discard(given, from, length);

@@ -12,7 +12,7 @@
 #include <functional>
 #include <map>
 
-//! What a connection's lines and offers are called, whatever ports and threads it happened to have.
+//! The names in a connection's lines and offers, which hide its real ports and thread.
 struct CourseNames
 {
     bool tls = false;
@@ -20,21 +20,22 @@ struct CourseNames
     int task = 0;
     int timeoutMs = 60000;
     QString listens; // the address in its configuration
-    QString local; // and the one that devices connect to
+    QString local; // the address that devices connect to
 };
 
-//! When what is not up to the plugin happened, in ms. Zero is when the script began.
+//! When the events happened that the plugin does not control, in ms since the script began.
 struct CourseTimes
 {
-    double created = 0; // the client
+    double created = 0; // when the client was created
     QList<double> messages;
     double end = 0;
-    QHash<qsizetype, double> answers; // of those that are late, by offer
+    // The times of the late answers, by offer.
+    QHash<qsizetype, double> answers;
 };
 
 /*!
-    The one way in which a spaced script has to go, given the times at which things happened; and
-    how far from it another way was.
+    The only way in which a spaced script may go, given the times at which things happened. Also
+    tells how close the script was to going another way.
 
     Thread: one.
 */
@@ -43,24 +44,24 @@ class Course
 public:
     Course(const Script &played, const CourseNames &givenNames, const CourseTimes &givenTimes);
 
-    // By the script alone, if nothing takes any time.
+    // The script's own times, as if nothing took any time.
     static CourseTimes plannedTimes(const Script &script);
     static QString offerText(qsizetype begin, qsizetype length);
-    // What each record of a connection says beside its bytes.
+    // All that each record of a connection says, except its bytes.
     static QString recordText(const CourseNames &names);
 
     struct Offer
     {
         QString text;
-        qsizetype lines = 0; // that are written before the host has it
+        qsizetype lines = 0; // that are written before the host has the offer
         double at = 0;
-        double inexact = 0; // if it is a timer's doing, by how much its time may differ
+        double inexact = 0; // if a timer makes the offer: how far its time may be off
     };
 
     QStringList lines;
     QList<Offer> offers;
-    // The least distance, in ms, of two things that had to come in this order, or of one and a
-    // limit of time.
+    // The smallest distance, in ms, between two events that had to come in this order, or between
+    // an event and a time limit.
     double slack = 1e9;
 
     // The offer that is made at the end; -1: none.
@@ -95,7 +96,8 @@ private:
 
     Inputs inputs; // by time
     double now = -1e9;
-    double before = -1e9; // the last that happened, and what its time may be wrong by
+    // The time of the last event, plus its possible error.
+    double before = -1e9;
     double lastOfferAt = -1e9;
     double uncertainty = 0; // of lastOfferAt
     double checkError = 0; // of nextCheckAt

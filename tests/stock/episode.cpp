@@ -25,7 +25,7 @@ namespace {
 constexpr auto BeforeStart = 50ms;
 constexpr auto CheckInterval = 2000ms;
 constexpr auto LookEvery = 5ms;
-constexpr auto SlowLog = 200us; // a line
+constexpr auto SlowLog = 200us; // per line
 
 bool isPluginsDoing(Ending ending)
 {
@@ -64,14 +64,14 @@ private:
     QHash<quint16, int> numbers; // of connections, by the devices' ports; fixed before any connects
     EpisodeResult done;
     std::vector<RawLine> lines;
-    std::vector<Clock::time_point> created; // the clients
+    std::vector<Clock::time_point> created; // when each client was created
     std::atomic<int> closed{0};
     std::atomic<int> threadsFinished{0};
-    std::atomic<int> sizesLogged{0}; // by tasks
-    Clock::time_point start; // of the scripts that wait for the last connection
+    std::atomic<int> sizesLogged{0}; // tasks that have logged their size
+    Clock::time_point start; // of the scripts that wait until all are connected
     QSemaphore clients;
-    QSemaphore connected; // the last device is
-    std::atomic<int> playing{0}; // devices
+    QSemaphore connected; // released when all devices are connected
+    std::atomic<int> playing{0}; // devices that play
     std::vector<std::unique_ptr<ScriptedDevice>> devices;
     std::vector<std::thread> deviceThreads;
     LoadMeter meter;
@@ -87,7 +87,7 @@ Play::Play(Side &side, const EpisodePlan &played) : plan(played), address(testAd
     created.resize(count);
     tap = std::make_unique<LogTap>([this](const TappedLine &line) { note(line); },
                                    plan.slowLog ? SlowLog : 0us);
-    // Before the devices have their ports: one that got this port, too, would connect to itself.
+    // Before the devices get their ports: a device with the plugin's port would connect to itself.
     startPlugin(side);
     host = std::make_unique<ScriptedHost>(plugin, port);
     for (std::size_t i = 0; i < count; ++i) {
@@ -100,7 +100,7 @@ Play::Play(Side &side, const EpisodePlan &played) : plan(played), address(testAd
         qFatal("two devices have one port");
 }
 
-// Of all addresses, a free port may be another process's by the time that it is used.
+// Tries again if another process has taken the free port: with all addresses this can happen.
 void Play::startPlugin(Side &side)
 {
     do {
@@ -224,7 +224,7 @@ void Play::startDevice(std::size_t number, Clock::time_point zero)
     });
 }
 
-// What a host may ask at any time, while nothing else happens.
+// Asks what a host may ask at any time. Nothing else happens meanwhile.
 void Play::askPlugin()
 {
     const auto debug = [](const QString &) { return QStringList(QStringLiteral("debug")); };
@@ -260,7 +260,7 @@ bool Play::isOver()
 
 void Play::runUntil(const std::function<bool()> &condition)
 {
-    QTimer timer; // wakes the loop up, and tells when it was busy
+    QTimer timer; // wakes the loop up, and notes how late the loop is
     timer.setTimerType(Qt::PreciseTimer);
     auto due = Clock::now() + LookEvery;
     QObject::connect(&timer, &QTimer::timeout, &timer, [&] {

@@ -17,12 +17,14 @@ struct EpisodePlan
     bool ownThreads = true; // each connection has a worker thread, else four threads share them
     bool wildcard = false; // listens on all addresses
     int timeoutSeconds = 60;
-    Ending ending = Ending::Close; // Stop, Destroy: of all; else each script has its own
+    // Stop and Destroy end all connections; otherwise each script has its own ending.
+    Ending ending = Ending::Close;
     bool slowLog = false;
     bool prompt = false; // the library's "prompt", which the plain plugin does not know
     QList<Script> scripts;
 
-    // The same seed and number give the same: spaced if the number is even, else hasty.
+    // The same seed and number give the same plan. The scripts are spaced if the number is even,
+    // and hasty if it is odd.
     static EpisodePlan random(quint32 seed, int number, int connections);
 
     int threads() const;
@@ -33,9 +35,9 @@ struct EpisodePlan
 struct EpisodeResult
 {
     std::vector<Trace> traces; // by script
-    QStringList pluginLines; // that are of no connection, in order
+    QStringList pluginLines; // lines that belong to no connection, in order
     QString status; // when all were connected
 };
 
-//! Plays it on one side. Thread: the main one, which is the plugin's.
+//! Plays an episode on one side. Thread: the main one, which is the plugin's.
 EpisodeResult playEpisode(Side &side, const EpisodePlan &plan);

@@ -10,7 +10,7 @@
 
 namespace {
 
-// Of lengths without a common factor, so that in time each meets each.
+// The lists' lengths have no common factor, so in time each ending meets each TLS version.
 constexpr std::array<Ending, 6> Endings{Ending::Close, Ending::Stop,    Ending::Close,
                                         Ending::Close, Ending::Destroy, Ending::IdleTimeout};
 constexpr std::array<int, 5> TlsVersions{0, TLS1_3_VERSION, 0, TLS1_2_VERSION, TLS1_3_VERSION};
@@ -25,7 +25,7 @@ quint32 mixed(quint32 seed, quint32 number)
     return result[0];
 }
 
-// Each device ends in a way of its own, where the plugin does not end them all.
+// Unless the plugin ends all devices, each device ends in a way of its own.
 Ending endingOf(const EpisodePlan &plan, quint32 seed)
 {
     constexpr std::array<Ending, 3> OfDevices{Ending::Close, Ending::HalfClose, Ending::Reset};
@@ -40,7 +40,8 @@ EpisodePlan EpisodePlan::random(quint32 seed, int number, int connections)
     const bool spaced = number % 2 == 0;
     EpisodePlan plan;
     plan.ending = Endings[turn % Endings.size()];
-    if (!spaced && plan.ending == Ending::IdleTimeout) // it would take its time, and show no more
+    // It would take long, and show nothing more.
+    if (!spaced && plan.ending == Ending::IdleTimeout)
         plan.ending = Ending::Close;
     plan.tlsVersion = TlsVersions[turn % TlsVersions.size()];
     plan.ownThreads = turn / 2 % 2 == 0;

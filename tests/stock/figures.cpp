@@ -25,7 +25,7 @@ constexpr auto InTime = 150ms;
 constexpr auto BetweenDevices = 2ms;
 constexpr auto BetweenLargeMessages = 20ms;
 constexpr auto OfferIsDueAgain = 250ms;
-constexpr auto SlowLog = 500us; // a line
+constexpr auto SlowLog = 500us; // per line
 
 double milliseconds(Clock::duration duration)
 {
@@ -41,7 +41,7 @@ QByteArray message(int device, int number)
             .leftJustified(MessageBytes, '.');
 }
 
-// Not asleep: the system would make it longer.
+// Busy waiting: the system would make a sleep longer.
 void waitBusily(std::chrono::microseconds time)
 {
     const auto end = Clock::now() + time;
@@ -49,9 +49,9 @@ void waitBusily(std::chrono::microseconds time)
 }
 
 /*!
-    A plugin of one side that listens, and its connected devices by port.
+    A listening plugin of one side, and its connected devices.
 
-    Thread: the main one, except what is said of single members.
+    Thread: the main one, unless a member says otherwise.
 */
 class Scene
 {
@@ -68,7 +68,7 @@ public:
     virtual ~Scene() = default;
     Q_DISABLE_COPY_MOVE(Scene)
 
-    // In the devices' thread: returns when the plugin has a client for each.
+    // Call in the devices' thread. Returns when the plugin has a client for each device.
     void connectDevices(int count)
     {
         for (int i = 0; i < count; ++i) {
@@ -81,14 +81,15 @@ public:
     }
 
 protected:
-    // Before a derived scene goes, to which the plugin's last records and lines would come.
+    // Call in the destructor of a derived class: its slots may still get the last records and
+    // lines.
     void end()
     {
         QObject::disconnect(plugin.get(), &IInputPlugin::receivedData, nullptr, nullptr);
         plugin.reset();
     }
 
-    // Of the log, in whatever thread writes.
+    // Is called for each log line, in the thread that writes it.
     virtual void note(const TappedLine &line)
     {
         if (line.text.contains(QLatin1String("new client added")))
@@ -96,7 +97,7 @@ protected:
     }
 
 private:
-    LogTap tap; // the first to come and the last to go
+    LogTap tap; // constructed first, destroyed last
 
 protected:
     const QHostAddress address;
@@ -107,7 +108,8 @@ protected:
 };
 
 /*!
-    A host that knows the offers' sizes by the device's port, and discards whole messages at once.
+    A host that counts by the device's port what it has consumed, and discards whole messages at
+    once.
 */
 class CountingScene : public Scene
 {
@@ -123,13 +125,13 @@ protected:
     struct Arrivals
     {
         qsizetype consumed = 0;
-        Clock::time_point complete; // when all that is expected was with the host
+        Clock::time_point complete; // when the host had all that it expects
     };
 
-    // For each device in the order of the ports' list.
+    // What has arrived from a device.
     Arrivals arrivals(const NativeSocket &device) { return byPort[device.localPort()]; }
 
-    qsizetype expected = 0; // bytes of a connection; before the devices send
+    qsizetype expected = 0; // bytes of each connection; set before the devices send
     qsizetype leastAnswered;
     QSemaphore completed;
 
@@ -197,7 +199,7 @@ private:
     }
 
     const Figures::SecondMessages plan;
-    std::vector<Clock::time_point> sent; // the second ones, by device
+    std::vector<Clock::time_point> sent; // when the second messages were sent, by device
 };
 
 class LargeMessageScene : public CountingScene
@@ -228,7 +230,7 @@ public:
 private:
     static constexpr int MessagesToGrow = 3;
 
-    // Returns when all of it is with the host.
+    // Returns when the host has all bytes.
     void sendToAll(const QByteArray &bytes)
     {
         expected += bytes.size();
@@ -246,7 +248,7 @@ private:
 
     const Figures::LargeMessages plan;
     const QByteArray large;
-    std::vector<Clock::time_point> sent; // the latest, by device
+    std::vector<Clock::time_point> sent; // when the latest message was sent, by device
 };
 
 class ClosingScene : public Scene
@@ -295,8 +297,8 @@ protected:
     }
 
 private:
-    QHash<quint16, qint64> lastRecords; // order, by port; the main thread
-    QHash<quint16, qint64> closingLines; // order, by port; under the tap's mutex
+    QHash<quint16, qint64> lastRecords; // places in the order, by port; the main thread
+    QHash<quint16, qint64> closingLines; // places in the order, by port; under the tap's mutex
     QSemaphore received;
     QSemaphore closed;
 };

@@ -75,8 +75,8 @@ void printLastRecords(int rounds)
 } // namespace
 
 /*!
-    Prints what a host feels of the plain plugin and of the library, side by side, in rounds that
-    take turns. Compare within one run only.
+    Prints side by side what a host notices of the plain plugin and of the library. They take turns,
+    round by round. Compare only figures of one run.
 */
 int main(int argc, char **argv)
 {

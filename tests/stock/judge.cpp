@@ -16,7 +16,7 @@ double msBetween(Clock::time_point from, Clock::time_point to)
     return std::chrono::duration<double, std::milli>(to - from).count();
 }
 
-// Lines that name no connection cannot be told apart where connections share threads.
+// Some lines name no connection. Where connections share threads, such lines cannot be assigned.
 bool isAnonymous(const QString &line)
 {
     return !line.contains(QLatin1String(":device"))
@@ -115,7 +115,7 @@ void checkPunctuality(const Course &course, const Trace &trace, double delay,
     }
 }
 
-// Of every connection, in whatever order things happened.
+// What holds for every connection, in whatever order things happen.
 void checkOffers(const Script &script, const CourseNames &names, const Trace &trace,
                  QStringList &differences)
 {
@@ -135,7 +135,7 @@ void checkOffers(const Script &script, const CourseNames &names, const Trace &tr
     }
     if (!trace.ended || trace.overdue)
         differences += QStringLiteral("it did not end");
-    if (!script.spaced && end != trace.received) // else the host may cut what it never saw
+    if (!script.spaced && end != trace.received) // a spaced host may cut bytes that it never saw
         differences += QStringLiteral("%1 bytes received, %2 offered").arg(trace.received).arg(end);
     const bool gently = script.ending == Ending::Close || script.ending == Ending::HalfClose
             || script.ending == Ending::IdleTimeout;
@@ -144,7 +144,7 @@ void checkOffers(const Script &script, const CourseNames &names, const Trace &tr
                 QStringLiteral("%1 bytes sent, %2 received").arg(trace.sent).arg(trace.received);
 }
 
-// The kinds of lines, one letter each, in the order in which they may come.
+// Checks the order of the lines. Each kind of line is one letter of a word.
 void checkLines(const EpisodePlan &plan, const Trace &trace, QStringList &differences)
 {
     static const QList<std::pair<QLatin1Char, QRegularExpression>> kinds{
@@ -170,7 +170,8 @@ void checkLines(const EpisodePlan &plan, const Trace &trace, QStringList &differ
         });
         word += kind == kinds.end() ? QLatin1Char('?') : kind->first;
     }
-    if (plan.ending == Ending::Stop) // from stop() on there is no task, and it goes on closing
+    // After stop() discards find no task, even before their connection is closed.
+    if (plan.ending == Ending::Stop)
         word.remove(QLatin1Char('d'));
     if (!(plan.ownThreads ? owned : shared).match(word).hasMatch())
         differences += QStringLiteral("lines in the order ") + word;

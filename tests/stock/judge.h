@@ -8,7 +8,7 @@
 #include <QtCore/QString>
 
 /*!
-    Compares what was seen of connections with what has to be, and with each other.
+    Compares what was seen of a connection with what had to happen, and lists with each other.
 
     Thread: any.
 */
@@ -17,16 +17,16 @@ namespace Judge {
 //! How one connection went on one side.
 struct Verdict
 {
-    // Whether there was only one way to go, given what the machine and the two ends have done.
+    // Whether only one way was possible, given what the machine and the two ends have done.
     bool decided = false;
-    QStringList differences; // from that way, or from what holds whatever the way
+    QStringList differences; // from that way, or from what holds in any case
     QString course; // what was expected, if decided
 };
 
-// timed: whether a spaced connection's offers may not be late, either, unless the machine was.
+// timed: a spaced connection's offers may not be late, unless the machine was late.
 Verdict judge(const EpisodePlan &plan, int connection, const Trace &trace, bool timed);
 
-// In words, what was seen.
+// What was seen, in words.
 QString describe(const Trace &trace);
 
 // Where two lists differ first; empty: nowhere.

@@ -8,9 +8,9 @@
 
 namespace {
 
-constexpr double Deviations = 4; // of the difference, for it to be more than noise
-constexpr double LeastShare = 0.002; // nobody would feel less
-constexpr double LeastSquares = 4; // of a few bytes in one connection
+constexpr double Deviations = 4; // a difference above this many deviations is no noise
+constexpr double LeastShare = 0.002; // a smaller difference does not matter
+constexpr double LeastSquares = 4; // at least the noise of a few bytes in one connection
 constexpr qsizetype LargeBytes = 100000;
 constexpr double Never = -1;
 
@@ -29,7 +29,8 @@ double Lateness::Group::more(std::size_t limit) const
     return (late[Library][limit] - stock) / count();
 }
 
-// One play differs from the mean of two by as much as two differ, times the root of three quarters.
+// The deviation of one play from the mean of two plays is that of the difference between two plays,
+// times the root of three quarters.
 double Lateness::Group::noise(std::size_t limit) const
 {
     const double squares = std::max(ofConnections[limit], ofEpisodes[limit]) + LeastSquares;

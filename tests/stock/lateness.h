@@ -13,9 +13,9 @@
 #include <vector>
 
 /*!
-    How long bytes take from their device to the first offer that has them: the library's, the plain
-    plugin's, and the plain plugin's in another play of the same scripts, which shows what is noise.
-    Each byte is compared with itself.
+    How long bytes take from their device to the first offer that has them: with the library, with
+    the plain plugin, and with the plain plugin in another play of the same scripts. The other play
+    shows what is noise. Each byte is compared with itself.
 
     Thread: one.
 */
@@ -25,47 +25,49 @@ public:
     enum Play { Stock, StockAgain, Library };
     static constexpr std::size_t Plays = 3;
 
-    // All plays of one episode, one after another, in any order; then its end.
+    // To be called for all plays of one episode in any order, and then endEpisode().
     void add(Play play, const EpisodePlan &plan, const std::vector<Trace> &traces);
     void endEpisode(const EpisodePlan &plan);
 
-    // Where the library is later than the plain plugin by more than the noise, or makes another
-    // number of offers, in words.
+    // In words: where the library is later than the plain plugin by more than the noise, and
+    // whether the number of its offers differs by more than the noise.
     QStringList findings() const;
     void print(std::FILE *to) const;
 
-    // Of the first and the last byte of each message, in ms; < 0: never offered.
+    // The lateness of the first and the last byte of each message, in ms; < 0: never offered.
     static std::vector<double> latenessOf(const Script &script, const Trace &trace);
 
 private:
-    // Later than each of these.
+    // A byte is late if it is later than a limit.
     static constexpr std::array<double, 6> LimitsMs{3, 20, 150, 500, 1500, 2500};
     template<class Value>
     using ByLimit = std::array<Value, LimitsMs.size()>;
 
-    // Bytes by the message that they belong to: the transport, its size, the pause before it.
+    // Bytes of similar messages: with the same transport, and of a similar size and pause before.
     struct Group
     {
-        std::array<std::vector<double>, Plays> ms; // of those that were offered in each play
+        std::array<std::vector<double>, Plays> ms; // of the bytes that were offered in each play
         std::array<ByLimit<double>, Plays> late{}; // how many were later than a limit
-        // By how many the plain plugin's two plays differed, squared: of connections, of episodes.
+        // The plain plugin's two plays differ in how many bytes are late. Sums of the squares of
+        // these differences: one for each connection, and one for each episode.
         ByLimit<double> ofConnections{};
         ByLimit<double> ofEpisodes{};
 
         double count() const { return static_cast<double>(ms[Stock].size()); }
-        double more(std::size_t limit) const; // the library's share of late ones than stock's
-        double noise(std::size_t limit) const; // of that
+        // The library's share of late bytes, less the plain plugin's.
+        double more(std::size_t limit) const;
+        double noise(std::size_t limit) const; // of more()
     };
 
-    // Of one play: see latenessOf(), by connection.
+    // The results of latenessOf() for one play, by connection.
     using Played = std::vector<std::vector<double>>;
 
     static QString nameOf(const EpisodePlan &plan, const Message &message);
 
     QMap<QString, Group> groups;
-    std::array<Played, Plays> inHand; // of the episode
+    std::array<Played, Plays> inHand; // of the current episode
     std::array<std::vector<double>, Plays> offersInHand; // by connection
     std::array<double, Plays> offers{};
-    double offersOfConnections = 0; // as of a group
+    double offersOfConnections = 0; // see Group::ofConnections
     double offersOfEpisodes = 0;
 };

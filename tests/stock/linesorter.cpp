@@ -41,7 +41,7 @@ QString LineSorter::sortedStatus(const QString &status) const
         const QString text = withoutNumbers(part, number);
         result += number < 0 ? text : QStringLiteral("%1, connection %2").arg(text).arg(number);
     }
-    result.sort(); // it is in the order of the ids
+    result.sort(); // the order of the ids differs from run to run
     return result.join(QLatin1Char('\n'));
 }
 

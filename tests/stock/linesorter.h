@@ -9,7 +9,7 @@
 
 #include <vector>
 
-//! A line as it came, and the connection that its writer was calling discard() for; -1: none.
+//! A log line, and the connection for which its writer was calling discard(); -1: none.
 struct RawLine
 {
     TappedLine line;
@@ -17,9 +17,9 @@ struct RawLine
 };
 
 /*!
-    Finds out which connection each line is about, by the port that it names, by the call that it
-    comes from, and by its thread if that has only one connection. And takes out of the texts what
-    differs from run to run: the ports and the threads' ids.
+    Finds out which connection each line is about: by the port that it names, by the discard() call
+    that it comes from, or by its thread if that has only one connection. Takes out of the texts
+    what differs from run to run: the ports and the threads' ids.
 */
 class LineSorter
 {
@@ -27,8 +27,8 @@ public:
     // numbers: of the connections, by the devices' ports.
     LineSorter(quint16 listening, const QHash<quint16, int> &numbers, bool ownThreads);
 
-    // Returns what is of no connection, of the calling thread's lines: those of the others come in
-    // any order.
+    // Returns the calling thread's lines that belong to no connection. The other threads' lines of
+    // that kind come in any order, and are left out.
     QStringList sort(const std::vector<RawLine> &lines, std::vector<Trace> &traces);
     // The status text, without what differs from run to run.
     QString sortedStatus(const QString &status) const;

@@ -13,8 +13,8 @@
 #include <vector>
 
 /*!
-    How long the calling thread has been held up since it began: it was ready to run and had no
-    processor, as far as the kernel tells, or it waited for others that wrote a line.
+    How long the calling thread has been held up since it began. Either it was ready to run but had
+    no processor, as the kernel tells, or it waited for others that wrote a line.
 */
 inline std::chrono::nanoseconds timeHeldUp()
 {
@@ -26,8 +26,8 @@ inline std::chrono::nanoseconds timeHeldUp()
 }
 
 /*!
-    Notices when a processor stands still, which no thread's waiting time tells: on each, a thread
-    that does nothing but sleep briefly tells how late it woke up.
+    Notices when a processor stands still: no thread's waiting time shows that. On each processor a
+    thread does nothing but sleep briefly, and measures how late it wakes up.
 
     Thread: any.
     Locks:  mutex.
@@ -53,7 +53,7 @@ public:
     }
     Q_DISABLE_COPY_MOVE(LoadMeter)
 
-    // The longest delay of a thread that was to run between the two.
+    // The longest noted delay that lies at least in part between the two times.
     Clock::duration longestDelay(Clock::time_point from, Clock::time_point to) const
     {
         const QMutexLocker locker(&mutex);
@@ -65,7 +65,7 @@ public:
         return longest;
     }
 
-    // A thread that measures itself was to run at a time, and did later.
+    // To be called by a thread that was to run at due and ran late. late: by how much.
     void note(Clock::time_point due, Clock::duration late)
     {
         if (late < Noticeable)

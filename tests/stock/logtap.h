@@ -17,7 +17,7 @@
 
 using Clock = std::chrono::steady_clock;
 
-// The place of an event among all others of the process, whatever thread it happened in.
+// The place of an event in the order of all events of the process, across threads.
 inline qint64 nextInOrder()
 {
     static std::atomic<qint64> counter{0};
@@ -34,8 +34,9 @@ struct TappedLine
 };
 
 /*!
-    Takes Qt's message output while it lives, and hands each line to a receiver. One at a time.
-    May need as long for a line as a log on a slow disk, which shows who does not wait for the line.
+    Takes Qt's message output while it lives, and hands each line to a receiver. Only one tap may
+    live at a time. It can take as long for a line as a log on a slow disk: this shows which code
+    does not wait for the line.
 
     Thread: the receiver is called in whatever thread writes, under the mutex: one line at a time.
     Locks:  mutex.
@@ -52,7 +53,7 @@ public:
         receiver = std::move(to);
         delay = slowness;
     }
-    // How long the calling thread has waited for others that wrote a line.
+    // How long the calling thread has waited while others wrote a line.
     static Clock::duration waitedForOthers() { return waited; }
 
     ~LogTap()

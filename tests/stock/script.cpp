@@ -35,8 +35,8 @@ qsizetype Script::size() const
     return wholeUntil(std::numeric_limits<qsizetype>::max());
 }
 
-// Random, so that a part of it tells where it comes from. The last byte of each message is its
-// number, so that a part which ends with one tells that even if it is short.
+// Random bytes, so that a part of the stream tells where it comes from. The last byte of each
+// message is the message's number, so that even a short part tells it if it ends with a message.
 QByteArray Script::stream() const
 {
     QByteArray bytes(size(), Qt::Uninitialized);

@@ -31,8 +31,8 @@ enum class Reply {
     All, // cuts all of it
     Messages, // all messages that it has whole
     OneMessage, // the first of them
-    Part, // some of it, whatever that is
-    TooLong, // more than it has
+    Part, // some bytes of it, wherever messages end
+    TooLong, // more than the offer has
     Zero,
     Negative,
     Twice, // a part, and as much again
@@ -56,34 +56,36 @@ struct Message
 /*!
     What the device and the host of one connection do.
 
-    The host answers each offer by the next of its answers, and all further ones alike.
+    The host answers each offer with its next answer, and all further offers alike.
 
-    Spaced: everything happens so far from everything else, and from every limit of time, that there
-    is only one way for it to go.
+    Spaced: all events are so far from each other, and from every time limit, that they can go only
+    one way.
 
-    Hasty: what happens first is up to the machine. The host remembers what it has consumed,
-    whatever the offers repeat, and discards only what is new.
+    Hasty: the machine decides what happens first. Offers may repeat bytes: the host remembers what
+    it has consumed, and discards only what is new.
 */
 struct Script
 {
-    quint32 seed = 0; // of the bytes, too
+    quint32 seed = 0; // also of the bytes
     bool spaced = true;
     bool eager = false; // sends without waiting until the plugin has a client for it
     bool otherThread = false; // the host discards in a thread of its own
-    int startMs = 0; // spaced: after one of the client's checks; else after the others
+    // Counts from one of the client's checks if the script is spaced and the plugin does not end
+    // it. Otherwise it counts from the time when all are connected.
+    int startMs = 0;
     QList<Message> messages;
-    qint64 endPauseUs = 0; // from the last message on
+    qint64 endPauseUs = 0; // from the last message to the end
     Ending ending = Ending::Close;
     QList<Answer> answers;
-    Answer further; // to all offers that come after
+    Answer further; // to all later offers
 
     qsizetype size() const;
     QByteArray stream() const; // all bytes of the device
-    // Where the last message ends that lies before a position in the stream.
+    // Where the last message ends that is whole before a position in the stream.
     qsizetype wholeUntil(qsizetype position) const;
-    qsizetype endOfMessageAt(qsizetype position) const; // of the one that has this byte
+    qsizetype endOfMessageAt(qsizetype position) const; // of the message that has this byte
     const Answer &answerTo(qsizetype offer) const;
-    // What the host says to an offer, by the lengths that it discards. Spaced only.
+    // The lengths that the host discards when it answers an offer. Spaced only.
     QList<int> discards(const Answer &answer, qsizetype begin, qsizetype length) const;
 
     QString toString() const;

@@ -40,7 +40,7 @@ void ScriptedDevice::connectTo(const QHostAddress &address, quint16 port)
 {
     if (!socket().connect(address, port))
         qFatal("a device cannot connect: %s", std::strerror(errno));
-    // The last flight of an eager device leaves together with its first message.
+    // An eager device sends its last flight together with its first message.
     if (tls && !(tls->handshake() && (script.eager || tls->flush())))
         qFatal("a device's handshake fails: %s", std::strerror(errno));
 }

@@ -13,18 +13,18 @@
 /*!
     Plays the device of one script with a blocking socket.
 
-    Thread: connectTo() in one, then play() in another that does nothing else; the results after
-    that.
+    Thread: connectTo() in one thread, then play() in another that does nothing else. The results
+    may be read after that.
 */
 class ScriptedDevice
 {
 public:
-    // Has its port, and is not connected. tlsVersion: 0 for plain TCP.
+    // The device has its port already, but is not connected. tlsVersion: 0 for plain TCP.
     ScriptedDevice(const Script &played, int tlsVersion, const QHostAddress &address);
 
-    // Ends the process if the server does not want it.
+    // Ends the process if the server does not accept the device.
     void connectTo(const QHostAddress &address, quint16 port);
-    // Returns when the connection has ended. Notes in the trace when it did what.
+    // Returns when the connection has ended. The trace gets the times of all that the device did.
     void play(Clock::time_point zero, Trace &trace);
 
     quint16 localPort = 0;

@@ -74,8 +74,8 @@ void ScriptedHost::receive(const shared_parsedData &record)
         QTimer::singleShot(given.lateMs, Qt::PreciseTimer, this, [this, due] { answer(due); });
 }
 
-// Where in the stream its bytes are. Offers go on to the end of what has come, mostly a message's,
-// and none ends before an earlier one.
+// Finds out where in the stream an offer's bytes are. An offer goes on to the end of what has come,
+// which is mostly a message's end, and no offer ends before an earlier one.
 TracedOffer ScriptedHost::trace(const Guest &guest, const QByteArray &bytes)
 {
     TracedOffer offer;
@@ -89,7 +89,7 @@ TracedOffer ScriptedHost::trace(const Guest &guest, const QByteArray &bytes)
     const QByteArrayView head = QByteArrayView(bytes).first(std::min<qsizetype>(bytes.size(), 16));
     const auto isAt = [&](qsizetype begin) {
         offer.begin = begin;
-        // The few bytes first: ThreadSanitizer looks at all that a comparison is given.
+        // The first bytes alone, first: ThreadSanitizer looks at all bytes of a comparison.
         return begin >= least && begin + offer.length <= stream.size()
                 && stream.sliced(begin, head.size()) == head
                 && stream.sliced(begin, bytes.size()) == bytes;

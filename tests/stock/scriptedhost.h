@@ -16,10 +16,10 @@
 #include <vector>
 
 /*!
-    Plays the host of all scripts at once: what it says to a record depends on the device's port.
+    Plays the host of all scripts at once: its answer to a record depends on the device's port.
 
     Thread: the plugin's; some discards come from a helper's.
-    Owner:  of the helper. The plugin and the scripts outlive it.
+    Owner:  the play. The scripts outlive it; the plugin lives at least until stopAnswering().
     Locks:  mutex.
 */
 class ScriptedHost : public QObject
@@ -28,10 +28,10 @@ public:
     ScriptedHost(IInputPlugin *inputPlugin, quint16 pluginsPort);
     ~ScriptedHost() override;
 
-    // number: of the connection, for whatever is logged within its discards.
+    // number: the connection's, for the lines that are logged within its discards.
     void expect(quint16 devicePort, int number, const Script &script, Trace &trace);
 
-    // Later records are noted, and no more than that. The plugin may be deleted then.
+    // Later records are only noted. The plugin may be deleted from then on.
     void stopAnswering();
     int answersToCome() const { return waitingAnswers; }
 
@@ -68,5 +68,5 @@ private:
     QHash<quint16, std::shared_ptr<Guest>> guests; // by the device's port
     QMutex mutex; // guards the traces' discards
     QThread helperThread;
-    QObject helper; // lives there
+    QObject helper; // lives in helperThread
 };

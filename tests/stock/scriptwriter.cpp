@@ -12,7 +12,7 @@ constexpr int LargestMessage = 5000;
 constexpr qsizetype ReadByTls = 4096; // at once: larger messages take several reads
 constexpr int LongestSpacedMs = 7000;
 constexpr int LongestHastyMs = 4000;
-constexpr int SpreadStartMs = 250; // of those that the plugin ends together
+constexpr int SpreadStartMs = 250; // of scripts that the plugin ends together
 constexpr int Attempts = 2000;
 
 bool isPluginsDoing(Ending ending)
@@ -20,7 +20,7 @@ bool isPluginsDoing(Ending ending)
     return ending == Ending::Stop || ending == Ending::Destroy;
 }
 
-// Around each size at which something changes, and between.
+// Sizes around each limit at which something changes, and sizes between them.
 qsizetype messageSize(Dice &dice)
 {
     switch (dice.below(5)) {
@@ -88,7 +88,8 @@ Script spacedAttempt(Dice &dice, Ending ending, bool tls)
     return script;
 }
 
-// The last offer comes with the end: an answer from within the slot would race with it.
+// The last offer comes with the end of the connection. An answer from within its slot would race
+// with the end, so this answer comes later.
 void answerLastOfferLate(Script &script, const CourseNames &names, Dice &dice)
 {
     const Course course(script, names, Course::plannedTimes(script));
@@ -111,7 +112,7 @@ qint64 hastyPauseUs(Dice &dice)
     return (kind < 18 ? dice.between(150, 260) : dice.between(1800, 2200)) * UsPerMs;
 }
 
-// Some answers consume nothing: not those that are given again and again.
+// Some answers consume nothing. An answer that is given again and again must consume something.
 Answer hastyAnswer(Dice &dice, bool once)
 {
     Answer answer;
@@ -149,14 +150,15 @@ Script ScriptWriter::hasty(quint32 seed, Ending ending)
     Script script;
     script.seed = seed;
     script.spaced = false;
-    // A reset before the server has seen it ends what has not begun.
+    // An early reset would end the connection before the server has seen it.
     script.eager = dice.inPercent(30) && ending != Ending::Reset;
     script.otherThread = dice.inPercent(25);
     script.ending = ending;
     script.startMs = dice.below(isPluginsDoing(ending) ? SpreadStartMs : 1500);
     const bool large = dice.inPercent(15);
     const int count = large ? dice.between(2, 5) : dice.between(2, 12);
-    const bool pairs = dice.inPercent(40); // two come together, when the last offer is long ago
+    // Two messages come together, long after the last offer.
+    const bool pairs = dice.inPercent(40);
     const int longestMs = isPluginsDoing(ending) ? PluginEndMs : LongestHastyMs;
     qint64 whole = 0;
     for (int i = 0; i < count; ++i) {

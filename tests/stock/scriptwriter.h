@@ -9,10 +9,10 @@
 //! Random scripts; the same seed gives the same script.
 namespace ScriptWriter {
 
-// All that the plugin ends, it ends at this time after the start.
+// The plugin ends its connections at this time after the start.
 constexpr int PluginEndMs = 1500;
 
-// The distances that a planned course keeps, and that one which was played has to have kept.
+// The distances that a planned course keeps, and those that a played course must have kept.
 constexpr double PlannedSlackMs = 60;
 constexpr double PlayedSlackMs = 25;
 

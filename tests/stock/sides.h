@@ -7,7 +7,7 @@
 
 #include <array>
 
-//! The two that are compared. Both are loaded, and used by their public surface only.
+//! The two plugins that are compared. Both are loaded, and used only through what hosts see.
 struct Side
 {
     const char *name;
@@ -19,7 +19,7 @@ inline Side &stockSide()
     static Side side{"stock", LoadedLibrary(QStringLiteral(STOCK_PLUGIN_FILE))};
     return side;
 }
-// file: another build of it, if the first call says so.
+// file: another build of the library; only the first call can choose it.
 inline Side &librarySide(const QString &file = QStringLiteral(PLUGIN_FILE))
 {
     static Side side{"library", LoadedLibrary(file)};

@@ -21,7 +21,7 @@ constexpr quint16 DefaultPort = 7446;
 constexpr int StatusIntervalMs = 10000;
 constexpr unsigned long StopPauseMs = 10;
 
-//! Qt aborts when the object of a running thread is deleted.
+//! Ends the thread before the object is deleted: Qt aborts if a thread still runs then.
 class Worker : public QThread
 {
 public:
@@ -231,7 +231,9 @@ void Plugin::socketError(QSslSocket *socket, QAbstractSocket::SocketError)
 
 void Plugin::threadFinished()
 {
-    if (destroying) // the destructor's draining of records brings what would have died with it
+    // The destructor delivers the last records, and with them this call, which would otherwise be
+    // lost.
+    if (destroying)
         return;
     CWRN(QtDebugMsg, QStringLiteral("  -- TI2: thread finished"));
 }

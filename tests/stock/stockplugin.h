@@ -21,8 +21,8 @@ namespace stock {
 class Task;
 
 /*!
-    The plain form of the plugin: the same contract on stock Qt, for comparison. It knows none of
-    the library's extensions, and nothing of running out of threads or descriptors.
+    The plain form of the plugin: the same contract on stock Qt, for comparison. It has none of the
+    library's extensions, and does not handle a lack of threads or descriptors.
 
     Thread: its creator's, except discard(): any.
     Owner:  the caller of create(), or the QObject parent.

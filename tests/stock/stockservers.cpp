@@ -19,7 +19,7 @@ namespace {
 // Longer than Qt's 50: a burst of devices does not wait for the kernel to try again.
 constexpr int ListenBacklog = 4096;
 
-// What has happened to a socket before its client was connected to it is told once more.
+// Emits again what the socket has emitted before its client was connected to it.
 void announceAgain(QTcpSocket *socket)
 {
     if (socket->bytesAvailable() > 0)
@@ -30,7 +30,7 @@ void announceAgain(QTcpSocket *socket)
 
 } // namespace
 
-//! Knows the ends of its connection from the moment of acceptance: after a reset nobody else does.
+//! Keeps the peer's address from the moment of acceptance: after a reset the socket has none.
 struct TcpServer::Accepted
 {
     class Socket : public QTcpSocket
@@ -109,9 +109,9 @@ void TcpServer::incomingConnection(qintptr descriptor)
 SslServer::SslServer(QObject *parent) : QSslServer(parent)
 {
     setListenBacklogSize(ListenBacklog);
-    // Qt counts failed handshakes for ever, and stops when it has counted this many.
+    // Qt never forgets failed handshakes, and stops accepting when it has counted this many.
     setMaxPendingConnections(std::numeric_limits<int>::max());
-    // The first receiver: the plugin's finds hasPendingConnections() already false.
+    // Connected first, so that the plugin's slot finds hasPendingConnections() already false.
     connect(this, &QTcpServer::pendingConnectionAvailable, this, &SslServer::finishedInQt,
             Qt::DirectConnection);
 }
@@ -123,7 +123,7 @@ SslServer::~SslServer()
 
 void SslServer::close()
 {
-    // What Qt has in hand goes first: afterwards it would use what close() has deleted.
+    // Take the finished sockets from Qt first: Qt would use them after close() has deleted them.
     while (QTcpSocket *finished = QSslServer::nextPendingConnection())
         delete finished;
     qDeleteAll(findChildren<QSslSocket *>(QString(), Qt::FindDirectChildrenOnly));
@@ -157,8 +157,8 @@ QTcpSocket *SslServer::nextPendingConnection()
     return socket;
 }
 
-// Qt's signal comes from inside the socket's receiving, which goes on afterwards: the socket must
-// not change its thread before that is over.
+// Qt emits this signal while the socket is still receiving, and the socket goes on afterwards. The
+// socket must not change its thread before that is over.
 void SslServer::finishedInQt()
 {
     if (announcing || std::exchange(detaching, true))

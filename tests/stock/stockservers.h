@@ -12,8 +12,8 @@
 namespace stock {
 
 /*!
-    Qt's servers, changed only as far as it takes for another thread to take their connections: Qt
-    itself hands out sockets that go on living in the server's thread.
+    Qt's servers, with only the changes that let another thread take their connections. Unchanged,
+    Qt hands out sockets that stay in the server's thread.
 
     Thread: their creator's, except hasPendingConnections() and nextPendingConnection(): any.
     Owner:  the plugin.

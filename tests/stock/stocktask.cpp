@@ -40,7 +40,7 @@ Task::~Task()
         endClients();
 }
 
-// Calls that are still queued would die with the task: connections to be added, and last offers.
+// Delivers the queued calls that would die with the task: connections to be added, and last offers.
 void Task::endClients()
 {
     qsizetype ended = 0;
@@ -154,7 +154,7 @@ void Task::readyRead(Connection c, const QString &id)
 void Task::stop()
 {
     {
-        // The plugin's destructor calls from another thread, while clients may be connected.
+        // The plugin's destructor calls stop() from another thread, while clients may be connected.
         const QReadLocker locker(&clientsLock);
         Q_EMIT stopTimer(); // only posts
     }

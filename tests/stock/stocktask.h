@@ -29,7 +29,7 @@ class Task : public QObject
 
 public:
     explicit Task(QObject *parent) : QObject(parent) {}
-    // In the task's thread: every client makes its last offer first.
+    // Call in the task's thread. Every client first makes its last offer.
     ~Task() override;
 
     // Before the task is moved into its thread.

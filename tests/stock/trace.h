@@ -19,30 +19,31 @@ struct TracedLine
 struct TracedOffer
 {
     qint64 order = 0;
-    Clock::time_point at; // with the host
+    Clock::time_point at; // when the host got it
     qsizetype begin = 0; // in the device's stream
     qsizetype length = 0;
     bool intact = true; // these are the bytes of that part of the stream
-    QString record; // all that the record says beside them, by the names of a course
+    QString record; // all else that the record says, with a course's names
 };
 
 //! What was seen of one connection.
 struct Trace
 {
     Clock::time_point zero; // when its script began
-    Clock::time_point created; // the client
+    Clock::time_point created; // when its client was created
     QList<Clock::time_point> messages; // when the device began to send each
-    Clock::time_point end; // when device, or plugin, was told to end it
+    Clock::time_point end; // when the device or the plugin was told to end it
     qsizetype sent = 0;
     QList<TracedLine> lines;
     QList<TracedOffer> offers;
-    QHash<qsizetype, Clock::time_point> discards; // the first that answers an offer, by its number
+    // The time of the first discard for an offer, by the offer's number.
+    QHash<qsizetype, Clock::time_point> discards;
     qsizetype discarded = 0; // the most that the host can have consumed
-    bool ended = false; // with a closing line, which says
+    bool ended = false; // by a closing line, which gives the next two
     Clock::time_point endedAt;
     qsizetype received = 0;
-    std::chrono::nanoseconds workerWaited{}; // in all, see timeHeldUp(): its client's thread
-    std::chrono::nanoseconds deviceWaited{}; // and the device's
-    std::chrono::milliseconds heldUp{}; // the longest that the machine can have held one up
+    std::chrono::nanoseconds workerWaited{}; // its client's thread, in all: see timeHeldUp()
+    std::chrono::nanoseconds deviceWaited{}; // its device's thread, likewise
+    std::chrono::milliseconds heldUp{}; // the longest delay that the machine can have caused
     bool overdue = false; // it was still open when all had to be over
 };

@@ -23,7 +23,7 @@ CourseNames plainNames()
     return names;
 }
 
-// Messages of these sizes, each so long after the one before it; and an end.
+// Messages, each with the pause before it and its size. The end comes endMs after the last one.
 Script scriptOf(const QList<std::pair<int, int>> &msAndBytes, int endMs)
 {
     Script script;
@@ -53,7 +53,7 @@ EpisodePlan planOf(const Script &script)
     return plan;
 }
 
-// Of a connection that went exactly as it has to.
+// The trace of a connection that went exactly as planned.
 Trace traceOf(const Script &script)
 {
     const Course course(script, planOf(script).names(0), Course::plannedTimes(script));
@@ -84,8 +84,8 @@ Trace traceOf(const Script &script)
 } // namespace
 
 /*!
-    The plain plugin and the library, compared in few connections. And that what compares them
-    notices what it is there for.
+    Compares the plain plugin and the library in a few connections. Also checks that the comparison
+    notices what it has to notice.
 */
 class tst_Stock : public QObject
 {
@@ -134,13 +134,15 @@ void tst_Stock::courseFollowsTheHost()
 {
     Script script = scriptOf({{0, 100}}, 1000);
     script.answers = {{Reply::Part, 500, 0}, {Reply::Twice, 100, 0}, {Reply::TooLong, 7, 300}};
-    // The part leaves 50; of those 5 and 5 more; and the late answer is to the second of these.
+    // The first answer leaves 50 bytes, the second one cuts 5 and then 5 more. The late answer is
+    // to the third offer.
     script.further.reply = Reply::None;
     const Course course = courseOf(script);
     QCOMPARE(offersOf(course),
              QStringList({QStringLiteral("0: 0 + 100"), QStringLiteral("0: 50 + 50"),
                           QStringLiteral("0: 55 + 45"), QStringLiteral("0: 60 + 40")}));
-    QCOMPARE(course.lines.mid(6), // the late one leaves nothing to be offered at the end
+    // The late answer leaves nothing to offer at the end.
+    QCOMPARE(course.lines.mid(6),
              QStringList({QStringLiteral("D: TcpClient: inbuf still 50 bytes, triggering"),
                           QStringLiteral("D: TcpClient: inbuf still 45 bytes, triggering"),
                           QStringLiteral("D: TcpClient: inbuf still 40 bytes, triggering"),
@@ -170,11 +172,12 @@ void tst_Stock::courseKicksAndEnds()
 
 void tst_Stock::courseKnowsWhatWasClose()
 {
-    QCOMPARE(courseOf(scriptOf({{0, 30}, {250, 30}}, 300)).slack, 50.0); // the 200 ms
-    QCOMPARE(courseOf(scriptOf({{0, 30}, {300, 30}, {7, 30}, {400, 30}}, 300)).slack, 7.0); // reads
+    QCOMPARE(courseOf(scriptOf({{0, 30}, {250, 30}}, 300)).slack, 50.0); // to the 200 ms
+    // Between two reads.
+    QCOMPARE(courseOf(scriptOf({{0, 30}, {300, 30}, {7, 30}, {400, 30}}, 300)).slack, 7.0);
     Script script = scriptOf({{0, 30}, {300, 30}}, 300);
     script.answers = {{Reply::All, 0, 290}};
-    QCOMPARE(courseOf(script).slack, 10.0); // a cut and a read
+    QCOMPARE(courseOf(script).slack, 10.0); // between a cut and a read
 
     script = scriptOf({{0, 81}, {3400, 30}}, 300);
     script.startMs = 500; // a check at 3500 may come before the second message
@@ -237,7 +240,8 @@ void tst_Stock::judgeLeavesCloseCallsOpen()
     QVERIFY(!Judge::judge(planOf(simple), 0, trace, true).decided);
 
     trace = traceOf(simple);
-    trace.discards[1] = trace.offers[1].at + std::chrono::milliseconds(150); // the host's thread
+    // The host's thread was late.
+    trace.discards[1] = trace.offers[1].at + std::chrono::milliseconds(150);
     QVERIFY(!Judge::judge(planOf(simple), 0, trace, true).decided);
 }
 
@@ -264,10 +268,10 @@ void tst_Stock::latenessNoticesMoreThanNoise()
         return !lateness.findings().isEmpty();
     };
     QVERIFY(!later(0, 1));
-    QVERIFY(!later(2, 1)); // milliseconds may be the machine's
+    QVERIFY(!later(2, 1)); // the machine may cause a few milliseconds
     QVERIFY(later(200, 10));
     QVERIFY(!later(200, 1000));
-    QVERIFY(!later(-1, 1)); // sooner is no difference
+    QVERIFY(!later(-1, 1)); // earlier offers are no finding
 }
 
 void tst_Stock::metaObjects()

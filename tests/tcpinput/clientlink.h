@@ -12,9 +12,9 @@
 #include <vector>
 
 /*!
-    The connection of a client that a random run is played to: its socket, and what the test does at
-    the other end. What arrives is in the kernel when a call returns, and the socket does not know
-    of it until the event loop turns.
+    The connection of a client in a random run: its socket, and what the test does at the other end.
+    When a call returns, what arrives is in the kernel. The socket learns of it when the event loop
+    turns.
 
     Thread: the socket's.
 */
@@ -25,30 +25,30 @@ public:
     virtual ~ClientLink() = default;
     Q_DISABLE_COPY_MOVE(ClientLink)
 
-    // For the client, which gets it as its child.
+    // To be given to the client, which becomes its parent.
     virtual QTcpSocket *socket() const = 0;
 
-    // How many bytes can arrive at once: what is worth a try.
+    // Which numbers of bytes to try at once.
     virtual const std::vector<int> &sizes() const = 0;
-    // How many bytes more the kernel takes now.
+    // How many more bytes the kernel takes now.
     virtual qsizetype room() const = 0;
-    // False if they do not come.
+    // False if the bytes do not arrive.
     virtual bool arrive(const QByteArray &bytes) = 0;
-    // The peer sends no more; how it ends is chosen.
+    // The peer sends no more. choices: select in which way it ends.
     virtual void end(Choices &choices) = 0;
 
-    // All that the client can still get, and what of it the next turn brings.
+    // unread(): all that the client can still get. nextRead(): what the next turn brings of it.
     virtual QByteArray unread() const = 0;
     virtual QByteArray nextRead() const = 0;
 
     // A turn of the event loop for the socket. True if there were bytes.
     virtual bool turn() = 0;
-    // Whether it makes queued calls, too, before the socket's turn.
+    // Whether turn() also makes the queued calls, before the socket's turn.
     virtual bool turnMakesCalls() const = 0;
     // The socket looks into the kernel without a turn of the event loop. True if that announces
     // bytes.
     virtual bool look() = 0;
-    // The same, but nobody is told of bytes, if the socket can do that.
+    // As look(), but the socket announces no bytes, if it can do that.
     virtual void holdBack() = 0;
 
     const Endpoints endpoints;

@@ -15,9 +15,9 @@
 
 /*!
     What a client has to do, in the simplest terms: no sockets, timers, threads or queues. Each
-    function is one thing that happens to the client; what it does about it is added to its events,
-    as text: its log lines (see logLine()) and its signals. A model of what listens to it overrides
-    them.
+    function is one thing that happens to the client. What the client does about it is added to
+    events, as text: its log lines (see logLine()) and its signals. A model of what listens to the
+    client overrides the virtual functions.
 
     Thread: one.
 */
@@ -66,7 +66,7 @@ public:
         isJustCut = isJustCut && ms < 1;
     }
 
-    // The socket says that there is something to read, and this is what it holds.
+    // The socket says that there is something to read. bytes: what the socket holds.
     void read(const QByteArray &bytes)
     {
         if (!isOpen || !append(bytes))
@@ -87,7 +87,8 @@ public:
         isJustCut = false;
         offerRemainder();
     }
-    // Asked for in another thread: a read that follows at once may have come before it.
+    // A cut that was asked for in another thread. A read that follows at once may have come before
+    // it.
     void cutAhead(qsizetype len)
     {
         cut(len);
@@ -102,7 +103,7 @@ public:
                     std::min(to - position, static_cast<quint64>(buffer.size()))));
     }
 
-    // Every two seconds while its buffer holds enough.
+    // The check timer fires: every two seconds while the buffer holds enough.
     void check()
     {
         isJustCut = false;
@@ -114,14 +115,14 @@ public:
         lastOffer = time;
     }
 
-    // Its thread's watch looks at all that have read enough since it did so last.
+    // The thread's watch looks at all clients that have read enough since its last look.
     void watchLooks()
     {
         if (std::exchange(isWatched, false) && buffer.size() > 80)
             checkTimerRuns = true;
     }
 
-    // rest: what its socket still holds.
+    // rest: what the socket still holds.
     void timeOut(const QByteArray &rest)
     {
         log(QStringLiteral("D: TcpClient: timeout"));
@@ -135,7 +136,7 @@ public:
         if (!buffer.isEmpty() && !std::exchange(lastOfferMade, true))
             offer();
         buffer.clear();
-        if (!isOpen) // it was ended in its last offer
+        if (!isOpen) // the last offer has ended it
             return;
         isOpen = false;
         idleTimerRuns = false;
@@ -148,8 +149,8 @@ public:
 
     QString id;
     bool isOpen = true;
-    bool idleTimerRuns = true; // set by each offer; a test may stop it to see that
-    bool hasWatch = false; // or else it checks its backlog by itself
+    bool idleTimerRuns = true; // set by each offer; tests clear it to see that
+    bool hasWatch = false; // false: it checks its backlog by itself
     bool isWatched = false;
     bool checkTimerRuns = false;
     QByteArray buffer;
@@ -164,7 +165,7 @@ protected:
         if (stamped)
             events += positionText(position);
     }
-    // In the first read, whose bytes have not been taken yet.
+    // Called in the first read, before its bytes are taken.
     virtual void idFound(const QByteArray &) {}
     virtual void renamed(const QString &before) { events += idChangedText(before, id); }
     virtual void gone() { events += disconnectedText(id); }
@@ -184,7 +185,8 @@ private:
         }
         if (bytes.size() > 1000)
             log(QStringLiteral("I: TcpClient2 (%1): msgsize = %2").arg(id).arg(bytes.size()));
-        if (!isOpen) { // its new id has ended it, with these bytes
+        // The client was ended when its id was found, with these bytes.
+        if (!isOpen) {
             log(QStringLiteral("W: TcpClient2 (%1): socket not valid (2)").arg(id));
             return false;
         }
@@ -236,5 +238,5 @@ private:
     qint64 bytesReceived = 0;
     qint64 reads = 0;
     bool idKnown = false;
-    bool isJustCut = false; // by cutAhead(), nothing done since
+    bool isJustCut = false; // by cutAhead(), and nothing has happened since
 };

@@ -6,7 +6,8 @@
 #include "tcpinput/tcpclient2.h"
 #include "tests/kit/otherthread.h"
 
-// Whether the idle time has begun anew since the last call. From then on it counts as over.
+// Whether the idle time has begun anew since the last call. Then ends it, so that the next
+// beginning shows.
 inline bool takeIdleRestart(TcpClient2 &client)
 {
     IdleTimer &idle = client.idleTimer();
@@ -15,7 +16,7 @@ inline bool takeIdleRestart(TcpClient2 &client)
     return restarted;
 }
 
-// Another thread asks for both of its locks.
+// Whether another thread can take both of the client's locks.
 inline bool holdsNoLock(TcpClient2 &client)
 {
     return returnsInAnotherThread([&client] {

@@ -25,11 +25,11 @@
 #include <vector>
 
 /*!
-    Plays a row of choices to a client and to the model of one, step by step: bytes arrive, the
-    host answers, also from within an offer, time passes, timers fire, either side ends the
-    connection. What both do must be the same after each step.
+    Plays a row of choices to a client and to its model, step by step: bytes arrive, the host
+    answers, also from within an offer, time passes, timers fire, either side ends the connection.
+    After each step both must have done the same.
 
-    Thread: the main one; no event loop runs meanwhile, but for the turns that the link makes.
+    Thread: the main one. No event loop runs meanwhile, except for the turns that the link makes.
 */
 class ClientRun
 {
@@ -62,7 +62,7 @@ public:
         }
         posted.clear();
         client.reset();
-        watchLooks(); // it has forgotten the client
+        watchLooks(); // the watch must have forgotten the client
         return true;
     }
 
@@ -102,7 +102,7 @@ private:
 
     bool step()
     {
-        takeIdleRestart(*client); // so that another one is seen
+        takeIdleRestart(*client); // so that a restart in this step shows
         model.idleTimerRuns = false;
         static constexpr void (ClientRun::*Steps[])() = {&ClientRun::bytesArriveAndAreRead,
                                                          &ClientRun::bytesArriveAndAreRead,
@@ -127,7 +127,7 @@ private:
         return isAsExpected();
     }
 
-    // One in a while: most runs would be short otherwise.
+    // These steps are rare: most runs would be short otherwise.
     void rareStep()
     {
         switch (choices.below(8)) {
@@ -180,7 +180,7 @@ private:
         else if (peerEnded)
             model.end(next);
     }
-    // As a socket that was detached from its thread may hold bytes that nobody was told of.
+    // The socket may hold bytes that nobody was told of, as after it was detached from its thread.
     void bytesAreHeldBack()
     {
         note(QStringLiteral("the socket keeps to itself what it has"));
@@ -230,7 +230,7 @@ private:
         client->discardTo(position);
         modelDiscardsTo(position);
     }
-    // As hosts do.
+    // The host answers in a thread of its own, as hosts do.
     void hostAnswersInItsThread()
     {
         const int length = anyLength();
@@ -252,8 +252,7 @@ private:
         if (position > model.position)
             postCut([this, position] { model.cutTo(position); });
     }
-    // What leaves nothing to be offered is cut at once, unless cuts that came before are on their
-    // way.
+    // A cut that leaves nothing to offer is made at once, unless earlier cuts are on their way.
     void modelDiscardsAtOnce(int length)
     {
         const qsizetype left = model.buffer.size() - std::max(length, 0);
@@ -263,7 +262,7 @@ private:
             modelDiscards(length);
     }
 
-    // From within them, the next few.
+    // The host will answer the next few offers from within them.
     void hostWillAnswerOffers()
     {
         answer = choices.of({Answer::Cut, Answer::CutTo, Answer::CutInItsThread, Answer::Stop});
@@ -321,11 +320,12 @@ private:
     void cutsAreCarriedOut()
     {
         note(QStringLiteral("queued calls are made"));
-        makeModelsCalls(); // first: it looks at the socket, which the client may close
+        // The model comes first: it looks at the socket, which the client may close.
+        makeModelsCalls();
         QCoreApplication::sendPostedEvents(client.get(), QEvent::MetaCall);
     }
 
-    // Those that they add wait for the next time.
+    // Calls that these calls add wait for the next time.
     void makeModelsCalls()
     {
         for (const auto &call : std::exchange(posted, {}))
@@ -349,7 +349,7 @@ private:
     {
         note(QStringLiteral("the check timer fires"));
         model.check(); // first, as above
-        client->backlogCheck().stop(); // as before it fires, which it does once
+        client->backlogCheck().stop(); // a single-shot timer has stopped when it fires
         QMetaObject::invokeMethod(&client->backlogCheck(), "timeout");
     }
     void idleTimerFires()
@@ -371,10 +371,11 @@ private:
         model.end(takeRest());
         client->mdisconnected();
     }
-    // What an end of the task's still gets; once, as it may come within another one.
+    // What the task's end still gets from the socket. Only once: one end may come within another
+    // one.
     QByteArray takeRest() { return std::exchange(restTaken, true) ? QByteArray() : link->unread(); }
 
-    // The clients of a thread have one watch.
+    // The clients of a thread share one watch.
     void neighbourComes()
     {
         note(QStringLiteral("another client is watched"));
@@ -402,7 +403,7 @@ private:
         if (!watch.isRunning())
             return;
         watch.look();
-        neighbours.clear(); // and forgotten
+        neighbours.clear(); // the watch has forgotten them
         watchRuns = false;
     }
 
@@ -414,7 +415,7 @@ private:
         expected = std::exchange(model.events, {});
         expected += timerTexts(model.idleTimerRuns, model.checkTimerRuns, watchRuns);
         actual = EventLog::take();
-        // Qt's warning of the surplus argument of a kick's line.
+        // Leave out Qt's warning of the surplus argument in a kick's line.
         actual.removeIf([](const QString &line) {
             return line.startsWith(QLatin1String("w: QString::arg: "));
         });
@@ -432,14 +433,14 @@ private:
     //! What the host does from within an offer.
     enum class Answer { Cut, CutTo, CutInItsThread, Stop };
 
-    //! Another client of the watch's.
+    //! Another client of the same watch.
     struct Neighbour final : BacklogWatch::Watched
     {
         void endWatch() override {}
         BacklogWatch::Place place = BacklogWatch::None;
     };
 
-    //! It tells of its offers while they last.
+    //! Tells the run of its offers, from within them.
     class Model final : public ClientModel
     {
     public:
@@ -464,29 +465,30 @@ private:
     };
 
     Choices choices;
-    const int kind; // of client
+    const int kind; // of the client
     const bool stamped = kind % 2 == 1;
-    const bool watched = kind / 2 == 1; // or else it checks its backlog by itself
-    const int host; // its kind
+    const bool watched = kind / 2 == 1; // false: it checks its backlog by itself
+    const int host; // the kind of host
     const bool stopsAtNewId = host / 4 == 0; // from within idChanged()
-    const QString givenId; // now and then what the client will find out
+    const QString givenId; // now and then the id that the client will derive
     const std::unique_ptr<ClientLink> link;
     const EventLog log;
     const MovableClock clock;
     Model model{*this};
     BacklogWatch watch;
-    std::deque<std::unique_ptr<Neighbour>> neighbours; // that the watch has not looked at yet
+    std::deque<std::unique_ptr<Neighbour>> neighbours; // those that the watch has not looked at yet
     bool watchRuns = false; // since something was added to it
     std::unique_ptr<TcpClient2> client;
 
     std::vector<std::function<void()>> posted; // calls that wait in the client's queue
-    int postedCuts = 0; // among them
+    int postedCuts = 0; // cuts among them
     quint64 streamed = 0;
     bool peerEnded = false;
     bool restTaken = false;
     Answer answer = Answer::Cut;
     qsizetype answerLeaves = 0;
-    int clientAnswers = 0; // that are still to come, to the client's offers and to the model's
+    // Answers still to come: to the client's offers, and to the model's.
+    int clientAnswers = 0;
     int modelAnswers = 0;
     QStringList steps;
     QStringList expected;

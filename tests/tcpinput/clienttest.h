@@ -12,7 +12,7 @@
 
 namespace clienttest {
 
-// With a log and a clock of the test's own.
+// Each test has a log and a clock of its own.
 class ClientTest : public QObject
 {
 protected:

@@ -68,7 +68,7 @@ inline QJsonObject with(QJsonObject object, const QString &key, const QJsonValue
     return object;
 }
 
-// Most of it can be read off the lines that start() logs.
+// The lines that start() logs show most of the configuration.
 class ConfigurationTest : public QObject
 {
 protected:
@@ -87,7 +87,7 @@ inline void ConfigurationTest::begin()
     capture.emplace();
 }
 
-// Each test takes the lines that it expects.
+// Each test has taken the lines that it expects; no others may be left.
 inline void ConfigurationTest::end()
 {
     const QStringList rest = takeLog();

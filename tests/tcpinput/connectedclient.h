@@ -72,7 +72,7 @@ public:
         });
     }
 
-    // The socket has read the bytes when this returns, and the client has, once.
+    // When this returns, the socket has read the bytes, and the client has read them, once.
     bool deliver(const QByteArray &bytes)
     {
         return device.send(bytes) && arrived(int(bytes.size()))
@@ -107,7 +107,7 @@ public:
         return data;
     }
 
-    // As a client finds it out.
+    // The id that the client derives.
     QString derivedId() const
     {
         return QStringLiteral("tcp2:%1:%2-%3:%4")

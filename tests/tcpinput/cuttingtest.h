@@ -43,7 +43,7 @@ protected:
     }
 };
 
-// What the client holds now. Offers it.
+// What the client holds now. Makes an offer of it.
 inline QByteArray heldBy(ConnectedClient &connection)
 {
     connection.takeOffers();

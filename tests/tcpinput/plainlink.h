@@ -17,9 +17,9 @@
 /*!
     A real connection: the socket that a server gives its plain clients, and a device without one.
 
-    Nothing is left to chance: no more is sent than the kernel has room for, and all of it has
-    arrived before the test goes on; turns of the event loop leave timers out, which belong to the
-    test.
+    Nothing is left to chance. No more is sent than the kernel has room for, and all of it has
+    arrived before the test goes on. Turns of the event loop leave out timers: the test fires those
+    by itself.
 */
 class PlainLink final : public ClientLink
 {
@@ -29,7 +29,7 @@ public:
                                           QHostAddress(QStringLiteral("127.61.10.2")), 0,
                                           WantedRoom))
     {}
-    ~PlainLink() override { device.reset(); } // leaves no port behind that waits for its peer
+    ~PlainLink() override { device.reset(); } // a reset: no port waits for its peer
 
     QTcpSocket *socket() const override { return plain; }
 
@@ -91,7 +91,7 @@ public:
         plain->waitForReadyRead(0);
         return bytes;
     }
-    void holdBack() override {} // it hands out what it has
+    void holdBack() override {} // this socket announces all that it has
 
 private:
     explicit PlainLink(SocketPair pair)

@@ -47,7 +47,7 @@ struct Host
     QStringList answer;
 };
 
-//! A plugin with the id "p" on a port of its own. The host outlives it: its destructor delivers.
+//! A plugin with the id "p" on a port of its own. The host outlives it, and gets its last records.
 class Plugin : public Host, public TcpInputPlugin2
 {
 public:
@@ -91,7 +91,7 @@ public:
         return found;
     }
 
-    // Where the record with these bytes comes from; empty if none has come.
+    // The number of the task whose record has these bytes; empty if none has come in time.
     QString taskOf(const QByteArray &bytes)
     {
         const auto record = recordOf(bytes);
@@ -125,8 +125,8 @@ inline long threadNumberOf(TcpTask2 *task)
     return number;
 }
 
-// The device's part of a connection over TLS, while this thread, the plugin's, serves. False if the
-// handshake fails. With TLS 1.3 it succeeds, too, for a device whose certificate is then refused.
+// Plays a TLS device while this thread, the plugin's, serves. False if the handshake fails. With
+// TLS 1.3 the handshake also succeeds for a device whose certificate is refused afterwards.
 inline bool sendOverTls(TlsDevice &device, const Plugin &plugin, const QByteArray &bytes)
 {
     bool sent = false;
@@ -165,7 +165,7 @@ inline void PluginTest::begin()
     capture.emplace();
 }
 
-// Whatever a test has not looked at: no line of Qt's, and no warning, comes unexpectedly.
+// Fails if lines are left that the test has not taken: warnings, or lines of Qt.
 inline void PluginTest::end()
 {
     const QStringList rest = takeLog();

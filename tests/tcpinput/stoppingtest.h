@@ -28,7 +28,7 @@ inline QByteArray bytesOf(int number)
     return "bytes of device " + QByteArray::number(number);
 }
 
-// Another thread reads in the registry.
+// Whether another thread can read in the registry.
 inline bool isUnlocked(const TcpTask2 &task)
 {
     return returnsInAnotherThread([&task] {
@@ -37,7 +37,7 @@ inline bool isUnlocked(const TcpTask2 &task)
     });
 }
 
-//! The records of a task, taken in its thread, so that none depends on another thread's events.
+//! The records of a task, taken in the task's thread: so no other thread's events matter.
 class Records
 {
 public:
@@ -65,7 +65,8 @@ public:
         const QMutexLocker locker(&mutex);
         return std::exchange(messages, {});
     }
-    // A worker that comes to its sockets once more before it stops offers the same twice.
+    // The last count records. A worker may read once more before it stops, and then offers the same
+    // bytes twice.
     QList<QByteArray> takeLast(qsizetype count)
     {
         const QList<QByteArray> all = takeMessages();
@@ -77,8 +78,8 @@ public:
         return subIds.isEmpty() ? QMap<QString, QString>() : subIds.last();
     }
 
-    std::atomic<bool> looksForLock = false; // which takes a thread for each record
-    std::atomic<bool> lockHeld = false; // while one was emitted
+    std::atomic<bool> looksForLock = false; // takes a thread for each record
+    std::atomic<bool> lockHeld = false; // while a record was emitted
 
 private:
     QMutex mutex;
@@ -126,7 +127,7 @@ inline void StoppingTest::end()
     log.reset();
 }
 
-// Null: the test's thread.
+// thread: null for the test's thread.
 inline void StoppingTest::makeTask(QThread *thread)
 {
     task = new TcpTask2(nullptr);
@@ -137,7 +138,7 @@ inline void StoppingTest::makeTask(QThread *thread)
     connect(thread, &QThread::finished, task, &QObject::deleteLater, Qt::DirectConnection);
 }
 
-// In the task's thread.
+// Call in the task's thread.
 inline void StoppingTest::addClient()
 {
     pairs.push_back(SocketPair::connected(LocalAddress, PeerAddress));

@@ -19,8 +19,9 @@
 #include <vector>
 
 /*!
-    What a task has to do, with a model for each of its clients. Calls that Qt queues wait in a row
-    here, too. What the task does is added to its events, as text: the log lines and the records.
+    What a task has to do, with a model for each of its clients. Calls that Qt would queue wait in a
+    queue here, too. What the task does is added to its events, as text: the log lines and the
+    records.
 
     Thread: one.
 */
@@ -69,7 +70,7 @@ public:
         log(QStringLiteral("D: TcpTask2 (0): new client added, size = %1").arg(registry.size()));
     }
 
-    // To a client's socket.
+    // These two happen to a client's socket.
     void read(std::size_t client, const QByteArray &bytes) { clients.at(client)->read(bytes); }
     void end(std::size_t client) { clients.at(client)->endNow(); }
 
@@ -78,7 +79,7 @@ public:
         Client *client = registry.value(id);
         if (!client)
             return;
-        client->isHeard = false; // but for its last offer
+        client->isHeard = false; // only its last offer still counts
         client->endNow();
         client->isDeleted = true;
         registry.remove(id);
@@ -128,7 +129,7 @@ public:
         }
     }
 
-    // The calls that wait are made, but not those that they cause.
+    // Makes the calls that wait, but not those that they cause.
     void turn()
     {
         for (const Call &call : std::exchange(queue, {}))
@@ -136,7 +137,7 @@ public:
     }
     bool isQuiet() const { return queue.empty(); }
 
-    // As turn(), and then the task is gone.
+    // Ends all clients and makes the calls that wait for the task. Then the task is gone.
     void destroy()
     {
         for (const auto &client : clients)
@@ -152,7 +153,7 @@ public:
 private:
     struct Call
     {
-        bool isForTask = false; // or for one of its clients
+        bool isForTask = false; // false: for one of its clients
         std::function<void()> function;
     };
 
@@ -170,8 +171,9 @@ private:
         void endNow() { end(socket ? socket->unread() : QByteArray()); }
 
         const quint64 number;
-        bool isHeard = true; // its end and its changes of id
-        bool isDisplaced = false; // from the registry, by another one with its id
+        bool isHeard = true; // the task listens to its end and its changes of id
+        // Another client with its id has its place in the registry.
+        bool isDisplaced = false;
         bool isDeleted = false;
 
     protected:
@@ -186,7 +188,7 @@ private:
             }
             const QString record = recordText(subIds, buffer);
             if (lastOfferMade)
-                lastRecord = record; // behind the closing line
+                lastRecord = record; // comes after the closing line
             else
                 task.log(record);
         }
@@ -226,7 +228,7 @@ private:
         if (*number != client.number)
             return;
         __extension__ using Wide = __int128;
-        // Wide enough for any sum; what does not fit is at one of the ends.
+        // Wide enough for any sum. A sum that is no position counts as the nearest position.
         const Wide sum = static_cast<Wide>(*offset) + length;
         const quint64 position = sum < 0                    ? 0
                 : sum > std::numeric_limits<quint64>::max() ? std::numeric_limits<quint64>::max()
@@ -234,7 +236,7 @@ private:
         post(false, [&client, position] { client.cutTo(position); });
     }
 
-    // Another client that has the id makes room.
+    // Another client that has the id loses its place.
     void enter(Client *client, const QString &id)
     {
         Client *&holder = registry[id];

@@ -73,7 +73,7 @@ struct Accepted
         return pair.device.send(bytes)
                 && NativeSocket::waitForArrival(int(socket->socketDescriptor()), int(bytes.size()));
     }
-    // The client has run its mdisconnected(), the task does not know yet.
+    // When this returns, the client has run mdisconnected(), but the task does not know yet.
     bool end()
     {
         pair.device.close();
@@ -94,7 +94,7 @@ struct Accepted
     QPointer<QTcpSocket> socket;
 };
 
-// The task in the test's own thread: a test decides when its queue is turned.
+// The task lives in the test's own thread: each test decides when its queue is delivered.
 class TaskTest : public QObject
 {
 protected:
@@ -163,7 +163,7 @@ inline Accepted TaskTest::accept(const QHostAddress &local, const QHostAddress &
     return result;
 }
 
-// Until nothing is posted any more: what a call posts is not sent in the same pass.
+// Repeats until nothing is posted any more: calls that a call posts wait for the next pass.
 inline void TaskTest::turn()
 {
     for (int pass = 0; pass < 5; ++pass)

@@ -60,8 +60,8 @@ void tst_ClientCutOrder::noCutOvertakesAnother_data()
     QTest::newRow("positions") << true;
 }
 
-// By itself the second one would be carried out at once, and the first one then leave so little
-// that the host would see no offer after it.
+// Without the first cut, the second would be carried out at once. The first would then leave so
+// little that the host would see no offer after it.
 void tst_ClientCutOrder::noCutOvertakesAnother()
 {
     QFETCH(bool, toPositions);
@@ -87,7 +87,7 @@ void tst_ClientCutOrder::noCutOvertakesAnother()
     QCOMPARE(connection.takeOffers(), QList<QByteArray>({bytes(100).mid(10)}));
     QCOMPARE(heldBy(connection), bytes(100).mid(90));
 
-    // From then on nothing is on its way.
+    // From then on no cut is on its way.
     cut(5, 95);
     QCOMPARE(heldBy(connection), bytes(100).mid(95));
     QCoreApplication::sendPostedEvents();
@@ -110,8 +110,8 @@ void tst_ClientCutOrder::readRightBehindACut_data()
     QTest::newRow("too few with a remainder") << 15 << 5 << qint64(0) << false;
 }
 
-// The cut is the later one of the two as far as offers go: the read would else have to wait for
-// the next one, a kick or the end.
+// For offers, the cut counts as the later of the two. Otherwise the bytes of the read would have to
+// wait for the next read, a kick or the end.
 void tst_ClientCutOrder::readRightBehindACut()
 {
     QFETCH(int, left);
@@ -138,7 +138,7 @@ void tst_ClientCutOrder::readRightBehindACut()
     } else {
         QCOMPARE(events, QStringList());
     }
-    // The cut is over.
+    // The cut does not count for further reads.
     QVERIFY(connection.deliver("more than twenty bytes more"));
     QCOMPARE(connection.takeOffers(), QList<QByteArray>());
 }
@@ -150,7 +150,7 @@ void tst_ClientCutOrder::readBetweenCutAndRead_data()
     QTest::newRow("too small to be offered") << false;
 }
 
-// The cut was made before the first of them, and so before the second.
+// The cut was made before the first read, and so before the second.
 void tst_ClientCutOrder::readBetweenCutAndRead()
 {
     QFETCH(bool, due);
@@ -170,15 +170,15 @@ void tst_ClientCutOrder::readBetweenCutAndRead()
     QCOMPARE(connection.takeOffers(), QList<QByteArray>());
 }
 
-// What was there when the worker's turn began comes before a cut that is asked for within the turn,
-// however late its own read is.
+// Bytes that were there when the worker's turn began come before a cut that is asked for within the
+// turn, however late they are read.
 void tst_ClientCutOrder::readInTheTurnOfACut()
 {
     using namespace std::chrono;
     clock.reset();
     Clock::setSources([]() -> qint64 { return 1'600'000'000'000; }, &steady_clock::now);
     Worker worker;
-    QSemaphore offered; // by either
+    QSemaphore offered; // by either client
     SocketPair pairs[2];
     int accepted[2];
     std::unique_ptr<TcpClient2> clients[2];
@@ -234,8 +234,8 @@ void tst_ClientCutOrder::cutWhileTheWorkerReads_data()
     }
 }
 
-// Every read is offered, and answered while the next ones come in: each byte is offered until it is
-// cut and not afterwards, and in its place.
+// Every read is offered, and the host answers while the next reads come in. No byte is left out,
+// each is in its place, and at the end none is left.
 void tst_ClientCutOrder::cutWhileTheWorkerReads()
 {
     QFETCH(bool, toPositions);
@@ -310,7 +310,7 @@ void tst_ClientCutOrder::cutWhileTheWorkerReads()
     }
     consume(end - consumed);
 
-    worker.run([] {}); // the cuts that were posted
+    worker.run([] {}); // until the posted cuts are made
     worker.run([&] {
         client->emitData();
         client.reset();

@@ -41,19 +41,19 @@ void tst_ClientCutting::cuts_data()
     const auto row = [](int size, int len, bool posted, int left) {
         QTest::addRow("%d of %d", len, size) << size << len << posted << left;
     };
-    // What leaves no more than 20 bytes changes nothing for the client's thread.
+    // A cut that leaves no more than 20 bytes changes nothing for the client's thread.
     row(30, 10, false, 20);
     row(30, 29, false, 1);
     row(30, 30, false, 0);
     row(20, 0, false, 20);
     row(20, -1, false, 20);
     row(1, std::numeric_limits<int>::min(), false, 1);
-    // What leaves more is offered again.
+    // A remainder of more than 20 bytes is offered again.
     row(30, 9, true, 21);
     row(21, 0, true, 21);
     row(21, -1, true, 21);
     row(60000, 10, true, 59990);
-    // Also of what may come in until it is carried out.
+    // A cut beyond the buffer also cuts what comes in before it is carried out.
     row(30, 31, true, 0);
     row(30, std::numeric_limits<int>::max(), true, 0);
 }
@@ -96,7 +96,7 @@ void tst_ClientCutting::cutsToPositions_data()
     row(30, 19, true, 21);
     row(30, 41, true, 0);
     row(30, std::numeric_limits<quint64>::max(), true, 0);
-    // What has been cut already: also if much is left.
+    // These bytes have been cut already. Nothing is posted, even if much is left.
     row(30, 10, false, 30);
     row(30, 0, false, 30);
     row(20, 10, false, 20);

@@ -22,7 +22,7 @@ void deleteLaterNow()
 
 } // namespace
 
-// The other ways in which a client ends, and what it still answers to afterwards.
+// Further ways in which a client ends, and the calls that still reach it afterwards.
 class tst_ClientEnding : public ClientTest
 {
     Q_OBJECT
@@ -170,8 +170,8 @@ void tst_ClientEnding::windingDownReadsWhatArrivedUnseen_data()
     QTest::newRow("large") << 9 << 0 << 60000;
 }
 
-// Posted calls come before what the kernel holds: a busy worker winds down connections whose last
-// bytes it has not looked at.
+// Posted calls run before the kernel's bytes are read. So a busy worker may wind down a connection
+// whose last bytes it has not seen.
 void tst_ClientEnding::windingDownReadsWhatArrivedUnseen()
 {
     QFETCH(int, readBefore);
@@ -204,7 +204,8 @@ void tst_ClientEnding::windingDownSeesThePeersEnd_data()
     QTest::newRow("reset") << 0 << true;
 }
 
-// The peer has gone already when the client is wound down: one end, and the offer still names it.
+// The peer has already gone when the client is wound down. There is one end, and the offer still
+// names the peer.
 void tst_ClientEnding::windingDownSeesThePeersEnd()
 {
     QFETCH(int, unseen);
@@ -271,7 +272,7 @@ void tst_ClientEnding::queuedCutFindsAnEmptyBuffer()
     connection.client->discard(10);
     EventLog::take();
     connection.device.close();
-    // Not a turn of the event loop: the cut stays queued.
+    // This is no turn of the event loop: the cut stays queued.
     QVERIFY(connection.socket->waitForDisconnected(HangGuardMs));
     QCOMPARE(EventLog::take(), endOf(connection.derivedId(), 100, 100, 1));
 

@@ -13,7 +13,7 @@
 using namespace clienttest;
 using namespace readingtest;
 
-// What nobody has answered for long is offered again.
+// Bytes that the host has not answered for long are offered again.
 class tst_ClientKick : public ClientTest
 {
     Q_OBJECT
@@ -100,11 +100,11 @@ void tst_ClientKick::checkTimerKicks()
     QVERIFY(connection.deliver(bytes(81)));
     connection.takeOffers();
     QTimer &timer = connection.client->backlogCheck();
-    for (const int elapsedMs : {2001, 1000, 1001}) { // the second one has nothing to kick
+    for (const int elapsedMs : {2001, 1000, 1001}) { // the second check kicks nothing
         MovableClock::advance(elapsedMs);
         timer.stop(); // as it is when it fires
         QVERIFY(QMetaObject::invokeMethod(&timer, "timeout"));
-        QVERIFY(timer.isActive()); // for the next one
+        QVERIFY(timer.isActive()); // for the next check
         QCOMPARE(connection.takeOffers().size(), elapsedMs == 1000 ? 0 : 1);
     }
 }

@@ -17,7 +17,7 @@
 
 using namespace clienttest;
 
-// A client that may hold 100 bytes, of a socket that receives by itself, as one with TLS.
+// A client that may hold 100 bytes. Its socket receives by itself, as one with TLS does.
 class tst_ClientLimits : public ClientTest
 {
     Q_OBJECT
@@ -96,7 +96,7 @@ void tst_ClientLimits::pausesWhenFull()
     QVERIFY(!held->isPaused());
 }
 
-// Bytes that such a socket has received may be announced at any time.
+// A socket that receives by itself may announce its bytes at any time.
 void tst_ClientLimits::readsNothingWhilePaused()
 {
     arrive(120);
@@ -109,7 +109,7 @@ void tst_ClientLimits::readsNothingWhilePaused()
     QCOMPARE(latestOffer, 120);
 }
 
-// Nobody announces it a second time.
+// Nobody announces these bytes a second time.
 void tst_ClientLimits::readsWhatCameMeanwhile()
 {
     arrive(120);
@@ -130,7 +130,8 @@ void tst_ClientLimits::endTakesAll()
     QCOMPARE(latestOffer, 650);
 }
 
-// Otherwise all could wait for each other: the host cannot consume what it does not know.
+// Otherwise all connections could wait for each other: the host cannot consume bytes that it does
+// not know.
 void tst_ClientLimits::offersWhatWaitsWhenOthersTakeTheRoom()
 {
     constexpr qint64 Total = 1 << 20;

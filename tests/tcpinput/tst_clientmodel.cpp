@@ -13,14 +13,14 @@
 
 namespace {
 
-// Null if there is none.
+// Null if there is no difference.
 QString differenceIn(const QByteArray &row, std::unique_ptr<ClientLink> link)
 {
     ClientRun run(row, std::move(link));
     return run.play() ? QString() : run.difference();
 }
 
-// False if one failed, of which it tells: QVERIFY2 would cut off the end.
+// False if a run failed. Prints the difference itself: QVERIFY2 would cut off its end.
 template<class Link>
 bool playRuns(quint32 many)
 {
@@ -38,8 +38,8 @@ bool playRuns(quint32 many)
 
 } // namespace
 
-// Random runs of a client against its model; TCPINPUT_SEED repeats one. Those without a connection
-// are many more in the same time.
+// Random runs of a client against its model; TCPINPUT_SEED repeats one. Runs without a connection
+// are faster, so there are many more of them.
 class tst_ClientModel : public QObject
 {
     Q_OBJECT
@@ -59,7 +59,7 @@ void tst_ClientModel::plainConnection()
     QVERIFY(playRuns<PlainLink>(400));
 }
 
-// The event loop that clients have in a worker thread.
+// With the event loop that clients have in a worker thread.
 int main(int argc, char *argv[])
 {
     QCoreApplication::setEventDispatcher(EpollEventDispatcher::create().release());

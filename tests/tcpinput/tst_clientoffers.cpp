@@ -145,7 +145,8 @@ void tst_ClientOffers::sizeLine()
     QFETCH(bool, logged);
     ConnectedClient connection;
     EventLog::take();
-    // The first read shows the new id, later ones need no offer for their line.
+    // The first read derives the id and makes an offer. The second read makes none, but logs its
+    // line.
     for (bool first : {true, false}) {
         QVERIFY(connection.deliver(bytes(size)));
         QStringList expected;
@@ -210,7 +211,7 @@ void tst_ClientOffers::cutInbuf()
     } else {
         QCOMPARE(EventLog::take(), QStringList());
     }
-    // What is left is what the next offer begins with.
+    // The next offer begins with what is left.
     MovableClock::advance(201);
     QVERIFY(connection.deliver("!"));
     QCOMPARE(connection.takeOffers(), QList<QByteArray>({rest + '!'}));
@@ -219,7 +220,7 @@ void tst_ClientOffers::cutInbuf()
         QCOMPARE(held, QList<QByteArray>({bytes(size)}));
 }
 
-// The receiver of an offer holds a large one while all but a little of it is cut.
+// The receiver still holds a large offer when all but a little of it is cut.
 void tst_ClientOffers::cutDoesNotKeepTheMemory()
 {
     ConnectedClient connection;
@@ -261,7 +262,7 @@ void tst_ClientOffers::cutOfNothingOffersAgain()
     }
 }
 
-// Two reads within the interval: the cut of the first offer brings the second.
+// Two reads come within the interval. The cut of the first offer brings the second offer.
 void tst_ClientOffers::cutHasNoTimeCondition()
 {
     ConnectedClient connection;

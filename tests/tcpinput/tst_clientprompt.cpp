@@ -11,8 +11,7 @@
 using namespace clienttest;
 using namespace readingtest;
 
-// With a prompt list: bytes that come within 200 ms of an offer wait for nothing but the end of
-// these 200 ms.
+// With a prompt list, bytes that come within 200 ms of an offer wait only for the end of this time.
 class tst_ClientPrompt : public ClientTest
 {
     Q_OBJECT
@@ -37,7 +36,7 @@ private:
     // Made before the clients, and outlives them.
     PromptList list;
 
-    // Offers "first" and is 100 ms into the interval.
+    // Makes the offer "first". The client is then 100 ms into the interval.
     void deliverFirst(ConnectedClient &connection)
     {
         connection.client->setPromptList(&list);
@@ -45,7 +44,7 @@ private:
         QCOMPARE(connection.takeOffers(), QList<QByteArray>({"first"}));
         MovableClock::advance(100);
     }
-    // The latest moment at which bytes may be offered that wait for the end of the interval.
+    // Goes to the latest moment at which bytes that wait for the end of the interval are offered.
     void endInterval()
     {
         MovableClock::advance(101 + PromptList::MostDelay.count());
@@ -102,7 +101,7 @@ void tst_ClientPrompt::unchangedBufferIsNotOfferedAgain()
     EventLog::take();
 }
 
-// A cut's remainder was offered, and what had waited with it.
+// The offer of a cut's remainder also has the bytes that waited.
 void tst_ClientPrompt::offerInBetweenCounts()
 {
     ConnectedClient connection;
@@ -126,7 +125,7 @@ void tst_ClientPrompt::intervalOfALaterOfferCounts()
     connection.client->cutInbuf(5); // offers: the interval begins anew
     connection.takeOffers();
     QVERIFY(connection.deliver("later"));
-    endInterval(); // of the first offer
+    endInterval(); // the first offer's interval
     QCOMPARE(connection.takeOffers(), QList<QByteArray>());
     endInterval();
     QCOMPARE(connection.takeOffers(), QList<QByteArray>({late + "later"}));

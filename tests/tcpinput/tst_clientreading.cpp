@@ -138,7 +138,7 @@ void tst_ClientReading::socketNotValid()
     neverConnected.setParent(nullptr);
 }
 
-// The id is derived and the size line written before the socket is looked at once more.
+// The id is derived and the size line is written before the client looks at the socket again.
 void tst_ClientReading::socketInvalidatedWhileReading()
 {
     ConnectedClient connection;
@@ -209,7 +209,7 @@ void tst_ClientReading::offersRestartTheIdleTime()
     QVERIFY(restarted());
 }
 
-// The timer fires a whole time-out after it was started, and is then set to the rest.
+// The timer fires a whole time-out after its start, and is then set to the rest.
 void tst_ClientReading::idleTimerIsSetToTheRest()
 {
     ConnectedClient connection;
@@ -222,7 +222,7 @@ void tst_ClientReading::idleTimerIsSetToTheRest()
     QCOMPARE(connection.takeOffers(), QList<QByteArray>({"still open"}));
 }
 
-// Of thousands of clients few have anything to check.
+// Of thousands of clients, few have anything to check.
 void tst_ClientReading::checkTimerRunsWhileThereIsSomethingToCheck()
 {
     ConnectedClient connection;
@@ -265,7 +265,8 @@ void tst_ClientReading::takerGetsOffersBeforeTheSignal()
     QCOMPARE(EventLog::take(), QStringList({QStringLiteral("offer of 24 bytes by ") + id}));
 }
 
-// Nothing is put together for nobody; that must not cost anybody an offer.
+// Without a receiver the client prepares no signal. A receiver that connects later must still get
+// its offer.
 void tst_ClientReading::signalComesToWhoeverConnectsLate()
 {
     ConnectedClient connection((ConnectedClient::WithoutClient()));

@@ -82,7 +82,7 @@ void tst_ClientTimeout::timeoutIsQueued()
              QStringList(timeoutLine()) + endOf(QStringLiteral("given"), 0, 0, 0));
 }
 
-// The idle time counts from the last offer: whatever the machine's load, it is not over earlier.
+// The idle time counts from the last offer. Whatever the machine's load, it is never over earlier.
 // Its end makes an offer, too.
 void tst_ClientTimeout::deliveriesKeepItOpen()
 {

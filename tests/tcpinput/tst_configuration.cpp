@@ -22,8 +22,8 @@ constexpr int DefaultPort = 7446;
 
 } // namespace
 
-// What each key does. Where other programs could hold the same port, the listening itself is looked
-// at only in a network of this test's own.
+// What each key does. Where another program could hold the port, a test looks at the listening
+// itself only in a network of its own.
 class tst_Configuration : public ConfigurationTest
 {
     Q_OBJECT
@@ -109,7 +109,7 @@ void tst_Configuration::emptyObject()
     Plugin plugin({});
     QCOMPARE(plugin.startLog(), startLines(u"0.0.0.0"_s, DefaultPort));
     QCOMPARE(plugin.getStatus(), u"Listen: 0.0.0.0:7446, timeout: 60s, pool size: 4\r\n"_s);
-    // IPv4 only.
+    // The default address is IPv4 only.
     QVERIFY(NativeSocket::connectedTo(QHostAddress::LocalHost, DefaultPort).isValid());
     QVERIFY(!NativeSocket::connectedTo(QHostAddress::LocalHostIPv6, DefaultPort).isValid());
 }
@@ -202,7 +202,7 @@ void tst_Configuration::timeout_data()
     QTest::newRow("90") << QJsonValue(90) << 90;
     QTest::newRow("integral float") << QJsonValue(7.0) << 7;
     QTest::newRow("2147483") << QJsonValue(2147483) << 2147483;
-    // From here on it is the greatest number of milliseconds that the time-out can hold.
+    // From here on the time-out is the longest whose milliseconds fit into an int.
     QTest::newRow("2147484") << QJsonValue(2147484) << 2147483;
     QTest::newRow("4294968") << QJsonValue(4294968) << 2147483; // 704 ms in 32 bits
     QTest::newRow("2147483647") << QJsonValue(2147483647) << 2147483;
@@ -314,7 +314,7 @@ void tst_Configuration::interfaceLastIPv4()
     }
 }
 
-// What is a name is for Qt to say.
+// Qt decides what is a name.
 void tst_Configuration::interfaceByNumber()
 {
     const auto loopback = QNetworkInterface::interfaceFromName(u"lo"_s);
@@ -357,7 +357,7 @@ void tst_Configuration::ipAddrIsAppliedAfterInterface()
     Plugin plugin(object);
     QCOMPARE(plugin.startLog(), startLines(address.toString(), port));
 
-    // Also where the address is bad.
+    // Also if the address is bad.
     Plugin fallback(with(object, u"ipAddr"_s, u"bad"_s));
     QCOMPARE(fallback.startLog(), startLines(u"127.0.0.1"_s, port));
 }
@@ -456,7 +456,7 @@ void tst_Configuration::portInUse()
 
 void tst_Configuration::addressNotAvailable()
 {
-    // For documentation only, RFC 5737: nobody's.
+    // An address that is kept for documentation: no machine has it.
     Plugin plugin({{u"ipAddr"_s, u"203.0.113.1"_s}});
     QCOMPARE(plugin.startLog(), startLines(u"203.0.113.1"_s, DefaultPort));
     QCOMPARE(plugin.getStatus(), FirstStatus);
@@ -473,7 +473,8 @@ void tst_Configuration::listeningTwice()
     const int otherPort = freePort(address);
     plugin.setConfig(with(object, u"port"_s, otherPort));
     QCOMPARE(plugin.startLog(), startLines(address.toString(), otherPort) + QStringList{linesOfQt});
-    QCOMPARE(plugin.getStatus(), statusLine(address.toString(), port)); // the first one goes on
+    // The first server goes on.
+    QCOMPARE(plugin.getStatus(), statusLine(address.toString(), port));
 }
 
 int main(int argc, char *argv[])

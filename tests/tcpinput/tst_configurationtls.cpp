@@ -70,7 +70,7 @@ void tst_ConfigurationTls::tlsStaysWithoutItsKey()
     QCOMPARE(plugin.startLog(), startLines(address.toString(), port, u"SSL"_s));
     QVERIFY(plugin.tlsServer().isListening());
     QVERIFY(!plugin.plainServer().isListening());
-    // The configuration of before, too.
+    // The TLS configuration is the earlier one, too.
     QVERIFY(!plugin.tlsServer().sslConfiguration().localCertificate().isNull());
 }
 
@@ -87,7 +87,7 @@ void tst_ConfigurationTls::tlsValueIsNoObject_data()
     QTest::newRow("array") << QJsonValue(QJsonArray{serverTls()});
 }
 
-// Its presence counts.
+// The presence of the key is enough for TLS.
 void tst_ConfigurationTls::tlsValueIsNoObject()
 {
     QFETCH(QJsonValue, value);
@@ -115,7 +115,7 @@ void tst_ConfigurationTls::tlsRejected()
     QVERIFY(!plugin.tlsServer().isListening());
     QVERIFY(!plugin.plainServer().isListening());
 
-    // Nothing is left of the rejected configuration, but TLS is.
+    // Nothing is left of the rejected configuration, but the server still uses TLS.
     QVERIFY(!plugin.tlsServer().sslConfiguration().handshakeMustInterruptOnError());
     plugin.setConfig(object);
     QCOMPARE(plugin.startLog(), startLines(address.toString(), port, u"SSL"_s));
@@ -123,7 +123,7 @@ void tst_ConfigurationTls::tlsRejected()
     QVERIFY(!plugin.plainServer().isListening());
 }
 
-// From then on the TLS server, which is idle, is the one that everything looks at.
+// From then on everything looks at the TLS server, although it is idle.
 void tst_ConfigurationTls::tlsRejectedWhileListeningPlain()
 {
     const QJsonObject object = ownWithPort();
@@ -163,7 +163,7 @@ void tst_ConfigurationTls::tlsIsReadBetweenPortAndPoolSize()
     object.insert(u"threadpoolSize"_s, 3);
     started.setConfig(with(object, u"ssl"_s, bad));
     QVERIFY(!started.start());
-    // It goes on listening as it did.
+    // The server goes on listening as before.
     QCOMPARE(started.getStatus(), statusLine(address.toString(), port, 90, 2));
     takeLog();
 }

@@ -58,7 +58,7 @@ private:
     static inline const quint16 Port = freePort();
 };
 
-//! Holds the thread that writes a line with the given text, in the message handler.
+//! Holds a thread inside the message handler when it writes a line with the given text.
 class HeldLine
 {
 public:
@@ -101,7 +101,7 @@ qsizetype count(const QStringList &events, const QString &text)
 
 } // namespace
 
-// What a host hears, and when, of connections that end.
+// What a host learns of connections that end, and when.
 class tst_ConnectionEnds : public QObject
 {
     Q_OBJECT
@@ -113,7 +113,7 @@ private Q_SLOTS:
     void destroyedPluginTellsOfNoThread();
 };
 
-// The worker is held within the line, and there is no record yet.
+// While the worker is held inside the line, there is no record yet.
 void tst_ConnectionEnds::lastRecordComesBehindItsLine()
 {
     Plugin plugin(1);
@@ -132,8 +132,8 @@ void tst_ConnectionEnds::lastRecordComesBehindItsLine()
     WAIT_FOR(plugin.records == 2);
 }
 
-// One is reset and returns from the same port while the worker is busy: the end that it finds then
-// is that of the first connection, and the second is not touched.
+// A device resets its connection and comes back from the same port while the worker is busy. The
+// end that the worker then finds is the first connection's. It does not touch the second one.
 void tst_ConnectionEnds::deviceComesBackBeforeItsEndIsHandled()
 {
     const EventLog log;

@@ -24,8 +24,8 @@
 namespace {
 
 /*!
-    A host's message handler that delivers the events of a worker thread inside of a line: until it
-    is told to leave, and a few times more.
+    A host's message handler that runs inside a line: it delivers the events of the thread that
+    writes the line until it is told to leave, and a few times more.
 */
 class LoopInALine
 {
@@ -33,7 +33,7 @@ public:
     enum Way { Turns, PostedEvents, TurnsAndDeletions };
     static inline std::atomic<Way> way = Turns;
 
-    // first: what else it does, before.
+    // first: is called before the events are delivered. Default: nothing.
     explicit LoopInALine(const QString &text, std::function<void()> first = {})
         : previous(qInstallMessageHandler(&handle))
     {
@@ -68,7 +68,7 @@ private:
     {
         if (way == PostedEvents) {
             QCoreApplication::sendPostedEvents();
-            QThread::msleep(1); // for other threads
+            QThread::msleep(1); // gives other threads time
             return;
         }
         QCoreApplication::processEvents(QEventLoop::AllEvents, ms);
@@ -89,8 +89,8 @@ private:
 
 } // namespace
 
-// Hosts whose message handler runs the event loop, in the thread that writes the line. What comes
-// in there may be the end of the connection or of the task whose line it is.
+// Hosts whose message handler runs the event loop in the thread that writes the line. The nested
+// loop may deliver the end of the connection, or of the task, that the line is about.
 class tst_NestedLoops : public QObject
 {
     Q_OBJECT
@@ -177,7 +177,7 @@ void tst_NestedLoops::addLines()
         QTest::newRow(line) << QString::fromLatin1(line);
 }
 
-// Unless the plugin has stopped meanwhile.
+// A device that is connected, unless the plugin has stopped meanwhile.
 std::unique_ptr<QSslSocket> tst_NestedLoops::connectedDevice() const
 {
     auto result = std::make_unique<QSslSocket>();
@@ -196,7 +196,7 @@ std::unique_ptr<QSslSocket> tst_NestedLoops::connectedDevice() const
     return result;
 }
 
-// In the worker, whose thread is in that line when this returns.
+// Makes the worker write the line. When this returns, the worker's thread is inside the line.
 void tst_NestedLoops::bringAboutTheLine()
 {
     QFETCH(QString, line);
@@ -227,8 +227,8 @@ void tst_NestedLoops::peerEnds()
     bringAboutTheLine();
     device->disconnectFromHost();
     WAIT_FOR(device->state() == QAbstractSocket::UnconnectedState);
-    if (line != QLatin1String("closing") // is the end already
-        && LoopInALine::way != LoopInALine::PostedEvents) // which do not bring the peer's
+    if (line != QLatin1String("closing") // this line is the end already
+        && LoopInALine::way != LoopInALine::PostedEvents) // these do not bring the peer's end
         WAIT_FOR(!hasClients());
 
     LoopInALine::leave();
@@ -247,11 +247,12 @@ void tst_NestedLoops::pluginStops()
     LoopInALine::leave();
     plugin.reset();
     QVERIFY(LoopInALine::hasEnded());
-    // What no worker has taken yet is dropped.
+    // A connection that no worker has taken yet is dropped.
     QVERIFY(allIsOffered() || line == QLatin1String("Handling"));
 }
 
-// Where the plugin makes a worker. Either the plugin stops in there, or one more is needed.
+// Lines that are written while the plugin makes a worker. Inside the line, either the plugin stops
+// or one more worker is needed.
 void tst_NestedLoops::inTheHostsThread_data()
 {
     QTest::addColumn<QString>("line");
@@ -286,13 +287,13 @@ void tst_NestedLoops::inTheHostsThread()
         records.clear();
         other->write(sent);
         WAIT_FOR(allIsOffered());
-        QVERIFY(taskOfLast() != taken); // in rotation all the same
+        QVERIFY(taskOfLast() != taken); // the rotation went on all the same
     }
     plugin.reset();
     QCOMPARE(runningThreads(), threadsBefore);
 }
 
-// Either the socket has more to tell in there, or the plugin stops.
+// Inside the line, either the peer ends or the plugin stops.
 void tst_NestedLoops::failedHandshake_data()
 {
     QTest::addColumn<bool>("stops");
@@ -319,7 +320,7 @@ void tst_NestedLoops::failedHandshake()
     WAIT_FOR(LoopInALine::hasEnded());
     if (stops)
         return;
-    device = connectedDevice(); // it goes on listening
+    device = connectedDevice(); // the plugin goes on listening
     device->write(sent);
     WAIT_FOR(allIsOffered());
 }
@@ -382,7 +383,7 @@ void tst_NestedLoops::badCertificate_data()
     }
 }
 
-// The socket does not bear an event loop inside of all that it tells.
+// A nested loop inside some of QSslSocket's signals would re-enter the socket.
 void tst_NestedLoops::badCertificate()
 {
     QFETCH_GLOBAL(bool, tls);
@@ -425,8 +426,8 @@ void tst_NestedLoops::badCertificate()
     QVERIFY2(reasons[0].contains(QLatin1String(reason)), qPrintable(reasons[0]));
 }
 
-// However long a line takes, a dialog say: those that wait for their deletion would make the server
-// pause.
+// A line may take long, for example with a dialog. If other handshakes waited so long for their
+// deletion, the server would pause.
 void tst_NestedLoops::handshakesOfOthers()
 {
     QFETCH_GLOBAL(bool, tls);

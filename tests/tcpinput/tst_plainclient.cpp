@@ -88,8 +88,8 @@ struct PlainClient
 
 } // namespace
 
-// A client that its ReceivingSocket calls, and its end from within what it calls itself: its taker,
-// its signal, and a log line in which the host's handler runs the event loop.
+// A client that its ReceivingSocket calls directly. It ends from within what it calls itself: its
+// taker, its signal, and a log line in which the host's handler runs the event loop.
 class tst_PlainClient : public QObject
 {
     Q_OBJECT
@@ -108,7 +108,7 @@ private:
     std::unique_ptr<MovableClock> clock;
 };
 
-// Also of bytes for which an offer was due.
+// Also if an offer of these bytes was due.
 void tst_PlainClient::lastOfferComesOnce()
 {
     PlainClient connection;
@@ -131,7 +131,7 @@ void tst_PlainClient::endsInItsTaker()
     WAIT_FOR(!ended.isEmpty());
     QCOMPARE(ended.size(), 1);
     QCOMPARE(connection.offers, QList<QByteArray>({"abc", "abc"})); // one, and the last one
-    QCOMPARE(offered.size(), 1); // the last one; the first was over when its turn had come
+    QCOMPARE(offered.size(), 1); // the last one; the first ended before its signal
 }
 
 void tst_PlainClient::peerEndsInALogLine_data()

@@ -18,7 +18,7 @@
 using namespace Qt::StringLiterals;
 using namespace plugintest;
 
-// Discards: to the task and the client that are meant, from any thread.
+// Discards reach the task and the client that they name, from any thread.
 class tst_PluginDiscard : public PluginTest
 {
     Q_OBJECT
@@ -49,7 +49,7 @@ void tst_PluginDiscard::discardIsRouted_data()
                 << SubIdMap{{u"task"_s, text}, {u"client"_s, u"x"_s}}
                 << u"D: TcpInput2(p): discarding for non-existing task %1"_s.arg(number);
     };
-    unknown(u"2"_s, 2); // there are 0 and 1
+    unknown(u"2"_s, 2); // there are tasks 0 and 1
     unknown(u"-1"_s, -1);
     unknown(u"2147483647"_s, std::numeric_limits<int>::max());
     unknown(u"-2147483648"_s, std::numeric_limits<int>::min());
@@ -63,7 +63,7 @@ void tst_PluginDiscard::discardIsRouted_data()
     };
     forwarded(u"0"_s);
     forwarded(u"1"_s);
-    // No decimal int: task 0.
+    // A text that is no decimal int means task 0.
     forwarded(u"abc"_s);
     forwarded(QString());
     forwarded(u"1x"_s);
@@ -120,7 +120,7 @@ void tst_PluginDiscard::discardCuts()
     QVERIFY(rest);
     QCOMPARE(rest->getPluginSubId(), subid);
 
-    // From another thread, and with a text for task 0 that is no number.
+    // From another thread, and with a text that is no number and so means task 0.
     const SubIdMap named{{u"task"_s, u"abc"_s}, {u"client"_s, subid.value(u"client"_s)}};
     std::thread([&] { plugin.discard(5, named); }).join();
     QVERIFY(plugin.recordOf(bytes.mid(15)));
@@ -142,7 +142,7 @@ void tst_PluginDiscard::discardFromOtherThreads()
         latest = record->getPluginSubId();
     });
 
-    // Millions of lines would be captured.
+    // Without this, millions of lines would be captured.
     capture.reset();
     const auto handler =
             qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});

@@ -18,7 +18,7 @@
 using namespace Qt::StringLiterals;
 using namespace plugintest;
 
-// Which task gets a new connection, and what it is told of it.
+// Which task gets a new connection, and what the task is told about the connection.
 class tst_PluginRotation : public PluginTest
 {
     Q_OBJECT
@@ -118,8 +118,8 @@ void tst_PluginRotation::rotationOverSmallPool()
     QCOMPARE(plugin.threadNames(), threads);
 }
 
-// All that wait are dealt out in one go, and the threads come for them in any order: still each
-// connection goes to the task whose turn it was.
+// All waiting connections are dealt out in one go, and the threads come for them in any order.
+// Still each connection goes to the task whose turn it was.
 void tst_PluginRotation::rotationOfBurst()
 {
     Plugin plugin;
@@ -134,7 +134,8 @@ void tst_PluginRotation::rotationOfBurst()
     QCOMPARE(plugin.workers().turn(), 0);
 }
 
-// The second start is one with TLS: a second one of the same kind would hand over twice.
+// The second start() uses TLS: with the same kind of server, each connection would be handed over
+// twice.
 void tst_PluginRotation::poolShrinksBetweenStarts()
 {
     Plugin plugin;
@@ -181,7 +182,7 @@ void tst_PluginRotation::ipv6()
     QCOMPARE(record->getPluginId(), u"p"_s);
 }
 
-// In seconds. A coarse timer may be early by 5 %.
+// The key is in seconds. A coarse timer may be early by 5 %.
 void tst_PluginRotation::timeoutReachesClients()
 {
     Plugin plugin({{u"timeout"_s, 1}});

@@ -21,7 +21,7 @@ namespace {
 
 const QString NoThreadLine = u"W: TcpInputPlugin2(p): Not creating task, no thread found"_s;
 
-// What RLIMIT_AS counts.
+// The process's address space, as RLIMIT_AS counts it.
 rlim_t addressSpace()
 {
     QFile file(u"/proc/self/statm"_s);
@@ -51,7 +51,7 @@ private:
 
 } // namespace
 
-// Neither memory nor descriptors for a thread or a connection.
+// The process lacks memory or descriptors for a thread or a connection.
 class tst_PluginShortage : public PluginTest
 {
     Q_OBJECT
@@ -62,7 +62,7 @@ private Q_SLOTS:
 
     void noThreadWithoutMemory();
 
-    // Last: UndefinedBehaviorSanitizer needs descriptors to look at a class for the first time.
+    // These come last: UndefinedBehaviorSanitizer needs descriptors when it first looks at a class.
     void noThreadWithoutDescriptors();
     void pendingUntilThreadCanBeHad();
     void stoppedWhileNoThreadCanBeHad();
@@ -70,7 +70,7 @@ private Q_SLOTS:
     void pausedWithoutDescriptors();
 };
 
-// The system has refused another thread.
+// The system refuses another thread.
 void tst_PluginShortage::noThreadWithoutMemory()
 {
     Plugin plugin;
@@ -83,7 +83,7 @@ void tst_PluginShortage::noThreadWithoutMemory()
     }
     const QStringList lines = takeLog();
     QCOMPARE(lines.size(), 2);
-    QVERIFY2(lines[0].contains(u"QThread::start: "_s), qPrintable(lines[0])); // Qt's own
+    QVERIFY2(lines[0].contains(u"QThread::start: "_s), qPrintable(lines[0])); // Qt's own line
     QCOMPARE(lines[1], NoThreadLine);
     QVERIFY(plugin.workers().allTasks().isEmpty());
     QVERIFY(plugin.workers().allThreads().isEmpty());
@@ -121,7 +121,8 @@ void tst_PluginShortage::pendingUntilThreadCanBeHad()
         QTRY_VERIFY(plugin.findChild<TcpServer *>()->hasPendingConnections());
         QCOMPARE(takeLog(), QStringList({ThreadLine, NoThreadLine}));
         QCOMPARE(plugin.workers().turn(), 0);
-        // The first retry comes before, and says nothing as long as there are no descriptors.
+        // The first retry comes before the fence, and logs nothing as long as there are no
+        // descriptors.
         QTimer fence;
         fence.setSingleShot(true);
         fence.start(600);
@@ -133,7 +134,7 @@ void tst_PluginShortage::pendingUntilThreadCanBeHad()
     takeLog();
 }
 
-// What was held for its sake is not held any more: accepting pauses and goes on as ever.
+// After stop(), accepting is no longer held for want of a thread. It pauses and resumes as ever.
 void tst_PluginShortage::stoppedWhileNoThreadCanBeHad()
 {
     Plugin plugin;
@@ -167,7 +168,7 @@ void tst_PluginShortage::pausedWithoutDescriptors_data()
     QTest::newRow("TLS") << withTls({});
 }
 
-// One line when it begins, one when it is over, each time.
+// One line when a pause begins and one when it is over, each time.
 void tst_PluginShortage::pausedWithoutDescriptors()
 {
     QFETCH(QJsonObject, settings);

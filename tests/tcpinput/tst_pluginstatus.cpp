@@ -153,7 +153,7 @@ void tst_PluginStatus::statusTimer()
     };
     QCOMPARE(tick(), QStringList{u"loglevel"_s});
 
-    // It goes on after stop(), and each further start() makes it ask once more.
+    // The timer goes on after stop(). Each further start() makes it ask once more.
     QVERIFY(plugin.stop());
     QVERIFY(timer.isActive());
     QCOMPARE(tick(), QStringList{u"loglevel"_s});
@@ -214,7 +214,7 @@ void tst_PluginStatus::statusListsClients()
     }
     takeLog();
     QCOMPARE(plugin.getStatus(), expected);
-    QCOMPARE(plugin.queries, QStringList()); // not yet
+    QCOMPARE(plugin.queries, QStringList()); // they come later
     QTRY_COMPARE(plugin.queries.size(), queries.size());
     QCOMPARE(plugin.queries, queries);
     QCOMPARE(takeLog(), QStringList());

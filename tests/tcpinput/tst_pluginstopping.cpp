@@ -147,8 +147,8 @@ void tst_PluginStopping::stopSignalReachesTasksAndThreads()
     qsizetype finished = 0;
     QTRY_VERIFY((finished += takeLog().count(FinishedLine)) == 1);
 
-    // Nobody but the plugin emits the signal, and stop() has the task deleted before the thread
-    // ends. Here somebody else did: the thread has to run once more to carry the deletion out.
+    // Otherwise only the plugin emits this signal, and stop() has the task deleted before the
+    // thread ends. Here the test emits it, so the thread must run once more to delete the task.
     plugin.workers().allThreads().first()->start();
 }
 
@@ -205,8 +205,8 @@ void tst_PluginStopping::secondStartHandsOverTwice()
     TcpTask2 *first = plugin.getTask();
     takeLog();
 
-    // While the first task cannot take the connection, the second call finds it pending still. The
-    // task that this one hands over to finds nothing to take: the connection is the first task's.
+    // While the first task is busy, the second call finds the connection still pending, and hands
+    // it over to another task. That task finds nothing to take: the connection is the first task's.
     NativeSocket device;
     {
         const Busy busy(first);
@@ -226,7 +226,7 @@ void tst_PluginStopping::secondStartHandsOverTwice()
     QCOMPARE(plugin.getStatus().count(u"tcp2:"_s), 1);
     QVERIFY(takeLog().filter(NoSocketLine).isEmpty());
 
-    // And it keeps working.
+    // The plugin keeps working.
     const NativeSocket another = plugin.connectDevice();
     QVERIFY(another.send("another"));
     QVERIFY(plugin.recordOf("another"));

@@ -49,7 +49,7 @@ void tst_PluginThreads::threadForNumber()
     QCOMPARE(plugin.getThread(2), third);
     QThread *second = plugin.getThread(1);
     QCOMPARE(second->objectName(), u"InpTcp2_2/4"_s);
-    // The pool's size is no limit here.
+    // The pool's size does not limit the index.
     QCOMPARE(plugin.getThread(6)->objectName(), u"InpTcp2_7/4"_s);
 
     for (const QThread *thread : {first, second, third}) {
@@ -67,7 +67,7 @@ void tst_PluginThreads::threadOfTaskIndex()
     QVERIFY(plugin.start());
     const NativeSocket device = plugin.connectDevice();
     QTRY_COMPARE(plugin.workers().turn(), 1);
-    passQueueOf(plugin.workers().allTasks().first()); // the worker has said what it has to say
+    passQueueOf(plugin.workers().allTasks().first()); // the worker has written all its lines
     takeLog();
     QThread *next = plugin.getThread(0);
     QCOMPARE(takeLog(), QStringList{ThreadLine});

@@ -102,14 +102,14 @@ void tst_PluginTls::tlsSignalsAreConnected()
                                 u"W: TcpInputPlugin2(p): SSL Errors"_s};
     QCOMPARE(takeLog(), connected);
 
-    // Direct: in whatever thread it is emitted.
+    // The connection is direct: the slot runs in the thread that emits the signal.
     const QString handshakeLine =
             u"W: TcpInputPlugin2(p): SSL handshake error: "_s + error.errorString();
     const QStringList direct = debug ? QStringList{handshakeLine} : QStringList();
     std::thread([&] { Q_EMIT server->handshakeInterruptedOnError(&socket, error); }).join();
     QCOMPARE(takeLog(), direct);
 
-    // The server's other signals are nobody's.
+    // No slot is connected to this other signal of the server.
     Q_EMIT server->peerVerifyError(&socket, error);
     QCOMPARE(takeLog(), QStringList());
 }
@@ -136,7 +136,7 @@ void tst_PluginTls::refusedClient_data()
     add("client-foreign", QSslError::UnableToGetLocalIssuerCertificate);
     add("self-signed", QSslError::SelfSignedCertificate);
 
-    // Here it does.
+    // Without a certificate the handshake gets that far.
     const QStringList missing{prefix + u"SSL Errors"_s,
                               prefix + u"SSL Socket error: "_s
                                       + QSslError(QSslError::NoPeerCertificate).errorString()};
@@ -159,7 +159,7 @@ void tst_PluginTls::refusedClient()
     QVERIFY(play([&] { ended = refused.waitForEnd(); }));
     QVERIFY(ended);
 
-    // The next one is served, and gets no line.
+    // The next client is served, and causes no warning.
     TlsDevice good(TLS1_3_VERSION, u"client"_s);
     QVERIFY(sendOverTls(good, plugin, "good"));
     QVERIFY(plugin.recordOf("good"));
@@ -170,7 +170,7 @@ void tst_PluginTls::refusedClient()
         QVERIFY2(warnings[n].startsWith(lines[n]), qPrintable(warnings[n]));
 }
 
-// A client that was handed over is the task's, with a line that says so.
+// After the hand-over the client is the task's, and a line says so.
 void tst_PluginTls::tlsConnectionLines()
 {
     Plugin plugin(withTls({}));

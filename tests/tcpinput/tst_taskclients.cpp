@@ -109,7 +109,8 @@ void tst_TaskClients::addConnectionTakesTheTlsSocket()
     QCOMPARE(lines[0], QStringLiteral("D: TcpTask2: Handling SSL connection, ") + threadNumber());
     QCOMPARE(lines[1], QStringLiteral("D: TcpTask2: new connection ") + id);
     QCOMPARE(lines[3], QStringLiteral("D: TcpTask2 (0): new client added, size = 1"));
-    task.reset(); // the client, before the server that its socket came from
+    // Deletes the client before the server that its socket came from.
+    task.reset();
 }
 
 void tst_TaskClients::addConnectionWithNothingPending()
@@ -227,7 +228,7 @@ void tst_TaskClients::idChangeToItself()
     task->discard(1, clientSubId(id));
     QCOMPARE(EventLog::take(), QStringList(nonExisting(id)));
 
-    // It stays alive, whatever happens to it, until the task dies.
+    // The client stays alive, whatever happens to it, until the task dies.
     QVERIFY(accepted.deliver("abc"));
     QVERIFY(accepted.end());
     turn();

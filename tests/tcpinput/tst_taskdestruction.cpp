@@ -17,7 +17,7 @@
 
 using namespace stoppingtest;
 
-// The destructor, in the worker and with it.
+// The task's destructor: in the worker, and when the worker ends.
 class tst_TaskDestruction : public StoppingTest
 {
     Q_OBJECT
@@ -74,7 +74,7 @@ void tst_TaskDestruction::destructionAfterStop()
     QCOMPARE(records->takeMessages(), messagesOf(3));
 }
 
-// Everything at once: the worker is busy, the task is retired, and its thread told to quit.
+// Everything at once: the worker is busy, the task is retired, and the thread is told to quit.
 void tst_TaskDestruction::destructionWithTheThread()
 {
     worker = std::make_unique<Worker>();
@@ -97,7 +97,7 @@ void tst_TaskDestruction::destructionWithTheThread()
     QCOMPARE(records->takeLast(20), messagesOf(20));
 }
 
-// It was dealt to the task, which has not come to it.
+// The connection was dealt to the task, but the task has not taken it yet.
 void tst_TaskDestruction::destructionBeforeTheFirstConnection()
 {
     worker = std::make_unique<Worker>();

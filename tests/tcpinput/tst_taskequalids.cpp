@@ -28,7 +28,7 @@ private Q_SLOTS:
     void equalIdsDoNotReachAThirdClient();
 };
 
-// Two listeners, one peer: the ids are formed alike.
+// Two listeners and one peer: the ids are equal.
 void tst_TaskEqualIds::equalIds()
 {
     Accepted first = accept();
@@ -39,14 +39,14 @@ void tst_TaskEqualIds::equalIds()
     QVERIFY(EventLog::take().last().endsWith(QStringLiteral("new client added, size = 1")));
     QCOMPARE(registry().size(), 3);
 
-    // Only the second can be reached.
+    // Only the second client can be reached.
     QSignalSpy firstCut(first.client, &TcpClient2::cut);
     QSignalSpy secondCut(second.client, &TcpClient2::cut);
     task->discard(1, clientSubId(first.givenId()));
     QCOMPARE(firstCut.size(), 0);
     QCOMPARE(secondCut.size(), 1);
 
-    // The first one's end is its own alone.
+    // The first client's end does not touch the second.
     QVERIFY(first.end());
     turn();
     deleteLaterNow();
@@ -60,7 +60,7 @@ void tst_TaskEqualIds::equalIds()
     QCOMPARE(task->getInfo(), QString());
 }
 
-// In the other order: when the first one ends, nobody holds its id any more.
+// The second client ends first. When the first one ends, nobody holds its id any more.
 void tst_TaskEqualIds::equalIdsTheSecondEndsFirst()
 {
     Accepted first = accept();
@@ -79,8 +79,8 @@ void tst_TaskEqualIds::equalIdsTheSecondEndsFirst()
     QVERIFY(!first.client);
 }
 
-// Its first read is its last: the id that it finds is not given to the one that has taken its
-// place.
+// The first client's first read is its last one. The id that the read finds must not be given to
+// the client that has taken its place.
 void tst_TaskEqualIds::equalIdsTheFirstReadsAtItsEnd()
 {
     Accepted first = accept();
@@ -124,8 +124,8 @@ void tst_TaskEqualIds::endsALiveClientAfterItsLastOffer()
                           QStringLiteral("record of 3 bytes by ") + id}));
 }
 
-// The end of the client that the task deleted is no news to the task: by then a third one may have
-// the id.
+// The task ignores the end of the client that it has deleted: by then the id may be a third
+// client's.
 void tst_TaskEqualIds::equalIdsDoNotReachAThirdClient()
 {
     Accepted first = accept();
@@ -134,7 +134,8 @@ void tst_TaskEqualIds::equalIdsDoNotReachAThirdClient()
             accept(QHostAddress(QStringLiteral("127.62.0.3")), PeerAddress, peerPort);
     QVERIFY(first.end());
     QCoreApplication::removePostedEvents(task.get(), QEvent::MetaCall);
-    task->disconnected(first.givenId()); // of the first one; it deletes the second
+    // The first client's end; it deletes the second client.
+    task->disconnected(first.givenId());
 
     const Accepted third =
             accept(QHostAddress(QStringLiteral("127.62.0.4")), PeerAddress, peerPort);

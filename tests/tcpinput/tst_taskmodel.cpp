@@ -16,8 +16,8 @@
 namespace {
 
 /*!
-    Plays a row of choices to a task and to the model of one, step by step. There are few peers and
-    local addresses, so that ids meet.
+    Plays a row of choices to a task and to its model, step by step. There are few peers and local
+    addresses, so that some ids are equal.
 
     Thread: the main one, which plays the worker, too.
 */
@@ -112,7 +112,7 @@ private:
         devices.push_back(device);
         model.add(socket, {ends, number}, Listening);
         task->addConnection(connectionRecord());
-        // Of real time, which has no part here.
+        // The check runs in real time, which plays no part here.
         qobject_cast<TcpClient2 *>(socket->parent())->backlogCheck().stop();
     }
     void addWithNothingPending()
@@ -240,17 +240,18 @@ private:
     {
         note(QStringLiteral("queued calls are made"));
         model.turn();
-        // Deletions in their turn: calls that were posted before them may need the clients.
+        // Deletions wait for their turn: calls that were posted before them may need the clients.
         QCoreApplication::sendPostedEvents();
     }
-    // It processes events for some real time: compared is what comes in the end.
+    // stop() processes events for some real time, so only the final result is compared.
     void stop()
     {
         note(QStringLiteral("the task is stopped"));
         model.stop();
         int turns = 0;
+        // The model comes first: the clients take what the sockets hold.
         for (; !model.isQuiet(); ++turns)
-            model.turn(); // first: the clients take what the sockets hold
+            model.turn();
         task->stop();
         while (turns-- > 0)
             QCoreApplication::sendPostedEvents();
@@ -274,7 +275,7 @@ private:
     TaskModel model;
     std::unique_ptr<TcpTask2> task = std::make_unique<TcpTask2>(nullptr);
     std::vector<Device> devices;
-    std::size_t lastDevice = 0; // that bytes arrived from
+    std::size_t lastDevice = 0; // the last one from which bytes arrived
     int streamed = 0;
     QStringList steps;
     QStringList expected;

@@ -85,7 +85,7 @@ void tst_TaskOffers::recordThatNobodyAnswersIsRepeated()
     QCOMPARE(records[1]->getOriginalMessage(), sent);
 }
 
-// The client takes its name off the watch, which must still be there.
+// The client removes itself from the watch, so the watch must still exist.
 void tst_TaskOffers::taskGoesWhileAClientIsWatched()
 {
     const Accepted accepted = accept();
@@ -109,7 +109,7 @@ void tst_TaskOffers::recordsInOrder()
     QVERIFY(records[0] != records[1]);
 }
 
-// The id that the first record bears is derived by the same read.
+// The same read derives the id that the first record has. The host may use that id at once.
 void tst_TaskOffers::firstRecordIsAnsweredAtOnce()
 {
     const Accepted accepted = accept();
@@ -133,7 +133,7 @@ void tst_TaskOffers::firstRecordIsAnsweredAtOnce()
     QCOMPARE(records.last()->getOriginalMessage(), QByteArray("cdef"));
 }
 
-// A host may do with a record what it likes.
+// A host may change a record. Other records must not change with it.
 void tst_TaskOffers::recordsShareNoSubIds()
 {
     const Accepted accepted = accept();
@@ -220,7 +220,7 @@ void tst_TaskOffers::discardPassesTheLengthOn()
     QCOMPARE(EventLog::take(), QStringList());
 }
 
-// The entry stays until the task has handled the end.
+// The registry's entry stays until the task has handled the end.
 void tst_TaskOffers::discardReachesAClientUntilItIsRemoved()
 {
     Accepted accepted = accept();

@@ -18,7 +18,7 @@ using namespace stoppingtest;
 
 namespace {
 
-//! Sets a flag when it is asked to.
+//! Counts the events that post() sends to it.
 class EventCounter : public QObject
 {
 public:
@@ -79,7 +79,7 @@ void tst_TaskStopping::stopInTheTasksThread()
     EventLog::take();
 
     task->stop();
-    // One pass at least, however long it takes.
+    // stop() makes at least one pass, however long that takes.
     QCOMPARE(EventLog::take().filter(QStringLiteral("D: TcpClient: closing connection ")).size(),
              3);
 
@@ -122,7 +122,7 @@ void tst_TaskStopping::stopReturnsThoughEventsGoOn()
     QVERIFY(endless.count > 0);
 }
 
-// It posts to the worker, and the events that it processes are the caller's.
+// stop() posts to the worker. The events that it processes are the calling thread's.
 void tst_TaskStopping::stopFromAnotherThread()
 {
     worker = std::make_unique<Worker>();
@@ -152,7 +152,7 @@ void tst_TaskStopping::stopFromAnotherThread()
     worker->run([&] { workers.moveToThread(QCoreApplication::instance()->thread()); });
 }
 
-// Whoever made the task: in the worker, stop() processes the worker's events.
+// In the worker, stop() processes the worker's events, whichever thread made the task.
 void tst_TaskStopping::stopLeavesTheMakersEventsAlone()
 {
     worker = std::make_unique<Worker>();
@@ -198,7 +198,7 @@ QStringList tst_TaskStopping::takeNotes()
     return notes;
 }
 
-// The plugin retires a task whose worker comes to its stop() only then.
+// The plugin may retire a task before its worker comes to the task's stop().
 void tst_TaskStopping::deletionDuringStop()
 {
     worker = std::make_unique<Worker>();
@@ -209,7 +209,7 @@ void tst_TaskStopping::deletionDuringStop()
     QVERIFY(sendToAll());
     QVERIFY(QMetaObject::invokeMethod(task, "stop", Qt::QueuedConnection));
     task->deleteLater();
-    // Processed by stop(), after the deletion was asked for.
+    // stop() processes this call, after the deletion was asked for.
     worker->post([] { EventLog::note(QStringLiteral("still inside")); });
     EventLog::take();
     worker->release();

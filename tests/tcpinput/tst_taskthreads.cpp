@@ -109,7 +109,7 @@ void tst_TaskThreads::discardsAndInfoWhileClientsComeAndGo()
         QMetaObject::invokeMethod(task, "addConnection", Qt::QueuedConnection,
                                   Q_ARG(Connection, conn));
     });
-    // The discards cut nothing, they only have everything offered again.
+    // The discards cut nothing: they only make the clients offer everything again.
     QSet<QByteArray> seen;
     connect(task, &TcpTask2::receivedData, this, [&](const shared_parsedData &data) {
         const QByteArray message = data->getOriginalMessage();

@@ -22,7 +22,8 @@ private Q_SLOTS:
     void init() { begin(); }
     void cleanup() { end(); }
 
-    void registersTheRecordsType(); // first: it is registered for the whole process
+    // Must run first: the type is registered for the whole process.
+    void registersTheRecordsType();
     void methods_data();
     void methods();
     void nothingButMethods();
@@ -36,8 +37,8 @@ private Q_SLOTS:
     void logSize();
 };
 
-// Without a plugin, which registers it too: a receiver in another thread gets
-// readyRead(Connection).
+// A plugin would register the type, too, but there is none here. Without the type, a receiver in
+// another thread would not get readyRead(Connection).
 void tst_TcpTask2::registersTheRecordsType()
 {
     QVERIFY(!QMetaType::fromName("Connection").isValid());
@@ -166,7 +167,8 @@ void tst_TcpTask2::infoWithQueuedReceiver()
     QCOMPARE(queries, QStringList(QStringLiteral("lookup TCP:") + accepted.givenId()));
 }
 
-// The registry has it before the first record: the host may answer that at once.
+// The registry has the new id before the first record comes: the host may answer that record at
+// once.
 void tst_TcpTask2::infoShowsTheCurrentId()
 {
     const Accepted accepted = accept();

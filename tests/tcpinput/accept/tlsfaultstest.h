@@ -24,7 +24,7 @@ inline QString text(const char *latin1)
 inline const QByteArray HalfHello("\x16\x03\x01\x02\x00\x01", 6);
 
 /*!
-    What peers that fail at TLS do to the plugin, and must not do.
+    What peers whose TLS fails do to the plugin, and what they must not do.
 */
 class TlsFaultsTest : public QObject
 {
@@ -50,7 +50,7 @@ protected:
 
     quint16 port = 0;
     std::unique_ptr<TcpInputPlugin2> plugin;
-    double servedMs = 0; // what the last good device took
+    double servedMs = 0; // how long the last good device took
     bool discards = true;
     QList<QByteArray> records;
     QStringList peers; // of the records
@@ -96,7 +96,7 @@ inline void TlsFaultsTest::start(const QJsonObject &tls)
     QVERIFY(server().isListening());
 }
 
-// A good device from beginning to end.
+// Plays a good device from beginning to end.
 inline bool TlsFaultsTest::serve(int version, const QByteArray &bytes, const QString &certificate)
 {
     bool ended = false;

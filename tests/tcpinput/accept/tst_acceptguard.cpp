@@ -29,7 +29,7 @@ namespace {
 
 const QHostAddress LocalAddress(QStringLiteral("127.65.0.1"));
 
-std::atomic<int> acceptError = 0; // with which accept() fails; 0: as the kernel says
+std::atomic<int> acceptError = 0; // the error of each accept(); 0: what the kernel says
 std::atomic<int> failures = 0;
 std::atomic<int> failuresLeft = -1; // negative: for ever
 
@@ -53,7 +53,7 @@ public:
 
 } // namespace
 
-// In the place of the C library's, for Qt and our own code.
+// Replaces the C library's accept4(), for Qt and for our own code.
 extern "C" Q_DECL_EXPORT int accept4(int fd, sockaddr *address, socklen_t *length, int flags)
 {
     if (acceptError != 0 && failuresLeft != 0) {
@@ -66,7 +66,7 @@ extern "C" Q_DECL_EXPORT int accept4(int fd, sockaddr *address, socklen_t *lengt
     return static_cast<int>(::syscall(SYS_accept4, fd, address, length, flags));
 }
 
-// The server without free file descriptors; they are this whole process's.
+// The server when the whole process has no free file descriptors.
 class tst_AcceptGuard : public QObject
 {
     Q_OBJECT
@@ -123,7 +123,7 @@ void tst_AcceptGuard::cleanup()
     capture.reset();
 }
 
-// Their descriptors are needed before none are left.
+// Call while there are descriptors for the devices.
 void tst_AcceptGuard::prepareDevices(int count)
 {
     devices.clear();
@@ -137,7 +137,7 @@ void tst_AcceptGuard::connectDevices()
         QVERIFY(device.connect(LocalAddress, server->serverPort()));
 }
 
-// Each of them has fired at least that often, less one, when this returns.
+// When this returns, each timer of 100 ms has fired at least count - 1 times.
 void tst_AcceptGuard::waitForTimers(int count)
 {
     QTimer fence;
@@ -173,7 +173,7 @@ void tst_AcceptGuard::outAndBack()
     connectDevices();
     QTRY_COMPARE_WITH_TIMEOUT(accepted, acceptedBefore, HangGuardMs);
 
-    // Twice: every episode is told of once.
+    // Twice: each episode is reported once.
     for (int episode = 1; episode <= 2; ++episode) {
         prepareDevices(Devices);
         auto noDescriptors = std::make_unique<NoFreeDescriptors>();
@@ -198,7 +198,7 @@ void tst_AcceptGuard::outAndBack()
     QVERIFY2(activations.count < 40, QByteArray::number(activations.count));
 }
 
-// Accepting one connection and running out again is no end of the episode.
+// The episode goes on if one connection is accepted and descriptors run out again.
 void tst_AcceptGuard::descriptorsComeBackOneByOne()
 {
     constexpr int Devices = 6;
@@ -259,7 +259,7 @@ void tst_AcceptGuard::nothingIsAcceptedWhileHeld()
     QCOMPARE(back, 0);
 }
 
-// Qt then reports an error after the connection that the receiver wants to be the last.
+// The receiver wants this connection to be the last one. Qt reports the first error again after it.
 void tst_AcceptGuard::heldAfterTheFirstAcceptFailed()
 {
     prepareDevices(1);
@@ -282,7 +282,7 @@ void tst_AcceptGuard::heldAfterTheFirstAcceptFailed()
     QTRY_COMPARE_WITH_TIMEOUT(accepted, 3, HangGuardMs);
 }
 
-// The descriptors that come back are not for new connections, and the episode lasts.
+// While accepting is held, descriptors that come back are not used, and the episode goes on.
 void tst_AcceptGuard::heldWhileOut()
 {
     prepareDevices(3);
@@ -377,7 +377,7 @@ void tst_AcceptGuard::otherFailures()
     QCOMPARE(out, 0);
 }
 
-// A connection that its peer has aborted while it waited.
+// The peer has aborted a connection that waited to be accepted.
 void tst_AcceptGuard::failuresThatPass()
 {
     const QSignalSpy fails(&server->guard, &AcceptGuard::acceptFails);

@@ -178,7 +178,7 @@ void tst_ConnectionLimiter::rateIsReached_data()
     QTest::newRow("very many") << 100000 << 1;
 }
 
-// Somebody looks every 10 ms, for ten seconds.
+// The limiter is asked every 10 ms, for ten seconds.
 void tst_ConnectionLimiter::rateIsReached()
 {
     QFETCH(int, perSecond);
@@ -279,7 +279,7 @@ void tst_ConnectionLimiter::placesOutliveTheLimiter()
         limiter.enter(acceptance);
         QVERIFY(limiter.keeps(acceptance));
     }
-    acceptance = {}; // AddressSanitizer would complain
+    acceptance = {}; // AddressSanitizer would report a use after free
     QVERIFY(acceptance.places.empty());
 }
 

@@ -19,13 +19,13 @@
 
 namespace {
 
-std::function<void()> beforeListen; // once
+std::function<void()> beforeListen; // called once
 
 } // namespace
 
-// Takes the place of the C library's, also for Qt: between bind() and listen() of one process
-// another may listen. Both may bind a port as long as nobody listens there, since Qt has addresses
-// reused.
+// Replaces the C library's listen(), also for Qt. Qt lets sockets reuse an address, so two
+// processes may bind the same port as long as nobody listens there. Then another process may listen
+// between this process's bind() and listen().
 extern "C" Q_DECL_EXPORT int listen(int descriptor, int backlog) noexcept
 {
     if (beforeListen)
@@ -49,7 +49,7 @@ private Q_SLOTS:
 
 private:
     std::unique_ptr<TcpInputPlugin2> makePlugin() const;
-    // Binds the port, and listens there when the plugin is about to.
+    // Binds the port. Listens there just before the plugin does.
     void letAnotherComeFirst();
     QString nothingListens() const
     {
@@ -106,8 +106,8 @@ void tst_Listening::letAnotherComeFirst()
     beforeListen = [this] { QCOMPARE(::listen(other.descriptor(), 1), 0); };
 }
 
-// As where a port is in use already: the status says that nothing listens, and the log says
-// nothing.
+// As with a port that is in use already: the status says that nothing listens, and the log says
+// nothing about it.
 void tst_Listening::anotherComesFirst()
 {
     QFETCH_GLOBAL(bool, tls);
@@ -144,12 +144,12 @@ void tst_Listening::listensOnceTheOtherHasGone()
     QVERIFY(NativeSocket::connectedTo(testAddress(), port).isValid());
 
     next->stop();
-    QVERIFY(plugin->start()); // and the first one can have it
+    QVERIFY(plugin->start()); // now the first one can have the port
     QCOMPARE(plugin->getStatus(), listens());
     QVERIFY(NativeSocket::connectedTo(testAddress(), port).isValid());
 }
 
-// Qt refuses to listen twice; that is no reason to stop.
+// Qt refuses to listen twice, but the server goes on listening.
 void tst_Listening::aSecondStartGoesOnListening()
 {
     const auto plugin = makePlugin();

@@ -42,7 +42,7 @@ void tst_MinuteNotice::othersWhenTheMinuteIsOver()
     QTRY_COMPARE_WITH_TIMEOUT(due.size(), 2, HangGuardMs);
     QVERIFY(sinceFirst.elapsed() >= MinuteMs * 95 / 100); // the timer is a coarse one
     QCOMPARE(due.last(), QVariantList({quint64(2), QStringLiteral("c")}));
-    // A minute without any, and the next is a first one again.
+    // No others come for a minute. The next one then counts as a first one again.
     MinuteNotice fence(MinuteMs);
     const QSignalSpy passed(&fence, &MinuteNotice::due);
     fence.add({});

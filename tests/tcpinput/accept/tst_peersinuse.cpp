@@ -120,7 +120,7 @@ void tst_PeersInUse::placesOutliveTheServer()
     Acceptance one = from(u"10.0.0.1"_s, 1, true);
     peers->enter(one);
     peers.reset();
-    one.places.clear(); // AddressSanitizer would complain
+    one.places.clear(); // AddressSanitizer would report a use after free
 }
 
 QTEST_GUILESS_MAIN(tst_PeersInUse)

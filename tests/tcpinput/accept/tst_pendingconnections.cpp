@@ -118,7 +118,7 @@ void tst_PendingConnections::unreservedBehindReserved()
     QCOMPARE(takeIn(other), 3);
 }
 
-// Its connection was closed meanwhile, and the next one is not dealt out yet.
+// The connection for this thread was closed meanwhile. The next one is not dealt out yet.
 void tst_PendingConnections::lateComerGetsNothing()
 {
     pending->add(1);
@@ -131,7 +131,7 @@ void tst_PendingConnections::lateComerGetsNothing()
     QCOMPARE(pending->take(), 2);
 }
 
-// They are not kept for connections to come.
+// Surplus reservations are not kept for later connections.
 void tst_PendingConnections::moreReservationsThanConnections()
 {
     pending->add(1);

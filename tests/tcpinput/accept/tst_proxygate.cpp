@@ -80,13 +80,13 @@ void tst_ProxyGate::announcedWhenItCanBeTaken()
     QCOMPARE(taken.socket->readAll(), QByteArray("message"));
 }
 
-// They count as connections that wait to be taken.
+// Connections that wait for their header count as connections that wait to be taken.
 void tst_ProxyGate::waitingConnectionsAreBounded()
 {
     constexpr int Most = 4096;
     constexpr int Least = 2048;
     constexpr int Later = 10;
-    constexpr int Together = 256; // a divisor
+    constexpr int Together = 256; // a divisor of Most
     if (!raiseDescriptorLimit(2 * (Most + 100)))
         QSKIP("the limit of open files is lower");
     std::vector<NativeSocket> devices;
@@ -98,7 +98,7 @@ void tst_ProxyGate::waitingConnectionsAreBounded()
     }
     for (int n = 0; n < Later; ++n)
         devices.push_back(connectDevice("P"));
-    // Behind the last one, and behind a few turns of the guard's timer.
+    // After the fence, the last device has connected and the guard's timer has fired a few times.
     int ticks = 0;
     QTimer fence;
     connect(&fence, &QTimer::timeout, &fence, [&ticks] { ++ticks; });
@@ -112,10 +112,11 @@ void tst_ProxyGate::waitingConnectionsAreBounded()
     const qsizetype before = openSockets();
     server->close();
     QCOMPARE(server->proxies.waiting(), 0);
-    QCOMPARE(openSockets(), before - Least - Later - 1); // it does not listen either
+    // The listening socket is closed, too.
+    QCOMPARE(openSockets(), before - Least - Later - 1);
 }
 
-// It came in time, and is read late.
+// The header came in time, but it is read late.
 void tst_ProxyGate::heldUpThreadCostsNoHeader()
 {
     ProxyRule rule;
@@ -125,7 +126,7 @@ void tst_ProxyGate::heldUpThreadCostsNoHeader()
     const NativeSocket device = connectDevice();
     QTRY_COMPARE_WITH_TIMEOUT(server->proxies.waiting(), 1, HangGuardMs);
     QVERIFY(device.send("PROXY UNKNOWN\r\n"));
-    // The timer comes first, however the event loop orders the two.
+    // Makes the time-out come first: otherwise the event loop decides the order.
     for (QSocketNotifier *notifier : server->proxies.findChildren<QSocketNotifier *>())
         notifier->setEnabled(false);
     QTRY_COMPARE_WITH_TIMEOUT(server->proxies.waiting(), 0, HangGuardMs);

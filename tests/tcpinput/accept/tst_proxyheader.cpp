@@ -15,7 +15,7 @@ namespace {
 
 const QByteArray DeviceBytes("\r\n0123456789\r\n");
 
-//! What a header comes to, and how many of the connection's bytes it took.
+//! The result of a header, and how many of the connection's bytes it took.
 struct Outcome
 {
     ProxyHeader::State state = ProxyHeader::State::Incomplete;
@@ -30,8 +30,8 @@ struct Outcome
     }
 };
 
-// Reads as a connection is read: never more than is wanted, and no more than has come. ends: of the
-// pieces in which the bytes come, ascending.
+// Reads as from a connection: never more than the header wants, and no more than has come. ends:
+// where the pieces end in which the bytes come, ascending.
 Outcome readInPieces(const QByteArray &bytes, const QList<qsizetype> &ends)
 {
     ProxyHeader header;
@@ -76,7 +76,7 @@ quint32 crc32c(const QByteArray &bytes)
     return sum ^ 0xffffffffU;
 }
 
-// With a checksum between two other extra values. wrong: is added to it.
+// A header with a checksum between two other extra values. wrong: is added to the checksum.
 QByteArray checked(char command, char family, const QByteArray &addresses, quint32 wrong = 0)
 {
     const QByteArray before = extra(0x05, "unique");
@@ -240,7 +240,8 @@ void tst_ProxyHeader::malformed_data()
     row("wrong checksum, unix", checked(Proxy, UnixStream, QByteArray(216, '/'), 1));
     row("checksum of three bytes", binary(Ipv4Peer, PeerPort, extra(0x03, "abc")));
     const QByteArray good = checked(Proxy, Tcp4, block(Ipv4Peer, PeerPort));
-    const qsizetype type = good.indexOf(QByteArray("\x03\0\x04", 3)); // another one is no checksum
+    // With another type, the value is no checksum.
+    const qsizetype type = good.indexOf(QByteArray("\x03\0\x04", 3));
     for (qsizetype index = 16; index < good.size(); ++index) {
         if (index == type)
             continue;
@@ -266,7 +267,7 @@ void tst_ProxyHeader::wantsNoMoreThanItHas_data()
     wellFormed_data();
 }
 
-// Whatever has come of it: what is wanted next ends with the header at the latest.
+// Whatever part has come: what is wanted next ends with the header at the latest.
 void tst_ProxyHeader::wantsNoMoreThanItHas()
 {
     QFETCH(QByteArray, header);
@@ -279,7 +280,7 @@ void tst_ProxyHeader::wantsNoMoreThanItHas()
     QCOMPARE(reader.wanted(), 0);
 }
 
-// Each is a call to the kernel.
+// Each piece is a call to the kernel.
 void tst_ProxyHeader::textIsReadInFewPieces()
 {
     const QByteArray header = "PROXY TCP4 203.0.113.171 198.51.100.22 56324 17446\r\n";

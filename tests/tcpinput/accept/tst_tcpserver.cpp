@@ -66,7 +66,7 @@ QByteArray readToTheEnd(QTcpSocket *socket)
     return bytes;
 }
 
-//! A thread that is waited for.
+//! A thread whose destructor waits for it.
 class Taker
 {
 public:
@@ -333,7 +333,7 @@ void tst_TcpServer::peerThatReset_data()
     }
 }
 
-// Qt does not know such a peer any more, but the kernel does.
+// Qt does not know the address of such a peer any more, but the kernel does.
 void tst_TcpServer::peerThatReset()
 {
     QFETCH(QHostAddress, address);
@@ -400,7 +400,7 @@ void tst_TcpServer::waitingConnectionsAreBounded()
         connectDevices(qMin(200, PauseAt - 1 - announced));
         QTRY_COMPARE_WITH_TIMEOUT(announced, int(devices.size()), HangGuardMs);
     }
-    // One below the bound it goes on, at the bound it pauses.
+    // One below the bound the server goes on, at the bound it pauses.
     connectDevices(1);
     QTRY_COMPARE_WITH_TIMEOUT(announced, PauseAt, HangGuardMs);
     connectDevices(Later);
@@ -415,7 +415,7 @@ void tst_TcpServer::waitingConnectionsAreBounded()
 
     QVERIFY(take());
     QTRY_COMPARE_WITH_TIMEOUT(announced, PauseAt + Later, HangGuardMs);
-    // And it goes on afterwards.
+    // Accepting goes on afterwards.
     waitForTimers();
     connectDevices(1);
     QTRY_COMPARE_WITH_TIMEOUT(announced, PauseAt + Later + 1, HangGuardMs);
@@ -439,7 +439,7 @@ void tst_TcpServer::closeWhilePaused()
     devices.push_back(connectDevice());
     QTRY_COMPARE_WITH_TIMEOUT(announced, int(devices.size()), HangGuardMs);
 
-    // Also when the pause has not been noticed yet by the time it listens again.
+    // Also if it listens again at once, without a turn of the event loop between.
     devices.clear();
     server->close();
     QVERIFY(server->listen(LocalAddress, 0));

@@ -18,7 +18,7 @@
 
 using namespace tlsfaultstest;
 
-// Ends: of the server while a handshake is under way, and of the peer behind its handshake.
+// Ends of the server during a handshake, and ends of the peer right behind its handshake.
 class tst_TlsEndings : public TlsFaultsTest
 {
     Q_OBJECT
@@ -96,7 +96,7 @@ void tst_TlsEndings::waitingConnectionsEndWithTheServer_data()
     QTest::newRow("destroyed") << true;
 }
 
-// Their handshake is done, and nobody has taken them.
+// The handshake of these connections is done, but nobody has taken them.
 void tst_TlsEndings::waitingConnectionsEndWithTheServer()
 {
     QFETCH(bool, destroys);
@@ -116,7 +116,8 @@ void tst_TlsEndings::waitingConnectionsEndWithTheServer()
         plugin->stop();
         QVERIFY(!server().hasPendingConnections());
     }
-    QTRY_COMPARE(openSockets(), before); // without the listening one's, and with the device's
+    // Less the listening socket, plus the device's.
+    QTRY_COMPARE(openSockets(), before);
     QVERIFY(device.waitForEnd());
 }
 
@@ -142,8 +143,8 @@ void tst_TlsEndings::peerGoneBeforeTheHandOver_data()
     QTest::newRow("1.3") << TLS1_3_VERSION;
 }
 
-// The end of the handshake, the bytes and the end of the connection are all there when the plugin's
-// thread looks.
+// When the plugin's thread looks, the end of the handshake, the bytes and the end of the connection
+// are all there.
 void tst_TlsEndings::peerGoneBeforeTheHandOver()
 {
     QFETCH(int, version);
@@ -201,7 +202,7 @@ void tst_TlsEndings::closeNotifyEndsTheConnection_data()
     QTest::newRow("1.3, nothing else") << TLS1_3_VERSION << true << QByteArray();
 }
 
-// The device keeps TCP open. The idle time-out is beyond the device's patience.
+// The device keeps TCP open. It would not wait as long as the idle time-out.
 void tst_TlsEndings::closeNotifyEndsTheConnection()
 {
     QFETCH(int, version);

@@ -27,7 +27,7 @@ const QByteArray CorruptRecord = QByteArray("\x17\x03\x03\x00\x20", 5) + QByteAr
 
 } // namespace
 
-// Handshakes that fail, or never end: they leave nothing behind, and delay nobody.
+// Handshakes that fail, or that never end, leave nothing behind and delay nobody.
 class tst_TlsFaults : public TlsFaultsTest
 {
     Q_OBJECT
@@ -57,7 +57,8 @@ private:
     bool fail(Failure failure) const;
 };
 
-// In any thread. False if the server does not end what it should.
+// Plays a peer that fails; in any thread. False if the server should end the connection and does
+// not.
 bool tst_TlsFaults::fail(Failure failure) const
 {
     TlsDevice device(failure == Failure::ForeignCertificate ? TLS1_3_VERSION : TLS1_2_VERSION,
@@ -134,7 +135,7 @@ void tst_TlsFaults::failedHandshakesLeaveNothing()
     QTRY_COMPARE(handshakes(), 0);
     QTRY_COMPARE(openSockets(), before);
     QCOMPARE(socketErrors(), logs ? count : 0);
-    QCOMPARE(logged(text("new connection")), 2); // the plugin says so, and the task
+    QCOMPARE(logged(text("new connection")), 2); // one line of the plugin, one of the task
     QCOMPARE(server().findChildren<QSslSocket *>().size(), 0);
 }
 
@@ -170,7 +171,7 @@ void tst_TlsFaults::silentPeersDelayNobody()
     QTRY_COMPARE_WITH_TIMEOUT(handshakes(), Silent, LoadHangGuardMs);
     const double among = medianMs();
     QVERIFY(among > 0);
-    QTRY_COMPARE(handshakes(), Silent); // nobody waited for one of them to end
+    QTRY_COMPARE(handshakes(), Silent); // none of them had to end first
     plugin.reset();
     capture.reset();
     qInfo("a good device took %.1f ms alone, %.1f ms among %d silent ones", alone, among, Silent);
@@ -204,7 +205,8 @@ void tst_TlsFaults::silentPeersAreDropped()
     QCOMPARE(logged(text("SSL Socket error: The handshake took too long")), Peers);
 }
 
-// Devices do not suffer for a host that holds its thread up for longer than handshakes may take.
+// A host holds its thread up for longer than a handshake may take. Devices must not suffer for
+// that.
 void tst_TlsFaults::answersThatWaitAreInTime()
 {
     constexpr int TimeoutMs = 1000; // more than it takes to answer all, on a busy machine too
@@ -225,7 +227,7 @@ void tst_TlsFaults::answersThatWaitAreInTime()
         device.write("held up " + QByteArray::number(n));
         QVERIFY(device.flush());
     }
-    QThread::msleep(2 * TimeoutMs); // the host
+    QThread::msleep(2 * TimeoutMs); // the host is busy
     for (int n = 0; n < 20; ++n)
         QVERIFY(waitForRecord("held up " + QByteArray::number(n)));
     QCOMPARE(socketErrors(), 0);
@@ -234,7 +236,8 @@ void tst_TlsFaults::answersThatWaitAreInTime()
 void tst_TlsFaults::errorsStayWithTheirConnection()
 {
     constexpr int Rounds = 10;
-    discards = false; // so the last offer of a connection is all that it sent
+    // Then the last offer of a connection is all that the connection sent.
+    discards = false;
     start();
     std::vector<TlsDevice> neighbours;
     neighbours.emplace_back(TLS1_2_VERSION);

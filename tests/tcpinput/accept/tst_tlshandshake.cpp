@@ -28,21 +28,23 @@ QString text(const char *latin1)
     return QString::fromLatin1(latin1);
 }
 
-// As a dialog does. All that was there when it began is done when it returns, deletions included.
+// Runs the event loop, as a dialog does. When it returns, all that was pending at its beginning is
+// done, deletions included.
 void runEventLoop()
 {
     for (int turn = 0; turn < 20; ++turn) {
         QCoreApplication::processEvents(QEventLoop::AllEvents, 1);
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     }
-    // If the outer loop was told to quit in here, Qt's own dispatcher has forgotten that it was
-    // woken.
+    // The outer loop may have been told to quit in here. Qt's own dispatcher has then forgotten
+    // that it was woken.
     QAbstractEventDispatcher::instance()->wakeUp();
 }
 
 } // namespace
 
-// What the server tells while a handshake is under way, and receivers that end the server in there.
+// What the server signals during a handshake, and receivers that end the server inside such a
+// signal.
 class tst_TlsHandshake : public QObject
 {
     Q_OBJECT
@@ -123,7 +125,7 @@ void tst_TlsHandshake::start(const QJsonObject &tls)
     QVERIFY(server().isListening());
 }
 
-// What the server has to ask for, and the device to be, so that the server tells it.
+// Prepares the server and the device so that the server will emit the signal.
 void tst_TlsHandshake::prepare(Told told)
 {
     QJsonObject tls = serverTls();
@@ -143,7 +145,7 @@ void tst_TlsHandshake::prepare(Told told)
     QVERIFY(device->connect(testAddress(), port));
 }
 
-// False if the connection does not end.
+// Makes the device cause the signal. False if the connection does not end.
 bool tst_TlsHandshake::bringAbout(Told told)
 {
     bool ended = false;
@@ -164,7 +166,7 @@ bool tst_TlsHandshake::bringAbout(Told told)
     return played && ended;
 }
 
-// action: with the signal's socket, if it has one.
+// action: gets the signal's socket, or null if the signal has none.
 void tst_TlsHandshake::onFirst(Told told, const std::function<void(QSslSocket *)> &action)
 {
     const auto once = [action, done = std::make_shared<bool>(false)](QSslSocket *socket) {
@@ -237,7 +239,7 @@ void tst_TlsHandshake::endsInsideASignal_data()
     }
 }
 
-// The receiver is called while the socket, and OpenSSL in it, are at work.
+// The receiver is called while the socket, and OpenSSL inside it, are still working.
 void tst_TlsHandshake::endsInsideASignal()
 {
     QFETCH(Told, told);
@@ -340,7 +342,7 @@ void tst_TlsHandshake::keyIsAskedFor_data()
     QTest::newRow("the receiver runs the event loop") << true;
 }
 
-// And the answer counts.
+// The server asks for the key, and uses the answer.
 void tst_TlsHandshake::keyIsAskedFor()
 {
     QFETCH(bool, loops);

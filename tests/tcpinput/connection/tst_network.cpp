@@ -46,7 +46,7 @@ void tst_Network::contains_data()
     row(u"2001:db8::/127"_s, u"2001:db8::1"_s, true);
     row(u"2001:db8::/127"_s, u"2001:db8::2"_s, false);
     row(u"fe80::/10"_s, u"fe80::1%lo"_s, true);
-    // As the peers of a server on "::" are shown.
+    // The form in which a server on "::" shows its IPv4 peers.
     row(u"10.0.0.0/8"_s, u"::ffff:10.1.2.3"_s, true);
     row(u"10.0.0.0/8"_s, u"::ffff:11.1.2.3"_s, false);
     row(u"::ffff:10.0.0.0/104"_s, u"10.1.2.3"_s, true);

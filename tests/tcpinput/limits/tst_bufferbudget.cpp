@@ -20,7 +20,7 @@ Limits totalOf(qint64 bytes)
     return limits;
 }
 
-// Connections that take in all that they may, again and again, in turn. What each holds then.
+// Each connection takes in all that it may, in turn, again and again. Returns what each holds then.
 std::vector<qint64> greedy(BufferBudget &budget, std::size_t connections)
 {
     std::vector<qint64> held(connections, 0);

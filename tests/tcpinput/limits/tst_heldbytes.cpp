@@ -73,11 +73,11 @@ void tst_HeldBytes::reservesWithinTheConnection()
     QCOMPARE(held.reserve(60), 60);
     QCOMPARE(held.reserve(60), 40);
     QCOMPARE(held.reserve(60), 0);
-    held.received(110); // at an end
+    held.received(110); // as at the end of the connection
     QCOMPARE(held.reserve(60), 0);
 }
 
-// The others fill the total while this one is between its question and its read.
+// The others fill the total after this one has reserved its bytes and before it reads them.
 void tst_HeldBytes::slowReaderKeepsWithinTheTotal()
 {
     constexpr qint64 Total = 1 << 20;
@@ -141,7 +141,7 @@ void tst_HeldBytes::recordsOutliveTheConnection()
     held->received(100);
     const quint64 record = held->lend(100);
     const auto ofRecord = held;
-    held->consumed(100); // the end
+    held->consumed(100); // as at the end of the connection
     held.reset();
     QCOMPARE(budget->held(), 100);
     ofRecord->giveBack(record, 100);

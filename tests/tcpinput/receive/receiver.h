@@ -45,7 +45,7 @@ inline const QStringList EndByPeer = {
 class Receiver
 {
 public:
-    // What is done in readyRead(); without anything, all that there is is read.
+    // What is done in readyRead(). Without a reader, everything available is read.
     using Reader = std::function<void(ReceivingSocket &)>;
 
     explicit Receiver(Reader given = {}) : reader(std::move(given))
@@ -63,7 +63,7 @@ public:
     }
     Q_DISABLE_COPY_MOVE(Receiver)
 
-    // From here on there is a socket: what came before waits in the kernel.
+    // From here on there is a socket. What came before waits in the kernel.
     void makeSocket()
     {
         socket = std::make_unique<ReceivingSocket>(accepted, Endpoints::of(accepted));
@@ -84,8 +84,8 @@ public:
                          [this] { events.append(QStringLiteral("disconnected")); });
     }
 
-    // For more than the thread's buffer in the kernel.
-    // False if the kernel does not grant it; root may ask for any.
+    // Makes room in the kernel for more than the thread's buffer holds. False if the kernel does
+    // not grant it; root may ask for any size.
     bool makeRoom(int size = 4 * ReceiveBytes) const
     {
         const int wanted = 2 * size; // the kernel doubles it again, for its own overhead

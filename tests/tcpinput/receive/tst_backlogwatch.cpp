@@ -34,7 +34,7 @@ private Q_SLOTS:
     void clientsWithoutWatchCheckThemselves();
 
 private:
-    // A turn of the watch later, when the last client given has its timer.
+    // Waits for the watch's next look: then the last client has its timer.
     static bool looked(ConnectedClient &last)
     {
         return QTest::qWaitFor([&] { return last.client->backlogCheck().isActive(); }, HangGuardMs);
@@ -54,7 +54,7 @@ void tst_BacklogWatch::clientsThatHoldTooMuchAreChecked()
 
     QVERIFY(looked(many));
     QVERIFY(!few.client->backlogCheck().isActive());
-    // Its first check comes before anything is due, or in time for it.
+    // The first check comes before anything is due, or just in time.
     QVERIFY(many.client->backlogCheck().interval() <= 2000);
 }
 
@@ -87,7 +87,7 @@ void tst_BacklogWatch::clientsThatGoWhileTheyAreWatched()
     QVERIFY(looked(staying));
 }
 
-// The watch has forgotten them.
+// The watch has already forgotten these clients.
 void tst_BacklogWatch::clientsThatGoAfterTheLook()
 {
     BacklogWatch watch;
@@ -128,7 +128,7 @@ void tst_BacklogWatch::watchesAgain()
     ConnectedClient connection;
     connection.client->setBacklogWatch(&watch);
     for (int turn = 0; turn < 2; ++turn) {
-        // Twice, and watched once.
+        // Two reads, but the client is watched once.
         QVERIFY(connection.deliver(bytes(81)));
         QVERIFY(connection.deliver(bytes(81)));
         QVERIFY(looked(connection));

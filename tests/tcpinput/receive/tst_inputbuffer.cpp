@@ -17,7 +17,7 @@ QByteArray pattern(qsizetype size)
     return bytes;
 }
 
-// Also where the bytes do not end with their block.
+// Whether a zero follows the bytes, also where their block goes on behind them.
 bool isTerminated(const QByteArray &bytes)
 {
     return *(bytes.constData() + bytes.size()) == '\0';
@@ -25,7 +25,7 @@ bool isTerminated(const QByteArray &bytes)
 
 } // namespace
 
-// Contents, and where they lie in memory.
+// The buffer's contents, and where they lie in memory.
 class tst_InputBuffer : public QObject
 {
     Q_OBJECT
@@ -141,7 +141,7 @@ void tst_InputBuffer::smallReadsTakeLittleMemory()
     QVERIFY(buffer.copy().capacity() < 100);
 }
 
-// The room in front of it was for a rest that never came.
+// The new block has room in front for a remainder that never came.
 void tst_InputBuffer::littleBehindALargeOfferTakesLittleMemory()
 {
     InputBuffer buffer;
@@ -168,7 +168,8 @@ void tst_InputBuffer::whatComesBehindAnOfferIsCopiedOnce()
     QCOMPARE(offered, pattern(100000) + "begin");
 }
 
-// The beginning of a message is put in front of what came behind it, which stays where it is.
+// The beginning of a message is put in front of the bytes that came behind it. These stay where
+// they are.
 void tst_InputBuffer::restGoesInFront()
 {
     InputBuffer buffer;
@@ -294,8 +295,8 @@ void tst_InputBuffer::memoryComesBack_data()
     QTest::newRow("offers are gone") << false;
 }
 
-// A backlog that is consumed message by message: what is copied altogether is no more than the
-// backlog, since each copy is half as large as the one before.
+// A backlog is consumed message by message. All copies together are no larger than the backlog,
+// since each copy is half as large as the one before.
 void tst_InputBuffer::memoryComesBack()
 {
     QFETCH(bool, shared);

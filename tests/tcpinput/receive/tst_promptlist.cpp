@@ -149,7 +149,7 @@ void tst_PromptList::entriesThatDeleteOthers()
     QCOMPARE(first.calls, 1);
 }
 
-// As a connection that was offered meanwhile, and has read again.
+// An entry may come back, as a connection does that was offered meanwhile and has read again.
 void tst_PromptList::entriesThatComeBack()
 {
     const MovableClock clock;

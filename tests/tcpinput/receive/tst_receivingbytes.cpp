@@ -87,7 +87,7 @@ void tst_ReceivingBytes::readsWhatWaitsInTheKernel_data()
     QTest::addRow("a large message") << 1000000;
 }
 
-// All of it in one go, however much it is.
+// All bytes are read in one go, however many there are.
 void tst_ReceivingBytes::readsWhatWaitsInTheKernel()
 {
     QFETCH(int, size);
@@ -108,7 +108,7 @@ void tst_ReceivingBytes::readersThatLeaveSome_data()
 {
     QTest::addColumn<int>("most");
     QTest::addColumn<int>("chunk");
-    // Of what there is, for each announcement; in chunks.
+    // How many bytes are read for each announcement, and in chunks of which size.
     QTest::newRow("a byte") << 1 << 1;
     QTest::newRow("a few") << 1000 << 7;
     QTest::newRow("the thread's buffer") << ReceiveBytes << ReceiveBytes;
@@ -159,7 +159,7 @@ void tst_ReceivingBytes::whatIsLeftIsReadLater()
     QCOMPARE(receiver.socket->readAll(), QByteArray());
 }
 
-// More than the thread's buffer holds, and then some.
+// What is left is more than the thread's buffer holds.
 void tst_ReceivingBytes::countsWhatIsLeftOnce()
 {
     const QByteArray all = bytes(ReceiveBytes + 100);
@@ -199,7 +199,8 @@ void tst_ReceivingBytes::blocks()
     QCOMPARE(receiver.socket->bytesAvailable(), 0);
 }
 
-// Few bytes lie in the thread's buffer, and what was begun is no block any more.
+// Few bytes stay in the thread's buffer, which is no block. A block of which bytes were read is no
+// block any more.
 void tst_ReceivingBytes::noBlocks()
 {
     QList<QByteArray> blocks;

@@ -90,7 +90,7 @@ void tst_ReceivingEnd::peerEnds()
     QCOMPARE(socket.peerPort(), receiver.peerPort);
 }
 
-// Reading from what is no socket fails otherwise than by the peer.
+// Reading from a descriptor that is no socket is a failure, and not an end by the peer.
 void tst_ReceivingEnd::failureIsTold()
 {
     ReceivingSocket socket(::eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK), {});
@@ -107,7 +107,7 @@ void tst_ReceivingEnd::endIsNoticedOnce()
     receiver.makeSocket();
     receiver.device.close();
     WAIT_FOR(receiver.ended());
-    // The number is another connection's from now on.
+    // From now on this descriptor is another connection's.
     QCOMPARE(::dup2(another.accepted, receiver.accepted), receiver.accepted);
     ::close(std::exchange(another.accepted, receiver.accepted));
     QTest::failOnWarning(QRegularExpression(QStringLiteral("notifier")));
@@ -128,7 +128,7 @@ void tst_ReceivingEnd::endIsNoticedOnce()
 void tst_ReceivingEnd::endsHere_data()
 {
     QTest::addColumn<QByteArray>("how");
-    QTest::addColumn<bool>("open"); // to go on reading what has been received
+    QTest::addColumn<bool>("open"); // what has been received can still be read
     QTest::newRow("close") << QByteArray("close") << false;
     QTest::newRow("abort") << QByteArray("abort") << false;
     QTest::newRow("disconnect") << QByteArray("disconnect") << true;
@@ -161,7 +161,7 @@ void tst_ReceivingEnd::endsWhileReading_data()
     endsHere_data();
 }
 
-// The number of a closed descriptor is the next connection's: nothing may be read from there.
+// A closed descriptor's number may be the next connection's: nothing may be read from it.
 void tst_ReceivingEnd::endsWhileReading()
 {
     QFETCH(QByteArray, how);

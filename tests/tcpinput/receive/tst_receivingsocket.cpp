@@ -16,7 +16,7 @@ using namespace receivertest;
 
 namespace {
 
-//! Who is told directly.
+//! A reader that the socket calls directly.
 class DirectReader final : public TransportReader
 {
 public:
@@ -125,7 +125,7 @@ void tst_ReceivingSocket::waitTakesWhatHasCome()
     QCOMPARE(receiver.events, QStringList());
 }
 
-// Whatever the time given.
+// Nothing comes, whatever the time that is given.
 void tst_ReceivingSocket::waitWithNothingThere()
 {
     Receiver receiver;
@@ -240,7 +240,8 @@ void tst_ReceivingSocket::nestedLoopWithAnotherSocket_data()
     QTest::newRow("all of the thread's buffer, and more in the kernel") << ReceiveBytes + 100;
 }
 
-// What is being read stays as it is, whatever other sockets of the thread receive meanwhile.
+// Bytes that are being read stay as they are, whatever other sockets of the thread receive
+// meanwhile.
 void tst_ReceivingSocket::nestedLoopWithAnotherSocket()
 {
     QFETCH(int, size);
@@ -268,7 +269,7 @@ void tst_ReceivingSocket::nestedLoopWithAnotherSocket()
     WAIT_FOR(inner.received.endsWith("inner"));
 }
 
-// The nested call finds what the outer one has not read, and what came behind it.
+// The nested call finds the bytes that the outer one has not read, and those that came behind them.
 void tst_ReceivingSocket::nestedLoopWithTheSameSocket()
 {
     QByteArray received;
@@ -315,7 +316,7 @@ void tst_ReceivingSocket::manySockets()
     QCOMPARE(openDescriptors(), before);
 }
 
-// Instead of readyRead(), and no longer than it is wanted.
+// A direct reader is called instead of readyRead(), and only as long as it exists.
 void tst_ReceivingSocket::directReader()
 {
     Receiver receiver;
@@ -337,7 +338,7 @@ void tst_ReceivingSocket::directReader()
     QCOMPARE(reader.announced, 0);
 }
 
-// What it leaves is there the next time, before what comes then.
+// Bytes that the reader leaves are there the next time, before new bytes.
 void tst_ReceivingSocket::directReaderThatLeavesSome()
 {
     Receiver receiver;

@@ -78,7 +78,7 @@ void tst_RecordMaker::stampedRecord()
     QCOMPARE(subIds(), stampedSubIds(QStringLiteral("id"), "7", "18446744073709551615"));
 }
 
-// Whatever is made later, and whatever a host does with one of them.
+// A record does not change, whatever is made later and whatever a host does with another one.
 void tst_RecordMaker::recordsStayAsTheyAre()
 {
     RecordMaker maker(3, endpoints());
@@ -120,7 +120,7 @@ void tst_RecordMaker::namesTheEndpoints_data()
     row("10.1.2.4", "192.168.0.10", 40001, 5000, "192.168.0.10:5000-10.1.2.4:40001");
     row("10.1.2.3", "192.168.0.10", 65535, 1, "192.168.0.10:1-10.1.2.3:65535");
     row("2001:db8::7", "::1", 40001, 5000, "::1:5000-2001:db8::7:40001");
-    row("", "", 0, 0, ":0-:0"); // that nobody knows
+    row("", "", 0, 0, ":0-:0"); // unknown endpoints
 }
 
 void tst_RecordMaker::namesTheEndpoints()
@@ -149,7 +149,7 @@ void tst_RecordMaker::localSecond()
     const qint64 after = QDateTime::currentSecsSinceEpoch();
     QCOMPARE(first.timeSpec(), Qt::LocalTime);
     QVERIFY(before <= first.toSecsSinceEpoch() && first.toSecsSinceEpoch() <= after);
-    QTRY_VERIFY(clock.now() > first); // it goes on
+    QTRY_VERIFY(clock.now() > first); // the clock goes on
     QVERIFY(clock.now().toSecsSinceEpoch() <= QDateTime::currentSecsSinceEpoch());
     // Also when the clock is set back.
     for (const qint64 second : {before + 1, before + 1, before, qint64(0), qint64(-1), before}) {

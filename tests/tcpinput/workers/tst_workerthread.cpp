@@ -153,7 +153,7 @@ void tst_WorkerThread::objectsDieInTheThread()
     QCOMPARE(diedIn, thread);
 }
 
-// It takes two: none is kept of what it could get.
+// A thread takes two descriptors. If it can get only one, it keeps none.
 void tst_WorkerThread::withoutDescriptors()
 {
     const qsizetype before = openDescriptors();
@@ -170,7 +170,7 @@ void tst_WorkerThread::withoutDescriptors()
         const auto worker = WorkerThread::make();
         QVERIFY(worker);
         QVERIFY(!WorkerThread::isAvailable());
-        // No more are needed to run.
+        // Running takes no more descriptors.
         worker->start();
         worker->quit();
         QVERIFY(worker->wait(HangGuardMs));
@@ -178,7 +178,7 @@ void tst_WorkerThread::withoutDescriptors()
     QCOMPARE(openDescriptors(), before);
 }
 
-// The nested turn must not swallow the word that ends the outer loop.
+// The nested turn must not swallow the wake-up that ends the outer loop.
 void tst_WorkerThread::quitBeforeANestedTurn()
 {
     for (int round = 0; round < 20; ++round) {

@@ -49,7 +49,7 @@ public:
         const int device = words.value(1).toInt();
         const int number = words.value(3).toInt();
         if (device < Devices && number < MessagesPerDevice && line == numbered(device, number))
-            ++counts[static_cast<size_t>(device) * MessagesPerDevice + static_cast<size_t>(number)];
+            ++counts[static_cast<size_t>(qsizetype(device) * MessagesPerDevice + number)];
         else
             ++mangled;
     }

@@ -47,8 +47,8 @@ Link::End Link::end(EndReason ownReason)
 {
     QTcpSocket *const closing = std::exchange(current, nullptr);
     const bool endsHere = closing->state() == QAbstractSocket::ConnectedState;
-    const End end{closing, endsHere ? ownReason : reads->endReason(),
-                  endsHere ? QString() : reads->failure()};
+    End end{closing, endsHere ? ownReason : reads->endReason(),
+            endsHere ? QString() : reads->failure()};
     reads = nullptr;
     adapter.reset();
     QObject::disconnect(closing, &QAbstractSocket::disconnected, owner, nullptr);

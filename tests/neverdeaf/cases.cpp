@@ -174,13 +174,13 @@ Outcome NeverDeaf::refusedPeers(bool tls, int peers)
     // The kernel chooses the addresses of good devices.
     const QJsonArray good{text("127.0.0.1"), testAddress().toString()};
     const QJsonObject limits{{text("maxConnectionsPerAddress"), 1}, {text("exempt"), good}};
-    Scene scene(tls, {{text("limits"), limits}});
+    Scene scene(tls, {{text("limits"), limits}, {text("timeout"), 600}});
     startIn(scene);
     outcome.before = scene.serveMedian();
     TlsDevice first(TLS1_3_VERSION); // it stays, so that all others are refused
     first.socket = connectFromOther(scene.port);
     std::atomic<bool> isReady{!tls};
-    std::thread shaker([&] { isReady = !tls || first.handshake(); });
+    std::thread shaker([&] { isReady = !tls || (first.handshake() && first.flush()); });
     if (!serveUntil([&] { return isReady.load(); }))
         qFatal("the one device that is not refused has no handshake");
     shaker.join();

@@ -50,7 +50,8 @@ private:
     const std::chrono::nanoseconds time;
     std::deque<quint64> waiting;
     QElapsedTimer sinceFirst; // since the first record of this turn
-    quint64 turn = 0; // of the event loop, in which the last record came
+    // Of the event loop, in which the last record came. At first none: no turn has this number.
+    quint64 turn = std::numeric_limits<quint64>::max();
     // Counts the turns. Null: the dispatcher is one of Qt's, and turnsOfQt counts them.
     std::shared_ptr<const EpollEventDispatcher::Pulse> pulse;
     quint64 turnsOfQt = 1;

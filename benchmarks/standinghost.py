@@ -65,6 +65,7 @@ def play(arguments, version, certificates):
         before = host.resident_bytes()
         reader = Reader(read_end)
         reader.start()
+        stack.callback(reader.reads.set)  # or a run that fails would never end
         messages = ("--messages", SLOW_MESSAGES_PER_SECOND * (arguments.seconds + 2))
         groups = [Reports(host, version, FAST), Reports(host, version, (*SLOW, *messages))]
         for group in groups:

@@ -189,10 +189,10 @@ Outcome NeverDeaf::refusedPeers(bool tls, int peers)
         for (int n = 0; n < peers; ++n)
             connectFromOther(scene.port);
     });
-    // Not of all: the kernel may have dropped some, if its accept queue was full.
+    outcome.after = scene.serve(); // accepted after all of them
+    // Some of them, not all: the kernel drops connections when its accept queue is full.
     if (CountersEvent::countersOf(*scene.plugin)->refusedByLimit == 0)
         qFatal("the limit refuses nobody");
-    outcome.after = scene.serve(); // accepted after all of them
     count(outcome, scene, 1, LinesSilent); // one connection; the refused ones cause a line a minute
     outcome.connections += peers;
     return outcome;
@@ -222,7 +222,7 @@ Outcome NeverDeaf::pausedPeers(bool tls, int peers)
         return CountersEvent::countersOf(*scene.plugin)->paused == quint64(peers);
     };
     if (!serveUntil(arePaused))
-        qFatal("nobody is paused");
+        qFatal("not all are paused");
     outcome.during = scene.serveMedian();
 
     for (const TlsDevice &device : devices)

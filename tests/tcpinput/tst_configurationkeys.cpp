@@ -208,7 +208,7 @@ void tst_ConfigurationKeys::strictRefusesBadValues_data()
     row(u"ssl"_s, QJsonArray(), u"[]"_s);
     row(u"ssl"_s, QJsonArray{u"short"_s, QString(41, u'x')}, u"an array of 2 values"_s);
     row(u"ssl"_s, QJsonArray{QJsonObject()}, u"an array of 1 values"_s);
-    row(u"ssl"_s, QJsonArray{QJsonArray()}, u"an array of 1 values"_s);
+    row(u"ssl"_s, QJsonArray{QJsonValue(QJsonArray())}, u"an array of 1 values"_s);
 }
 
 void tst_ConfigurationKeys::strictRefusesBadValues()

@@ -116,6 +116,10 @@ public:
                     large != 0 ? "large" : "small", ms.size(), share(0.5), share(0.99),
                     share(0.999), share(1));
         }
+        std::printf(
+                "%lld bytes were never offered: the host has discarded more than it knew of, or "
+                "the end came first\n",
+                static_cast<long long>(neverOffered));
     }
 
 private:

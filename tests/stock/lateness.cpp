@@ -66,7 +66,9 @@ std::vector<double> Lateness::latenessOf(const Script &script, const Trace &trac
         for (const qsizetype position : {begin, end - 1}) {
             while (offer != trace.offers.cend() && offer->begin + offer->length <= position)
                 ++offer;
-            if (offer == trace.offers.cend() || i >= trace.messages.size())
+            // A host that discards more than it was offered cuts bytes that it has never seen.
+            if (offer == trace.offers.cend() || position < offer->begin
+                || i >= trace.messages.size())
                 result.push_back(Never);
             else
                 result.push_back(

@@ -152,7 +152,7 @@ void TcpInputPlugin2::listenTls(const Configuration &used)
     CWRN(QtInfoMsg, QStringLiteral("TcpInputPlugin2(%1): Starting SSL server on port %2"), pluginId,
          used.port);
     if (used.tls)
-        servers.tls.setSslConfiguration(*used.tls);
+        servers.tls.setSslConfiguration(used.tls->base);
     connect(&servers.tls, &QTcpServer::pendingConnectionAvailable, this,
             &TcpInputPlugin2::handleConnection);
     connect(&servers.tls, &QSslServer::errorOccurred, this, &TcpInputPlugin2::socketError);

@@ -181,8 +181,8 @@ bool Configuration::readTls(const QJsonValue &value)
         CWRN(QtWarningMsg, QStringLiteral("TcpInputPlugin2(%1): No usable TLS backend"), plugin);
         return false;
     }
-    QSslConfiguration read;
-    if (!ssl::readSslConfig(value.toObject(), read))
+    tls::Settings read;
+    if (!ssl::readSslConfig(value.toObject(), read.base))
         return false;
     tls = read;
     return true;

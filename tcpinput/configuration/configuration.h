@@ -6,11 +6,11 @@
 #include "tcpinput/connection/acceptlimits.h"
 #include "tcpinput/connection/proxyrule.h"
 #include "tcpinput/connection/serving.h"
+#include "tls/settings.h"
 
 #include <QtCore/QJsonObject>
 #include <QtCore/QJsonValue>
 #include <QtNetwork/QHostAddress>
-#include <QtNetwork/QSslConfiguration>
 
 #include <array>
 #include <optional>
@@ -63,7 +63,7 @@ public:
     int poolSize = 4; // threads; more than 0
     bool useTls = false;
     std::optional<ProxyRule> proxies; // absent: no connection begins with a PROXY header
-    std::optional<QSslConfiguration> tls; // if the latest object had it
+    std::optional<tls::Settings> tls; // if the latest object had it
 
 private:
     bool readPort(const QJsonValue &value);

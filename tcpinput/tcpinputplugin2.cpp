@@ -10,6 +10,8 @@
 
 #include <QtCore/QCoreApplication>
 
+#include <algorithm>
+
 namespace {
 
 constexpr int StatusIntervalMs = 10000;
@@ -152,7 +154,7 @@ void TcpInputPlugin2::listenTls(const Configuration &used)
     CWRN(QtInfoMsg, QStringLiteral("TcpInputPlugin2(%1): Starting SSL server on port %2"), pluginId,
          used.port);
     if (used.tls)
-        servers.tls.setSslConfiguration(used.tls->base);
+        servers.tls.setUp(*used.tls, std::min(used.poolSize, QThread::idealThreadCount()));
     connect(&servers.tls, &QTcpServer::pendingConnectionAvailable, this,
             &TcpInputPlugin2::handleConnection);
     connect(&servers.tls, &QSslServer::errorOccurred, this, &TcpInputPlugin2::socketError);

@@ -9,6 +9,13 @@ AcceptLog::AcceptLog(const Servers &servers, const QString &pluginId) : id(plugi
 {
     follow(servers.tcp);
     follow(servers.tls);
+    connect(&servers.tls.crowds, &MinuteNotice::due, this,
+            [this](quint64 count, const QString &latest) {
+                CWRN(QtWarningMsg,
+                     QStringLiteral("TcpInputPlugin2(%1): Too many open TLS handshakes: %2 closed, "
+                                    "the latest from %3"),
+                     id, count, latest);
+            });
 }
 
 template<class Server>

@@ -13,15 +13,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-namespace {
-
-QString textOf(const Endpoints &endpoints)
-{
-    return QStringLiteral("%1:%2").arg(endpoints.peer.toString()).arg(endpoints.peerPort);
-}
-
-} // namespace
-
 ProxyGate::ProxyGate(GoOn continuation) : goOn(std::move(continuation))
 {
     timer.setSingleShot(true);
@@ -52,7 +43,7 @@ bool ProxyGate::takes(qintptr descriptor, const Acceptance &acceptance)
         if (rule->servesOthers)
             return false;
         ::close(static_cast<int>(descriptor));
-        refusals.add(textOf(acceptance.endpoints));
+        refusals.add(acceptance.endpoints.peerText());
         return true;
     }
     auto *notifier = new QSocketNotifier(descriptor, QSocketNotifier::Read, this);
@@ -128,7 +119,7 @@ void ProxyGate::pass(Position at)
 
 void ProxyGate::fail(Position at, const QString &reason)
 {
-    const QString peer = textOf(at->acceptance.endpoints);
+    const QString peer = at->acceptance.endpoints.peerText();
     closeOne(at);
     failures.add(QStringLiteral("%1, %2").arg(peer, reason));
 }

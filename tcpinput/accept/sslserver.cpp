@@ -3,7 +3,13 @@
 
 #include "tcpinput/accept/sslserver.h"
 
+#include "tcpinput/receive/receivingsocket.h"
+#include "tls/context.h"
+#include "tls/errors.h"
+
 #include <QtCore/QElapsedTimer>
+#include <QtCore/QMetaMethod>
+#include <QtCore/QPointer>
 #include <QtCore/QThread>
 
 #include <algorithm>
@@ -39,7 +45,8 @@ void announceAgain(QSslSocket *socket)
 
 SslServer::SslServer(QObject *parent)
     : AcceptingServer(parent,
-                      [this] { return openHandshakes + waiting.size() + proxies.waiting(); })
+                      [this] { return openHandshakes + waiting.size() + proxies.waiting(); }),
+      threads([this](HandshakeResult &result) { settle(result); })
 {
     // For receivers of its signals with a queued connection.
     qRegisterMetaType<QSslSocket *>();
@@ -60,9 +67,16 @@ void SslServer::close()
     for (TlsHandshake *handshake : handshakes)
         handshake->drop();
 
-    for (const ReadySocket &connection : waiting.takeAll())
-        connection.socket->moveToThread(QThread::currentThread()); // which then deletes it
-    proxies.close(); // its lines may run an event loop
+    threads.drop();
+
+    for (const ReadySocket &connection : waiting.takeAll()) {
+        if (connection.socket)
+            connection.socket->moveToThread(QThread::currentThread()); // which then deletes it
+    }
+    const QPointer<SslServer> self(this); // the receiver of the notice may delete it
+    crowds.finish();
+    if (self)
+        proxies.close(); // its lines may run an event loop
 }
 
 TakenConnection SslServer::take()
@@ -70,6 +84,11 @@ TakenConnection SslServer::take()
     std::optional<ReadySocket> next = waiting.take();
     if (!next)
         return {};
+    if (next->session)
+        return {std::make_unique<ReceivingSocket>(next->descriptor.release(),
+                                                  next->acceptance.endpoints,
+                                                  std::move(next->session)),
+                next->acceptance};
     TlsSocket *socket = next->socket.get();
     socket->moveToThread(QThread::currentThread());
     socket->restoreEndpoints(next->acceptance.endpoints);
@@ -81,7 +100,23 @@ TakenConnection SslServer::take()
     return {std::move(next->socket), next->acceptance};
 }
 
+void SslServer::setUp(const tls::Settings &settings, int handshakeThreads)
+{
+    setSslConfiguration(settings.base);
+    context = settings.engine == tls::Engine::Own ? std::make_shared<const tls::Context>(settings)
+                                                  : nullptr;
+    threads.setSize(handshakeThreads);
+}
+
 void SslServer::admit(qintptr descriptor, const Acceptance &acceptance)
+{
+    if (!context)
+        return admitToQt(descriptor, acceptance);
+    threads.begin(Descriptor(descriptor), acceptance, context, handshakeTimeout());
+    guard.accepted();
+}
+
+void SslServer::admitToQt(qintptr descriptor, const Acceptance &acceptance)
 {
     auto socket = std::make_unique<TlsSocket>();
     socket->setSslConfiguration(sslConfiguration());
@@ -106,7 +141,8 @@ void SslServer::admit(qintptr descriptor, const Acceptance &acceptance)
             [this, acceptance, over](TlsSocket *finished) {
                 disconnect(over);
                 --openHandshakes;
-                enqueue(finished, acceptance);
+                finished->moveToThread(nullptr); // its parent is null already
+                enqueue({std::unique_ptr<TlsSocket>(finished), nullptr, {}, acceptance});
             });
     ++openHandshakes;
     guard.accepted();
@@ -145,10 +181,81 @@ void SslServer::addTo(InputCounters &sum) const
     sum.longestHandshakeUs = std::max(sum.longestHandshakeUs, counters.longestHandshakeUs);
 }
 
-void SslServer::enqueue(TlsSocket *socket, const Acceptance &acceptance)
+// Of our own engine. Receivers of the signals may delete this.
+void SslServer::settle(HandshakeResult &result)
 {
-    socket->moveToThread(nullptr); // its parent is null already
-    waiting.add({std::unique_ptr<TlsSocket>(socket), acceptance});
+    using Outcome = HandshakeResult::Outcome;
+    switch (result.outcome) {
+    case Outcome::Done: {
+        count(TlsHandshake::Outcome::Done, result.ns);
+        const QPointer<SslServer> self(this);
+        tell(result);
+        if (self)
+            enqueue({nullptr, std::move(result.session), std::move(result.descriptor),
+                     std::move(result.acceptance)});
+        return;
+    }
+    case Outcome::Failed:
+        count(TlsHandshake::Outcome::Failed, result.ns);
+        return tell(result);
+    case Outcome::TimedOut:
+        count(TlsHandshake::Outcome::TimedOut, result.ns);
+        return tell(result);
+    case Outcome::NoTls:
+        return count(TlsHandshake::Outcome::NoTls, result.ns);
+    case Outcome::Silent:
+        return proxies.countSilent();
+    case Outcome::Crowded:
+        count(TlsHandshake::Outcome::Failed, result.ns);
+        return crowds.add(result.acceptance.endpoints.peerText());
+    }
+}
+
+// Emits what a socket of Qt's would have emitted, in its order.
+void SslServer::tell(const HandshakeResult &result)
+{
+    static const QMetaMethod begun =
+            QMetaMethod::fromSignal(&QSslServer::startedEncryptionHandshake);
+    const tls::HandshakeReport &report = result.report;
+    const bool hasFailed = !report.failure.isEmpty();
+    const bool tellsBegin = result.begun && isSignalConnected(begun);
+    if (!hasFailed && !tellsBegin && report.peerErrors.isEmpty() && report.alerts.isEmpty())
+        return;
+    auto *const socket = new TlsSocket; // receivers may keep it until the next pass
+    socket->replacePeer(result.acceptance.endpoints);
+    const QPointer<SslServer> self(this);
+    const auto emitSafely = [self](auto emission) {
+        if (self)
+            emission(*self);
+    };
+    if (tellsBegin)
+        emitSafely([&](SslServer &of) { Q_EMIT of.startedEncryptionHandshake(socket); });
+    for (const QSslError &error : report.peerErrors)
+        emitSafely([&](SslServer &of) { Q_EMIT of.peerVerifyError(socket, error); });
+    if (!report.errors.isEmpty())
+        emitSafely([&](SslServer &of) { Q_EMIT of.sslErrors(socket, report.errors); });
+    for (const tls::HandshakeReport::Alert &alert : report.alerts) {
+        const auto signal = alert.sent ? &QSslServer::alertSent : &QSslServer::alertReceived;
+        emitSafely([&](SslServer &of) {
+            Q_EMIT(of.*signal)
+            (socket, tls::alertLevel(alert.value), tls::alertType(alert.value),
+             tls::alertText(alert.value));
+        });
+    }
+    if (report.interruption)
+        emitSafely([&](SslServer &of) {
+            Q_EMIT of.handshakeInterruptedOnError(socket, *report.interruption);
+        });
+    if (hasFailed) {
+        socket->setErrorString(report.failure);
+        emitSafely([&](SslServer &of) { Q_EMIT of.errorOccurred(socket, result.error); });
+    }
+    socket->deleteLater();
+}
+
+void SslServer::enqueue(ReadySocket connection)
+{
+    waiting.add(std::move(connection));
     // The signal is private to Qt's class, but can be invoked by name.
     QMetaObject::invokeMethod(this, "pendingConnectionAvailable", Qt::DirectConnection);
 }

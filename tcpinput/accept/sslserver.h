@@ -4,26 +4,37 @@
 #pragma once
 
 #include "tcpinput/accept/acceptingserver.h"
+#include "tcpinput/accept/handshakethreads.h"
+#include "tcpinput/accept/minutenotice.h"
 #include "tcpinput/accept/tlshandshake.h"
 #include "tcpinput/accept/tlssocket.h"
+#include "tls/settings.h"
 
 #include <QtNetwork/QSslServer>
 
 #include <memory>
 
-//! A connection whose handshake is done.
+//! A connection whose handshake is done: a socket of Qt's, or a session of our own.
 struct ReadySocket
 {
     std::unique_ptr<TlsSocket> socket; // lives in no thread
+    std::unique_ptr<tls::Session> session;
+    Descriptor descriptor; // the session's
     Acceptance acceptance;
 };
 
 /*!
     A TLS server whose connections are taken by other threads.
 
-    Handshakes run in the server's thread, each in its own TlsHandshake. QSslServer's own handling
-    is not used: thirty failed handshakes stop it for good, and closing it during one crashes. A
-    finished socket is detached from this thread. It lives in no thread until another one takes it.
+    QSslServer's own handling of handshakes is not used: thirty failed ones stop it for good, and
+    closing it during one crashes. There are two engines instead.
+
+    With Qt's, handshakes run in the server's thread, each in its own TlsHandshake. A finished
+   socket is detached from this thread. It lives in no thread until another one takes it.
+
+    With our own they run in HandshakeThreads. The socket is made by the thread that takes the
+    connection. The signals come when the handshake is over, with a socket that was never connected:
+    it knows the peer and the error. Receivers cannot ignore an error, nor provide a pre-shared key.
 
     Emits the signals of QSslServer: sslErrors() during the handshake; errorOccurred() when it has
     failed, right after handshakeInterruptedOnError() if that is the reason (an interrupted
@@ -47,18 +58,29 @@ public:
     // QTcpServer::close(), which is not virtual: call it through this class.
     void close();
 
+    // For handshakes that begin from now on. threads: for those of our own engine; more than 0.
+    void setUp(const tls::Settings &settings, int threads);
+
     // Bytes that the socket has received, and its end, are signalled once more in the calling
     // thread.
     TakenConnection take() override;
 
     void addTo(InputCounters &sum) const override;
 
+    // Of handshakes that our own engine has closed to make room for others.
+    MinuteNotice crowds;
+
 private:
     void admit(qintptr descriptor, const Acceptance &acceptance) override;
-    qsizetype handshakes() const override { return openHandshakes; }
+    qsizetype handshakes() const override { return openHandshakes + threads.open(); }
+    void admitToQt(qintptr descriptor, const Acceptance &acceptance);
+    void settle(HandshakeResult &result);
+    void tell(const HandshakeResult &result);
     void count(TlsHandshake::Outcome outcome, qint64 ns);
-    void enqueue(TlsSocket *socket, const Acceptance &acceptance);
+    void enqueue(ReadySocket connection);
 
-    qsizetype openHandshakes = 0; // this and below: the server's thread only
+    std::shared_ptr<const tls::Context> context; // of our own engine; null: it is Qt's
+    HandshakeThreads threads;
+    qsizetype openHandshakes = 0; // of Qt's engine. This and below: the server's thread only
     InputCounters counters; // of handshakes
 };

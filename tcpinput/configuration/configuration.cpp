@@ -184,6 +184,8 @@ bool Configuration::readTls(const QJsonValue &value)
     tls::Settings read;
     if (!ssl::readSslConfig(value.toObject(), read.base))
         return false;
+    if (value[QLatin1String("engine")].toString() == QLatin1String("own"))
+        read.engine = tls::Engine::Own;
     tls = read;
     return true;
 }

@@ -51,3 +51,8 @@ Endpoints Endpoints::of(qintptr descriptor)
         assign(storage, result.peer, result.peerPort);
     return result;
 }
+
+QString Endpoints::peerText() const
+{
+    return QStringLiteral("%1:%2").arg(peer.toString()).arg(peerPort);
+}

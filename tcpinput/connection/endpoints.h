@@ -17,4 +17,6 @@ struct Endpoints
 
     // Works also if the peer has already reset the connection.
     static Endpoints of(qintptr descriptor);
+    // Address and port, for log lines.
+    QString peerText() const;
 };

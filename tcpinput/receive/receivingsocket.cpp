@@ -25,34 +25,43 @@ constexpr qsizetype ReceiveBytes = 64 * 1024;
 // Bytes that a turn leaves behind could wait two seconds for their offer.
 constexpr qsizetype MostBytesPerTurn = 64 * 1024 * 1024;
 
-// The buffer into which all sockets of a thread receive. The reader almost always takes everything
-// at once, so no socket needs memory of its own, and the bytes are still in the processor's cache.
-// If a reader runs a nested event loop, the sockets in there use another buffer.
-class ReceiveBuffer
+// Room for what decrypting ReceiveBytes may give: a record that began in an earlier turn may end.
+constexpr qsizetype RecordBytes = 16 * 1024;
+constexpr qsizetype PlainBytes = ReceiveBytes + RecordBytes;
+
+// A buffer that all sockets of a thread use: into one they receive, into another they decrypt. The
+// reader almost always takes everything at once, so no socket needs memory of its own, and the
+// bytes are still in the processor's cache. If a reader runs a nested event loop, the sockets in
+// there use another buffer.
+template<qsizetype Bytes>
+class ThreadBuffer
 {
 public:
-    ReceiveBuffer() : buffer(std::exchange(ofThread, {}))
+    ThreadBuffer() : buffer(std::exchange(ofThread, {}))
     {
         if (buffer.isEmpty())
-            buffer = QByteArray(ReceiveBytes, Qt::Uninitialized);
+            buffer = QByteArray(Bytes, Qt::Uninitialized);
     }
-    ~ReceiveBuffer() { ofThread = std::move(buffer); }
-    Q_DISABLE_COPY_MOVE(ReceiveBuffer)
+    ~ThreadBuffer() { ofThread = std::move(buffer); }
+    Q_DISABLE_COPY_MOVE(ThreadBuffer)
 
     char *data() { return buffer.data(); }
 
 private:
-    static thread_local QByteArray ofThread; // null while it is in use
+    inline static thread_local QByteArray ofThread; // null while it is in use
     QByteArray buffer;
 };
 
-thread_local QByteArray ReceiveBuffer::ofThread;
-
 } // namespace
 
-ReceivingSocket::ReceivingSocket(qintptr descriptor, const Endpoints &known)
+ReceivingSocket::ReceivingSocket(qintptr descriptor, const Endpoints &known,
+                                 std::unique_ptr<tls::Session> session)
     : notifier(descriptor, *this)
 {
+    if (session)
+        encryption.emplace(std::move(session));
+    if (encryption && encryption->hasRest())
+        goOnLater();
     setLocalAddress(known.local);
     setLocalPort(known.localPort);
     setPeerAddress(known.peer);
@@ -72,8 +81,15 @@ ReceivingSocket::~ReceivingSocket()
 
 bool ReceivingSocket::waitForReadyRead(int msecs)
 {
+    if (encryption && encryption->hasRest())
+        goOn();
     if (state() != ConnectedState || !waitForNews(msecs))
         return false;
+    if (encryption) {
+        const qsizetype before = unread.size();
+        receive();
+        return unread.size() > before;
+    }
     QByteArray all = receiveOn({}, bytesInKernel()); // not what comes meanwhile
     const bool came = !all.isEmpty();
     if (came)
@@ -81,6 +97,13 @@ bool ReceivingSocket::waitForReadyRead(int msecs)
     else
         receive(); // no bytes: it can only be the end
     return came;
+}
+
+EndReason ReceivingSocket::endReason() const
+{
+    if (encryption && encryption->isBroken())
+        return EndReason::Tls;
+    return readError != 0 ? EndReason::Reset : EndReason::Peer;
 }
 
 QString ReceivingSocket::failure() const
@@ -160,19 +183,105 @@ void ReceivingSocket::receive()
     const qsizetype atOnce = room(ReceiveBytes);
     if (atOnce == 0)
         return reader->noRoom();
-    ReceiveBuffer buffer;
+    ThreadBuffer<ReceiveBytes> buffer;
     const ssize_t size =
             ::recv(descriptor(), buffer.data(), static_cast<std::size_t>(atOnce), MSG_DONTWAIT);
-    if (size == ReceiveBytes) {
-        handOutBlock(receiveOn(QByteArrayView(buffer.data(), size), MostBytesPerTurn));
-    } else if (size > 0) {
-        handOut(QByteArrayView(buffer.data(), size));
+    if (size > 0) {
+        receiveAll(buffer.data(), size);
     } else if (size == 0 || (errno != EAGAIN && errno != EINTR)) {
         readError = size < 0 ? errno : 0;
-        endByPeer();
+        endByPeer(RemoteHostClosedError, QStringLiteral("The remote host closed the connection"));
     } else if (reader) {
         reader->nothingCame();
     }
+}
+
+// buffer: of ReceiveBytes; has the received bytes. If it is full, more is waiting.
+void ReceivingSocket::receiveAll(char *buffer, qsizetype received)
+{
+    const bool isFull = received == ReceiveBytes;
+    const QByteArrayView first(buffer, received);
+    if (encryption && isFull)
+        decryptAll(buffer, received, MostBytesPerTurn);
+    else if (encryption)
+        decrypt(first);
+    else if (isFull)
+        handOutBlock(receiveOn(first, MostBytesPerTurn));
+    else
+        handOut(first);
+}
+
+void ReceivingSocket::decrypt(QByteArrayView received)
+{
+    ThreadBuffer<PlainBytes> plain;
+    encryption->feed(received);
+    const qsizetype size = encryption->read(plain.data(), PlainBytes);
+    encryption->endTurn(descriptor());
+    if (size > 0)
+        handOut(QByteArrayView(plain.data(), size));
+    else if (reader)
+        reader->nothingCame();
+    endTurn(size == PlainBytes);
+}
+
+// Goes on receiving until the kernel has nothing left. Each part is decrypted while it is in the
+// processor's cache.
+void ReceivingSocket::decryptAll(char *buffer, qsizetype received, qsizetype most)
+{
+    QByteArray plain = InputBuffer::emptyBlock(received + bytesInKernel() + RecordBytes);
+    qsizetype total = 0;
+    bool isFull = false;
+    for (ssize_t size = received; size > 0;) {
+        const qsizetype before = plain.size();
+        const qsizetype space = size + RecordBytes;
+        encryption->feed(QByteArrayView(buffer, size));
+        plain.resize(before + space);
+        const qsizetype more = encryption->read(plain.data() + before, space);
+        encryption->endTurn(descriptor());
+        plain.truncate(before + more);
+        isFull = more == space;
+        total += size;
+        const qsizetype next =
+                encryption->isOver() ? 0 : room(std::min(ReceiveBytes, most - total));
+        if (next == 0)
+            break;
+        size = ::recv(descriptor(), buffer, static_cast<std::size_t>(next), MSG_DONTWAIT);
+    } // an end is noticed at the next notification
+    handOutBlock(std::move(plain));
+    endTurn(isFull);
+}
+
+// hasMore: decrypted bytes are left. The reader may have paused the connection, or ended it.
+void ReceivingSocket::endTurn(bool hasMore)
+{
+    if (state() != ConnectedState)
+        return;
+    if (hasMore || encryption->hasRest())
+        goOnLater();
+    else if (encryption->isBroken())
+        endByPeer(SslInternalError, QStringLiteral("What came is not valid TLS"));
+    else if (encryption->isOver())
+        endByPeer(RemoteHostClosedError, QStringLiteral("The TLS/SSL connection has been closed"));
+}
+
+// In a later pass of the event loop: the other connections of the thread come first.
+void ReceivingSocket::goOnLater()
+{
+    if (std::exchange(goesOn, true))
+        return;
+    QMetaObject::invokeMethod(
+            this,
+            [this] {
+                goesOn = false;
+                if (state() == ConnectedState && !paused)
+                    goOn();
+            },
+            Qt::QueuedConnection);
+}
+
+void ReceivingSocket::goOn()
+{
+    decrypt({});
 }
 
 // How many of the wanted bytes may be received.
@@ -235,7 +344,10 @@ void ReceivingSocket::tellReader()
 
 void ReceivingSocket::setPaused(bool on)
 {
+    paused = on;
     notifier.setEnabled(!on && state() == ConnectedState);
+    if (encryption && !on)
+        goOnLater();
 }
 
 bool ReceivingSocket::peerHasEnded() const
@@ -249,11 +361,11 @@ qsizetype ReceivingSocket::bytesInKernel() const
     return ::ioctl(descriptor(), FIONREAD, &size) == 0 ? size : 0;
 }
 
-void ReceivingSocket::endByPeer()
+void ReceivingSocket::endByPeer(SocketError error, const QString &text)
 {
-    setSocketError(RemoteHostClosedError);
-    setErrorString(QStringLiteral("The remote host closed the connection"));
-    Q_EMIT errorOccurred(RemoteHostClosedError);
+    setSocketError(error);
+    setErrorString(text);
+    Q_EMIT errorOccurred(error);
     disconnectNow();
 }
 
@@ -262,6 +374,8 @@ void ReceivingSocket::disconnectNow()
     if (state() != ConnectedState)
         return;
     notifier.setEnabled(false);
+    if (encryption)
+        encryption->end(descriptor());
     ::close(descriptor());
     setSocketState(UnconnectedState);
     Q_EMIT stateChanged(UnconnectedState);

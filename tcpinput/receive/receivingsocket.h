@@ -4,16 +4,20 @@
 #pragma once
 
 #include "tcpinput/connection/endpoints.h"
+#include "tcpinput/receive/decryption.h"
 #include "tcpinput/receive/transport.h"
 
 #include <QtCore/QByteArray>
 #include <QtCore/QSocketNotifier>
 #include <QtNetwork/QTcpSocket>
 
+#include <memory>
+#include <optional>
+
 /*!
-    The server's end of a plain connection, which only receives. A message of usual size takes one
-    system call, where QTcpSocket's engine makes two. The start and the end of a connection take a
-    few, where that engine makes dozens.
+    The server's end of a connection, plain or with a TLS session of our own, which only receives. A
+    message of usual size takes one system call, where QTcpSocket's engine makes two. The start and
+    the end of a connection take a few, where that engine makes dozens.
 
     Its user sees a QTcpSocket: readyRead() comes with bytes, errorOccurred() and disconnected()
     come once when the peer has closed or reset the connection. If there is a reader, it is called
@@ -28,17 +32,16 @@
 class ReceivingSocket final : public QTcpSocket, public Transport
 {
 public:
-    // Owns the descriptor from now on.
-    ReceivingSocket(qintptr descriptor, const Endpoints &known);
+    // Owns the descriptor from now on. session: its handshake is done, and it may have bytes that
+    // came behind that; null for a plain connection.
+    ReceivingSocket(qintptr descriptor, const Endpoints &known,
+                    std::unique_ptr<tls::Session> session = nullptr);
     ~ReceivingSocket() override;
 
     void setReader(TransportReader *value) override { reader = value; }
     // Always true: the socket can be read, and keeps its peer's address, when the peer has gone.
     bool isUsable() const override { return true; }
-    EndReason endReason() const override
-    {
-        return readError != 0 ? EndReason::Reset : EndReason::Peer;
-    }
+    EndReason endReason() const override;
     QString failure() const override;
     void setPaused(bool on) override;
     bool peerHasEnded() const override;
@@ -78,6 +81,12 @@ private:
     };
 
     void receive();
+    void receiveAll(char *buffer, qsizetype received);
+    void decrypt(QByteArrayView received);
+    void decryptAll(char *buffer, qsizetype received, qsizetype most);
+    void endTurn(bool hasMore);
+    void goOnLater();
+    void goOn();
     qsizetype room(qsizetype wanted);
     QByteArray receiveOn(QByteArrayView first, qsizetype most);
     void handOut(QByteArrayView received);
@@ -85,12 +94,15 @@ private:
     void tellReader();
     qsizetype bytesInKernel() const;
     bool waitForNews(int msecs) const;
-    void endByPeer();
+    void endByPeer(SocketError error, const QString &text);
     void disconnectNow();
     int descriptor() const { return static_cast<int>(notifier.socket()); }
 
     Notifier notifier;
+    std::optional<Decryption> encryption; // null: plain
     TransportReader *reader = nullptr;
+    bool paused = false;
+    bool goesOn = false; // a call is posted that goes on with what was received
     int readError = 0; // that has broken it, as in errno; 0: none, the peer has closed it
     QByteArrayView unread; // in kept, or in the thread's buffer while the reader is called
     QByteArray kept; // a large read, or the bytes that a reader has left (rare)

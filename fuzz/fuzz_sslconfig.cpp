@@ -1,16 +1,22 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-// The TLS configuration reader.
+// The TLS configuration readers.
 
 #include "fuzz/fuzztarget.h"
 #include "fuzz/jsoninput.h"
+#include "ssl/extensions.h"
 #include "ssl/ssl.h"
+#include "ssl/sslkeys.h"
+#include "tls/settings.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtNetwork/QSslCertificate>
 #include <QtNetwork/QSslConfiguration>
+#include <QtNetwork/QSslKey>
 #include <QtNetwork/QSslSocket>
+
+#include <algorithm>
 
 namespace {
 
@@ -46,6 +52,36 @@ qsizetype addedAuthorities(const QJsonObject &object)
     return (object.contains(QLatin1String("CACertificate")) ? 1 : 0) + (opens ? 1 : 0);
 }
 
+// Whether start() comes so far as to read the keys that are always checked.
+bool isAccepted(const QJsonObject &object)
+{
+    const auto &keys = tls::keys();
+    return std::all_of(keys.begin(), keys.end(), [&object](const tls::Key &key) {
+        const auto value = object.constFind(QLatin1String(key.name));
+        return value == object.constEnd() || !tls::refusesBad(key, object, false)
+                || key.isAccepted(*value);
+    });
+}
+
+void checkExtensions(const QJsonObject &object, const QSslConfiguration &base)
+{
+    tls::Settings settings;
+    settings.base = base;
+    if (!tls::readExtensions(object, settings))
+        return;
+    const bool own = object.value(QLatin1String("engine")) == QLatin1String("own");
+    require((settings.engine == tls::Engine::Own) == own, QStringLiteral("engine"));
+    require(own
+                    || (!settings.sessionTickets && settings.minimumSecurity < 0
+                        && settings.revoked.isEmpty()),
+            QStringLiteral("what Qt's engine has not is refused"));
+    const bool hasKey = object.contains(QLatin1String("KeyFile"))
+            || object.contains(QLatin1String("PrivateKey"));
+    require(!hasKey || object.value(QLatin1String("KeyAlgorithm")) != QLatin1String("auto")
+                    || !settings.base.privateKey().isNull(),
+            QStringLiteral("a key that cannot be used is refused"));
+}
+
 } // namespace
 
 void initialise()
@@ -77,4 +113,6 @@ void fuzz(QByteArrayView input)
     const qsizetype known = QSslConfiguration::defaultConfiguration().caCertificates().size();
     require(config.caCertificates().size() == known + addedAuthorities(object),
             QStringLiteral("authorities are added"));
+    if (result && isAccepted(object))
+        checkExtensions(object, config);
 }

@@ -17,7 +17,8 @@ inline QJsonDocument jsonFrom(QByteArrayView input)
 // not name other files: reading some of them would never end.
 inline bool namesLocalFilesOnly(const QJsonObject &sslObject)
 {
-    for (const char *key : {"CAFile", "CertFile", "KeyFile"}) {
+    for (const char *key :
+         {"CAFile", "CRLFile", "CertFile", "ChainFile", "KeyFile", "KeyPassphraseFile"}) {
         if (sslObject.value(QLatin1String(key)).toString().contains(QLatin1Char('/')))
             return false;
     }

@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <QtCore/QJsonObject>
 #include <QtCore/QJsonValue>
 
 #include <array>
@@ -14,6 +15,9 @@
 */
 namespace tls {
 
+//! What a bad value does: the one in docs/CONFIGURATION.md, or start() fails.
+enum class Bad : bool { Ignored, Refused };
+
 struct Key
 {
     const char *name;
@@ -21,9 +25,15 @@ struct Key
     // Reads the file that the value names, if it does. True for one that cannot be opened: that
     // fails by itself, with a line of its own.
     bool (*isAccepted)(const QJsonValue &value);
+    Bad bad = Bad::Ignored;
 };
 
 // All keys, sorted by name.
-const std::array<Key, 9> &keys();
+const std::array<Key, 21> &keys();
+
+// Whether a value of the key that is not accepted makes start() fail. strict: whether the
+// configuration refuses bad values of all keys. False for a key pair's private half if other keys
+// of the object say how to read it: readExtensions() then judges it.
+bool refusesBad(const Key &key, const QJsonObject &object, bool strict);
 
 } // namespace tls

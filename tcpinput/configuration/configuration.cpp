@@ -4,6 +4,7 @@
 #include "tcpinput/configuration/configuration.h"
 
 #include "plugin/cwrn.h"
+#include "ssl/extensions.h"
 #include "ssl/ssl.h"
 #include "ssl/sslkeys.h"
 #include "tcpinput/configuration/checker.h"
@@ -75,9 +76,10 @@ bool Configuration::check(const QJsonObject &object, const QString &pluginId)
     checker.check(QStringLiteral("proxyProtocol."),
                   object.value(QLatin1String("proxyProtocol")).toObject(), proxykeys::all(), true,
                   [](const proxykeys::Key &) { return true; });
-    if (strict)
-        checker.check(QStringLiteral("ssl."), object.value(QLatin1String("ssl")).toObject(),
-                      tls::keys(), true, [](const tls::Key &) { return true; });
+    const QJsonObject tls = object.value(QLatin1String("ssl")).toObject();
+    checker.check(
+            QStringLiteral("ssl."), tls, tls::keys(), strict,
+            [&tls, strict](const tls::Key &key) { return tls::refusesBad(key, tls, strict); });
     checker.check(QStringLiteral("limits."), object.value(QLatin1String("limits")).toObject(),
                   limitkeys::all(), true, [](const limitkeys::Key &) { return true; });
     return checker.isGood();
@@ -181,11 +183,11 @@ bool Configuration::readTls(const QJsonValue &value)
         CWRN(QtWarningMsg, QStringLiteral("TcpInputPlugin2(%1): No usable TLS backend"), plugin);
         return false;
     }
+    const QJsonObject object = value.toObject();
     tls::Settings read;
-    if (!ssl::readSslConfig(value.toObject(), read.base))
+    const bool hasFiles = ssl::readSslConfig(object, read.base);
+    if (!tls::readExtensions(object, read) || !hasFiles) // both, so that every fault is logged
         return false;
-    if (value[QLatin1String("engine")].toString() == QLatin1String("own"))
-        read.engine = tls::Engine::Own;
     tls = read;
     return true;
 }

@@ -240,8 +240,11 @@ void tst_ConfigurationKeys::strictNamesUnknownKeys()
     QCOMPARE(takeLog(),
              QStringList({line.arg(u"Port"_s, names.join(u", "_s)),
                           line.arg(u"ssl.cafile"_s,
-                                   u"CACertificate, CAFile, CertFile, Certificate, KeyFile, "
-                                   "PrivateKey, tlsDebug, tlsVersion, verifyPeer"_s)}));
+                                   u"CACertificate, CAFile, CRLFile, CertFile, Certificate, Chain, "
+                                   "ChainFile, CipherSuites, Ciphers, Groups, KeyAlgorithm, "
+                                   "KeyFile, KeyPassphraseFile, PrivateKey, engine, "
+                                   "minimumSecurity, sessionTickets, systemCAs, tlsDebug, "
+                                   "tlsVersion, verifyPeer"_s)}));
 }
 
 // Of a bad key or certificate only the length is shown.

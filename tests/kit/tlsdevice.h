@@ -42,6 +42,9 @@ public:
         SSL_set_connect_state(ssl.get());
     }
 
+    // For what this class has no function for.
+    SSL *native() const { return ssl.get(); }
+
     // The pre-shared key, which a device and its server can use instead of certificates.
     static QByteArray sharedKey() { return QByteArray(32, 'k'); }
     // Offers the key, with TLS 1.3 only. Call it before the handshake.
@@ -82,6 +85,12 @@ public:
                 return false;
         }
         return isEncrypted();
+    }
+    // Returns the hello, unsent. Call it before the handshake, which then waits for an answer.
+    QByteArray takeHello()
+    {
+        step();
+        return takeOutput();
     }
     // Begins the handshake, and stops before it sends its answer to the server's first flight.
     bool handshakeUntilAnswer()
@@ -133,6 +142,15 @@ public:
             count = ::recv(socket.descriptor(), bytes, sizeof bytes, 0);
         while (count > 0);
         return count == 0 || errno == ECONNRESET;
+    }
+    // The same, but OpenSSL sees the bytes, and the alerts among them.
+    void readToEnd()
+    {
+        char bytes[4096];
+        while (receive()) {
+            ERR_clear_error();
+            while (SSL_read(ssl.get(), bytes, sizeof bytes) > 0) {}
+        }
     }
 
     NativeSocket socket;

@@ -7,6 +7,7 @@
 #include "tests/kit/loglines.h"
 #include "tests/kit/numberedmessages.h"
 #include "tests/kit/tlsdevice.h"
+#include "tests/kit/tlsengines.h"
 
 #include <QtCore/QRandomGenerator>
 #include <QtCore/QRegularExpression>
@@ -136,6 +137,7 @@ class tst_TlsHandover : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void initTestCase_data();
     void losesNothing_data();
     void losesNothing();
 
@@ -146,6 +148,13 @@ private:
     int badRecords = 0;
 };
 
+void tst_TlsHandover::initTestCase_data()
+{
+    QTest::addColumn<QString>("engine");
+    for (const char *engine : TlsEngines)
+        QTest::newRow(engine) << QString::fromLatin1(engine);
+}
+
 void tst_TlsHandover::losesNothing_data()
 {
     QTest::addColumn<bool>("stalls");
@@ -155,10 +164,11 @@ void tst_TlsHandover::losesNothing_data()
 
 void tst_TlsHandover::losesNothing()
 {
+    QFETCH_GLOBAL(QString, engine);
     QFETCH(bool, stalls);
     const quint16 port = freePort();
     QJsonObject config = tcpConfig(port);
-    config.insert(QStringLiteral("ssl"), serverTls());
+    config.insert(QStringLiteral("ssl"), withEngine(serverTls(), engine));
     config.insert(QStringLiteral("threadpoolSize"), PoolSize);
     const MessageCapture capture;
     LoadedLibrary library;

@@ -5,6 +5,7 @@
 #include "tests/kit/hangguard.h"
 #include "tests/kit/loadedplugin.h"
 #include "tests/kit/loglines.h"
+#include "tests/kit/tlsengines.h"
 
 #include <QtCore/QProcess>
 #include <QtNetwork/QSslConfiguration>
@@ -172,9 +173,12 @@ private:
 
 void tst_TlsMatrix::initTestCase_data()
 {
+    QTest::addColumn<QString>("engine");
     QTest::addColumn<bool>("program");
-    QTest::newRow("openssl s_client") << true;
-    QTest::newRow("QSslSocket") << false;
+    for (const char *engine : TlsEngines) {
+        QTest::addRow("%s, openssl s_client", engine) << text(engine) << true;
+        QTest::addRow("%s, QSslSocket", engine) << text(engine) << false;
+    }
 }
 
 void tst_TlsMatrix::cleanup()
@@ -195,7 +199,8 @@ void tst_TlsMatrix::start(QJsonObject tls)
     tls.insert(text("CAFile"), certificateFile(text("ca.pem")));
     port = freePort();
     QJsonObject config = tcpConfig(port);
-    config.insert(text("ssl"), tls);
+    QFETCH_GLOBAL(QString, engine);
+    config.insert(text("ssl"), withEngine(tls, engine));
     capture = std::make_unique<MessageCapture>();
     plugin = library.create(config);
     connect(plugin.get(), &IInputPlugin::receivedData, this,

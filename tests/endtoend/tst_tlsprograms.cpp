@@ -4,6 +4,7 @@
 #include "tests/kit/certificates.h"
 #include "tests/kit/hangguard.h"
 #include "tests/kit/testaddress.h"
+#include "tests/kit/tlsengines.h"
 
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
@@ -50,6 +51,7 @@ class tst_TlsPrograms : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void initTestCase_data();
     void init();
     void cleanup();
 
@@ -67,6 +69,13 @@ private:
     std::unique_ptr<Program> host;
 };
 
+void tst_TlsPrograms::initTestCase_data()
+{
+    QTest::addColumn<QString>("engine");
+    for (const char *engine : TlsEngines)
+        QTest::newRow(engine) << QString::fromLatin1(engine);
+}
+
 void tst_TlsPrograms::init()
 {
     port = freePort();
@@ -80,14 +89,16 @@ void tst_TlsPrograms::cleanup()
 // Returns when the host listens.
 void tst_TlsPrograms::startHost(const QStringList &arguments)
 {
-    const QByteArray tls = QJsonDocument(serverTls()).toJson(QJsonDocument::Compact);
-    host = std::make_unique<Program>(text(INPUTHOST_FILE),
-                                     QStringList{text("--plugin"), text(PLUGIN_FILE), text("--set"),
-                                                 text("ipAddr=") + testAddress().toString(),
-                                                 text("--set"), text("port=%1").arg(port),
-                                                 text("--set"),
-                                                 text("ssl=") + QString::fromUtf8(tls)}
-                                             + arguments);
+    QFETCH_GLOBAL(QString, engine);
+    const QByteArray tls =
+            QJsonDocument(withEngine(serverTls(), engine)).toJson(QJsonDocument::Compact);
+    host = std::make_unique<Program>(
+            text(INPUTHOST_FILE),
+            QStringList{text("--plugin"), text(PLUGIN_FILE), text("--set"),
+                        text("ipAddr=") + testAddress().toString(), text("--set"),
+                        text("port=%1").arg(port), text("--set"),
+                        text("ssl=") + QString::fromUtf8(tls), text("--set"), text("strict=false")}
+                    + arguments);
     QByteArray log;
     QTRY_VERIFY2_WITH_TIMEOUT((log += host->process.readAllStandardError()).contains("Listening"),
                               log.constData(), HangGuardMs);

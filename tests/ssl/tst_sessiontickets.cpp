@@ -9,6 +9,7 @@
 #include "tests/kit/play.h"
 #include "tests/kit/testaddress.h"
 #include "tests/kit/tlsdevice.h"
+#include "tests/kit/tlsengines.h"
 
 #include <QtCore/QJsonObject>
 #include <QtCore/QSemaphore>
@@ -57,6 +58,7 @@ class tst_SessionTickets : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void initTestCase_data();
     void init();
     void cleanup();
 
@@ -81,15 +83,23 @@ private:
     QStringList log;
 };
 
+void tst_SessionTickets::initTestCase_data()
+{
+    QTest::addColumn<QString>("engine");
+    for (const char *engine : TlsEngines)
+        QTest::newRow(engine) << QString::fromLatin1(engine);
+}
+
 void tst_SessionTickets::init()
 {
+    QFETCH_GLOBAL(QString, engine);
     capture = std::make_unique<MessageCapture>();
     port = freePort();
     plugin = std::make_unique<TcpInputPlugin2>(
             nullptr,
             QJsonObject{{text("ipAddr"), testAddress().toString()},
                         {text("port"), port},
-                        {text("ssl"), serverTls()},
+                        {text("ssl"), withEngine(serverTls(), engine)},
                         {text("threadpoolSize"), 1}});
     connect(plugin.get(), &IInputPlugin::receivedData, this,
             [this](const shared_parsedData &record) { received = record->getOriginalMessage(); });

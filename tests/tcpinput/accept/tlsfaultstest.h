@@ -3,13 +3,15 @@
 
 #pragma once
 
-#include "tcpinput/accept/tlshandshake.h"
+#include "plugin/countersevent.h"
+#include "tcpinput/accept/sslserver.h"
 #include "tcpinput/tcpinputplugin2.h"
 #include "tests/kit/hangguard.h"
 #include "tests/kit/loglines.h"
 #include "tests/kit/play.h"
 #include "tests/kit/testaddress.h"
 #include "tests/kit/tlsdevice.h"
+#include "tests/kit/tlsengines.h"
 
 #include <QtCore/QJsonObject>
 #include <QtTest/QtTest>
@@ -29,12 +31,23 @@ inline const QByteArray HalfHello("\x16\x03\x01\x02\x00\x01", 6);
 class TlsFaultsTest : public QObject
 {
 protected:
+    // The rows of initTestCase_data().
+    static void addEngines()
+    {
+        QTest::addColumn<QString>("engine");
+        for (const char *engine : TlsEngines)
+            QTest::newRow(engine) << text(engine);
+    }
     void begin();
     void end();
 
     void start(const QJsonObject &tls = serverTls());
     SslServer &server() const { return *plugin->findChild<SslServer *>(); }
-    qsizetype handshakes() const { return server().findChildren<TlsHandshake *>().size(); }
+    // Open ones, and connections that no worker has yet.
+    qsizetype handshakes() const
+    {
+        return static_cast<qsizetype>(CountersEvent::countersOf(*plugin)->waiting);
+    }
     bool serve(int version, const QByteArray &bytes, const QString &certificate = QString());
     void keepLog() { log += takeLog(); }
     qsizetype logged(const QString &line)
@@ -76,11 +89,12 @@ inline void TlsFaultsTest::end()
 
 inline void TlsFaultsTest::start(const QJsonObject &tls)
 {
+    QFETCH_GLOBAL(QString, engine);
     plugin = std::make_unique<TcpInputPlugin2>(
             nullptr,
             QJsonObject{{text("ipAddr"), testAddress().toString()},
                         {text("port"), port},
-                        {text("ssl"), tls},
+                        {text("ssl"), withEngine(tls, engine)},
                         {text("threadpoolSize"), 1},
                         {text("timeout"), 600}});
     plugin->pluginId = text("t");

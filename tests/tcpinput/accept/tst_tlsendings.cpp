@@ -24,6 +24,7 @@ class tst_TlsEndings : public TlsFaultsTest
     Q_OBJECT
 
 private Q_SLOTS:
+    void initTestCase_data() { addEngines(); }
     void init() { begin(); }
     void cleanup() { end(); }
 

@@ -33,6 +33,7 @@ class tst_TlsFaults : public TlsFaultsTest
     Q_OBJECT
 
 private Q_SLOTS:
+    void initTestCase_data() { addEngines(); }
     void init() { begin(); }
     void cleanup() { end(); }
 

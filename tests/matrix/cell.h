@@ -3,6 +3,10 @@
 
 #pragma once
 
+#include "tests/kit/tlsengines.h"
+
+#include <QtCore/QStringList>
+
 #include <array>
 
 //! How a device's connection ends. The three endings with Notify in their names exist only with
@@ -80,6 +84,7 @@ struct Cell
 {
     Ending ending;
     Transport transport;
+    QString engine; // one of enginesOf(transport)
     Segmentation segmentation;
     HostKind host;
     Keys keys;
@@ -90,6 +95,17 @@ constexpr bool exists(Ending ending, Transport transport)
     return transport != Transport::Tcp
             || (ending != Ending::NotifyThenFin && ending != Ending::NotifyAlone
                 && ending != Ending::FinWithoutNotify);
+}
+
+// What carries out the transport: the values of the key "engine". With TCP a single empty one.
+inline QStringList enginesOf(Transport transport)
+{
+    if (transport == Transport::Tcp)
+        return {QString()};
+    QStringList engines;
+    for (const char *engine : TlsEngines)
+        engines.append(QString::fromLatin1(engine));
+    return engines;
 }
 
 // Whether the host ends the plugin. Bytes that the kernel still holds then are not the plugin's.

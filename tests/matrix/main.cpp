@@ -41,11 +41,13 @@ int main(int argc, char **argv)
             text("ending"), text("Only the endings whose name contains this text."), text("text"));
     const QCommandLineOption transport(
             text("transport"), text("Only the transports whose name contains it."), text("text"));
+    const QCommandLineOption engine(text("engine"), text("TLS only with this engine."),
+                                    text("name"));
     const QCommandLineOption full(text("cells"), text("One row a cell, instead of sums."));
     QCommandLineParser parser;
     parser.setApplicationDescription(text("Plays the no-loss matrix; see docs/NO_LOSS.md."));
     parser.addHelpOption();
-    parser.addOptions({repeats, ending, transport, full});
+    parser.addOptions({repeats, ending, transport, engine, full});
     parser.process(application);
 
     Report report;
@@ -56,15 +58,21 @@ int main(int argc, char **argv)
             if (!exists(e.value, t.value) || !text(e.name).contains(parser.value(ending))
                 || !text(t.name).contains(parser.value(transport)))
                 continue;
-            for (const auto &keys : KeySets) {
-                RoundPlan plan;
-                plan.ending = e.value;
-                plan.transport = t.value;
-                plan.keys = keys.value;
-                play(plan, qMax(1, parser.value(repeats).toInt()), report);
-                std::fprintf(stderr, "%6.1f s  %s, %s, %s: %s\n",
-                             static_cast<double>(clock.elapsed()) / 1000, e.name, t.name, keys.name,
-                             report.isClean() ? "clean" : "NOT CLEAN");
+            RoundPlan plan;
+            plan.ending = e.value;
+            plan.transport = t.value;
+            for (const QString &name : enginesOf(t.value)) {
+                if (parser.isSet(engine) && !name.isEmpty() && name != parser.value(engine))
+                    continue;
+                plan.engine = name;
+                for (const auto &keys : KeySets) {
+                    plan.keys = keys.value;
+                    play(plan, qMax(1, parser.value(repeats).toInt()), report);
+                    std::fprintf(stderr, "%6.1f s  %s, %s %s, %s: %s\n",
+                                 static_cast<double>(clock.elapsed()) / 1000, e.name, t.name,
+                                 qPrintable(name), keys.name,
+                                 report.isClean() ? "clean" : "NOT CLEAN");
+                }
             }
         }
     }

@@ -54,8 +54,10 @@ QString judgement(const CellResult &result)
 
 QString rowName(const Cell &cell)
 {
-    return QStringLiteral("| %1 | %2 |")
-            .arg(nameOf(Endings, cell.ending), nameOf(Transports, cell.transport));
+    QString transport = nameOf(Transports, cell.transport);
+    if (!cell.engine.isEmpty())
+        transport += QStringLiteral(", engine %1").arg(cell.engine);
+    return QStringLiteral("| %1 | %2 |").arg(nameOf(Endings, cell.ending), transport);
 }
 
 // Calls function for each row of the table, with the sum of the row's cells.
@@ -64,11 +66,14 @@ void forEachRow(const QList<CellResult> &cells,
 {
     for (const auto &ending : Endings) {
         for (const auto &transport : Transports) {
-            const auto total = sum(cells, [&](const Cell &cell) {
-                return cell.ending == ending.value && cell.transport == transport.value;
-            });
-            if (total)
-                function(*total);
+            for (const QString &engine : enginesOf(transport.value)) {
+                const auto total = sum(cells, [&](const Cell &cell) {
+                    return cell.ending == ending.value && cell.transport == transport.value
+                            && cell.engine == engine;
+                });
+                if (total)
+                    function(*total);
+            }
         }
     }
 }
@@ -81,6 +86,7 @@ void Report::add(const QList<CellResult> &results)
         const auto same = [&result](const CellResult &known) {
             return known.cell.ending == result.cell.ending
                     && known.cell.transport == result.cell.transport
+                    && known.cell.engine == result.cell.engine
                     && known.cell.segmentation == result.cell.segmentation
                     && known.cell.host == result.cell.host && known.cell.keys == result.cell.keys;
         };
@@ -126,7 +132,8 @@ void Report::writeHosts(QTextStream &out, const Named<Keys> &keys) const
         for (const auto &kind : HostKinds) {
             const auto total = sum(cells, [&](const Cell &cell) {
                 return cell.ending == row.cell.ending && cell.transport == row.cell.transport
-                        && cell.host == kind.value && cell.keys == keys.value;
+                        && cell.engine == row.cell.engine && cell.host == kind.value
+                        && cell.keys == keys.value;
             });
             out << ' ' << (total ? judgement(*total) : QString()) << " |";
         }

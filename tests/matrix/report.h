@@ -17,7 +17,8 @@ public:
     void add(const QList<CellResult> &results);
     bool isClean() const;
 
-    // One row for each ending and transport, one column for each host. Segmentations are added up.
+    // One row for each ending, transport and engine, one column for each host. Segmentations are
+    // added up.
     void write(QTextStream &out) const;
     // One row for each cell.
     void writeCells(QTextStream &out) const;

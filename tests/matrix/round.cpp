@@ -45,7 +45,7 @@ QJsonObject configFor(const RoundPlan &plan, quint16 port)
     config.insert(QStringLiteral("timeout"),
                   plan.ending == Ending::IdleTimeout ? IdleTimeoutS : NoTimeoutS);
     if (plan.transport != Transport::Tcp)
-        config.insert(QStringLiteral("ssl"), serverTls());
+        config.insert(QStringLiteral("ssl"), withEngine(serverTls(), plan.engine));
     return config;
 }
 
@@ -118,8 +118,8 @@ private:
     {
         for (const auto &segmentation : Segmentations) {
             for (const auto &kind : HostKinds) {
-                const Cell cell{plan.ending, plan.transport, segmentation.value, kind.value,
-                                plan.keys};
+                const Cell cell{plan.ending,        plan.transport, plan.engine,
+                                segmentation.value, kind.value,     plan.keys};
                 cells.append(CellResult(cell));
                 for (int n = 0; n < plan.repeats; ++n)
                     makeDevice(cell);

@@ -34,6 +34,7 @@ struct RoundPlan
 {
     Ending ending = Ending::Fin;
     Transport transport = Transport::Tcp;
+    QString engine; // see enginesOf()
     Keys keys = Keys::None;
     int repeats = 1; // devices for each cell
     int wholeMessages = 2000; // messages of a device that writes once

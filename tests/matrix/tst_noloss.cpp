@@ -95,35 +95,42 @@ void tst_NoLoss::round_data()
 {
     QTest::addColumn<Ending>("ending");
     QTest::addColumn<Transport>("transport");
+    QTest::addColumn<QString>("engine");
     QTest::addColumn<Keys>("keys");
-    // Each ending with and without TLS, with plain and exact hosts by turns. The idle time-out is
-    // slow, so it is played here only with TLS.
-    bool exact = false;
+    const auto add = [](const auto &ending, const auto &transport, const QString &engine,
+                        const auto &keys) {
+        QTest::addRow("%s, %s %s, %s", ending.name, transport.name, qPrintable(engine), keys.name)
+                << ending.value << transport.value << engine << keys.value;
+    };
+    // Each ending with TCP and with each engine, with plain and exact hosts by turns. The idle
+    // time-out is slow, so it is played here only once, with TLS.
+    bool exact = true;
     for (const auto &ending : Endings) {
         for (const auto &transport : Transports) {
             if (!exists(ending.value, transport.value) || transport.value == Transport::Tls12
                 || (ending.value == Ending::IdleTimeout && transport.value == Transport::Tcp))
                 continue;
-            exact = !exact;
-            const auto &keys = KeySets[exact ? 1 : 0];
-            QTest::addRow("%s, %s, %s", ending.name, transport.name, keys.name)
-                    << ending.value << transport.value << keys.value;
+            for (const QString &engine : enginesOf(transport.value)) {
+                if (ending.value == Ending::IdleTimeout && engine != enginesOf(transport.value)[0])
+                    continue;
+                exact = !exact;
+                add(ending, transport, engine, KeySets[exact ? 1 : 0]);
+            }
         }
     }
-    QTest::addRow("close_notify alone, TLS 1.2, exact host")
-            << Ending::NotifyAlone << Transport::Tls12 << Keys::Offsets;
-    QTest::addRow("plugin destroyed, TLS 1.2, plain host")
-            << Ending::Destroyed << Transport::Tls12 << Keys::None;
-    // Each ending with all keys, either with or without TLS.
-    for (const auto &ending : Endings) {
-        const auto &transport = Transports[exists(ending.value, Transport::Tcp) ? 0 : 2];
-        QTest::addRow("%s, %s, all keys", ending.name, transport.name)
-                << ending.value << transport.value << Keys::All;
+    for (const QString &engine : enginesOf(Transport::Tls12)) {
+        add(Endings[int(Ending::NotifyAlone)], Transports[1], engine, KeySets[1]);
+        add(Endings[int(Ending::Destroyed)], Transports[1], engine, KeySets[0]);
     }
-    QTest::addRow("close at once, TLS 1.3, all keys")
-            << Ending::CloseAtOnce << Transport::Tls13 << Keys::All;
-    QTest::addRow("plugin destroyed, TLS 1.3, all keys")
-            << Ending::Destroyed << Transport::Tls13 << Keys::All;
+    // Each ending with all keys, either with or without TLS. The engines take turns.
+    auto addWithAllKeys = [&add, turn = 0](const auto &ending, const auto &transport) mutable {
+        const QStringList engines = enginesOf(transport.value);
+        add(ending, transport, engines[turn++ % engines.size()], KeySets[2]);
+    };
+    for (const auto &ending : Endings)
+        addWithAllKeys(ending, Transports[exists(ending.value, Transport::Tcp) ? 0 : 2]);
+    addWithAllKeys(Endings[int(Ending::CloseAtOnce)], Transports[2]);
+    addWithAllKeys(Endings[int(Ending::Destroyed)], Transports[2]);
 }
 
 void tst_NoLoss::round()
@@ -134,6 +141,8 @@ void tst_NoLoss::round()
     plan.ending = ending;
     QFETCH(Transport, transport);
     plan.transport = transport;
+    QFETCH(QString, engine);
+    plan.engine = engine;
     QFETCH(Keys, keys);
     plan.keys = keys;
 

@@ -47,7 +47,7 @@ void startIn(Scene &scene)
 void count(Outcome &outcome, Scene &scene, int causes, int linesEach)
 {
     scene.plugin.reset(); // after that it logs no more
-    outcome.tls = scene.tls;
+    outcome.transport = scene.transport.name();
     outcome.connections = causes + scene.goodDevices;
     outcome.lines = scene.lines();
     outcome.allowedLines = causes * linesEach + scene.goodDevices * LinesServed + LinesConstant;
@@ -77,11 +77,11 @@ void raiseDescriptorLimit()
 
 } // namespace
 
-Outcome NeverDeaf::descriptorsOut(bool tls)
+Outcome NeverDeaf::descriptorsOut(const Transport &transport)
 {
     Outcome outcome;
     outcome.cause = text("descriptor limit reached, then released");
-    Scene scene(tls);
+    Scene scene(transport);
     startIn(scene);
     outcome.before = scene.serveMedian();
     Scene::GoodDevice waiting(scene);
@@ -97,16 +97,16 @@ Outcome NeverDeaf::descriptorsOut(bool tls)
     return outcome;
 }
 
-Outcome NeverDeaf::workerWithoutDescriptors(bool tls)
+Outcome NeverDeaf::workerWithoutDescriptors(const Transport &transport)
 {
     Outcome outcome;
     outcome.cause = text("no descriptors for the first worker thread");
     {
-        Scene undisturbed(tls);
+        Scene undisturbed(transport);
         startIn(undisturbed);
         outcome.before = undisturbed.serveMedian();
     }
-    Scene scene(tls); // its plugin has no worker thread yet
+    Scene scene(transport); // its plugin has no worker thread yet
     startIn(scene);
     Scene::GoodDevice waiting(scene);
     {
@@ -125,12 +125,12 @@ Outcome NeverDeaf::workerWithoutDescriptors(bool tls)
     return outcome;
 }
 
-Outcome NeverDeaf::silentPeers(int peers)
+Outcome NeverDeaf::silentPeers(const Transport &transport, int peers)
 {
     Outcome outcome;
     outcome.cause = text("%1 silent TLS peers").arg(peers);
     raiseDescriptorLimit();
-    Scene scene(true);
+    Scene scene(transport);
     startIn(scene);
     outcome.before = scene.serveMedian();
     std::vector<NativeSocket> silent;
@@ -144,14 +144,14 @@ Outcome NeverDeaf::silentPeers(int peers)
     return outcome;
 }
 
-Outcome NeverDeaf::slowHeaders(bool tls, int headers)
+Outcome NeverDeaf::slowHeaders(const Transport &transport, int headers)
 {
     Outcome outcome;
     outcome.cause = text("%1 slow PROXY headers").arg(headers);
     raiseDescriptorLimit();
     const QJsonObject rule{{text("from"), QJsonArray{otherAddress().toString()}},
                            {text("timeout"), 600}};
-    Scene scene(tls, {{text("proxyProtocol"), rule}});
+    Scene scene(transport, {{text("proxyProtocol"), rule}});
     startIn(scene);
     outcome.before = scene.serveMedian();
     std::vector<NativeSocket> slow;
@@ -167,20 +167,21 @@ Outcome NeverDeaf::slowHeaders(bool tls, int headers)
     return outcome;
 }
 
-Outcome NeverDeaf::refusedPeers(bool tls, int peers)
+Outcome NeverDeaf::refusedPeers(const Transport &transport, int peers)
 {
     Outcome outcome;
     outcome.cause = text("%1 connects that a limit refuses").arg(peers);
     // The kernel chooses the addresses of good devices.
     const QJsonArray good{text("127.0.0.1"), testAddress().toString()};
     const QJsonObject limits{{text("maxConnectionsPerAddress"), 1}, {text("exempt"), good}};
-    Scene scene(tls, {{text("limits"), limits}, {text("timeout"), 600}});
+    Scene scene(transport, {{text("limits"), limits}, {text("timeout"), 600}});
     startIn(scene);
     outcome.before = scene.serveMedian();
     TlsDevice first(TLS1_3_VERSION); // it stays, so that all others are refused
     first.socket = connectFromOther(scene.port);
-    std::atomic<bool> isReady{!tls};
-    std::thread shaker([&] { isReady = !tls || (first.handshake() && first.flush()); });
+    std::atomic<bool> isReady{!transport.isTls()};
+    std::thread shaker(
+            [&] { isReady = !transport.isTls() || (first.handshake() && first.flush()); });
     if (!serveUntil([&] { return isReady.load(); }))
         qFatal("the one device that is not refused has no handshake");
     shaker.join();
@@ -198,13 +199,13 @@ Outcome NeverDeaf::refusedPeers(bool tls, int peers)
     return outcome;
 }
 
-Outcome NeverDeaf::pausedPeers(bool tls, int peers)
+Outcome NeverDeaf::pausedPeers(const Transport &transport, int peers)
 {
     constexpr int Buffer = 65536;
     constexpr int LargestReads = Buffer / 1000; // logged reads until the buffer is full
     Outcome outcome;
     outcome.cause = text("%1 devices that a limit has paused").arg(peers);
-    Scene scene(tls, {{text("limits"), QJsonObject{{text("connectionBuffer"), Buffer}}}});
+    Scene scene(transport, {{text("limits"), QJsonObject{{text("connectionBuffer"), Buffer}}}});
     startIn(scene);
     outcome.before = scene.serveMedian();
 
@@ -217,7 +218,7 @@ Outcome NeverDeaf::pausedPeers(bool tls, int peers)
             qFatal("a device cannot connect");
     }
     for (TlsDevice &device : devices)
-        threads.emplace_back([&device, tls] { sendUntilClosed(device, tls); });
+        threads.emplace_back([&] { sendUntilClosed(device, transport.isTls()); });
     const auto arePaused = [&] {
         return CountersEvent::countersOf(*scene.plugin)->paused == quint64(peers);
     };
@@ -234,13 +235,13 @@ Outcome NeverDeaf::pausedPeers(bool tls, int peers)
     return outcome;
 }
 
-Outcome NeverDeaf::garbageHandshakes(int peers)
+Outcome NeverDeaf::garbageHandshakes(const Transport &transport, int peers)
 {
     Outcome outcome;
     outcome.cause = text("%1 garbage handshakes").arg(peers);
     const QByteArray request("GET / HTTP/1.0\r\n\r\n");
     const QByteArray brokenHello("\x16\x03\x01\x00\x05hello", 10);
-    Scene scene(true);
+    Scene scene(transport);
     startIn(scene);
     outcome.before = scene.serveMedian();
     outcome.during = scene.serveDuring([&] {
@@ -256,11 +257,11 @@ Outcome NeverDeaf::garbageHandshakes(int peers)
     return outcome;
 }
 
-Outcome NeverDeaf::closersAtOnce(bool tls, int peers)
+Outcome NeverDeaf::closersAtOnce(const Transport &transport, int peers)
 {
     Outcome outcome;
     outcome.cause = text("%1 connects that close at once").arg(peers);
-    Scene scene(tls);
+    Scene scene(transport);
     startIn(scene);
     outcome.before = scene.serveMedian();
     outcome.during = scene.serveDuring([&] {
@@ -268,17 +269,17 @@ Outcome NeverDeaf::closersAtOnce(bool tls, int peers)
             NativeSocket::connectedTo(testAddress(), scene.port);
     });
     outcome.after = scene.serve();
-    count(outcome, scene, peers, tls ? 1 : LinesSilent);
+    count(outcome, scene, peers, transport.isTls() ? 1 : LinesSilent);
     return outcome;
 }
 
-Outcome NeverDeaf::resetsInBacklog(bool tls, int peers)
+Outcome NeverDeaf::resetsInBacklog(const Transport &transport, int peers)
 {
     constexpr int Invalid = 2; // lines of a broken socket
     Outcome outcome;
     outcome.cause = text("%1 connections reset in the backlog").arg(peers);
     raiseDescriptorLimit();
-    Scene scene(tls);
+    Scene scene(transport);
     startIn(scene);
     outcome.before = scene.serveMedian();
     // This runs in the plugin's thread, so nothing is accepted meanwhile.
@@ -294,21 +295,21 @@ Outcome NeverDeaf::resetsInBacklog(bool tls, int peers)
     outcome.after = scene.serve();
     serveUntil([&] { return among.isServed(); });
     outcome.during = among.servedAfter();
-    count(outcome, scene, peers, tls ? 1 : LinesSilent + Invalid);
+    count(outcome, scene, peers, transport.isTls() ? 1 : LinesSilent + Invalid);
     return outcome;
 }
 
-Outcome NeverDeaf::portTaken(bool tls)
+Outcome NeverDeaf::portTaken(const Transport &transport)
 {
     constexpr int LinesHandedOverTwice = 3; // more lines after a second start()
     Outcome outcome;
     outcome.cause = text("port taken at start, then freed");
     {
-        Scene undisturbed(tls);
+        Scene undisturbed(transport);
         startIn(undisturbed);
         outcome.before = undisturbed.serveMedian();
     }
-    Scene scene(tls);
+    Scene scene(transport);
     QTcpServer other;
     if (!other.listen(testAddress(), scene.port) || !scene.plugin->start()
         || isListening(*scene.plugin))

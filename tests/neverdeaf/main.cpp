@@ -22,7 +22,7 @@ QByteArray milliseconds(double value)
 void print(const Outcome &outcome)
 {
     std::printf("| %s | %s | %s | %s | %s | %lld | %lld | %lld |\n", qPrintable(outcome.cause),
-                outcome.tls ? "TLS 1.3" : "TCP", milliseconds(outcome.before).constData(),
+                qPrintable(outcome.transport), milliseconds(outcome.before).constData(),
                 milliseconds(outcome.during).constData(), milliseconds(outcome.after).constData(),
                 static_cast<long long>(outcome.connections), static_cast<long long>(outcome.lines),
                 static_cast<long long>(outcome.allowedLines));
@@ -59,20 +59,22 @@ int main(int argc, char **argv)
         inTime = isInTime(outcome) && inTime;
         right = isRight(outcome) && right;
     };
-    for (const bool tls : {false, true}) {
-        play(NeverDeaf::descriptorsOut(tls));
-        play(NeverDeaf::workerWithoutDescriptors(tls));
-        play(NeverDeaf::closersAtOnce(tls, 10000));
-        play(NeverDeaf::resetsInBacklog(tls, 200));
-        play(NeverDeaf::portTaken(tls));
-        play(NeverDeaf::slowHeaders(tls, 1000));
-        play(NeverDeaf::refusedPeers(tls, 10000));
-        play(NeverDeaf::pausedPeers(tls, 32));
+    for (const Transport &transport : Transport::all()) {
+        play(NeverDeaf::descriptorsOut(transport));
+        play(NeverDeaf::workerWithoutDescriptors(transport));
+        play(NeverDeaf::closersAtOnce(transport, 10000));
+        play(NeverDeaf::resetsInBacklog(transport, 200));
+        play(NeverDeaf::portTaken(transport));
+        play(NeverDeaf::slowHeaders(transport, 1000));
+        play(NeverDeaf::refusedPeers(transport, 10000));
+        play(NeverDeaf::pausedPeers(transport, 32));
     }
-    play(NeverDeaf::garbageHandshakes(600));
-    const Outcome silent = NeverDeaf::silentPeers(1000);
-    play(silent);
-    inTime = inTime && silent.during <= SilentFactor * silent.before;
+    for (const Transport &transport : Transport::tls()) {
+        play(NeverDeaf::garbageHandshakes(transport, 600));
+        const Outcome silent = NeverDeaf::silentPeers(transport, 1000);
+        play(silent);
+        inTime = inTime && silent.during <= SilentFactor * silent.before;
+    }
     if (!right)
         return 2;
     return inTime ? 0 : 1;

@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include "cases.h"
 #include "tests/kit/certificates.h"
 #include "tests/kit/loadedplugin.h"
 #include "tests/kit/loglines.h"
@@ -68,7 +69,7 @@ public:
         {
             if (!device.socket.connect(testAddress(), scene.port))
                 return;
-            if (!scene.tls) {
+            if (!scene.transport.isTls()) {
                 device.socket.send(line);
             } else if (device.handshake()) {
                 device.write(line);
@@ -88,14 +89,16 @@ public:
     };
 
     // config: keys in addition to address and port.
-    explicit Scene(bool useTls, QJsonObject config = {}) : tls(useTls), port(freePort())
+    explicit Scene(const Transport &wanted, QJsonObject config = {})
+        : transport(wanted),
+          port(freePort())
     {
         clock.start();
         const QJsonObject where = tcpConfig(port);
         for (auto entry = where.begin(); entry != where.end(); ++entry)
             config.insert(entry.key(), *entry);
-        if (tls)
-            config.insert(QStringLiteral("ssl"), serverTls());
+        if (transport.isTls())
+            config.insert(QStringLiteral("ssl"), withEngine(serverTls(), transport.engine));
         plugin = library.create(config);
         connect(plugin.get(), &IInputPlugin::receivedData, this, &Scene::receive);
     }
@@ -140,7 +143,7 @@ public:
     qsizetype lines() { return keepLog(), log.size(); }
     qsizetype logged(const QString &part) { return keepLog(), log.filter(part).size(); }
 
-    const bool tls;
+    const Transport transport;
     const quint16 port;
     QElapsedTimer clock;
     int goodDevices = 0;

@@ -29,27 +29,33 @@ Q_DECLARE_METATYPE(Case)
 void tst_NeverDeaf::goodDevicesAreServed_data()
 {
     QTest::addColumn<Case>("play");
-    for (const bool tls : {false, true}) {
-        const char *const transport = tls ? "TLS" : "TCP";
-        QTest::addRow("descriptors out, %s", transport)
-                << Case([tls] { return NeverDeaf::descriptorsOut(tls); });
-        QTest::addRow("no worker thread, %s", transport)
-                << Case([tls] { return NeverDeaf::workerWithoutDescriptors(tls); });
-        QTest::addRow("connects that close at once, %s", transport)
-                << Case([tls] { return NeverDeaf::closersAtOnce(tls, Closers); });
-        QTest::addRow("resets in the backlog, %s", transport)
-                << Case([tls] { return NeverDeaf::resetsInBacklog(tls, 100); });
-        QTest::addRow("port taken at start, %s", transport)
-                << Case([tls] { return NeverDeaf::portTaken(tls); });
-        QTest::addRow("slow PROXY headers, %s", transport)
-                << Case([tls] { return NeverDeaf::slowHeaders(tls, 100); });
-        QTest::addRow("connects that a limit refuses, %s", transport)
-                << Case([tls] { return NeverDeaf::refusedPeers(tls, 1000); });
-        QTest::addRow("devices that a limit has paused, %s", transport)
-                << Case([tls] { return NeverDeaf::pausedPeers(tls, 8); });
+    const auto add = [](const char *cause, const Transport &transport, const Case &play) {
+        QTest::addRow("%s, %s", cause, qPrintable(transport.name())) << play;
+    };
+    for (const Transport &transport : Transport::all()) {
+        add("descriptors out", transport,
+            [transport] { return NeverDeaf::descriptorsOut(transport); });
+        add("no worker thread", transport,
+            [transport] { return NeverDeaf::workerWithoutDescriptors(transport); });
+        add("connects that close at once", transport,
+            [transport] { return NeverDeaf::closersAtOnce(transport, Closers); });
+        add("resets in the backlog", transport,
+            [transport] { return NeverDeaf::resetsInBacklog(transport, 100); });
+        add("port taken at start", transport,
+            [transport] { return NeverDeaf::portTaken(transport); });
+        add("slow PROXY headers", transport,
+            [transport] { return NeverDeaf::slowHeaders(transport, 100); });
+        add("connects that a limit refuses", transport,
+            [transport] { return NeverDeaf::refusedPeers(transport, 1000); });
+        add("devices that a limit has paused", transport,
+            [transport] { return NeverDeaf::pausedPeers(transport, 8); });
     }
-    QTest::addRow("garbage handshakes") << Case([] { return NeverDeaf::garbageHandshakes(100); });
-    QTest::addRow("silent peers") << Case([] { return NeverDeaf::silentPeers(100); });
+    for (const Transport &transport : Transport::tls()) {
+        add("garbage handshakes", transport,
+            [transport] { return NeverDeaf::garbageHandshakes(transport, 100); });
+        add("silent peers", transport,
+            [transport] { return NeverDeaf::silentPeers(transport, 100); });
+    }
 }
 
 void tst_NeverDeaf::goodDevicesAreServed()

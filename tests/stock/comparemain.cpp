@@ -159,6 +159,10 @@ int main(int argc, char **argv)
                                      QStringLiteral("to compare, instead of this build's."),
                                      QStringLiteral("file"), QStringLiteral(PLUGIN_FILE));
     parser.addOption(library);
+    const QCommandLineOption engine(QStringLiteral("engine"),
+                                    QStringLiteral("of the library's TLS: qt or own."),
+                                    QStringLiteral("name"));
+    parser.addOption(engine);
     const QCommandLineOption prompt(
             QStringLiteral("prompt"),
             QStringLiteral("Play on the library alone, with \"prompt\", and print how long bytes "
@@ -166,17 +170,19 @@ int main(int argc, char **argv)
     parser.addOption(prompt);
     parser.addHelpOption();
     parser.process(application);
-    librarySide(parser.value(library));
+    librarySide(parser.value(library)).engine = parser.value(engine);
 
     const quint32 seed = parser.value(seedOption).toUInt();
     const int each = qMax(1, parser.value(size).toInt());
     const int alone = parser.value(episode).toInt();
     const int first = qMax(0, alone);
     const int last = alone >= 0 ? alone : (parser.value(connections).toInt() - 1) / each;
-    const QString repeat = QStringLiteral("%1 --seed %2 --size %3")
-                                   .arg(QString::fromLocal8Bit(argv[0]))
-                                   .arg(seed)
-                                   .arg(each);
+    QString repeat = QStringLiteral("%1 --seed %2 --size %3")
+                             .arg(QString::fromLocal8Bit(argv[0]))
+                             .arg(seed)
+                             .arg(each);
+    if (parser.isSet(engine))
+        repeat += QStringLiteral(" --engine %1").arg(parser.value(engine));
     std::fprintf(stderr, "%s\n", qPrintable(repeat));
 
     QElapsedTimer clock;

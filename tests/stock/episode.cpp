@@ -10,6 +10,7 @@
 #include "scriptwriter.h"
 #include "tests/kit/certificates.h"
 #include "tests/kit/hangguard.h"
+#include "tests/kit/tlsengines.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QRegularExpression>
@@ -47,7 +48,7 @@ public:
 private:
     void startPlugin(Side &side);
     QHostAddress listening() const;
-    QJsonObject config() const;
+    QJsonObject config(const Side &side) const;
     void note(const TappedLine &line);
     void connectAll();
     void startAll();
@@ -107,7 +108,7 @@ void Play::startPlugin(Side &side)
         delete plugin;
         lines.clear();
         port = freePort(listening());
-        plugin = side.library.create(config()).release();
+        plugin = side.library.create(config(side)).release();
         if (!plugin->start())
             qFatal("the plugin does not start");
     } while (!isListening(*plugin));
@@ -118,7 +119,7 @@ QHostAddress Play::listening() const
     return plan.wildcard ? QHostAddress(QHostAddress::AnyIPv4) : address;
 }
 
-QJsonObject Play::config() const
+QJsonObject Play::config(const Side &side) const
 {
     QJsonObject object = tcpConfig(port, listening());
     object[QStringLiteral("threadpoolSize")] = plan.threads();
@@ -126,7 +127,7 @@ QJsonObject Play::config() const
     if (plan.prompt)
         object[QStringLiteral("prompt")] = true;
     if (plan.tlsVersion != 0)
-        object[QStringLiteral("ssl")] = serverTls();
+        object[QStringLiteral("ssl")] = withEngine(serverTls(), side.engine);
     return object;
 }
 

@@ -12,6 +12,7 @@ struct Side
 {
     const char *name;
     LoadedLibrary library;
+    QString engine = {}; // of TLS, see tests/kit/tlsengines.h
 };
 
 inline Side &stockSide()

@@ -300,14 +300,23 @@ void tst_Stock::episodes_data()
     QTest::addColumn<bool>("spaced");
     QTest::addColumn<Ending>("ending");
     QTest::addColumn<int>("tlsVersion");
+    QTest::addColumn<QString>("engine");
     QTest::addColumn<bool>("ownThreads");
-    QTest::addRow("spaced, devices end, TCP") << true << Ending::Close << 0 << true;
+    const QString own = QStringLiteral("own");
+    QTest::addRow("spaced, devices end, TCP") << true << Ending::Close << 0 << QString() << true;
     QTest::addRow("spaced, devices end, TLS 1.3, shared threads")
-            << true << Ending::Close << TLS1_3_VERSION << false;
-    QTest::addRow("spaced, stop(), TLS 1.2") << true << Ending::Stop << TLS1_2_VERSION << true;
-    QTest::addRow("spaced, destroyed, TCP") << true << Ending::Destroy << 0 << true;
+            << true << Ending::Close << TLS1_3_VERSION << QString() << false;
+    QTest::addRow("spaced, stop(), TLS 1.2")
+            << true << Ending::Stop << TLS1_2_VERSION << QString() << true;
+    QTest::addRow("spaced, destroyed, TCP") << true << Ending::Destroy << 0 << QString() << true;
     QTest::addRow("hasty, stop(), TLS 1.3, shared threads")
-            << false << Ending::Stop << TLS1_3_VERSION << false;
+            << false << Ending::Stop << TLS1_3_VERSION << QString() << false;
+    QTest::addRow("spaced, devices end, TLS 1.2, own engine")
+            << true << Ending::Close << TLS1_2_VERSION << own << true;
+    QTest::addRow("spaced, devices end, TLS 1.3, own engine, shared threads")
+            << true << Ending::Close << TLS1_3_VERSION << own << false;
+    QTest::addRow("hasty, stop(), TLS 1.3, own engine, shared threads")
+            << false << Ending::Stop << TLS1_3_VERSION << own << false;
 }
 
 void tst_Stock::episodes()
@@ -334,6 +343,8 @@ void tst_Stock::episodes()
             plan.scripts.append(script);
     }
 
+    QFETCH(QString, engine);
+    librarySide().engine = engine;
     Comparison comparison(QStringLiteral("TCPINPUT_SEED=%1 tst_stock").arg(first), false);
     comparison.play(plan, 0);
     qInfo("seed %u: %lld and %lld connections of %lld could be compared item by item", first,

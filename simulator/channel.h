@@ -37,6 +37,9 @@ public:
 
     virtual IoResult handshake() = 0;
 
+    // Whether the handshake has resumed a TLS session.
+    virtual bool isResumed() const { return false; }
+
     // data: not empty.
     virtual IoResult send(QByteArrayView data) = 0;
 

@@ -174,6 +174,7 @@ void DeviceConnection::established()
 {
     timer.stop();
     record.opened = true;
+    record.resumed = channel->isResumed();
     record.openMs = run.clock.elapsed();
     readable.setEnabled(ending.reads);
     state = State::Sending;

@@ -51,6 +51,8 @@ QString Fleet::progress() const
 bool Fleet::mayStart() const
 {
     const Options &options = run.options;
+    if (options.tls.resume && started > 0 && collected.isEmpty())
+        return false; // the others resume the session that the first one gets
     return !stopping && started < options.connections
             && (options.parallel == 0 || active < options.parallel);
 }
@@ -67,7 +69,10 @@ void Fleet::startDevice()
 
 void Fleet::onConnectionEnded(const ConnectionRecord &record)
 {
+    const bool isFirst = collected.isEmpty();
     collected.add(record);
+    if (isFirst && mayStart() && !launchTimer.isActive())
+        launchTimer.start(0);
 }
 
 void Fleet::onDeviceFinished(Device *device)

@@ -15,6 +15,8 @@ namespace {
 
 constexpr int MaxMessageBytes = 64 * 1024 * 1024;
 constexpr quint32 MaxSources = 65536;
+constexpr int MinRecordBytes = 512; // the limits that OpenSSL has for --record-size
+constexpr int MaxRecordBytes = 16384;
 
 const char *const Description = R"(
 Plays remote devices: each connects to a receiving server, sends numbered messages and ends.
@@ -52,8 +54,8 @@ At the end a report says of each connection what the kernel accepted of it, and 
     peer-closed    by the peer, when everything was sent
     failed         not connected, or ended by the peer before everything was sent
 With --output json it is one object: "connections" is an array of objects with device, connection,
-localAddress, localPort, messages, bytes, sha1, opened, failed, end, error, startMs, openMs, endMs
-(milliseconds since the start); "summary" has opened, failed, messages, bytes, elapsedMs,
+localAddress, localPort, messages, bytes, sha1, opened, resumed, failed, end, error, startMs, openMs,
+endMs (milliseconds since the start); "summary" has opened, resumed, failed, messages, bytes, elapsedMs,
 interrupted.
 
 Examples:
@@ -143,6 +145,12 @@ QList<QCommandLineOption> knownOptions()
             {"key", "PEM file with its key.", "file"},
             {"tls-version", "1.2 or 1.3 only. Default: either.", "version"},
             {"insecure", "Do not verify the server's certificate."},
+            {"resume",
+             "Resume the last TLS session that a server has given in this run. The first device "
+             "goes alone: until it has ended, there is none."},
+            {"record-size",
+             "Most bytes of a TLS record, 512 to 16384, before encryption. Default: 16384.",
+             "bytes"},
             {"server-name", "Name expected in the certificate. Default: the host.", "name"},
             {"output", "Report as text or json. Default: text.", "format"},
             {"quiet", "Report the summary only, no line per connection."},
@@ -301,6 +309,8 @@ void readOptions(Reader &reader, Options &options)
     reader.string("key", options.tls.keyFile);
     reader.choice("tls-version", options.tls.version, TlsVersions);
     options.tls.insecure = reader.isSet("insecure");
+    options.tls.resume = reader.isSet("resume");
+    reader.number<int>("record-size", options.tls.recordSize, MinRecordBytes, MaxRecordBytes);
     reader.string("server-name", options.tls.serverName);
     reader.choice("output", options.output, OutputFormats);
     options.quiet = reader.isSet("quiet");
@@ -312,12 +322,15 @@ void checkTogether(Reader &reader, const Options &options)
 {
     if (options.reconnect > 0 && options.reconnect >= options.messages)
         reader.fail(QStringLiteral("--reconnect needs more --messages than reconnections"));
-    for (const char *name : {"ca", "cert", "key", "tls-version", "insecure", "server-name"}) {
+    for (const char *name :
+         {"ca", "cert", "key", "tls-version", "insecure", "resume", "record-size", "server-name"}) {
         if (reader.isSet(name) && !options.tls.enabled)
             reader.fail(QStringLiteral("--%1 needs --tls").arg(tr(name)));
     }
     if (options.tls.certFile.isEmpty() != options.tls.keyFile.isEmpty())
         reader.fail(QStringLiteral("--cert and --key need each other"));
+    if (options.tls.resume && options.close == CloseMode::Stay)
+        reader.fail(QStringLiteral("--resume needs a first device that ends: not --close stay"));
     if (options.fault >= Fault::AbortHandshake && !options.tls.enabled)
         reader.fail(QStringLiteral("--fault %1 needs --tls").arg(reader.text("fault")));
     if (options.fault == Fault::Garbage && options.size == 0)

@@ -26,6 +26,8 @@ struct TlsOptions
     QString serverName; // empty: the host as it was given
     TlsVersion version = TlsVersion::Any;
     bool insecure = false;
+    bool resume = false;
+    int recordSize = 0; // most plaintext bytes of a record; 0: as large as TLS allows
 };
 
 /*!

@@ -49,6 +49,7 @@ QJsonObject toObject(const ConnectionRecord &record)
             {QStringLiteral("bytes"), jsonNumber(record.bytes)},
             {QStringLiteral("sha1"), QString::fromLatin1(record.checksum)},
             {QStringLiteral("opened"), record.opened},
+            {QStringLiteral("resumed"), record.resumed},
             {QStringLiteral("failed"), record.failed},
             {QStringLiteral("end"), endText(record.end)},
             {QStringLiteral("error"), record.error},
@@ -67,6 +68,8 @@ QString toLine(const ConnectionRecord &record)
                            .arg(record.bytes)
                            .arg(record.endMs - record.startMs)
                            .arg(endText(record.end));
+    if (record.resumed)
+        line += QStringLiteral(", resumed");
     if (record.localPort != 0)
         line += QStringLiteral(", local port %1").arg(record.localPort);
     if (!record.checksum.isEmpty())
@@ -82,6 +85,7 @@ void Report::add(const ConnectionRecord &record)
 {
     records.append(record);
     opened += record.opened ? 1 : 0;
+    resumed += record.resumed ? 1 : 0;
     failed += record.failed ? 1 : 0;
     messages += record.messages;
     bytes += record.bytes;
@@ -95,8 +99,11 @@ QByteArray Report::toText(const Options &options, qint64 elapsedMs, bool interru
         for (const ConnectionRecord &record : sorted)
             text += toLine(record);
     }
-    text += QStringLiteral("%1 connections opened, %2 failed; %3 messages, %4 bytes in %5 ms%6\n")
+    const QString sessions =
+            options.tls.resume ? QStringLiteral(", %1 resumed").arg(resumed) : QString();
+    text += QStringLiteral("%1 connections opened%2, %3 failed; %4 messages, %5 bytes in %6 ms%7\n")
                     .arg(opened)
+                    .arg(sessions)
                     .arg(failed)
                     .arg(messages)
                     .arg(bytes)
@@ -118,6 +125,7 @@ QByteArray Report::toJson(const Options &options, qint64 elapsedMs, bool interru
     document.insert(QStringLiteral("summary"),
                     QJsonObject{
                             {QStringLiteral("opened"), jsonNumber(opened)},
+                            {QStringLiteral("resumed"), jsonNumber(resumed)},
                             {QStringLiteral("failed"), jsonNumber(failed)},
                             {QStringLiteral("messages"), jsonNumber(messages)},
                             {QStringLiteral("bytes"), jsonNumber(bytes)},

@@ -32,6 +32,7 @@ struct ConnectionRecord
     quint64 bytes = 0; // accepted by the kernel; with TLS before encryption
     QByteArray checksum; // SHA-1 of these bytes, hexadecimal; empty if not wanted
     bool opened = false; // with TLS: handshake done
+    bool resumed = false; // the TLS session of an earlier connection
     bool failed = false; // not opened, or cut short
     End end = End::Closed;
     QString error;
@@ -49,6 +50,7 @@ public:
     void add(const ConnectionRecord &record);
 
     bool hasFailures() const { return failed > 0; }
+    bool isEmpty() const { return records.isEmpty(); }
     quint64 messageCount() const { return messages; }
 
     // interrupted: by a signal.
@@ -60,6 +62,7 @@ private:
 
     QList<ConnectionRecord> records;
     quint64 opened = 0;
+    quint64 resumed = 0;
     quint64 failed = 0;
     quint64 messages = 0;
     quint64 bytes = 0;

@@ -18,6 +18,7 @@ public:
     {}
 
     IoResult handshake() override;
+    bool isResumed() const override { return ssl && SSL_session_reused(ssl.get()) == 1; }
     IoResult send(QByteArrayView data) override;
     IoResult receive() override;
     IoResult sendEnd() override;

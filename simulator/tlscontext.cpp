@@ -41,6 +41,10 @@ TlsContext::TlsContext(const Options &options) : context(SSL_CTX_new(TLS_client_
     setVersion(options.tls.version);
     loadAuthorities(options.tls);
     loadCertificate(options.tls);
+    if (options.tls.resume)
+        keepSessions();
+    if (options.tls.recordSize > 0)
+        SSL_CTX_set_max_send_fragment(context.get(), options.tls.recordSize);
 }
 
 SslPointer TlsContext::newClient(const TcpSocket &socket) const
@@ -55,6 +59,13 @@ SslPointer TlsContext::newClient(const TcpSocket &socket) const
         // The same as SSL_set_tlsext_host_name(), whose cast is not const-correct.
         SSL_ctrl(ssl.get(), SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name,
                  const_cast<char *>(serverName.constData()));
+    }
+    if (last) {
+        // A copy: OpenSSL allows a session of TLS 1.3 only once, but a test needs many connections
+        // that resume at the same time.
+        const SessionPointer session(SSL_SESSION_dup(last.get()));
+        if (!session || SSL_set_session(ssl.get(), session.get()) != 1)
+            return nullptr;
     }
     SSL_set_connect_state(ssl.get());
     return ssl;
@@ -95,6 +106,23 @@ void TlsContext::setVersion(TlsVersion version)
     const int only = version == TlsVersion::OneTwo ? TLS1_2_VERSION : TLS1_3_VERSION;
     SSL_CTX_set_min_proto_version(context.get(), only);
     SSL_CTX_set_max_proto_version(context.get(), only);
+}
+
+void TlsContext::keepSessions()
+{
+    SSL_CTX_set_app_data(context.get(), this);
+    SSL_CTX_set_session_cache_mode(context.get(),
+                                   SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL);
+    SSL_CTX_sess_set_new_cb(context.get(), &TlsContext::noteSession);
+}
+
+// OpenSSL calls it with each session: at the end of a handshake of TLS 1.2, and with TLS 1.3 for
+// each ticket that is read. The copy stays good when OpenSSL marks the original as used.
+int TlsContext::noteSession(SSL *ssl, SSL_SESSION *session)
+{
+    auto *self = static_cast<TlsContext *>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl)));
+    self->last.reset(SSL_SESSION_dup(session));
+    return 0; // the reference stays OpenSSL's
 }
 
 // Keeps the first problem. Empties OpenSSL's error queue each time.

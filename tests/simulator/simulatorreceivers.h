@@ -224,19 +224,28 @@ private:
 class TlsPeer
 {
 public:
-    TlsPeer(qintptr descriptor, const QString &certFile, const QString &keyFile)
-        : fd(static_cast<int>(descriptor)),
-          context(SSL_CTX_new(TLS_server_method()), SSL_CTX_free),
-          ssl(nullptr, SSL_free)
+    // Peers that share a context can resume each other's sessions.
+    static std::shared_ptr<SSL_CTX> newContext(const QString &certFile, const QString &keyFile)
     {
-        SSL_CTX_use_certificate_chain_file(context.get(), QFile::encodeName(certFile));
-        SSL_CTX_use_PrivateKey_file(context.get(), QFile::encodeName(keyFile), SSL_FILETYPE_PEM);
+        std::shared_ptr<SSL_CTX> made(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
+        SSL_CTX_use_certificate_chain_file(made.get(), QFile::encodeName(certFile));
+        SSL_CTX_use_PrivateKey_file(made.get(), QFile::encodeName(keyFile), SSL_FILETYPE_PEM);
         // Do not answer a FIN without close_notify with an alert. The device's kernel would answer
         // the alert with an RST.
-        SSL_CTX_set_options(context.get(), SSL_OP_IGNORE_UNEXPECTED_EOF);
-        ssl.reset(SSL_new(context.get()));
+        SSL_CTX_set_options(made.get(), SSL_OP_IGNORE_UNEXPECTED_EOF);
+        return made;
+    }
+
+    TlsPeer(qintptr descriptor, const std::shared_ptr<SSL_CTX> &sharedContext)
+        : fd(static_cast<int>(descriptor)),
+          context(sharedContext),
+          ssl(SSL_new(context.get()), SSL_free)
+    {
         SSL_set_fd(ssl.get(), fd);
     }
+    TlsPeer(qintptr descriptor, const QString &certFile, const QString &keyFile)
+        : TlsPeer(descriptor, newContext(certFile, keyFile))
+    {}
 
     // The certificate may come from any authority.
     void requireCertificate()
@@ -260,12 +269,17 @@ public:
         for (;;) {
             char buffer[16384];
             const int result = SSL_read(ssl.get(), buffer, sizeof buffer);
-            if (result > 0)
+            if (result > 0) {
                 bytes.append(buffer, result);
-            else if (!waitAfter(result))
+                longestRecord = qMax(longestRecord, result);
+            }
+            if (result <= 0 && !waitAfter(result))
                 return bytes;
         }
     }
+
+    bool isResumed() const { return SSL_session_reused(ssl.get()) == 1; }
+    int longestRead() const { return longestRecord; } // a read gives no more than one record
 
     void endTls() { SSL_shutdown(ssl.get()); }
 
@@ -291,6 +305,7 @@ private:
     }
 
     const int fd;
-    const std::unique_ptr<SSL_CTX, void (*)(SSL_CTX *)> context;
-    std::unique_ptr<SSL, void (*)(SSL *)> ssl;
+    const std::shared_ptr<SSL_CTX> context;
+    const std::unique_ptr<SSL, void (*)(SSL *)> ssl;
+    int longestRecord = 0;
 };

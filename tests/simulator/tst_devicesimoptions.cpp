@@ -100,6 +100,8 @@ void tst_DeviceSimOptions::defaults()
     QVERIFY(parsed.options.close == CloseMode::Close);
     QVERIFY(parsed.options.framing == Framing::Lines);
     QVERIFY(!parsed.options.tls.enabled);
+    QVERIFY(!parsed.options.tls.resume);
+    QCOMPARE(parsed.options.tls.recordSize, 0);
 }
 
 void tst_DeviceSimOptions::readsOptions()
@@ -109,7 +111,7 @@ void tst_DeviceSimOptions::readsOptions()
                   "--connect-timeout-ms 9 --messages 20 --reconnect 4 --size 0 --framing length "
                   "--rate 0.5 --segments byte --seed 77 --pause-ms 2-30 --close stay "
                   "--linger-ms 0 --output json --quiet --no-checksum --tls --ca a --cert b "
-                  "--key c --tls-version 1.3 --insecure --server-name n "
+                  "--key c --tls-version 1.3 --insecure --record-size 512 --server-name n "
                   "--fault close-without-reading")
                     .options;
     QCOMPARE(options.host, QStringLiteral("::1"));
@@ -138,8 +140,12 @@ void tst_DeviceSimOptions::readsOptions()
     QCOMPARE(options.tls.keyFile, QStringLiteral("c"));
     QVERIFY(options.tls.version == TlsVersion::OneThree);
     QVERIFY(options.tls.insecure);
+    QCOMPARE(options.tls.recordSize, 512);
+    QVERIFY(!options.tls.resume);
     QCOMPARE(options.tls.serverName, QStringLiteral("n"));
     QVERIFY(options.fault == Fault::CloseWithoutReading);
+
+    QVERIFY(parse("--tls --resume").options.tls.resume);
 
     const Options onePause = parse("--pause-ms 5").options;
     QCOMPARE(onePause.pauseMinMs, 5);
@@ -194,6 +200,11 @@ void tst_DeviceSimOptions::rejects_data()
     row("--messages 0 --reconnect 1", "--reconnect needs more --messages than reconnections");
     row("--ca file", "--ca needs --tls");
     row("--insecure", "--insecure needs --tls");
+    row("--resume", "--resume needs --tls");
+    row("--record-size 1000", "--record-size needs --tls");
+    row("--tls --record-size 511", "--record-size: not a number in range: 511");
+    row("--tls --record-size 16385", "--record-size: not a number in range: 16385");
+    row("--tls --resume --close stay", "--resume needs a first device that ends: not --close stay");
     row("--tls --cert file", "--cert and --key need each other");
     row("--fault abort-handshake", "--fault abort-handshake needs --tls");
     row("--fault garbage --size 0", "--fault garbage needs a --size");

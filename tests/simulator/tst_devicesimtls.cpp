@@ -33,6 +33,9 @@ private Q_SLOTS:
     void tlsClientCertificate();
     void tlsUnusableFiles();
     void tlsHandshakeTimesOut();
+    void tlsResumes_data();
+    void tlsResumes();
+    void tlsRecordSize();
 };
 
 void tst_DeviceSimTls::tls_data()
@@ -226,6 +229,72 @@ void tst_DeviceSimTls::tlsHandshakeTimesOut()
     QCOMPARE(simulator.connection().value(text("error")).toString(),
              text("not connected within 200 ms"));
     QVERIFY(number(simulator.summary(), "elapsedMs") >= 190);
+}
+
+void tst_DeviceSimTls::tlsResumes_data()
+{
+    QTest::addColumn<QByteArray>("commandLine");
+    QTest::addColumn<QList<bool>>("resumed");
+    const QList<bool> allButFirst{false, true, true, true};
+    QTest::newRow("TLS 1.2") << QByteArray("--resume --tls-version 1.2 --connections 4")
+                             << allButFirst;
+    QTest::newRow("TLS 1.3") << QByteArray("--resume --tls-version 1.3 --connections 4")
+                             << allButFirst;
+    QTest::newRow("TLS 1.3, in turn")
+            << QByteArray("--resume --tls-version 1.3 --connections 4 --parallel 1") << allButFirst;
+    QTest::newRow("a device that reconnects")
+            << QByteArray("--resume --messages 4 --reconnect 3") << allButFirst;
+    QTest::newRow("not asked for")
+            << QByteArray("--connections 2 --parallel 1") << QList<bool>{false, false};
+}
+
+void tst_DeviceSimTls::tlsResumes()
+{
+    QFETCH(const QByteArray, commandLine);
+    QFETCH(const QList<bool>, resumed);
+    const auto context = TlsPeer::newContext(file("server.pem"), file("server.key"));
+    QTcpServer listener;
+    QVERIFY(listener.listen(testAddress()));
+    Simulator simulator;
+    simulator.start(listener, words("--tls --insecure") + words(commandLine.constData()));
+    for (const bool expected : resumed) {
+        QVERIFY(listener.hasPendingConnections() || listener.waitForNewConnection(HangGuardMs));
+        const std::unique_ptr<QTcpSocket> accepted(listener.nextPendingConnection());
+        TlsPeer peer(accepted->socketDescriptor(), context);
+        QVERIFY(peer.handshake());
+        QCOMPARE(peer.isResumed(), expected);
+        QVERIFY(!peer.readToEnd().isEmpty());
+        peer.endTls();
+    }
+    QVERIFY(simulator.waitForEnd());
+    QCOMPARE(simulator.exitCode(), 0);
+    const auto count = static_cast<int>(resumed.count(true));
+    QCOMPARE(number(simulator.summary(), "resumed"), count);
+    int reported = 0;
+    for (int i = 0; i < simulator.connections().size(); ++i)
+        reported += simulator.connection(i).value(text("resumed")).toBool() ? 1 : 0;
+    QCOMPARE(reported, count);
+}
+
+void tst_DeviceSimTls::tlsRecordSize()
+{
+    QTcpServer listener;
+    QVERIFY(listener.listen(testAddress()));
+    Simulator simulator;
+    simulator.start(listener,
+                    words("--tls --insecure --record-size 1000 --segments blocks --size 5000 "
+                          "--messages 20"));
+    QVERIFY(listener.waitForNewConnection(HangGuardMs));
+    const std::unique_ptr<QTcpSocket> accepted(listener.nextPendingConnection());
+    TlsPeer peer(accepted->socketDescriptor(), file("server.pem"), file("server.key"));
+    QVERIFY(peer.handshake());
+    Options options;
+    options.size = 5000;
+    QCOMPARE(peer.readToEnd(), stream(1, 1, 20, options));
+    QCOMPARE(peer.longestRead(), 1000);
+    accepted->abort();
+    QVERIFY(simulator.waitForEnd());
+    QCOMPARE(simulator.exitCode(), 0);
 }
 
 QTEST_GUILESS_MAIN(tst_DeviceSimTls)

@@ -7,37 +7,21 @@
 // and newlines counted, nothing else. Runs until SIGTERM, then prints the counts.
 
 #include "benchmarks/linecounter.h"
+#include "benchmarks/listening.h"
 #include "benchmarks/sinkprocess.h"
 
 #include <array>
 #include <cerrno>
 #include <cstdlib>
 
-#include <netinet/in.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr int Backlog = 4096;
 constexpr int EventsPerWait = 256;
 constexpr std::size_t ReceiveBytes = 64 * 1024;
-
-int listenOn(std::uint16_t port)
-{
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    const int on = 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const auto *generic = reinterpret_cast<const sockaddr *>(&address);
-    if (bind(fd, generic, sizeof address) != 0 || listen(fd, Backlog) != 0)
-        return -1;
-    return fd;
-}
 
 class EpollSink
 {

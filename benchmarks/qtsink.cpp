@@ -38,7 +38,9 @@ std::unique_ptr<QSslConfiguration> readTls(const QStringList &arguments)
         qFatal("qtsink: cannot read certificate or key");
     auto tls = std::make_unique<QSslConfiguration>(QSslConfiguration::defaultConfiguration());
     tls->setLocalCertificate(QSslCertificate(&certificate));
-    tls->setPrivateKey(QSslKey(&key, QSsl::Rsa));
+    const QByteArray pem = key.readAll();
+    const QSslKey rsa(pem, QSsl::Rsa);
+    tls->setPrivateKey(rsa.isNull() ? QSslKey(pem, QSsl::Ec) : rsa);
     tls->setPeerVerifyMode(QSslSocket::VerifyNone);
     return tls;
 }

@@ -130,9 +130,6 @@ public:
         return result;
     }
 
-    // For what else a test asks of the connection.
-    SSL *native() const { return ssl.get(); }
-
     // Reads and ignores bytes until the server ends the connection. False if reading fails before.
     bool waitForEnd() const
     {

@@ -10,7 +10,7 @@ enum ExitCode {
     ExitOk = 0,
     ExitBadArguments = 2,
     ExitNoLibrary = 3, // missing, not loadable, or without its entry points
-    ExitBadConfiguration = 4, // unreadable, not JSON, or not an object
+    ExitBadConfiguration = 4, // unreadable, not JSON, no object, or verifies by no CA
     ExitStartFailed = 5, // start() was false
     ExitNotListening = 6, // start() was true, but nothing listens: the port is in use
     ExitOutputFailed = 7, // standard output is closed or full

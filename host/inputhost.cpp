@@ -6,18 +6,23 @@
 #include "host/listenstatus.h"
 #include "host/logging.h"
 #include "host/signalnotifier.h"
+#include "host/tlschecks.h"
 #include "plugin/cwrn.h"
 #include "plugin/iinputplugin.h"
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QDateTime>
 
 #include <chrono>
+#include <initializer_list>
 #include <utility>
 
 #include <unistd.h>
 
 namespace host {
 namespace {
+
+constexpr QLatin1String SslKey("ssl");
 
 // Limits of the plugin's memory.
 QJsonObject defaultLimits()
@@ -28,20 +33,36 @@ QJsonObject defaultLimits()
             {QStringLiteral("stalledTimeout"), 60}};
 }
 
-// Adds the host's default for each key that the configuration does not have.
+using Defaults = std::initializer_list<std::pair<const char *, QJsonValue>>;
+
+// Adds the default of each key that the object does not have.
+void addMissing(QJsonObject &object, const Defaults &defaults)
+{
+    for (const auto &[key, value] : defaults) {
+        if (!object.contains(QLatin1String(key)))
+            object.insert(QLatin1String(key), value);
+    }
+}
+
 QJsonObject withDefaults(QJsonObject configuration)
 {
-    const std::pair<QString, QJsonValue> defaults[] = {
-            {QStringLiteral("ends"), true}, // otherwise ends are guessed
-            {QStringLiteral("limits"), defaultLimits()}, // otherwise stalled output fills memory
-            {QStringLiteral("offsets"), true}, // otherwise messages may get lost or come twice
-            {QStringLiteral("prompt"), true}, // otherwise a message's last piece may wait
-            {QStringLiteral("strict"), true}, // otherwise a misspelt key is ignored
-    };
-    for (const auto &[key, value] : defaults) {
-        if (!configuration.contains(key))
-            configuration.insert(key, value);
-    }
+    addMissing(configuration,
+               {
+                       {"ends", true}, // otherwise ends are guessed
+                       {"limits", defaultLimits()}, // otherwise stalled output fills memory
+                       {"offsets", true}, // otherwise messages may get lost or come twice
+                       {"prompt", true}, // otherwise a message's last piece may wait
+                       {"strict", true}, // otherwise a misspelt key is ignored
+               });
+    if (!configuration.value(SslKey).isObject())
+        return configuration;
+    QJsonObject ssl = configuration.value(SslKey).toObject();
+    addMissing(ssl,
+               {
+                       {"Chain", true}, // otherwise devices lack intermediate certificates
+                       {"KeyAlgorithm", QLatin1String("auto")}, // otherwise keys must be RSA
+               });
+    configuration.insert(SslKey, ssl);
     return configuration;
 }
 
@@ -73,8 +94,8 @@ int InputHost::run()
 {
     if (!loader.load(options.pluginFile, options.entryPoint))
         return fail(ExitNoLibrary, loader.errorString());
-    if (!configurationReader.read())
-        return fail(ExitBadConfiguration, configurationReader.errorString());
+    if (!readConfiguration())
+        return ExitBadConfiguration;
 
     SignalNotifier unixSignals; // only now: until here a signal ends the program at once
     connectSignals(unixSignals);
@@ -86,6 +107,17 @@ int InputHost::run()
     QCoreApplication::exec();
     finish();
     return outcome;
+}
+
+bool InputHost::readConfiguration()
+{
+    const bool isRead = configurationReader.read();
+    const QString error = isRead ? tlsRefusal(configurationReader.configuration())
+                                 : configurationReader.errorString();
+    if (error.isEmpty())
+        return true;
+    fail(ExitBadConfiguration, error);
+    return false;
 }
 
 // The plugin must be made, named, connected and started in this order. If this fails, no plugin is
@@ -101,6 +133,10 @@ ExitCode InputHost::startPlugin(const QJsonObject &configuration)
         stopPlugin();
         return fail(ExitStartFailed, QStringLiteral("The plugin refused to start"));
     }
+    const QStringList warnings =
+            certificateWarnings(complete.value(SslKey).toObject(), QDateTime::currentDateTimeUtc());
+    for (const QString &warning : warnings)
+        CWRN(QtWarningMsg, QStringLiteral("%1"), warning);
 
     const ListenStatus status = ListenStatus::parse(plugin->getStatus());
     if (!status.isListening()) {
@@ -144,8 +180,7 @@ ExitCode InputHost::fail(ExitCode code, const QString &text)
 
 void InputHost::reload()
 {
-    if (!configurationReader.read()) {
-        fail(ExitBadConfiguration, configurationReader.errorString());
+    if (!readConfiguration()) {
         CWRN(QtWarningMsg, QStringLiteral("Configuration not changed"));
         return;
     }

@@ -45,6 +45,8 @@ public:
     int run();
 
 private:
+    // False, with an error line, if it cannot be read or is refused.
+    bool readConfiguration();
     ExitCode startPlugin(const QJsonObject &configuration);
     void connectPlugin();
     void stopPlugin();

@@ -44,7 +44,8 @@ Exit codes:
   0  stopped by a signal or after the messages asked for
   2  bad arguments
   3  library missing, not loadable, or without its entry points
-  4  configuration unreadable, not JSON, or not an object
+  4  configuration unreadable, not JSON, or not an object; or "ssl" verifies
+     devices without naming a CA
   5  the plugin refused to start
   6  the plugin started but does not listen: the port is in use or only for
      root, or the address is not this machine's
@@ -66,10 +67,13 @@ struct Definitions
             QStringLiteral("NAME"), QStringLiteral("create")};
     const QCommandLineOption config{
             QStringLiteral("config"),
-            QStringLiteral("The plugin's configuration, a JSON object; - reads standard input. "
-                           "Default: an empty object. \"offsets\", \"prompt\", \"ends\" and "
-                           "\"strict\" are true unless they are given. \"limits\" are 4 MiB a "
-                           "connection, 128 MiB in all and 60 s stalled unless it is given."),
+            QStringLiteral(
+                    "The plugin's configuration, a JSON object; - reads standard input. "
+                    "Default: an empty object. \"offsets\", \"prompt\", \"ends\" and "
+                    "\"strict\" are true unless they are given. \"limits\" are 4 MiB a "
+                    "connection, 128 MiB in all and 60 s stalled unless it is given. In "
+                    "\"ssl\", \"Chain\" is true and \"KeyAlgorithm\" is \"auto\" unless they "
+                    "are given; if it verifies devices, it must name a CA."),
             QStringLiteral("FILE")};
     const QCommandLineOption set{
             QStringLiteral("set"),

@@ -4,7 +4,8 @@
 # The host's parts, one by one.
 foreach(name IN ITEMS
         tst_exactreading tst_fairturns tst_framing tst_hostconfiguration tst_hostoptions tst_hostoutput
-        tst_hosttexts tst_logging tst_messagereader tst_offertracker tst_process tst_unfinished)
+        tst_hosttexts tst_logging tst_messagereader tst_offertracker tst_process tst_tlschecks
+        tst_unfinished)
     plugin_test(${name})
     target_link_libraries(${name} PRIVATE inputhost_parts)
 endforeach()
@@ -12,11 +13,16 @@ endforeach()
 # The program.
 foreach(name IN ITEMS
         tst_inputhostmessages tst_inputhostreload tst_inputhoststalls tst_inputhoststart
-        tst_inputhoststatus tst_inputhoststopping)
+        tst_inputhoststatus tst_inputhoststopping tst_inputhosttls)
     plugin_test(${name} 300)
     target_link_libraries(${name} PRIVATE Qt6::Network)
     target_compile_definitions(${name} PRIVATE
         INPUTHOST_FILE="$<TARGET_FILE:inputhost>"
         PLUGIN_FILE="$<TARGET_FILE:tcpinputplugin2>")
     add_dependencies(${name} inputhost tcpinputplugin2)
+endforeach()
+
+# These make their certificates.
+foreach(name IN ITEMS tst_inputhosttls tst_tlschecks)
+    target_link_libraries(${name} PRIVATE OpenSSL::Crypto)
 endforeach()

@@ -1,0 +1,27 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include <QtCore/QJsonObject>
+#include <QtCore/QStringList>
+
+class QDateTime;
+
+/*!
+    What the host itself looks at in a TLS configuration.
+
+    Thread: any; no shared state.
+*/
+namespace host {
+
+// Why the host does not run this configuration of a plugin: clients are verified, but with whatever
+// CAs the system has, which nobody has asked for. Empty if it is good.
+QString tlsRefusal(const QJsonObject &configuration);
+
+// What an operator should know of the server's certificate and its chain, one line each: it has
+// expired or does so within 30 days, it is not the key's, the chain is not its own. ssl: the object
+// of that name. What cannot be read causes no line here, since the plugin tells of it.
+QStringList certificateWarnings(const QJsonObject &ssl, const QDateTime &now);
+
+} // namespace host

@@ -1,0 +1,144 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "host/exitcodes.h"
+#include "tests/host/inputhosttest.h"
+#include "tests/kit/certificatemaker.h"
+
+#include <QtCore/QProcess>
+#include <QtTest/QtTest>
+
+using namespace host;
+using namespace inputhosttest;
+using namespace Qt::StringLiterals;
+
+// The program with TLS: what it adds to the configuration, refuses, and warns of.
+class tst_InputHostTls : public InputHostTest
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void refusesSystemAuthorities();
+    void keepsTheOldConfiguration();
+    void servesAnyKeyAndChain();
+    void configurationDecides();
+    void warnsOfTheCertificate();
+
+private:
+    QString file(const QString &name, const QByteArray &content) const
+    {
+        QString path = folder.filePath(name);
+        QFile written(path);
+        if (!written.open(QIODevice::WriteOnly) || written.write(content) != content.size())
+            qFatal("Cannot write a file");
+        return path;
+    }
+    // A server with an EC key, whose certificate's file holds the chain.
+    QJsonObject server() const
+    {
+        return {{u"CertFile"_s, file(u"server.pem"_s, made::pem(leaf) + made::pem(authority))},
+                {u"KeyFile"_s, file(u"server.key"_s, made::pkcs8(key))},
+                {u"verifyPeer"_s, false}};
+    }
+    static QStringList with(const QJsonObject &ssl)
+    {
+        return {u"--set"_s,
+                u"ssl="_s + QString::fromUtf8(QJsonDocument(ssl).toJson(QJsonDocument::Compact))};
+    }
+
+    const made::Key key = made::ecKey();
+    const made::Key authorityKey = made::ecKey();
+    const made::Certificate authority =
+            made::certificate("authority", authorityKey, {authorityKey, nullptr}, true);
+    const made::Certificate leaf = made::certificate("localhost", key, {authorityKey, &authority});
+};
+
+void tst_InputHostTls::refusesSystemAuthorities()
+{
+    Host host;
+    host.run(host.listenArguments() + with({}));
+    QCOMPARE(host.finish(), int(ExitBadConfiguration));
+    QVERIFY2(host.log().contains("error: ") && host.log().contains("systemCAs"),
+             host.log().constData());
+
+    QJsonObject said = server();
+    said.insert(u"verifyPeer"_s, true);
+    said.insert(u"systemCAs"_s, true);
+    Host other;
+    other.start(with(said));
+    QCOMPARE(other.stop(), int(ExitOk));
+}
+
+void tst_InputHostTls::keepsTheOldConfiguration()
+{
+    Host host;
+    host.run({u"--config"_s, writeConfig(listenConfig(host.port))});
+    QTRY_VERIFY_WITH_TIMEOUT(host.log().contains("Listening on "), HangGuardMs);
+    writeConfig(listenConfig(host.port, R"(, "ssl": {})"));
+    host.signal(SIGHUP);
+    QTRY_VERIFY_WITH_TIMEOUT(host.log().contains("Configuration not changed"), HangGuardMs);
+    QVERIFY(host.log().contains("systemCAs"));
+    Device device(host);
+    device.send("a\n");
+    QTRY_COMPARE_WITH_TIMEOUT(host.lines().size(), 1, HangGuardMs);
+    QCOMPARE(host.stop(), int(ExitOk));
+}
+
+void tst_InputHostTls::servesAnyKeyAndChain()
+{
+    Host host;
+    host.start(with(server()));
+    QProcess client;
+    client.start(u"openssl"_s,
+                 {u"s_client"_s, u"-connect"_s,
+                  u"%1:%2"_s.arg(testAddress().toString()).arg(host.port), u"-showcerts"_s});
+    client.closeWriteChannel();
+    QVERIFY(client.waitForFinished(HangGuardMs));
+    const QByteArray said = client.readAllStandardOutput();
+    QVERIFY2(said.contains(made::pem(leaf)), said.constData());
+    QVERIFY2(said.contains(made::pem(authority)), said.constData());
+    QVERIFY2(!host.log().contains("Certificate "), host.log().constData());
+    QCOMPARE(host.stop(), int(ExitOk));
+}
+
+void tst_InputHostTls::configurationDecides()
+{
+    QJsonObject rsa = server();
+    rsa.insert(u"KeyAlgorithm"_s, u"rsa"_s);
+    Host host;
+    host.run(host.listenArguments() + with(rsa));
+    QCOMPARE(host.finish(), int(ExitStartFailed));
+    QVERIFY2(host.log().contains("ssl.KeyFile is "), host.log().constData());
+
+    QJsonObject alone = server();
+    alone.insert(u"CertFile"_s,
+                 file(u"wrong.pem"_s, made::pem(leaf) + made::pem(leaf) + made::pem(leaf)));
+    alone.insert(u"Chain"_s, false);
+    Host other;
+    other.start(with(alone));
+    QVERIFY2(!other.log().contains("Certificate "), other.log().constData());
+    QCOMPARE(other.stop(), int(ExitOk));
+}
+
+void tst_InputHostTls::warnsOfTheCertificate()
+{
+    const made::Key otherKey = made::ecKey();
+    const made::Certificate old =
+            made::certificate("old", key, {authorityKey, &authority}, false, -100);
+    QJsonObject ssl = server();
+    ssl.insert(u"CertFile"_s, file(u"old.pem"_s, made::pem(old)));
+    ssl.insert(u"KeyFile"_s, file(u"other.key"_s, made::pkcs8(otherKey)));
+    ssl.insert(u"ChainFile"_s, file(u"chain.pem"_s, made::pem(leaf)));
+    Host host;
+    host.start(with(ssl));
+    QCOMPARE(host.log().count("\nwarning: ") + host.log().startsWith("warning: "), 3);
+    QVERIFY2(host.log().contains("Certificate old has expired on "), host.log().constData());
+    QVERIFY2(host.log().contains("Certificate old does not match the private key"),
+             host.log().constData());
+    QVERIFY2(host.log().contains("Certificate old has an issuer that is not in its chain"),
+             host.log().constData());
+    QCOMPARE(host.stop(), int(ExitOk));
+}
+
+QTEST_GUILESS_MAIN(tst_InputHostTls)
+#include "tst_inputhosttls.moc"

@@ -8,6 +8,7 @@
 #include "tests/kit/hangguard.h"
 #include "tests/kit/loadedplugin.h"
 #include "tests/kit/messagecapture.h"
+#include "tests/kit/tlsengines.h"
 
 #include <QtNetwork/QSslSocket>
 #include <QtTest/QtTest>
@@ -180,8 +181,10 @@ protected:
 inline void HostileHostTest::addRows()
 {
     QTest::addColumn<bool>("tls");
-    QTest::newRow("tcp") << false;
-    QTest::newRow("tls") << true;
+    QTest::addColumn<QString>("engine");
+    QTest::newRow("tcp") << false << QString();
+    for (const char *engine : TlsEngines)
+        QTest::addRow("tls, %s", engine) << true << QString::fromLatin1(engine);
 }
 
 inline void HostileHostTest::begin()
@@ -205,8 +208,9 @@ inline void HostileHostTest::start(bool offsets, int threads)
     QJsonObject config = tcpConfig(port);
     config.insert(QStringLiteral("offsets"), offsets);
     config.insert(QStringLiteral("threadpoolSize"), threads);
+    QFETCH_GLOBAL(QString, engine);
     if (useTls)
-        config.insert(QStringLiteral("ssl"), serverTls());
+        config.insert(QStringLiteral("ssl"), withEngine(serverTls(), engine));
     plugin = library.create(config);
     connect(plugin.get(), &IInputPlugin::receivedData, this,
             [this](const shared_parsedData &record) { records.append(record); });

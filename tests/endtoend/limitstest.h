@@ -9,6 +9,7 @@
 #include "tests/kit/loglines.h"
 #include "tests/kit/nativesocket.h"
 #include "tests/kit/tlsdevice.h"
+#include "tests/kit/tlsengines.h"
 
 #include <QtTest/QtTest>
 
@@ -159,6 +160,7 @@ inline void LimitsTest::transports()
     QTest::newRow("TCP") << 0;
     QTest::newRow("TLS 1.2") << TLS1_2_VERSION;
     QTest::newRow("TLS 1.3") << TLS1_3_VERSION;
+    QTest::newRow("TLS 1.3, own engine") << TLS1_3_VERSION;
 }
 
 inline void LimitsTest::start(const QJsonObject &limits, QJsonObject more)
@@ -171,8 +173,11 @@ inline void LimitsTest::start(const QJsonObject &limits, QJsonObject more)
     more.insert(QStringLiteral("ends"), true);
     // Without this key, a few last bytes of a stream would wait for the idle time-out.
     more.insert(QStringLiteral("prompt"), true);
-    if (QTest::currentDataTag() && QByteArray(QTest::currentDataTag()).startsWith("TLS"))
-        more.insert(QStringLiteral("ssl"), serverTls());
+    const QByteArray row = QTest::currentDataTag();
+    if (row.startsWith("TLS"))
+        more.insert(QStringLiteral("ssl"),
+                    withEngine(serverTls(),
+                               row.endsWith("own engine") ? QStringLiteral("own") : QString()));
     plugin = library.create(more);
     input = plugin.get();
     connect(input, &IInputPlugin::receivedData, this, &LimitsTest::take);

@@ -12,6 +12,7 @@
 #include "tests/kit/proxyheaders.h"
 #include "tests/kit/serving.h"
 #include "tests/kit/tlsdevice.h"
+#include "tests/kit/tlsengines.h"
 
 #include <QtCore/QJsonArray>
 #include <QtTest/QtTest>
@@ -82,8 +83,10 @@ protected:
     static void addTransports()
     {
         QTest::addColumn<bool>("tls");
-        QTest::newRow("tcp") << false;
-        QTest::newRow("tls") << true;
+        QTest::addColumn<QString>("engine");
+        QTest::newRow("tcp") << false << QString();
+        for (const char *engine : TlsEngines)
+            QTest::addRow("tls, %s", engine) << true << QString::fromLatin1(engine);
     }
     void begin()
     {
@@ -110,8 +113,9 @@ protected:
         const QJsonObject base = tcpConfig(port);
         for (auto entry = base.begin(); entry != base.end(); ++entry)
             config.insert(entry.key(), *entry);
+        QFETCH_GLOBAL(QString, engine);
         if (tls)
-            config.insert(QStringLiteral("ssl"), serverTls());
+            config.insert(QStringLiteral("ssl"), withEngine(serverTls(), engine));
         plugin = library.create(config);
         connect(plugin.get(), &IInputPlugin::receivedData, this,
                 [this](const shared_parsedData &record) { records.append(record); });

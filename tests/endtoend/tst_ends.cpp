@@ -7,6 +7,7 @@
 #include "tests/kit/loglines.h"
 #include "tests/kit/nativesocket.h"
 #include "tests/kit/tlsdevice.h"
+#include "tests/kit/tlsengines.h"
 
 #include <QtTest/QtTest>
 
@@ -215,14 +216,19 @@ void tst_Ends::destruction()
 void tst_Ends::garbageInTls_data()
 {
     QTest::addColumn<int>("version");
-    QTest::newRow("TLS 1.2") << TLS1_2_VERSION;
-    QTest::newRow("TLS 1.3") << TLS1_3_VERSION;
+    QTest::addColumn<QString>("engine");
+    for (const char *engine : TlsEngines) {
+        QTest::addRow("TLS 1.2, %s", engine) << TLS1_2_VERSION << QString::fromLatin1(engine);
+        QTest::addRow("TLS 1.3, %s", engine) << TLS1_3_VERSION << QString::fromLatin1(engine);
+    }
 }
 
 void tst_Ends::garbageInTls()
 {
     QFETCH(int, version);
-    start({{QStringLiteral("ends"), true}, {QStringLiteral("ssl"), serverTls()}});
+    QFETCH(QString, engine);
+    start({{QStringLiteral("ends"), true},
+           {QStringLiteral("ssl"), withEngine(serverTls(), engine)}});
     TlsDevice device(version);
     QVERIFY(connectAndSend(device));
     QVERIFY(waitForRecords(1));
@@ -239,7 +245,9 @@ void tst_Ends::endOfTls_data()
 void tst_Ends::endOfTls()
 {
     QFETCH(int, version);
-    start({{QStringLiteral("ends"), true}, {QStringLiteral("ssl"), serverTls()}});
+    QFETCH(QString, engine);
+    start({{QStringLiteral("ends"), true},
+           {QStringLiteral("ssl"), withEngine(serverTls(), engine)}});
     TlsDevice device(version);
     QVERIFY(connectAndSend(device));
     QVERIFY(waitForRecords(1));

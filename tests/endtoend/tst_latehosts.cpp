@@ -6,6 +6,7 @@
 #include "tests/kit/hangguard.h"
 #include "tests/kit/load.h"
 #include "tests/kit/loadedplugin.h"
+#include "tests/kit/tlsengines.h"
 
 #include <QtCore/QRandomGenerator>
 #include <QtCore/QTimer>
@@ -291,10 +292,14 @@ private Q_SLOTS:
 void tst_LateHosts::messages_data()
 {
     QTest::addColumn<Manners>("manners");
-    QTest::addColumn<bool>("tls");
+    QTest::addColumn<QString>("engine"); // of TLS; empty: TCP
 
-    for (const bool tls : {false, true}) {
-        const char *transport = tls ? "TLS" : "TCP";
+    QStringList engines{QString()};
+    for (const char *engine : TlsEngines)
+        engines.append(QString::fromLatin1(engine));
+    for (const QString &tls : std::as_const(engines)) {
+        const QByteArray name = tls.isEmpty() ? QByteArray("TCP") : "TLS, " + tls.toLatin1();
+        const char *const transport = name.constData();
         QTest::addRow("exact, %s", transport) << Manners{true, true, 500, true} << tls;
         QTest::addRow("plain with offsets, %s", transport)
                 << Manners{true, false, 500, true} << tls;
@@ -309,14 +314,15 @@ void tst_LateHosts::messages_data()
 void tst_LateHosts::messages()
 {
     QFETCH(Manners, manners);
-    QFETCH(bool, tls);
+    QFETCH(QString, engine);
+    const bool tls = !engine.isEmpty();
     const quint32 seed = QRandomGenerator::global()->generate();
     QRandomGenerator random(seed);
     const quint16 port = freePort();
     QJsonObject config = tcpConfig(port);
     config.insert(QStringLiteral("offsets"), manners.offsets);
     if (tls)
-        config.insert(QStringLiteral("ssl"), serverTls());
+        config.insert(QStringLiteral("ssl"), withEngine(serverTls(), engine));
     LoadedLibrary library;
     const auto plugin = library.create(config);
     LateHost host(*plugin, manners, random);

@@ -7,6 +7,7 @@
 #include "tests/kit/loglines.h"
 #include "tests/kit/play.h"
 #include "tests/kit/tlsdevice.h"
+#include "tests/kit/tlsengines.h"
 #include "tests/tcpinput/plugintest.h"
 
 #include <QtCore/QRegularExpression>
@@ -20,10 +21,17 @@ using namespace plugintest;
 
 namespace {
 
+// The good server, with the engine of the row.
+QJsonObject engineTls()
+{
+    QFETCH_GLOBAL(QString, engine);
+    return withEngine(serverTls(), engine);
+}
+
 // A server that wants certificates of the good authority from its clients.
 QJsonObject verifyingTls(bool debug)
 {
-    QJsonObject tls = serverTls();
+    QJsonObject tls = engineTls();
     tls.insert(u"verifyPeer"_s, true);
     tls.insert(u"CAFile"_s, certificateFile(u"ca.pem"_s));
     tls.insert(u"tlsDebug"_s, debug);
@@ -45,6 +53,7 @@ class tst_PluginTls : public PluginTest
     Q_OBJECT
 
 private Q_SLOTS:
+    void initTestCase_data();
     void init() { begin(); }
     void cleanup() { end(); }
 
@@ -55,6 +64,13 @@ private Q_SLOTS:
     void refusedClient();
     void tlsConnectionLines();
 };
+
+void tst_PluginTls::initTestCase_data()
+{
+    QTest::addColumn<QString>("engine");
+    for (const char *engine : TlsEngines)
+        QTest::newRow(engine) << QString::fromLatin1(engine);
+}
 
 void tst_PluginTls::tlsErrorLines()
 {
@@ -87,7 +103,7 @@ void tst_PluginTls::tlsSignalsAreConnected()
 {
     QFETCH(bool, debug);
 
-    QJsonObject tls = serverTls();
+    QJsonObject tls = engineTls();
     tls.insert(u"tlsDebug"_s, debug);
     Plugin plugin(withTls({}, tls));
     QVERIFY(plugin.start());
@@ -173,7 +189,7 @@ void tst_PluginTls::refusedClient()
 // After the hand-over the client is the task's, and a line says so.
 void tst_PluginTls::tlsConnectionLines()
 {
-    Plugin plugin(withTls({}));
+    Plugin plugin(withTls({}, engineTls()));
     QVERIFY(plugin.start());
     takeLog();
     TlsDevice device(TLS1_3_VERSION);

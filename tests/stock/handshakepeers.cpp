@@ -4,6 +4,7 @@
 #include "handshakepeers.h"
 
 #include "tests/kit/certificates.h"
+#include "tlsoptions.h"
 
 #include <openssl/pem.h>
 #include <openssl/x509.h>
@@ -226,10 +227,10 @@ void addOffers(std::vector<Cause> &all)
     }));
     all.push_back(shaking("unusual groups", [](TlsDevice &device) {
         SSL_set_cipher_list(device.native(), "ECDHE-RSA-AES128-GCM-SHA256");
-        SSL_set1_groups_list(device.native(), "brainpoolP256r1:ffdhe8192");
+        tlsoptions::setGroups(device.native(), "brainpoolP256r1:ffdhe8192");
     }));
     all.push_back(shaking("no shared signature algorithm", [](TlsDevice &device) {
-        SSL_set1_sigalgs_list(device.native(), "ECDSA+SHA256");
+        tlsoptions::setSignatures(device.native(), "ECDSA+SHA256");
     }));
 }
 

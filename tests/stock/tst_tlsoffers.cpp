@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "tests/kit/certificates.h"
+#include "tlsoptions.h"
 #include "tlsprobe.h"
 #include "tlsside.h"
 
@@ -75,7 +76,7 @@ Offer groups(int version)
              text("brainpoolP256r1"), text("brainpoolP384r1"), text("brainpoolP512r1"),
              text("ffdhe2048"), text("ffdhe3072"), text("ffdhe4096")},
             [](SSL *ssl, const QByteArray &names) {
-                return SSL_set1_groups_list(ssl, names.constData()) == 1
+                return tlsoptions::setGroups(ssl, names)
                         && SSL_set_cipher_list(ssl, "ECDHE:@SECLEVEL=0") == 1;
             },
             [](const TlsProbe &probe) { return probe.group; }};
@@ -90,7 +91,7 @@ Offer signatures(int version)
              text("rsa_pkcs1_sha1"), text("ecdsa_secp256r1_sha256"), text("ecdsa_secp384r1_sha384"),
              text("ed25519"), text("ed448")},
             [](SSL *ssl, const QByteArray &names) {
-                return SSL_set1_sigalgs_list(ssl, names.constData()) == 1
+                return tlsoptions::setSignatures(ssl, names)
                         && SSL_set_cipher_list(ssl, "ECDHE:DHE:@SECLEVEL=0") == 1;
             },
             [](const TlsProbe &probe) { return probe.scheme; }};
@@ -150,12 +151,6 @@ struct Peculiar
     std::function<void(TlsProbe &)> afterwards = {};
 };
 
-// The macro of OpenSSL casts as C does.
-void nameServer(SSL *ssl, QByteArray name)
-{
-    SSL_ctrl(ssl, SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name, name.data());
-}
-
 void renegotiate(TlsProbe &probe)
 {
     SSL_renegotiate(probe.native());
@@ -181,8 +176,9 @@ std::vector<Peculiar> peculiarDevices()
         add("protocols of the application", [](SSL *ssl) {
             SSL_set_alpn_protos(ssl, reinterpret_cast<const uchar *>("\x02h2\x08http/1.1"), 12);
         });
-        add("a server's name", [](SSL *ssl) { nameServer(ssl, "localhost"); });
-        add("an unknown server's name", [](SSL *ssl) { nameServer(ssl, "elsewhere.example"); });
+        add("a server's name", [](SSL *ssl) { tlsoptions::nameServer(ssl, "localhost"); });
+        add("an unknown server's name",
+            [](SSL *ssl) { tlsoptions::nameServer(ssl, "elsewhere.example"); });
         add("status of the certificate",
             [](SSL *ssl) { SSL_set_tlsext_status_type(ssl, TLSEXT_STATUSTYPE_ocsp); });
         add("short fragments", [](SSL *ssl) {

@@ -22,7 +22,7 @@ public:
 
     QByteArray take(qsizetype count)
     {
-        const QByteArray part = rest.left(count);
+        QByteArray part = rest.left(count);
         rest.remove(0, count);
         return part;
     }

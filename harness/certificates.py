@@ -3,6 +3,7 @@
 
 """Certificates for a host and for the devices that verify it."""
 
+import copy
 import json
 import subprocess
 
@@ -15,11 +16,20 @@ class Certificates:
     def __init__(self, folder):
         subprocess.run([ROOT / "scripts/make-certs", folder], check=True,
                        stdout=subprocess.DEVNULL)
+        self.folder = folder
         self.authority = folder / "ca.pem"
         self.server = folder / "server.pem"
         self.server_key = folder / "server.key"
 
-    def setting(self):
-        """The key "ssl" of a host's configuration. Devices need no certificate."""
+    def elliptic(self):
+        """The same with a server's certificate that has an elliptic curve key."""
+        others = copy.copy(self)
+        others.server = self.folder / "ec.pem"
+        others.server_key = self.folder / "ec.key"
+        return others
+
+    def setting(self, **more):
+        """The key "ssl" of a host's configuration, with more keys in it. Devices need no
+        certificate."""
         return json.dumps({"CertFile": str(self.server), "KeyFile": str(self.server_key),
-                           "verifyPeer": False})
+                           "verifyPeer": False, **more})

@@ -42,6 +42,10 @@ class Devices(Process):
         """The report that devicesim writes at its end."""
         return json.loads(self.output())
 
+    def resumed(self):
+        """How many connections have resumed a TLS session, when it has ended."""
+        return self.report()["summary"]["resumed"]
+
     def sent(self):
         """Returns (messages, bytes without newlines), when it has ended."""
         summary = self.report()["summary"]

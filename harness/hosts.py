@@ -41,13 +41,14 @@ class Listener(Process):
 class Host(Listener):
     """A host with the library: inputhost, or a program of the build folder with its options.
 
-    settings: of the plugin's configuration. options: the program's own. prefix: a command that runs
-    the program, valgrind for example."""
+    settings: of the plugin's configuration. tls: more keys of its object "ssl", which is there if
+    there are certificates. options: the program's own. prefix: a command that runs the program,
+    valgrind for example."""
 
     def __init__(self, build, program=INPUTHOST, *, settings=None, options=(), certificates=None,
-                 prefix=(), out=None):
+                 tls=None, prefix=(), out=None):
         port = free_port()
-        command = host_command(build, program, port, settings or {}, certificates)
+        command = host_command(build, program, port, settings or {}, certificates, tls)
         super().__init__([*prefix, *command, *options], build, port, certificates, out)
 
     def reload(self):
@@ -72,11 +73,21 @@ class Host(Listener):
         return int(answer[1]), int(answer[2])
 
 
-def host_command(build, program, port, settings, certificates):
+def knows_tls_keys(build, certificates, **keys):
+    """Whether the library of the build has these keys, with these values, in its object "ssl"."""
+    try:
+        with Host(build, settings={"strict": "true"}, certificates=certificates, tls=keys) as host:
+            host.stop()
+        return True
+    except RuntimeError:
+        return False
+
+
+def host_command(build, program, port, settings, certificates, tls=None):
     command = [build / program, "--plugin", build / "tcpinput/libtcpinputplugin2.so"]
     settings = {"ipAddr": "127.0.0.1", "port": port, **settings}
     if certificates:
-        settings["ssl"] = certificates.setting()
+        settings["ssl"] = certificates.setting(**(tls or {}))
     for key, value in settings.items():
         command += ["--set", f"{key}={value}"]
     return command

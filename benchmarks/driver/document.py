@@ -8,11 +8,13 @@ import os
 import platform
 import re
 
-from receivers import ALL, INPUTHOST, TITLES
+from receivers import ALL, ALL_TLS, INPUTHOST, OPENSSL, TITLES
 from results import BARS
 
 BEGIN = "<!-- begin: written by benchmarks/run -->"
 END = "<!-- end: written by benchmarks/run -->"
+TLS_BEGIN = "<!-- begin: written by benchmarks/run --tls -->"
+TLS_END = "<!-- end: written by benchmarks/run --tls -->"
 
 FIGURES = {
     "bulk": ("bulk, 16 connections, 1,000 B lines: CPU s per GB", "{:.3f}"),
@@ -23,31 +25,61 @@ FIGURES = {
     "opening_many": ("opening one more at 10,000: CPU µs", "{:.1f}"),
     "idle_memory": ("resident bytes per idle connection at 10,000", "{:,.0f}"),
     "idle_cpu": ("10,000 idle connections: % of a core", "{:.2f}"),
-    "tls_bulk": ("TLS 1.3 bulk, 16 connections: CPU s per GB", "{:.3f}"),
-    "tls_handshake": ("TLS 1.3, RSA-2048: connect, 200 B, close: CPU µs per connection",
-                      "{:,.0f}"),
+}
+
+TLS_FIGURES = {
+    "tls_full_rsa_13": ("full handshake, TLS 1.3, RSA-2048: CPU µs per connection", "{:,.0f}"),
+    "tls_full_rsa_12": ("the same, TLS 1.2", "{:,.0f}"),
+    "tls_full_ec_13": ("full handshake, TLS 1.3, EC P-256: CPU µs per connection", "{:,.0f}"),
+    "tls_full_ec_12": ("the same, TLS 1.2", "{:,.0f}"),
+    "tls_resumed_13": ("resumed, TLS 1.3: CPU µs per connection", "{:,.0f}"),
+    "tls_resumed_12": ("the same, TLS 1.2", "{:,.0f}"),
+    "tls_bulk_1_16": ("bulk, TLS 1.3, 1 connection, records of 16 KiB: CPU s per GB", "{:.3f}"),
+    "tls_bulk_16_16": ("the same, 16 connections", "{:.3f}"),
+    "tls_bulk_1_1": ("bulk, TLS 1.3, 1 connection, records of 1 KiB: CPU s per GB", "{:.3f}"),
+    "tls_bulk_16_1": ("the same, 16 connections", "{:.3f}"),
+    "tls_memory_few": ("resident bytes per idle connection at 3,000", "{:,.0f}"),
+    "tls_memory_many": ("the same, at 10,000", "{:,.0f}"),
+    "tls_memory_left": ("resident bytes left of each of the 10,000, once all have closed",
+                        "{:,.0f}"),
+    "tls_opening": ("opening one more at 3,000 and more: CPU µs", "{:,.0f}"),
 }
 
 
 def write(path, results, rounds, command):
+    _replace(path, BEGIN, END, _section(results, rounds, command))
+
+
+def write_tls(path, results, rounds, command):
+    _replace(path, TLS_BEGIN, TLS_END, "\n\n".join([
+        *_origin(rounds, command), _table(results, TLS_FIGURES, ALL_TLS,
+                                          [(name, OPENSSL) for name in ALL_TLS[1:]])]))
+
+
+def _replace(path, begin, end, section):
+    """Puts the section between the markers."""
     with open(path, encoding="utf-8") as file:
         text = file.read()
-    section = f"{BEGIN}\n{_section(results, rounds, command)}\n{END}"
-    pattern = re.escape(BEGIN) + ".*" + re.escape(END)
+    section = f"{begin}\n{section}\n{end}"
+    pattern = re.escape(begin) + ".*" + re.escape(end)
     text, count = re.subn(pattern, lambda _: section, text, flags=re.DOTALL)
     if count != 1:
-        raise ValueError(f"{path}: not exactly one pair of markers")
+        raise ValueError(f"{path}: not exactly one pair of markers: {begin}")
     with open(path, "w", encoding="utf-8") as file:
         file.write(text)
 
 
+def _origin(rounds, command):
+    return [f"`{command}`, {datetime.date.today()}, medians of {rounds} rounds, in brackets the "
+            "smallest and the largest.", _machine()]
+
+
 def _section(results, rounds, command):
     parts = [
-        f"`{command}`, {datetime.date.today()}, medians of {rounds} rounds, in brackets the "
-        "smallest and the largest.",
-        _machine(),
+        *_origin(rounds, command),
         "### The bars", _bars(results),
-        "### The receivers", _table(results),
+        "### The receivers",
+        _table(results, FIGURES, ALL, [(INPUTHOST, other) for other in ALL[:2]]),
         "### CPU µs per message, over connections that send 1,000 messages a second in all",
         "![CPU per message over connections](performance-connections.svg)",
         _sweep(results),
@@ -80,17 +112,19 @@ def _bars(results):
     return _markdown(("", "at most", "measured", ""), bar_rows(results))
 
 
-def _table(results):
+def _table(results, figures, receivers, compared):
+    """compared: pairs of receivers whose ratio is shown."""
     def rows():
-        for figure, (title, form) in FIGURES.items():
+        for figure, (title, form) in figures.items():
             if figure not in results.samples:
                 continue
-            ratios = [results.ratio((figure, INPUTHOST), (figure, other)) for other in ALL[:2]]
-            yield (title, *(_cell(results, figure, receiver, form) for receiver in ALL),
+            ratios = [results.ratio((figure, over), (figure, under)) for over, under in compared]
+            yield (title, *(_cell(results, figure, receiver, form) for receiver in receivers),
                    *("-" if ratio is None else f"{ratio:.2f}" for ratio in ratios))
 
-    names = [TITLES[receiver] for receiver in ALL]
-    return _markdown(("", *names, *(f"inputhost : {name}" for name in names[:2])), rows())
+    names = [TITLES[receiver] for receiver in receivers]
+    ratios = [f"{TITLES[over]} : {TITLES[under]}" for over, under in compared]
+    return _markdown(("", *names, *ratios), rows())
 
 
 def sweep_counts(results):

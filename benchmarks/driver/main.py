@@ -1,7 +1,7 @@
 # SPDX-FileCopyrightText: the tcpinputplugin2 authors
 # SPDX-License-Identifier: MIT
 
-"""Measures the three receivers against each other; see --help. Started by benchmarks/run."""
+"""Measures the receivers against each other; see --help. Started by benchmarks/run."""
 
 import argparse
 import json
@@ -15,7 +15,9 @@ from harness import ROOT
 from harness.certificates import Certificates
 from harness.processes import exit_on_sigterm
 from results import Results
-from scenarios import FULL, SMOKE, Setup, scenarios
+from scenarios import scenarios
+from session import FULL, SMOKE, Setup
+from tlsscenarios import tls_scenarios
 
 BUILD = ROOT / "build/bench"
 
@@ -25,7 +27,8 @@ def main():
     exit_on_sigterm()
     scale = SMOKE if arguments.smoke else FULL
     setup = Setup(BUILD, Certificates(BUILD / "benchmarks/certs"), scale)
-    chosen = choose(scenarios(scale), arguments.only)
+    plain = [] if arguments.tls else scenarios(scale)
+    chosen = choose(plain + tls_scenarios(setup, arguments.smoke), arguments.only)
     results = Results()
     if arguments.micro:
         print("micro-benchmarks", flush=True)
@@ -33,26 +36,32 @@ def main():
     run_rounds(setup, chosen, arguments.rounds, results)
     print_summary(results)
     if arguments.write:
-        plots.draw(ROOT / "docs", results)
+        path = ROOT / "docs/PERFORMANCE.md"
         command = " ".join(["benchmarks/run", *sys.argv[1:]])
-        document.write(ROOT / "docs/PERFORMANCE.md", results, arguments.rounds, command)
+        document.write_tls(path, results, arguments.rounds, command)
+        if not arguments.tls:
+            plots.draw(ROOT / "docs", results)
+            document.write(path, results, arguments.rounds, command)
 
 
 def parse_arguments():
     parser = argparse.ArgumentParser(prog="benchmarks/run", description=(
-        "Builds a bare epoll sink, a stock Qt sink and the reference host with the library, puts "
-        "devicesim's load on each in turn, measures the receiver's CPU time and memory, and writes "
-        "docs/PERFORMANCE.md. Other programs on the machine disturb the figures."))
+        "Builds bare epoll and OpenSSL sinks, a stock Qt sink and the reference host with the "
+        "library, puts devicesim's load on each in turn, measures the receiver's CPU time and "
+        "memory, and writes docs/PERFORMANCE.md. Other programs on the machine disturb the "
+        "figures."))
     parser.add_argument("--rounds", type=int, default=5, help="default: 5")
     parser.add_argument("--only", default="", metavar="NAMES",
                         help="scenarios that begin so, with commas: bulk,sweep_100. "
                              "Nothing is written")
+    parser.add_argument("--tls", action="store_true",
+                        help="what TLS costs alone, and writes its table alone")
     parser.add_argument("--smoke", action="store_true",
                         help="little of everything, once: shows that it works and that all that "
                              "was sent is counted. Nothing is written")
     arguments = parser.parse_args()
     arguments.write = not arguments.smoke and not arguments.only
-    arguments.micro = not arguments.only or "micro" in arguments.only.split(",")
+    arguments.micro = "micro" in arguments.only.split(",") or not (arguments.only or arguments.tls)
     if arguments.smoke:
         arguments.rounds = 1
     return arguments

@@ -74,7 +74,7 @@ BARS = (
         _own("sweep_10000", "sweep_100"), 1.3),
     Bar("1,000 connections, 10 messages/s each: against bare epoll", _versus("paced", EPOLL), 2.5),
     Bar("Bulk: against bare epoll", _versus("bulk", EPOLL), 2),
-    Bar("TLS bulk: against stock Qt", _versus("tls_bulk", QT), 1.15),
+    Bar("TLS bulk: against stock Qt", _versus("tls_bulk_16_16", QT), 1.15),
     Bar("Connect, 200 B, close: against bare epoll", _versus("churn", EPOLL), 3.5),
     Bar("Opening one more: at 10,000 connections against 10", _own("opening_many", "opening_few"),
         1.3),

@@ -77,13 +77,22 @@ void Device::connectNext()
     // Queued: the slot deletes the connection, which may emit finished() within a call from here.
     connect(connection.get(), &DeviceConnection::finished, this, &Device::onConnectionFinished,
             Qt::QueuedConnection);
+    connect(connection.get(), &DeviceConnection::opened, this, &Device::onConnectionOpened);
     connection->open();
+}
+
+void Device::onConnectionOpened()
+{
+    if (connectionNumber == 1)
+        Q_EMIT opened();
 }
 
 void Device::onConnectionFinished()
 {
     const ConnectionRecord record = connection->result();
     connection.reset();
+    if (!record.opened)
+        onConnectionOpened();
     Q_EMIT connectionEnded(record);
 
     // Not after a failure: the messages that it left unsent would be missing in the numbering.

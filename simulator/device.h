@@ -43,12 +43,14 @@ public:
     quint64 openMessages() const;
 
 Q_SIGNALS:
+    void opened(); // once: its first connection is open, or has ended without having been
     void connectionEnded(const ConnectionRecord &record);
     // Emitted once, never from within start(), stop() or abandon(). It names the device, since
     // QObject::sender() is slow for a receiver with thousands of senders.
     void finished(Device *device);
 
 private Q_SLOTS:
+    void onConnectionOpened();
     void onConnectionFinished();
 
 private:

@@ -175,6 +175,7 @@ void DeviceConnection::established()
     timer.stop();
     record.opened = true;
     record.resumed = channel->isResumed();
+    Q_EMIT opened();
     record.openMs = run.clock.elapsed();
     readable.setEnabled(ending.reads);
     state = State::Sending;

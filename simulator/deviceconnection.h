@@ -53,6 +53,7 @@ public:
     const ConnectionRecord &result() const { return record; }
 
 Q_SIGNALS:
+    void opened(); // at most once, before finished(); with TLS when the handshake is done
     // Emitted once; also from within open(), stop() and abandon().
     void finished();
 

@@ -54,25 +54,34 @@ bool Fleet::mayStart() const
     if (options.tls.resume && started > 0 && collected.isEmpty())
         return false; // the others resume the session that the first one gets
     return !stopping && started < options.connections
-            && (options.parallel == 0 || active < options.parallel);
+            && (options.parallel == 0 || active < options.parallel)
+            && (options.opening == 0 || opening < options.opening);
 }
 
 void Fleet::startDevice()
 {
     ++started;
     ++active;
+    ++opening;
     auto *device = new Device(this, run, started);
+    connect(device, &Device::opened, this, &Fleet::onDeviceOpened);
     connect(device, &Device::connectionEnded, this, &Fleet::onConnectionEnded);
     connect(device, &Device::finished, this, &Fleet::onDeviceFinished);
     device->start();
+}
+
+void Fleet::onDeviceOpened()
+{
+    --opening;
+    launchSoon();
 }
 
 void Fleet::onConnectionEnded(const ConnectionRecord &record)
 {
     const bool isFirst = collected.isEmpty();
     collected.add(record);
-    if (isFirst && mayStart() && !launchTimer.isActive())
-        launchTimer.start(0);
+    if (isFirst)
+        launchSoon();
 }
 
 void Fleet::onDeviceFinished(Device *device)
@@ -81,7 +90,13 @@ void Fleet::onDeviceFinished(Device *device)
     --active;
     if (active == 0 && (stopping || started == run.options.connections))
         Q_EMIT finished();
-    else if (mayStart() && !launchTimer.isActive())
+    else
+        launchSoon();
+}
+
+void Fleet::launchSoon()
+{
+    if (mayStart() && !launchTimer.isActive())
         launchTimer.start(0);
 }
 

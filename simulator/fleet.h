@@ -44,12 +44,14 @@ Q_SIGNALS:
     void finished(); // once, when all devices are gone
 
 private Q_SLOTS:
+    void onDeviceOpened();
     void onConnectionEnded(const ConnectionRecord &record);
     void onDeviceFinished(Device *device);
     void abandon();
 
 private:
     bool mayStart() const;
+    void launchSoon(); // if one may start
     void startDevice();
 
     const Run &run;
@@ -59,6 +61,7 @@ private:
     QTimer graceTimer;
     quint64 started = 0;
     quint64 active = 0;
+    quint64 opening = 0; // of these
     bool stopping = false;
 };
 

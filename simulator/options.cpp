@@ -116,6 +116,11 @@ QList<QCommandLineOption> knownOptions()
              "address"},
             {"connections", "Devices in all. Default: 1.", "n"},
             {"parallel", "At most so many open at once; 0: all. Default: 0.", "n"},
+            {"opening",
+             "At most so many new devices connecting or in their TLS handshake at once; 0: no "
+             "limit. "
+             "Default: 0.",
+             "n"},
             {"connect-rate", "Devices started per second; 0: no limit. Default: 0.", "rate"},
             {"connect-timeout-ms", "For connecting and TLS handshake. Default: 30000.", "ms"},
             {"messages", "Messages a device sends; 0: until stopped. Default: 1.", "n"},
@@ -290,6 +295,7 @@ void readOptions(Reader &reader, Options &options)
     reader.sources(options.sources);
     reader.number<quint64>("connections", options.connections, 1);
     reader.number<quint64>("parallel", options.parallel, 0);
+    reader.number<quint64>("opening", options.opening, 0);
     reader.number<double>("connect-rate", options.connectRate, 0);
     reader.number<int>("connect-timeout-ms", options.connectTimeoutMs, 1);
     reader.number<quint64>("messages", options.messages, 0);

@@ -41,6 +41,7 @@ struct Options
 
     quint64 connections = 1;
     quint64 parallel = 0; // at most so many open at once; 0: no limit
+    quint64 opening = 0; // at most so many devices connecting at once; 0: no limit
     double connectRate = 0; // per second; 0: no limit
     int connectTimeoutMs = 30000; // connecting and TLS handshake together
 

@@ -107,7 +107,8 @@ void tst_DeviceSimOptions::defaults()
 void tst_DeviceSimOptions::readsOptions()
 {
     const Options options =
-            parse("--host ::1 --port 1234 --connections 3000 --parallel 50 --connect-rate 2.5 "
+            parse("--host ::1 --port 1234 --connections 3000 --parallel 50 --opening 9 "
+                  "--connect-rate 2.5 "
                   "--connect-timeout-ms 9 --messages 20 --reconnect 4 --size 0 --framing length "
                   "--rate 0.5 --segments byte --seed 77 --pause-ms 2-30 --close stay "
                   "--linger-ms 0 --output json --quiet --no-checksum --tls --ca a --cert b "
@@ -118,6 +119,7 @@ void tst_DeviceSimOptions::readsOptions()
     QCOMPARE(options.port, quint16(1234));
     QCOMPARE(options.connections, quint64(3000));
     QCOMPARE(options.parallel, quint64(50));
+    QCOMPARE(options.opening, quint64(9));
     QCOMPARE(options.connectRate, 2.5);
     QCOMPARE(options.connectTimeoutMs, 9);
     QCOMPARE(options.messages, quint64(20));

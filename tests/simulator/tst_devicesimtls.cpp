@@ -8,7 +8,9 @@
 
 #include <QtTest/QTest>
 
+#include <memory>
 #include <openssl/x509_vfy.h>
+#include <vector>
 
 using namespace simulator;
 using namespace simulatortest;
@@ -36,6 +38,8 @@ private Q_SLOTS:
     void tlsResumes_data();
     void tlsResumes();
     void tlsRecordSize();
+    void tlsLimitsOpening();
+    void tlsLimitsOpeningAlsoAfterFailures();
 };
 
 void tst_DeviceSimTls::tls_data()
@@ -295,6 +299,50 @@ void tst_DeviceSimTls::tlsRecordSize()
     accepted->abort();
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
+}
+
+// A device waits for the handshake of the one before, and not for its end.
+void tst_DeviceSimTls::tlsLimitsOpening()
+{
+    const auto context = TlsPeer::newContext(file("server.pem"), file("server.key"));
+    QTcpServer listener;
+    QVERIFY(listener.listen(testAddress()));
+    Simulator simulator;
+    simulator.start(listener, words("--tls --insecure --connections 3 --opening 1 --close stay"));
+    std::vector<std::unique_ptr<QTcpSocket>> sockets;
+    std::vector<std::unique_ptr<TlsPeer>> peers;
+    for (int i = 0; i < 3; ++i) {
+        QVERIFY(listener.hasPendingConnections() || listener.waitForNewConnection(HangGuardMs));
+        sockets.emplace_back(listener.nextPendingConnection());
+        peers.push_back(std::make_unique<TlsPeer>(sockets.back()->socketDescriptor(), context));
+        QVERIFY(peers.back()->handshake());
+    }
+    simulator.signal(SIGINT);
+    for (std::size_t i = 0; i < 3; ++i) {
+        QVERIFY(!peers.at(i)->readToEnd().isEmpty());
+        sockets.at(i)->abort();
+    }
+    QVERIFY(simulator.waitForEnd());
+    QCOMPARE(simulator.exitCode(), 0);
+    QCOMPARE(number(simulator.summary(), "opened"), 3);
+    for (int i = 1; i < 3; ++i)
+        QVERIFY(number(simulator.connection(i), "startMs")
+                >= number(simulator.connection(i - 1), "openMs"));
+}
+
+void tst_DeviceSimTls::tlsLimitsOpeningAlsoAfterFailures()
+{
+    QTcpServer listener;
+    QVERIFY(listener.listen(testAddress()));
+    Simulator simulator;
+    simulator.start(listener, words("--tls --insecure --connections 3 --opening 1"));
+    for (int i = 0; i < 3; ++i) {
+        QVERIFY(listener.hasPendingConnections() || listener.waitForNewConnection(HangGuardMs));
+        const std::unique_ptr<QTcpSocket> accepted(listener.nextPendingConnection());
+        accepted->abort();
+    }
+    QVERIFY(simulator.waitForEnd());
+    QCOMPARE(number(simulator.summary(), "failed"), 3);
 }
 
 QTEST_GUILESS_MAIN(tst_DeviceSimTls)

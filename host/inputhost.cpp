@@ -7,6 +7,7 @@
 #include "host/logging.h"
 #include "host/signalnotifier.h"
 #include "host/tlschecks.h"
+#include "plugin/certificaterenewal.h"
 #include "plugin/cwrn.h"
 #include "plugin/iinputplugin.h"
 
@@ -61,6 +62,7 @@ QJsonObject withDefaults(QJsonObject configuration)
                {
                        {"Chain", true}, // otherwise devices lack intermediate certificates
                        {"KeyAlgorithm", QLatin1String("auto")}, // otherwise keys must be RSA
+                       {"engine", QLatin1String("own")}, // otherwise handshakes hold this thread
                });
     configuration.insert(SslKey, ssl);
     return configuration;
@@ -133,10 +135,7 @@ ExitCode InputHost::startPlugin(const QJsonObject &configuration)
         stopPlugin();
         return fail(ExitStartFailed, QStringLiteral("The plugin refused to start"));
     }
-    const QStringList warnings =
-            certificateWarnings(complete.value(SslKey).toObject(), QDateTime::currentDateTimeUtc());
-    for (const QString &warning : warnings)
-        CWRN(QtWarningMsg, QStringLiteral("%1"), warning);
+    noteCertificates(complete);
 
     const ListenStatus status = ListenStatus::parse(plugin->getStatus());
     if (!status.isListening()) {
@@ -184,8 +183,37 @@ void InputHost::reload()
         CWRN(QtWarningMsg, QStringLiteral("Configuration not changed"));
         return;
     }
+    if (renewCertificates())
+        return;
     CWRN(QtInfoMsg, QStringLiteral("Restarting with a new configuration"));
     replacePlugin(configurationReader.configuration());
+}
+
+// Warns of what is wrong with them.
+void InputHost::noteCertificates(const QJsonObject &configuration)
+{
+    const QJsonObject ssl = configuration.value(SslKey).toObject();
+    const QStringList warnings = certificateWarnings(ssl, QDateTime::currentDateTimeUtc());
+    for (const QString &warning : warnings)
+        CWRN(QtWarningMsg, QStringLiteral("%1"), warning);
+    runningFiles = fingerprintOfFiles(ssl);
+}
+
+// False: more than the files of certificates and keys has changed, or the plugin cannot do it.
+bool InputHost::renewCertificates()
+{
+    const QJsonObject configuration = configurationReader.configuration();
+    const QByteArray files = fingerprintOfFiles(configuration.value(SslKey).toObject());
+    if (configuration != runningConfiguration || files == runningFiles)
+        return false;
+    const auto answer = CertificateRenewal::ask(*plugin);
+    if (answer == CertificateRenewal::Answer::Unknown)
+        return false;
+    if (answer == CertificateRenewal::Answer::Refused)
+        CWRN(QtWarningMsg, QStringLiteral("Certificates not changed"));
+    else
+        noteCertificates(withDefaults(configuration));
+    return true;
 }
 
 void InputHost::replacePlugin(const QJsonObject &configuration)

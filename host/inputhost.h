@@ -53,6 +53,8 @@ private:
     ExitCode fail(ExitCode code, const QString &text);
 
     void reload();
+    bool renewCertificates();
+    void noteCertificates(const QJsonObject &configuration);
     void replacePlugin(const QJsonObject &configuration);
     void reportStatus();
     QList<QString> answer(const QString &question) const;
@@ -70,6 +72,7 @@ private:
     QTimer statusTimer;
     std::unique_ptr<IInputPlugin> plugin; // null only while none runs
     QJsonObject runningConfiguration; // of the plugin, or of the last one that listened
+    QByteArray runningFiles; // what its certificates and keys were like
     ExitCode outcome = ExitOk;
 };
 

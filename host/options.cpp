@@ -37,7 +37,8 @@ Signals:
   SIGINT, SIGTERM  Stop, print what is still coming, exit. The same signal once
                    more ends the program at once.
   SIGHUP           Read the configuration again and go on with a new plugin. If
-                   this fails, the configuration stays as it was.
+                   this fails, the configuration stays as it was. If only files
+                   of certificates and keys have changed, no connection is closed.
   SIGUSR1          Counters and status to standard error.
 
 Exit codes:
@@ -72,8 +73,8 @@ struct Definitions
                     "Default: an empty object. \"offsets\", \"prompt\", \"ends\" and "
                     "\"strict\" are true unless they are given. \"limits\" are 4 MiB a "
                     "connection, 128 MiB in all and 60 s stalled unless it is given. In "
-                    "\"ssl\", \"Chain\" is true and \"KeyAlgorithm\" is \"auto\" unless they "
-                    "are given; if it verifies devices, it must name a CA."),
+                    "\"ssl\", \"Chain\" is true, \"KeyAlgorithm\" is \"auto\" and \"engine\" "
+                    "is \"own\" unless they are given; if it verifies devices, it must name a CA."),
             QStringLiteral("FILE")};
     const QCommandLineOption set{
             QStringLiteral("set"),

@@ -3,6 +3,7 @@
 
 #include "host/tlschecks.h"
 
+#include <QtCore/QCryptographicHash>
 #include <QtCore/QDateTime>
 #include <QtCore/QFile>
 
@@ -174,6 +175,16 @@ QString tlsRefusal(const QJsonObject &configuration)
             "\"ssl\" verifies devices, but names no CA. Set \"CAFile\"; or \"verifyPeer\": false "
             "if devices have no certificates; or \"systemCAs\": true if any CA that the system "
             "trusts may vouch for them");
+}
+
+QByteArray fingerprintOfFiles(const QJsonObject &ssl)
+{
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    for (const char *key :
+         {"CAFile", "CRLFile", "CertFile", "ChainFile", "KeyFile", "KeyPassphraseFile"})
+        hash.addData(QCryptographicHash::hash(contentOf(ssl.value(QLatin1String(key))),
+                                              QCryptographicHash::Sha256));
+    return hash.result();
 }
 
 QStringList certificateWarnings(const QJsonObject &ssl, const QDateTime &now)

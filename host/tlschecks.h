@@ -19,6 +19,9 @@ namespace host {
 // CAs the system has, which nobody has asked for. Empty if it is good.
 QString tlsRefusal(const QJsonObject &configuration);
 
+// Changes with the contents of any file that the object names. ssl: the object of that name.
+QByteArray fingerprintOfFiles(const QJsonObject &ssl);
+
 // What an operator should know of the server's certificate and its chain, one line each: it has
 // expired or does so within 30 days, it is not the key's, the chain is not its own. ssl: the object
 // of that name. What cannot be read causes no line here, since the plugin tells of it.

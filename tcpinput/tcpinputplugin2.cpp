@@ -7,6 +7,7 @@
 #include "plugin/subids.h"
 #include "tcpinput/workers/threadid.h"
 #include "tcpinput/workers/workerthread.h"
+#include "tls/context.h"
 
 #include <QtCore/QCoreApplication>
 
@@ -83,6 +84,10 @@ bool TcpInputPlugin2::event(QEvent *event)
         fill(*question);
         return true;
     }
+    if (auto *request = CertificateRenewal::from(event)) {
+        request->answer(renewCertificates());
+        return true;
+    }
     return IInputPlugin::event(event);
 }
 
@@ -95,6 +100,38 @@ void TcpInputPlugin2::fill(CountersEvent &question)
     pool.addTo(counters);
     if (const auto &budget = configuration.serving.budget)
         counters.paused = static_cast<quint64>(budget->paused.load());
+}
+
+// Whatever else has changed in the configuration waits for the next start().
+CertificateRenewal::Answer TcpInputPlugin2::renewCertificates()
+{
+    if (destroying || !servers.tls.isListening())
+        return refuseCertificates(QStringLiteral("no TLS server listens"));
+    Configuration fresh = configuration;
+    if (!Configuration::check(config, pluginId) || !fresh.apply(config, pluginId) || !fresh.tls)
+        return refuseCertificates(QStringLiteral("the configuration is not good"));
+    // Also for Qt's engine, which would tell it with each connection.
+    if (const QString failure = tls::Context(*fresh.tls).failure(); !failure.isEmpty())
+        return refuseCertificates(failure);
+    if (fresh.tls->base.localCertificate().isNull())
+        return refuseCertificates(QStringLiteral("there is no certificate"));
+    configuration.tls = fresh.tls;
+    servers.tls.setUp(*configuration.tls, handshakeThreads(configuration));
+    CWRN(QtInfoMsg, QStringLiteral("TcpInputPlugin2(%1): New certificates are in use"), pluginId);
+    return CertificateRenewal::Answer::Renewed;
+}
+
+CertificateRenewal::Answer TcpInputPlugin2::refuseCertificates(const QString &why) const
+{
+    CWRN(QtWarningMsg, QStringLiteral("TcpInputPlugin2(%1): New certificates are not used: %2"),
+         pluginId, why);
+    return CertificateRenewal::Answer::Refused;
+}
+
+// No more than there are processors: a handshake waits for nothing but the peer.
+int TcpInputPlugin2::handshakeThreads(const Configuration &used)
+{
+    return std::min(used.poolSize, QThread::idealThreadCount());
 }
 
 void TcpInputPlugin2::drop(int len)
@@ -154,7 +191,7 @@ void TcpInputPlugin2::listenTls(const Configuration &used)
     CWRN(QtInfoMsg, QStringLiteral("TcpInputPlugin2(%1): Starting SSL server on port %2"), pluginId,
          used.port);
     if (used.tls)
-        servers.tls.setUp(*used.tls, std::min(used.poolSize, QThread::idealThreadCount()));
+        servers.tls.setUp(*used.tls, handshakeThreads(used));
     connect(&servers.tls, &QTcpServer::pendingConnectionAvailable, this,
             &TcpInputPlugin2::handleConnection);
     connect(&servers.tls, &QSslServer::errorOccurred, this, &TcpInputPlugin2::socketError);

@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include "plugin/certificaterenewal.h"
 #include "plugin/connection.h"
 #include "plugin/countersevent.h"
 #include "plugin/iinputplugin.h"
@@ -91,6 +92,9 @@ public Q_SLOTS:
 private:
     void initialise();
     void fill(CountersEvent &question);
+    CertificateRenewal::Answer renewCertificates();
+    CertificateRenewal::Answer refuseCertificates(const QString &why) const;
+    static int handshakeThreads(const Configuration &used);
     WorkerPool makePool();
     void listenTcp(const Configuration &used);
     void listenTls(const Configuration &used);

@@ -23,6 +23,7 @@ private Q_SLOTS:
     void servesAnyKeyAndChain();
     void configurationDecides();
     void warnsOfTheCertificate();
+    void newCertificatesCloseNothing();
 
 private:
     QString file(const QString &name, const QByteArray &content) const
@@ -32,6 +33,24 @@ private:
         if (!written.open(QIODevice::WriteOnly) || written.write(content) != content.size())
             qFatal("Cannot write a file");
         return path;
+    }
+    // openssl's client, which stays connected.
+    static void connect(QProcess &client, const Host &host)
+    {
+        client.start(u"openssl"_s,
+                     {u"s_client"_s, u"-quiet"_s, u"-no_ign_eof"_s, u"-connect"_s,
+                      u"%1:%2"_s.arg(testAddress().toString()).arg(host.port)});
+    }
+    // The certificate that a new connection gets.
+    static QByteArray shownBy(const Host &host)
+    {
+        QProcess client;
+        client.start(u"openssl"_s,
+                     {u"s_client"_s, u"-connect"_s,
+                      u"%1:%2"_s.arg(testAddress().toString()).arg(host.port)});
+        client.closeWriteChannel();
+        client.waitForFinished(HangGuardMs);
+        return client.readAllStandardOutput();
     }
     // A server with an EC key, whose certificate's file holds the chain.
     QJsonObject server() const
@@ -137,6 +156,40 @@ void tst_InputHostTls::warnsOfTheCertificate()
              host.log().constData());
     QVERIFY2(host.log().contains("Certificate old has an issuer that is not in its chain"),
              host.log().constData());
+    QCOMPARE(host.stop(), int(ExitOk));
+}
+
+void tst_InputHostTls::newCertificatesCloseNothing()
+{
+    Host host;
+    host.start(with(server()));
+    QProcess client;
+    connect(client, host);
+    client.write("before\n");
+    QTRY_COMPARE_WITH_TIMEOUT(host.lines().size(), 1, HangGuardMs);
+
+    const made::Key newKey = made::rsaKey();
+    const made::Certificate renewed =
+            made::certificate("localhost", newKey, {authorityKey, &authority});
+    file(u"server.pem"_s, made::pem(renewed));
+    host.signal(SIGHUP); // the key is still the old one
+    QTRY_VERIFY_WITH_TIMEOUT(host.log().contains("Certificates not changed"), HangGuardMs);
+    QVERIFY2(host.log().contains("New certificates are not used: "), host.log().constData());
+    QVERIFY(shownBy(host).contains(made::pem(leaf)));
+
+    file(u"server.key"_s, made::pkcs8(newKey));
+    host.signal(SIGHUP);
+    QTRY_VERIFY_WITH_TIMEOUT(host.log().contains("New certificates are in use"), HangGuardMs);
+    QVERIFY(shownBy(host).contains(made::pem(renewed)));
+    client.write("after\n");
+    QTRY_COMPARE_WITH_TIMEOUT(host.lines().size(), 2, HangGuardMs);
+    QVERIFY(!host.log().contains("Restarting"));
+
+    host.signal(SIGHUP); // nothing has changed
+    QTRY_VERIFY_WITH_TIMEOUT(host.log().contains("Restarting with a new configuration"),
+                             HangGuardMs);
+    client.kill();
+    client.waitForFinished(HangGuardMs);
     QCOMPARE(host.stop(), int(ExitOk));
 }
 

@@ -64,7 +64,8 @@ bool tls::areGroups(const QByteArray &list)
 {
     const QuietErrors quiet;
     const Context context(SSL_CTX_new(TLS_server_method()));
-    return !list.isEmpty() && SSL_CTX_set1_groups_list(context.get(), list.constData()) == 1;
+    return !list.split(Separator).contains(QByteArray())
+            && SSL_CTX_set1_groups_list(context.get(), list.constData()) == 1;
 }
 
 QList<QSslCipher> tls::ciphersFrom(const QByteArray &list)

@@ -83,6 +83,7 @@ private:
     void setGroupsOfQt();
 
     std::optional<QByteArray> keyText() const;
+    QByteArray certificateText() const;
     std::optional<QByteArray> passPhrase();
     QList<QSslCertificate> chainFile();
     void needOwnEngine(const char *key);
@@ -167,6 +168,14 @@ void Reader::readKey()
     good = false;
 }
 
+// Empty if there is none, or its file cannot be opened.
+QByteArray Reader::certificateText() const
+{
+    if (has("Certificate"))
+        return text("Certificate").toUtf8();
+    return has("CertFile") ? contentOf(text("CertFile")).value_or(QByteArray()) : QByteArray();
+}
+
 // "ChainFile" wins: a certificate's own file may hold the same chain.
 void Reader::readChain()
 {
@@ -176,10 +185,7 @@ void Reader::readChain()
         chain.removeAll(settings.base.localCertificate()); // some begin with it
         chain.prepend(settings.base.localCertificate());
     } else if (value("Chain").toBool()) {
-        const QByteArray pem = has("Certificate")
-                ? text("Certificate").toUtf8()
-                : contentOf(text("CertFile")).value_or(QByteArray());
-        chain = QSslCertificate::fromData(pem, QSsl::Pem);
+        chain = QSslCertificate::fromData(certificateText(), QSsl::Pem);
     }
     if (chain.size() > 1 && !chain.first().isNull())
         settings.base.setLocalCertificateChain(chain);

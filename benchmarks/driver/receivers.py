@@ -23,6 +23,10 @@ TITLES = {EPOLL: "bare epoll", OPENSSL: "bare OpenSSL", QT: "stock Qt", INPUTHOS
           OWN: "inputhost, own engine"}
 
 
+# Opening thousands of TLS connections takes longer than the default on a busy machine.
+IDLE_TIMEOUT_SECONDS = 3600
+
+
 @dataclasses.dataclass(frozen=True)
 class Tls:
     """How a receiver and its devices speak TLS."""
@@ -84,6 +88,8 @@ def _command(build, name, port, certificates, tls, one_thread):
     if name == QT:
         return [build / "benchmarks/qtsink", port, *files]
     settings = {"threadpoolSize": 1} if one_thread else {}
+    if tls:
+        settings["timeout"] = IDLE_TIMEOUT_SECONDS
     engine = {}
     if tls and name == OWN:
         # Not strict: a library without the engine ignores the keys. has_own_engine() tells of it.

@@ -13,7 +13,7 @@ import tempfile
 
 from harness.certificates import Certificates
 from harness.devices import Devices
-from harness.hosts import Host
+from harness.hosts import Host, knows_tls_keys
 from harness.processes import exit_on_sigterm
 
 PROGRAM = "benchmarks/hostthread"  # in a build folder
@@ -32,6 +32,9 @@ def main():
         certificates = Certificates(pathlib.Path(folder))
         if arguments.elliptic:
             certificates = certificates.elliptic()
+        for engine in set(arguments.engines.split(",")) - {"default"}:
+            if not knows_tls_keys(arguments.build, certificates, engine=engine):
+                print(f"note: '{engine}' is the default: this library has no such engine")
         variants = itertools.product(arguments.engines.split(","), arguments.workers.split(","),
                                      map(int, arguments.cores.split(",")))
         for engine, workers, cores in variants:

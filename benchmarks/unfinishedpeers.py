@@ -25,7 +25,7 @@ CASES = {"none": 0, "silent": 12_000, "slow-hello": 5_000, "whole-hello": 3_000,
 GOOD_INTERVAL = 0.25
 POLL_SECONDS = 0.001
 LONGEST_WAIT = 30
-FILL_SECONDS = 4  # until all peers have connected
+CONNECTS_A_SECOND = 5_000  # of the program
 HEAD = ("Case", "good devices", "failed", "median, ms", "99 %, ms", "longest, ms",
         "host's CPU, s/s", "most resident, MiB", "connected", "closed by the host", "KeyUpdates")
 
@@ -64,7 +64,7 @@ def measure(arguments, certificates, name):
         if count:
             peers = stack.enter_context(
                 Process([arguments.build / PROGRAM, name, host.port, count]))
-            time.sleep(FILL_SECONDS)
+            time.sleep(count / CONNECTS_A_SECOND + 1)
         memory = MemoryWatch(host)
         stack.callback(memory.end)
         good = GoodDevices(host, certificates, out.name)

@@ -289,7 +289,9 @@ void Context::setVerification(const QSslConfiguration &base)
 
 void Context::setTickets(bool wanted)
 {
-    SSL_CTX_set_session_cache_mode(context.get(), SSL_SESS_CACHE_OFF);
+    // With TLS 1.2 a session has an id, as with Qt, but nothing is kept to resume it.
+    SSL_CTX_set_session_cache_mode(context.get(),
+                                   SSL_SESS_CACHE_SERVER | SSL_SESS_CACHE_NO_INTERNAL);
     if (!wanted) {
         SSL_CTX_set_options(context.get(), SSL_OP_NO_TICKET);
         SSL_CTX_set_num_tickets(context.get(), 0);

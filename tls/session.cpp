@@ -225,6 +225,7 @@ bool Session::verifyPeer()
     if (report.errors.isEmpty() || !context->verifiesPeer())
         return true;
     report.failure = report.errors.constFirst().errorString();
+    outgoing.clear(); // as with Qt, a peer with TLS 1.2 does not see the handshake end
     return false;
 }
 

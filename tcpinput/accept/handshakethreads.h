@@ -43,6 +43,8 @@ public:
     // Closes all connections whose handshake was not reported. Waits until the threads have ended:
     // each first finishes the step in hand.
     void drop();
+    // How often that was called.
+    quint64 drops() const { return generation; }
 
 private:
     struct Place;

@@ -189,8 +189,9 @@ void SslServer::settle(HandshakeResult &result)
     case Outcome::Done: {
         count(TlsHandshake::Outcome::Done, result.ns);
         const QPointer<SslServer> self(this);
+        const quint64 before = threads.drops();
         tell(result);
-        if (self)
+        if (self && threads.drops() == before)
             enqueue({nullptr, std::move(result.session), std::move(result.descriptor),
                      std::move(result.acceptance)});
         return;

@@ -36,7 +36,7 @@ void Decryption::endTurn(int descriptor)
 
 void Decryption::end(int descriptor)
 {
-    if (!isBroken())
+    if (!isOver())
         session->close();
     send(descriptor);
 }

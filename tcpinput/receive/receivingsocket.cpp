@@ -136,8 +136,11 @@ qintptr ReceivingSocket::socketDescriptor() const
     return state() == ConnectedState ? descriptor() : -1;
 }
 
+// A peer that has ended the connection itself gets no answer, as with Qt.
 void ReceivingSocket::disconnectFromHost()
 {
+    if (encryption && state() == ConnectedState)
+        encryption->end(descriptor());
     disconnectNow();
 }
 
@@ -180,6 +183,8 @@ bool ReceivingSocket::Notifier::event(QEvent *event)
 
 void ReceivingSocket::receive()
 {
+    if (encryption && encryption->hasRest()) // comes first, and must not grow
+        return goOn();
     const qsizetype atOnce = room(ReceiveBytes);
     if (atOnce == 0)
         return reader->noRoom();
@@ -374,8 +379,6 @@ void ReceivingSocket::disconnectNow()
     if (state() != ConnectedState)
         return;
     notifier.setEnabled(false);
-    if (encryption)
-        encryption->end(descriptor());
     ::close(descriptor());
     setSocketState(UnconnectedState);
     Q_EMIT stateChanged(UnconnectedState);

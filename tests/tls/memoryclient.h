@@ -119,7 +119,7 @@ private:
     static int noteTicket(SSL *ssl, SSL_SESSION *session)
     {
         auto *const self = static_cast<MemoryClient *>(SSL_get_app_data(ssl));
-        ++self->tickets;
+        self->tickets += SSL_SESSION_has_ticket(session);
         self->latest.reset(session, SSL_SESSION_free);
         return 1; // it is ours now
     }

@@ -124,13 +124,16 @@ void tst_TlsEndings::waitingConnectionsEndWithTheServer()
 
 void tst_TlsEndings::stopsFromInsideAHandshake()
 {
+    QFETCH_GLOBAL(QString, engine);
     start();
     connect(&server(), &QSslServer::startedEncryptionHandshake, plugin.get(),
             [this] { plugin->stop(); });
     bool ended = false;
     QVERIFY(play([&] {
         TlsDevice device(TLS1_3_VERSION);
-        ended = device.connect(testAddress(), port) && !device.handshake() && device.waitForEnd();
+        // Our own engine tells of the beginning when the handshake is over.
+        ended = device.connect(testAddress(), port)
+                && (!device.handshake() || engine == QLatin1String("own")) && device.waitForEnd();
     }));
     QVERIFY(ended);
     QTRY_COMPARE(handshakes(), 0);

@@ -225,8 +225,8 @@ void SslServer::tell(const HandshakeResult &result)
     auto *const socket = new TlsSocket; // receivers may keep it until the next pass
     socket->replacePeer(result.acceptance.endpoints);
     const QPointer<SslServer> self(this);
-    const auto emitSafely = [self](auto emission) {
-        if (self)
+    const auto emitSafely = [self, before = threads.drops()](auto emission) {
+        if (self && self->threads.drops() == before) // nothing once it was closed
             emission(*self);
     };
     if (tellsBegin)

@@ -211,8 +211,7 @@ bool InputHost::renewCertificates()
         return false;
     if (answer == CertificateRenewal::Answer::Refused)
         CWRN(QtWarningMsg, QStringLiteral("Certificates not changed"));
-    else
-        noteCertificates(withDefaults(configuration));
+    noteCertificates(withDefaults(configuration));
     return true;
 }
 

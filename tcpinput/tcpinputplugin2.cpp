@@ -102,7 +102,7 @@ void TcpInputPlugin2::fill(CountersEvent &question)
         counters.paused = static_cast<quint64>(budget->paused.load());
 }
 
-// Whatever else has changed in the configuration waits for the next start().
+// Whatever else than "ssl" has changed in the configuration waits for the next start().
 CertificateRenewal::Answer TcpInputPlugin2::renewCertificates()
 {
     if (destroying || !servers.tls.isListening())

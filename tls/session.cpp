@@ -6,6 +6,7 @@
 #include "tls/context.h"
 #include "tls/errors.h"
 
+#include <QtCore/QDateTime>
 #include <QtNetwork/QSslCertificate>
 #include <QtNetwork/QSslSocket>
 
@@ -162,6 +163,8 @@ int Session::interruptAtError(int good, x509_store_ctx_st *certificate)
 
 void Session::feed(QByteArrayView received)
 {
+    if (received.isEmpty())
+        return;
     if (!fed.isEmpty()) {
         kept = fed.toByteArray().append(received);
         received = kept;
@@ -189,7 +192,8 @@ Session::Step Session::handshake()
         error = SSL_get_error(ssl.get(), result);
     } while (error == SSL_ERROR_WANT_READ && !fed.isEmpty() && fed.size() < before);
 
-    const auto chain = begun->found.isEmpty() ? QList<QSslCertificate>() : chainOf(ssl.get());
+    const bool hasNews = begun->found.size() > begun->told;
+    const auto chain = hasNews ? chainOf(ssl.get()) : QList<QSslCertificate>();
     for (const Handshake::Error &each : std::as_const(begun->found).sliced(begun->told))
         begun->report.peerErrors += errorFrom(each.code, chain.value(each.depth));
     begun->told = begun->found.size();
@@ -222,11 +226,23 @@ bool Session::verifyPeer()
         tell(QSslError(QSslError::NoPeerCertificate));
     for (const Handshake::Error &each : std::as_const(begun->found))
         report.errors += errorFrom(each.code, chain.value(each.depth));
+    if (isShown && SSL_session_reused(ssl.get()))
+        addErrorsOfResumed(chain.constFirst());
     if (report.errors.isEmpty() || !context->verifiesPeer())
         return true;
     report.failure = report.errors.constFirst().errorString();
     outgoing.clear(); // as with Qt, a peer with TLS 1.2 does not see the handshake end
     return false;
+}
+
+// OpenSSL verifies nothing then: the certificate is that of the ticket.
+void Session::addErrorsOfResumed(const QSslCertificate &shown)
+{
+    QList<QSslError> &errors = begun->report.errors;
+    if (const long code = SSL_get_verify_result(ssl.get()); code != X509_V_OK)
+        errors += errorFrom(static_cast<int>(code), shown);
+    else if (shown.expiryDate() < QDateTime::currentDateTimeUtc())
+        errors += QSslError(QSslError::CertificateExpired, shown);
 }
 
 Session::Step Session::fail(const QString &why)

@@ -76,7 +76,12 @@ public:
     // Bytes for the peer.
     const QByteArray &unsent() const { return outgoing; }
     // The first of them were sent.
-    void sent(qsizetype size) { outgoing.remove(0, size); }
+    void sent(qsizetype size)
+    {
+        outgoing.remove(0, size);
+        if (outgoing.isEmpty())
+            outgoing = {}; // without its memory
+    }
 
     // Callbacks of OpenSSL while it verifies: they note the error and go on, or interrupt the
     // handshake.
@@ -101,6 +106,7 @@ private:
 
     Step fail(const QString &why);
     bool verifyPeer();
+    void addErrorsOfResumed(const QSslCertificate &shown);
 
     const std::shared_ptr<const Context> context;
     std::unique_ptr<Handshake> begun; // until the handshake is over

@@ -118,7 +118,13 @@ void Handshaker::makeRoom(int mostOpen)
             return a.open.front()->progress > b.open.front()->progress;
         };
         const Peers &most = *std::max_element(peers.cbegin(), peers.cend(), goesFirst);
-        end(*most.open.front(), Outcome::Crowded);
+        // One whose bytes are here waits for this thread, and is not to blame.
+        const auto idle = std::find_if(most.open.begin(), most.open.end(), [](const Open *each) {
+            return !each->ready && !hasUnread(each->descriptor.get());
+        });
+        if (idle == most.open.end())
+            return;
+        end(**idle, Outcome::Crowded);
     }
 }
 

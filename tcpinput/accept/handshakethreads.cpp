@@ -7,12 +7,6 @@
 
 #include <utility>
 
-namespace {
-
-constexpr int MostOpen = 4096; // in all threads
-
-} // namespace
-
 //! A handshaker and its thread.
 struct HandshakeThreads::Place
 {
@@ -68,6 +62,10 @@ HandshakeThreads::Place &HandshakeThreads::next()
 
     latest = places.size();
     auto thread = WorkerThread::make();
+    if (thread)
+        thread->start();
+    if (thread && !thread->isRunning()) // the system has refused it
+        thread.reset();
     if (!thread && !places.empty()) {
         latest = 0;
         return places.front();
@@ -81,7 +79,6 @@ HandshakeThreads::Place &HandshakeThreads::next()
     });
     if (thread) {
         place.handshaker->moveToThread(thread.get());
-        thread->start();
         place.thread = std::move(thread);
     }
     places.push_back(std::move(place));

@@ -7,6 +7,7 @@
 
 #include <QtCore/QObject>
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -40,6 +41,8 @@ public:
                std::shared_ptr<const tls::Context> context, int timeoutMs);
     // Begun, and not reported.
     qsizetype open() const { return opened; }
+    // How many of them are too many: those to be closed for them have sent what waits here.
+    qsizetype excess() const { return std::max<qsizetype>(opened - MostOpen, 0); }
     // Closes all connections whose handshake was not reported. Waits until the threads have ended:
     // each first finishes the step in hand.
     void drop();
@@ -47,6 +50,8 @@ public:
     quint64 drops() const { return generation; }
 
 private:
+    static constexpr int MostOpen = 4096; // in all threads
+
     struct Place;
 
     Place &next();

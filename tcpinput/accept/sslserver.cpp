@@ -45,7 +45,10 @@ void announceAgain(QSslSocket *socket)
 
 SslServer::SslServer(QObject *parent)
     : AcceptingServer(parent,
-                      [this] { return openHandshakes + waiting.size() + proxies.waiting(); }),
+                      [this] {
+                          return openHandshakes + threads.excess() + waiting.size()
+                                  + proxies.waiting();
+                      }),
       threads([this](HandshakeResult &result) { settle(result); })
 {
     // For receivers of its signals with a queued connection.

@@ -33,6 +33,8 @@ public:
 
     // Records were left to the next turn: too many that carry no data came in this one.
     bool hasRest() const { return session->hasRest() && !isOver(); }
+    // What was answered could not be sent yet.
+    bool hasUnsent() const { return !session->unsent().isEmpty(); }
     // Nothing more can be read: the peer has ended TLS, or it is broken.
     bool isOver() const { return session->isClosed() || isBroken(); }
     bool isBroken() const { return session->isBroken() || flooded; }

@@ -52,6 +52,12 @@ private:
     QByteArray buffer;
 };
 
+// Whether a call may work the next time.
+bool isTemporary(int error)
+{
+    return error == EAGAIN || error == EINTR;
+}
+
 } // namespace
 
 ReceivingSocket::ReceivingSocket(qintptr descriptor, const Endpoints &known,
@@ -60,7 +66,7 @@ ReceivingSocket::ReceivingSocket(qintptr descriptor, const Endpoints &known,
 {
     if (session)
         encryption.emplace(std::move(session));
-    if (encryption && encryption->hasRest())
+    if (encryption && (encryption->hasRest() || encryption->hasUnsent()))
         goOnLater();
     setLocalAddress(known.local);
     setLocalPort(known.localPort);
@@ -81,22 +87,38 @@ ReceivingSocket::~ReceivingSocket()
 
 bool ReceivingSocket::waitForReadyRead(int msecs)
 {
-    if (encryption && encryption->hasRest())
-        goOn();
+    if (encryption)
+        return waitForDecrypted(msecs);
     if (state() != ConnectedState || !waitForNews(msecs))
         return false;
-    if (encryption) {
-        const qsizetype before = unread.size();
-        receive();
-        return unread.size() > before;
-    }
     QByteArray all = receiveOn({}, bytesInKernel()); // not what comes meanwhile
     const bool came = !all.isEmpty();
     if (came)
         handOutBlock(std::move(all));
     else
-        receive(); // no bytes: it can only be the end
+        receive(1); // no bytes: it can only be the end
     return came;
+}
+
+bool ReceivingSocket::waitForDecrypted(int msecs)
+{
+    const qsizetype before = unread.size();
+    const auto useRest = [this] {
+        while (state() == ConnectedState && encryption->hasRest())
+            goOn();
+    };
+    useRest();
+    if (state() != ConnectedState || !waitForNews(msecs))
+        return unread.size() > before;
+    qsizetype left = std::max<qsizetype>(bytesInKernel(), 1); // not what comes meanwhile
+    while (state() == ConnectedState && left > 0) {
+        const qsizetype size = receive(left);
+        if (size == 0)
+            break;
+        left -= size;
+        useRest();
+    }
+    return unread.size() > before;
 }
 
 EndReason ReceivingSocket::endReason() const
@@ -177,43 +199,50 @@ bool ReceivingSocket::Notifier::event(QEvent *event)
 {
     if (event->type() != QEvent::SockAct)
         return QSocketNotifier::event(event);
-    receiver.receive();
+    receiver.receive(MostBytesPerTurn);
     return true;
 }
 
-void ReceivingSocket::receive()
+// Returns how many bytes it took from the kernel, at most as many.
+qsizetype ReceivingSocket::receive(qsizetype most)
 {
-    if (encryption && encryption->hasRest()) // comes first, and must not grow
-        return goOn();
-    const qsizetype atOnce = room(ReceiveBytes);
-    if (atOnce == 0)
-        return reader->noRoom();
+    if (encryption && encryption->hasRest()) { // comes first, and must not grow
+        goOn();
+        return 0;
+    }
+    const qsizetype atOnce = room(std::min(ReceiveBytes, most));
+    if (atOnce == 0) {
+        reader->noRoom();
+        return 0;
+    }
     ThreadBuffer<ReceiveBytes> buffer;
     const ssize_t size =
             ::recv(descriptor(), buffer.data(), static_cast<std::size_t>(atOnce), MSG_DONTWAIT);
-    if (size > 0) {
-        receiveAll(buffer.data(), size);
-    } else if (size == 0 || (errno != EAGAIN && errno != EINTR)) {
-        readError = size < 0 ? errno : 0;
+    if (size > 0)
+        return receiveAll(buffer.data(), size, most);
+    if (size == 0 || !isTemporary(errno)) {
+        readError = size < 0 ? errno : readError;
         endByPeer(RemoteHostClosedError, QStringLiteral("The remote host closed the connection"));
     } else if (reader) {
         reader->nothingCame();
     }
+    return 0;
 }
 
 // buffer: of ReceiveBytes; has the received bytes. If it is full, more is waiting.
-void ReceivingSocket::receiveAll(char *buffer, qsizetype received)
+qsizetype ReceivingSocket::receiveAll(char *buffer, qsizetype received, qsizetype most)
 {
     const bool isFull = received == ReceiveBytes;
     const QByteArrayView first(buffer, received);
     if (encryption && isFull)
-        decryptAll(buffer, received, MostBytesPerTurn);
-    else if (encryption)
+        return decryptAll(buffer, received, most);
+    if (encryption)
         decrypt(first);
     else if (isFull)
-        handOutBlock(receiveOn(first, MostBytesPerTurn));
+        handOutBlock(receiveOn(first, most));
     else
         handOut(first);
+    return received;
 }
 
 void ReceivingSocket::decrypt(QByteArrayView received)
@@ -231,7 +260,7 @@ void ReceivingSocket::decrypt(QByteArrayView received)
 
 // Goes on receiving until the kernel has nothing left. Each part is decrypted while it is in the
 // processor's cache.
-void ReceivingSocket::decryptAll(char *buffer, qsizetype received, qsizetype most)
+qsizetype ReceivingSocket::decryptAll(char *buffer, qsizetype received, qsizetype most)
 {
     QByteArray plain = InputBuffer::emptyBlock(received + bytesInKernel() + RecordBytes);
     qsizetype total = 0;
@@ -246,14 +275,20 @@ void ReceivingSocket::decryptAll(char *buffer, qsizetype received, qsizetype mos
         plain.truncate(before + more);
         isFull = more == space;
         total += size;
-        const qsizetype next =
-                encryption->isOver() ? 0 : room(std::min(ReceiveBytes, most - total));
+        const bool mayGoOn = !encryption->isOver() && !encryption->hasRest();
+        const qsizetype next = mayGoOn ? room(std::min(ReceiveBytes, most - total)) : 0;
         if (next == 0)
             break;
         size = ::recv(descriptor(), buffer, static_cast<std::size_t>(next), MSG_DONTWAIT);
+        if (size < 0 && !isTemporary(errno))
+            readError = errno; // the kernel tells it only once
     } // an end is noticed at the next notification
-    handOutBlock(std::move(plain));
+    if (!plain.isEmpty())
+        handOutBlock(std::move(plain));
+    else if (reader)
+        reader->nothingCame();
     endTurn(isFull);
+    return total;
 }
 
 // hasMore: decrypted bytes are left. The reader may have paused the connection, or ended it.

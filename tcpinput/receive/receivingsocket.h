@@ -80,10 +80,11 @@ private:
         ReceivingSocket &receiver;
     };
 
-    void receive();
-    void receiveAll(char *buffer, qsizetype received);
+    bool waitForDecrypted(int msecs);
+    qsizetype receive(qsizetype most);
+    qsizetype receiveAll(char *buffer, qsizetype received, qsizetype most);
     void decrypt(QByteArrayView received);
-    void decryptAll(char *buffer, qsizetype received, qsizetype most);
+    qsizetype decryptAll(char *buffer, qsizetype received, qsizetype most);
     void endTurn(bool hasMore);
     void goOnLater();
     void goOn();

@@ -462,7 +462,8 @@ void tst_NestedLoops::handshakesOfOthers()
     WAIT_FOR(peer.state() == QAbstractSocket::ConnectedState);
     peer.write(QByteArray("\x16") + QByteArray(100, 'x'));
     WAIT_FOR(LoopInALine::hasEnded());
-    QCOMPARE(left, 1); // its own
+    QFETCH_GLOBAL(QString, engine);
+    QCOMPARE(left, engine == QLatin1String("own") ? 0 : 1); // its own, until the line is written
     WAIT_FOR(handshakes() == 0);
 }
 

@@ -47,6 +47,14 @@ public:
             SSL_set_session(ssl.get(), resumed);
     }
 
+    // Shows a certificate. name: of its files.
+    void show(const QString &name)
+    {
+        const QByteArray file = certificateFile(name).toLocal8Bit();
+        SSL_use_certificate_file(ssl.get(), file + ".pem", SSL_FILETYPE_PEM);
+        SSL_use_PrivateKey_file(ssl.get(), file + ".key", SSL_FILETYPE_PEM);
+    }
+
     // Goes on with the handshake. True when it is done.
     bool handshake() { return SSL_do_handshake(ssl.get()) == 1; }
     // What it has to say, as bytes of TLS.

@@ -20,6 +20,8 @@ private Q_SLOTS:
     void endAfterTwoHours_data() { addVersions(); }
     void endAfterTwoHours();
     void ofOthersAreUnknown();
+    void doNotReplaceCertificates_data();
+    void doNotReplaceCertificates();
 
 private:
     static void addVersions();
@@ -105,6 +107,40 @@ void tst_Tickets::ofOthersAreUnknown()
     client.start(client.resumable().get());
     QVERIFY(connects(client));
     QVERIFY(!SSL_session_reused(client.handle()));
+}
+
+void tst_Tickets::doNotReplaceCertificates_data()
+{
+    QTest::addColumn<int>("version");
+    QTest::addColumn<QString>("certificate");
+    QTest::addColumn<bool>("accepted");
+    for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
+        for (const char *name : {"client", "client-foreign", "client-expired", "self-signed"})
+            QTest::addRow("TLS 1.%d, %s", version - TLS1_VERSION, name)
+                    << version << QString::fromLatin1(name) << (qstrcmp(name, "client") == 0);
+    }
+}
+
+// A device whose certificate is refused may still have got a ticket, and may come back with it.
+void tst_Tickets::doNotReplaceCertificates()
+{
+    QFETCH(int, version);
+    QFETCH(QString, certificate);
+    QFETCH(bool, accepted);
+    tls::Settings settings = serverSettings();
+    settings.sessionTickets = true;
+    settings.base.setPeerVerifyMode(QSslSocket::VerifyPeer);
+    settings.base.setCaCertificates(
+            {QSslCertificate(certificateText(QStringLiteral("ca.pem")).toLatin1(), QSsl::Pem)});
+    context = std::make_shared<tls::Context>(settings);
+    MemoryClient client(version);
+    client.show(certificate);
+    QCOMPARE(connects(client), accepted);
+    const auto resumed = client.resumable();
+    if (!resumed)
+        return;
+    client.start(resumed.get());
+    QCOMPARE(connects(client), accepted);
 }
 
 QTEST_GUILESS_MAIN(tst_Tickets)

@@ -37,6 +37,8 @@ private Q_SLOTS:
     void peerGoneBeforeTheHandOver();
     void closeNotifyEndsTheConnection_data();
     void closeNotifyEndsTheConnection();
+    void bytesBehindManyKeyChanges_data();
+    void bytesBehindManyKeyChanges();
     void acceptsAgainWithNewDescriptors();
 };
 
@@ -208,6 +210,51 @@ void tst_TlsEndings::closeNotifyEndsTheConnection_data()
 }
 
 // The device keeps TCP open. It would not wait as long as the idle time-out.
+void tst_TlsEndings::bytesBehindManyKeyChanges_data()
+{
+    QTest::addColumn<int>("changes");
+    QTest::addColumn<bool>("withinTheHandshake"); // sent together with its last flight
+    for (const int changes : {1, 40, 200, 4000}) {
+        QTest::addRow("%d, later", changes) << changes << false;
+        QTest::addRow("%d, at once", changes) << changes << true;
+    }
+}
+
+// A device may change its keys, but not do only that: others have the thread in between. Nothing is
+// lost, not even if the end is there already.
+void tst_TlsEndings::bytesBehindManyKeyChanges()
+{
+    constexpr int MostInARow = 900;
+    QFETCH(int, changes);
+    QFETCH(bool, withinTheHandshake);
+    start();
+    int sent = 0;
+    bool ended = false;
+    QVERIFY(play([&] {
+        TlsDevice device(TLS1_3_VERSION);
+        if (!device.connect(testAddress(), port) || !device.handshake())
+            return;
+        if (!withinTheHandshake)
+            device.flush();
+        for (int i = 0; i < changes; ++i) {
+            SSL_key_update(device.native(), SSL_KEY_UPDATE_NOT_REQUESTED);
+            SSL_do_handshake(device.native());
+            if (i % MostInARow == 0) {
+                device.write("x");
+                ++sent;
+            }
+        }
+        device.write(QByteArray(1000, 'y'));
+        sent += 1000;
+        device.writeCloseNotify();
+        device.flush();
+        device.socket.finish();
+        ended = device.waitForEnd();
+    }));
+    QVERIFY(ended);
+    QTRY_COMPARE_WITH_TIMEOUT(logged(text("(received %1 bytes,").arg(sent)), 1, LoadHangGuardMs);
+}
+
 void tst_TlsEndings::closeNotifyEndsTheConnection()
 {
     QFETCH(int, version);

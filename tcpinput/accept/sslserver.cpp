@@ -228,8 +228,8 @@ void SslServer::tell(const HandshakeResult &result)
     auto *const socket = new TlsSocket; // receivers may keep it until the next pass
     socket->replacePeer(result.acceptance.endpoints);
     const QPointer<SslServer> self(this);
-    const auto emitSafely = [self, before = threads.drops()](auto emission) {
-        if (self && self->threads.drops() == before) // nothing once it was closed
+    const auto emitSafely = [self](auto emission) {
+        if (self)
             emission(*self);
     };
     if (tellsBegin)

@@ -90,7 +90,7 @@ def _command(build, name, port, certificates, tls, one_thread):
     settings = {"threadpoolSize": 1} if one_thread else {}
     if tls:
         settings["timeout"] = IDLE_TIMEOUT_SECONDS
-    engine = {}
+    engine = {"engine": "qt"} if tls else {}
     if tls and name == OWN:
         # Not strict: a library without the engine ignores the keys. has_own_engine() tells of it.
         settings["strict"] = "false"

@@ -97,7 +97,7 @@ void tst_TlsPrograms::startHost(const QStringList &arguments)
             QStringList{text("--plugin"), text(PLUGIN_FILE), text("--set"),
                         text("ipAddr=") + testAddress().toString(), text("--set"),
                         text("port=%1").arg(port), text("--set"),
-                        text("ssl=") + QString::fromUtf8(tls), text("--set"), text("strict=false")}
+                        text("ssl=") + QString::fromUtf8(tls)}
                     + arguments);
     QByteArray log;
     QTRY_VERIFY2_WITH_TIMEOUT((log += host->process.readAllStandardError()).contains("Listening"),

@@ -92,13 +92,13 @@ void tst_TlsPrograms::startHost(const QStringList &arguments)
     QFETCH_GLOBAL(QString, engine);
     const QByteArray tls =
             QJsonDocument(withEngine(serverTls(), engine)).toJson(QJsonDocument::Compact);
-    host = std::make_unique<Program>(
-            text(INPUTHOST_FILE),
-            QStringList{text("--plugin"), text(PLUGIN_FILE), text("--set"),
-                        text("ipAddr=") + testAddress().toString(), text("--set"),
-                        text("port=%1").arg(port), text("--set"),
-                        text("ssl=") + QString::fromUtf8(tls)}
-                    + arguments);
+    host = std::make_unique<Program>(text(INPUTHOST_FILE),
+                                     QStringList{text("--plugin"), text(PLUGIN_FILE), text("--set"),
+                                                 text("ipAddr=") + testAddress().toString(),
+                                                 text("--set"), text("port=%1").arg(port),
+                                                 text("--set"),
+                                                 text("ssl=") + QString::fromUtf8(tls)}
+                                             + arguments);
     QByteArray log;
     QTRY_VERIFY2_WITH_TIMEOUT((log += host->process.readAllStandardError()).contains("Listening"),
                               log.constData(), HangGuardMs);

@@ -5,13 +5,11 @@
 
 #include "plugin/cwrn.h"
 #include "plugin/subids.h"
+#include "tcpinput/renewal.h"
 #include "tcpinput/workers/threadid.h"
 #include "tcpinput/workers/workerthread.h"
-#include "tls/context.h"
 
 #include <QtCore/QCoreApplication>
-
-#include <algorithm>
 
 namespace {
 
@@ -81,57 +79,23 @@ bool TcpInputPlugin2::event(QEvent *event)
     if (event->type() == QEvent::DeferredDelete && destroying)
         return true;
     if (auto *question = CountersEvent::from(event)) {
-        fill(*question);
+        if (question->hasLayout(CountersEvent::Layout))
+            fill(question->answer().emplace());
         return true;
     }
     if (auto *request = CertificateRenewal::from(event)) {
-        request->answer(renewCertificates());
+        request->answer(renewCertificates(servers.tls, configuration, config, pluginId));
         return true;
     }
     return IInputPlugin::event(event);
 }
 
-void TcpInputPlugin2::fill(CountersEvent &question)
+void TcpInputPlugin2::fill(InputCounters &counters)
 {
-    if (!question.hasLayout(CountersEvent::Layout))
-        return;
-    InputCounters &counters = question.answer().emplace();
     servers.addTo(counters);
     pool.addTo(counters);
     if (const auto &budget = configuration.serving.budget)
         counters.paused = static_cast<quint64>(budget->paused.load());
-}
-
-// Whatever else than "ssl" has changed in the configuration waits for the next start().
-CertificateRenewal::Answer TcpInputPlugin2::renewCertificates()
-{
-    if (destroying || !servers.tls.isListening())
-        return refuseCertificates(QStringLiteral("no TLS server listens"));
-    Configuration fresh = configuration;
-    if (!Configuration::check(config, pluginId) || !fresh.apply(config, pluginId) || !fresh.tls)
-        return refuseCertificates(QStringLiteral("the configuration is not good"));
-    // Also for Qt's engine, which would tell it with each connection.
-    if (const QString failure = tls::Context(*fresh.tls).failure(); !failure.isEmpty())
-        return refuseCertificates(failure);
-    if (fresh.tls->base.localCertificate().isNull())
-        return refuseCertificates(QStringLiteral("there is no certificate"));
-    configuration.tls = fresh.tls;
-    servers.tls.setUp(*configuration.tls, handshakeThreads(configuration));
-    CWRN(QtInfoMsg, QStringLiteral("TcpInputPlugin2(%1): New certificates are in use"), pluginId);
-    return CertificateRenewal::Answer::Renewed;
-}
-
-CertificateRenewal::Answer TcpInputPlugin2::refuseCertificates(const QString &why) const
-{
-    CWRN(QtWarningMsg, QStringLiteral("TcpInputPlugin2(%1): New certificates are not used: %2"),
-         pluginId, why);
-    return CertificateRenewal::Answer::Refused;
-}
-
-// No more than there are processors: a handshake waits for nothing but the peer.
-int TcpInputPlugin2::handshakeThreads(const Configuration &used)
-{
-    return std::min(used.poolSize, QThread::idealThreadCount());
 }
 
 void TcpInputPlugin2::drop(int len)
@@ -154,9 +118,7 @@ bool TcpInputPlugin2::start()
              pluginId);
         return false;
     }
-    servers.setServing(used.serving);
-    servers.setProxyRule(used.proxies);
-    servers.setLimits(used.accepting);
+    servers.setUp(used.serving, used.proxies, used.accepting);
     connTemplate.setLocalAddress(used.address);
     connTemplate.setLocalPort(used.port);
 
@@ -178,11 +140,11 @@ void TcpInputPlugin2::listenTcp(const Configuration &used)
 {
     CWRN(QtInfoMsg, QStringLiteral("TcpInputPlugin2(%1): Starting TCP server on port %2"), pluginId,
          used.port);
+    constexpr auto Handle = &TcpInputPlugin2::handleConnection;
     if (servers.tcp.announcesEach())
-        connect(&servers.tcp, &QTcpServer::pendingConnectionAvailable, this,
-                &TcpInputPlugin2::handleConnection);
+        connect(&servers.tcp, &QTcpServer::pendingConnectionAvailable, this, Handle);
     else
-        connect(&servers.tcp, &QTcpServer::newConnection, this, &TcpInputPlugin2::handleConnection);
+        connect(&servers.tcp, &QTcpServer::newConnection, this, Handle);
     servers.tcp.listen(used.address, used.port);
 }
 
@@ -190,8 +152,7 @@ void TcpInputPlugin2::listenTls(const Configuration &used)
 {
     CWRN(QtInfoMsg, QStringLiteral("TcpInputPlugin2(%1): Starting SSL server on port %2"), pluginId,
          used.port);
-    if (used.tls)
-        servers.tls.setUp(*used.tls, handshakeThreads(used));
+    setUpTls(servers.tls, used);
     connect(&servers.tls, &QTcpServer::pendingConnectionAvailable, this,
             &TcpInputPlugin2::handleConnection);
     connect(&servers.tls, &QSslServer::errorOccurred, this, &TcpInputPlugin2::socketError);
@@ -269,9 +230,8 @@ void TcpInputPlugin2::socketError(QSslSocket *socket, QAbstractSocket::SocketErr
 
 void TcpInputPlugin2::threadFinished()
 {
-    if (draining) // the plugin is being destroyed
-        return;
-    CWRN(QtDebugMsg, QStringLiteral("  -- TI2: thread finished"));
+    if (!draining) // the plugin is not being destroyed
+        CWRN(QtDebugMsg, QStringLiteral("  -- TI2: thread finished"));
 }
 
 void TcpInputPlugin2::handleConnection()

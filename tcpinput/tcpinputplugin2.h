@@ -3,7 +3,6 @@
 
 #pragma once
 
-#include "plugin/certificaterenewal.h"
 #include "plugin/connection.h"
 #include "plugin/countersevent.h"
 #include "plugin/iinputplugin.h"
@@ -91,10 +90,7 @@ public Q_SLOTS:
 
 private:
     void initialise();
-    void fill(CountersEvent &question);
-    CertificateRenewal::Answer renewCertificates();
-    CertificateRenewal::Answer refuseCertificates(const QString &why) const;
-    static int handshakeThreads(const Configuration &used);
+    void fill(InputCounters &counters);
     WorkerPool makePool();
     void listenTcp(const Configuration &used);
     void listenTls(const Configuration &used);

@@ -26,20 +26,17 @@ public:
     AcceptGuard &guard() { return usesTls ? tls.guard : tcp.guard; }
     const ConnectionLimiter &limiter() const { return usesTls ? tls.limiter : tcp.limiter; }
 
-    void setServing(const Serving &value)
+    // For connections that are accepted from now on.
+    void setUp(const Serving &serving, const std::optional<ProxyRule> &rule,
+               const AcceptLimits &limits)
     {
-        tcp.setServing(value);
-        tls.setServing(value);
-    }
-    void setProxyRule(const std::optional<ProxyRule> &rule)
-    {
-        tcp.setProxyRule(rule);
-        tls.setProxyRule(rule);
-    }
-    void setLimits(const AcceptLimits &limits)
-    {
-        tcp.setLimits(limits);
-        tls.setLimits(limits);
+        const auto setUpOne = [&](auto &server) {
+            server.setServing(serving);
+            server.setProxyRule(rule);
+            server.setLimits(limits);
+        };
+        setUpOne(tcp);
+        setUpOne(tls);
         tls.setHandshakeTimeout(limits.handshakeTimeoutMs);
     }
     // Of both: another configuration may have used the other one.

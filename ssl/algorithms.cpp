@@ -64,8 +64,9 @@ bool tls::areGroups(const QByteArray &list)
 {
     const QuietErrors quiet;
     const Context context(SSL_CTX_new(TLS_server_method()));
+    QByteArray names = list; // OpenSSL's macro wants a char *
     return !list.split(Separator).contains(QByteArray())
-            && SSL_CTX_set1_groups_list(context.get(), list.constData()) == 1;
+            && SSL_CTX_set1_groups_list(context.get(), names.data()) == 1;
 }
 
 QList<QSslCipher> tls::ciphersFrom(const QByteArray &list)

@@ -16,7 +16,7 @@ namespace {
 QString faultOf(const Configuration &fresh)
 {
     // Also for Qt's engine, which would tell it with each connection.
-    const QString failure = tls::Context(*fresh.tls).failure();
+    QString failure = tls::Context(*fresh.tls).failure();
     if (failure.isEmpty() && fresh.tls->base.localCertificate().isNull())
         return QStringLiteral("there is no certificate");
     return failure;

@@ -213,9 +213,10 @@ QString Context::setGroups(const Settings &settings)
     const auto failed = [] {
         return QSslSocket::tr("Error when setting the elliptic curves (%1)").arg(takeErrors());
     };
-    if (!settings.groups.isEmpty())
-        return SSL_CTX_set1_groups_list(context.get(), settings.groups.constData()) ? QString()
-                                                                                    : failed();
+    if (!settings.groups.isEmpty()) {
+        QByteArray list = settings.groups; // OpenSSL's macro wants a char *
+        return SSL_CTX_set1_groups_list(context.get(), list.data()) ? QString() : failed();
+    }
     std::vector<int> curves;
     const auto wanted = settings.base.ellipticCurves();
     for (const QSslEllipticCurve &curve : wanted)

@@ -37,7 +37,7 @@ inline Key rsaKey()
 }
 inline Key ecKey()
 {
-    return Key(EVP_EC_gen("P-256"));
+    return Key(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"));
 }
 inline Key ed25519Key()
 {

@@ -174,12 +174,12 @@ void tst_TlsIdentity::groups()
     Plugin plugin(withTls({}, server));
     QVERIFY(plugin.start());
     TlsDevice device(TLS1_3_VERSION);
-    SSL_set1_groups_list(device.native(), list.section(u':', 0, 0).toLatin1().constData());
+    SSL_set1_groups_list(device.native(), list.section(u':', 0, 0).toLatin1().data());
     QVERIFY(serves(plugin, device));
     QCOMPARE(int(SSL_get_negotiated_group(device.native())), group);
 
     TlsDevice other(TLS1_3_VERSION);
-    SSL_set1_groups_list(other.native(), "X448");
+    SSL_set1_groups_list(other.native(), QByteArray("X448").data());
     QVERIFY(!sendOverTls(other, plugin, "refused"));
 }
 

@@ -4,6 +4,7 @@
 """The hosts under load: inputhost, which makes a new plugin when it reloads, and restartinghost,
 which stops and starts the one it has and keeps no free memory."""
 
+import os
 import time
 
 from harness.hosts import INPUTHOST, Host
@@ -12,7 +13,7 @@ from harness.processes import wait_until
 RESTARTINGHOST = "tests/soak/restartinghost"
 PROGRAMS = (INPUTHOST, RESTARTINGHOST)
 WORKERS = 4
-DESCRIPTORS_PER_WORKER = 2
+DESCRIPTORS_PER_THREAD = 2
 # Short, so that idle connections have ended at the next quiet point.
 IDLE_TIMEOUT_SECONDS = 8
 
@@ -28,8 +29,11 @@ class WatchedHost(Host):
                          settings={"timeout": IDLE_TIMEOUT_SECONDS, "threadpoolSize": WORKERS},
                          options=("--output", "count", "--log-level", "warning"))
         # What a host without connections has when all its workers have started.
-        self.level = {"descriptors": self.descriptors() + WORKERS * DESCRIPTORS_PER_WORKER,
-                      "threads": self.threads() + WORKERS}
+        more = WORKERS
+        if certificates and program == INPUTHOST:  # its handshakes have threads of their own
+            more += min(WORKERS, len(os.sched_getaffinity(0)))
+        self.level = {"descriptors": self.descriptors() + more * DESCRIPTORS_PER_THREAD,
+                      "threads": self.threads() + more}
         self._most_at_rest = self.level["descriptors"]
 
     def wait_for_end_of_connections(self, until):

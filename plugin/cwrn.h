@@ -28,19 +28,23 @@ public:
     template<class... Args>
     CWRN(QtMsgType level, const QString &format, Args &&...args)
     {
-        message.reserve(TimeLength + 1 + format.size() + LengthOfMostArguments);
+        message.reserve(front().size() + format.size() + LengthOfMostArguments);
+        message += front();
         message += format;
         (substitute(args), ...);
-        prependTime();
+        writeTime();
         // QDebug's destructor does the same; this saves its stream.
         qt_message_output(level, QMessageLogContext(), message);
     }
 
 private:
-    // Prepends the time as hh:mm:ss.zzz. Each thread caches the local time of its latest second:
-    // the conversion costs more than the rest of the line, and one short connection logs a dozen
-    // lines.
-    void prependTime()
+    // Where the time will stand.
+    static constexpr QLatin1String front() { return QLatin1String("hh:mm:ss.zzz "); }
+
+    // Writes the time in its place at the front. Each thread caches the local time of its latest
+    // second: the conversion costs more than the rest of the line, and one short connection logs a
+    // dozen lines.
+    void writeTime()
     {
         thread_local qint64 secondShown = -1;
         thread_local QTime time;
@@ -49,7 +53,6 @@ private:
             secondShown = now / 1000;
             time = QDateTime::fromMSecsSinceEpoch(now).time();
         }
-        message.prepend(QLatin1String("hh:mm:ss.zzz "));
         QChar *const digits = message.data();
         putDigits(digits, 2, time.hour());
         putDigits(digits + 3, 2, time.minute());
@@ -78,7 +81,7 @@ private:
     void substituteText(const QString &value)
     {
         if (!replaceSoleMarker(value))
-            message = message.arg(value);
+            substituteByQt(value);
     }
 
     template<class T>
@@ -89,7 +92,14 @@ private:
         char *const end = std::to_chars(std::begin(ascii), std::end(ascii), value).ptr;
         std::transform(ascii, end, text, [](char c) { return QLatin1Char(c); });
         if (!replaceSoleMarker(QStringView(text, end - ascii)))
-            message = message.arg(value);
+            substituteByQt(value);
+    }
+
+    // Qt's warning of a missing marker shows the text, without a time.
+    template<class T>
+    void substituteByQt(const T &value)
+    {
+        message = front() + message.sliced(front().size()).arg(value);
     }
 
     // Replaces the lowest marker in place, with the result that QString::arg() has. False for the
@@ -97,41 +107,37 @@ private:
     // or a non-ASCII character within two characters behind a '%'.
     bool replaceSoleMarker(QStringView value)
     {
-        constexpr QLatin1Char Percent('%');
-        qsizetype place = -1;
-        qsizetype length = 0;
+        const char16_t *const begin = QStringView(message).utf16();
+        const char16_t *const end = begin + message.size();
+        const char16_t *marker = nullptr;
+        const char16_t *behindMarker = nullptr;
         int lowest = 100;
-        for (qsizetype at = message.indexOf(Percent); at >= 0;
-             at = message.indexOf(Percent, at + 1)) {
-            const QStringView behind = QStringView(message).sliced(at + 1).first(
-                    qMin<qsizetype>(2, message.size() - at - 1));
-            const auto isOdd = [](QChar c) { return c.unicode() > 127 || c == QLatin1Char('L'); };
-            if (std::any_of(behind.begin(), behind.end(), isOdd))
+        for (const char16_t *at = std::find(begin + front().size(), end, u'%'); at != end;
+             at = std::find(at + 1, end, u'%')) {
+            const char16_t *const longest = at + 1 + qMin<qsizetype>(2, end - at - 1);
+            const auto isOdd = [](char16_t c) { return c > 127 || c == u'L'; };
+            if (std::any_of(at + 1, longest, isOdd))
                 return false;
-            const auto digits =
-                    static_cast<qsizetype>(std::find_if_not(behind.begin(), behind.end(),
-                                                            [](QChar c) { return c.isDigit(); })
-                                           - behind.begin());
-            if (digits == 0)
-                continue;
             int number = 0;
-            for (const QChar digit : behind.first(digits))
-                number = number * 10 + digit.digitValue();
+            const char16_t *digit = at + 1;
+            for (; digit != longest && *digit >= u'0' && *digit <= u'9'; ++digit)
+                number = number * 10 + (*digit - u'0');
+            if (digit == at + 1)
+                continue;
             if (number < lowest) {
                 lowest = number;
-                place = at;
-                length = 1 + digits;
+                marker = at;
+                behindMarker = digit;
             } else if (number == lowest) {
-                place = -1;
+                marker = nullptr;
             }
         }
-        if (place < 0)
+        if (!marker)
             return false;
-        message.replace(place, length, value.data(), value.size());
+        message.replace(marker - begin, behindMarker - marker, value.data(), value.size());
         return true;
     }
 
-    static constexpr qsizetype TimeLength = 12;
     static constexpr qsizetype LengthOfMostArguments = 100;
 
     QString message;

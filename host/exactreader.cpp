@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::size_t MaxClients = 100000; // unless their ends are told
 
-// A long offer is answered in parts while it is read. So a device that is held back because the
+// An offer that takes long to read is answered in parts. So a device that is held back because the
 // plugin's buffer is full can go on sending. A part is at least half of the bytes that are not
 // answered, and at least this many: after each answer the plugin offers the rest again, which may
 // copy it.
@@ -33,6 +33,7 @@ ExactReader::ExactReader(MessageWriter &messageWriter, Counters &total, const An
       answer(toOffers),
       givenMemory(memory),
       goAllowance(readingPace.ofOffer),
+      answerAfter(readingPace.ofAnswer.count()),
       queue(readingPace.ofTurn)
 {
     clock.start();
@@ -128,6 +129,7 @@ void ExactReader::open(Client &client)
     client.offer = exactOffers->open(*client.record, *client.place, pacedTime);
     client.used = 0;
     client.answered = 0;
+    client.answeredTime = clock.nsecsElapsed();
     client.origin = writer.originOf(*client.record);
     // Its first offer: what is read is consumed, so later offers have a position above 0.
     if (client.offer->position() == 0)
@@ -169,10 +171,14 @@ void ExactReader::answerOffer(Client &client, bool isRead)
 {
     const int length = exactOffers->consume(*client.offer, client.used, pacedTime);
     const qsizetype left = client.offer->fresh().size() - client.used;
-    const bool isDue = isRead || client.used - client.answered >= std::max(left, AnswerAfterBytes);
+    const qint64 now = clock.nsecsElapsed();
+    const bool isDue = isRead
+            || (client.used - client.answered >= std::max(left, AnswerAfterBytes)
+                && now - client.answeredTime >= answerAfter);
     if (length == 0 || !answering || !isDue)
         return;
     client.answered = client.used;
+    client.answeredTime = now;
     answer(length, client.record->getPluginSubId());
 }
 

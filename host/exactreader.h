@@ -27,6 +27,8 @@ struct Pace
     Allowance ofOffer = {256, 64 * 1024}; // one connection's go; takes about 0.1 ms
     // In a turn of the event loop: for all new records, and again for all connections that wait.
     std::chrono::nanoseconds ofTurn = std::chrono::milliseconds(5);
+    // A long offer is answered in parts only if it takes longer than that.
+    std::chrono::nanoseconds ofAnswer = std::chrono::milliseconds(50);
 };
 
 /*!
@@ -80,6 +82,7 @@ private:
         std::optional<ExactOffers::Offer> offer; // that record, opened
         qsizetype used = 0; // how many of the offer's fresh bytes were read
         qsizetype answered = 0; // how many of them were answered
+        qint64 answeredTime = 0; // when, or when it was opened; in ns of the clock
         shared_parsedData end; // null: not told
         bool waits = false; // in the queue
 
@@ -116,6 +119,7 @@ private:
     const Answer &answer;
     const ExactOffers::Limits givenMemory;
     const Allowance goAllowance;
+    const qint64 answerAfter; // in nanoseconds
 
     std::optional<ExactOffers> exactOffers; // never empty; forgetAll() makes a new one
     ExactOffers::Clock::time_point pacedTime; // the time for exactOffers, see forgetSilent()

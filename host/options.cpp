@@ -71,7 +71,7 @@ struct Definitions
             QStringLiteral(
                     "The plugin's configuration, a JSON object; - reads standard input. "
                     "Default: an empty object. \"offsets\", \"prompt\", \"ends\" and "
-                    "\"strict\" are true unless they are given. \"limits\" are 4 MiB a "
+                    "\"strict\" are true unless they are given. \"limits\" are 1 MiB a "
                     "connection, 128 MiB in all and 60 s stalled unless it is given. In "
                     "\"ssl\", \"Chain\" is true, \"KeyAlgorithm\" is \"auto\" and \"engine\" "
                     "is \"own\" unless they are given; if it verifies devices, it must name a CA."),

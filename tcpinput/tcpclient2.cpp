@@ -87,6 +87,12 @@ void TcpClient2::noRoom()
         offerWaiting(Clock::now());
 }
 
+void TcpClient2::recordCameBack()
+{
+    if (intake) // the connection may have ended meanwhile
+        intake->settle();
+}
+
 void TcpClient2::endStalled(std::chrono::seconds after)
 {
     ownReason = EndReason::Limit;

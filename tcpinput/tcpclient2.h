@@ -95,10 +95,14 @@ public:
     // limit.
     void limit(const std::shared_ptr<HeldBytes> &held, PausedList &list);
 
+    // Large reads use its blocks. value: outlives the client, in the same thread. Default: none.
+    void setBlocks(WarmBlocks &value) { unconsumed.setBlocks(value); }
+
     // Counts reads, offers and the end there. value: outlives the client. Default: nobody reads it.
     void setCounters(WorkerCounters &value);
 
-    // As above. Default: null; bytes that come within 200 ms of an offer then wait, see OfferPace.
+    // value: not owned, in the same thread, outlives the client. Default: null; bytes that come
+    // within 200 ms of an offer then wait, see OfferPace.
     void setPromptList(PromptList *value) { pace.setPromptList(value); }
 
     // In the client's thread.
@@ -134,12 +138,14 @@ private:
     void bytesCame() override { mreadyRead(); }
     qsizetype room(qsizetype wanted) override { return intake ? intake->room(wanted) : wanted; }
     void noRoom() override;
+    QByteArray emptyBlock(qsizetype size) override { return unconsumed.emptyBlock(size); }
     void nothingCame() override
     {
         if (intake)
             intake->readNothing();
     }
     void offerWaiting(qint64 now) override;
+    void recordCameBack() override;
     void endStalled(std::chrono::seconds after) override;
     bool isPaused() const { return intake && intake->isPaused(); }
     bool appendAvailable();

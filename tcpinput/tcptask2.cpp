@@ -181,9 +181,11 @@ void TcpTask2::addConnection(Connection conn)
         watch = std::make_unique<BacklogWatch>();
         promptList = std::make_unique<PromptList>();
         pausedList = std::make_unique<PausedList>();
+        blocks = std::make_unique<WarmBlocks>();
     }
     client->setBacklogWatch(watch.get());
     client->setCounters(*counters);
+    client->setBlocks(*blocks);
     counters->adopted.add(1);
     connectClient(client, taken.acceptance);
     {

@@ -10,6 +10,7 @@
 #include "tcpinput/receive/pausedlist.h"
 #include "tcpinput/receive/promptlist.h"
 #include "tcpinput/receive/recordsender.h"
+#include "tcpinput/receive/warmblocks.h"
 #include "tcpinput/workers/locks.h"
 #include "tcpinput/workers/workercounters.h"
 
@@ -119,4 +120,5 @@ private:
     std::unique_ptr<BacklogWatch> watch;
     std::unique_ptr<PromptList> promptList;
     std::unique_ptr<PausedList> pausedList;
+    std::unique_ptr<WarmBlocks> blocks;
 };

@@ -6,11 +6,11 @@
 #include <algorithm>
 #include <utility>
 
-void HeldBytes::setReceiver(QObject *object, std::function<void()> function)
+void HeldBytes::setReceiver(QObject *object, Calls functions)
 {
     const MutexLocker locker(mutex);
     receiver = object;
-    offerMerged = std::move(function);
+    calls = std::move(functions);
 }
 
 void HeldBytes::removeReceiver()
@@ -79,6 +79,8 @@ void HeldBytes::giveBack(quint64 record, qint64 bytes)
     if (record == latest)
         latestIsOut = false;
     settle();
+    if (isPaused() && receiver)
+        QMetaObject::invokeMethod(receiver, calls.cameBack, Qt::QueuedConnection);
 }
 
 bool HeldBytes::beginHandOver()
@@ -93,7 +95,7 @@ void HeldBytes::handedOver()
     const MutexLocker locker(mutex);
     onItsWay = false;
     if (std::exchange(merged, false) && receiver)
-        QMetaObject::invokeMethod(receiver, offerMerged, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(receiver, calls.offerMerged, Qt::QueuedConnection);
 }
 
 qint64 HeldBytes::unconsumed() const

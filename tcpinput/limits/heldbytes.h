@@ -37,8 +37,13 @@ public:
 
     BufferBudget &total() const { return *budget; }
 
-    // To be called in the thread of receiver, queued, when a merged offer can be made.
-    void setReceiver(QObject *receiver, std::function<void()> offerMerged);
+    //! Both are called in the thread of the receiver, queued.
+    struct Calls
+    {
+        std::function<void()> offerMerged; // a merged offer can be made
+        std::function<void()> cameBack; // a record, while the connection is paused
+    };
+    void setReceiver(QObject *receiver, Calls calls);
     // To be called before the receiver is destroyed.
     void removeReceiver();
 
@@ -87,7 +92,7 @@ private:
     bool onItsWay GUARDED_BY(mutex) = false; // a record
     bool merged GUARDED_BY(mutex) = false; // an offer
     QObject *receiver GUARDED_BY(mutex) = nullptr;
-    std::function<void()> offerMerged GUARDED_BY(mutex);
+    Calls calls GUARDED_BY(mutex);
     qint64 counted = 0; // in the budget; under the mutex, except at the end
     std::atomic<qint64> heldNow = 0;
     std::atomic<bool> paused = false;

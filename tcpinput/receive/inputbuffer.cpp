@@ -3,6 +3,8 @@
 
 #include "tcpinput/receive/inputbuffer.h"
 
+#include "tcpinput/receive/warmblocks.h"
+
 #include <algorithm>
 #include <cstring>
 #include <utility>
@@ -28,34 +30,85 @@ QByteArray sharedEnd(QByteArray &bytes, qsizetype from)
             QByteArray::DataPointer(block.d_ptr(), block.data() + from, bytes.size() - from));
 }
 
+} // namespace
+
 // A block with room in front: prepending up to headroom bytes does not copy the block.
-QByteArray blockWithHeadroom(qsizetype size, qsizetype headroom)
+QByteArray InputBuffer::makeBlock(qsizetype size, qsizetype headroom) const
 {
-    QByteArray block(headroom + size, Qt::Uninitialized);
-    block.remove(0, headroom); // moves the beginning
+    QByteArray block;
+    if (blocks && headroom + size >= WarmBlocks::LeastBytes) {
+        block = blocks->take(headroom + size);
+        block.resize(headroom + size);
+    } else {
+        block = QByteArray(headroom + size, Qt::Uninitialized);
+    }
+    if (headroom > 0)
+        block.remove(0, headroom); // moves the beginning
     return block;
 }
 
-} // namespace
+void InputBuffer::giveBack(QByteArray block) const
+{
+    if (blocks && block.capacity() >= WarmBlocks::LeastBytes)
+        blocks->giveBack(std::move(block));
+}
+
+// A copy of the first block may be with a host.
+bool InputBuffer::isLastMine() const
+{
+    return !fresh.empty() || bytes.isDetached();
+}
+
+bool InputBuffer::hasRoom(qsizetype size)
+{
+    return isLastMine() && last().data_ptr().freeSpaceAtEnd() >= size;
+}
+
+// A large block stays where it is.
+bool InputBuffer::mayGrow()
+{
+    return isLastMine() && last().size() < WarmBlocks::LeastBytes;
+}
 
 char *InputBuffer::extend(qsizetype size)
 {
     if (this->size() == 0) {
-        bytes = QByteArray(size, Qt::Uninitialized);
+        bytes = makeBlock(std::max(size, lately), 0);
+        bytes.resize(size);
         return bytes.data();
-    }
-    if (fresh.isEmpty() && !bytes.isDetached()) {
-        fresh = blockWithHeadroom(size, std::min(bytes.size(), MostHeadroom));
-        return fresh.data();
     }
     QByteArray &block = last();
     const qsizetype before = block.size();
-    // Grows by half. A doubled block would often be less than half full, and the first cut would
-    // copy the rest to save memory.
-    if (const qsizetype grown = before + size; grown > block.capacity())
-        block.reserve(grown + grown / 2);
+    if (!hasRoom(size)) {
+        if (!mayGrow())
+            return addBlock(size);
+        // By half. A doubled block would often be less than half full, and the first cut would copy
+        // the rest to save memory.
+        block.reserve(before + size + (before + size) / 2);
+    }
     block.resize(before + size);
+    freshSize += fresh.empty() ? 0 : size;
     return block.data() + before;
+}
+
+// Returns the place of size bytes in a new block.
+char *InputBuffer::addBlock(qsizetype size)
+{
+    const qsizetype headroom = fresh.empty() ? std::min(bytes.size(), MostHeadroom) : 0;
+    fresh.push_back(makeBlock(std::max(size, lately), headroom));
+    fresh.back().resize(size);
+    freshSize += size;
+    return fresh.back().data();
+}
+
+void InputBuffer::chop(qsizetype size)
+{
+    last().chop(size);
+    if (fresh.empty())
+        return;
+    freshSize -= size;
+    if (fresh.back().isEmpty())
+        fresh.pop_back();
 }
 
 void InputBuffer::append(QByteArrayView received)
@@ -67,36 +120,50 @@ void InputBuffer::append(QByteArrayView received)
 
 void InputBuffer::appendBlock(QByteArray block)
 {
-    if (this->size() == 0)
+    if (size() == 0) {
         bytes = std::move(block);
-    else if (fresh.isEmpty() && !bytes.isDetached())
-        fresh = std::move(block);
-    else
+    } else if (hasRoom(block.size()) || (mayGrow() && block.size() < WarmBlocks::LeastBytes)) {
         append(block);
+        giveBack(std::move(block));
+    } else {
+        freshSize += block.size();
+        fresh.push_back(std::move(block));
+    }
 }
 
 // With headroom, like all blocks that may follow another one.
-QByteArray InputBuffer::emptyBlock(qsizetype size)
+QByteArray InputBuffer::emptyBlock(qsizetype size) const
 {
-    QByteArray block = blockWithHeadroom(size, MostHeadroom);
+    QByteArray block = makeBlock(std::max(size, lately), MostHeadroom);
     block.resize(0);
     return block;
 }
 
 QByteArray InputBuffer::copy()
 {
-    if (fresh.isEmpty())
-        return bytes;
-    if (bytes.size() <= fresh.data_ptr().freeSpaceAtBegin()) {
-        bytes = std::move(fresh.prepend(bytes));
-    } else {
-        QByteArray joined;
-        joined.reserve(size()); // and no more: see extend()
-        joined.append(bytes).append(fresh);
-        bytes = std::move(joined);
-    }
-    fresh = QByteArray();
+    if (!fresh.empty())
+        join();
+    else if (!bytes.isEmpty() && !usesHalfOf(bytes.size(), bytes))
+        copyRest(0);
+    lately = blocks && bytes.size() >= WarmBlocks::LeastBytes ? bytes.size() : 0;
     return bytes;
+}
+
+void InputBuffer::join()
+{
+    QByteArray joined;
+    if (QByteArray &second = fresh.front();
+        fresh.size() == 1 && bytes.size() <= second.data_ptr().freeSpaceAtBegin()) {
+        joined = std::move(second.prepend(bytes));
+    } else {
+        joined = makeBlock(size(), 0); // and no more: see extend()
+        joined.resize(0);
+        joined.append(bytes);
+        for (const QByteArray &each : fresh)
+            joined.append(each);
+    }
+    clear();
+    bytes = std::move(joined);
 }
 
 qsizetype InputBuffer::cutFront(qsizetype len)
@@ -104,13 +171,15 @@ qsizetype InputBuffer::cutFront(qsizetype len)
     const qsizetype cut = std::clamp<qsizetype>(len, 0, size());
     if (cut == 0)
         return 0;
-    if (cut < bytes.size()) {
-        cutFrontOfBytes(cut);
-    } else {
-        const qsizetype cutOfFresh = cut - bytes.size();
-        bytes = std::exchange(fresh, {});
-        cutFrontOfBytes(cutOfFresh); // even by 0: frees a block that is mostly headroom
+    qsizetype left = cut;
+    auto next = fresh.begin();
+    while (left >= bytes.size() && next != fresh.end()) {
+        left -= bytes.size();
+        freshSize -= next->size();
+        giveBack(std::exchange(bytes, std::exchange(*next++, {})));
     }
+    fresh.erase(fresh.begin(), next);
+    cutFrontOfBytes(left); // even by 0: frees a block that is mostly headroom
     return cut;
 }
 
@@ -118,17 +187,28 @@ void InputBuffer::cutFrontOfBytes(qsizetype cut)
 {
     const qsizetype rest = bytes.size() - cut;
     if (rest == 0)
-        bytes = QByteArray();
+        giveBack(std::exchange(bytes, {}));
     else if (!usesHalfOf(rest, bytes))
-        bytes = QByteArray(bytes.constData() + cut, rest);
+        copyRest(cut);
     else if (bytes.isDetached())
         bytes.remove(0, cut); // moves the beginning
     else
         bytes = sharedEnd(bytes, cut);
 }
 
+void InputBuffer::copyRest(qsizetype from)
+{
+    const auto rest = QByteArrayView(bytes).sliced(from);
+    QByteArray copied = makeBlock(rest.size(), 0);
+    std::memcpy(copied.data(), rest.data(), static_cast<std::size_t>(rest.size()));
+    giveBack(std::exchange(bytes, std::move(copied)));
+}
+
 void InputBuffer::clear()
 {
-    bytes = QByteArray();
-    fresh = QByteArray();
+    giveBack(std::exchange(bytes, {}));
+    for (QByteArray &block : fresh)
+        giveBack(std::move(block));
+    fresh.clear();
+    freshSize = 0;
 }

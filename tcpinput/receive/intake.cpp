@@ -24,7 +24,8 @@ Intake::Intake(Reader &owner, QObject &context, Transport &from, PausedList &pau
       list(pausedList),
       held(std::move(heldBytes))
 {
-    held->setReceiver(&context, [&owner] { owner.offerWaiting(Clock::now()); });
+    held->setReceiver(&context, {[&owner] { owner.offerWaiting(Clock::now()); },
+                                 [&owner] { owner.recordCameBack(); }});
     transport.setLimited(true);
 }
 

@@ -37,6 +37,8 @@ public:
         virtual void endStalled(std::chrono::seconds after) = 0;
         // An offer that was merged can be made now. now: of Clock::now().
         virtual void offerWaiting(qint64 now) = 0;
+        // The host has given up a record while the connection was paused.
+        virtual void recordCameBack() = 0;
 
     protected:
         ~Reader() = default;
@@ -56,7 +58,7 @@ public:
     void readNothing() { held->receivedNothing(); }
     // To be called when bytes come while it is paused. They stay where they are.
     void stayPaused();
-    // To be called after each read, and after each cut in this thread.
+    // To be called after each read, each cut in this thread, and when a record came back.
     void settle();
     // To be called before each offer but the last one. False: the record before is still on its way
     // to the host. The offer is merged into the next one, see Reader::offerWaiting().

@@ -262,7 +262,7 @@ void ReceivingSocket::decrypt(QByteArrayView received)
 // processor's cache.
 qsizetype ReceivingSocket::decryptAll(char *buffer, qsizetype received, qsizetype most)
 {
-    QByteArray plain = InputBuffer::emptyBlock(received + bytesInKernel() + RecordBytes);
+    QByteArray plain = emptyBlock(received + bytesInKernel() + RecordBytes);
     qsizetype total = 0;
     bool isFull = false;
     for (ssize_t size = received; size > 0;) {
@@ -324,6 +324,11 @@ void ReceivingSocket::goOn()
     decrypt({});
 }
 
+QByteArray ReceivingSocket::emptyBlock(qsizetype size)
+{
+    return reader ? reader->emptyBlock(size) : InputBuffer().emptyBlock(size);
+}
+
 // How many of the wanted bytes may be received.
 qsizetype ReceivingSocket::room(qsizetype wanted)
 {
@@ -337,7 +342,7 @@ QByteArray ReceivingSocket::receiveOn(QByteArrayView first, qsizetype most)
 {
     const auto next = [&](qsizetype had) { return room(std::min(bytesInKernel(), most - had)); };
     qsizetype more = next(first.size());
-    QByteArray all = InputBuffer::emptyBlock(first.size() + more);
+    QByteArray all = emptyBlock(first.size() + more);
     all.resize(first.size());
     std::copy(first.begin(), first.end(), all.begin());
     for (; more > 0; more = next(all.size())) {

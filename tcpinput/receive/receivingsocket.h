@@ -88,6 +88,7 @@ private:
     void endTurn(bool hasMore);
     void goOnLater();
     void goOn();
+    QByteArray emptyBlock(qsizetype size);
     qsizetype room(qsizetype wanted);
     QByteArray receiveOn(QByteArrayView first, qsizetype most);
     void handOut(QByteArrayView received);

@@ -19,6 +19,8 @@ public:
     virtual void nothingCame() {}
     // Not one byte may come: pause the transport.
     virtual void noRoom() {}
+    // An empty block with room for that many bytes, for a large read.
+    virtual QByteArray emptyBlock(qsizetype size) = 0;
 
 protected:
     ~TransportReader() = default;

@@ -20,6 +20,18 @@ constexpr std::chrono::steady_clock::duration CutDelay = std::chrono::microsecon
 
 } // namespace
 
+void UnconsumedBytes::setBlocks(WarmBlocks &value)
+{
+    const MutexLocker locker(mutex);
+    buffer.setBlocks(&value);
+}
+
+QByteArray UnconsumedBytes::emptyBlock(qsizetype size) const
+{
+    const MutexLocker locker(mutex);
+    return buffer.emptyBlock(size);
+}
+
 qsizetype UnconsumedBytes::size() const
 {
     const MutexLocker locker(mutex);

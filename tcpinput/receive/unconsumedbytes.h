@@ -15,6 +15,7 @@
 
 class HeldBytes;
 class Transport;
+class WarmBlocks;
 
 /*!
     The bytes that a connection has received and its host has not consumed yet, and their position
@@ -49,6 +50,10 @@ public:
 
     // Counts there how many bytes were read and consumed. Likewise. Default: nobody reads it.
     void setCounters(WorkerCounters &value) { counters = &value; }
+
+    // Large blocks come from there. Likewise. value: outlives this. Default: null.
+    void setBlocks(WarmBlocks &value);
+    QByteArray emptyBlock(qsizetype size) const;
 
     qsizetype size() const;
 

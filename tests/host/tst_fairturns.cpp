@@ -39,6 +39,7 @@ private Q_SLOTS:
     void timeOfATurnIsLimited();
     void laterOfferTakesTheTurn();
     void endWaitsForTheRest();
+    void longOfferIsAnsweredInBetween_data();
     void longOfferIsAnsweredInBetween();
     void forgetAllReadsWhatWaits();
     void forgottenConnectionHasNoTurn();
@@ -142,13 +143,27 @@ void tst_FairTurns::endWaitsForTheRest()
 }
 
 // If the plugin's buffer is full, the device has to wait. Early answers let it go on sending.
+// That costs, so only an offer that takes long has them.
+void tst_FairTurns::longOfferIsAnsweredInBetween_data()
+{
+    QTest::addColumn<std::chrono::nanoseconds>("after");
+    QTest::addColumn<qsizetype>("answers");
+    QTest::newRow("it takes long") << std::chrono::nanoseconds::zero()
+                                   << qsizetype(3); // a half, a quarter, the rest below 256 KiB
+    QTest::newRow("it does not") << std::chrono::nanoseconds(std::chrono::hours(1)) << qsizetype(1);
+}
+
 void tst_FairTurns::longOfferIsAnsweredInBetween()
 {
-    make({}, OutputFormat::None, {});
+    QFETCH(std::chrono::nanoseconds, after);
+    QFETCH(qsizetype, answers);
+    Pace pace;
+    pace.ofAnswer = after;
+    make({}, OutputFormat::None, pace);
     constexpr int length = 1000 * 1000;
     reader->receive(stamped(1, 0, QByteArray(length, '\n')));
     QTRY_COMPARE_WITH_TIMEOUT(counters->messages, length, HangGuardMs);
-    QCOMPARE(discards().size(), 3); // a half, a quarter, and the rest of less than 256 KiB
+    QCOMPARE(discards().size(), answers);
     QCOMPARE(discards().last(), length);
     QVERIFY(std::is_sorted(discarded.begin(), discarded.end()));
 }

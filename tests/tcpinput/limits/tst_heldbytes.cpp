@@ -27,6 +27,7 @@ private Q_SLOTS:
     void recordsOutliveTheConnection();
     void offersAreMergedWhileOneIsOnItsWay();
     void nobodyIsCalledAfterTheReceiverHasGone();
+    void aPausedConnectionHearsOfEachRecord();
     void pausedConnectionsAreCounted();
     void budgetIsEmptyAfterAll();
     void recordsComeBackInAnyThread();
@@ -153,7 +154,7 @@ void tst_HeldBytes::offersAreMergedWhileOneIsOnItsWay()
     HeldBytes held(budget);
     QObject receiver;
     int merged = 0;
-    held.setReceiver(&receiver, [&merged] { ++merged; });
+    held.setReceiver(&receiver, {[&merged] { ++merged; }, [] {}});
 
     QVERIFY(held.beginHandOver());
     held.handedOver();
@@ -177,7 +178,7 @@ void tst_HeldBytes::nobodyIsCalledAfterTheReceiverHasGone()
     int merged = 0;
     {
         QObject receiver;
-        held.setReceiver(&receiver, [&merged] { ++merged; });
+        held.setReceiver(&receiver, {[&merged] { ++merged; }, [] {}});
         QVERIFY(held.beginHandOver());
         QVERIFY(!held.beginHandOver());
         held.removeReceiver();
@@ -185,6 +186,33 @@ void tst_HeldBytes::nobodyIsCalledAfterTheReceiverHasGone()
     held.handedOver();
     QCoreApplication::processEvents();
     QCOMPARE(merged, 0);
+}
+
+// Otherwise it would go on only when somebody looks at all that are paused.
+void tst_HeldBytes::aPausedConnectionHearsOfEachRecord()
+{
+    HeldBytes held(budget);
+    QObject receiver;
+    int cameBack = 0;
+    held.setReceiver(&receiver, {[] {}, [&cameBack] { ++cameBack; }});
+    held.received(100);
+    const quint64 first = held.lend(100);
+    const quint64 second = held.lend(100);
+    held.giveBack(first, 100);
+    QCoreApplication::processEvents();
+    QCOMPARE(cameBack, 0); // it goes on reading anyway
+
+    held.setPaused(true);
+    held.giveBack(second, 100);
+    QCOMPARE(cameBack, 0); // queued
+    QCoreApplication::processEvents();
+    QCOMPARE(cameBack, 1);
+    const quint64 third = held.lend(100);
+    held.removeReceiver();
+    held.giveBack(third, 100);
+    QCoreApplication::processEvents();
+    QCOMPARE(cameBack, 1);
+    held.setPaused(false);
 }
 
 void tst_HeldBytes::pausedConnectionsAreCounted()

@@ -2,10 +2,14 @@
 // SPDX-License-Identifier: MIT
 
 #include "tcpinput/receive/inputbuffer.h"
+#include "tcpinput/receive/warmblocks.h"
 
 #include <QtTest/QtTest>
 
+#include <algorithm>
 #include <cstring>
+#include <random>
+#include <utility>
 
 namespace {
 
@@ -35,6 +39,8 @@ private Q_SLOTS:
     void cuts_data();
     void cuts();
     void copiesStayAsTheyWere();
+    void anyOrder_data();
+    void anyOrder();
 
     void smallReadsTakeLittleMemory();
     void littleBehindALargeOfferTakesLittleMemory();
@@ -124,6 +130,70 @@ void tst_InputBuffer::copiesStayAsTheyWere()
     QCOMPARE(copies, expected);
     for (const QByteArray &copy : std::as_const(copies))
         QVERIFY(isTerminated(copy));
+}
+
+void tst_InputBuffer::anyOrder_data()
+{
+    QTest::addColumn<bool>("warm");
+    QTest::addColumn<qsizetype>("largest");
+    for (const qsizetype largest : {300, 5000, 200000}) {
+        QTest::addRow("up to %lld bytes", qint64(largest)) << false << largest;
+        QTest::addRow("up to %lld bytes, blocks used again", qint64(largest)) << true << largest;
+    }
+}
+
+// Reads of all kinds, cuts, and offers of which a host keeps the last few.
+void tst_InputBuffer::anyOrder()
+{
+    QFETCH(bool, warm);
+    QFETCH(qsizetype, largest);
+    WarmBlocks blocks;
+    InputBuffer buffer;
+    if (warm)
+        buffer.setBlocks(&blocks);
+    QByteArray model;
+    QList<std::pair<QByteArray, QByteArray>> offers; // and what they must be
+    std::mt19937 random(1);
+    const auto upTo = [&random](qsizetype most) {
+        return std::uniform_int_distribution<qsizetype>(0, most)(random);
+    };
+    for (int n = 0; n < 3000; ++n) {
+        const QByteArray bytes = pattern(1 + upTo(largest)).mid(upTo(20));
+        switch (upTo(5)) {
+        case 0:
+            buffer.append(bytes);
+            model += bytes;
+            break;
+        case 1: {
+            const qsizetype unused = upTo(100);
+            std::copy(bytes.begin(), bytes.end(), buffer.extend(bytes.size() + unused));
+            buffer.chop(unused);
+            model += bytes;
+            break;
+        }
+        case 2: {
+            QByteArray block = buffer.emptyBlock(bytes.size());
+            block.append(bytes);
+            buffer.appendBlock(std::move(block));
+            model += bytes;
+            break;
+        }
+        case 3: {
+            const qsizetype cut = upTo(upTo(3) == 0 ? model.size() : 2 * largest);
+            QCOMPARE(buffer.cutFront(cut), std::min(cut, model.size()));
+            model.remove(0, cut);
+            break;
+        }
+        default:
+            offers.append({buffer.copy(), QByteArray(model.constData(), model.size())});
+            QVERIFY(isTerminated(offers.last().first));
+            if (offers.size() > 4)
+                offers.remove(upTo(4));
+        }
+        QCOMPARE(buffer.size(), model.size());
+        for (const auto &[offer, expected] : std::as_const(offers))
+            QVERIFY(offer == expected);
+    }
 }
 
 void tst_InputBuffer::smallReadsTakeLittleMemory()
@@ -219,7 +289,8 @@ void tst_InputBuffer::blocks_data()
     QTest::newRow("in an empty buffer") << qsizetype(0) << false << false;
     QTest::newRow("behind an offer that its headroom takes") << qsizetype(4096) << true << false;
     QTest::newRow("behind a larger offer") << qsizetype(4097) << true << true;
-    QTest::newRow("behind what nobody holds") << qsizetype(10) << false << true;
+    QTest::newRow("behind what nobody holds") << qsizetype(10) << false << false;
+    QTest::newRow("behind more that nobody holds") << qsizetype(4097) << false << true;
 }
 
 void tst_InputBuffer::blocks()
@@ -230,7 +301,7 @@ void tst_InputBuffer::blocks()
     InputBuffer buffer;
     buffer.append(pattern(before));
     const QByteArray offered = shared ? buffer.copy() : QByteArray();
-    QByteArray block = InputBuffer::emptyBlock(100000);
+    QByteArray block = buffer.emptyBlock(100000);
     block.append(pattern(100000));
     const char *const where = block.constData();
 

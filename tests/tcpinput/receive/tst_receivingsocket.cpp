@@ -35,6 +35,13 @@ public:
         received += room;
     }
 
+    QByteArray emptyBlock(qsizetype size) override
+    {
+        QByteArray block;
+        block.reserve(size);
+        return block;
+    }
+
     int announced = 0;
     QByteArray received;
 

@@ -10,10 +10,14 @@
 #include <QtCore/QDateTime>
 #include <QtNetwork/QSslCertificate>
 #include <QtNetwork/QSslCipher>
+#include <QtNetwork/QSslDiffieHellmanParameters>
 #include <QtNetwork/QSslEllipticCurve>
 #include <QtNetwork/QSslKey>
 #include <QtNetwork/QSslSocket>
 
+#include <openssl/bn.h>
+#include <openssl/core_names.h>
+#include <openssl/params.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
@@ -31,6 +35,8 @@ struct Freed
 using Certificate = std::unique_ptr<X509, Freed<X509, X509_free>>;
 using PrivateKey = std::unique_ptr<EVP_PKEY, Freed<EVP_PKEY, EVP_PKEY_free>>;
 using Revocations = std::unique_ptr<X509_CRL, Freed<X509_CRL, X509_CRL_free>>;
+using Number = std::unique_ptr<BIGNUM, Freed<BIGNUM, BN_free>>;
+using KeyMaker = std::unique_ptr<EVP_PKEY_CTX, Freed<EVP_PKEY_CTX, EVP_PKEY_CTX_free>>;
 using Memory = std::unique_ptr<BIO, Freed<BIO, BIO_free_all>>;
 
 const unsigned char *bytesOf(const QByteArray &data)
@@ -56,6 +62,14 @@ PrivateKey keyOf(const QSslKey &key)
     const QByteArray der = key.toDer();
     const unsigned char *from = bytesOf(der);
     return PrivateKey(d2i_AutoPrivateKey(nullptr, &from, der.size()));
+}
+
+// PKCS #3: SEQUENCE { prime INTEGER, base INTEGER }, the base 2. prime: of 2048 bits.
+QByteArray derOfParameters(const BIGNUM *prime)
+{
+    QByteArray bytes(BN_num_bytes(prime), Qt::Uninitialized);
+    BN_bn2bin(prime, reinterpret_cast<unsigned char *>(bytes.data()));
+    return QByteArray::fromHex("308201080282010100") + bytes + QByteArray::fromHex("020102");
 }
 
 // The versions of a range; 0: no limit.
@@ -165,6 +179,7 @@ QString Context::setUp(const Settings &settings)
     SSL_CTX_set_options(context.get(), optionsOf(settings.base));
     if (settings.minimumSecurity >= 0)
         SSL_CTX_set_security_level(context.get(), settings.minimumSecurity);
+    setDiffieHellman(settings.base);
     setTickets(settings.sessionTickets);
 
     for (const auto set : {&Context::setVersions, &Context::setCiphers}) {
@@ -226,8 +241,27 @@ QString Context::setGroups(const Settings &settings)
     return set ? QString() : failed();
 }
 
-// The default Diffie-Hellman parameters of Qt are too short for OpenSSL's security level and are
-// refused there. So there are none here.
+// The default ones of Qt 6.4 are too short for OpenSSL's security level and are refused there.
+// Those of Qt 6.8 are a group that OpenSSL knows. Qt tells nothing of them but whether they are
+// equal.
+void Context::setDiffieHellman(const QSslConfiguration &base)
+{
+    const QByteArray ofQt = derOfParameters(Number(BN_get_rfc3526_prime_2048(nullptr)).get());
+    if (base.diffieHellmanParameters() != QSslDiffieHellmanParameters::fromEncoded(ofQt, QSsl::Der))
+        return;
+    char name[] = SN_modp_2048;
+    OSSL_PARAM group[] = {OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME, name, 0),
+                          OSSL_PARAM_construct_end()};
+    const KeyMaker maker(EVP_PKEY_CTX_new_from_name(nullptr, "DH", nullptr));
+    EVP_PKEY *made = nullptr;
+    if (EVP_PKEY_fromdata_init(maker.get()) == 1
+        && EVP_PKEY_fromdata(maker.get(), &made, EVP_PKEY_KEY_PARAMETERS, group) == 1
+        && SSL_CTX_set0_tmp_dh_pkey(context.get(), made) == 1)
+        return; // it is the context's now
+    EVP_PKEY_free(made);
+    clearErrors();
+}
+
 QString Context::setCertificate(const QSslConfiguration &base)
 {
     if (base.localCertificate().isNull())

@@ -5,6 +5,7 @@
 
 #include "tls/errors.h"
 
+#include <QtNetwork/QSslDiffieHellmanParameters>
 #include <QtTest/QtTest>
 
 #include <openssl/err.h>
@@ -52,6 +53,8 @@ private Q_SLOTS:
     void tellsWhyItCannot_data();
     void tellsWhyItCannot();
     void asksForCertificates();
+    void agreesWithDiffieHellman_data();
+    void agreesWithDiffieHellman();
 
 private:
     void addVersions() const;
@@ -313,6 +316,36 @@ void tst_Session::asksForCertificates()
     QCOMPARE(report.peerErrors, report.errors);
     QCOMPARE(report.failure, report.errors.first().errorString());
     QVERIFY(!report.interruption);
+}
+
+void tst_Session::agreesWithDiffieHellman_data()
+{
+    QTest::addColumn<QByteArray>("parameters");
+    QTest::addColumn<bool>("agrees");
+    // Group 14 of RFC 3526, which Qt 6.8 has by default.
+    const auto group14 = QByteArrayLiteral(
+            "MIIBCAKCAQEA///////////JD9qiIWjCNMTGYouA3BzRKQJOCIpnzHQCC76mOxObIlFKCHmONATd75UZs806Q"
+            "xswKwpt8l8UN0/hNW1tUcJF5IW1dmJefsb0TELppjftawv/XLb0Brft7jhr+1qJn6WunyQRfEsf5kkoZlHs5F"
+            "s9wgB8uKFjvwWY2kg2HFXTmmkWP6j9JM9fg2VdI9yjrZYcYvNWIIVSu57VKQdwlpZtZww1Tkq8mATxdGwIyhg"
+            "hfDKQXkYuNs474553LBgOhgObJ4Oi7Aeij7XFXfBvTFLJ3ivL9pVYFxg5lUl86pVq5RXSJhiY+gUQFXKOWoqs"
+            "qmj//////////wIBAg==");
+    QTest::newRow("a group of 2048 bits") << QByteArray::fromBase64(group14) << true;
+    QTest::newRow("none") << QByteArray() << false;
+}
+
+void tst_Session::agreesWithDiffieHellman()
+{
+    QFETCH(QByteArray, parameters);
+    QFETCH(bool, agrees);
+    tls::Settings settings = serverSettings();
+    settings.base.setDiffieHellmanParameters(
+            QSslDiffieHellmanParameters::fromEncoded(parameters, QSsl::Der));
+    context = std::make_shared<const tls::Context>(settings);
+    QCOMPARE(context->failure(), QString());
+    MemoryClient client(TLS1_2_VERSION);
+    SSL_set_cipher_list(client.handle(), "DHE-RSA-AES256-GCM-SHA384");
+    Session session(context);
+    QCOMPARE(client.connectTo(session), agrees);
 }
 
 QTEST_GUILESS_MAIN(tst_Session)

@@ -177,15 +177,11 @@ void TcpTask2::addConnection(Connection conn)
     // costs next to nothing.
     qRegisterMetaType<Connection>();
     auto *client = new TcpClient2(this, id, taken.socket.release(), conn.getTimeout());
-    if (!watch) {
-        watch = std::make_unique<BacklogWatch>();
-        promptList = std::make_unique<PromptList>();
-        pausedList = std::make_unique<PausedList>();
-        blocks = std::make_unique<WarmBlocks>();
-    }
-    client->setBacklogWatch(watch.get());
+    if (!shared)
+        shared = std::make_unique<Shared>();
+    client->setBacklogWatch(&shared->watch);
     client->setCounters(*counters);
-    client->setBlocks(*blocks);
+    client->setBlocks(shared->blocks);
     counters->adopted.add(1);
     connectClient(client, taken.acceptance);
     {
@@ -194,6 +190,7 @@ void TcpTask2::addConnection(Connection conn)
                 Qt::QueuedConnection); // under the lock: see stop()
         enter(client, id);
     }
+    shared->memory.count(registry().size());
     CWRN(QtDebugMsg, QStringLiteral("TcpTask2 (%1): new client added, size = %2"), way.task,
          static_cast<qint64>(registry().size()));
 }
@@ -205,7 +202,7 @@ void TcpTask2::connectClient(TcpClient2 *client, const Acceptance &acceptance)
     if (acceptance.endpoints.idNumber != 0)
         client->numberId(acceptance.endpoints.idNumber);
     if (acceptance.serving.prompt)
-        client->setPromptList(promptList.get());
+        client->setPromptList(&shared->promptList);
     // Queued although both live in one thread: a client is never deleted inside its own signal.
     connect(
             client, &TcpClient2::disconnected, this,
@@ -231,7 +228,7 @@ void TcpTask2::connectOutlet(TcpClient2 *client, const Acceptance &acceptance)
     std::shared_ptr<HeldBytes> held; // null: buffers are not limited
     if (const auto &budget = acceptance.serving.budget) {
         held = std::make_shared<HeldBytes>(budget);
-        client->limit(held, *pausedList);
+        client->limit(held, shared->pausedList);
     }
     const auto sender = std::make_shared<RecordSender>(way, acceptance, held);
     client->offerTo([client, sender](const QByteArray &data) {
@@ -283,6 +280,7 @@ void TcpTask2::disconnected(const QString &id)
     displaced.remove(client);
     if (clients.value(key) == client) // no other client took the id during a log line
         clients.remove(key);
+    shared->memory.count(clients.size());
 }
 
 void TcpTask2::ignore(TcpClient2 *client)

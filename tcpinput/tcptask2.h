@@ -12,6 +12,7 @@
 #include "tcpinput/receive/recordsender.h"
 #include "tcpinput/receive/warmblocks.h"
 #include "tcpinput/workers/locks.h"
+#include "tcpinput/workers/memoryreturn.h"
 #include "tcpinput/workers/workercounters.h"
 
 #include <QtCore/QHash>
@@ -116,9 +117,14 @@ private:
     bool dying = false; // this and below: the task's thread only
     QSet<TcpClient2 *> displaced; // other clients took their ids; until their end
     RecordSender::Way way; // its number and consumer: set once, before the task is moved
-    // Made with the first client, in the task's thread.
-    std::unique_ptr<BacklogWatch> watch;
-    std::unique_ptr<PromptList> promptList;
-    std::unique_ptr<PausedList> pausedList;
-    std::unique_ptr<WarmBlocks> blocks;
+    //! What its clients share.
+    struct Shared
+    {
+        BacklogWatch watch;
+        PromptList promptList;
+        PausedList pausedList;
+        WarmBlocks blocks;
+        MemoryReturn memory;
+    };
+    std::unique_ptr<Shared> shared; // made with the first client, in the task's thread
 };

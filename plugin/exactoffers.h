@@ -10,6 +10,7 @@
 #include <QtCore/QByteArray>
 #include <QtCore/QByteArrayView>
 #include <QtCore/QHash>
+#include <QtCore/QtDebug>
 
 #include <algorithm>
 #include <chrono>
@@ -17,13 +18,14 @@
 #include <limits>
 #include <list>
 #include <optional>
+#include <utility>
 
 /*!
     Tells which bytes of an offer are new. For hosts that take every byte exactly once.
 
     Needs "offsets": true in the plugin's configuration. Each offer then carries its position in the
-    connection's stream. This class remembers the position up to which the host has consumed each
-    connection. For each record:
+    connection's stream; a record without one brings a warning, once. This class remembers the
+   position up to which the host has consumed each connection. For each record:
 
         const auto offer = offers.open(*record);
         const qsizetype used = parse(offer.fresh());
@@ -112,6 +114,8 @@ public:
         offer.buffer = record.getOriginalMessage();
         offer.buffer.truncate(std::numeric_limits<int>::max());
         offer.end = place.isEnd;
+        if (place.connection == 0)
+            warnOfMissingPosition();
         if (!place.offset)
             return offer;
         offer.offset = *place.offset;
@@ -128,10 +132,14 @@ public:
         return offer;
     }
 
-    // used: bytes consumed at the front of offer.fresh(), 0 to its size. Returns the length for
+    // used: bytes consumed at the front of offer.fresh(), 0 to its size. More is a bug of the host:
+    // an assertion fails, or in a build without them it counts as all. Returns the length for
     // discard(). 0: nothing to discard, do not call discard().
     int consume(const Offer &offer, qsizetype used, Clock::time_point now = Clock::now())
     {
+        Q_ASSERT_X(used <= offer.fresh().size(), "ExactOffers::consume()",
+                   "more bytes than were offered");
+        used = std::min(used, offer.fresh().size());
         if (used <= 0)
             return 0;
         if (offer.number != 0)
@@ -150,6 +158,13 @@ private:
         Clock::time_point seen;
     };
     using Entries = std::list<Entry>;
+
+    void warnOfMissingPosition()
+    {
+        if (!std::exchange(hasWarned, true))
+            qWarning("ExactOffers: a record without a position. Bytes that are offered again will "
+                     "count as new. Set \"offsets\": true in the plugin's configuration.");
+    }
 
     static qsizetype overlap(const Offer &offer, quint64 consumed)
     {
@@ -205,4 +220,5 @@ private:
     const Limits limits;
     Entries entries; // by the time of their last offer, the oldest first
     QHash<quint64, Entries::iterator> index; // into entries, by connection
+    bool hasWarned = false; // of a record without a position
 };

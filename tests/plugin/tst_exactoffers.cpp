@@ -3,7 +3,14 @@
 
 #include "plugin/exactoffers.h"
 
+#include <QtCore/QRegularExpression>
 #include <QtTest/QtTest>
+
+#include <csignal>
+
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -36,6 +43,7 @@ private Q_SLOTS:
     void consumedInParts();
     void lateOfferOfLess();
     void nothingToDiscard();
+    void moreThanWasOffered();
     void connectionsAreApart();
     void recordWithoutPosition_data();
     void recordWithoutPosition();
@@ -120,6 +128,34 @@ void tst_ExactOffers::nothingToDiscard()
     QCOMPARE(offers.size(), 0U);
 }
 
+// It would swallow bytes that are still to come.
+void tst_ExactOffers::moreThanWasOffered()
+{
+    const auto consumeMore = [](ExactOffers &offers) {
+        const auto offer = offers.open(*offerOf(7, 100, "abc"));
+        return offers.consume(offer, 4);
+    };
+#ifdef QT_NO_DEBUG
+    ExactOffers offers;
+    QCOMPARE(consumeMore(offers), 3);
+    QCOMPARE(freshOf(offers.open(*offerOf(7, 103, "def"))), QByteArray("def"));
+#else
+    const pid_t child = fork();
+    if (child == 0) {
+        std::signal(SIGABRT, SIG_DFL); // no report of a sanitizer, or of the test
+        const rlimit noCore{0, 0};
+        setrlimit(RLIMIT_CORE, &noCore);
+        qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
+        ExactOffers offers;
+        consumeMore(offers);
+        _exit(0);
+    }
+    int status = 0;
+    QCOMPARE(waitpid(child, &status, 0), child);
+    QVERIFY(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT);
+#endif
+}
+
 void tst_ExactOffers::connectionsAreApart()
 {
     ExactOffers offers;
@@ -149,6 +185,9 @@ void tst_ExactOffers::recordWithoutPosition()
     QFETCH(QString, offset);
     QFETCH(QString, connection);
     ExactOffers offers;
+    QTest::ignoreMessage(QtWarningMsg, // once
+                         QRegularExpression(QStringLiteral("^ExactOffers: .*\"offsets\": true")));
+    QTest::failOnWarning(QRegularExpression(QStringLiteral(".*")));
     ParsedData record;
     record.setOriginalMessage("abc");
     if (!offset.isNull())
@@ -245,6 +284,7 @@ void tst_ExactOffers::forgetsByTheEnd()
 
 void tst_ExactOffers::endWithoutPosition()
 {
+    QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("^ExactOffers: ")));
     ExactOffers offers;
     ParsedData record;
     record.addPluginSubId(QStringLiteral("end"), QStringLiteral("stop"));

@@ -83,8 +83,10 @@ void WarmBlocks::look()
 {
     std::vector<Block> dropped;
     const MutexLocker locker(mutex);
-    const auto unused = std::partition_point(
-            all.begin(), all.end(), [this](const Block &each) { return each.given < looks; });
+    const auto unused =
+            std::partition_point(all.begin(), all.end(), [latest = looks](const Block &each) {
+                return each.given < latest;
+            });
     for (auto each = all.begin(); each != unused; ++each)
         size -= each->bytes.capacity();
     dropped.assign(std::make_move_iterator(all.begin()), std::make_move_iterator(unused));

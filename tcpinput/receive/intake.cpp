@@ -24,8 +24,9 @@ Intake::Intake(Reader &owner, QObject &context, Transport &from, PausedList &pau
       list(pausedList),
       held(std::move(heldBytes))
 {
-    held->setReceiver(&context, {[&owner] { owner.offerWaiting(Clock::now()); },
-                                 [&owner] { owner.recordCameBack(); }});
+    held->setReceiver(
+            &context,
+            {[&owner] { owner.offerWaiting(Clock::now()); }, [&owner] { owner.recordCameBack(); }});
     transport.setLimited(true);
 }
 

@@ -1,8 +1,8 @@
 # SPDX-FileCopyrightText: the tcpinputplugin2 authors
 # SPDX-License-Identifier: MIT
 
-# The library, the headers that hosts share with it, the programs, and the CMake package
-# TcpInputPlugin2 with the target TcpInputPlugin2::framework for hosts.
+# The library, the headers that hosts share with it, the programs, the documents, and for those who
+# build hosts the CMake package TcpInputPlugin2 and tcpinputplugin2.pc.
 include(CMakePackageConfigHelpers)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/TcpInputPlugin2)
 
@@ -13,7 +13,8 @@ if(TCPINPUT_BUILD_PROGRAMS)
     install(TARGETS inputhost devicesim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
 
-install(TARGETS tcpinput_host_framework EXPORT TcpInputPlugin2Targets)
+install(TARGETS tcpinput_framework tcpinput_host_framework EXPORT TcpInputPlugin2Targets
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(EXPORT TcpInputPlugin2Targets NAMESPACE TcpInputPlugin2:: DESTINATION ${package_dir})
 configure_package_config_file(cmake/TcpInputPlugin2Config.cmake.in
     ${CMAKE_CURRENT_BINARY_DIR}/TcpInputPlugin2Config.cmake
@@ -26,3 +27,15 @@ install(FILES
     ${CMAKE_CURRENT_BINARY_DIR}/TcpInputPlugin2Config.cmake
     ${CMAKE_CURRENT_BINARY_DIR}/TcpInputPlugin2ConfigVersion.cmake
     DESTINATION ${package_dir})
+
+# Its paths begin at the file itself, so that the installed tree can be moved.
+file(RELATIVE_PATH TCPINPUT_PREFIX_FROM_PC
+    ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+configure_file(cmake/tcpinputplugin2.pc.in ${CMAKE_CURRENT_BINARY_DIR}/tcpinputplugin2.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tcpinputplugin2.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+file(GLOB documents CONFIGURE_DEPENDS docs/*.md)
+install(FILES README.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES ${documents} DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs) # as the README refers to them
+install(PROGRAMS scripts/make-certs DESTINATION ${CMAKE_INSTALL_DATADIR}/tcpinputplugin2)

@@ -89,7 +89,7 @@ void TcpClient2::noRoom()
 
 void TcpClient2::recordCameBack()
 {
-    if (intake) // the connection may have ended meanwhile
+    if (isPaused()) // it may have gone on, or ended
         intake->settle();
 }
 

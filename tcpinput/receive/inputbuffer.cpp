@@ -3,16 +3,19 @@
 
 #include "tcpinput/receive/inputbuffer.h"
 
+#include "tcpinput/receive/soleowner.h"
 #include "tcpinput/receive/warmblocks.h"
 
 #include <algorithm>
 #include <cstring>
+#include <numeric>
 #include <utility>
 
 namespace {
 
 // Room in front of a block, where the beginning of its message can be prepended.
 constexpr qsizetype MostHeadroom = 4096;
+constexpr qsizetype MostRoomAhead = 128 * 1024; // for an eighth of it; see roomFor()
 
 // Capacity 0: the array does not own its memory.
 bool usesHalfOf(qsizetype size, const QByteArray &block)
@@ -53,10 +56,16 @@ void InputBuffer::giveBack(QByteArray block) const
         blocks->giveBack(std::move(block));
 }
 
-// A copy of the first block may be with a host.
-bool InputBuffer::isLastMine() const
+qsizetype InputBuffer::capacity() const
 {
-    return !fresh.empty() || bytes.isDetached();
+    const auto add = [](qsizetype sum, const QByteArray &block) { return sum + block.capacity(); };
+    return std::accumulate(fresh.begin(), fresh.end(), bytes.capacity(), add);
+}
+
+// A copy of the first block may be with a host.
+bool InputBuffer::isLastMine()
+{
+    return !fresh.empty() || isSoleOwner(bytes);
 }
 
 bool InputBuffer::hasRoom(qsizetype size)
@@ -70,10 +79,18 @@ bool InputBuffer::mayGrow()
     return isLastMine() && last().size() < WarmBlocks::LeastBytes;
 }
 
+// For a read of that size, and for more if the connection is a fast one. Not for much more: it may
+// be the last one for long, and what lies unused counts nowhere.
+qsizetype InputBuffer::roomFor(qsizetype size) const
+{
+    const qsizetype most = std::min(size, MostRoomAhead) * 8;
+    return std::max(size, std::min(lately, most));
+}
+
 char *InputBuffer::extend(qsizetype size)
 {
     if (this->size() == 0) {
-        bytes = makeBlock(std::max(size, lately), 0);
+        bytes = makeBlock(roomFor(size), 0);
         bytes.resize(size);
         return bytes.data();
     }
@@ -95,7 +112,7 @@ char *InputBuffer::extend(qsizetype size)
 char *InputBuffer::addBlock(qsizetype size)
 {
     const qsizetype headroom = fresh.empty() ? std::min(bytes.size(), MostHeadroom) : 0;
-    fresh.push_back(makeBlock(std::max(size, lately), headroom));
+    fresh.push_back(makeBlock(roomFor(size), headroom));
     fresh.back().resize(size);
     freshSize += size;
     return fresh.back().data();
@@ -134,7 +151,7 @@ void InputBuffer::appendBlock(QByteArray block)
 // With headroom, like all blocks that may follow another one.
 QByteArray InputBuffer::emptyBlock(qsizetype size) const
 {
-    QByteArray block = makeBlock(std::max(size, lately), MostHeadroom);
+    QByteArray block = makeBlock(roomFor(size), MostHeadroom);
     block.resize(0);
     return block;
 }
@@ -143,7 +160,7 @@ QByteArray InputBuffer::copy()
 {
     if (!fresh.empty())
         join();
-    else if (!bytes.isEmpty() && !usesHalfOf(bytes.size(), bytes))
+    if (!bytes.isEmpty() && !usesHalfOf(bytes.size(), bytes))
         copyRest(0);
     lately = blocks && bytes.size() >= WarmBlocks::LeastBytes ? bytes.size() : 0;
     return bytes;
@@ -156,7 +173,8 @@ void InputBuffer::join()
         fresh.size() == 1 && bytes.size() <= second.data_ptr().freeSpaceAtBegin()) {
         joined = std::move(second.prepend(bytes));
     } else {
-        joined = makeBlock(size(), 0); // and no more: see extend()
+        // A little more: a large backlog is not joined again for each read.
+        joined = makeBlock(size() + size() / 8, 0);
         joined.resize(0);
         joined.append(bytes);
         for (const QByteArray &each : fresh)
@@ -190,7 +208,7 @@ void InputBuffer::cutFrontOfBytes(qsizetype cut)
         giveBack(std::exchange(bytes, {}));
     else if (!usesHalfOf(rest, bytes))
         copyRest(cut);
-    else if (bytes.isDetached())
+    else if (isSoleOwner(bytes))
         bytes.remove(0, cut); // moves the beginning
     else
         bytes = sharedEnd(bytes, cut);

@@ -35,6 +35,9 @@ public:
 
     qsizetype size() const { return bytes.size() + freshSize; }
 
+    // Of all its blocks, used or not.
+    qsizetype capacity() const;
+
     // Adds room for size bytes at the end, which the caller fills. chop() gives back unused room.
     char *extend(qsizetype size);
     void chop(qsizetype size);
@@ -55,9 +58,10 @@ public:
 
 private:
     QByteArray &last() { return fresh.empty() ? bytes : fresh.back(); }
-    bool isLastMine() const;
+    bool isLastMine();
     bool hasRoom(qsizetype size);
     bool mayGrow();
+    qsizetype roomFor(qsizetype size) const;
     char *addBlock(qsizetype size);
     void join();
     void cutFrontOfBytes(qsizetype cut);

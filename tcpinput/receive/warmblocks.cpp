@@ -3,6 +3,8 @@
 
 #include "tcpinput/receive/warmblocks.h"
 
+#include "tcpinput/receive/soleowner.h"
+
 #include <QtCore/QTimerEvent>
 
 #include <algorithm>
@@ -11,6 +13,9 @@
 
 namespace {
 
+// A host that keeps its records has the latest ones: further ones are hardly free.
+constexpr int MostTaken = 16;
+
 // Rounded up by less than a quarter, so that blocks for similar sizes are alike.
 qsizetype roundedUp(qsizetype capacity)
 {
@@ -18,17 +23,6 @@ qsizetype roundedUp(qsizetype capacity)
     while (step * 8 <= capacity)
         step *= 2;
     return (capacity + step - 1) / step * step;
-}
-
-// The others have done all that they do with it.
-bool isNobodyElses(QByteArray &block)
-{
-    if (!block.isDetached())
-        return false;
-    // isDetached() orders nothing. These two do, with the last other's giving up of the block.
-    block.data_ptr()->ref();
-    block.data_ptr()->deref();
-    return true;
 }
 
 // The same memory from its start, without its bytes.
@@ -47,13 +41,18 @@ QByteArray emptied(QByteArray block)
 QByteArray WarmBlocks::take(qsizetype capacity)
 {
     const MutexLocker locker(mutex);
-    taken = looks;
+    latestTake = looks;
     if (!std::exchange(looking, true))
         timer.start(LookMs, this);
-    for (auto each = all.rbegin(); each != all.rend(); ++each) {
-        const qsizetype has = each->bytes.capacity();
-        if (has < capacity || has / 2 > capacity || !isNobodyElses(each->bytes))
+    int taken = 0;
+    for (auto each = all.rbegin(); each != all.rend() && taken < MostTaken; ++each) {
+        const qsizetype has = each->capacity;
+        if (has < capacity || has / 3 * 2 > capacity)
             continue;
+        if (!isSoleOwner(each->bytes)) {
+            ++taken;
+            continue;
+        }
         QByteArray block = emptied(std::move(each->bytes));
         size -= has;
         all.erase(std::next(each).base());
@@ -73,10 +72,10 @@ void WarmBlocks::giveBack(QByteArray block)
         return;
     auto last = all.begin();
     for (size += has; size > MostBytes; ++last)
-        size -= last->bytes.capacity();
+        size -= last->capacity;
     dropped.assign(std::make_move_iterator(all.begin()), std::make_move_iterator(last));
     all.erase(all.begin(), last);
-    all.push_back({std::move(block), looks});
+    all.push_back({std::move(block), has, looks});
 }
 
 void WarmBlocks::look()
@@ -88,10 +87,10 @@ void WarmBlocks::look()
                 return each.given < latest;
             });
     for (auto each = all.begin(); each != unused; ++each)
-        size -= each->bytes.capacity();
+        size -= each->capacity;
     dropped.assign(std::make_move_iterator(all.begin()), std::make_move_iterator(unused));
     all.erase(all.begin(), unused);
-    if (all.empty() && taken < looks) {
+    if (all.empty() && latestTake < looks) {
         looking = false;
         timer.stop();
     }

@@ -33,7 +33,7 @@ public:
     static constexpr int LookMs = 1000;
 
     // Empty, without headroom, nobody else's, with a capacity of at least that and at most about
-    // twice as much. capacity: LeastBytes or more.
+    // one and a half times as much. capacity: LeastBytes or more.
     QByteArray take(qsizetype capacity);
 
     // block: anything.
@@ -52,6 +52,7 @@ private:
     struct Block
     {
         QByteArray bytes;
+        qsizetype capacity;
         quint64 given; // how many looks there were before
     };
 
@@ -60,6 +61,6 @@ private:
     std::vector<Block> all GUARDED_BY(mutex); // the latest at the end
     qsizetype size GUARDED_BY(mutex) = 0; // of all
     quint64 looks GUARDED_BY(mutex) = 0;
-    quint64 taken GUARDED_BY(mutex) = 0; // the looks before the last one that was taken
+    quint64 latestTake GUARDED_BY(mutex) = 0; // how many looks there were before
     bool looking GUARDED_BY(mutex) = false; // the timer runs
 };

@@ -50,6 +50,9 @@ private Q_SLOTS:
     void extends();
     void blocks_data();
     void blocks();
+    void littleAfterMuchTakesLittleMemory_data();
+    void littleAfterMuchTakesLittleMemory();
+    void aLargeBacklogIsNotJoinedForEachRead();
     void foreignMemoryIsNotKept();
 
     void cutOfSharedLargeRestCopiesNothing();
@@ -314,6 +317,66 @@ void tst_InputBuffer::blocks()
     QCOMPARE(all.constData() + before == where, !copied);
     QCOMPARE(offered, shared ? pattern(before) : QByteArray());
     QVERIFY(all.capacity() <= 2 * all.size());
+}
+
+// Thousands of connections may do that, and no limit counts what lies unused.
+void tst_InputBuffer::littleAfterMuchTakesLittleMemory_data()
+{
+    QTest::addColumn<qsizetype>("much");
+    QTest::addColumn<qsizetype>("little");
+    for (const qsizetype much : {100000, 1000000, 50000000}) {
+        for (const qsizetype little : {1, 10, 1000, 20000, 100000})
+            QTest::addRow("%lld, %lld", qint64(much), qint64(little)) << much << little;
+    }
+}
+
+void tst_InputBuffer::littleAfterMuchTakesLittleMemory()
+{
+    QFETCH(qsizetype, much);
+    QFETCH(qsizetype, little);
+    WarmBlocks blocks;
+    const auto receive = [little](InputBuffer &buffer, bool asBlock) {
+        if (!asBlock)
+            return buffer.append(pattern(little));
+        QByteArray block = buffer.emptyBlock(little);
+        block.append(pattern(little));
+        buffer.appendBlock(std::move(block));
+    };
+    for (const bool asBlock : {false, true}) {
+        for (const bool behindRest : {false, true}) {
+            InputBuffer buffer;
+            buffer.setBlocks(&blocks);
+            buffer.append(pattern(much));
+            QByteArray offered = buffer.copy();
+            buffer.cutFront(behindRest ? much - 10 : much);
+            receive(buffer, asBlock);
+            QVERIFY2(buffer.capacity() <= 16 * little + 16 * 1024,
+                     qPrintable(QString::number(buffer.capacity())));
+            offered = buffer.copy();
+            QVERIFY(offered.capacity() <= 2 * offered.size() + 64);
+        }
+    }
+}
+
+// A message is cut, one is read, and the rest is offered; the host keeps nothing.
+void tst_InputBuffer::aLargeBacklogIsNotJoinedForEachRead()
+{
+    constexpr qsizetype Message = 1000;
+    constexpr int Turns = 2000;
+    WarmBlocks blocks;
+    for (const qsizetype backlog : {1 << 20, (1 << 20) - 300, 10 << 20}) {
+        InputBuffer buffer;
+        buffer.setBlocks(&blocks);
+        buffer.append(pattern(backlog));
+        int moved = 0;
+        for (int turn = 0; turn < Turns; ++turn) {
+            const char *const before = buffer.copy().constData();
+            buffer.cutFront(Message);
+            buffer.append(pattern(Message));
+            moved += buffer.copy().constData() == before + Message ? 0 : 1;
+        }
+        QVERIFY2(moved < Turns / 20, qPrintable(QString::number(moved)));
+    }
 }
 
 void tst_InputBuffer::foreignMemoryIsNotKept()

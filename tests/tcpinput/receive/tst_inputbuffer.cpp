@@ -194,8 +194,8 @@ void tst_InputBuffer::anyOrder()
                 offers.remove(upTo(4));
         }
         QCOMPARE(buffer.size(), model.size());
-        for (const auto &[offer, expected] : std::as_const(offers))
-            QVERIFY(offer == expected);
+        for (qsizetype each = n % 10; each < offers.size(); each += 10) // all of them, in ten steps
+            QVERIFY(offers[each].first == offers[each].second);
     }
 }
 
@@ -324,7 +324,7 @@ void tst_InputBuffer::littleAfterMuchTakesLittleMemory_data()
 {
     QTest::addColumn<qsizetype>("much");
     QTest::addColumn<qsizetype>("little");
-    for (const qsizetype much : {100000, 1000000, 50000000}) {
+    for (const qsizetype much : {100000, 1000000, 5000000}) {
         for (const qsizetype little : {1, 10, 1000, 20000, 100000})
             QTest::addRow("%lld, %lld", qint64(much), qint64(little)) << much << little;
     }

@@ -20,7 +20,6 @@ namespace {
 
 constexpr qsizetype ReceiveBytes = 16 * 1024;
 constexpr char HandshakeRecord = 0x16; // first byte of a ClientHello's record, RFC 8446, 5.1
-constexpr int Ipv6NetworkBytes = 8; // a device's own network: it may have all addresses in it
 
 bool hasUnread(int descriptor)
 {
@@ -37,11 +36,12 @@ struct Handshaker::Open
           acceptance(std::move(accepting)),
           context(terms.context),
           timeoutMs(terms.timeoutMs),
-          key(keyOf(acceptance.endpoints.peer)),
+          place(keeper.open.enter(acceptance.endpoints.peer, this)),
           reader(*this, keeper, QSocketNotifier::Read)
     {
         clock.start();
     }
+    const QByteArray &address() const { return place->address; }
 
     //! Calls the handshaker without a signal.
     class Notifier : public QSocketNotifier
@@ -69,7 +69,7 @@ struct Handshaker::Open
     Acceptance acceptance;
     const std::shared_ptr<const tls::Context> context;
     const int timeoutMs;
-    const QByteArray key;
+    const OpenHandshakes<Open *>::Place place;
     Notifier reader;
     std::unique_ptr<Notifier> writer; // while the kernel does not take all of the answer
     std::unique_ptr<tls::Session> session; // from the first byte on
@@ -77,11 +77,9 @@ struct Handshaker::Open
     QElapsedTimer clock;
     QAbstractSocket::SocketError error = QAbstractSocket::UnknownSocketError; // if it has failed
     QString failure; // likewise; empty: the session knows it
-    quint64 progress = 0; // when: see Handshaker::steps
-    bool ready = false;
+    bool isReady = false;
     bool prolonged = false; // once, for an answer that came in time
     std::list<Open>::iterator position;
-    std::list<Open *>::iterator place; // in its address's list
 };
 
 Handshaker::Handshaker(Taker taker)
@@ -103,59 +101,51 @@ void Handshaker::begin(Descriptor descriptor, Acceptance acceptance, const Terms
     all.emplace_back(*this, std::move(descriptor), std::move(acceptance), terms);
     Open &handshake = all.back();
     handshake.position = std::prev(all.end());
-    Peers &same = peers[handshake.key];
-    handshake.place = same.open.insert(same.open.end(), &handshake);
-    handshake.progress = ++steps;
     restartClock(handshake);
 }
 
 void Handshaker::makeRoom(int mostOpen)
 {
-    while (static_cast<qsizetype>(all.size()) >= mostOpen) {
-        const auto goesFirst = [](const Peers &a, const Peers &b) {
-            if (a.open.size() != b.open.size())
-                return a.open.size() < b.open.size();
-            return a.open.front()->progress > b.open.front()->progress;
-        };
-        const Peers &most = *std::max_element(peers.cbegin(), peers.cend(), goesFirst);
-        // One whose bytes are here waits for this thread, and is not to blame.
-        const auto idle = std::find_if(most.open.begin(), most.open.end(), [](const Open *each) {
-            return !each->ready && !hasUnread(each->descriptor.get());
-        });
-        if (idle == most.open.end())
+    // One whose bytes are here waits for this thread, and is not to blame.
+    const auto isSpared = [](const Open *each) {
+        return each->isReady || hasUnread(each->descriptor.get());
+    };
+    while (open.size() >= mostOpen) {
+        const std::optional<Open *> first = open.goesFirst(isSpared);
+        if (!first)
             return;
-        end(**idle, Outcome::Crowded);
+        end(**first, Outcome::Crowded);
     }
 }
 
 void Handshaker::enqueue(Open &handshake)
 {
-    if (std::exchange(handshake.ready, true))
+    if (std::exchange(handshake.isReady, true))
         return;
     // Otherwise the event loop would find it again and again.
     handshake.reader.setEnabled(false);
     handshake.writer.reset();
-    Peers &same = peers[handshake.key];
-    same.ready.push_back(&handshake);
-    if (same.ready.size() > 1)
+    QList<Open *> &same = ready[handshake.address()];
+    same.append(&handshake);
+    if (same.size() > 1)
         return;
-    turns.push_back(handshake.key);
+    turns.push_back(handshake.address());
     if (!turnTimer.isActive())
         turnTimer.start(0);
 }
 
 void Handshaker::takeTurn()
 {
-    const QByteArray key = turns.front();
+    const auto same = ready.find(turns.front());
+    Open &handshake = *same->takeFirst();
+    if (same->isEmpty())
+        ready.erase(same);
+    else
+        turns.push_back(turns.front());
     turns.pop_front();
-    Peers &same = peers[key];
-    Open &handshake = *same.ready.front();
-    same.ready.pop_front();
-    if (!same.ready.empty())
-        turns.push_back(key);
     if (turns.empty())
         turnTimer.stop();
-    handshake.ready = false;
+    handshake.isReady = false;
     step(handshake);
 }
 
@@ -186,11 +176,8 @@ void Handshaker::goOn(Open &handshake, QByteArrayView received)
     session.feed(received);
     const tls::Session::Step step = session.handshake();
     session.keepRest();
-    if (!session.unsent().isEmpty()) { // the peer has moved on
-        auto &open = peers[handshake.key].open;
-        open.splice(open.end(), open, handshake.place);
-        handshake.progress = ++steps;
-    }
+    if (!session.unsent().isEmpty()) // the peer has moved on
+        open.moveOn(handshake.place);
     const bool sent = send(handshake);
     if (step == tls::Session::Step::Done)
         end(handshake, Outcome::Done); // what is unsent goes along with the session
@@ -261,18 +248,17 @@ void Handshaker::end(Open &handshake, Outcome outcome)
 
 void Handshaker::forget(Open &handshake)
 {
-    const auto same = peers.find(handshake.key);
-    same->open.erase(handshake.place);
-    if (handshake.ready) {
-        auto &ready = same->ready;
-        ready.erase(std::find(ready.begin(), ready.end(), &handshake));
-        if (ready.empty())
-            turns.erase(std::find(turns.begin(), turns.end(), handshake.key));
+    if (handshake.isReady) {
+        const auto same = ready.find(handshake.address());
+        same->removeOne(&handshake);
+        if (same->isEmpty()) {
+            ready.erase(same);
+            turns.erase(std::find(turns.begin(), turns.end(), handshake.address()));
+        }
         if (turns.empty())
             turnTimer.stop();
     }
-    if (same->open.empty())
-        peers.erase(same);
+    open.leave(handshake.place);
     all.erase(handshake.position);
 }
 
@@ -304,14 +290,4 @@ void Handshaker::closeLate()
         }
     }
     startTimer();
-}
-
-// Addresses with the same key take turns as one.
-QByteArray Handshaker::keyOf(const QHostAddress &peer)
-{
-    bool isIpv4 = false;
-    const quint32 ipv4 = peer.toIPv4Address(&isIpv4); // also of a mapped one
-    const Q_IPV6ADDR ipv6 = peer.toIPv6Address();
-    return isIpv4 ? QByteArray(reinterpret_cast<const char *>(&ipv4), sizeof ipv4)
-                  : QByteArray(reinterpret_cast<const char *>(ipv6.c), Ipv6NetworkBytes);
 }

@@ -4,12 +4,13 @@
 #pragma once
 
 #include "tcpinput/accept/handshakeresult.h"
+#include "tcpinput/accept/openhandshakes.h"
 
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QHash>
+#include <QtCore/QList>
 #include <QtCore/QSocketNotifier>
 #include <QtCore/QTimer>
-#include <QtNetwork/QHostAddress>
 
 #include <deque>
 #include <functional>
@@ -24,9 +25,8 @@ class Context;
     Carries out the handshakes of one thread.
 
     A step of a handshake can take a millisecond. So addresses take turns, one step each, however
-    many connections one of them has opened. At most so many handshakes are open; for one more, that
-    address loses which has most, and of its handshakes the one that has made no progress for the
-    longest time.
+    many connections one of them has opened. At most so many handshakes are open; for one more, one
+    of them goes: see OpenHandshakes.
 
     Thread: the one it lives in.
     Owner:  the maker, who ends the thread first.
@@ -53,12 +53,6 @@ public:
 
 private:
     struct Open;
-    //! The handshakes of an address.
-    struct Peers
-    {
-        std::list<Open *> open; // the one without progress for the longest time is the first
-        std::deque<Open *> ready; // bytes or the end have come
-    };
     using Outcome = HandshakeResult::Outcome;
 
     void makeRoom(int mostOpen);
@@ -75,14 +69,13 @@ private:
     void restartClock(Open &handshake);
     void startTimer();
     void closeLate();
-    static QByteArray keyOf(const QHostAddress &peer);
 
     const Taker take;
     std::list<Open> all; // in the order of their deadlines, unless the time-out has changed
-    QHash<QByteArray, Peers> peers; // by address
+    OpenHandshakes<Open *> open; // the same
+    QHash<QByteArray, QList<Open *>> ready; // by address: bytes or the end have come. None is empty
     std::deque<QByteArray> turns; // addresses with ready handshakes, each once
     QTimer turnTimer; // runs while there are any
     QTimer deadlineTimer;
-    quint64 steps = 0; // counts progress
     QByteArray buffer;
 };

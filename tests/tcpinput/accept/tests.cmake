@@ -4,6 +4,7 @@
 core_test(tst_acceptguard)
 core_test(tst_connectionlimiter)
 core_test(tst_minutenotice)
+core_test(tst_openhandshakes)
 core_test(tst_peersinuse)
 core_test(tst_pendingconnections)
 core_test(tst_proxygate 300)

@@ -6,6 +6,7 @@
 #include <QtCore/QCryptographicHash>
 #include <QtCore/QDateTime>
 #include <QtCore/QFile>
+#include <QtCore/QFileInfo>
 
 #include <openssl/err.h>
 #include <openssl/pem.h>
@@ -40,10 +41,14 @@ Bio bioOf(const QByteArray &text)
     return Bio(BIO_new_mem_buf(text.constData(), static_cast<int>(text.size())));
 }
 
+// Of a regular file, or of one that a link leads to. Reading a FIFO could last for ever, and would
+// take its bytes away from the plugin.
 QByteArray contentOf(const QJsonValue &name)
 {
+    if (!name.isString() || !QFileInfo(name.toString()).isFile())
+        return {};
     QFile file(name.toString());
-    return name.isString() && file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 // The text of the first key, or else what is in the file that the second one names.

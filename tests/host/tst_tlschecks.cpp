@@ -9,6 +9,8 @@
 #include <QtCore/QTemporaryDir>
 #include <QtTest/QtTest>
 
+#include <sys/stat.h>
+
 using namespace host;
 using namespace Qt::StringLiterals;
 
@@ -30,6 +32,8 @@ private Q_SLOTS:
     void chains();
     void whereTheyAreFrom();
     void expiryOfTheChain();
+    void onlyRegularFilesAreRead_data();
+    void onlyRegularFilesAreRead();
 
 private:
     using Authority = made::Authority;
@@ -227,6 +231,42 @@ void tst_TlsChecks::expiryOfTheChain()
     const QStringList lines = warnings(made::pem(issued) + made::pem(old), made::pkcs8(key));
     QCOMPARE(lines.size(), 1);
     QVERIFY2(lines[0].startsWith(u"Certificate old has expired on "_s), qPrintable(lines[0]));
+}
+
+void tst_TlsChecks::onlyRegularFilesAreRead_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<bool>("isRead");
+    file(u"regular"_s, made::pem(leaf));
+    QVERIFY(QFile::link(u"regular"_s, folder.filePath(u"link"_s)));
+    QVERIFY(::mkfifo(qPrintable(folder.filePath(u"fifo"_s)), 0600) == 0);
+    QVERIFY(QFile::link(u"fifo"_s, folder.filePath(u"link to fifo"_s)));
+    QVERIFY(QFile::link(u"nowhere"_s, folder.filePath(u"broken link"_s)));
+    QTest::newRow("regular") << u"regular"_s << true;
+    QTest::newRow("link") << u"link"_s << true;
+    QTest::newRow("FIFO") << u"fifo"_s << false;
+    QTest::newRow("link to a FIFO") << u"link to fifo"_s << false;
+    QTest::newRow("broken link") << u"broken link"_s << false;
+    QTest::newRow("folder") << u"."_s << false;
+}
+
+// Nobody writes to that FIFO: reading it would never end.
+void tst_TlsChecks::onlyRegularFilesAreRead()
+{
+    QFETCH(QString, name);
+    QFETCH(bool, isRead);
+    const QString path = folder.filePath(name);
+    const QStringList lines =
+            certificateWarnings({{u"CertFile"_s, path},
+                                 {u"PrivateKey"_s, QString::fromLatin1(made::pkcs8(authorityKey))}},
+                                QDateTime::currentDateTimeUtc());
+    QCOMPARE(lines.size(), isRead ? 1 : 0);
+    const QByteArray nothing = fingerprintOfFiles({});
+    for (const char *each :
+         {"CAFile", "CRLFile", "CertFile", "ChainFile", "KeyFile", "KeyPassphraseFile"}) {
+        const QByteArray some = fingerprintOfFiles({{QLatin1String(each), path}});
+        QCOMPARE(some != nothing, isRead);
+    }
 }
 
 QTEST_GUILESS_MAIN(tst_TlsChecks)

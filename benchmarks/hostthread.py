@@ -9,6 +9,7 @@ import itertools
 import json
 import os
 import pathlib
+import sys
 import tempfile
 
 from harness.certificates import Certificates
@@ -31,6 +32,8 @@ def main():
     with tempfile.TemporaryDirectory() as folder:
         certificates = Certificates(pathlib.Path(folder))
         if arguments.elliptic:
+            if not knows_tls_keys(arguments.build, certificates, KeyAlgorithm="auto"):
+                sys.exit("host-thread: --elliptic: this library takes RSA keys only")
             certificates = certificates.elliptic()
         for engine in set(arguments.engines.split(",")) - {"default"}:
             if not knows_tls_keys(arguments.build, certificates, engine=engine):
@@ -54,7 +57,14 @@ def parse_arguments():
     parser.add_argument("--ssl", action="append", default=[])
     parser.add_argument("--set", action="append", default=[])
     parser.add_argument("--threads", action="store_true")
-    return parser.parse_args()
+    arguments = parser.parse_args()
+    if arguments.elliptic:
+        # Otherwise every handshake would fail, and the host wait for the first one that does not.
+        keys = dict(pairs(arguments.ssl))
+        if keys.get("KeyAlgorithm", "auto") != "auto":
+            parser.error(f"--elliptic does not go with KeyAlgorithm={keys['KeyAlgorithm']}")
+        arguments.ssl = ["KeyAlgorithm=auto", *arguments.ssl]
+    return arguments
 
 
 def measure(arguments, certificates, engine, workers, cores):

@@ -39,37 +39,46 @@ void HandshakeThreads::begin(Descriptor descriptor, Acceptance acceptance,
         Descriptor descriptor;
         Acceptance acceptance;
     };
-    Place &place = next();
+    Handshaker *const handshaker = &next();
     ++opened;
     const Handshaker::Terms terms{std::move(context), timeoutMs,
                                   std::max(1, mostOpen / std::max(1, size))};
     // Shared: Qt copies what it posts. If the thread ends before, the descriptor is closed.
     const auto start = std::make_shared<Start>(Start{std::move(descriptor), std::move(acceptance)});
     QMetaObject::invokeMethod(
-            place.handshaker.get(),
-            [handshaker = place.handshaker.get(), start, terms] {
+            handshaker,
+            [handshaker, start, terms] {
                 handshaker->begin(std::move(start->descriptor), std::move(start->acceptance),
                                   terms);
             },
             Qt::QueuedConnection);
 }
 
-HandshakeThreads::Place &HandshakeThreads::next()
+Handshaker &HandshakeThreads::next()
 {
     latest = (latest + 1) % static_cast<std::size_t>(size);
     if (latest < places.size())
-        return places[latest];
+        return *places[latest].handshaker;
 
-    latest = places.size();
     auto thread = WorkerThread::make();
     if (thread)
         thread->start();
-    if (thread && !thread->isRunning()) // the system has refused it
-        thread.reset();
-    if (!thread && !places.empty()) {
-        latest = 0;
-        return places.front();
+    if (thread && thread->isRunning()) { // the system has not refused it
+        latest = places.size();
+        places.push_back(makePlace(std::move(thread)));
+        return *places.back().handshaker;
     }
+    latest = 0;
+    if (!places.empty())
+        return *places.front().handshaker;
+    if (!withoutThread)
+        withoutThread = std::make_unique<Place>(makePlace(nullptr));
+    return *withoutThread->handshaker;
+}
+
+// thread: null for the server's.
+HandshakeThreads::Place HandshakeThreads::makePlace(std::unique_ptr<WorkerThread> thread)
+{
     Place place;
     place.handshaker = std::make_unique<Handshaker>([this,
                                                      begun = generation](HandshakeResult result) {
@@ -77,12 +86,10 @@ HandshakeThreads::Place &HandshakeThreads::next()
         QMetaObject::invokeMethod(
                 this, [this, begun, shared] { report(begun, *shared); }, Qt::QueuedConnection);
     });
-    if (thread) {
+    if (thread)
         place.handshaker->moveToThread(thread.get());
-        place.thread = std::move(thread);
-    }
-    places.push_back(std::move(place));
-    return places.back();
+    place.thread = std::move(thread);
+    return place;
 }
 
 // The last that its caller does: the taker may delete this.
@@ -98,5 +105,6 @@ void HandshakeThreads::drop()
 {
     ++generation;
     opened = 0;
+    withoutThread.reset();
     places.clear(); // waits for each thread
 }

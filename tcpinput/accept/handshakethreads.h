@@ -16,8 +16,8 @@ class WorkerThread;
 
 /*!
     The threads that carry out a server's handshakes, so that its own thread need not. They are made
-    when the first connection comes. If none can be had, for want of descriptors, the server's
-    thread does it.
+    when the first connections come. While there is none and none can be had, for want of
+    descriptors, the server's thread does it.
 
     Thread: the server's.
     Owner:  the server, as a member.
@@ -54,13 +54,15 @@ public:
 private:
     struct Place;
 
-    Place &next();
+    Handshaker &next();
+    Place makePlace(std::unique_ptr<WorkerThread> thread);
     void report(quint64 generation, HandshakeResult &result);
 
     const Taker take;
     int size = 1;
     int mostOpen = MostOpenHandshakes;
-    std::vector<Place> places;
+    std::vector<Place> places; // each has a thread
+    std::unique_ptr<Place> withoutThread; // what it has begun it ends, also when there are threads
     std::size_t latest = 0; // whose turn it was
     qsizetype opened = 0;
     quint64 generation = 0; // counts drop(): what was begun before is not reported

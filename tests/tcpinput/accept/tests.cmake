@@ -3,6 +3,7 @@
 
 core_test(tst_acceptguard)
 core_test(tst_connectionlimiter)
+core_test(tst_handshakethreads)
 core_test(tst_minutenotice)
 core_test(tst_openhandshakes)
 core_test(tst_peersinuse)

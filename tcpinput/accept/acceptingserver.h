@@ -83,9 +83,7 @@ protected:
           })
     {
         this->setListenBacklogSize(ListenBacklog);
-        guard.setGate([this] {
-            return hasRoom() && limiter.mayAccept(handshakes() + proxies.waiting());
-        });
+        guard.setGate([this] { return limiter.mayAccept(handshakes() + proxies.waiting()); });
     }
 
     void incomingConnection(qintptr descriptor) final
@@ -110,8 +108,6 @@ protected:
     virtual void admit(qintptr descriptor, const Acceptance &acceptance) = 0;
     // How many TLS handshakes go on.
     virtual qsizetype handshakes() const { return 0; }
-    // Whether one more can go on, or begin soon: false pauses accepting for some milliseconds.
-    virtual bool hasRoom() const { return true; }
 
     PendingConnections<Waiting> waiting;
 

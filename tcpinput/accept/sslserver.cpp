@@ -19,11 +19,6 @@
 
 namespace {
 
-// To close a handshake of Qt's engine and to begin another one takes a tenth of a millisecond.
-// Peers that connect again at once would have this thread do nothing else: Qt accepts for as long
-// as connections wait. So open handshakes have a turn after so many.
-constexpr int MostClosedInTurn = 64;
-
 // Qt keeps a socket connected if its peer ends TLS with close_notify but keeps TCP open, or sends
 // what is no TLS any more. Nothing can come then, but the connection would stay until the idle
 // time-out.
@@ -50,7 +45,10 @@ void announceAgain(QSslSocket *socket)
 
 SslServer::SslServer(QObject *parent)
     : AcceptingServer(parent,
-                      [this] { return threads.excess() + waiting.size() + proxies.waiting(); }),
+                      [this] {
+                          return openHandshakes + threads.excess() + waiting.size()
+                                  + proxies.waiting();
+                      }),
       threads([this](HandshakeResult &result) { settle(result); })
 {
     // For receivers of its signals with a queued connection.
@@ -79,9 +77,7 @@ void SslServer::close()
             connection.socket->moveToThread(QThread::currentThread()); // which then deletes it
     }
     const QPointer<SslServer> self(this); // the receiver of the notice may delete it
-    tellOfClosed();
-    if (self)
-        crowds.finish();
+    crowds.finish();
     if (self)
         proxies.close(); // its lines may run an event loop
 }
@@ -115,12 +111,6 @@ void SslServer::setUp(const tls::Settings &settings, int handshakeThreads)
     threads.setSize(handshakeThreads);
 }
 
-void SslServer::setMostOpen(int value)
-{
-    mostOpen = value;
-    threads.setMostOpen(value);
-}
-
 void SslServer::admit(qintptr descriptor, const Acceptance &acceptance)
 {
     if (!context)
@@ -140,25 +130,11 @@ void SslServer::admitToQt(qintptr descriptor, const Acceptance &acceptance)
     }
     if (acceptance.isProxied)
         socket->replacePeer(acceptance.endpoints);
-    const QPointer<SslServer> self(this);
-    makeRoom();
-    if (!self)
-        return;
     auto *handshake = new TlsHandshake(this, std::move(socket));
     if (acceptance.isProxied) {
         handshake->allowSilence(); // the proxy may only look whether somebody listens
         connect(handshake, &TlsHandshake::endedSilently, &proxies, &ProxyGate::countSilent);
     }
-    follow(handshake, acceptance);
-    guard.accepted();
-}
-
-void SslServer::follow(TlsHandshake *handshake, const Acceptance &acceptance)
-{
-    const auto place =
-            qtHandshakes.enter(acceptance.endpoints.peer, {handshake, acceptance.endpoints});
-    connect(handshake, &TlsHandshake::movedOn, this, [this, place] { qtHandshakes.moveOn(place); });
-    connect(handshake, &TlsHandshake::settled, this, [this, place] { qtHandshakes.leave(place); });
     QElapsedTimer since;
     since.start();
     connect(handshake, &TlsHandshake::cameOut, this,
@@ -172,55 +148,7 @@ void SslServer::follow(TlsHandshake *handshake, const Acceptance &acceptance)
                 enqueue({std::unique_ptr<TlsSocket>(finished), nullptr, {}, acceptance});
             });
     ++openHandshakes;
-}
-
-void SslServer::makeRoom()
-{
-    const QPointer<SslServer> self(this); // receivers of a socket's own signals may delete it
-    while (self && qtHandshakes.size() >= mostOpen) {
-        const std::optional<QtHandshake> first = qtHandshakes.goesFirst(isSpared);
-        if (!first)
-            return;
-        if (closedPeers.isEmpty())
-            QMetaObject::invokeMethod(this, &SslServer::beginTurn, Qt::QueuedConnection);
-        closedPeers.append(first->endpoints.peerText());
-        count(TlsHandshake::Outcome::Failed, 0);
-        first->handshake->drop();
-    }
-}
-
-// Receivers of the notice may delete this, which Qt's accepting does not allow. So it comes here.
-void SslServer::beginTurn()
-{
-    const QPointer<SslServer> self(this);
-    tellOfClosed();
-    if (self)
-        guard.askGate();
-}
-
-void SslServer::tellOfClosed()
-{
-    const QPointer<SslServer> self(this);
-    const QStringList closed = std::exchange(closedPeers, {});
-    for (const QString &peer : closed) {
-        if (self)
-            crowds.add(peer);
-    }
-}
-
-// Our own engine makes room in its threads.
-bool SslServer::hasRoom() const
-{
-    if (context)
-        return true;
-    return closedPeers.size() < MostClosedInTurn
-            && (qtHandshakes.size() <= mostOpen || qtHandshakes.goesFirst(isSpared));
-}
-
-// One that waits for this thread is not to blame.
-bool SslServer::isSpared(const QtHandshake &each)
-{
-    return each.handshake->waitsForUs();
+    guard.accepted();
 }
 
 void SslServer::count(TlsHandshake::Outcome outcome, qint64 ns)

@@ -27,8 +27,6 @@ TlsHandshake::TlsHandshake(QSslServer *owner, std::unique_ptr<TlsSocket> accepte
     connect(socket.get(), &QIODevice::readyRead, this, &TlsHandshake::checkHello);
     connect(socket.get(), &QAbstractSocket::errorOccurred, this, &TlsHandshake::fail);
     connect(socket.get(), &QSslSocket::encrypted, this, &TlsHandshake::encrypted);
-    // The kernel has taken some of an answer.
-    connect(socket.get(), &QSslSocket::encryptedBytesWritten, this, &TlsHandshake::movedOn);
     connect(&timer, &QTimer::timeout, this, &TlsHandshake::timedOut);
     timer.setSingleShot(true);
     timer.start(server->handshakeTimeout());
@@ -133,7 +131,6 @@ void TlsHandshake::checkHello()
         return;
     disconnect(socket.get(), &QIODevice::readyRead, this, &TlsHandshake::checkHello);
     heard = true;
-    Q_EMIT movedOn();
     if (first != HandshakeRecord) {
         Q_EMIT cameOut(Outcome::NoTls);
         drop();
@@ -218,9 +215,6 @@ void TlsHandshake::handOver()
 
 void TlsHandshake::ignoreSocket()
 {
-    if (std::exchange(ignoring, true))
-        return;
     timer.stop();
     socket->disconnect(this);
-    Q_EMIT settled();
 }

@@ -36,22 +36,13 @@ public:
     // If the peer goes before its first byte, that is no failure. Default: it is one.
     void allowSilence() { silenceAllowed = true; }
 
-    // Whether it goes on when this thread comes to it: bytes of the peer are here, or a receiver
-    // runs.
-    bool waitsForUs() const { return telling || hasUnread(); }
-
-    // Ends the handshake at once, without a signal of its failure. Inside a receiver that OpenSSL
-    // waits for, the connection is closed after the receiver has returned.
+    // Ends the handshake at once, without a signal. Inside a receiver that OpenSSL waits for, the
+    // connection is closed after the receiver has returned.
     void drop();
 
     enum class Outcome { Done, Failed, TimedOut, NoTls };
 
 Q_SIGNALS:
-    // The peer has made progress: its first byte has come, or it has caused an answer. From inside
-    // the socket: receivers may only take note.
-    void movedOn();
-    // It is open no more, whatever the outcome; emitted once. Receivers may only take note.
-    void settled();
     // Emitted as soon as the outcome is known, from inside the socket: receivers may only count.
     // Not emitted if the handshake was dropped, or has ended in silence.
     void cameOut(Outcome outcome);
@@ -84,7 +75,6 @@ private:
     bool telling = false; // a receiver runs, perhaps with an event loop: do not delete
     bool insideOpenSsl = false; // a receiver runs in there: the socket's SSL object must stay
     bool heard = false; // a first byte
-    bool ignoring = false; // the socket's signals: it is open no more
     bool silenceAllowed = false; // see allowSilence()
     bool prolonged = false; // once, for an answer that came in time
     enum { Open, Encrypted, Failed, Over } state = Open;

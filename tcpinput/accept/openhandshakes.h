@@ -100,6 +100,3 @@ private:
     qsizetype count = 0; // of all
     quint64 steps = 0; // counts progress
 };
-
-// How many a server has at most, in all threads, unless a test sets it.
-inline constexpr int MostOpenHandshakes = 4096;

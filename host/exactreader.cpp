@@ -129,7 +129,7 @@ void ExactReader::open(Client &client)
     client.offer = exactOffers->open(*client.record, *client.place, pacedTime);
     client.used = 0;
     client.answered = 0;
-    client.answeredTime = clock.nsecsElapsed();
+    client.answeredTime = client.lastOfferTime;
     client.origin = writer.originOf(*client.record);
     // Its first offer: what is read is consumed, so later offers have a position above 0.
     if (client.offer->position() == 0)
@@ -171,14 +171,14 @@ void ExactReader::answerOffer(Client &client, bool isRead)
 {
     const int length = exactOffers->consume(*client.offer, client.used, pacedTime);
     const qsizetype left = client.offer->fresh().size() - client.used;
-    const qint64 now = clock.nsecsElapsed();
     const bool isDue = isRead
             || (client.used - client.answered >= std::max(left, AnswerAfterBytes)
-                && now - client.answeredTime >= answerAfter);
+                && clock.nsecsElapsed() - client.answeredTime >= answerAfter);
     if (length == 0 || !answering || !isDue)
         return;
     client.answered = client.used;
-    client.answeredTime = now;
+    if (!isRead) // a message costs no look at the clock
+        client.answeredTime = clock.nsecsElapsed();
     answer(length, client.record->getPluginSubId());
 }
 

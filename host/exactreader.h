@@ -82,7 +82,7 @@ private:
         std::optional<ExactOffers::Offer> offer; // that record, opened
         qsizetype used = 0; // how many of the offer's fresh bytes were read
         qsizetype answered = 0; // how many of them were answered
-        qint64 answeredTime = 0; // when, or when it was opened; in ns of the clock
+        qint64 answeredTime = 0; // when, or when the offer came; in ns of the clock
         shared_parsedData end; // null: not told
         bool waits = false; // in the queue
 

@@ -90,8 +90,12 @@ qsizetype InputBuffer::roomFor(qsizetype size) const
 char *InputBuffer::extend(qsizetype size)
 {
     if (this->size() == 0) {
-        bytes = makeBlock(roomFor(size), 0);
-        bytes.resize(size);
+        if (lately == 0 && size < WarmBlocks::LeastBytes) { // a message
+            bytes = QByteArray(size, Qt::Uninitialized);
+        } else {
+            bytes = makeBlock(roomFor(size), 0);
+            bytes.resize(size);
+        }
         return bytes.data();
     }
     QByteArray &block = last();
@@ -204,7 +208,9 @@ qsizetype InputBuffer::cutFront(qsizetype len)
 void InputBuffer::cutFrontOfBytes(qsizetype cut)
 {
     const qsizetype rest = bytes.size() - cut;
-    if (rest == 0)
+    if (rest == 0 && bytes.capacity() < WarmBlocks::LeastBytes)
+        bytes = QByteArray(); // a message
+    else if (rest == 0)
         giveBack(std::exchange(bytes, {}));
     else if (!usesHalfOf(rest, bytes))
         copyRest(cut);

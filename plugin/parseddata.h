@@ -118,6 +118,9 @@ public:
         return time.toString(Qt::ISODate);
     }
 
+    // The same moment as a value, in local time. No lock, either.
+    QDateTime getTime() const { return timestamp; }
+
     // "<plugin id>-<peer address>:<peer port>". Each piece is read under a lock of its own.
     QString getDataId() const
     {

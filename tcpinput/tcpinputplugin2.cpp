@@ -4,6 +4,7 @@
 #include "tcpinput/tcpinputplugin2.h"
 
 #include "plugin/cwrn.h"
+#include "plugin/libraryversion.h"
 #include "plugin/subids.h"
 #include "tcpinput/renewal.h"
 #include "tcpinput/workers/threadid.h"
@@ -85,6 +86,10 @@ bool TcpInputPlugin2::event(QEvent *event)
     }
     if (auto *request = CertificateRenewal::from(event)) {
         request->answer(renewCertificates(servers.tls, configuration, config, pluginId));
+        return true;
+    }
+    if (auto *question = LibraryVersionEvent::from(event)) {
+        question->answer(LibraryVersion::ofHeaders());
         return true;
     }
     return IInputPlugin::event(event);

@@ -10,6 +10,8 @@
 #include <QtCore/QByteArrayList>
 
 using namespace host;
+using inputkit::Frame;
+using inputkit::FrameState;
 
 namespace {
 
@@ -29,13 +31,16 @@ struct Result
 class Reader
 {
 public:
-    explicit Reader(const FrameFormat &frameFormat) : format(frameFormat) {}
+    explicit Reader(const FrameFormat &frameFormat)
+        : format(frameFormat),
+          framing(framingOf(frameFormat))
+    {}
 
     void append(QByteArrayView piece)
     {
         // As a host does: first complete the message that has begun in an earlier piece.
         while (!result.rest.isEmpty() && !piece.isEmpty()) {
-            const qsizetype size = bytesToAppend(result.rest, piece, format);
+            const qsizetype size = framing->bytesToAppend(result.rest, piece);
             require(size > 0 && size <= piece.size(), QStringLiteral("some are appended"));
             result.rest.append(piece.first(size));
             piece = piece.sliced(size);
@@ -50,7 +55,7 @@ public:
 private:
     bool take()
     {
-        const Frame frame = takeFrame(result.rest, format, state);
+        const Frame frame = framing->take(result.rest, state);
         require(frame.size >= 0 && frame.size <= result.rest.size(), QStringLiteral("frame size"));
         require((frame.kind == Frame::Incomplete) == (frame.size == 0),
                 QStringLiteral("something is taken, or it is incomplete"));
@@ -61,12 +66,13 @@ private:
         }
         result.tooLong += frame.kind == Frame::TooLong ? 1 : 0;
         result.rest.remove(0, frame.size);
-        require(partialMessage(result.rest, format).size() <= result.rest.size(),
+        require(framing->partial(result.rest).size() <= result.rest.size(),
                 QStringLiteral("partial message"));
         return frame.size > 0;
     }
 
     const FrameFormat format;
+    const inputkit::SharedFraming framing;
     FrameState state;
 };
 

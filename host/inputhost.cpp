@@ -3,13 +3,13 @@
 
 #include "host/inputhost.h"
 
-#include "host/listenstatus.h"
 #include "host/logging.h"
 #include "host/signalnotifier.h"
 #include "host/tlschecks.h"
 #include "plugin/certificaterenewal.h"
 #include "plugin/cwrn.h"
 #include "plugin/iinputplugin.h"
+#include "plugin/kit/listenstatus.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDateTime>
@@ -138,7 +138,7 @@ ExitCode InputHost::startPlugin(const QJsonObject &configuration)
     }
     noteCertificates(complete);
 
-    const ListenStatus status = ListenStatus::parse(plugin->getStatus());
+    const auto status = inputkit::ListenStatus::parse(plugin->getStatus());
     if (!status.isListening()) {
         stopPlugin();
         return fail(ExitNotListening,

@@ -9,7 +9,7 @@
 #include "host/messagereader.h"
 #include "host/options.h"
 #include "host/output.h"
-#include "host/pluginloader.h"
+#include "plugin/kit/pluginloader.h"
 
 #include <QtCore/QObject>
 #include <QtCore/QTimer>
@@ -65,7 +65,7 @@ private:
 
     const Options &options;
     ConfigurationReader configurationReader;
-    PluginLoader loader;
+    inputkit::PluginLoader loader;
     Counters counters;
     Output output;
     MessageReader reader;

@@ -3,8 +3,8 @@
 
 #include "host/logging.h"
 
-#include "host/linelimit.h"
 #include "host/logstream.h"
+#include "plugin/kit/linelimit.h"
 
 #include <QtCore/QByteArray>
 #include <QtCore/QDebug>
@@ -15,6 +15,8 @@
 
 namespace host {
 namespace {
+
+using inputkit::LineLimit;
 
 // Enough for the lines of one connection a second; less than 1 MB a minute for both levels.
 constexpr int MostLinesAMinute = 2000;

@@ -3,22 +3,13 @@
 
 #pragma once
 
+#include "plugin/kit/offerconsumer.h"
+
 #include <QtCore/QByteArrayView>
-#include <QtCore/QString>
 
 namespace host {
 
-//! Where a message came from, as its record says.
-struct Origin
-{
-    QString time; // when the record was made; ISO 8601, UTC
-    QString plugin;
-    QString source;
-    QString peer;
-    unsigned short port = 0;
-    QString client;
-    QString task;
-};
+using inputkit::Origin;
 
 //! One message to be written. It does not own the bytes, so it must not be kept.
 struct Message

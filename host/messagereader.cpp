@@ -3,6 +3,7 @@
 
 #include "host/messagereader.h"
 
+#include "eventloop/epolleventdispatcher.h"
 #include "plugin/subids.h"
 
 #include <chrono>
@@ -19,13 +20,25 @@ constexpr std::chrono::nanoseconds MostLastOfferDelay = 2s;
 constexpr qint64 DefaultIdleTimeoutSeconds = 60;
 constexpr std::chrono::milliseconds ForgetInterval = 1s;
 
+// Our own dispatcher counts its turns, and does not tell of them.
+inputkit::Pace withTurnCount(inputkit::Pace pace)
+{
+    const auto *own = qobject_cast<EpollEventDispatcher *>(QAbstractEventDispatcher::instance());
+    if (own && !pace.turnCount) {
+        const auto pulse = own->pulse();
+        pace.turnCount = inputkit::TurnCount(pulse, &pulse->turns);
+    }
+    return pace;
+}
+
 } // namespace
 
 MessageReader::MessageReader(const FrameFormat &frameFormat, Output &messageOutput, Counters &total,
-                             const ExactOffers::Limits &memory, const Pace &pace)
+                             const ExactOffers::Limits &memory, const inputkit::Pace &pace)
     : writer(frameFormat, messageOutput, total),
+      counters(total),
       answer([this](int bytes, const auto &subId) { Q_EMIT answered(bytes, subId); }),
-      exact(writer, total, answer, memory, pace),
+      exact(writer, answer, memory, withTurnCount(pace)),
       plain(writer, total, answer)
 {
     connect(&writer, &MessageWriter::finished, this, &MessageReader::finished);
@@ -67,10 +80,10 @@ void MessageReader::receive(const shared_parsedData &record)
         return;
     const QMap<QString, QString> subIds = record->getPluginSubId();
     const ExactOffers::Place place{subids::Values(subIds)};
-    if (place.connection != 0)
-        exact.receive(place, record);
-    else
-        plain.receive(*record);
+    if (place.connection == 0)
+        return plain.receive(*record);
+    counters.offers += place.isEnd ? 0 : 1;
+    exact.receive(place, record);
 }
 
 void MessageReader::forgetSilent()

@@ -3,9 +3,9 @@
 
 #pragma once
 
-#include "host/exactreader.h"
 #include "host/messagewriter.h"
 #include "host/plainreader.h"
+#include "plugin/kit/offerreader.h"
 
 #include <QtCore/QMap>
 #include <QtCore/QObject>
@@ -16,8 +16,8 @@ namespace host {
 /*!
     Turns the plugin's offers into messages, and answers them.
 
-    Offers that carry their position are read exactly (ExactReader). For other offers, PlainReader
-    guesses which bytes are repeated.
+    Offers that carry their position are read exactly (inputkit::OfferReader). For other offers,
+   PlainReader guesses which bytes are repeated.
 
     With "ends", a connection is forgotten when the plugin tells its end. Without "ends", it is
     forgotten when it was silent for longer than the plugin's idle time-out: the plugin has closed
@@ -35,7 +35,7 @@ public:
     // memory: limits for what ExactOffers remembers if ends are not told. Time during which offers
     // had to wait does not count for the age.
     MessageReader(const FrameFormat &frameFormat, Output &messageOutput, Counters &total,
-                  const ExactOffers::Limits &memory = {}, const Pace &pace = {});
+                  const ExactOffers::Limits &memory = {}, const inputkit::Pace &pace = {});
 
     // The plugin's idle time-out. Default: 60 s.
     void setIdleTimeout(qint64 seconds);
@@ -72,8 +72,9 @@ private:
     void forgetSilent();
 
     MessageWriter writer;
-    const Answer answer;
-    ExactReader exact;
+    Counters &counters;
+    const inputkit::Answer answer;
+    inputkit::OfferReader exact;
     PlainReader plain;
     QTimer forgetTimer;
 };

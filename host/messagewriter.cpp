@@ -7,26 +7,30 @@
 #include "plugin/parseddata.h"
 #include "plugin/subids.h"
 
-#include <QtCore/QTimeZone>
-
 #include <optional>
 
 namespace host {
 
+using inputkit::Allowance;
+using inputkit::Frame;
+using inputkit::FrameState;
+
 MessageWriter::MessageWriter(const FrameFormat &frameFormat, Output &messageOutput, Counters &total)
-    : format(frameFormat),
+    : maxMessage(frameFormat.maxMessage),
+      framing(framingOf(frameFormat)),
       output(messageOutput),
       counters(total)
 {}
 
-Origin MessageWriter::originOf(const ParsedData &record) const
+Origin MessageWriter::originOf(const ParsedData &record, quint64 connection) const
 {
     Origin origin;
+    origin.connection = connection;
     origin.source = record.getSource(); // warnings name it
     if (!output.showsOrigins())
         return origin;
 
-    origin.time = record.getTimestamp(QTimeZone::utc());
+    origin.time = record.getTime();
     origin.plugin = record.getPluginId();
     origin.peer = record.getPeerAddress();
     origin.port = record.getPeerPort();
@@ -35,13 +39,19 @@ Origin MessageWriter::originOf(const ParsedData &record) const
     return origin;
 }
 
-qsizetype MessageWriter::write(QByteArrayView bytes, const Origin &origin, FrameState &state,
-                               Allowance &allowance)
+void MessageWriter::began(const ParsedData &record)
 {
+    counters.addConnection(record.getPluginSubIdKey(subids::client()));
+}
+
+qsizetype MessageWriter::write(QByteArrayView bytes, quint64 position, const Origin &origin,
+                               FrameState &state, Allowance &allowance)
+{
+    Q_UNUSED(position)
     std::optional<QByteArray> head; // the same for all messages of an offer
     qsizetype taken = 0;
     while (!done && taken < bytes.size() && !allowance.isUsedUp()) {
-        const Frame frame = takeFrame(bytes.sliced(taken), format, state);
+        const Frame frame = framing->take(bytes.sliced(taken), state);
         if (frame.kind == Frame::Incomplete)
             break;
         taken += frame.size;
@@ -58,19 +68,26 @@ qsizetype MessageWriter::write(QByteArrayView bytes, const Origin &origin, Frame
     return taken;
 }
 
-void MessageWriter::writePartial(QByteArrayView rest, const Origin &origin)
+qsizetype MessageWriter::bytesToAppend(QByteArrayView rest, QByteArrayView next) const
 {
+    return framing->bytesToAppend(rest, next);
+}
+
+void MessageWriter::writePartial(QByteArrayView rest, quint64 position, const Origin &origin)
+{
+    Q_UNUSED(position)
     if (rest.isEmpty() || done)
         return;
-    output.write({output.headOf(origin), partialMessage(rest, format), true});
+    output.write({output.headOf(origin), framing->partial(rest), true});
     ++counters.partial;
 }
 
-bool MessageWriter::giveUp(QByteArrayView rest, const Origin &origin, FrameState &state)
+bool MessageWriter::giveUp(QByteArrayView rest, quint64 position, const Origin &origin,
+                           FrameState &state)
 {
-    if (!abandonMessage(rest, format, state))
+    if (!framing->abandon(rest, state))
         return false;
-    writePartial(rest, origin);
+    writePartial(rest, position, origin);
     if (givenUpLines.allows())
         CWRN(QtWarningMsg, QStringLiteral("Unfinished message of %1 bytes given up, from %2"),
              rest.size(), origin.source);
@@ -81,7 +98,7 @@ void MessageWriter::tellMissedWarnings(bool atOnce)
 {
     if (const qint64 missed = tooLongLines.takeMissed(atOnce))
         CWRN(QtWarningMsg, QStringLiteral("%1 more messages of more than %2 bytes skipped"), missed,
-             format.maxMessage);
+             maxMessage);
     if (const qint64 missed = givenUpLines.takeMissed(atOnce))
         CWRN(QtWarningMsg, QStringLiteral("%1 more unfinished messages given up"), missed);
 }
@@ -91,7 +108,7 @@ void MessageWriter::warnOfTooLong(const Origin &origin)
     ++counters.tooLong;
     if (tooLongLines.allows())
         CWRN(QtWarningMsg, QStringLiteral("Message of more than %1 bytes skipped, from %2"),
-             format.maxMessage, origin.source);
+             maxMessage, origin.source);
 }
 
 void MessageWriter::writeMessage(QByteArrayView head, QByteArrayView bytes)

@@ -5,26 +5,14 @@
 
 #include "host/counters.h"
 #include "host/framing.h"
-#include "host/linelimit.h"
 #include "host/message.h"
 #include "host/output.h"
+#include "plugin/kit/linelimit.h"
+#include "plugin/kit/offerconsumer.h"
 
 #include <QtCore/QObject>
 
-#include <limits>
-
-class ParsedData;
-
 namespace host {
-
-//! How much of a connection may be read before it is another one's turn.
-struct Allowance
-{
-    qint64 messages = std::numeric_limits<qint64>::max();
-    qint64 bytes = std::numeric_limits<qint64>::max(); // the last message may exceed it
-
-    bool isUsedUp() const { return messages <= 0 || bytes <= 0; }
-};
 
 /*!
     Cuts a connection's bytes into messages, prints them and counts them.
@@ -32,7 +20,7 @@ struct Allowance
     Thread: any one.
     Owner:  the caller, also of the output and the counters.
 */
-class MessageWriter : public QObject
+class MessageWriter : public QObject, public inputkit::OfferConsumer
 {
     Q_OBJECT
 
@@ -41,26 +29,18 @@ public:
 
     // Stops after that many messages: nothing more is printed. 0 (default): never.
     void setLimit(qint64 messages) { limit = messages; }
-    bool isDone() const { return done; }
+    bool isDone() const override { return done; }
 
-    const FrameFormat &frameFormat() const { return format; }
-
-    // The origin of the record's messages: only the parts that the output shows, and the source.
-    Origin originOf(const ParsedData &record) const;
-
-    // Prints the messages at the front of the bytes. Returns the number of bytes taken. What is
-    // left is the beginning of a message, unless the allowance is used up or the limit is reached.
-    qsizetype write(QByteArrayView bytes, const Origin &origin, FrameState &state,
-                    Allowance &allowance);
-
-    // Prints the beginning of a message whose end will not come. rest: what write() has left; if it
-    // is empty, nothing happens.
-    void writePartial(QByteArrayView rest, const Origin &origin);
-
-    // The same for a message that goes on, but takes too much memory. Its further bytes are
-    // skipped, and a line warns of it. False, and nothing happens, if its end cannot be found, see
-    // abandonMessage().
-    bool giveUp(QByteArrayView rest, const Origin &origin, FrameState &state);
+    // Only the parts that the output shows, and the source.
+    Origin originOf(const ParsedData &record, quint64 connection) const override;
+    void began(const ParsedData &record) override;
+    qsizetype write(QByteArrayView bytes, quint64 position, const Origin &origin,
+                    inputkit::FrameState &state, inputkit::Allowance &allowance) override;
+    qsizetype bytesToAppend(QByteArrayView rest, QByteArrayView next) const override;
+    void writePartial(QByteArrayView rest, quint64 position, const Origin &origin) override;
+    // A line warns of it.
+    bool giveUp(QByteArrayView rest, quint64 position, const Origin &origin,
+                inputkit::FrameState &state) override;
 
     // Warnings of a kind beyond ten a minute are only counted. This logs their number if the minute
     // is over, or if atOnce.
@@ -74,11 +54,12 @@ private:
     void warnOfTooLong(const Origin &origin);
     void writeMessage(QByteArrayView head, QByteArrayView bytes);
 
-    const FrameFormat format;
+    const qint64 maxMessage;
+    const inputkit::SharedFraming framing;
     Output &output;
     Counters &counters;
-    LineLimit tooLongLines;
-    LineLimit givenUpLines;
+    inputkit::LineLimit tooLongLines;
+    inputkit::LineLimit givenUpLines;
     qint64 limit = 0;
     bool done = false;
 };

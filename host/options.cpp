@@ -14,6 +14,8 @@
 namespace host {
 namespace {
 
+using inputkit::EntryPoint;
+
 // Enough for 64 messages of the default maximum, and for thousands of usual ones.
 constexpr qint64 DefaultMaxUnfinished = 64 * 1024 * 1024;
 

@@ -5,7 +5,7 @@
 
 #include "host/framing.h"
 #include "host/output.h"
-#include "host/pluginloader.h"
+#include "plugin/kit/pluginloader.h"
 
 #include <QtCore/QJsonValue>
 #include <QtCore/QList>
@@ -20,7 +20,7 @@ namespace host {
 struct Options
 {
     QString pluginFile; // empty: look for it
-    EntryPoint entryPoint = EntryPoint::Create;
+    inputkit::EntryPoint entryPoint = inputkit::EntryPoint::Create;
     QString configFile; // empty: none; "-": standard input
     QList<std::pair<QString, QJsonValue>> settings; // applied over the file, in this order
     QString id;

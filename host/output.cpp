@@ -117,7 +117,7 @@ QByteArray Output::headOf(const Origin &origin) const
         appendNumber(json, number);
         json += ',';
     };
-    addText("\"time\":", origin.time);
+    addText("\"time\":", origin.time.toUTC().toString(Qt::ISODate));
     addText("\"plugin\":", origin.plugin);
     addText("\"source\":", origin.source);
     addText("\"peer\":", origin.peer);

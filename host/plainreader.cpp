@@ -34,7 +34,8 @@ QByteArrayView discardablePart(QByteArrayView buffer)
 
 } // namespace
 
-PlainReader::PlainReader(MessageWriter &messageWriter, Counters &total, const Answer &toOffers)
+PlainReader::PlainReader(MessageWriter &messageWriter, Counters &total,
+                         const inputkit::Answer &toOffers)
     : writer(messageWriter),
       counters(total),
       answer(toOffers)
@@ -58,7 +59,7 @@ void PlainReader::receive(const ParsedData &record)
     ++counters.offers;
     Client &client = clientOf(record, key);
     if (takeOffer(client, record.getOriginalMessage())) {
-        client.origin = writer.originOf(record);
+        client.origin = writer.originOf(record, 0);
         readMessages(client);
     }
     client.lastOfferTime = now();
@@ -130,8 +131,8 @@ void PlainReader::readMessages(Client &client)
 // Consumes the complete messages. Returns the number of bytes, framing included.
 qsizetype PlainReader::takeMessages(Client &client)
 {
-    Allowance unlimited;
-    const qsizetype taken = writer.write(discardablePart(client.tracker.unread()), client.origin,
+    inputkit::Allowance unlimited;
+    const qsizetype taken = writer.write(discardablePart(client.tracker.unread()), 0, client.origin,
                                          client.framing, unlimited);
     if (taken > 0)
         client.tracker.consume(taken, now());
@@ -195,7 +196,7 @@ void PlainReader::giveUp(Client &client)
         client.tracker.decide();
         takeMessages(client);
     }
-    writer.writePartial(client.tracker.unread(), client.origin);
+    writer.writePartial(client.tracker.unread(), 0, client.origin);
     client.tracker.clear();
     client.framing = {};
 }

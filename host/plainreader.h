@@ -3,9 +3,9 @@
 
 #pragma once
 
-#include "host/answer.h"
 #include "host/messagewriter.h"
 #include "host/offertracker.h"
+#include "plugin/kit/offerreader.h"
 #include "plugin/parseddata.h"
 
 #include <QtCore/QElapsedTimer>
@@ -36,7 +36,7 @@ class PlainReader : public QObject
     Q_OBJECT
 
 public:
-    PlainReader(MessageWriter &messageWriter, Counters &total, const Answer &toOffers);
+    PlainReader(MessageWriter &messageWriter, Counters &total, const inputkit::Answer &toOffers);
 
     // See MessageReader.
     void setAnswering(bool enable) { answering = enable; }
@@ -57,7 +57,7 @@ private:
         QMap<QString, QString> subId;
         Origin origin; // of the last offer
         OfferTracker tracker;
-        FrameState framing;
+        inputkit::FrameState framing;
         qint64 lastOfferTime = 0;
 
         // False: the state equals a new client's, so the entry can be removed.
@@ -88,7 +88,7 @@ private:
     // An offer without a complete message is not answered: the plugin would answer a discard of 0
     // bytes with the same offer, at once and for ever. A discard of 0 bytes is used once, to ask
     // for another offer after an unclear one, see OfferTracker.
-    const Answer &answer;
+    const inputkit::Answer &answer;
 
     Clients clients; // the longest silent one first
     QHash<QString, Clients::iterator> byKey;

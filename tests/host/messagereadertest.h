@@ -15,6 +15,7 @@
 namespace messagereadertest {
 
 using namespace host;
+using inputkit::Pace;
 
 inline shared_parsedData offer(const QByteArray &bytes, const QString &client = QStringLiteral("c"),
                                int task = 0)

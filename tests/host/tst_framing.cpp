@@ -8,6 +8,8 @@
 #include <QtTest/QtTest>
 
 using namespace host;
+using inputkit::Frame;
+using inputkit::FrameState;
 
 namespace {
 
@@ -24,14 +26,14 @@ QByteArray counted(const QByteArray &message)
 class Stream
 {
 public:
-    explicit Stream(const FrameFormat &frameFormat) : format(frameFormat) {}
+    explicit Stream(const FrameFormat &format) : framing(framingOf(format)) {}
 
     void receive(const QByteArray &bytes)
     {
         buffer += bytes;
         most = qMax(most, buffer.size());
         for (;;) {
-            const Frame frame = takeFrame(buffer, format, state);
+            const Frame frame = framing->take(buffer, state);
             if (frame.kind == Frame::Incomplete) {
                 QCOMPARE(frame.size, 0);
                 return;
@@ -57,7 +59,7 @@ private:
         buffer.remove(0, frame.size);
     }
 
-    const FrameFormat format;
+    const inputkit::SharedFraming framing;
 };
 
 } // namespace
@@ -179,13 +181,13 @@ void tst_Framing::anySplitGivesTheSame()
 // Otherwise a long line in many offers would cost time in proportion to the square of its length.
 void tst_Framing::doesNotSearchTwice()
 {
-    const FrameFormat format;
+    const auto framing = framingOf({});
     FrameState state;
-    QCOMPARE(takeFrame("abc", format, state).kind, Frame::Incomplete);
+    QCOMPARE(framing->take("abc", state).kind, Frame::Incomplete);
 
     // A real stream does not change its bytes. The change shows that the first three are not
     // searched again.
-    const Frame frame = takeFrame("\n\n\nd\n", format, state);
+    const Frame frame = framing->take("\n\n\nd\n", state);
     QCOMPARE(frame.message.toByteArray(), QByteArray("\n\n\nd"));
 }
 
@@ -246,7 +248,7 @@ void tst_Framing::partial()
 {
     QFETCH(Framing, framing);
     QFETCH(QByteArray, rest);
-    QTEST(partialMessage(rest, {framing, 100}).toByteArray(), "expected");
+    QTEST(framingOf({framing, 100})->partial(rest).toByteArray(), "expected");
 }
 
 void tst_Framing::anyBytes()

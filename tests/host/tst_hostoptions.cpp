@@ -47,7 +47,7 @@ void tst_HostOptions::defaults()
     QCOMPARE(line.outcome, CommandLine::Run);
     const Options &options = line.options;
     QCOMPARE(options.pluginFile, QString());
-    QCOMPARE(options.entryPoint, EntryPoint::Create);
+    QCOMPARE(options.entryPoint, inputkit::EntryPoint::Create);
     QCOMPARE(options.configFile, QString());
     QVERIFY(options.settings.isEmpty());
     QCOMPARE(options.id, QStringLiteral("tcp"));
@@ -69,7 +69,7 @@ void tst_HostOptions::all()
     QCOMPARE(line.outcome, CommandLine::Run);
     const Options &options = line.options;
     QCOMPARE(options.pluginFile, QStringLiteral("lib.so"));
-    QCOMPARE(options.entryPoint, EntryPoint::RegisterPlugin);
+    QCOMPARE(options.entryPoint, inputkit::EntryPoint::RegisterPlugin);
     QCOMPARE(options.configFile, QStringLiteral("-"));
     QCOMPARE(options.settings.size(), 1);
     QCOMPARE(options.id, QStringLiteral("x"));
@@ -84,7 +84,7 @@ void tst_HostOptions::all()
 
 void tst_HostOptions::otherChoices()
 {
-    QCOMPARE(parse(words("--entry create")).options.entryPoint, EntryPoint::Create);
+    QCOMPARE(parse(words("--entry create")).options.entryPoint, inputkit::EntryPoint::Create);
     QCOMPARE(parse(words("--framing lines")).options.format.framing, Framing::Lines);
     QCOMPARE(parse(words("--framing none")).options.format.framing, Framing::None);
     QCOMPARE(parse(words("--output json")).options.output, OutputFormat::Json);

@@ -19,7 +19,8 @@ using namespace host;
 
 namespace {
 
-const Origin origin = {QStringLiteral("2026-01-02T03:04:05Z"),
+const Origin origin = {7,
+                       QDateTime::fromString(QStringLiteral("2026-01-02T03:04:05Z"), Qt::ISODate),
                        QStringLiteral("tcp"),
                        QStringLiteral("TCP:tcp2:127.0.0.1:7446-127.0.0.2:40001"),
                        QStringLiteral("127.0.0.2"),

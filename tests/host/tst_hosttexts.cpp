@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "host/counters.h"
-#include "host/listenstatus.h"
+#include "plugin/kit/listenstatus.h"
 
 #include <QtTest/QtTest>
 
@@ -49,7 +49,7 @@ void tst_HostTexts::listenStatus()
 {
     QFETCH(QString, text);
     QFETCH(int, port);
-    const ListenStatus status = ListenStatus::parse(text);
+    const auto status = inputkit::ListenStatus::parse(text);
     QTEST(status.address, "address");
     QCOMPARE(status.port, port);
     QTEST(status.timeoutSeconds, "timeout");

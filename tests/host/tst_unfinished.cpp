@@ -1,9 +1,9 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-#include "host/linelimit.h"
 #include "host/messagereader.h"
-#include "host/unfinishedsizes.h"
+#include "plugin/kit/linelimit.h"
+#include "plugin/kit/unfinishedsizes.h"
 
 #include "tests/host/messagereadertest.h"
 #include "tests/kit/hangguard.h"
@@ -12,6 +12,8 @@
 #include <QtTest/QtTest>
 
 using namespace host;
+using inputkit::LineLimit;
+using inputkit::UnfinishedSizes;
 using namespace messagereadertest;
 
 namespace {

@@ -5,10 +5,10 @@
 
 #include "host/configuration.h"
 #include "host/exitcodes.h"
-#include "host/listenstatus.h"
 #include "host/logging.h"
 #include "host/signalnotifier.h"
 #include "plugin/iinputplugin.h"
+#include "plugin/kit/listenstatus.h"
 
 #include <QtCore/QCoreApplication>
 
@@ -74,7 +74,7 @@ bool RestartingHost::startPlugin()
     ++starts;
     if (!plugin->start())
         return false;
-    const ListenStatus status = ListenStatus::parse(plugin->getStatus());
+    const auto status = inputkit::ListenStatus::parse(plugin->getStatus());
     reader.setIdleTimeout(status.timeoutSeconds);
     return status.isListening();
 }

@@ -7,7 +7,7 @@
 #include "host/messagereader.h"
 #include "host/options.h"
 #include "host/output.h"
-#include "host/pluginloader.h"
+#include "plugin/kit/pluginloader.h"
 
 #include <QtCore/QJsonObject>
 #include <QtCore/QObject>
@@ -44,7 +44,7 @@ private:
     void restart();
 
     const host::Options &options;
-    host::PluginLoader loader;
+    inputkit::PluginLoader loader;
     QJsonObject configuration;
     host::Counters counters;
     host::Output output;

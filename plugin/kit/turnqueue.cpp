@@ -1,28 +1,28 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-#include "host/turnqueue.h"
+#include "plugin/kit/turnqueue.h"
 
 #include <QtCore/QAbstractEventDispatcher>
 
 #include <atomic>
 #include <utility>
 
-namespace host {
+namespace inputkit {
 
-TurnQueue::TurnQueue(std::chrono::nanoseconds timePerTurn) : time(timePerTurn)
+TurnQueue::TurnQueue(std::chrono::nanoseconds timePerTurn, TurnCount turnCount)
+    : time(timePerTurn),
+      turns(std::move(turnCount))
 {
     sinceFirst.start();
-    QAbstractEventDispatcher *const dispatcher = QAbstractEventDispatcher::instance();
-    if (const auto *own = qobject_cast<EpollEventDispatcher *>(dispatcher))
-        pulse = own->pulse();
-    else // one of Qt's: the program had no descriptors for its own
-        connect(dispatcher, &QAbstractEventDispatcher::awake, this, [this] { ++turnsOfQt; });
+    if (!turns)
+        connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::awake, this,
+                [this] { ++turnsOfQt; });
 }
 
 bool TurnQueue::hasTime()
 {
-    const quint64 now = pulse ? pulse->turns.load(std::memory_order_relaxed) : turnsOfQt;
+    const quint64 now = turns ? turns->load(std::memory_order_relaxed) : turnsOfQt;
     if (std::exchange(turn, now) != now) {
         sinceFirst.start();
         return true;
@@ -61,4 +61,4 @@ void TurnQueue::post()
     QMetaObject::invokeMethod(this, &TurnQueue::playTurn, Qt::QueuedConnection);
 }
 
-} // namespace host
+} // namespace inputkit

@@ -13,7 +13,7 @@
 
 class IInputPlugin;
 
-namespace host {
+namespace inputkit {
 
 //! The library's two entry points. Both make the same objects.
 enum class EntryPoint {
@@ -53,4 +53,4 @@ private:
     QString error;
 };
 
-} // namespace host
+} // namespace inputkit

@@ -8,7 +8,7 @@
 #include <set>
 #include <utility>
 
-namespace host {
+namespace inputkit {
 
 /*!
     How many bytes of unfinished messages there are, and which connection has the most of them.
@@ -39,4 +39,4 @@ private:
     qint64 sum = 0;
 };
 
-} // namespace host
+} // namespace inputkit

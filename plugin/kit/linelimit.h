@@ -8,7 +8,7 @@
 #include <chrono>
 #include <utility>
 
-namespace host {
+namespace inputkit {
 
 /*!
     Limits the log lines of one kind: a bad device may cause any number of them. In each interval
@@ -58,4 +58,4 @@ private:
     qint64 missed = 0;
 };
 
-} // namespace host
+} // namespace inputkit

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-#include "host/pluginloader.h"
+#include "plugin/kit/pluginloader.h"
 
 #include "plugin/iinputplugin.h"
 
@@ -9,7 +9,7 @@
 #include <QtCore/QDir>
 #include <QtCore/QFileInfo>
 
-namespace host {
+namespace inputkit {
 namespace {
 
 // The name under which the library registers its creator.
@@ -18,13 +18,14 @@ QString creatorName()
     return QStringLiteral("TcpInputPlugin2");
 }
 
-// The library in the tree where the program was built or installed. If there is none, its plain
-// name, which the system looks up.
+// The library in the tree where the program was built or installed, or where this was to be
+// installed. If there is none, its plain name, which the system looks up.
 QString findLibrary()
 {
     const QDir program(QCoreApplication::applicationDirPath());
     const QString file = QStringLiteral("libtcpinputplugin2.so");
-    for (const char *folder : {INSTALLED_LIBRARY_DIR, "../lib", "../tcpinput", "."}) {
+    for (const char *folder : {LIBRARY_FROM_PROGRAM, "../lib", "../tcpinput", ".", LIBRARY_DIR}) {
+        // An absolute folder stays as it is.
         const QFileInfo candidate(program, QLatin1String(folder) + QLatin1Char('/') + file);
         if (candidate.exists())
             return candidate.canonicalFilePath();
@@ -79,4 +80,4 @@ std::unique_ptr<IInputPlugin> PluginLoader::create(const QJsonObject &config) co
     return plugin;
 }
 
-} // namespace host
+} // namespace inputkit

@@ -3,23 +3,32 @@
 
 #pragma once
 
-#include "host/answer.h"
-#include "host/messagewriter.h"
-#include "host/turnqueue.h"
-#include "host/unfinishedsizes.h"
 #include "plugin/exactoffers.h"
+#include "plugin/kit/offerconsumer.h"
+#include "plugin/kit/turnqueue.h"
+#include "plugin/kit/unfinishedsizes.h"
 #include "plugin/parseddata.h"
 
 #include <QtCore/QByteArray>
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QHash>
+#include <QtCore/QMap>
+#include <QtCore/QSet>
+#include <QtCore/QString>
 
 #include <chrono>
+#include <deque>
+#include <functional>
 #include <limits>
 #include <list>
 #include <optional>
+#include <utility>
+#include <vector>
 
-namespace host {
+namespace inputkit {
+
+//! Passes an answer on to IInputPlugin::discard(). Must not lead back into the reader of the offer.
+using Answer = std::function<void(int bytes, const QMap<QString, QString> &subId)>;
 
 //! How much may be read before others get their turn.
 struct Pace
@@ -29,41 +38,54 @@ struct Pace
     std::chrono::nanoseconds ofTurn = std::chrono::milliseconds(5);
     // A long offer is answered in parts only if it takes longer than that.
     std::chrono::nanoseconds ofAnswer = std::chrono::milliseconds(50);
+    // As TurnQueue takes it.
+    TurnCount turnCount = nullptr;
 };
 
 /*!
     Reads offers that carry their position (ExactOffers).
 
-    All bytes are consumed, also those of an unfinished message, which is kept here. So offers stay
+    All bytes are read, also those of an unfinished message, which is kept here. So offers stay
     small, and each byte is handled once. An offer that is not read in one go waits for its turn. If
     a later offer of the same connection comes meanwhile, it replaces the waiting one: it has all
     bytes that are not consumed.
 
     All unfinished messages together have a size limit. Beyond it, the longest message is given up:
-    its beginning is printed as partial, and the rest is skipped.
+    its beginning is handed out as partial, and the rest is skipped.
+
+    A consumer may run an event loop of its own. What comes meanwhile is read when it has returned.
 
     A connection is kept here while it has an unread offer or an unfinished message, or while a
     message is skipped. ExactOffers remembers for longer up to which position the connection was
     consumed: until its end is told or, without "ends", within the limits given to the constructor.
 
     Thread: the plugin's, which needs an event loop.
-    Owner:  the caller, also of the writer and the counters.
+    Owner:  the caller, also of the consumer.
 */
-class ExactReader
+class OfferReader
 {
 public:
-    ExactReader(MessageWriter &messageWriter, Counters &total, const Answer &toOffers,
-                const ExactOffers::Limits &memory, const Pace &readingPace);
+    OfferReader(OfferConsumer &offerConsumer, const Answer &toOffers,
+                const ExactOffers::Limits &memory = {}, const Pace &readingPace = {});
+    Q_DISABLE_COPY_MOVE(OfferReader)
 
-    // See MessageReader.
+    // False: offers are read and not answered. Default: true.
     void setAnswering(bool enable) { answering = enable; }
+    // Without "ends": how long a connection may be silent before it is forgotten. Default: 0.
     void setForgetAfter(std::chrono::nanoseconds silence) { forgetAfter = silence.count(); }
     // Also forgets all connections, see forgetAll().
     void setEndsTold(bool enable);
+    // Of all unfinished messages together. Default: no limit.
     void setMaxUnfinished(qint64 bytes) { maxUnfinished = bytes; }
 
     // place: the record's; its connection is not 0.
     void receive(const ExactOffers::Place &place, const shared_parsedData &record);
+
+    // A paused connection is not read: its latest record waits, and its end. May be called while a
+    // message is handed out; the next one waits then.
+    void setPaused(quint64 connection, bool pause);
+    // The same for all connections. Default: false.
+    void setAllPaused(bool pause);
 
     // Reads all offers that wait, gives up unfinished messages, and forgets all connections.
     void forgetAll();
@@ -71,6 +93,8 @@ public:
     // connections that were silent for too long, unless their ends are told.
     void forgetSilent(std::chrono::nanoseconds interval);
 
+    // With "ends", the connections that have made an offer and are not over; without, those of
+    // which something is kept.
     qsizetype remembered() const;
 
 private:
@@ -84,11 +108,13 @@ private:
         qsizetype answered = 0; // how many of them were answered
         qint64 answeredTime = 0; // when, or when the offer came; in ns of the clock
         shared_parsedData end; // null: not told
-        bool waits = false; // in the queue
+        bool waits = false; // in the queue, or paused
 
         Origin origin; // of the latest offer that was opened
         QByteArray tail; // the beginning of a message; its capacity grows in steps
-        qsizetype counted = 0; // its size as unfinished knows it
+        bool tailHasMore = false; // the tail may hold whole messages: its go was over
+        quint64 received = 0; // the position behind the last byte that was read
+        qsizetype counted = 0; // the tail's size as unfinished knows it
         FrameState framing;
         qint64 lastOfferTime = 0;
 
@@ -97,13 +123,20 @@ private:
     };
     using Clients = std::list<Client>;
 
+    void readRecord(const ExactOffers::Place &place, const shared_parsedData &record);
+    void readLate();
     void take(Client &client, const ExactOffers::Place &place, const shared_parsedData &record);
     void goOn(quint64 number);
     void proceed(Client &client);
+    void wait(Client &client);
+    bool mayRead(const Client &client) const;
     bool readOffer(Client &client);
     void open(Client &client);
     qsizetype readBytes(Client &client, QByteArrayView bytes, Allowance &allowance);
     qsizetype finishTail(Client &client, QByteArrayView bytes, Allowance &allowance);
+    void takeFromTail(Client &client, quint64 position, Allowance &allowance);
+    static quint64 positionOfFresh(const Client &client);
+    static quint64 positionOfTail(const Client &client);
     void answerOffer(Client &client, bool isRead);
     void end(Client &client);
 
@@ -114,9 +147,8 @@ private:
     void forget(Clients::iterator client);
     void giveUp(Client &client);
 
-    MessageWriter &writer;
-    Counters &counters;
-    const Answer &answer;
+    OfferConsumer &consumer;
+    const Answer answer;
     const ExactOffers::Limits givenMemory;
     const Allowance goAllowance;
     const qint64 answerAfter; // in nanoseconds
@@ -127,13 +159,20 @@ private:
     QHash<quint64, Clients::iterator> byNumber;
     UnfinishedSizes unfinished; // sizes of the clients' tails
     TurnQueue queue; // of numbers; their clients may be forgotten meanwhile
+    QSet<quint64> paused;
+
+    // What has come while the consumer delivered events, in a nested event loop of its own.
+    std::deque<std::pair<ExactOffers::Place, shared_parsedData>> late;
+    std::vector<quint64> lateGoes;
 
     QElapsedTimer clock;
     qint64 forgetAfter = 0; // in nanoseconds
     qint64 maxUnfinished = std::numeric_limits<qint64>::max();
 
+    bool reading = false;
+    bool allPaused = false;
     bool answering = true;
     bool endsTold = false;
 };
 
-} // namespace host
+} // namespace inputkit

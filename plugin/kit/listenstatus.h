@@ -5,7 +5,7 @@
 
 #include <QtCore/QString>
 
-namespace host {
+namespace inputkit {
 
 /*!
     Where the plugin listens, read from its status text.
@@ -26,4 +26,4 @@ struct ListenStatus
     static ListenStatus parse(const QString &statusText);
 };
 
-} // namespace host
+} // namespace inputkit

@@ -3,17 +3,20 @@
 
 #pragma once
 
-#include "eventloop/epolleventdispatcher.h"
-
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QObject>
 
+#include <atomic>
 #include <chrono>
 #include <deque>
 #include <limits>
 #include <memory>
 
-namespace host {
+namespace inputkit {
+
+//! Counts the turns of an event loop: another number with each. Null: counted by the signal awake()
+//! of the thread's event dispatcher, as Qt's own dispatchers have it.
+using TurnCount = std::shared_ptr<const std::atomic<quint64>>;
 
 /*!
     Shares the thread among connections that have more to read than fits into one go.
@@ -28,7 +31,7 @@ class TurnQueue : public QObject
     Q_OBJECT
 
 public:
-    explicit TurnQueue(std::chrono::nanoseconds timePerTurn);
+    explicit TurnQueue(std::chrono::nanoseconds timePerTurn, TurnCount turnCount = {});
 
     // Whether this turn of the event loop has time left for a record that has just come. The goes
     // of waiting connections have a time of their own, so neither has to wait for the other.
@@ -52,10 +55,9 @@ private:
     QElapsedTimer sinceFirst; // since the first record of this turn
     // Of the event loop, in which the last record came. At first none: no turn has this number.
     quint64 turn = std::numeric_limits<quint64>::max();
-    // Counts the turns. Null: the dispatcher is one of Qt's, and turnsOfQt counts them.
-    std::shared_ptr<const EpollEventDispatcher::Pulse> pulse;
-    quint64 turnsOfQt = 1;
+    const TurnCount turns;
+    quint64 turnsOfQt = 1; // if turns is null
     bool posted = false;
 };
 
-} // namespace host
+} // namespace inputkit

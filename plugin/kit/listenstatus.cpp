@@ -1,11 +1,11 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-#include "host/listenstatus.h"
+#include "plugin/kit/listenstatus.h"
 
 #include <QtCore/QRegularExpression>
 
-namespace host {
+namespace inputkit {
 
 ListenStatus ListenStatus::parse(const QString &statusText)
 {
@@ -16,4 +16,4 @@ ListenStatus ListenStatus::parse(const QString &statusText)
     return {match.captured(1), match.captured(2).toInt(), match.captured(3).toLongLong()};
 }
 
-} // namespace host
+} // namespace inputkit

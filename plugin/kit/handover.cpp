@@ -1,0 +1,195 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "plugin/kit/handover.h"
+
+#include "plugin/cwrn.h"
+
+#include <QtCore/QByteArray>
+#include <QtCore/QMutex>
+
+#include <utility>
+#include <vector>
+
+namespace inputkit {
+namespace {
+
+constexpr qsizetype BatchBytes = 256 * 1024;
+constexpr qint64 BytesOfItem = 64; // what an item costs beside its message
+
+} // namespace
+
+//! What both threads know. Guarded by the mutex.
+struct HandOver::Shared
+{
+    QMutex mutex;
+    QObject *context = nullptr; // null: destroyed
+    HandOver *owner = nullptr; // null: destroyed
+    qint64 bytes = 0; // on their way
+};
+
+//! Copies of messages and ends. Its destruction says that they are not on their way any more.
+class HandOver::Batch
+{
+public:
+    explicit Batch(std::shared_ptr<Shared> common) : shared(std::move(common)) {}
+    ~Batch()
+    {
+        const QMutexLocker locker(&shared->mutex);
+        shared->bytes -= counted;
+        if (counted > 0 && shared->owner)
+            QMetaObject::invokeMethod(shared->owner, &HandOver::landed, Qt::QueuedConnection);
+    }
+    Q_DISABLE_COPY_MOVE(Batch)
+
+    void addOrigin(const Origin &origin)
+    {
+        if (origins.empty() || origins.back().connection != origin.connection
+            || origins.back().time != origin.time)
+            origins.push_back(origin);
+    }
+    void add(const InputMessage &message)
+    {
+        items.push_back({origins.size() - 1,
+                         bytes.size(),
+                         message.bytes.size(),
+                         message.position,
+                         message.end,
+                         message.partial,
+                         {}});
+        bytes.append(message.bytes);
+        counted += message.bytes.size() + BytesOfItem;
+    }
+    void add(const InputEnd &end)
+    {
+        items.push_back({origins.size() - 1, 0, 0, end.position, end.position, false, end.reason});
+        counted += BytesOfItem;
+    }
+    qint64 size() const { return counted; }
+
+    void play(const InputHandlers &handlers) const
+    {
+        for (const Item &item : items) {
+            const Origin &origin = origins[item.origin];
+            if (!item.reason.isEmpty() && handlers.end)
+                handlers.end({origin, item.reason, item.end});
+            else if (item.reason.isEmpty() && handlers.message)
+                handlers.message({origin, QByteArrayView(bytes).sliced(item.begin, item.size),
+                                  item.position, item.end, item.partial});
+        }
+    }
+
+private:
+    struct Item
+    {
+        std::size_t origin; // its place in origins
+        qsizetype begin; // of the message, in bytes
+        qsizetype size;
+        quint64 position;
+        quint64 end;
+        bool partial;
+        QString reason; // empty: it is a message
+    };
+
+    const std::shared_ptr<Shared> shared;
+    std::vector<Origin> origins;
+    std::vector<Item> items;
+    QByteArray bytes;
+    qint64 counted = 0;
+};
+
+HandOver::HandOver(QObject *receiver, InputHandlers functions)
+    : handlers(std::make_shared<const InputHandlers>(std::move(functions))),
+      shared(std::make_shared<Shared>())
+{
+    shared->owner = this;
+    shared->context = receiver;
+    // Direct: in the receiver's thread, before it is gone.
+    connect(
+            receiver, &QObject::destroyed, receiver,
+            [common = shared] {
+                const QMutexLocker locker(&common->mutex);
+                common->context = nullptr;
+            },
+            Qt::DirectConnection);
+}
+
+HandOver::~HandOver()
+{
+    send();
+    const QMutexLocker locker(&shared->mutex);
+    shared->owner = nullptr;
+}
+
+HandOver::Batch &HandOver::batchFor(const Origin &origin)
+{
+    if (!next)
+        next = std::make_unique<Batch>(shared);
+    next->addOrigin(origin);
+    if (!std::exchange(posted, true)) {
+        QMetaObject::invokeMethod(
+                this,
+                [this] {
+                    posted = false;
+                    flush();
+                },
+                Qt::QueuedConnection);
+    }
+    return *next;
+}
+
+void HandOver::add(const InputMessage &message)
+{
+    batchFor(message.origin).add(message);
+    if (next->size() >= BatchBytes)
+        flush();
+}
+
+void HandOver::add(const InputEnd &end)
+{
+    batchFor(end.origin).add(end);
+}
+
+void HandOver::flush()
+{
+    send();
+    tellFull();
+}
+
+void HandOver::send()
+{
+    if (!next)
+        return;
+    const std::shared_ptr<Batch> batch = std::move(next); // it takes the lock when it goes
+    bool isGone = false;
+    {
+        const QMutexLocker locker(&shared->mutex);
+        shared->bytes += batch->size();
+        isGone = !shared->context;
+        if (!isGone)
+            QMetaObject::invokeMethod(
+                    shared->context, [functions = handlers, batch] { batch->play(*functions); },
+                    Qt::QueuedConnection);
+    }
+    if (isGone && !std::exchange(hasWarned, true))
+        CWRN(QtWarningMsg, QStringLiteral("Messages are dropped: their receiver is gone"));
+}
+
+void HandOver::landed()
+{
+    tellFull();
+}
+
+void HandOver::tellFull()
+{
+    qint64 bytes = 0;
+    {
+        const QMutexLocker locker(&shared->mutex);
+        bytes = shared->bytes;
+    }
+    const bool now = isFull ? bytes > MostBytes / 2 : bytes > MostBytes;
+    if (std::exchange(isFull, now) != now)
+        Q_EMIT full(now);
+}
+
+} // namespace inputkit

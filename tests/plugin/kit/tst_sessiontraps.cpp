@@ -1,0 +1,263 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "tests/kit/messagecapture.h"
+#include "tests/plugin/kit/sessiontest.h"
+
+#include <QtTest/QtTest>
+
+using namespace sessiontest;
+
+// What a host without the kit stumbles over, see "Traps" in docs/HOST_GUIDE.md.
+class tst_SessionTraps : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void handlersUseTheSessionWhileItGoes();
+    void handlerStops();
+    void handlerRunsAnEventLoop();
+    void handlerMustNotStart();
+    void shortLastFrameIsPrompt();
+    void acknowledgementsAfterTheEnd();
+    void acknowledgementsAfterAReload();
+    void tooManyBytesLoseNothing();
+    void handlerKeepsTheBytesTooLong();
+    void restartsAsOftenAsOneLikes();
+};
+
+// Pointers to the plugin stay good while it is deleted, and it hands out its last records then.
+void tst_SessionTraps::handlersUseTheSessionWhileItGoes()
+{
+    std::unique_ptr<InputSession> session;
+    InputSession *running = nullptr;
+    Log log;
+    bool isGoing = false;
+    InputHandlers handlers = log.handlers();
+    handlers.message = [&](const InputMessage &message) {
+        log.add(message);
+        if (!isGoing)
+            return;
+        running->acknowledge(message.origin.connection, message.end);
+        running->pause(message.origin.connection);
+        running->counters();
+        running->status();
+    };
+    InputSettings settings = settingsFor(handlers);
+    settings.acknowledging = true;
+    session = std::make_unique<InputSession>(settings);
+    running = session.get();
+    QVERIFY(session->start(configurationOf(freePort())));
+    const auto device = connectTo(*session);
+    QVERIFY(device);
+    device->write("first\n");
+    QTRY_COMPARE_WITH_TIMEOUT(log.count, 1, HangGuardMs);
+    running->pause(log.messages.firstKey()); // so that the rest comes with the end
+    device->write("second\nthird\n");
+    QTRY_COMPARE_WITH_TIMEOUT(session->counters()->bytes, quint64(19), HangGuardMs);
+    isGoing = true;
+    session.reset(); // null first, as unique_ptr does
+    QCOMPARE(log.all(), QByteArrayList({"first", "second", "third"}));
+    QCOMPARE(log.over, QStringList{QStringLiteral("stop")});
+}
+
+void tst_SessionTraps::handlerStops()
+{
+    Log log;
+    InputSession *running = nullptr;
+    InputHandlers handlers = log.handlers();
+    handlers.message = [&](const InputMessage &message) {
+        log.add(message);
+        running->stop();
+        QVERIFY(running->isListening()); // not while its handler runs
+    };
+    InputSession session(settingsFor(handlers));
+    running = &session;
+    QVERIFY(session.start(configurationOf(freePort())));
+    const auto device = connectTo(session);
+    QVERIFY(device);
+    device->write("a\nb\n");
+    QTRY_VERIFY_WITH_TIMEOUT(!session.isListening(), HangGuardMs);
+    QCOMPARE(log.all(), QByteArrayList({"a", "b"}));
+    QCOMPARE(log.over, QStringList{QStringLiteral("stop")});
+}
+
+// As a dialog does. What comes meanwhile keeps its order.
+void tst_SessionTraps::handlerRunsAnEventLoop()
+{
+    Log log;
+    InputSession *running = nullptr;
+    std::unique_ptr<QTcpSocket> device;
+    bool isNested = false;
+    InputHandlers handlers = log.handlers();
+    handlers.message = [&](const InputMessage &message) {
+        QVERIFY(!isNested);
+        log.add(message);
+        if (message.bytes != "loop")
+            return;
+        isNested = true;
+        device->write("c\nd\n");
+        QTRY_COMPARE_WITH_TIMEOUT(running->counters()->offers, quint64(2), HangGuardMs);
+        running->stop();
+        QCoreApplication::processEvents();
+        QVERIFY(running->isListening());
+        isNested = false;
+    };
+    InputSettings settings = settingsFor(handlers);
+    settings.pace.ofOffer.messages = 1; // the rest waits for its turn, and that comes in the loop
+    InputSession session(settings);
+    running = &session;
+    QVERIFY(session.start(configurationOf(freePort())));
+    device = connectTo(session);
+    QVERIFY(device);
+    device->write("a\nloop\nb\n");
+    QTRY_VERIFY_WITH_TIMEOUT(!session.isListening(), HangGuardMs);
+    QCOMPARE(log.all(), QByteArrayList({"a", "loop", "b", "c", "d"}));
+    QVERIFY(!log.gaps);
+}
+
+void tst_SessionTraps::handlerMustNotStart()
+{
+    Log log;
+    InputSession *running = nullptr;
+    InputHandlers handlers = log.handlers();
+    handlers.message = [&](const InputMessage &message) {
+        log.add(message);
+        QVERIFY(!running->start(configurationOf(freePort())));
+        QCOMPARE(running->failure(), InputSession::Failure::Busy);
+        QVERIFY(!running->reload(configurationOf(freePort())));
+    };
+    InputSession session(settingsFor(handlers));
+    running = &session;
+    QVERIFY(session.start(configurationOf(freePort())));
+    const auto device = connectTo(session);
+    QVERIFY(device);
+    device->write("a\n");
+    QTRY_COMPARE_WITH_TIMEOUT(log.count, 1, HangGuardMs);
+    QVERIFY(session.isListening());
+}
+
+// Without "prompt" these bytes would come with the idle time-out.
+void tst_SessionTraps::shortLastFrameIsPrompt()
+{
+    Log log;
+    InputSession session(settingsFor(log.handlers()));
+    QJsonObject configuration = configurationOf(freePort());
+    configuration.insert(QStringLiteral("timeout"), 3600);
+    QVERIFY(session.start(configuration));
+    const auto device = connectTo(session);
+    QVERIFY(device);
+    device->write("hello\nwor");
+    QTRY_COMPARE_WITH_TIMEOUT(log.count, 1, HangGuardMs);
+    device->write("ld\n");
+    QTRY_COMPARE_WITH_TIMEOUT(log.all(), QByteArrayList({"hello", "world"}), HangGuardMs);
+}
+
+void tst_SessionTraps::acknowledgementsAfterTheEnd()
+{
+    Log log;
+    InputSettings settings = settingsFor(log.handlers());
+    settings.acknowledging = true;
+    InputSession session(settings);
+    QVERIFY(session.start(configurationOf(freePort())));
+    const auto device = connectTo(session);
+    QVERIFY(device);
+    device->write("a\n");
+    device->disconnectFromHost();
+    QTRY_COMPARE_WITH_TIMEOUT(log.over.size(), 1, HangGuardMs);
+    session.acknowledge(log.messages.firstKey(), log.ends.first());
+    session.stop();
+    session.acknowledge(log.messages.firstKey(), log.ends.first());
+    QCOMPARE(log.count, 1);
+}
+
+// They are meant for a plugin that is gone, and must not cut what the next one has received.
+void tst_SessionTraps::acknowledgementsAfterAReload()
+{
+    Log log;
+    InputSettings settings = settingsFor(log.handlers());
+    settings.acknowledging = true;
+    InputSession session(settings);
+    const QJsonObject configuration = configurationOf(freePort());
+    QVERIFY(session.start(configuration));
+    auto device = connectTo(session);
+    QVERIFY(device);
+    device->write("old\n");
+    QTRY_COMPARE_WITH_TIMEOUT(log.count, 1, HangGuardMs);
+    QVERIFY(session.reload(configuration));
+    device = connectTo(session);
+    QVERIFY(device);
+    device->write("half ");
+    QTRY_COMPARE_WITH_TIMEOUT(session.counters()->bytes, quint64(5), HangGuardMs);
+    session.acknowledge(log.messages.firstKey(), log.ends.first());
+    device->write("a line\n");
+    QTRY_COMPARE_WITH_TIMEOUT(log.all(), QByteArrayList({"old", "half a line"}), HangGuardMs);
+    QVERIFY(!log.gaps);
+}
+
+void tst_SessionTraps::tooManyBytesLoseNothing()
+{
+    const MessageCapture capture;
+    Log log;
+    InputSettings settings = settingsFor(log.handlers());
+    // Takes the length from the line's number of letters, and miscounts.
+    settings.framing = custom([](QByteArrayView bytes) -> qsizetype {
+        const qsizetype end = bytes.indexOf('\n');
+        return end < 0 ? 0 : end + 100;
+    });
+    InputSession session(settings);
+    QVERIFY(session.start(configurationOf(freePort())));
+    const auto device = connectTo(session);
+    QVERIFY(device);
+    for (int n = 0; n < 3; ++n) {
+        device->write("a\n");
+        QTRY_COMPARE_WITH_TIMEOUT(log.count, n + 1, HangGuardMs);
+    }
+    QCOMPARE(log.all(), QByteArrayList({"a\n", "a\n", "a\n"}));
+    QVERIFY(!log.gaps);
+    device->disconnectFromHost();
+    QTRY_COMPARE_WITH_TIMEOUT(log.over.size(), 1, HangGuardMs);
+}
+
+// What is kept is a copy: the view is only lent.
+void tst_SessionTraps::handlerKeepsTheBytesTooLong()
+{
+    QByteArrayList kept;
+    InputHandlers handlers;
+    handlers.message = [&kept](const InputMessage &message) {
+        kept += message.bytes.toByteArray();
+    };
+    {
+        InputSession session(settingsFor(handlers));
+        QVERIFY(session.start(configurationOf(freePort())));
+        const auto device = connectTo(session);
+        QVERIFY(device);
+        device->write("a\nb\n");
+        QTRY_COMPARE_WITH_TIMEOUT(kept.size(), 2, HangGuardMs);
+    }
+    QCOMPARE(kept, QByteArrayList({"a", "b"}));
+}
+
+// A plugin object that is started again hands over each connection more than once.
+void tst_SessionTraps::restartsAsOftenAsOneLikes()
+{
+    const MessageCapture capture;
+    Log log;
+    InputSession session(settingsFor(log.handlers()));
+    const QJsonObject configuration = configurationOf(freePort());
+    for (int n = 0; n < 5; ++n) {
+        QVERIFY(session.start(configuration));
+        const auto device = connectTo(session);
+        QVERIFY(device);
+        device->write("a\n");
+        QTRY_COMPARE_WITH_TIMEOUT(log.count, n + 1, HangGuardMs);
+        session.stop();
+        session.stop();
+    }
+    const auto messages = MessageCapture::take();
+    for (const CapturedMessage &message : messages)
+        QVERIFY2(!message.text.contains(QLatin1String("failed")), qPrintable(message.text));
+}
+
+QTEST_GUILESS_MAIN(tst_SessionTraps)
+#include "tst_sessiontraps.moc"

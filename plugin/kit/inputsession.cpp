@@ -8,7 +8,7 @@
 #include "plugin/libraryversion.h"
 
 #include <QtCore/QCoreApplication>
-#include <QtCore/QThread>
+#include <QtCore/QMutex>
 
 #include <chrono>
 #include <initializer_list>
@@ -70,6 +70,12 @@ QJsonObject InputSession::withDefaults(QJsonObject configuration)
     return configuration;
 }
 
+struct Acknowledger::Link
+{
+    QMutex mutex;
+    InputSession *session = nullptr; // guarded; null: gone
+};
+
 InputSession::InputSession(InputSettings sessionSettings, QObject *parent)
     : QObject(parent),
       settings(std::move(sessionSettings)),
@@ -85,6 +91,8 @@ InputSession::InputSession(InputSettings sessionSettings, QObject *parent)
               },
               {}, settings.pace)
 {
+    fromAnyThread.link = std::make_shared<Acknowledger::Link>();
+    fromAnyThread.link->session = this;
     reader.setEndsTold(true);
     reader.setMaxUnfinished(settings.maxUnfinished);
     if (settings.receiver && settings.receiver->thread() != thread()) {
@@ -99,6 +107,10 @@ InputSession::InputSession(InputSettings sessionSettings, QObject *parent)
 InputSession::~InputSession()
 {
     Q_ASSERT(!cutter.isHandling());
+    {
+        const QMutexLocker locker(&fromAnyThread.link->mutex);
+        fromAnyThread.link->session = nullptr;
+    }
     removePlugin();
     cutter.tellMissedWarnings(true);
 }
@@ -301,11 +313,18 @@ void InputSession::resume(quint64 connection)
 
 void InputSession::acknowledge(quint64 connection, quint64 end)
 {
-    if (QThread::currentThread() == thread())
-        return acknowledgements.acknowledge(connection, end);
-    QMetaObject::invokeMethod(
-            this, [this, connection, end] { acknowledgements.acknowledge(connection, end); },
-            Qt::QueuedConnection);
+    acknowledgements.acknowledge(connection, end);
+}
+
+void Acknowledger::operator()(quint64 connection, quint64 end) const
+{
+    if (!link)
+        return;
+    const QMutexLocker locker(&link->mutex);
+    if (InputSession *const session = link->session)
+        QMetaObject::invokeMethod(
+                session, [session, connection, end] { session->acknowledge(connection, end); },
+                Qt::QueuedConnection);
 }
 
 std::optional<InputCounters> InputSession::counters() const

@@ -25,6 +25,24 @@ class IInputPlugin;
 
 namespace inputkit {
 
+/*!
+    Says for a session that the host has done with messages, see InputSession::acknowledge(). A
+   value; a copy may outlive the session, and does nothing then.
+
+    Thread: any.
+    Locks:  one, shared with the session, held while a call is posted.
+*/
+class Acknowledger
+{
+public:
+    void operator()(quint64 connection, quint64 end) const;
+
+private:
+    friend class InputSession;
+    struct Link;
+    std::shared_ptr<Link> link;
+};
+
 //! What a session is like. It stays as it is for the session's life.
 struct InputSettings
 {
@@ -62,7 +80,7 @@ struct InputSettings
    A handler that takes long holds up its thread: the plugin then accepts nothing, and devices have
     to wait. With a receiver in another thread, they only wait when 8 MiB are on their way there.
 
-    Thread: its creator's, with an event loop. acknowledge() may be called from any thread.
+    Thread: its creator's, with an event loop; see acknowledger() for others.
     Owner:  the caller. What the handlers use outlives the session, which hands out the last
             messages while it is destroyed; a receiver in another thread may go at any time.
 */
@@ -112,8 +130,10 @@ public:
     void resume(quint64 connection);
 
     // With acknowledging: the host has done with the connection's messages up to the position, an
-    // InputMessage::end. Any thread, as long as the session lives.
+    // InputMessage::end.
     void acknowledge(quint64 connection, quint64 end);
+    // The same for other threads.
+    Acknowledger acknowledger() const { return fromAnyThread; }
 
     // Nothing: no plugin runs.
     std::optional<InputCounters> counters() const;
@@ -144,6 +164,7 @@ private:
     std::unique_ptr<HandOver> handOver; // null: the handlers are called in this thread
     MessageCutter cutter;
     Acknowledgements acknowledgements;
+    Acknowledger fromAnyThread;
     OfferReader reader;
     QTimer warningTimer;
 

@@ -4,7 +4,10 @@
 #include "tests/kit/messagecapture.h"
 #include "tests/plugin/kit/sessiontest.h"
 
+#include <QtCore/QThread>
 #include <QtTest/QtTest>
+
+#include <atomic>
 
 using namespace sessiontest;
 
@@ -20,6 +23,7 @@ private Q_SLOTS:
     void handlerMustNotStart();
     void shortLastFrameIsPrompt();
     void acknowledgementsAfterTheEnd();
+    void acknowledgementsAfterTheSession();
     void acknowledgementsAfterAReload();
     void tooManyBytesLoseNothing();
     void handlerKeepsTheBytesTooLong();
@@ -169,6 +173,38 @@ void tst_SessionTraps::acknowledgementsAfterTheEnd()
     session.stop();
     session.acknowledge(log.messages.firstKey(), log.ends.first());
     QCOMPARE(log.count, 1);
+}
+
+// From another thread, which learns late that the session is gone.
+void tst_SessionTraps::acknowledgementsAfterTheSession()
+{
+    Log log;
+    InputSettings settings = settingsFor(log.handlers());
+    settings.acknowledging = true;
+    auto session = std::make_unique<InputSession>(settings);
+    QVERIFY(session->start(configurationOf(freePort())));
+    const auto device = connectTo(*session);
+    QVERIFY(device);
+    device->write("a\n");
+    QTRY_COMPARE_WITH_TIMEOUT(log.count, 1, HangGuardMs);
+    const quint64 connection = log.messages.firstKey();
+    std::atomic<int> calls = 0;
+    std::atomic<bool> isOver = false;
+    const std::unique_ptr<QThread> thread(
+            QThread::create([&calls, &isOver, connection, acknowledge = session->acknowledger()] {
+                while (!isOver) {
+                    acknowledge(connection, 2);
+                    ++calls;
+                }
+            }));
+    thread->start();
+    QTRY_VERIFY_WITH_TIMEOUT(calls > 100, HangGuardMs);
+    QCOMPARE(session->counters()->buffered, quint64(0));
+    session.reset();
+    const int before = calls;
+    QTRY_VERIFY_WITH_TIMEOUT(calls > before + 100, HangGuardMs);
+    isOver = true;
+    QVERIFY(thread->wait(HangGuardMs));
 }
 
 // They are meant for a plugin that is gone, and must not cut what the next one has received.

@@ -17,12 +17,15 @@ target_compile_definitions(tcpinput_build_options INTERFACE
     # Qt 6.8 warns of what it deprecates; older versions know less and warn of less.
     QT_WARN_DEPRECATED_UP_TO=0x060800)
 
+# By itself for the examples, which are compiled as a host's own sources are.
+add_library(tcpinput_sanitizers INTERFACE)
+target_link_libraries(tcpinput_build_options INTERFACE tcpinput_sanitizers)
 if(TCPINPUT_SANITIZE)
-    target_compile_options(tcpinput_build_options INTERFACE
+    target_compile_options(tcpinput_sanitizers INTERFACE
         # vptr: its check opens descriptors, and some tests take them all.
         -fsanitize=${TCPINPUT_SANITIZE} -fno-sanitize=vptr -fno-sanitize-recover=all
         -fno-omit-frame-pointer)
-    target_link_options(tcpinput_build_options INTERFACE -fsanitize=${TCPINPUT_SANITIZE})
+    target_link_options(tcpinput_sanitizers INTERFACE -fsanitize=${TCPINPUT_SANITIZE})
 endif()
 
 set(CMAKE_CXX_EXTENSIONS OFF)

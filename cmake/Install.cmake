@@ -40,4 +40,6 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tcpinputplugin2.pc
 file(GLOB documents CONFIGURE_DEPENDS docs/*.md)
 install(FILES README.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES ${documents} DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs) # as the README refers to them
+file(GLOB examples CONFIGURE_DEPENDS examples/*)
+install(FILES ${examples} DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 install(PROGRAMS scripts/make-certs DESTINATION ${CMAKE_INSTALL_DATADIR}/tcpinputplugin2)

@@ -19,7 +19,8 @@ int main(int argc, char **argv)
     inputkit::InputSettings settings;
     settings.handlers.message = [](const inputkit::InputMessage &message) {
         const QByteArray line = message.origin.peer.toLatin1() + ' ' + message.bytes.toByteArray();
-        std::puts(line.constData());
+        std::fwrite(line.constData(), 1, size_t(line.size()), stdout);
+        std::puts(message.partial ? " (cut off)" : "");
         std::fflush(stdout);
     };
     inputkit::InputSession session(settings);

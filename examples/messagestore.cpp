@@ -96,6 +96,7 @@ void MessageStore::add(const inputkit::InputEnd &end)
 
 void MessageStore::commit()
 {
+    commitTimer.stop();
     if (!std::exchange(inTransaction, false))
         return;
     if (delay > 0)

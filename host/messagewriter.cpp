@@ -7,8 +7,6 @@
 #include "plugin/parseddata.h"
 #include "plugin/subids.h"
 
-#include <optional>
-
 namespace host {
 
 using inputkit::Allowance;
@@ -48,7 +46,7 @@ qsizetype MessageWriter::write(QByteArrayView bytes, quint64 position, const Ori
                                FrameState &state, Allowance &allowance)
 {
     Q_UNUSED(position)
-    std::optional<QByteArray> head; // the same for all messages of an offer
+    QByteArray head; // the same for all messages of an offer
     qsizetype taken = 0;
     while (!done && taken < bytes.size() && !allowance.isUsedUp()) {
         const Frame frame = framing->take(bytes.sliced(taken), state);
@@ -58,9 +56,9 @@ qsizetype MessageWriter::write(QByteArrayView bytes, quint64 position, const Ori
         allowance.messages -= 1;
         allowance.bytes -= frame.size;
         if (frame.kind == Frame::Complete) {
-            if (!head)
+            if (head.isNull() && output.showsOrigins())
                 head = output.headOf(origin);
-            writeMessage(*head, frame.message);
+            writeMessage(head, frame.message);
         } else if (frame.kind == Frame::TooLong) {
             warnOfTooLong(origin);
         }

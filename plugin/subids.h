@@ -58,17 +58,9 @@ struct Values
     explicit Values(const QMap<QString, QString> &map)
     {
         for (auto entry = map.constBegin(); entry != map.constEnd(); ++entry) {
-            const QStringView key = entry.key();
-            if (key == u"client")
-                client = &entry.value();
-            else if (key == u"connection")
-                connection = &entry.value();
-            else if (key == u"end")
-                end = &entry.value();
-            else if (key == u"offset")
-                offset = &entry.value();
-            else if (key == u"task")
-                task = &entry.value();
+            const Known known = knownAs(entry.key());
+            if (known.place && entry.key() == known.name)
+                this->*known.place = &entry.value();
         }
     }
 
@@ -78,6 +70,31 @@ struct Values
     const QString *end = nullptr;
     const QString *offset = nullptr;
     const QString *task = nullptr;
+
+private:
+    struct Known
+    {
+        QStringView name;
+        const QString *Values::*place = nullptr;
+    };
+
+    // The only one that the key can be: no two have the same first letter and the same length.
+    static Known knownAs(QStringView key)
+    {
+        switch (key.isEmpty() ? u'\0' : key.front().unicode()) {
+        case u'c':
+            return key.size() == 6 ? Known{u"client", &Values::client}
+                                   : Known{u"connection", &Values::connection};
+        case u'e':
+            return {u"end", &Values::end};
+        case u'o':
+            return {u"offset", &Values::offset};
+        case u't':
+            return {u"task", &Values::task};
+        default:
+            return {};
+        }
+    }
 };
 
 } // namespace subids

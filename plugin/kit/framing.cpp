@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <limits>
 #include <utility>
 
 namespace inputkit {
@@ -22,6 +23,12 @@ Frame taken(Frame::Kind kind, QByteArrayView bytes)
     return {kind, bytes.size(), kind == Frame::Bad ? bytes : QByteArrayView()};
 }
 
+qint64 clamped(qint64 maxMessage)
+{
+    constexpr qint64 Most = 1 << 30;
+    return std::clamp<qint64>(maxMessage, 1, Most);
+}
+
 // The next bytes up to and with the first one of these, or all of them.
 qsizetype sizeUpTo(QByteArrayView next, char end)
 {
@@ -29,10 +36,20 @@ qsizetype sizeUpTo(QByteArrayView next, char end)
     return at < 0 ? next.size() : at + 1;
 }
 
+// Takes bytes of a message whose length is known.
+Frame skipCounted(QByteArrayView buffer, FrameState &state, Frame::Kind kind)
+{
+    const auto size = static_cast<qsizetype>(std::min<qint64>(state.skipBytes, buffer.size()));
+    if (size == 0)
+        return {};
+    state.skipBytes -= size;
+    return {kind, size, {}};
+}
+
 class Lines final : public Framing
 {
 public:
-    explicit Lines(qint64 maxMessage) : most(maxMessage) {}
+    explicit Lines(qint64 maxMessage) : most(clamped(maxMessage)) {}
 
     Frame take(QByteArrayView buffer, FrameState &state) const override
     {
@@ -102,21 +119,22 @@ public:
     LengthPrefixed(int prefixBytes, QSysInfo::Endian byteOrder, qint64 maxMessage)
         : prefix(prefixBytes),
           order(byteOrder),
-          most(maxMessage)
+          most(clamped(maxMessage))
     {
-        Q_ASSERT(prefix == 1 || prefix == 2 || prefix == 4);
+        if (prefix != 1 && prefix != 2 && prefix != 4)
+            qFatal("inputkit::lengthPrefixed(): a length of %d bytes", prefixBytes);
     }
 
     Frame take(QByteArrayView buffer, FrameState &state) const override
     {
         if (state.skipBytes > 0)
-            return skip(buffer, state, Frame::Skipped);
+            return skipCounted(buffer, state, Frame::Skipped);
         if (buffer.size() < prefix)
             return {};
         const qint64 length = lengthAt(buffer);
         if (length > most) {
             state.skipBytes = prefix + length;
-            return skip(buffer, state, Frame::TooLong);
+            return skipCounted(buffer, state, Frame::TooLong);
         }
         if (buffer.size() - prefix < length)
             return {};
@@ -145,15 +163,6 @@ public:
     }
 
 private:
-    static Frame skip(QByteArrayView buffer, FrameState &state, Frame::Kind kind)
-    {
-        const auto size = static_cast<qsizetype>(std::min<qint64>(state.skipBytes, buffer.size()));
-        if (size == 0)
-            return {};
-        state.skipBytes -= size;
-        return {kind, size, {}};
-    }
-
     qint64 lengthAt(QByteArrayView bytes) const
     {
         qint64 length = 0;
@@ -174,7 +183,10 @@ private:
 class Marked final : public Framing
 {
 public:
-    Marked(const Marks &givenMarks, qint64 maxMessage) : marks(givenMarks), most(maxMessage) {}
+    Marked(const Marks &givenMarks, qint64 maxMessage)
+        : marks(givenMarks),
+          most(clamped(maxMessage))
+    {}
 
     Frame take(QByteArrayView buffer, FrameState &state) const override
     {
@@ -266,13 +278,26 @@ private:
 class FixedSize final : public Framing
 {
 public:
-    explicit FixedSize(qsizetype bytes) : size(bytes) { Q_ASSERT(size > 0); }
-
-    Frame take(QByteArrayView buffer, FrameState &) const override
+    explicit FixedSize(qsizetype bytes) : size(bytes)
     {
+        if (size < 1)
+            qFatal("inputkit::fixedSize(): %lld bytes", static_cast<long long>(size));
+    }
+
+    Frame take(QByteArrayView buffer, FrameState &state) const override
+    {
+        if (state.skipBytes > 0)
+            return skipCounted(buffer, state, Frame::Skipped);
         if (buffer.size() < size)
             return {};
         return {Frame::Complete, size, buffer.first(size)};
+    }
+
+    bool abandon(QByteArrayView rest, FrameState &state) const override
+    {
+        state = {};
+        state.skipBytes = size - rest.size();
+        return true;
     }
 
     qsizetype bytesToAppend(QByteArrayView rest, QByteArrayView next) const override
@@ -298,21 +323,23 @@ class Custom final : public Framing
 public:
     Custom(ConsumeFunction function, qint64 maxMessage)
         : consume(std::move(function)),
-          most(maxMessage)
+          most(clamped(maxMessage))
     {}
 
-    Frame take(QByteArrayView buffer, FrameState &) const override
+    Frame take(QByteArrayView buffer, FrameState &state) const override
     {
-        if (buffer.isEmpty())
+        if (buffer.isEmpty() || (buffer.size() < state.wanted && buffer.size() <= most))
             return {};
         const qsizetype size = consume(buffer);
+        if (size <= 0)
+            return takeUnfinished(buffer, size, state);
+        state = {};
         if (size > buffer.size())
             warnOfTooMuch(size, buffer.size());
-        if (size > 0) {
-            const QByteArrayView message = buffer.first(std::min(size, buffer.size()));
-            return {Frame::Complete, message.size(), message};
-        }
-        return buffer.size() > most ? taken(Frame::TooLong, buffer) : Frame();
+        const QByteArrayView message = buffer.first(std::min(size, buffer.size()));
+        if (message.size() > most)
+            return taken(Frame::TooLong, message);
+        return {Frame::Complete, message.size(), message};
     }
 
     qsizetype bytesToAppend(QByteArrayView rest, QByteArrayView next) const override
@@ -327,6 +354,16 @@ public:
     }
 
 private:
+    // answer: of the function.
+    Frame takeUnfinished(QByteArrayView buffer, qsizetype answer, FrameState &state) const
+    {
+        state = {};
+        if (buffer.size() > most)
+            return taken(Frame::TooLong, buffer);
+        state.wanted = -std::max(answer, -std::numeric_limits<qsizetype>::max());
+        return {};
+    }
+
     void warnOfTooMuch(qsizetype size, qsizetype offered) const
     {
         if (!hasWarned.exchange(true))

@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 
 namespace inputkit {
 
@@ -18,6 +19,7 @@ struct FrameState
     qsizetype searched = 0; // bytes at the front that hold no end of a message
     bool skipping = false; // inside a message that is too long; its end is to be searched for
     qint64 skipBytes = 0; // still to come of a message that is too long, and tells its length
+    qsizetype wanted = 0; // fewer bytes than that hold no whole message
 
     bool isSkipping() const { return skipping || skipBytes > 0; }
 };
@@ -74,8 +76,9 @@ public:
 
 using SharedFraming = std::shared_ptr<const Framing>;
 
-// The size of the message at the front of the view, framing included. 0: its end is not there yet.
-// Asked again with more bytes then. It must give the same answer whenever it is asked.
+// The size of the message at the front of the view, framing included; at least one byte is there.
+// 0: its end is not there yet, ask again when more has come. A negative number: likewise, but not
+// before so many bytes are there. It must give the same answer whenever it is asked.
 using ConsumeFunction = std::function<qsizetype(QByteArrayView)>;
 
 // Whether a message without its framing is what was sent: a checksum, for example.
@@ -84,15 +87,19 @@ using CheckFunction = std::function<bool(QByteArrayView)>;
 //! What begins, ends and protects the messages of marked(). begin and end may be the same byte.
 struct Marks
 {
-    char begin = '\x7e';
-    char end = '\x7e';
-    // The byte behind it is no mark, and is sent with the bits of flip inverted.
-    char escape = '\x7d';
-    char flip = '\x20'; // 0: sent as it is
+    char begin;
+    char end;
+    // The byte behind it is no mark, and is sent with the bits of flip inverted. Nothing: there is
+    // no such byte.
+    std::optional<char> escape = std::nullopt;
+    char flip = 0;
 };
 
-// maxMessage of the functions below: in bytes, without framing, 1 or more. A longer message is
-// skipped to its end.
+//! The marks of HDLC in asynchronous lines, RFC 1662: 0x7e, and 0x7d with 0x20.
+constexpr Marks HdlcMarks = {'\x7e', '\x7e', '\x7d', '\x20'};
+
+// maxMessage of the functions below: in bytes, without framing, 1 to 1 GiB. A longer message is
+// skipped to its end. A size that makes no sense ends the program: it is a mistake of the host's.
 constexpr qint64 DefaultMaxMessage = 1 << 20;
 
 //! Lines. LF or CR LF ends a line, and is not part of it.
@@ -105,10 +112,10 @@ SharedFraming lengthPrefixed(int prefixBytes = 4, QSysInfo::Endian order = QSysI
 //! Messages between marks, as they were sent: see unescaped(). What lies between two messages is
 //! Bad. If both marks are the same byte, one may end a message and begin the next, and there are no
 //! empty messages.
-SharedFraming marked(const Marks &marks = {}, qint64 maxMessage = DefaultMaxMessage);
+SharedFraming marked(const Marks &marks = HdlcMarks, qint64 maxMessage = DefaultMaxMessage);
 
 //! A message of marked() without its escapes. An escape at its very end is dropped.
-QByteArray unescaped(QByteArrayView message, const Marks &marks = {});
+QByteArray unescaped(QByteArrayView message, const Marks &marks = HdlcMarks);
 
 //! Messages of one size: 1 or more bytes.
 SharedFraming fixedSize(qsizetype size);
@@ -117,8 +124,9 @@ SharedFraming fixedSize(qsizetype size);
 SharedFraming whole();
 
 //! A function of the host's finds the end. A size beyond the view counts as all of it, and a
-//! warning says so, once. Beyond maxMessage bytes without an end, all of them are skipped, and what
-//! follows them counts as the beginning of a message.
+//! warning says so, once. maxMessage: with framing. If more bytes hold no end, all that are there
+//! are skipped, and what follows counts as the beginning of a message: nobody knows where the next
+//! one begins.
 SharedFraming custom(ConsumeFunction consume, qint64 maxMessage = DefaultMaxMessage);
 
 //! The messages of another framing; those that do not pass the check are Bad.

@@ -8,6 +8,7 @@
 #include <QtCore/QByteArray>
 #include <QtCore/QMutex>
 
+#include <deque>
 #include <utility>
 #include <vector>
 
@@ -15,17 +16,22 @@ namespace inputkit {
 namespace {
 
 constexpr qsizetype BatchBytes = 256 * 1024;
-constexpr qint64 BytesOfItem = 64; // what an item costs beside its message
+constexpr qint64 BytesOfItem = 512; // what an item costs beside its message, with its origin
 
 } // namespace
 
-//! What both threads know. Guarded by the mutex.
+//! What both threads know. Guarded by the mutex, unless it says otherwise.
 struct HandOver::Shared
 {
     QMutex mutex;
     QObject *context = nullptr; // null: destroyed
     HandOver *owner = nullptr; // null: destroyed
     qint64 bytes = 0; // on their way
+
+    // Not guarded: the receiver's thread alone uses them.
+    bool isGone = false; // destroyed
+    std::deque<std::shared_ptr<Batch>> arrived;
+    bool playing = false;
 };
 
 //! Copies of messages and ends. Its destruction says that they are not on their way any more.
@@ -50,32 +56,29 @@ public:
     }
     void add(const InputMessage &message)
     {
-        items.push_back({origins.size() - 1,
-                         bytes.size(),
-                         message.bytes.size(),
-                         message.position,
-                         message.end,
-                         message.partial,
-                         {}});
+        items.push_back({origins.size() - 1, bytes.size(), message.bytes.size(), message.position,
+                         message.end, message.partial, QString(), false});
         bytes.append(message.bytes);
         counted += message.bytes.size() + BytesOfItem;
     }
     void add(const InputEnd &end)
     {
-        items.push_back({origins.size() - 1, 0, 0, end.position, end.position, false, end.reason});
+        items.push_back(
+                {origins.size() - 1, 0, 0, end.position, end.position, false, end.reason, true});
         counted += BytesOfItem;
     }
     qint64 size() const { return counted; }
 
+    // Until a handler destroys the receiver.
     void play(const InputHandlers &handlers) const
     {
-        for (const Item &item : items) {
-            const Origin &origin = origins[item.origin];
-            if (!item.reason.isEmpty() && handlers.end)
-                handlers.end({origin, item.reason, item.end});
-            else if (item.reason.isEmpty() && handlers.message)
-                handlers.message({origin, QByteArrayView(bytes).sliced(item.begin, item.size),
-                                  item.position, item.end, item.partial});
+        for (auto item = items.begin(); item != items.end() && !shared->isGone; ++item) {
+            const Origin &origin = origins[item->origin];
+            if (item->isEnd && handlers.end)
+                handlers.end({origin, item->reason, item->end});
+            else if (!item->isEnd && handlers.message)
+                handlers.message({origin, QByteArrayView(bytes).sliced(item->begin, item->size),
+                                  item->position, item->end, item->partial});
         }
     }
 
@@ -88,7 +91,8 @@ private:
         quint64 position;
         quint64 end;
         bool partial;
-        QString reason; // empty: it is a message
+        QString reason;
+        bool isEnd;
     };
 
     const std::shared_ptr<Shared> shared;
@@ -110,6 +114,7 @@ HandOver::HandOver(QObject *receiver, InputHandlers functions)
             [common = shared] {
                 const QMutexLocker locker(&common->mutex);
                 common->context = nullptr;
+                common->isGone = true;
             },
             Qt::DirectConnection);
 }
@@ -168,11 +173,30 @@ void HandOver::send()
         isGone = !shared->context;
         if (!isGone)
             QMetaObject::invokeMethod(
-                    shared->context, [functions = handlers, batch] { batch->play(*functions); },
+                    shared->context,
+                    [functions = handlers, common = shared, batch] {
+                        arrive(*functions, *common, batch);
+                    },
                     Qt::QueuedConnection);
     }
     if (isGone && !std::exchange(hasWarned, true))
         CWRN(QtWarningMsg, QStringLiteral("Messages are dropped: their receiver is gone"));
+}
+
+// In the receiver's thread. A handler may run an event loop, in which the next batch comes: that
+// one waits for its turn.
+void HandOver::arrive(const InputHandlers &functions, Shared &common,
+                      const std::shared_ptr<Batch> &batch)
+{
+    common.arrived.push_back(batch);
+    if (std::exchange(common.playing, true))
+        return;
+    while (!common.arrived.empty()) {
+        const std::shared_ptr<Batch> first = std::move(common.arrived.front());
+        common.arrived.pop_front();
+        first->play(functions);
+    }
+    common.playing = false;
 }
 
 void HandOver::landed()

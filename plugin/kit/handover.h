@@ -18,8 +18,9 @@ namespace inputkit {
     What is on its way has a limit of 8 MiB, beyond which full(true) is emitted, and full(false)
     when no more than half is left. The last messages of a go may exceed it.
 
-    Thread: its creator's; the functions are called in that of the context.
-    Owner:  the caller. The context may be destroyed at any time: what is on its way, or comes
+    Thread: its creator's; the functions are called in that of the receiver. They may run an event
+            loop there.
+    Owner:  the caller. The receiver may be destroyed at any time: what is on its way, or comes
             later, is dropped then, and a warning says so, once.
     Locks:  one, shared with all batches, held while an event is posted.
 */
@@ -49,6 +50,8 @@ private:
 
     Batch &batchFor(const Origin &origin);
     void send();
+    static void arrive(const InputHandlers &functions, Shared &common,
+                       const std::shared_ptr<Batch> &batch);
     void landed();
     void tellFull();
 

@@ -9,6 +9,8 @@
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QMutex>
+#include <QtCore/QScopedValueRollback>
+#include <QtCore/QThread>
 
 #include <chrono>
 #include <initializer_list>
@@ -19,14 +21,10 @@ namespace {
 
 constexpr QLatin1String SslKey("ssl");
 
+constexpr QLatin1String LimitsKey("limits");
+
 // What is in flight fits into the processor's caches, and a fast connection still has 200 MB/s.
-QJsonObject defaultLimits()
-{
-    constexpr int MiB = 1024 * 1024;
-    return {{QStringLiteral("connectionBuffer"), 1 * MiB},
-            {QStringLiteral("totalBuffer"), 128 * MiB},
-            {QStringLiteral("stalledTimeout"), 60}};
-}
+constexpr int MiB = 1024 * 1024;
 
 using Defaults = std::initializer_list<std::pair<const char *, QJsonValue>>;
 
@@ -39,12 +37,6 @@ void addMissing(QJsonObject &object, const Defaults &defaults)
     }
 }
 
-// "ends" may also be "all".
-bool isOn(const QJsonValue &value)
-{
-    return value.toBool() || value.isString();
-}
-
 } // namespace
 
 QJsonObject InputSession::withDefaults(QJsonObject configuration)
@@ -52,11 +44,16 @@ QJsonObject InputSession::withDefaults(QJsonObject configuration)
     addMissing(configuration,
                {
                        {"ends", true}, // otherwise ends are guessed
-                       {"limits", defaultLimits()}, // otherwise a slow host fills memory
+                       {"limits", QJsonObject()}, // otherwise a slow host fills memory; see below
                        {"offsets", true}, // otherwise messages may get lost or come twice
                        {"prompt", true}, // otherwise a message's last piece may wait
                        {"strict", true}, // otherwise a misspelt key is ignored
                });
+    if (configuration.value(LimitsKey).isObject()) {
+        QJsonObject limits = configuration.value(LimitsKey).toObject();
+        addMissing(limits, {{"connectionBuffer", 1 * MiB}, {"totalBuffer", 128 * MiB}});
+        configuration.insert(LimitsKey, limits);
+    }
     if (!configuration.value(SslKey).isObject())
         return configuration;
     QJsonObject ssl = configuration.value(SslKey).toObject();
@@ -100,13 +97,15 @@ InputSession::InputSession(InputSettings sessionSettings, QObject *parent)
         connect(handOver.get(), &HandOver::full, this,
                 [this](bool isFull) { reader.setAllPaused(isFull); });
     }
+    stopTimer.setSingleShot(true);
+    connect(&stopTimer, &QTimer::timeout, this, &InputSession::stopLater);
     connect(&warningTimer, &QTimer::timeout, this, [this] { cutter.tellMissedWarnings(); });
     warningTimer.start(std::chrono::seconds(10));
 }
 
 InputSession::~InputSession()
 {
-    Q_ASSERT(!cutter.isHandling());
+    Q_ASSERT(!isBusy());
     {
         const QMutexLocker locker(&fromAnyThread.link->mutex);
         fromAnyThread.link->session = nullptr;
@@ -126,7 +125,6 @@ InputHandlers InputSession::innerHandlers()
             handOver->add(message);
         else if (settings.handlers.message)
             settings.handlers.message(message);
-        stopIfWanted();
     };
     inner.end = [this](const InputEnd &end) {
         acknowledgements.forget(end.origin.connection);
@@ -134,16 +132,15 @@ InputHandlers InputSession::innerHandlers()
             handOver->add(end);
         else if (settings.handlers.end)
             settings.handlers.end(end);
-        stopIfWanted();
     };
     return inner;
 }
 
 bool InputSession::start(const QJsonObject &configuration)
 {
-    if (cutter.isHandling())
+    if (isBusy())
         return fail(Failure::Busy, QStringLiteral("A handler must not start the session"));
-    if (!load())
+    if (!load() || !isUsable(withDefaults(configuration)))
         return false;
     removePlugin();
     return run(configuration);
@@ -151,17 +148,20 @@ bool InputSession::start(const QJsonObject &configuration)
 
 void InputSession::stop()
 {
-    if (cutter.isHandling())
-        stopWanted = true;
+    if (isBusy())
+        stopTimer.start(std::chrono::milliseconds(0));
     else
         removePlugin();
 }
 
-// A handler that has asked for it is about to return.
-void InputSession::stopIfWanted()
+// Not in a nested event loop either, in which a handler may be for long.
+void InputSession::stopLater()
 {
-    if (std::exchange(stopWanted, false))
-        QMetaObject::invokeMethod(this, &InputSession::stop, Qt::QueuedConnection);
+    constexpr std::chrono::milliseconds RetryInterval(10);
+    if (isBusy())
+        stopTimer.start(RetryInterval);
+    else
+        removePlugin();
 }
 
 bool InputSession::reload(const QJsonObject &configuration)
@@ -170,7 +170,7 @@ bool InputSession::reload(const QJsonObject &configuration)
     const bool wasListening = isListening();
     if (start(configuration))
         return true;
-    if (lastFailure == Failure::Busy || !isLoaded || !wasListening)
+    if (isListening() || !wasListening) // nothing has changed, or nothing can be restored
         return false;
     const Failure kind = lastFailure;
     const QString text = error;
@@ -194,7 +194,7 @@ bool InputSession::load()
 {
     if (isLoaded)
         return true;
-    isLoaded = loader.load(settings.library, settings.entryPoint);
+    isLoaded = loader.load(settings.library, settings.entryPoint, settings.libraryHint);
     return isLoaded || fail(Failure::NoLibrary, loader.errorString());
 }
 
@@ -202,10 +202,11 @@ bool InputSession::load()
 // left.
 bool InputSession::run(const QJsonObject &configuration)
 {
-    const QJsonObject complete = withDefaults(configuration);
-    if (!isUsable(complete))
-        return false;
-    plugin = loader.create(complete).release();
+    const QScopedValueRollback guard(changing, true); // log lines may run the event loop
+    plugin = loader.create(withDefaults(configuration)).release();
+    if (!plugin)
+        return fail(Failure::NoLibrary,
+                    QStringLiteral("%1 makes no plugin").arg(loader.fileName()));
     if (!fits())
         return false;
     plugin->pluginId = settings.pluginId;
@@ -230,14 +231,13 @@ bool InputSession::run(const QJsonObject &configuration)
 
 bool InputSession::isUsable(const QJsonObject &complete)
 {
-    for (const auto key : {QLatin1String("offsets"), QLatin1String("ends")}) {
-        if (!isOn(complete.value(key)))
-            return fail(Failure::BadConfiguration,
-                        QStringLiteral("\"%1\" must not be switched off: without it, messages get "
-                                       "lost or come twice")
-                                .arg(key));
-    }
-    return true;
+    const QJsonValue ends = complete.value(QLatin1String("ends"));
+    if (complete.value(QLatin1String("offsets")) == true
+        && (ends == true || ends == QLatin1String("all")))
+        return true;
+    return fail(Failure::BadConfiguration,
+                QStringLiteral("\"offsets\" and \"ends\" must not be switched off: without them, "
+                               "messages get lost or come twice"));
 }
 
 bool InputSession::fits()
@@ -270,7 +270,9 @@ void InputSession::connectPlugin()
 void InputSession::receive(const shared_parsedData &record)
 {
     const QMap<QString, QString> subIds = record->getPluginSubId();
-    reader.receive(ExactOffers::Place(subids::Values(subIds)), record);
+    const ExactOffers::Place place{subids::Values(subIds)};
+    if (place.connection != 0) // as "offsets" has it
+        reader.receive(place, record);
 }
 
 void InputSession::answerPlugin(int length, const QMap<QString, QString> &subId)
@@ -284,8 +286,10 @@ void InputSession::answerPlugin(int length, const QMap<QString, QString> &subId)
 // which they were made.
 void InputSession::removePlugin()
 {
+    stopTimer.stop();
     if (!plugin)
         return;
+    const QScopedValueRollback guard(changing, true);
     listensOn = {};
     reader.setAnswering(false);
     plugin->stop();
@@ -301,6 +305,7 @@ void InputSession::removePlugin()
 
 void InputSession::pause(quint64 connection)
 {
+    Q_ASSERT(QThread::currentThread() == thread());
     reader.setPaused(connection, true);
     if (cutter.isHandling())
         cutter.interrupt();
@@ -313,6 +318,7 @@ void InputSession::resume(quint64 connection)
 
 void InputSession::acknowledge(quint64 connection, quint64 end)
 {
+    Q_ASSERT(QThread::currentThread() == thread());
     acknowledgements.acknowledge(connection, end);
 }
 

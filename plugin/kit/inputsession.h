@@ -58,7 +58,13 @@ struct InputSettings
     // handed out as partial, and skipped.
     qint64 maxUnfinished = 64 * 1024 * 1024;
 
-    QString library; // its file; empty: it is looked for
+    QString library; // its file; empty: looked for, see PluginLoader
+    // Of the package that the program was built with. Used only where it is still there.
+#ifdef TCPINPUTPLUGIN2_LIBRARY
+    QString libraryHint = QStringLiteral(TCPINPUTPLUGIN2_LIBRARY);
+#else
+    QString libraryHint;
+#endif
     EntryPoint entryPoint = EntryPoint::Create;
     QString pluginId; // names the plugin in log lines and records
     QString logLevel = QStringLiteral("info"); // "debug": the plugin reports its threads
@@ -72,17 +78,20 @@ struct InputSettings
     handlers are.
 
     The plugin is asked for "offsets" and "ends", and unless the configuration has these keys, for
-    "prompt", "strict", and limits: 1 MiB a connection, 128 MiB in all, 60 s without progress. In
-    "ssl", likewise, for "Chain", "KeyAlgorithm": "auto" and "engine": "own".
+    "prompt", "strict", and in "limits" 1 MiB a connection and 128 MiB in all. In "ssl", likewise,
+   for "Chain", "KeyAlgorithm": "auto" and "engine": "own".
 
-    Handlers may call everything here but start() and reload(), and must not delete the session.
-   They may run an event loop of their own; messages that come meanwhile are handed out afterwards.
-   A handler that takes long holds up its thread: the plugin then accepts nothing, and devices have
-    to wait. With a receiver in another thread, they only wait when 8 MiB are on their way there.
+    Handlers that are called in the session's thread may call everything here but start() and
+    reload(), and must not delete the session. They may run an event loop of their own; messages
+   that come meanwhile are handed out afterwards. A handler that takes long holds up its thread: the
+    plugin then accepts nothing, and devices have to wait. With a receiver in another thread, they
+   only wait when 8 MiB are on their way there; handlers there use nothing of the session but a copy
+   of acknowledger().
 
     Thread: its creator's, with an event loop; see acknowledger() for others.
     Owner:  the caller. What the handlers use outlives the session, which hands out the last
-            messages while it is destroyed; a receiver in another thread may go at any time.
+            messages while it is destroyed. A receiver in another thread may go at any time; as long
+            as it lives, messages may still be on their way to it when the session has gone.
 */
 class InputSession : public QObject
 {
@@ -93,10 +102,10 @@ public:
         None,
         NoLibrary, // it is not there, or cannot be loaded, or is none
         WrongLibrary, // of a release that does not fit these headers
-        BadConfiguration, // it switches off what a session needs
+        BadConfiguration, // it switches off what a session needs; nothing has changed
         Refused, // by the plugin; the log says why
         NotListening, // the port is in use, for example
-        Busy, // called by a handler
+        Busy, // called by a handler, or by what handles log lines; nothing has changed
     };
 
     explicit InputSession(InputSettings sessionSettings, QObject *parent = nullptr);
@@ -107,7 +116,7 @@ public:
     bool start(const QJsonObject &configuration);
 
     // Ends all connections; what the plugin has read of them is handed out before this returns, or
-    // sent to the receiver. Called by a handler, it happens in a later pass of the event loop.
+    // sent to the receiver. Called by a handler, or by what handles log lines, it happens later.
     void stop();
 
     // As start(), but goes back to the running configuration if the new one does not listen. True:
@@ -125,7 +134,8 @@ public:
     int port() const { return listensOn.port; } // 0: nothing listens
 
     // The connection is not read until resume(): then its device has to wait, at the latest when
-    // "connectionBuffer" is full. Its end waits, too. Numbers that are unknown change nothing.
+    // "connectionBuffer" is full. Its end waits, too. With "stalledTimeout" in "limits" (default:
+    // none) the plugin closes it after that time.
     void pause(quint64 connection);
     void resume(quint64 connection);
 
@@ -146,7 +156,8 @@ public:
 
 private:
     InputHandlers innerHandlers();
-    void stopIfWanted();
+    bool isBusy() const { return changing || cutter.isHandling() || reader.isReading(); }
+    void stopLater();
     void answerPlugin(int length, const QMap<QString, QString> &subId);
     void receive(const shared_parsedData &record);
     bool fail(Failure kind, const QString &text);
@@ -171,7 +182,8 @@ private:
     IInputPlugin *plugin = nullptr; // owned; while it is deleted, its records still come
     ListenStatus listensOn;
     QJsonObject running; // the configuration of the plugin, as it was given
-    bool stopWanted = false; // by a handler
+    QTimer stopTimer; // stop() was called while the session is busy
+    bool changing = false; // a plugin is being started or deleted
     Failure lastFailure = Failure::None;
     QString error;
 };

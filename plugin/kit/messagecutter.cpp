@@ -41,7 +41,7 @@ qsizetype MessageCutter::write(QByteArrayView bytes, quint64 position, const Ori
     qsizetype taken = 0;
     while (taken < bytes.size() && !allowance.isUsedUp()) {
         const Frame frame = framing->take(bytes.sliced(taken), state);
-        if (frame.kind == Frame::Incomplete)
+        if (frame.kind == Frame::Incomplete || frame.size <= 0)
             break;
         handle(frame, position + static_cast<quint64>(taken), origin);
         taken += frame.size;

@@ -33,11 +33,11 @@ OfferReader::OfferReader(OfferConsumer &offerConsumer, const Answer &toOffers,
     : consumer(offerConsumer),
       answer(toOffers),
       givenMemory(memory),
-      goAllowance(readingPace.ofOffer),
+      goAllowance{std::max<qint64>(readingPace.ofOffer.messages, 1),
+                  std::max<qint64>(readingPace.ofOffer.bytes, 1)},
       answerAfter(readingPace.ofAnswer.count()),
       queue(readingPace.ofTurn, readingPace.turnCount)
 {
-    clock.start();
     exactOffers.emplace(givenMemory);
     QObject::connect(&queue, &TurnQueue::reached, &queue, [this](quint64 number) {
         if (reading)
@@ -101,7 +101,8 @@ void OfferReader::readRecord(const ExactOffers::Place &place, const shared_parse
 void OfferReader::take(Client &client, const ExactOffers::Place &place,
                        const shared_parsedData &record)
 {
-    client.lastOfferTime = clock.nsecsElapsed();
+    const bool hasTime = queue.hasTime();
+    client.lastOfferTime = endsTold ? queue.turnTime() : queue.now(); // see forgetSilent()
     if (place.isEnd) {
         client.end = record;
     } else {
@@ -111,7 +112,7 @@ void OfferReader::take(Client &client, const ExactOffers::Place &place,
     }
     if (client.waits)
         return;
-    if (queue.hasTime() && mayRead(client))
+    if (hasTime && mayRead(client))
         proceed(client);
     else
         wait(client);
@@ -122,12 +123,13 @@ void OfferReader::wait(Client &client)
 {
     client.waits = true;
     if (mayRead(client))
-        queue.append(client.number);
+        append(client);
 }
 
-bool OfferReader::mayRead(const Client &client) const
+void OfferReader::append(Client &client)
 {
-    return !allPaused && (paused.isEmpty() || !paused.contains(client.number));
+    if (!std::exchange(client.queued, true))
+        queue.append(client.number);
 }
 
 void OfferReader::setPaused(quint64 connection, bool pause)
@@ -138,24 +140,26 @@ void OfferReader::setPaused(quint64 connection, bool pause)
     }
     const auto known = byNumber.constFind(connection);
     if (paused.remove(connection) && !allPaused && known != byNumber.constEnd() && (*known)->waits)
-        queue.append(connection);
+        append(**known);
 }
 
 void OfferReader::setAllPaused(bool pause)
 {
     if (std::exchange(allPaused, pause) == pause || pause)
         return;
-    for (const Client &client : clients) {
+    for (Client &client : clients) {
         if (client.waits && mayRead(client))
-            queue.append(client.number);
+            append(client);
     }
 }
 
-// A connection may be in the queue more than once, if it was paused meanwhile.
 void OfferReader::goOn(quint64 number)
 {
     const auto known = byNumber.constFind(number);
-    if (known == byNumber.constEnd() || !(*known)->waits || !mayRead(**known))
+    if (known == byNumber.constEnd())
+        return;
+    (*known)->queued = false;
+    if (!(*known)->waits || !mayRead(**known))
         return;
     {
         const QScopedValueRollback guard(reading, true);
@@ -185,7 +189,7 @@ bool OfferReader::readOffer(Client &client)
     const QByteArrayView fresh = client.offer->fresh();
     client.used += readBytes(client, fresh.sliced(client.used), allowance);
     client.received = positionOfFresh(client);
-    const bool isRead = (client.used == fresh.size() && !client.tailHasMore) || consumer.isDone();
+    const bool isRead = client.used == fresh.size() || consumer.isDone();
     answerOffer(client, isRead);
     if (isRead) {
         client.record.reset();
@@ -239,30 +243,31 @@ qsizetype OfferReader::readBytes(Client &client, QByteArrayView bytes, Allowance
 qsizetype OfferReader::finishTail(Client &client, QByteArrayView bytes, Allowance &allowance)
 {
     qsizetype taken = 0;
-    const quint64 position = positionOfFresh(client);
-    if (client.tailHasMore)
-        takeFromTail(client, position, allowance);
     while (!client.tail.isEmpty() && taken < bytes.size() && !allowance.isUsedUp()) {
         const QByteArrayView next = bytes.sliced(taken);
-        const qsizetype size = consumer.bytesToAppend(client.tail, next);
+        const qsizetype size =
+                std::clamp<qsizetype>(consumer.bytesToAppend(client.tail, next), 1, next.size());
         client.tail.append(next.first(size));
-        taken += size;
-        takeFromTail(client, position + static_cast<quint64>(taken), allowance);
+        const quint64 end = positionOfFresh(client) + static_cast<quint64>(taken + size);
+        taken += takeFromTail(client, end, size, allowance);
     }
-    client.tailHasMore = !client.tail.isEmpty() && allowance.isUsedUp();
     return taken;
 }
 
-// end: the position behind the tail.
-void OfferReader::takeFromTail(Client &client, quint64 end, Allowance &allowance)
+// end: the position behind the tail. appended: how many bytes at its end are new. Returns how many
+// of these it keeps: what lies behind the message is read from the offer.
+qsizetype OfferReader::takeFromTail(Client &client, quint64 end, qsizetype appended,
+                                    Allowance &allowance)
 {
     const quint64 begin = end - static_cast<quint64>(client.tail.size());
     const qsizetype used =
             consumer.write(client.tail, begin, client.origin, client.framing, allowance);
-    if (used == client.tail.size())
-        client.tail.clear();
-    else
-        client.tail.remove(0, used);
+    if (used == 0)
+        return appended;
+    const qsizetype surplus = std::min(client.tail.size() - used, appended);
+    client.tail.remove(0, used);
+    client.tail.chop(surplus);
+    return appended - surplus;
 }
 
 // The answer names the offer's own position, so it cuts the same bytes whenever it is carried out.
@@ -272,12 +277,12 @@ void OfferReader::answerOffer(Client &client, bool isRead)
     const qsizetype left = client.offer->fresh().size() - client.used;
     const bool isDue = isRead
             || (client.used - client.answered >= std::max(left, AnswerAfterBytes)
-                && clock.nsecsElapsed() - client.answeredTime >= answerAfter);
+                && queue.now() - client.answeredTime >= answerAfter);
     if (length == 0 || !answering || !isDue)
         return;
     client.answered = client.used;
     if (!isRead) // a message costs no look at the clock
-        client.answeredTime = clock.nsecsElapsed();
+        client.answeredTime = queue.now();
     answer(length, client.record->getPluginSubId());
 }
 
@@ -286,10 +291,10 @@ void OfferReader::end(Client &client)
     const shared_parsedData record = std::exchange(client.end, {});
     const ExactOffers::Offer offer =
             exactOffers->open(*record, pacedTime); // forgets the connection
-    paused.remove(client.number);
     giveUp(client);
     consumer.ended(consumer.originOf(*record, client.number),
                    record->getPluginSubIdKey(subids::end()), offer.position());
+    paused.remove(client.number);
 }
 
 OfferReader::Clients::iterator OfferReader::keep(Client &&client)
@@ -346,6 +351,7 @@ void OfferReader::forgetAll()
     while (!clients.empty())
         forgetOldest();
     queue.clear();
+    paused.clear();
     exactOffers.emplace(endsTold ? Unlimited : givenMemory);
 }
 
@@ -359,7 +365,7 @@ void OfferReader::forgetSilent(std::chrono::nanoseconds interval)
         return;
     {
         const QScopedValueRollback guard(reading, true);
-        const qint64 time = clock.nsecsElapsed();
+        const qint64 time = queue.now();
         while (!clients.empty() && time - clients.front().lastOfferTime > forgetAfter)
             forgetOldest();
     }

@@ -10,7 +10,6 @@
 #include "plugin/parseddata.h"
 
 #include <QtCore/QByteArray>
-#include <QtCore/QElapsedTimer>
 #include <QtCore/QHash>
 #include <QtCore/QMap>
 #include <QtCore/QSet>
@@ -33,7 +32,8 @@ using Answer = std::function<void(int bytes, const QMap<QString, QString> &subId
 //! How much may be read before others get their turn.
 struct Pace
 {
-    Allowance ofOffer = {256, 64 * 1024}; // one connection's go; takes about 0.1 ms
+    // One connection's go, which takes about 0.1 ms. Each at least 1.
+    Allowance ofOffer = {256, 64 * 1024};
     // In a turn of the event loop: for all new records, and again for all connections that wait.
     std::chrono::nanoseconds ofTurn = std::chrono::milliseconds(5);
     // A long offer is answered in parts only if it takes longer than that.
@@ -80,9 +80,11 @@ public:
 
     // place: the record's; its connection is not 0.
     void receive(const ExactOffers::Place &place, const shared_parsedData &record);
+    // A record is being read, or given up. What comes meanwhile waits.
+    bool isReading() const { return reading; }
 
     // A paused connection is not read: its latest record waits, and its end. May be called while a
-    // message is handed out; the next one waits then.
+    // message is handed out. A number that is not known is paused when it comes.
     void setPaused(quint64 connection, bool pause);
     // The same for all connections. Default: false.
     void setAllPaused(bool pause);
@@ -106,13 +108,13 @@ private:
         std::optional<ExactOffers::Offer> offer; // that record, opened
         qsizetype used = 0; // how many of the offer's fresh bytes were read
         qsizetype answered = 0; // how many of them were answered
-        qint64 answeredTime = 0; // when, or when the offer came; in ns of the clock
+        qint64 answeredTime = 0; // when, or when the offer came; in ns of the queue's clock
         shared_parsedData end; // null: not told
-        bool waits = false; // in the queue, or paused
+        bool waits = false; // for its go, or until it is not paused any more
+        bool queued = false; // its number is in the queue
 
         Origin origin; // of the latest offer that was opened
         QByteArray tail; // the beginning of a message; its capacity grows in steps
-        bool tailHasMore = false; // the tail may hold whole messages: its go was over
         quint64 received = 0; // the position behind the last byte that was read
         qsizetype counted = 0; // the tail's size as unfinished knows it
         FrameState framing;
@@ -129,12 +131,16 @@ private:
     void goOn(quint64 number);
     void proceed(Client &client);
     void wait(Client &client);
-    bool mayRead(const Client &client) const;
+    void append(Client &client);
+    bool mayRead(const Client &client) const
+    {
+        return !allPaused && (paused.isEmpty() || !paused.contains(client.number));
+    }
     bool readOffer(Client &client);
     void open(Client &client);
     qsizetype readBytes(Client &client, QByteArrayView bytes, Allowance &allowance);
     qsizetype finishTail(Client &client, QByteArrayView bytes, Allowance &allowance);
-    void takeFromTail(Client &client, quint64 position, Allowance &allowance);
+    qsizetype takeFromTail(Client &client, quint64 end, qsizetype appended, Allowance &allowance);
     static quint64 positionOfFresh(const Client &client);
     static quint64 positionOfTail(const Client &client);
     void answerOffer(Client &client, bool isRead);
@@ -165,7 +171,6 @@ private:
     std::deque<std::pair<ExactOffers::Place, shared_parsedData>> late;
     std::vector<quint64> lateGoes;
 
-    QElapsedTimer clock;
     qint64 forgetAfter = 0; // in nanoseconds
     qint64 maxUnfinished = std::numeric_limits<qint64>::max();
 

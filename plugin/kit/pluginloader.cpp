@@ -18,17 +18,27 @@ QString creatorName()
     return QStringLiteral("TcpInputPlugin2");
 }
 
-// The library in the tree where the program was built or installed, or where this was to be
-// installed. If there is none, its plain name, which the system looks up.
-QString findLibrary()
+// Where the library may be: in the tree where the program was built or installed, and where this
+// was to be installed.
+QStringList candidates(const QString &hint)
 {
     const QDir program(QCoreApplication::applicationDirPath());
-    const QString file = QStringLiteral("libtcpinputplugin2.so");
-    for (const char *folder : {LIBRARY_FROM_PROGRAM, "../lib", "../tcpinput", ".", LIBRARY_DIR}) {
-        // An absolute folder stays as it is.
-        const QFileInfo candidate(program, QLatin1String(folder) + QLatin1Char('/') + file);
-        if (candidate.exists())
-            return candidate.canonicalFilePath();
+    QStringList files;
+    for (const char *folder : {LIBRARY_FROM_PROGRAM, "../lib", "../tcpinput", "."})
+        files += program.filePath(QLatin1String(folder) + QStringLiteral("/libtcpinputplugin2.so"));
+    if (!hint.isEmpty())
+        files += hint;
+    files += QStringLiteral(LIBRARY_DIR "/libtcpinputplugin2.so");
+    return files;
+}
+
+// The first of them that is there; otherwise its plain name, which the system looks up.
+QString findLibrary(const QString &hint)
+{
+    const QStringList files = candidates(hint);
+    for (const QString &file : files) {
+        if (QFileInfo::exists(file))
+            return QFileInfo(file).canonicalFilePath();
     }
     return QStringLiteral("tcpinputplugin2");
 }
@@ -40,9 +50,9 @@ PluginLoader::~PluginLoader()
     qDeleteAll(creators);
 }
 
-bool PluginLoader::load(const QString &file, EntryPoint entry)
+bool PluginLoader::load(const QString &file, EntryPoint entry, const QString &hint)
 {
-    library.setFileName(file.isEmpty() ? findLibrary() : file);
+    library.setFileName(file.isEmpty() ? findLibrary(hint) : file);
     if (!library.load()) {
         error = library.errorString();
         return false;

@@ -35,9 +35,10 @@ public:
     ~PluginLoader();
     Q_DISABLE_COPY(PluginLoader)
 
-    // file: empty to look for the library near the program. False if it cannot be loaded or does
-    // not have the entry point; errorString() says why.
-    bool load(const QString &file, EntryPoint entry);
+    // file: empty to look for the library: near the program, then hint, then where this was to be
+    // installed, then where the system looks. hint: a file that may be there; empty: none. False if
+    // it cannot be loaded or does not have the entry point; errorString() says why.
+    bool load(const QString &file, EntryPoint entry, const QString &hint = {});
     QString errorString() const { return error; }
     QString fileName() const { return library.fileName(); }
 

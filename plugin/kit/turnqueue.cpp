@@ -14,7 +14,7 @@ TurnQueue::TurnQueue(std::chrono::nanoseconds timePerTurn, TurnCount turnCount)
     : time(timePerTurn),
       turns(std::move(turnCount))
 {
-    sinceFirst.start();
+    clock.start();
     if (!turns)
         connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::awake, this,
                 [this] { ++turnsOfQt; });
@@ -22,12 +22,12 @@ TurnQueue::TurnQueue(std::chrono::nanoseconds timePerTurn, TurnCount turnCount)
 
 bool TurnQueue::hasTime()
 {
-    const quint64 now = turns ? turns->load(std::memory_order_relaxed) : turnsOfQt;
-    if (std::exchange(turn, now) != now) {
-        sinceFirst.start();
+    const quint64 number = turns ? turns->load(std::memory_order_relaxed) : turnsOfQt;
+    if (std::exchange(turn, number) != number) {
+        first = now();
         return true;
     }
-    return sinceFirst.nsecsElapsed() < time.count();
+    return now() - first < time.count();
 }
 
 void TurnQueue::append(quint64 connection)
@@ -39,13 +39,12 @@ void TurnQueue::append(quint64 connection)
 void TurnQueue::playTurn()
 {
     posted = false;
-    QElapsedTimer since;
-    since.start();
+    const qint64 begin = now();
     while (!waiting.empty()) {
-        const quint64 first = waiting.front();
+        const quint64 next = waiting.front();
         waiting.pop_front();
-        Q_EMIT reached(first);
-        if (since.nsecsElapsed() >= time.count())
+        Q_EMIT reached(next);
+        if (now() - begin >= time.count())
             break;
     }
     if (!waiting.empty())

@@ -37,6 +37,11 @@ public:
     // of waiting connections have a time of their own, so neither has to wait for the other.
     bool hasTime();
 
+    // In nanoseconds, since this object was made: when hasTime() was asked first in this turn.
+    // Costs no look at the clock.
+    qint64 turnTime() const { return first; }
+    qint64 now() const { return clock.nsecsElapsed(); }
+
     // The connection's go comes in a later turn of the event loop.
     void append(quint64 connection);
 
@@ -52,7 +57,8 @@ private:
 
     const std::chrono::nanoseconds time;
     std::deque<quint64> waiting;
-    QElapsedTimer sinceFirst; // since the first record of this turn
+    QElapsedTimer clock;
+    qint64 first = 0; // the time of the first record of this turn
     // Of the event loop, in which the last record came. At first none: no turn has this number.
     quint64 turn = std::numeric_limits<quint64>::max();
     const TurnCount turns;

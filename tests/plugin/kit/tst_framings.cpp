@@ -92,6 +92,8 @@ private Q_SLOTS:
     void escapes();
     void tooMuchIsWarnedOfOnce();
     void longMessageIsNotLookedAtForEachByte();
+    void asksAgainWhenEnoughIsThere();
+    void tooLongForCustom();
 };
 
 void tst_Framings::messages_data()
@@ -104,6 +106,7 @@ void tst_Framings::messages_data()
     QTest::addColumn<QByteArray>("rest");
 
     const Marks brackets = {'<', '>', '\\', ' '};
+    const Marks unprotected = {'<', '>'};
     const auto passes = [](QByteArrayView message) { return message.startsWith('+'); };
     using List = QByteArrayList;
     QTest::newRow("lines") << lines() << QByteArray("a\r\n\nbc\nd") << List({"a", "", "bc"})
@@ -132,16 +135,28 @@ void tst_Framings::messages_data()
             << QByteArray() << 0 << QByteArray("<d\\");
     QTest::newRow("two marks, too long") << marked(brackets, 3) << QByteArray("<abc><abcd\\>e><f>")
                                          << List({"abc", "f"}) << QByteArray() << 1 << QByteArray();
+    QTest::newRow("no escape") << marked(unprotected) << QByteArray("<a}><b\\>")
+                               << List({"a}", "b\\"}) << QByteArray() << 0 << QByteArray();
     QTest::newRow("one mark") << marked() << QByteArray("~a~~b~c~") << List({"a", "b", "c"})
                               << QByteArray() << 0 << QByteArray("~");
     QTest::newRow("one mark, escaped") << marked() << QByteArray("~a}~b~") << List({"a}~b"})
                                        << QByteArray() << 0 << QByteArray("~");
-    QTest::newRow("one mark, too long") << marked({}, 2) << QByteArray("~abcd~e~~fghi~~j~")
+    QTest::newRow("one mark, too long") << marked(HdlcMarks, 2) << QByteArray("~abcd~e~~fghi~~j~")
                                         << List({"e", "j"}) << QByteArray() << 2 << QByteArray("~");
     QTest::newRow("fixed") << fixedSize(3) << QByteArray("abcdefg") << List({"abc", "def"})
                            << QByteArray() << 0 << QByteArray("g");
     QTest::newRow("custom") << custom(digitAndBytes) << QByteArray("2ab01c3d")
                             << List({"2ab", "0", "1c"}) << QByteArray() << 0 << QByteArray("3d");
+    QTest::newRow("custom, at its limit")
+            << custom(digitAndBytes, 3) << QByteArray("2ab2cd0") << List({"2ab", "2cd", "0"})
+            << QByteArray() << 0 << QByteArray();
+    QTest::newRow("custom, with a size that is known before")
+            << custom([](QByteArrayView bytes) -> qsizetype {
+                   const qsizetype size = bytes[0] - '0' + 1;
+                   return bytes.size() >= size ? size : -size;
+               })
+            << QByteArray("2ab01c3d") << List({"2ab", "0", "1c"}) << QByteArray() << 0
+            << QByteArray("3d");
     QTest::newRow("checked") << checked(lines(), passes) << QByteArray("+a\n-b\n+c\n")
                              << List({"+a", "+c"}) << QByteArray("-b\n") << 0 << QByteArray();
     QTest::newRow("checked lengths") << checked(lengthPrefixed(1), passes) << QByteArray("\2+a\2-b")
@@ -208,6 +223,8 @@ void tst_Framings::abandons_data()
                                       << QByteArray(">d><e>") << QByteArray("e");
     QTest::newRow("one mark") << marked() << QByteArray("~abc") << QByteArray("~d~")
                               << QByteArray("d");
+    QTest::newRow("fixed") << fixedSize(5) << QByteArray("abc") << QByteArray("defghij")
+                           << QByteArray("fghij");
     QTest::newRow("custom") << custom(digitAndBytes) << QByteArray("9abc") << QByteArray("1d")
                             << QByteArray("1d");
 }
@@ -278,6 +295,36 @@ void tst_Framings::longMessageIsNotLookedAtForEachByte()
         framing->take(rest, state);
     }
     QVERIFY2(looked < 5 * message.size(), qPrintable(QString::number(looked)));
+}
+
+void tst_Framings::asksAgainWhenEnoughIsThere()
+{
+    int calls = 0;
+    const SharedFraming framing = custom([&calls](QByteArrayView bytes) -> qsizetype {
+        ++calls;
+        return bytes.size() < 100 ? -100 : 100;
+    });
+    FrameState state;
+    QByteArray rest;
+    for (int n = 0; n < 99; ++n) {
+        rest += 'x';
+        QCOMPARE(framing->take(rest, state).kind, Frame::Incomplete);
+    }
+    QCOMPARE(calls, 1);
+    rest += 'x';
+    QCOMPARE(framing->take(rest, state).size, 100);
+    QCOMPARE(framing->take("y", state).kind, Frame::Incomplete); // the next message
+    QCOMPARE(calls, 3);
+}
+
+void tst_Framings::tooLongForCustom()
+{
+    const SharedFraming framing = custom(digitAndBytes, 5);
+    FrameState state;
+    QCOMPARE(framing->take("7abcd", state).kind, Frame::Incomplete);
+    QCOMPARE(framing->take("7abcde", state).kind, Frame::TooLong);
+    QCOMPARE(framing->take("7abcdefg", state).kind, Frame::TooLong);
+    QCOMPARE(framing->take("1a", state).kind, Frame::Complete);
 }
 
 QTEST_GUILESS_MAIN(tst_Framings)

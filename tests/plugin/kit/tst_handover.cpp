@@ -72,6 +72,8 @@ private Q_SLOTS:
     void goesWithoutAReceiver();
     void receiverMayGoMeanwhile();
     void sendsTheRestWhenItGoes();
+    void handlerRunsAnEventLoop();
+    void handlerDestroysTheReceiver();
 };
 
 void tst_HandOver::keepsOrderAndContent()
@@ -186,6 +188,54 @@ void tst_HandOver::sendsTheRestWhenItGoes()
         handOver.add(InputMessage{originOf(1), "abc", 0, 4, false});
     }
     receiver.drain();
+    QCOMPARE(handled, 1);
+}
+
+void tst_HandOver::handlerRunsAnEventLoop()
+{
+    Receiver receiver;
+    QByteArrayList seen;
+    bool isNested = false;
+    InputHandlers handlers;
+    handlers.message = [&](const InputMessage &message) {
+        QVERIFY(!isNested);
+        seen += message.bytes.toByteArray();
+        isNested = true;
+        QCoreApplication::processEvents();
+        isNested = false;
+    };
+    QSemaphore gate;
+    QMetaObject::invokeMethod(
+            receiver.object, [&gate] { gate.acquire(); }, Qt::QueuedConnection);
+    HandOver handOver(receiver.object, handlers);
+    for (const QByteArray &batch : {QByteArray("a"), QByteArray("c")}) {
+        handOver.add(InputMessage{originOf(1), batch, 0, 1, false});
+        handOver.add(InputMessage{originOf(1), batch + '2', 0, 1, false});
+        handOver.flush();
+    }
+    gate.release();
+    receiver.drain();
+    QCOMPARE(seen, QByteArrayList({"a", "a2", "c", "c2"}));
+}
+
+void tst_HandOver::handlerDestroysTheReceiver()
+{
+    Receiver receiver;
+    int handled = 0;
+    QSemaphore begun;
+    InputHandlers handlers;
+    handlers.message = [&](const InputMessage &) {
+        ++handled;
+        delete std::exchange(receiver.object, nullptr);
+        begun.release();
+    };
+    HandOver handOver(receiver.object, handlers);
+    handOver.add(InputMessage{originOf(1), "a", 0, 1, false});
+    handOver.add(InputMessage{originOf(1), "b", 0, 1, false});
+    handOver.flush();
+    QVERIFY(begun.tryAcquire(1, HangGuardMs));
+    receiver.thread.quit();
+    QVERIFY(receiver.thread.wait(HangGuardMs));
     QCOMPARE(handled, 1);
 }
 

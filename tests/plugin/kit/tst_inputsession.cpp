@@ -133,6 +133,8 @@ void tst_InputSession::unusableConfigurations_data()
 
     QTest::newRow("offsets") << QStringLiteral("offsets") << QJsonValue(false)
                              << InputSession::Failure::BadConfiguration;
+    QTest::newRow("no offsets") << QStringLiteral("offsets") << QJsonValue(QStringLiteral("yes"))
+                                << InputSession::Failure::BadConfiguration;
     QTest::newRow("ends") << QStringLiteral("ends") << QJsonValue(false)
                           << InputSession::Failure::BadConfiguration;
     QTest::newRow("misspelt") << QStringLiteral("Port") << QJsonValue(1)
@@ -200,10 +202,12 @@ void tst_InputSession::goesBackToTheOldConfiguration()
     QVERIFY(!session.reload(configurationOf(other.serverPort())));
     QCOMPARE(session.failure(), InputSession::Failure::NotListening);
     QCOMPARE(session.port(), int(port));
-    QVERIFY(connectTo(session));
+    const auto device = connectTo(session);
+    QVERIFY(device);
     QVERIFY(!session.reload({{QStringLiteral("offsets"), false}}));
     QCOMPARE(session.failure(), InputSession::Failure::BadConfiguration);
     QVERIFY(session.isListening());
+    QTRY_COMPARE_WITH_TIMEOUT(session.counters()->open, quint64(1), HangGuardMs); // was not cut off
 }
 
 void tst_InputSession::pausesAConnection()

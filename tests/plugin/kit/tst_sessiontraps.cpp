@@ -26,7 +26,10 @@ private Q_SLOTS:
     void acknowledgementsAfterTheSession();
     void acknowledgementsAfterAReload();
     void tooManyBytesLoseNothing();
-    void handlerKeepsTheBytesTooLong();
+    void oneGoEndsInTheMiddleOfATail();
+    void pauseInTheMiddleOfATail();
+    void checkStops();
+    void limitsAreAddedTo();
     void restartsAsOftenAsOneLikes();
 };
 
@@ -255,23 +258,86 @@ void tst_SessionTraps::tooManyBytesLoseNothing()
     QTRY_COMPARE_WITH_TIMEOUT(log.over.size(), 1, HangGuardMs);
 }
 
-// What is kept is a copy: the view is only lent.
-void tst_SessionTraps::handlerKeepsTheBytesTooLong()
+// A function of the host's gets more bytes than it takes, and they must not count as unfinished.
+void tst_SessionTraps::oneGoEndsInTheMiddleOfATail()
 {
-    QByteArrayList kept;
-    InputHandlers handlers;
-    handlers.message = [&kept](const InputMessage &message) {
-        kept += message.bytes.toByteArray();
+    Log log;
+    InputSettings settings = settingsFor(log.handlers());
+    settings.framing = custom([](QByteArrayView bytes) { return bytes.indexOf('\n') + 1; });
+    settings.maxUnfinished = 300;
+    settings.pace.ofOffer.messages = 2;
+    InputSession session(settings);
+    QVERIFY(session.start(configurationOf(freePort())));
+    const auto device = connectTo(session);
+    QVERIFY(device);
+    device->write(QByteArray(100, 'x'));
+    QTRY_COMPARE_WITH_TIMEOUT(session.counters()->buffered, quint64(0), HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(session.counters()->bytes, quint64(100), HangGuardMs);
+    device->write("\n" + numberedLines("line", 0, 100));
+    QTRY_COMPARE_WITH_TIMEOUT(log.count, 101, HangGuardMs);
+    QCOMPARE(log.all().last(), QByteArray("line 99\n"));
+    QVERIFY(!log.gaps);
+    QTRY_COMPARE_WITH_TIMEOUT(session.counters()->buffered, quint64(0), HangGuardMs);
+}
+
+void tst_SessionTraps::pauseInTheMiddleOfATail()
+{
+    Log log;
+    InputSession *running = nullptr;
+    InputHandlers handlers = log.handlers();
+    handlers.message = [&](const InputMessage &message) {
+        log.add(message);
+        if (log.count == 1)
+            running->pause(message.origin.connection);
     };
-    {
-        InputSession session(settingsFor(handlers));
-        QVERIFY(session.start(configurationOf(freePort())));
-        const auto device = connectTo(session);
-        QVERIFY(device);
-        device->write("a\nb\n");
-        QTRY_COMPARE_WITH_TIMEOUT(kept.size(), 2, HangGuardMs);
-    }
-    QCOMPARE(kept, QByteArrayList({"a", "b"}));
+    InputSettings settings = settingsFor(handlers);
+    settings.framing = custom([](QByteArrayView bytes) { return bytes.indexOf('\n') + 1; });
+    InputSession session(settings);
+    running = &session;
+    QVERIFY(session.start(configurationOf(freePort())));
+    const auto device = connectTo(session);
+    QVERIFY(device);
+    device->write("be");
+    QTRY_COMPARE_WITH_TIMEOUT(session.counters()->offers, quint64(1), HangGuardMs);
+    device->write("gin\n" + numberedLines("line", 0, 20));
+    QTRY_COMPARE_WITH_TIMEOUT(log.count, 1, HangGuardMs);
+    const quint64 offers = session.counters()->offers;
+    device->write("end\n");
+    QTRY_VERIFY_WITH_TIMEOUT(session.counters()->offers > offers, HangGuardMs); // repeats all of it
+    session.resume(log.messages.firstKey());
+    QTRY_COMPARE_WITH_TIMEOUT(log.count, 22, HangGuardMs);
+    QVERIFY(!log.gaps);
+    QTRY_COMPARE_WITH_TIMEOUT(session.counters()->buffered, quint64(0), HangGuardMs);
+}
+
+// No handler, but it runs while a record is read.
+void tst_SessionTraps::checkStops()
+{
+    Log log;
+    InputSession *running = nullptr;
+    InputSettings settings = settingsFor(log.handlers());
+    settings.framing = checked(lines(), [&running](QByteArrayView) {
+        running->stop();
+        return true;
+    });
+    InputSession session(settings);
+    running = &session;
+    QVERIFY(session.start(configurationOf(freePort())));
+    const auto device = connectTo(session);
+    QVERIFY(device);
+    device->write("a\nb\n");
+    QTRY_VERIFY_WITH_TIMEOUT(!session.isListening(), HangGuardMs);
+    QCOMPARE(log.all(), QByteArrayList({"a", "b"}));
+}
+
+void tst_SessionTraps::limitsAreAddedTo()
+{
+    const QJsonObject given = {{QStringLiteral("maxConnections"), 5}};
+    const QJsonObject complete = InputSession::withDefaults({{QStringLiteral("limits"), given}});
+    const QJsonObject limits = complete.value(QLatin1String("limits")).toObject();
+    QCOMPARE(limits.value(QLatin1String("maxConnections")), QJsonValue(5));
+    QVERIFY(limits.contains(QLatin1String("connectionBuffer")));
+    QVERIFY(limits.contains(QLatin1String("totalBuffer")));
 }
 
 // A plugin object that is started again hands over each connection more than once.

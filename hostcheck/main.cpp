@@ -1,0 +1,111 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "eventloop/epolleventdispatcher.h"
+#include "hostcheck/options.h"
+#include "hostcheck/parser/parserchecks.h"
+#include "hostcheck/program/programchecks.h"
+#include "hostcheck/report.h"
+
+#include <QtCore/QCoreApplication>
+
+#include <cstdio>
+
+using namespace hostcheck;
+
+namespace {
+
+ExitStatus complain(const QString &text)
+{
+    std::fprintf(stderr, "hostcheck: %s\n", qPrintable(text));
+    return ExitUsage;
+}
+
+// All that devices send. Empty after a complaint.
+QList<Traffic> readTraffic(const Options &options)
+{
+    TrafficReader reader;
+    QList<Traffic> all;
+    for (const QString &file : options.streams)
+        all += reader.readStream(file, options.framing, options.lengthsFile);
+    for (const QString &file : options.descriptions)
+        all += reader.readDescription(file);
+    if (reader.error.isEmpty())
+        return all;
+    complain(reader.error);
+    return {};
+}
+
+ExitStatus finish(const Report &report, const Options &options)
+{
+    report.finish();
+    if (!options.junitFile.isEmpty() && !report.writeJunit(options.junitFile))
+        return complain(QStringLiteral("cannot write %1").arg(options.junitFile));
+    return report.hasFailures() ? ExitFaults : ExitOk;
+}
+
+ExitStatus checkParser(const Options &options)
+{
+    ParserProcess parser(options.file, options.timeLimitMs);
+    const QString error = parser.loadError();
+    if (!error.isEmpty())
+        return complain(error);
+    const QList<Traffic> all = readTraffic(options);
+    if (all.isEmpty())
+        return ExitUsage;
+    Report report(QStringLiteral("hostcheck parser"));
+    for (const Traffic &traffic : all) {
+        parser.setTimeLimitMs(options.timeLimitMs);
+        const QList<Verdict> verdicts = ParserChecks(parser, traffic).run(options.only);
+        for (const Verdict &verdict : verdicts)
+            report.add(verdict);
+    }
+    return finish(report, options);
+}
+
+ExitStatus checkHostProgram(const Options &options)
+{
+    const QList<Traffic> all = readTraffic(options);
+    if (all.isEmpty())
+        return ExitUsage;
+    Report report(QStringLiteral("hostcheck parser"));
+    for (const Traffic &traffic : all) {
+        if (!traffic.framing)
+            return complain(QStringLiteral("%1: a host program needs --framing").arg(traffic.name));
+        const QList<Verdict> verdicts =
+                ProgramChecks(options.command, options.timeLimitMs, traffic).run(options.only);
+        for (const Verdict &verdict : verdicts)
+            report.add(verdict);
+    }
+    return finish(report, options);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    // Cheap with thousands of sockets. If it cannot be made, Qt uses its own.
+    if (std::unique_ptr<QAbstractEventDispatcher> dispatcher = EpollEventDispatcher::create())
+        QCoreApplication::setEventDispatcher(dispatcher.release());
+    QCoreApplication application(argc, argv);
+    const CommandLine commandLine = parseCommandLine(QCoreApplication::arguments());
+    switch (commandLine.outcome) {
+    case CommandLine::Inform:
+        std::fputs(qPrintable(commandLine.text), stdout);
+        return ExitOk;
+    case CommandLine::Refuse:
+        return complain(commandLine.text + QStringLiteral("\nTry hostcheck --help."));
+    case CommandLine::Run:
+        break;
+    }
+    const Options &options = commandLine.options;
+    switch (options.subject) {
+    case Options::Parser:
+        return checkParser(options);
+    case Options::HostProgram:
+        return checkHostProgram(options);
+    case Options::Plugin:
+        break;
+    }
+    return ExitUsage;
+}

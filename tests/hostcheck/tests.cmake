@@ -1,0 +1,24 @@
+# SPDX-FileCopyrightText: the tcpinputplugin2 authors
+# SPDX-License-Identifier: MIT
+
+# The same parser with one fault each; 0 has none.
+foreach(number RANGE 14)
+    set(name plantedparser${number})
+    add_library(${name} MODULE ${CMAKE_CURRENT_LIST_DIR}/plantedparser.cpp)
+    target_compile_definitions(${name} PRIVATE PLANTED=${number})
+    set_target_properties(${name} PROPERTIES PREFIX "" AUTOMOC OFF
+        LIBRARY_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/planted)
+    list(APPEND planted_parsers ${name})
+endforeach()
+
+foreach(name IN ITEMS tst_hostcheckparser tst_hostcheckparts tst_hostcheckprograms)
+    plugin_test(${name})
+    target_link_libraries(${name} PRIVATE Qt6::Network)
+    target_compile_definitions(${name} PRIVATE
+        HOSTCHECK_FILE="$<TARGET_FILE:hostcheck>"
+        INPUTHOST_FILE="$<TARGET_FILE:inputhost>"
+        PLUGIN_FILE="$<TARGET_FILE:tcpinputplugin2>"
+        PLANTED_DIR="${CMAKE_CURRENT_BINARY_DIR}/planted")
+    add_dependencies(${name} hostcheck inputhost tcpinputplugin2 ${planted_parsers})
+endforeach()
+target_link_libraries(tst_hostcheckparts PRIVATE hostcheck_parser)

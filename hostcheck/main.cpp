@@ -2,12 +2,15 @@
 // SPDX-License-Identifier: MIT
 
 #include "eventloop/epolleventdispatcher.h"
+#include "hostcheck/library/checkrunner.h"
+#include "hostcheck/library/checks.h"
 #include "hostcheck/options.h"
 #include "hostcheck/parser/parserchecks.h"
 #include "hostcheck/program/programchecks.h"
 #include "hostcheck/report.h"
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QFileInfo>
 
 #include <cstdio>
 
@@ -80,6 +83,27 @@ ExitStatus checkHostProgram(const Options &options)
     return finish(report, options);
 }
 
+ExitStatus checkPlugin(const Options &options)
+{
+    if (!options.single.isEmpty())
+        return CheckRunner::runSingle(options.file, options.timeLimitMs, options.single);
+    if (!QFileInfo(options.file).isReadable())
+        return complain(QStringLiteral("cannot read %1").arg(options.file));
+    Report report(QStringLiteral("hostcheck plugin"));
+    if (CheckRunner(QFileInfo(options.file).absoluteFilePath(), options.timeLimitMs, report)
+                .run(options.only)
+        == 0)
+        return complain(QStringLiteral("no check of this name"));
+    return finish(report, options);
+}
+
+ExitStatus listChecks()
+{
+    for (const Check &check : allChecks())
+        std::printf("%s\n", check.name);
+    return ExitOk;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -105,7 +129,7 @@ int main(int argc, char **argv)
     case Options::HostProgram:
         return checkHostProgram(options);
     case Options::Plugin:
-        break;
+        return options.listsChecks ? listChecks() : checkPlugin(options);
     }
     return ExitUsage;
 }

@@ -37,7 +37,8 @@ Options:
   --only REGEX       Only checks whose name matches.
   --junit FILE       The results as a JUnit file, too.
   --time-limit MS    Processor time of one call of a parser, 1000 by default; how
-                     long a host may take to print a message, 10000 by default.
+                     long a host may take to print a message, 10000 by default;
+                     how long a plugin may take for what it has to do, 20000.
   --list             For plugin: the names of the checks.
   -h, --help         This text.
   -v, --version      The version.
@@ -67,6 +68,19 @@ struct Definitions
                            list, help, version});
     }
 };
+
+int defaultTimeLimitMs(Options::Subject subject)
+{
+    switch (subject) {
+    case Options::Parser:
+        return 1000;
+    case Options::HostProgram:
+        return 10000;
+    case Options::Plugin:
+        return 20000;
+    }
+    return 0;
+}
 
 CommandLine refuse(const QString &text)
 {
@@ -126,7 +140,7 @@ CommandLine parseCommandLine(const QStringList &arguments)
     options.descriptions = parser.values(known.traffic);
     options.framing = parser.value(known.framing);
     options.lengthsFile = parser.value(known.messages);
-    options.timeLimitMs = options.subject == Options::HostProgram ? 10000 : 1000;
+    options.timeLimitMs = defaultTimeLimitMs(options.subject);
     if (parser.isSet(known.timeLimit))
         options.timeLimitMs = parser.value(known.timeLimit).toInt();
     options.only.setPattern(parser.value(known.only));

@@ -24,7 +24,7 @@ struct Options
     QStringList descriptions; // files that describe traffic
     QString framing; // of the streams; empty: not known
     QString lengthsFile; // the lengths of the streams' messages; empty: not known
-    // Parser: processor time of one call. HostProgram: until what is due is printed.
+    // Parser: processor time of one call. HostProgram, Plugin: for what has to come.
     int timeLimitMs = 0;
     QRegularExpression only; // names of checks
     QString junitFile; // empty: none

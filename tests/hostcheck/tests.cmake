@@ -11,14 +11,16 @@ foreach(number RANGE 14)
     list(APPEND planted_parsers ${name})
 endforeach()
 
-foreach(name IN ITEMS tst_hostcheckparser tst_hostcheckparts tst_hostcheckprograms)
+foreach(name IN ITEMS 
+        tst_hostchecklibraries tst_hostcheckparser tst_hostcheckparts tst_hostcheckprograms)
     plugin_test(${name})
     target_link_libraries(${name} PRIVATE Qt6::Network)
     target_compile_definitions(${name} PRIVATE
         HOSTCHECK_FILE="$<TARGET_FILE:hostcheck>"
         INPUTHOST_FILE="$<TARGET_FILE:inputhost>"
         PLUGIN_FILE="$<TARGET_FILE:tcpinputplugin2>"
+        STOCK_PLUGIN_FILE="$<TARGET_FILE:stockplugin>"
         PLANTED_DIR="${CMAKE_CURRENT_BINARY_DIR}/planted")
-    add_dependencies(${name} hostcheck inputhost tcpinputplugin2 ${planted_parsers})
+    add_dependencies(${name} hostcheck inputhost stockplugin tcpinputplugin2 ${planted_parsers})
 endforeach()
 target_link_libraries(tst_hostcheckparts PRIVATE hostcheck_parser)

@@ -3,6 +3,7 @@
 
 #include "stockclient.h"
 
+#include "planted.h"
 #include "plugin/cwrn.h"
 
 #include <QtCore/QDateTime>
@@ -13,12 +14,12 @@ namespace stock {
 
 namespace {
 
-constexpr qint64 OfferIntervalMs = 200;
-constexpr qint64 KickAfterMs = 2000;
-constexpr int CheckIntervalMs = 2000;
+const qint64 OfferIntervalMs = plantedOr("interval-100", 100, 200);
+const qint64 KickAfterMs = plantedOr("kick-soon", 900, 2000);
+const int CheckIntervalMs = plantedOr("kick-soon", 1000, 2000);
 constexpr int LogReadAboveBytes = 1000;
-constexpr qsizetype ReofferAboveBytes = 20;
-constexpr qsizetype KickAboveBytes = 80;
+const qsizetype ReofferAboveBytes = plantedOr("reoffer-19", 19, 20);
+const qsizetype KickAboveBytes = plantedOr("kick-79", 79, 80);
 
 } // namespace
 
@@ -89,7 +90,8 @@ void Client::emitData()
         c.setLocalPort(socket->localPort());
     }
     Q_EMIT readyRead(c, id);
-    idleTimer.start();
+    if (!isPlanted("idle-not-renewed"))
+        idleTimer.start();
 }
 
 void Client::mdisconnected()
@@ -97,7 +99,8 @@ void Client::mdisconnected()
     if (!socket) // a second call: it has ended before
         return;
     if (bufferedSize() > 0) {
-        emitData();
+        if (!isPlanted("no-last-offer"))
+            emitData();
         const QWriteLocker locker(&inbufLock);
         inbuf.clear();
     }
@@ -192,7 +195,7 @@ void Client::cutInbuf(int len)
     {
         const QWriteLocker locker(&inbufLock);
         if (len > 0)
-            inbuf.remove(0, len);
+            inbuf.remove(0, plantedOr("cuts-one-more", len + 1, len));
         remaining = inbuf.size();
     }
     if (remaining <= ReofferAboveBytes)

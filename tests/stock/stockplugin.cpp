@@ -3,6 +3,7 @@
 
 #include "stockplugin.h"
 
+#include "planted.h"
 #include "plugin/cwrn.h"
 #include "ssl/ssl.h"
 #include "stocktask.h"
@@ -114,10 +115,12 @@ bool Plugin::readConfig(QHostAddress &address, quint16 &port)
     for (const QString &key : keys) {
         const QJsonValue value = config.value(key);
         const int number = value.toInt(0);
-        if (key == QLatin1String("port") && number > 0 && number < 65535)
+        const int portsEnd = plantedOr("port-65535", 65536, 65535);
+        if (key == QLatin1String("port") && number > 0 && number < portsEnd)
             port = static_cast<quint16>(number);
         else if (key == QLatin1String("ipAddr") && !address.setAddress(value.toString()))
-            address = QHostAddress(QHostAddress::LocalHost);
+            address = QHostAddress(
+                    plantedOr("bad-address", QHostAddress::AnyIPv4, QHostAddress::LocalHost));
         else if (key == QLatin1String("interface"))
             assignInterfaceAddress(value.toString(), address);
         else if (key == QLatin1String("timeout") && number > 0)
@@ -158,7 +161,8 @@ void Plugin::listenTls(const QHostAddress &address, quint16 port)
 
 bool Plugin::stop()
 {
-    CWRN(QtDebugMsg, QStringLiteral("TcpInputPlugin2(%1): stop()"), pluginId);
+    CWRN(plantedOr("stop-level", QtInfoMsg, QtDebugMsg),
+         QStringLiteral("TcpInputPlugin2(%1): stop()"), pluginId);
     if (useSsl)
         sslServer.close();
     else
@@ -184,7 +188,7 @@ QString Plugin::getStatus()
 {
     const QTcpServer &server = useSsl ? static_cast<QTcpServer &>(sslServer) : tcpServer;
     QString result = QStringLiteral("Listen: %2:%3, timeout: %1s, pool size: %4\r\n")
-                             .arg(timeoutMs / 1000)
+                             .arg(timeoutMs / plantedOr("status-ms", 1, 1000))
                              .arg(server.serverAddress().toString())
                              .arg(server.serverPort())
                              .arg(poolSize);
@@ -200,6 +204,8 @@ void Plugin::discard(int length, const QMap<QString, QString> &subid)
         CWRN(QtDebugMsg, QStringLiteral("TcpInput2(%1): subid[task] not set"), pluginId);
         return;
     }
+    if (isPlanted("null-deref"))
+        *static_cast<volatile int *>(nullptr) = 1;
     const int number = text->toInt();
     {
         const QReadLocker locker(&tasksLock);
@@ -214,7 +220,8 @@ void Plugin::discard(int length, const QMap<QString, QString> &subid)
 
 void Plugin::slotReceivedData(shared_parsedData data)
 {
-    data->setPluginId(pluginId);
+    if (!isPlanted("no-plugin-id"))
+        data->setPluginId(pluginId);
     Q_EMIT receivedData(data);
 }
 
@@ -255,7 +262,7 @@ void Plugin::handleConnection()
     CWRN(QtDebugMsg, QStringLiteral("TcpInputPlugin2(%1): new connection, %2"), pluginId,
          static_cast<qint64>(reinterpret_cast<quintptr>(QThread::currentThreadId())));
     QMetaObject::invokeMethod(task, "addConnection", Qt::QueuedConnection, Q_ARG(Connection, conn));
-    taskIndex = (taskIndex + 1) % poolSize;
+    taskIndex = (taskIndex + plantedOr("rotation", 2, 1)) % poolSize;
 }
 
 QThread *Plugin::getThread(int n)
@@ -298,7 +305,7 @@ Task *Plugin::getTask()
 void Plugin::showThreads()
 {
     const QStringList level = query(QStringLiteral("loglevel"));
-    if (!level.value(0).contains(QLatin1String("debug")))
+    if (!isPlanted("report-always") && !level.value(0).contains(QLatin1String("debug")))
         return;
     CWRN(QtDebugMsg, QStringLiteral("TcpInputPlugin2 %3: #threads = %1, #tasks = %2"),
          static_cast<qint64>(threads.size()), static_cast<qint64>(tasks.size()), pluginId);

@@ -3,6 +3,7 @@
 
 #include "stocktask.h"
 
+#include "planted.h"
 #include "plugin/cwrn.h"
 #include "stockclient.h"
 
@@ -145,7 +146,7 @@ void Task::readyRead(Connection c, const QString &id)
     record->setPeerAddress(c.getSenderHost().toString());
     record->setPeerPort(c.getSenderPort());
     record->setOriginalMessage(c.getData());
-    record->setSource(QStringLiteral("TCP:") + source);
+    record->setSource(isPlanted("source") ? source : QStringLiteral("TCP:") + source);
     record->addPluginSubId(QStringLiteral("client"), id);
     record->addPluginSubId(QStringLiteral("task"), QStringLiteral("%1").arg(num));
     Q_EMIT receivedData(record);

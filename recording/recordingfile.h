@@ -1,0 +1,76 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include <QtCore/QByteArrayView>
+#include <QtCore/QString>
+
+#include <atomic>
+
+namespace recording {
+
+/*!
+    The file that a recording goes to: appends to it, and begins a new one when it is large enough.
+
+    A file that exists is continued: a torn entry at its end is cut off first. A file that is
+   damaged, or no recording, is left alone. While it is open, no other program can record to it.
+
+    What is not a regular file, a pipe for example, can be written to as well. It is not read
+   before, and after a write that ended in the middle of an entry nothing more goes there.
+
+    Thread: one at a time; giveUpSoon() any.
+*/
+class RecordingFile
+{
+public:
+    RecordingFile() = default;
+    ~RecordingFile();
+    Q_DISABLE_COPY_MOVE(RecordingFile)
+
+    // Opens the file, or makes it. Does not wait for the reader of a pipe. False if that is not
+    // possible: see errorString().
+    bool open(const QString &name);
+
+    // Appends all of the bytes, and before the first ones the file's header. False: none was
+    // appended, see errorString(); a later try may succeed. Waits for the target.
+    bool append(QByteArrayView bytes);
+
+    // Renames the file to the next free of "name.1", "name.2" and so on, and begins a new one under
+    // the old name. keep: how many renamed ones stay, the newest; 0: all. False: the old one is
+    // still in use.
+    bool beginNext(int keep);
+
+    qint64 size() const { return target.size; }
+    bool canBeginNext() const { return target.isRegular; }
+    QString errorString() const { return error; }
+
+    // From now on append() waits a second at most for the reader of a pipe.
+    void giveUpSoon() { hasPatience = false; }
+
+private:
+    struct Target
+    {
+        int fd = -1;
+        bool isRegular = true;
+        bool isBroken = false; // something has ended in the middle, and cannot be cut off
+        qint64 size = 0; // bytes of header and whole entries
+    };
+
+    bool prepare();
+    bool cutOffRest();
+    qint64 bytesToKeep();
+    bool writeAll(QByteArrayView bytes, qsizetype &done);
+    bool waitUntilWritable() const;
+    QString numbered(int number) const;
+    int lastNumber() const;
+    bool fail(const QString &text);
+    bool failWithErrno();
+
+    QString fileName;
+    QString error;
+    Target target;
+    std::atomic<bool> hasPatience = true;
+};
+
+} // namespace recording

@@ -1,0 +1,73 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include "recording/compression.h"
+#include "recording/entry.h"
+#include "recording/recordingfile.h"
+
+#include <QtCore/QHash>
+
+namespace recording {
+
+//! How a recording is written.
+struct WriterOptions
+{
+    qint64 fileBytes = 0; // a file of this size or more is the last of its number; 0: no limit
+    int keep = 0; // how many finished files stay; 0: all
+    bool compress = false; // needs canCompress()
+    bool withPayload = true; // told in the file; whoever makes the entries leaves it out
+};
+
+/*!
+    Writes entries to files, each of which can be read by itself: a new file begins with a session
+    that repeats the connections that are open.
+
+    The same is done after entries could not be written. So a reader always knows which connections
+    are open, also when their beginnings or ends are among what is missing.
+
+    Thread: one at a time; giveUpSoon() any.
+*/
+class RecordingWriter
+{
+public:
+    explicit RecordingWriter(const WriterOptions &given) : options(given) {}
+
+    // See RecordingFile::open(). timeUs: now, in microseconds since 1970 in UTC; what is written
+    // later counts from there.
+    bool open(const QString &fileName, qint64 timeUs);
+
+    // entries: as appendEntry() makes them, whole; no sessions. False: they are lost, see
+    // errorString().
+    bool write(QByteArrayView entries);
+
+    QString errorString() const { return file.errorString(); }
+    void giveUpSoon() { file.giveUpSoon(); }
+
+private:
+    struct OpenConnection
+    {
+        Endpoints endpoints;
+        quint64 position = 0; // behind what it has brought
+    };
+
+    void appendSession(QByteArray &entries) const;
+    void note(QByteArrayView entries);
+    void noteEntry(const RawEntry &raw);
+    void appendFrames(QByteArrayView entries);
+    void appendPlain(QByteArrayView entries);
+    void appendBlocks(QByteArrayView entries);
+    bool appendBlock(QByteArrayView entries);
+
+    const WriterOptions options;
+    RecordingFile file;
+    Compressor compressor;
+    QHash<quint64, OpenConnection> connections; // by number
+    qint64 nowUs = 0; // time of the last entry
+    bool needsSession = true;
+    bool isFirstSession = true;
+    QByteArray frames; // to be written; keeps its memory
+};
+
+} // namespace recording

@@ -1,0 +1,250 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "recording/compression.h"
+#include "recording/recorder.h"
+#include "tests/kit/hangguard.h"
+#include "tests/recording/recordingtest.h"
+
+#include <QtCore/QTemporaryDir>
+#include <QtTest/QtTest>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace recording;
+using namespace recordingtest;
+using State = RecordingReader::State;
+
+namespace {
+
+const Endpoints SomePeer = {"192.0.2.7", 50123, "192.0.2.1", 7446};
+
+//! What a recorder has told.
+struct Notes
+{
+    std::atomic<int> dropping = 0;
+    std::atomic<int> resumed = 0;
+    std::atomic<quint64> missing = 0;
+
+    RecorderNotices notices()
+    {
+        return {[this](const QString &) { ++dropping; },
+                [this](quint64 bytes) {
+                    missing = bytes;
+                    ++resumed;
+                }};
+    }
+};
+
+//! The reading end of a pipe that has a name.
+class NamedPipe
+{
+public:
+    explicit NamedPipe(const QString &name)
+    {
+        if (::mkfifo(QFile::encodeName(name).constData(), 0600) != 0)
+            qFatal("No pipe");
+        fd = ::open(QFile::encodeName(name).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    }
+    ~NamedPipe() { ::close(fd); }
+    Q_DISABLE_COPY_MOVE(NamedPipe)
+
+    QByteArray readAll() const
+    {
+        QByteArray all;
+        char bytes[64 * 1024];
+        for (ssize_t size = 1; size > 0; all.append(bytes, qMax<ssize_t>(size, 0)))
+            size = ::read(fd, bytes, sizeof bytes);
+        return all;
+    }
+
+private:
+    int fd = -1;
+};
+
+} // namespace
+
+class tst_Recorder : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void recordsFromSeveralThreads_data();
+    void recordsFromSeveralThreads();
+    void writesWhileItRuns();
+    void leavesOutPayload();
+    void refuses();
+    void neverWaitsForAPipe();
+    void tellsAFullTargetOnce();
+    void aStuckPipeDoesNotHoldTheEnd();
+
+private:
+    QScopedPointer<QTemporaryDir> folder;
+    QString name;
+};
+
+void tst_Recorder::init()
+{
+    folder.reset(new QTemporaryDir);
+    name = folder->filePath(QStringLiteral("traffic"));
+}
+
+void tst_Recorder::recordsFromSeveralThreads_data()
+{
+    QTest::addColumn<bool>("compressed");
+    QTest::newRow("plain") << false;
+    if (canCompress())
+        QTest::newRow("compressed") << true;
+}
+
+void tst_Recorder::recordsFromSeveralThreads()
+{
+    QFETCH(const bool, compressed);
+    constexpr quint64 Threads = 4;
+    constexpr quint64 Messages = 5000;
+    Notes notes;
+    WriterOptions options;
+    options.compress = compressed;
+    Recorder recorder(options, notes.notices());
+    QVERIFY2(recorder.start(name), qPrintable(recorder.errorString()));
+    const auto play = [&recorder](quint64 connection) {
+        recorder.begin(connection, SomePeer);
+        quint64 position = 0;
+        for (quint64 number = 0; number < Messages; ++number) {
+            const QByteArray message = QByteArray::number(number) + '\n';
+            recorder.bytes(connection, position, message);
+            position += static_cast<quint64>(message.size());
+        }
+        recorder.end(connection, position, "peer");
+    };
+    std::vector<std::thread> threads;
+    for (quint64 number = 1; number <= Threads; ++number)
+        threads.emplace_back(play, number);
+    for (std::thread &thread : threads)
+        thread.join();
+    recorder.finish();
+
+    QByteArray expected;
+    for (quint64 number = 0; number < Messages; ++number)
+        expected += QByteArray::number(number) + '\n';
+    const Contents contents = readFile(name);
+    QCOMPARE(contents.state, State::CleanEnd);
+    for (quint64 number = 1; number <= Threads; ++number)
+        QCOMPARE(contents.bytesOf(number), expected);
+    QCOMPARE(contents.count(Entry::Begin), qsizetype(Threads));
+    QCOMPARE(contents.count(Entry::End), qsizetype(Threads));
+    QCOMPARE(notes.dropping.load(), 0);
+}
+
+// Without anything that would make it: so a killed process leaves it behind.
+void tst_Recorder::writesWhileItRuns()
+{
+    Recorder recorder({}, {});
+    QVERIFY(recorder.start(name));
+    recorder.begin(1, SomePeer);
+    recorder.bytes(1, 0, "hello\n");
+    QTRY_COMPARE_WITH_TIMEOUT(readFile(name).bytesOf(1), QByteArray("hello\n"), HangGuardMs);
+    recorder.bytes(1, 6, "more\n");
+    QTRY_COMPARE_WITH_TIMEOUT(readFile(name).bytesOf(1), QByteArray("hello\nmore\n"), HangGuardMs);
+}
+
+void tst_Recorder::leavesOutPayload()
+{
+    WriterOptions options;
+    options.withPayload = false;
+    Recorder recorder(options, {});
+    QVERIFY(recorder.start(name));
+    recorder.begin(1, SomePeer);
+    recorder.bytes(1, 0, "secret");
+    recorder.finish();
+    QVERIFY(!contentOf(name).contains("secret"));
+    const Contents contents = readFile(name);
+    QVERIFY(contents.entries.first().leavesOutPayload);
+    QCOMPARE(contents.entries.last().type, Entry::Length);
+    QCOMPARE(contents.entries.last().size, quint64(6));
+}
+
+void tst_Recorder::refuses()
+{
+    Recorder recorder({}, {});
+    QVERIFY(!recorder.start(folder->path()));
+    QVERIFY(!recorder.errorString().isEmpty());
+}
+
+// The pipe takes 64 KiB, and the queue is small. What the reader gets has a gap where bytes are
+// missing, and counts them.
+void tst_Recorder::neverWaitsForAPipe()
+{
+    const NamedPipe pipe(name);
+    Notes notes;
+    Recorder recorder({}, notes.notices(), 300'000);
+    QVERIFY(recorder.start(name));
+    recorder.begin(1, SomePeer);
+    const QByteArray payload(1000, 'x');
+    quint64 position = 0;
+    // Nobody reads, so each of these calls returned by itself.
+    for (int number = 0; number < 2000; ++number, position += 1000)
+        recorder.bytes(1, position, payload);
+    QCOMPARE(notes.dropping.load(), 1);
+    QCOMPARE(notes.resumed.load(), 0);
+
+    QByteArray read;
+    const auto readOn = [&pipe, &read, &notes] {
+        read += pipe.readAll();
+        return notes.resumed == 1;
+    };
+    recorder.begin(2, SomePeer); // what there is room for comes behind the gap
+    QTRY_VERIFY_WITH_TIMEOUT(readOn(), HangGuardMs);
+    recorder.bytes(1, position, "the last");
+    recorder.finish();
+    read += pipe.readAll();
+
+    const Contents contents = readBytes(read);
+    QCOMPARE(contents.state, State::CleanEnd);
+    QCOMPARE(contents.count(Entry::Gap), 1);
+    QCOMPARE(contents.count(Entry::Begin), 2);
+    quint64 recorded = 0;
+    quint64 missing = 0;
+    for (const Entry &entry : contents.entries)
+        (entry.type == Entry::Gap ? missing : recorded) += entry.size;
+    QCOMPARE(missing, notes.missing.load());
+    QVERIFY(missing > 0);
+    QCOMPARE(recorded + missing, position + 8);
+    QCOMPARE(contents.entries.last().bytes, QByteArray("the last"));
+    QCOMPARE(contents.entries.last().position, position);
+}
+
+// Every write to this device fails.
+void tst_Recorder::tellsAFullTargetOnce()
+{
+    Notes notes;
+    Recorder recorder({}, notes.notices());
+    QVERIFY(recorder.start(QStringLiteral("/dev/full")));
+    recorder.begin(1, SomePeer);
+    QTRY_COMPARE_WITH_TIMEOUT(notes.dropping.load(), 1, HangGuardMs);
+    recorder.bytes(1, 0, "lost");
+    recorder.finish();
+    QCOMPARE(notes.dropping.load(), 1);
+    QCOMPARE(notes.resumed.load(), 0);
+}
+
+void tst_Recorder::aStuckPipeDoesNotHoldTheEnd()
+{
+    const NamedPipe pipe(name);
+    Notes notes;
+    Recorder recorder({}, notes.notices());
+    QVERIFY(recorder.start(name));
+    recorder.bytes(1, 0, QByteArray(1024 * 1024, 'x'));
+    recorder.finish(); // nobody reads
+    QCOMPARE(notes.dropping.load(), 1);
+}
+
+QTEST_GUILESS_MAIN(tst_Recorder)
+#include "tst_recorder.moc"

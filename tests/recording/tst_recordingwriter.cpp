@@ -1,0 +1,224 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "recording/compression.h"
+#include "recording/format.h"
+#include "recording/recordingwriter.h"
+#include "tests/recording/recordingtest.h"
+
+#include <QtCore/QTemporaryDir>
+#include <QtTest/QtTest>
+
+#include <csignal>
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+using namespace recording;
+using namespace recordingtest;
+using State = RecordingReader::State;
+
+namespace {
+
+constexpr qint64 StartUs = 1'700'000'000'000'000;
+
+// While it lives, no file of this process can be longer.
+class FileSizeLimit
+{
+public:
+    explicit FileSizeLimit(rlim_t bytes)
+    {
+        std::signal(SIGXFSZ, SIG_IGN); // a write then fails instead
+        ::getrlimit(RLIMIT_FSIZE, &before);
+        rlimit limit = before;
+        limit.rlim_cur = bytes;
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FileSizeLimit() { ::setrlimit(RLIMIT_FSIZE, &before); }
+    Q_DISABLE_COPY_MOVE(FileSizeLimit)
+
+private:
+    rlimit before = {};
+};
+
+} // namespace
+
+class tst_RecordingWriter : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void continuesAtEveryCut();
+    void leavesOthersAlone();
+    void oneRecorderAFile();
+    void rotates_data();
+    void rotates();
+    void goesOnAfterAFullDisk();
+    void fileIsPrivate();
+
+private:
+    void write(const WriterOptions &options, const QList<QList<Entry>> &batches);
+
+    QScopedPointer<QTemporaryDir> folder;
+    QString name;
+};
+
+void tst_RecordingWriter::init()
+{
+    folder.reset(new QTemporaryDir);
+    name = folder->filePath(QStringLiteral("traffic"));
+}
+
+void tst_RecordingWriter::write(const WriterOptions &options, const QList<QList<Entry>> &batches)
+{
+    RecordingWriter writer(options);
+    QVERIFY2(writer.open(name, StartUs), qPrintable(writer.errorString()));
+    for (const QList<Entry> &batch : batches)
+        QVERIFY2(writer.write(encoded(batch)), qPrintable(writer.errorString()));
+}
+
+void tst_RecordingWriter::continuesAtEveryCut()
+{
+    write({}, {{begin(1), bytes(1, 0, "first\n"), bytes(1, 6, "second\n")}});
+    const QByteArray whole = contentOf(name);
+    for (qsizetype size = 0; size <= whole.size(); ++size) {
+        QFile file(name);
+        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        file.write(whole.first(size));
+        file.close();
+        const QList<Entry> before = readFile(name).entries;
+
+        write({}, {{begin(1), end(1, 0, "peer")}});
+        const Contents after = readFile(name);
+        QCOMPARE(after.state, State::CleanEnd);
+        QVERIFY(areSame(after.entries.first(before.size()), before));
+        QCOMPARE(after.entries.size(), before.size() + 3);
+        const Entry session = after.entries.at(before.size());
+        QCOMPARE(session.type, Entry::Session);
+        QVERIFY(!session.continues); // what was open before is over
+    }
+}
+
+void tst_RecordingWriter::leavesOthersAlone()
+{
+    write({}, {{begin(1), bytes(1, 0, "first\n"), bytes(1, 6, "second\n")}});
+    QByteArray damaged = contentOf(name);
+    damaged[40] = static_cast<char>(damaged[40] ^ 1);
+    for (const QByteArray &content : {damaged, QByteArray("A text, and no recording.\n")}) {
+        QFile file(name);
+        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        file.write(content);
+        file.close();
+        RecordingWriter writer({});
+        QVERIFY(!writer.open(name, StartUs));
+        QVERIFY(!writer.errorString().isEmpty());
+        QCOMPARE(contentOf(name), content);
+    }
+    RecordingWriter nowhere({});
+    QVERIFY(!nowhere.open(folder->filePath(QStringLiteral("missing/traffic")), StartUs));
+    QCOMPARE(nowhere.errorString(), qt_error_string(ENOENT));
+}
+
+void tst_RecordingWriter::oneRecorderAFile()
+{
+    RecordingWriter first({});
+    QVERIFY(first.open(name, StartUs));
+    RecordingWriter second({});
+    QVERIFY(!second.open(name, StartUs));
+    QCOMPARE(second.errorString(), QStringLiteral("another program records to it"));
+}
+
+void tst_RecordingWriter::rotates_data()
+{
+    QTest::addColumn<bool>("compressed");
+    QTest::addColumn<int>("keep");
+    QTest::newRow("plain") << false << 0;
+    QTest::newRow("keeps two") << false << 2;
+    if (canCompress())
+        QTest::newRow("compressed") << true << 0;
+}
+
+void tst_RecordingWriter::rotates()
+{
+    QFETCH(const bool, compressed);
+    QFETCH(const int, keep);
+    constexpr int Batches = 10;
+    WriterOptions options;
+    options.fileBytes = 1; // each batch goes to a file of its own
+    options.keep = keep;
+    options.compress = compressed;
+    QList<QList<Entry>> batches = {{begin(1), begin(2), end(2, 0, "idle")}};
+    while (batches.size() < Batches)
+        batches.append({bytes(1, static_cast<quint64>(batches.size() - 1), "x")});
+    write(options, batches);
+
+    qint64 timeUs = StartUs;
+    for (int number = 1; number <= Batches; ++number) {
+        const QString file = number == Batches ? name : name + QStringLiteral(".%1").arg(number);
+        const bool isKept = keep == 0 || number >= Batches - keep;
+        QCOMPARE(QFile::exists(file), isKept);
+        if (!isKept) {
+            timeUs += number == 1 ? 10 + 3'000'000 : 1500;
+            continue;
+        }
+        const Contents contents = readFile(file);
+        QCOMPARE(contents.state, State::CleanEnd);
+        QCOMPARE(contents.entries.first().timeUs, timeUs);
+        QCOMPARE(contents.entries.first().continues, number > 1);
+        if (number == 1) {
+            QVERIFY(areSame(contents.entries.mid(1), batches.first()));
+        } else { // what is still open is repeated
+            QCOMPARE(contents.entries.size(), 3);
+            Entry repeated = begin(1);
+            repeated.elapsedUs = 0;
+            repeated.wasOpen = true;
+            repeated.position = static_cast<quint64>(number - 2);
+            QVERIFY(isSame(contents.entries.at(1), repeated));
+            QVERIFY(isSame(contents.entries.at(2), batches.at(number - 1).first()));
+        }
+        timeUs = contents.entries.last().timeUs;
+    }
+    QVERIFY(!QFile::exists(name + QStringLiteral(".%1").arg(Batches)));
+}
+
+// What could not be written leaves no half entry, and the next session says what is open.
+void tst_RecordingWriter::goesOnAfterAFullDisk()
+{
+    RecordingWriter writer({});
+    QVERIFY(writer.open(name, StartUs));
+    QVERIFY(writer.write(encoded({begin(1), begin(2)})));
+    const QByteArray before = contentOf(name);
+    {
+        const FileSizeLimit limit(static_cast<rlim_t>(before.size()) + 20); // ends within an entry
+        const QByteArray lost =
+                encoded({bytes(1, 0, QByteArray(100, 'x')), end(2, 0, "peer"), begin(3)});
+        QVERIFY(!writer.write(lost));
+        QCOMPARE(writer.errorString(), qt_error_string(EFBIG));
+        QCOMPARE(contentOf(name), before);
+    }
+    QVERIFY(writer.write(encoded({bytes(1, 100, "y")})));
+    const Contents contents = readFile(name);
+    QCOMPARE(contents.state, State::CleanEnd);
+    QCOMPARE(contents.entries.size(), 3 + 4);
+    QVERIFY(contents.entries.at(3).continues);
+    QSet<quint64> open;
+    for (const Entry &entry : contents.entries.mid(4, 2)) {
+        QVERIFY(entry.type == Entry::Begin && entry.wasOpen);
+        open.insert(entry.connection);
+    }
+    QCOMPARE(open, (QSet<quint64>{1, 3}));
+    QCOMPARE(contents.entries.last().bytes, QByteArray("y"));
+    QCOMPARE(contents.entries.last().timeUs, StartUs + 10 + 1500 + 3'000'000 + 5 + 1500);
+}
+
+void tst_RecordingWriter::fileIsPrivate()
+{
+    ::umask(022);
+    write({}, {{begin(1)}});
+    QCOMPARE(QFile::permissions(name) & (QFile::ReadOther | QFile::WriteOther | QFile::WriteGroup),
+             QFile::Permissions());
+}
+
+QTEST_GUILESS_MAIN(tst_RecordingWriter)
+#include "tst_recordingwriter.moc"

@@ -14,6 +14,7 @@ enum ExitCode {
     ExitStartFailed = 5, // start() was false
     ExitNotListening = 6, // start() was true, but nothing listens: the port is in use
     ExitOutputFailed = 7, // standard output is closed or full
+    ExitRecordingFailed = 8, // the file for --record cannot be written
 };
 
 } // namespace host

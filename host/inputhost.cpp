@@ -76,6 +76,11 @@ bool tellsEnds(const QJsonObject &configuration)
     return value.toBool() || value.isString();
 }
 
+bool stampsOffers(const QJsonObject &configuration)
+{
+    return configuration.value(QLatin1String("offsets")).toBool();
+}
+
 } // namespace
 
 InputHost::InputHost(const Options &commandLine)
@@ -99,6 +104,8 @@ int InputHost::run()
         return fail(ExitNoLibrary, loader.errorString());
     if (!readConfiguration())
         return ExitBadConfiguration;
+    if (!startRecording())
+        return ExitRecordingFailed;
 
     SignalNotifier unixSignals; // only now: until here a signal ends the program at once
     connectSignals(unixSignals);
@@ -115,12 +122,38 @@ int InputHost::run()
 bool InputHost::readConfiguration()
 {
     const bool isRead = configurationReader.read();
-    const QString error = isRead ? tlsRefusal(configurationReader.configuration())
-                                 : configurationReader.errorString();
+    QString error = isRead ? tlsRefusal(configurationReader.configuration())
+                           : configurationReader.errorString();
+    if (error.isEmpty())
+        error = recordingRefusal();
     if (error.isEmpty())
         return true;
     fail(ExitBadConfiguration, error);
     return false;
+}
+
+// Empty: it can be recorded, or nobody asks for that.
+QString InputHost::recordingRefusal() const
+{
+    const QJsonObject complete = withDefaults(configurationReader.configuration());
+    if (options.recording.file.isEmpty() || (stampsOffers(complete) && tellsEnds(complete)))
+        return {};
+    return QStringLiteral(
+            "--record needs \"offsets\" and \"ends\": without them nobody knows which "
+            "bytes are new, and when a connection is over");
+}
+
+bool InputHost::startRecording()
+{
+    if (options.recording.file.isEmpty())
+        return true;
+    recorder = std::make_unique<TrafficRecorder>(options.recording);
+    if (!recorder->start()) {
+        fail(ExitRecordingFailed, recorder->errorString());
+        return false;
+    }
+    reader.setObserver(recorder.get());
+    return true;
 }
 
 // The plugin must be made, named, connected and started in this order. If this fails, no plugin is
@@ -271,6 +304,8 @@ void InputHost::finish()
     statusTimer.stop();
     if (plugin)
         stopPlugin();
+    if (recorder)
+        recorder->finish();
     output.flush();
     output.writeCount(counters.line());
     output.flush();

@@ -9,6 +9,7 @@
 #include "host/messagereader.h"
 #include "host/options.h"
 #include "host/output.h"
+#include "host/trafficrecorder.h"
 #include "plugin/kit/pluginloader.h"
 
 #include <QtCore/QObject>
@@ -47,6 +48,8 @@ public:
 private:
     // False, with an error line, if it cannot be read or is refused.
     bool readConfiguration();
+    QString recordingRefusal() const;
+    bool startRecording();
     ExitCode startPlugin(const QJsonObject &configuration);
     void connectPlugin();
     void stopPlugin();
@@ -68,6 +71,7 @@ private:
     inputkit::PluginLoader loader;
     Counters counters;
     Output output;
+    std::unique_ptr<TrafficRecorder> recorder; // null: nothing is recorded
     MessageReader reader;
     QTimer statusTimer;
     std::unique_ptr<IInputPlugin> plugin; // null only while none runs

@@ -25,13 +25,15 @@ Origin MessageWriter::originOf(const ParsedData &record, quint64 connection) con
     Origin origin;
     origin.connection = connection;
     origin.source = record.getSource(); // warnings name it
+    if (observer || output.showsOrigins()) {
+        origin.peer = record.getPeerAddress();
+        origin.port = record.getPeerPort();
+    }
     if (!output.showsOrigins())
         return origin;
 
     origin.time = record.getTime();
     origin.plugin = record.getPluginId();
-    origin.peer = record.getPeerAddress();
-    origin.port = record.getPeerPort();
     origin.client = record.getPluginSubIdKey(subids::client());
     origin.task = record.getPluginSubIdKey(subids::task());
     return origin;
@@ -90,6 +92,18 @@ bool MessageWriter::giveUp(QByteArrayView rest, quint64 position, const Origin &
         CWRN(QtWarningMsg, QStringLiteral("Unfinished message of %1 bytes given up, from %2"),
              rest.size(), origin.source);
     return true;
+}
+
+void MessageWriter::read(const Origin &origin, quint64 position, QByteArrayView bytes)
+{
+    if (observer)
+        observer->read(origin, position, bytes);
+}
+
+void MessageWriter::ended(const Origin &origin, const QString &reason, quint64 position)
+{
+    if (observer)
+        observer->ended(origin, reason, position);
 }
 
 void MessageWriter::tellMissedWarnings(bool atOnce)

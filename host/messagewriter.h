@@ -7,6 +7,7 @@
 #include "host/framing.h"
 #include "host/message.h"
 #include "host/output.h"
+#include "host/readingobserver.h"
 #include "plugin/kit/linelimit.h"
 #include "plugin/kit/offerconsumer.h"
 
@@ -27,11 +28,13 @@ class MessageWriter : public QObject, public inputkit::OfferConsumer
 public:
     MessageWriter(const FrameFormat &frameFormat, Output &messageOutput, Counters &total);
 
+    // Who sees what is read, and the ends. Default: nobody.
+    void setObserver(ReadingObserver *value) { observer = value; }
     // Stops after that many messages: nothing more is printed. 0 (default): never.
     void setLimit(qint64 messages) { limit = messages; }
     bool isDone() const override { return done; }
 
-    // Only the parts that the output shows, and the source.
+    // Only the parts that the output shows, or that the observer needs, and the source.
     Origin originOf(const ParsedData &record, quint64 connection) const override;
     void began(const ParsedData &record) override;
     qsizetype write(QByteArrayView bytes, quint64 position, const Origin &origin,
@@ -41,6 +44,8 @@ public:
     // A line warns of it.
     bool giveUp(QByteArrayView rest, quint64 position, const Origin &origin,
                 inputkit::FrameState &state) override;
+    void read(const Origin &origin, quint64 position, QByteArrayView bytes) override;
+    void ended(const Origin &origin, const QString &reason, quint64 position) override;
 
     // Warnings of a kind beyond ten a minute are only counted. This logs their number if the minute
     // is over, or if atOnce.
@@ -60,6 +65,7 @@ private:
     Counters &counters;
     inputkit::LineLimit tooLongLines;
     inputkit::LineLimit givenUpLines;
+    ReadingObserver *observer = nullptr;
     qint64 limit = 0;
     bool done = false;
 };

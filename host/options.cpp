@@ -53,6 +53,7 @@ Exit codes:
   6  the plugin started but does not listen: the port is in use or only for
      root, or the address is not this machine's
   7  standard output is closed or full
+  8  the file for --record cannot be written
 )";
 
 //! The options as the parser knows them.
@@ -121,6 +122,25 @@ struct Definitions
             QStringLiteral("exit-after"),
             QStringLiteral("Exits after N messages; nothing is printed after the last of them."),
             QStringLiteral("N")};
+    const QCommandLineOption record{
+            QStringLiteral("record"),
+            QStringLiteral("Records what connections bring, for devicesim --replay and devicecat. "
+                           "A recording that exists is continued. Needs \"offsets\" and \"ends\"."),
+            QStringLiteral("FILE")};
+    const QCommandLineOption recordSize{
+            QStringLiteral("record-size"),
+            QStringLiteral("Renames a recording of that size to FILE.1, FILE.2 and so on, and "
+                           "begins the next one. Default: one file."),
+            QStringLiteral("BYTES")};
+    const QCommandLineOption recordKeep{
+            QStringLiteral("record-keep"),
+            QStringLiteral("Of those, keeps the newest N. Default: all."), QStringLiteral("N")};
+    const QCommandLineOption recordNoPayload{
+            QStringLiteral("record-no-payload"),
+            QStringLiteral("Records how many bytes came and when, but not the bytes. Such a "
+                           "recording cannot be replayed.")};
+    const QCommandLineOption recordCompress{QStringLiteral("record-compress"),
+                                            QStringLiteral("Compresses the recording.")};
     const QCommandLineOption help{{QStringLiteral("h"), QStringLiteral("help")},
                                   QStringLiteral("Shows this text.")};
     const QCommandLineOption version{{QStringLiteral("v"), QStringLiteral("version")},
@@ -129,7 +149,8 @@ struct Definitions
     void addTo(QCommandLineParser &parser) const
     {
         parser.addOptions({plugin, entry, config, set, id, framing, maxMessage, maxUnfinished,
-                           output, logLevel, statusEvery, exitAfter, help, version});
+                           output, logLevel, statusEvery, exitAfter, record, recordSize, recordKeep,
+                           recordNoPayload, recordCompress, help, version});
     }
 };
 
@@ -224,6 +245,28 @@ QList<std::pair<QString, QJsonValue>> readSettings(const QStringList &texts, Val
     return settings;
 }
 
+RecordingOptions readRecording(const QCommandLineParser &parser, const Definitions &known,
+                               ValueReader &reader)
+{
+    RecordingOptions options;
+    options.file = parser.value(known.record);
+    options.writer.fileBytes = reader.number(known.recordSize, std::numeric_limits<qint64>::max());
+    options.writer.keep =
+            static_cast<int>(reader.number(known.recordKeep, std::numeric_limits<int>::max()));
+    options.writer.withPayload = !parser.isSet(known.recordNoPayload);
+    options.writer.compress = parser.isSet(known.recordCompress);
+    if (options.file.isEmpty() && parser.isSet(known.record))
+        reader.complain(QStringLiteral("--record wants a file."));
+    for (const QCommandLineOption &option :
+         {known.recordSize, known.recordKeep, known.recordNoPayload, known.recordCompress}) {
+        if (parser.isSet(option) && !parser.isSet(known.record))
+            reader.complain(QStringLiteral("--%1 needs --record.").arg(option.names().last()));
+    }
+    if (options.writer.keep > 0 && options.writer.fileBytes == 0)
+        reader.complain(QStringLiteral("--record-keep needs --record-size."));
+    return options;
+}
+
 Options readOptions(const QCommandLineParser &parser, const Definitions &known, ValueReader &reader)
 {
     Options options;
@@ -252,6 +295,7 @@ Options readOptions(const QCommandLineParser &parser, const Definitions &known, 
     constexpr int mostSeconds = std::numeric_limits<int>::max() / 1000;
     options.statusEverySeconds = static_cast<int>(reader.number(known.statusEvery, mostSeconds));
     options.exitAfter = reader.number(known.exitAfter, std::numeric_limits<qint64>::max());
+    options.recording = readRecording(parser, known, reader);
     return options;
 }
 

@@ -6,6 +6,7 @@
 #include "host/framing.h"
 #include "host/output.h"
 #include "plugin/kit/pluginloader.h"
+#include "recording/writeroptions.h"
 
 #include <QtCore/QJsonValue>
 #include <QtCore/QList>
@@ -15,6 +16,13 @@
 #include <utility>
 
 namespace host {
+
+//! What is recorded, and where.
+struct RecordingOptions
+{
+    QString file; // empty: nothing is recorded
+    recording::WriterOptions writer;
+};
 
 //! What the command line asks for.
 struct Options
@@ -30,6 +38,7 @@ struct Options
     QString logLevel; // "debug", "info" or "warning"
     int statusEverySeconds = 0; // 0: never
     qint64 exitAfter = 0; // messages; 0: never
+    RecordingOptions recording;
 };
 
 struct CommandLine

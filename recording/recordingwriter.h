@@ -6,19 +6,11 @@
 #include "recording/compression.h"
 #include "recording/entry.h"
 #include "recording/recordingfile.h"
+#include "recording/writeroptions.h"
 
 #include <QtCore/QHash>
 
 namespace recording {
-
-//! How a recording is written.
-struct WriterOptions
-{
-    qint64 fileBytes = 0; // a file of this size or more is the last of its number; 0: no limit
-    int keep = 0; // how many finished files stay; 0: all
-    bool compress = false; // needs canCompress()
-    bool withPayload = true; // told in the file; whoever makes the entries leaves it out
-};
 
 /*!
     Writes entries to files, each of which can be read by itself: a new file begins with a session

@@ -76,6 +76,10 @@ public:
     virtual bool giveUp(QByteArrayView rest, quint64 position, const Origin &origin,
                         FrameState &state) = 0;
 
+    // These bytes of a connection have been read: each byte once, in order. position: how many
+    // bytes of the connection lie before. bytes: not empty; valid until the function returns.
+    virtual void read(const Origin &, quint64 /*position*/, QByteArrayView /*bytes*/) {}
+
     // The connection is over. reason: as subids::end(). position: behind its last byte.
     virtual void ended(const Origin &, const QString & /*reason*/, quint64 /*position*/) {}
 };

@@ -187,7 +187,11 @@ bool OfferReader::readOffer(Client &client)
         open(client);
     Allowance allowance = goAllowance;
     const QByteArrayView fresh = client.offer->fresh();
-    client.used += readBytes(client, fresh.sliced(client.used), allowance);
+    const QByteArrayView unread = fresh.sliced(client.used);
+    const qsizetype taken = readBytes(client, unread, allowance);
+    if (taken > 0)
+        consumer.read(client.origin, positionOfFresh(client), unread.first(taken));
+    client.used += taken;
     client.received = positionOfFresh(client);
     const bool isRead = client.used == fresh.size() || consumer.isDone();
     answerOffer(client, isRead);

@@ -5,14 +5,14 @@
 foreach(name IN ITEMS
         tst_exactreading tst_fairturns tst_framing tst_hostconfiguration tst_hostoptions tst_hostoutput
         tst_hosttexts tst_logging tst_messagereader tst_offertracker tst_process tst_tlschecks
-        tst_unfinished)
+        tst_trafficrecorder tst_unfinished)
     plugin_test(${name})
     target_link_libraries(${name} PRIVATE inputhost_parts)
 endforeach()
 
 # The program.
 foreach(name IN ITEMS
-        tst_inputhostmessages tst_inputhostreload tst_inputhoststalls tst_inputhoststart
+        tst_inputhostmessages tst_inputhostrecording tst_inputhostreload tst_inputhoststalls tst_inputhoststart
         tst_inputhoststatus tst_inputhoststopping tst_inputhosttls)
     plugin_test(${name} 300)
     target_link_libraries(${name} PRIVATE Qt6::Network)
@@ -21,6 +21,8 @@ foreach(name IN ITEMS
         PLUGIN_FILE="$<TARGET_FILE:tcpinputplugin2>")
     add_dependencies(${name} inputhost tcpinputplugin2)
 endforeach()
+
+target_link_libraries(tst_inputhostrecording PRIVATE tcpinput_recording)
 
 # These make their certificates.
 foreach(name IN ITEMS tst_inputhosttls tst_tlschecks)

@@ -39,6 +39,7 @@ private Q_SLOTS:
     void limits();
     void help();
     void version();
+    void recording();
 };
 
 void tst_HostOptions::defaults()
@@ -58,6 +59,7 @@ void tst_HostOptions::defaults()
     QCOMPARE(options.logLevel, QStringLiteral("info"));
     QCOMPARE(options.statusEverySeconds, 0);
     QCOMPARE(options.exitAfter, 0);
+    QCOMPARE(options.recording.file, QString());
 }
 
 void tst_HostOptions::all()
@@ -170,6 +172,11 @@ void tst_HostOptions::refused_data()
     QTest::newRow("--status-every x") << "--status-every: 'x'";
     QTest::newRow("--status-every=") << "--status-every: ''";
     QTest::newRow("--exit-after 0") << "--exit-after: '0'";
+    QTest::newRow("--record=") << "--record wants a file.";
+    QTest::newRow("--record-compress") << "--record-compress needs --record.";
+    QTest::newRow("--record-size 9") << "--record-size needs --record.";
+    QTest::newRow("--record f --record-size 0") << "--record-size: '0'";
+    QTest::newRow("--record f --record-keep 2") << "--record-keep needs --record-size.";
     QTest::newRow("--exit-after x --output x") << "--output: 'x'"; // the option that is read first
 }
 
@@ -216,6 +223,22 @@ void tst_HostOptions::version()
         QCOMPARE(line.outcome, CommandLine::Inform);
         QCOMPARE(line.text, QStringLiteral("tst_hostoptions 1.2.3\n"));
     }
+}
+
+void tst_HostOptions::recording()
+{
+    const RecordingOptions plain = parse(words("--record f")).options.recording;
+    QCOMPARE(plain.file, QStringLiteral("f"));
+    QCOMPARE(plain.writer.fileBytes, 0);
+    QCOMPARE(plain.writer.keep, 0);
+    QVERIFY(plain.writer.withPayload && !plain.writer.compress);
+
+    const RecordingOptions all = parse(words("--record f --record-size 10000000000 --record-keep 3 "
+                                             "--record-no-payload --record-compress"))
+                                         .options.recording;
+    QCOMPARE(all.writer.fileBytes, Q_INT64_C(10000000000));
+    QCOMPARE(all.writer.keep, 3);
+    QVERIFY(!all.writer.withPayload && all.writer.compress);
 }
 
 QTEST_GUILESS_MAIN(tst_HostOptions)

@@ -4,7 +4,10 @@
 #include "simulator/device.h"
 
 #include "simulator/deviceconnection.h"
+#include "simulator/pace.h"
+#include "simulator/replay.h"
 #include "simulator/run.h"
+#include "simulator/timetable.h"
 
 #include <limits>
 
@@ -25,6 +28,13 @@ quint64 lastMessage(const Options &options, quint64 connection)
     return share * connection + qMin(connection, options.messages % connections);
 }
 
+std::unique_ptr<Schedule> scheduleOf(const Run &run, quint64 device)
+{
+    if (run.replay)
+        return std::make_unique<Timetable>(run.replay->messageTimes(device), run.options.speed);
+    return std::make_unique<Pace>(run.options.rate);
+}
+
 } // namespace
 
 Device::Device(QObject *parent, const Run &sharedRun, quint64 deviceNumber)
@@ -32,7 +42,7 @@ Device::Device(QObject *parent, const Run &sharedRun, quint64 deviceNumber)
       run(sharedRun),
       number(deviceNumber),
       lastConnection(sharedRun.options.reconnect + 1),
-      pace(sharedRun.options.rate)
+      schedule(scheduleOf(sharedRun, deviceNumber))
 {}
 
 Device::~Device() = default;
@@ -63,22 +73,36 @@ quint64 Device::openMessages() const
 void Device::connectNext()
 {
     const Options &options = run.options;
-    const quint64 first = lastMessage(options, connectionNumber) + 1;
+    const quint64 first = lastMessageOf(connectionNumber) + 1;
     ++connectionNumber;
     const RandomSource cuts({options.seed, number, connectionNumber});
-    Outbox outbox(run.format, Segmenter(options.segments, run.format.usualBytes(), cuts), number,
-                  first, lastMessage(options, connectionNumber), options.checksum);
+    Outbox outbox(run.messages, Segmenter(options.segments, run.messages.usualBytes(), cuts),
+                  number, first, lastMessageOf(connectionNumber), options.checksum);
     ConnectionRecord numbers;
     numbers.device = number;
     numbers.connection = connectionNumber;
-    connection = std::make_unique<DeviceConnection>(
-            run, numbers, std::move(outbox), pace,
-            endingFor(options, connectionNumber == lastConnection));
+    connection = std::make_unique<DeviceConnection>(run, numbers, std::move(outbox), *schedule,
+                                                    ending());
     // Queued: the slot deletes the connection, which may emit finished() within a call from here.
     connect(connection.get(), &DeviceConnection::finished, this, &Device::onConnectionFinished,
             Qt::QueuedConnection);
     connect(connection.get(), &DeviceConnection::opened, this, &Device::onConnectionOpened);
     connection->open();
+}
+
+quint64 Device::lastMessageOf(quint64 firstConnections) const
+{
+    if (!run.replay)
+        return lastMessage(run.options, firstConnections);
+    return firstConnections == 0 ? 0 : run.replay->messageCount(number);
+}
+
+Ending Device::ending() const
+{
+    if (!run.replay)
+        return endingFor(run.options, connectionNumber == lastConnection);
+    return recordedEnding(run.options, run.replay->restUs(number),
+                          run.replay->endsWithReset(number));
 }
 
 void Device::onConnectionOpened()

@@ -3,8 +3,8 @@
 
 #pragma once
 
-#include "simulator/pace.h"
 #include "simulator/report.h"
+#include "simulator/schedule.h"
 
 #include <QtCore/QObject>
 
@@ -13,6 +13,7 @@
 namespace simulator {
 
 class DeviceConnection;
+struct Ending;
 struct Run;
 
 /*!
@@ -55,13 +56,15 @@ private Q_SLOTS:
 
 private:
     void connectNext();
+    quint64 lastMessageOf(quint64 firstConnections) const;
+    Ending ending() const;
 
     const Run &run;
     const quint64 number;
     const quint64 lastConnection;
     quint64 connectionNumber = 0;
     bool stopping = false;
-    Pace pace; // one for all connections of the device
+    const std::unique_ptr<Schedule> schedule; // one for all connections of the device
     std::unique_ptr<DeviceConnection> connection;
 };
 

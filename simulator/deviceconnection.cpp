@@ -3,9 +3,9 @@
 
 #include "simulator/deviceconnection.h"
 
-#include "simulator/pace.h"
 #include "simulator/plainchannel.h"
 #include "simulator/run.h"
+#include "simulator/schedule.h"
 #include "simulator/tlschannel.h"
 
 #include <QtCore/QTimerEvent>
@@ -31,10 +31,11 @@ QHostAddress sourceFor(const Options &options, quint64 device)
 } // namespace
 
 DeviceConnection::DeviceConnection(const Run &sharedRun, const ConnectionRecord &numbers,
-                                   Outbox &&toSend, Pace &devicePace, const Ending &finalEnding)
+                                   Outbox &&toSend, Schedule &deviceSchedule,
+                                   const Ending &finalEnding)
     : run(sharedRun),
       outbox(std::move(toSend)),
-      pace(devicePace),
+      schedule(deviceSchedule),
       ending(finalEnding),
       pauses({run.options.seed, numbers.device, numbers.connection, PauseStream}),
       record(numbers)
@@ -65,7 +66,7 @@ void DeviceConnection::stop()
         return finish(End::Closed);
     case State::Sending:
         outbox.stop();
-        if (ending.closeAfterWait)
+        if (ending.afterWait != Ending::AfterWait::Nothing)
             ending = orderlyClose(run.options);
         timer.stop(); // no pause and no pace any more
         return pump();
@@ -179,7 +180,7 @@ void DeviceConnection::established()
     record.openMs = run.clock.elapsed();
     readable.setEnabled(ending.reads);
     state = State::Sending;
-    pace.start();
+    schedule.start();
     pump();
 }
 
@@ -199,9 +200,9 @@ bool DeviceConnection::sendOne()
         beginEnding(ending);
         return false;
     }
-    const QByteArrayView segment = outbox.segment(pace.due());
+    const QByteArrayView segment = outbox.segment(schedule.due());
     if (segment.isEmpty()) {
-        wait(pace.msUntil(outbox.nextNumber()));
+        wait(schedule.msUntil(outbox.nextNumber()));
         return false;
     }
     const IoResult result = channel->send(segment);
@@ -285,10 +286,15 @@ void DeviceConnection::awaitEnd()
 
 void DeviceConnection::waitIsOver()
 {
-    if (ending.closeAfterWait)
-        beginEnding(orderlyClose(run.options));
-    else
-        finish(ending.shutdownWrite ? End::Unanswered : End::Closed);
+    switch (ending.afterWait) {
+    case Ending::AfterWait::Close:
+        return beginEnding(orderlyClose(run.options));
+    case Ending::AfterWait::Reset:
+        return beginEnding(resetEnding());
+    case Ending::AfterWait::Nothing:
+        break;
+    }
+    finish(ending.shutdownWrite ? End::Unanswered : End::Closed);
 }
 
 void DeviceConnection::peerClosed()

@@ -17,12 +17,12 @@
 
 namespace simulator {
 
-class Pace;
+class Schedule;
 struct Run;
 
 /*!
-    One TCP connection from connecting to its end: sends its outbox at the pace, then ends as its
-    Ending says.
+    One TCP connection from connecting to its end: sends its outbox as the schedule says, then ends
+   as its Ending says.
 
     Thread: the main thread. Non-blocking; every function returns at once.
     Owner:  the Device.
@@ -32,10 +32,10 @@ class DeviceConnection : public QObject
     Q_OBJECT
 
 public:
-    // numbers: only its device and connection are used. devicePace: is started when the connection
-    // is open.
+    // numbers: only its device and connection are used. deviceSchedule: is started when the
+    // connection is open.
     DeviceConnection(const Run &sharedRun, const ConnectionRecord &numbers, Outbox &&toSend,
-                     Pace &devicePace, const Ending &finalEnding);
+                     Schedule &deviceSchedule, const Ending &finalEnding);
 
     // Call once.
     void open();
@@ -86,7 +86,7 @@ private:
 
     const Run &run;
     Outbox outbox;
-    Pace &pace;
+    Schedule &schedule;
     Ending ending;
     RandomSource pauses;
     ConnectionRecord record;

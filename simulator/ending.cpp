@@ -3,9 +3,13 @@
 
 #include "simulator/ending.h"
 
+#include <limits>
+
 namespace simulator {
 namespace {
 
+constexpr double UsPerMs = 1e3;
+constexpr double LongestMs = std::numeric_limits<int>::max();
 constexpr int TlsCloseMs = 5000; // for a peer that does not answer our close_notify
 
 Ending wait(const Options &options)
@@ -16,16 +20,9 @@ Ending wait(const Options &options)
     return ending;
 }
 
-Ending reset()
-{
-    Ending ending;
-    ending.then = Ending::Then::Reset;
-    return ending;
-}
-
 Ending abortHandshake()
 {
-    Ending ending = reset();
+    Ending ending = resetEnding();
     ending.reads = false; // reading would go on with the handshake
     return ending;
 }
@@ -33,7 +30,7 @@ Ending abortHandshake()
 Ending stay(const Options &options)
 {
     Ending ending = wait(options);
-    ending.closeAfterWait = true;
+    ending.afterWait = Ending::AfterWait::Close;
     return ending;
 }
 
@@ -81,13 +78,30 @@ Ending endingFor(const Options &options, bool isLast)
     case CloseMode::HalfClose:
         return halfClose(options);
     case CloseMode::Abort:
-        return reset();
+        return resetEnding();
     case CloseMode::Stay:
         return isLast ? stay(options) : orderlyClose(options);
     case CloseMode::Close:
         break;
     }
     return orderlyClose(options);
+}
+
+Ending recordedEnding(const Options &options, qint64 restUs, bool isReset)
+{
+    const double ms = options.speed > 0 ? static_cast<double>(restUs) / UsPerMs / options.speed : 0;
+    Ending ending;
+    ending.then = Ending::Then::AwaitPeer;
+    ending.waitMs = static_cast<int>(qMin(ms, LongestMs));
+    ending.afterWait = isReset ? Ending::AfterWait::Reset : Ending::AfterWait::Close;
+    return ending;
+}
+
+Ending resetEnding()
+{
+    Ending ending;
+    ending.then = Ending::Then::Reset;
+    return ending;
 }
 
 Ending orderlyClose(const Options &options)

@@ -22,13 +22,19 @@ struct Ending
     bool shutdownWrite = false;
     Then then = Then::Close;
     int waitMs = -1; // for the peer; -1: no limit
-    bool closeAfterWait = false; // after the wait comes another ending: an orderly close
+    enum class AfterWait { Nothing, Close, Reset };
+    AfterWait afterWait = AfterWait::Nothing; // another ending, the close an orderly one
     bool ignoreTls = false; // waits for the peer's FIN and does not look at its TLS
     bool reads = true; // false: nothing is read once the connection is open
 };
 
 // isLast: the device does not connect again.
 Ending endingFor(const Options &options, bool isLast);
+
+// As recorded: stays for restUs, at the options' speed, and then closes or resets.
+Ending recordedEnding(const Options &options, qint64 restUs, bool isReset);
+
+Ending resetEnding();
 
 // An ending that loses nothing and takes no longer than necessary.
 Ending orderlyClose(const Options &options);

@@ -4,7 +4,10 @@
 #include "simulator/fleet.h"
 
 #include "simulator/device.h"
+#include "simulator/pace.h"
+#include "simulator/replay.h"
 #include "simulator/run.h"
+#include "simulator/timetable.h"
 
 namespace simulator {
 namespace {
@@ -12,9 +15,16 @@ namespace {
 constexpr int StartsPerTurn = 64; // then the started devices get their turn
 constexpr int StopGraceMs = 2000; // for peers that do not read
 
+std::unique_ptr<Schedule> scheduleOf(const Run &run)
+{
+    if (run.replay)
+        return std::make_unique<Timetable>(run.replay->connectTimes(), run.options.speed);
+    return std::make_unique<Pace>(run.options.connectRate);
+}
+
 } // namespace
 
-Fleet::Fleet(const Run &sharedRun) : run(sharedRun), pace(sharedRun.options.connectRate)
+Fleet::Fleet(const Run &sharedRun) : run(sharedRun), schedule(scheduleOf(sharedRun))
 {
     launchTimer.setSingleShot(true);
     graceTimer.setSingleShot(true);
@@ -24,9 +34,9 @@ Fleet::Fleet(const Run &sharedRun) : run(sharedRun), pace(sharedRun.options.conn
 
 void Fleet::launch()
 {
-    pace.start();
+    schedule->start();
     for (int i = 0; i < StartsPerTurn && mayStart(); ++i) {
-        const int waitMs = pace.msUntil(started + 1);
+        const int waitMs = schedule->msUntil(started + 1);
         if (waitMs > 0)
             return launchTimer.start(waitMs);
         startDevice();

@@ -3,11 +3,13 @@
 
 #pragma once
 
-#include "simulator/pace.h"
 #include "simulator/report.h"
+#include "simulator/schedule.h"
 
 #include <QtCore/QObject>
 #include <QtCore/QTimer>
+
+#include <memory>
 
 namespace simulator {
 
@@ -56,7 +58,7 @@ private:
 
     const Run &run;
     Report collected;
-    Pace pace;
+    const std::unique_ptr<Schedule> schedule; // of the devices' starts
     QTimer launchTimer;
     QTimer graceTimer;
     quint64 started = 0;

@@ -3,7 +3,9 @@
 
 #include "eventloop/epolleventdispatcher.h"
 #include "simulator/fleet.h"
+#include "simulator/messageformat.h"
 #include "simulator/options.h"
+#include "simulator/replay.h"
 #include "simulator/run.h"
 #include "simulator/tlscontext.h"
 #include "simulator/unixsignals.h"
@@ -109,7 +111,15 @@ int main(int argc, char **argv)
         print(stdout, parsed.text.toLocal8Bit());
         return Success;
     }
-    const Options &options = parsed.options;
+    Options options = parsed.options;
+    Replay replay(options);
+    const bool isReplay = !options.replayFile.isEmpty();
+    if (isReplay && !replay.load())
+        return complain(replay.errorString(), Usage);
+    if (!replay.warning().isEmpty())
+        complain(QStringLiteral("%1: %2").arg(options.replayFile, replay.warning()), Success);
+    if (isReplay)
+        options.connections = replay.deviceCount();
     const QHostAddress peer = resolve(options.host);
     if (peer.isNull())
         return complain(QStringLiteral("no such host: %1").arg(options.host), Failure);
@@ -121,7 +131,8 @@ int main(int argc, char **argv)
         return complain(tls->error(), Usage);
 
     const MessageFormat format(options);
-    Run run{options, peer, format, tls.get(), {}};
+    const MessageSource &messages = isReplay ? static_cast<const MessageSource &>(replay) : format;
+    Run run{options, peer, messages, tls.get(), isReplay ? &replay : nullptr, {}};
     run.clock.start();
     return runFleet(run);
 }

@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include "simulator/messagesource.h"
 #include "simulator/options.h"
 
 #include <QtCore/QByteArray>
@@ -15,16 +16,14 @@ namespace simulator {
 
     Thread: any; const after construction.
 */
-class MessageFormat
+class MessageFormat : public MessageSource
 {
 public:
     explicit MessageFormat(const Options &options);
 
-    // Appends the message as it goes over the wire, framing included. number: from 1.
-    void append(QByteArray &out, quint64 device, quint64 number) const;
-
-    // The size of a usual message, framing included. Messages with very long numbers are longer.
-    qsizetype usualBytes() const;
+    // Framing included.
+    void append(QByteArray &out, quint64 device, quint64 number) const override;
+    qsizetype usualBytes() const override; // messages with very long numbers are longer
 
 private:
     QByteArray payload(quint64 device, quint64 number) const;

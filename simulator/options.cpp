@@ -13,6 +13,8 @@
 namespace simulator {
 namespace {
 
+constexpr double MaxSpeed = 100;
+constexpr double AsFastAsItGoes = 0; // as a speed
 constexpr int MaxMessageBytes = 64 * 1024 * 1024;
 constexpr quint32 MaxSources = 65536;
 constexpr int MinRecordBytes = 512; // the limits that OpenSSL has for --record-size
@@ -44,6 +46,12 @@ Faulty devices (--fault); what the peer does then does not count as a failure:
     close-without-reading  closes without having read what the peer sent after the handshake
 
 SIGUSR1 writes a line with the numbers so far to standard error.
+A recording of inputhost --record is played by --replay: each recorded connection is a device, which
+connects at its time, sends what came together at its time, and ends as recorded: a reset as reset, any
+other end by closing. The file is read into memory as a whole. --speed says how fast; with max nothing
+waits, and --parallel or --opening may be needed. --mutate changes the bytes: of eight writes, by chance,
+one has a bit flipped, one loses a byte, one has a byte twice, one is sent as two, four stay.
+
 A signal (SIGINT, SIGTERM) ends the run: devices finish the message they have begun and close. A
 second one, or two seconds, makes them close at once.
 
@@ -157,6 +165,9 @@ QList<QCommandLineOption> knownOptions()
              "Most bytes of a TLS record, 512 to 16384, before encryption. Default: 16384.",
              "bytes"},
             {"server-name", "Name expected in the certificate. Default: the host.", "name"},
+            {"replay", "Play a recording; the devices' own options do not go with it.", "file"},
+            {"speed", "Of the replay: 1 to 100 times as fast, or max. Default: 1.", "speed"},
+            {"mutate", "Change the recorded bytes, the same way for the same number.", "seed"},
             {"output", "Report as text or json. Default: text.", "format"},
             {"quiet", "Report the summary only, no line per connection."},
             {"no-checksum", "Do not compute the SHA-1 of what was sent: cheaper under load."},
@@ -220,6 +231,8 @@ public:
     }
 
     void pause(int &min, int &max);
+    void speed(double &factor);
+    void mutation(std::optional<quint32> &seed);
     void sources(QList<QHostAddress> &addresses);
 
 private:
@@ -260,6 +273,22 @@ void Reader::pause(int &min, int &max)
         return fail(QStringLiteral("--pause-ms: not MIN-MAX: %1").arg(text("pause-ms")));
     min = *from;
     max = *to;
+}
+
+void Reader::speed(double &factor)
+{
+    if (text("speed") == QLatin1String("max"))
+        factor = AsFastAsItGoes;
+    else
+        number<double>("speed", factor, 1, MaxSpeed);
+}
+
+void Reader::mutation(std::optional<quint32> &seed)
+{
+    quint32 value = 0;
+    number<quint32>("mutate", value, 0);
+    if (isSet("mutate"))
+        seed = value;
 }
 
 void Reader::sources(QList<QHostAddress> &addresses)
@@ -318,14 +347,35 @@ void readOptions(Reader &reader, Options &options)
     options.tls.resume = reader.isSet("resume");
     reader.number<int>("record-size", options.tls.recordSize, MinRecordBytes, MaxRecordBytes);
     reader.string("server-name", options.tls.serverName);
+    reader.string("replay", options.replayFile);
+    reader.speed(options.speed);
+    reader.mutation(options.mutateSeed);
     reader.choice("output", options.output, OutputFormats);
     options.quiet = reader.isSet("quiet");
     options.checksum = !reader.isSet("no-checksum");
 }
 
+// A recording says what devices do.
+void checkReplay(Reader &reader, const Options &options)
+{
+    if (reader.isSet("replay") && options.replayFile.isEmpty())
+        reader.fail(QStringLiteral("--replay wants a file"));
+    for (const char *name : {"speed", "mutate"}) {
+        if (reader.isSet(name) && !reader.isSet("replay"))
+            reader.fail(QStringLiteral("--%1 needs --replay").arg(tr(name)));
+    }
+    for (const char *name :
+         {"connections", "connect-rate", "messages", "reconnect", "size", "framing", "rate",
+          "segments", "seed", "pause-ms", "close", "linger-ms", "fault"}) {
+        if (reader.isSet(name) && reader.isSet("replay"))
+            reader.fail(QStringLiteral("--%1 does not go with --replay").arg(tr(name)));
+    }
+}
+
 // Checks options that are right by themselves but wrong together.
 void checkTogether(Reader &reader, const Options &options)
 {
+    checkReplay(reader, options);
     if (options.reconnect > 0 && options.reconnect >= options.messages)
         reader.fail(QStringLiteral("--reconnect needs more --messages than reconnections"));
     for (const char *name :

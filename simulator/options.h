@@ -8,6 +8,8 @@
 #include <QtCore/QStringList>
 #include <QtNetwork/QHostAddress>
 
+#include <optional>
+
 namespace simulator {
 
 enum class Framing { Lines, Length };
@@ -60,6 +62,10 @@ struct Options
     int lingerMs = -1; // -1: no limit
     Fault fault = Fault::None;
     TlsOptions tls;
+
+    QString replayFile; // empty: the devices' messages are made
+    double speed = 1; // of the replay; 0: as fast as it goes
+    std::optional<quint32> mutateSeed; // nothing: the bytes are as recorded
 
     OutputFormat output = OutputFormat::Text;
     bool quiet = false;

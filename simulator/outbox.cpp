@@ -3,13 +3,13 @@
 
 #include "simulator/outbox.h"
 
-#include "simulator/messageformat.h"
+#include "simulator/messagesource.h"
 
 namespace simulator {
 
-Outbox::Outbox(const MessageFormat &messageFormat, const Segmenter &cuts, quint64 deviceNumber,
+Outbox::Outbox(const MessageSource &messageSource, const Segmenter &cuts, quint64 deviceNumber,
                quint64 first, quint64 last, bool withChecksum)
-    : format(messageFormat),
+    : source(messageSource),
       device(deviceNumber),
       nextMessage(first),
       lastMessage(last),
@@ -43,7 +43,7 @@ void Outbox::gather()
     buffer.remove(0, offset);
     offset = 0;
     const qsizetype before = buffer.size();
-    format.append(buffer, device, nextMessage);
+    source.append(buffer, device, nextMessage);
     gathered += static_cast<quint64>(buffer.size() - before);
     ends.append(gathered);
     ++nextMessage;

@@ -14,7 +14,7 @@
 
 namespace simulator {
 
-class MessageFormat;
+class MessageSource;
 
 /*!
     The byte stream of one connection: made message by message, given out segment by segment.
@@ -25,7 +25,7 @@ class Outbox
 {
 public:
     // Messages first to last of the device; none if last < first.
-    Outbox(const MessageFormat &messageFormat, const Segmenter &cuts, quint64 deviceNumber,
+    Outbox(const MessageSource &messageSource, const Segmenter &cuts, quint64 deviceNumber,
            quint64 first, quint64 last, bool withChecksum);
 
     // The bytes to write next, or the rest of them. due: number of the last message that may be
@@ -51,7 +51,7 @@ private:
     void beginSegment(quint64 due);
     void gather();
 
-    const MessageFormat &format;
+    const MessageSource &source;
     const quint64 device;
     quint64 nextMessage;
     quint64 lastMessage;

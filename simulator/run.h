@@ -3,7 +3,7 @@
 
 #pragma once
 
-#include "simulator/messageformat.h"
+#include "simulator/messagesource.h"
 #include "simulator/options.h"
 
 #include <QtCore/QElapsedTimer>
@@ -11,6 +11,7 @@
 
 namespace simulator {
 
+class Replay;
 class TlsContext;
 
 /*!
@@ -20,8 +21,9 @@ struct Run
 {
     const Options &options;
     QHostAddress peer;
-    const MessageFormat &format;
+    const MessageSource &messages;
     const TlsContext *tls = nullptr; // null: no TLS handshake
+    const Replay *replay = nullptr; // null: the messages are made, and not from a recording
     QElapsedTimer clock; // all reported times count from its start
 };
 

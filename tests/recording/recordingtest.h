@@ -4,6 +4,7 @@
 #pragma once
 
 #include "recording/entry.h"
+#include "recording/format.h"
 #include "recording/recordingreader.h"
 
 #include <QtCore/QBuffer>
@@ -116,6 +117,17 @@ inline QByteArray encoded(const QList<Entry> &entries)
     for (const Entry &entry : entries)
         appendEntry(out, entry);
     return out;
+}
+
+// A recording that holds these entries, sessions included.
+inline QByteArray fileOf(const QList<Entry> &entries)
+{
+    QByteArray file = fileHeader();
+    const QByteArray all = encoded(entries);
+    QByteArrayView rest = all;
+    while (const auto raw = takeEntry(rest))
+        appendFrame(file, *raw);
+    return file;
 }
 
 inline bool isSame(const Entry &a, const Entry &b)

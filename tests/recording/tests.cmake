@@ -6,3 +6,15 @@ foreach(name IN ITEMS tst_recorder tst_recordingformat tst_recordingwriter)
     # Qt6::Network: the precompiled headers were made with it.
     target_link_libraries(${name} PRIVATE tcpinput_recording Qt6::Network)
 endforeach()
+
+# The programs, each with what the other has made.
+if(TARGET inputhost AND TARGET devicesim)
+    plugin_test(tst_recordreplay 300)
+    test_uses_certificates(tst_recordreplay)
+    target_link_libraries(tst_recordreplay PRIVATE tcpinput_recording Qt6::Network)
+    target_compile_definitions(tst_recordreplay PRIVATE
+        DEVICESIM_FILE="$<TARGET_FILE:devicesim>"
+        INPUTHOST_FILE="$<TARGET_FILE:inputhost>"
+        PLUGIN_FILE="$<TARGET_FILE:tcpinputplugin2>")
+    add_dependencies(tst_recordreplay devicesim inputhost tcpinputplugin2)
+endif()

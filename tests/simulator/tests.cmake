@@ -2,10 +2,12 @@
 # SPDX-License-Identifier: MIT
 
 # The simulator's parts that use neither sockets nor timers.
-foreach(name IN ITEMS tst_devicesimoptions tst_devicesimparts)
+foreach(name IN ITEMS tst_devicesimoptions tst_devicesimparts tst_replayparts)
     plugin_test(${name})
     target_link_libraries(${name} PRIVATE devicesim_core)
 endforeach()
+
+target_link_libraries(tst_replayparts PRIVATE tcpinput_recording)
 
 # The program.
 foreach(name IN ITEMS

@@ -26,6 +26,7 @@ private Q_SLOTS:
     void rejects();
     void rejectsWhatItCannotParse();
     void helpsAndTellsItsVersion();
+    void replay();
 };
 
 void tst_DeviceSimOptions::endings_data()
@@ -79,7 +80,7 @@ void tst_DeviceSimOptions::endings()
         actual += "reset";
     if (ending.then == Ending::Then::AwaitPeer)
         actual += "await " + QByteArray::number(ending.waitMs);
-    if (ending.closeAfterWait)
+    if (ending.afterWait == Ending::AfterWait::Close)
         actual += "again";
     if (ending.ignoreTls)
         actual += "rawly";
@@ -209,6 +210,15 @@ void tst_DeviceSimOptions::rejects_data()
     row("--tls --resume --close stay", "--resume needs a first device that ends: not --close stay");
     row("--tls --cert file", "--cert and --key need each other");
     row("--fault abort-handshake", "--fault abort-handshake needs --tls");
+    row("--speed 2", "--speed needs --replay");
+    row("--mutate 1", "--mutate needs --replay");
+    row("--replay=", "--replay wants a file");
+    row("--replay f --speed 0.5", "--speed: not a number in range: 0.5");
+    row("--replay f --speed 101", "--speed: not a number in range: 101");
+    row("--replay f --speed fast", "--speed: not a number in range: fast");
+    row("--replay f --mutate -1", "--mutate: not a number in range: -1");
+    row("--replay f --messages 3", "--messages does not go with --replay");
+    row("--replay f --close abort", "--close does not go with --replay");
     row("--fault garbage --size 0", "--fault garbage needs a --size");
 }
 
@@ -235,6 +245,25 @@ void tst_DeviceSimOptions::helpsAndTellsItsVersion()
     QVERIFY(help.contains(QStringLiteral("--connect-rate")));
     QCOMPARE(parse("-h").text, help);
     QVERIFY(!parse("--version").text.isEmpty());
+}
+
+void tst_DeviceSimOptions::replay()
+{
+    const Options none = parse("").options;
+    QVERIFY(none.replayFile.isEmpty() && !none.mutateSeed);
+    const Options plain = parse("--replay f").options;
+    QCOMPARE(plain.replayFile, QStringLiteral("f"));
+    QCOMPARE(plain.speed, 1.0);
+    QCOMPARE(parse("--replay f --speed 2.5").options.speed, 2.5);
+    const Options all = parse("--replay f --speed max --mutate 7 --tls --parallel 3").options;
+    QCOMPARE(all.speed, 0.0);
+    QCOMPARE(all.mutateSeed, std::optional<quint32>(7));
+    const Ending reset = recordedEnding(parse("--replay f --speed 10").options, 2'000'000, true);
+    QCOMPARE(reset.waitMs, 200);
+    QVERIFY(reset.afterWait == Ending::AfterWait::Reset);
+    const Ending close = recordedEnding(all, 2'000'000, false);
+    QCOMPARE(close.waitMs, 0);
+    QVERIFY(close.afterWait == Ending::AfterWait::Close);
 }
 
 QTEST_GUILESS_MAIN(tst_DeviceSimOptions)

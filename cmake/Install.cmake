@@ -12,7 +12,7 @@ install(FILES ${TCPINPUT_FRAMEWORK_HEADERS}
 install(FILES ${TCPINPUT_KIT_HEADERS}
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tcpinputplugin2/plugin/kit)
 if(TCPINPUT_BUILD_PROGRAMS)
-    install(TARGETS inputhost devicesim hostcheck RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    install(TARGETS inputhost devicesim devicecat hostcheck RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
 
 install(TARGETS tcpinput_framework tcpinput_host_framework EXPORT TcpInputPlugin2Targets

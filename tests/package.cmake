@@ -6,7 +6,8 @@ include(CheckCXXSourceCompiles)
 # The built files. The package's test checks the installed ones.
 set(built $<TARGET_FILE:tcpinputplugin2>)
 if(TCPINPUT_BUILD_PROGRAMS)
-    list(APPEND built $<TARGET_FILE:inputhost> $<TARGET_FILE:devicesim> $<TARGET_FILE:hostcheck>)
+    list(APPEND built $<TARGET_FILE:inputhost> $<TARGET_FILE:devicesim> $<TARGET_FILE:devicecat>
+        $<TARGET_FILE:hostcheck>)
 endif()
 add_test(NAME searchpaths COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/package/check-search-paths ${built})
 

@@ -7,6 +7,13 @@ foreach(name IN ITEMS tst_recorder tst_recordingformat tst_recordingwriter)
     target_link_libraries(${name} PRIVATE tcpinput_recording Qt6::Network)
 endforeach()
 
+if(TARGET devicecat)
+    plugin_test(tst_devicecat)
+    target_link_libraries(tst_devicecat PRIVATE tcpinput_recording Qt6::Network)
+    target_compile_definitions(tst_devicecat PRIVATE DEVICECAT_FILE="$<TARGET_FILE:devicecat>")
+    add_dependencies(tst_devicecat devicecat)
+endif()
+
 # The programs, each with what the other has made.
 if(TARGET inputhost AND TARGET devicesim)
     plugin_test(tst_recordreplay 300)

@@ -7,6 +7,7 @@ import argparse
 import pathlib
 import re
 import subprocess
+import tempfile
 
 from harness.devices import Devices
 from harness.hosts import Host
@@ -15,6 +16,7 @@ from harness.processes import exit_on_sigterm
 
 def main():
     parser = argparse.ArgumentParser()
+    parser.add_argument("--record", action="store_true", help="also with a recording")
     parser.add_argument("build", type=pathlib.Path, help="of the host")
     parser.add_argument("simulator", type=pathlib.Path, help="build folder of the devices")
     arguments = parser.parse_args()
@@ -22,9 +24,12 @@ def main():
 
     # Three messages a second: each is an offer of its own.
     devices = ("--connections", 20, "--connect-rate", 100, "--rate", 3, "--close", "stay")
-    few = instructions(arguments, "messages-200", 200, *devices, "--messages", 10)
-    many = instructions(arguments, "messages-600", 600, *devices, "--messages", 30)
-    print(f"instructions a message: {(many - few) // 400}", flush=True)
+    plain = a_message(arguments, "messages", devices)
+    print(f"instructions a message: {plain}", flush=True)
+    if arguments.record:
+        for name, more in (("recorded", ()), ("compressed", ("--record-compress",))):
+            count = a_message(arguments, name, devices, more)
+            print(f"instructions a message, {name}: {count}, {count / plain - 1:+.1%}", flush=True)
 
     devices = ("--connect-rate", 50, "--messages", 1)
     few = instructions(arguments, "connections-100", 100, *devices, "--connections", 100)
@@ -32,13 +37,25 @@ def main():
     print(f"instructions a connection with one message: {(many - few) // 200}", flush=True)
 
 
-def instructions(arguments, name, messages, *options):
+def a_message(arguments, name, devices, recording=None):
+    """Returns the instructions of one more message. recording: options beside --record; None: no
+    recording."""
+    counts = []
+    for each in (10, 30):
+        with tempfile.TemporaryDirectory() as folder:
+            host = () if recording is None else ("--record", f"{folder}/traffic", *recording)
+            counts.append(instructions(arguments, f"{name}-{20 * each}", 20 * each, *devices,
+                                       "--messages", each, host_options=host))
+    return (counts[1] - counts[0]) // 400
+
+
+def instructions(arguments, name, messages, *options, host_options=()):
     """Returns the instructions of a host that takes so many messages and ends."""
     counts = arguments.build / f"profile-{name}.out"
     valgrind = ("valgrind", "--tool=callgrind", f"--callgrind-out-file={counts}",
                 "--log-file=/dev/null")
     with Host(arguments.build, prefix=valgrind,
-              options=("--output", "count", "--log-level", "warning", "--exit-after", messages)) \
+              options=("--output", "count", "--log-level", "warning", "--exit-after", messages, *host_options)) \
             as host, Devices(host, "--size", 199, *options, build=arguments.simulator):
         host.finish()
     table = subprocess.run(["callgrind_annotate", "--inclusive=yes", "--threshold=99", counts],

@@ -7,6 +7,10 @@
 
 #include <array>
 
+#ifdef __x86_64__
+#include <nmmintrin.h>
+#endif
+
 namespace recording {
 namespace {
 
@@ -51,9 +55,35 @@ constexpr Table8 makeTable8()
 constexpr Table32 Crc32 = makeTable32();
 constexpr Table8 Crc8 = makeTable8();
 
+#ifdef __x86_64__
+// A tenth of the tables' instructions.
+__attribute__((target("sse4.2"))) quint32 crc32cByInstruction(QByteArrayView bytes, quint32 begun)
+{
+    quint64 value = static_cast<quint32>(~begun);
+    const char *at = bytes.data();
+    qsizetype left = bytes.size();
+    for (; left >= StepBytes; left -= StepBytes, at += StepBytes)
+        value = _mm_crc32_u64(value, qFromUnaligned<quint64>(at));
+    auto last = static_cast<quint32>(value);
+    for (; left > 0; --left, ++at)
+        last = _mm_crc32_u8(last, static_cast<quint8>(*at));
+    return ~last;
+}
+#endif
+
 } // namespace
 
 quint32 crc32c(QByteArrayView bytes, quint32 begun)
+{
+#ifdef __x86_64__
+    static const bool hasInstruction = __builtin_cpu_supports("sse4.2") != 0;
+    if (hasInstruction)
+        return crc32cByInstruction(bytes, begun);
+#endif
+    return crc32cByTables(bytes, begun);
+}
+
+quint32 crc32cByTables(QByteArrayView bytes, quint32 begun)
 {
     quint32 value = ~begun;
     const char *at = bytes.data();

@@ -5,6 +5,7 @@
 
 #include "recording/numbers.h"
 
+#include <algorithm>
 #include <limits>
 
 namespace recording {
@@ -154,9 +155,11 @@ void appendBytes(QByteArray &out, qint64 elapsedUs, quint64 connection, quint64 
             end = putNumber(end, size);
         putHead(start, withPayload ? Entry::Bytes : Entry::Length,
                 (end - numbers) + (withPayload ? piece.size() : 0));
-        out.append(start, end - start);
+        const qsizetype begin = out.size();
+        out.resize(begin + (end - start) + (withPayload ? piece.size() : 0));
+        char *const at = std::copy(start, end, out.data() + begin);
         if (withPayload)
-            out.append(piece);
+            std::copy(piece.begin(), piece.end(), at);
 
         payload = payload.sliced(piece.size());
         position += size;

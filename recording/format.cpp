@@ -7,6 +7,8 @@
 
 #include <QtCore/QtEndian>
 
+#include <algorithm>
+
 namespace recording {
 namespace {
 
@@ -52,12 +54,12 @@ HeaderCheck checkHeader(QByteArrayView bytes)
 void appendFrame(QByteArray &out, const RawEntry &entry)
 {
     const QByteArrayView head = entry.whole.first(EntryHeadBytes);
-    char checks[FrameHeadBytes - EntryHeadBytes];
-    checks[0] = static_cast<char>(crc8(head));
-    qToLittleEndian(crc32c(entry.whole), checks + 1);
-    out.append(head);
-    out.append(checks, sizeof checks);
-    out.append(entry.body);
+    const qsizetype begin = out.size();
+    out.resize(begin + FrameHeadBytes + entry.body.size());
+    char *at = std::copy(head.begin(), head.end(), out.data() + begin);
+    *at++ = static_cast<char>(crc8(head));
+    qToLittleEndian(crc32c(entry.whole), at);
+    std::copy(entry.body.begin(), entry.body.end(), at + sizeof(quint32));
 }
 
 bool isFrameHead(QByteArrayView head)

@@ -15,6 +15,8 @@ using namespace std::chrono_literals;
 // The thread is woken once for all that comes in this time. What comes in it is lost with the
 // process.
 constexpr auto GatherTime = 100ms;
+// A block of few entries costs more a byte, and is larger.
+constexpr auto BlockGatherTime = 1s;
 constexpr qsizetype EagerBytes = 1024 * 1024; // so much is written at once
 // For beginnings, ends and gaps, which are small: they come after the queue is full for bytes.
 constexpr qsizetype ReserveBytes = 16 * 1024 * 1024;
@@ -187,7 +189,7 @@ void Recorder::run()
 bool Recorder::waitForEntries(std::unique_lock<std::mutex> &lock)
 {
     hasEntries.wait(lock, [this] { return isStopping || !queue.isEmpty(); });
-    hasEntries.wait_for(lock, GatherTime,
+    hasEntries.wait_for(lock, options.compress ? BlockGatherTime : GatherTime,
                         [this] { return isStopping || queue.size() >= EagerBytes; });
     return !queue.isEmpty();
 }

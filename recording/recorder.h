@@ -29,9 +29,9 @@ struct RecorderNotices
 
 /*!
     Records connections to a file, from a host's threads. Nobody waits for the file: a thread of the
-    recorder's own writes it, at most 0.1 s later. What that thread has not written yet is bounded.
-    If the file takes less than what comes, bytes are left out; the recording says where, and how
-   many.
+    recorder's own writes it, at most 0.1 s later, or 1 s if it is compressed. What that thread has
+   not written yet is bounded. If the file takes less than what comes, bytes are left out; the
+   recording says where, and how many.
 
     Thread: any for begin(), bytes() and end(), each connection one at a time; the others the
    owner's. Owner:  the host. Locks:  mutex; never held while writing or notifying.

@@ -92,6 +92,12 @@ void tst_RecordingFormat::checksums()
     QCOMPARE(crc32c("6789", crc32c("12345")), 0xe3069283U);
     QCOMPARE(crc32c({}), 0U);
     QCOMPARE(crc8("123456789"), quint8(0xfb));
+    QCOMPARE(crc32cByTables("123456789"), 0xe3069283U);
+    QByteArray bytes;
+    for (int size = 0; size < 100; ++size) {
+        QCOMPARE(crc32c(bytes, 7), crc32cByTables(bytes, 7));
+        bytes += static_cast<char>(size * 37);
+    }
 }
 
 void tst_RecordingFormat::numbers()

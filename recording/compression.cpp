@@ -9,7 +9,7 @@
 
 namespace recording {
 namespace {
-constexpr int Level = 1; // the cheapest of the usual ones: recording must not cost much
+constexpr int Level = -5; // of the fast ones: recording must not cost much
 } // namespace
 
 struct Compressor::Context

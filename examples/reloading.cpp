@@ -56,7 +56,7 @@ int main(int argc, char **argv)
     QCoreApplication application(argc, argv);
     if (argc != 2)
         qFatal("usage: reloading FILE");
-    const QString file = application.arguments().at(1);
+    const QString file = QCoreApplication::arguments().at(1);
 
     inputkit::InputSettings settings;
     settings.handlers.message = [](const inputkit::InputMessage &message) {
@@ -78,5 +78,5 @@ int main(int argc, char **argv)
         else
             QCoreApplication::quit();
     });
-    return application.exec(); // the session's destructor prints what is left
+    return QCoreApplication::exec(); // the session's destructor prints what is left
 }

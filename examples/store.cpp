@@ -70,7 +70,7 @@ int main(int argc, char **argv)
 {
     UnixSignals unixSignals{SIGINT, SIGTERM, SIGHUP};
     QCoreApplication application(argc, argv);
-    const QStringList arguments = application.arguments();
+    const QStringList arguments = QCoreApplication::arguments();
     if (argc < 4)
         qFatal("usage: store ADDRESS PORT DATABASE [DELAY_MS [CERTIFICATE KEY]]");
 
@@ -95,5 +95,5 @@ int main(int argc, char **argv)
         else if (!session.reload(configurationOf(arguments)))
             qFatal("%s", qPrintable(session.errorString()));
     });
-    return application.exec();
+    return QCoreApplication::exec();
 }

@@ -53,7 +53,7 @@ void print(const inputkit::InputMessage &message)
 int main(int argc, char **argv)
 {
     QCoreApplication application(argc, argv);
-    const QStringList arguments = application.arguments();
+    const QStringList arguments = QCoreApplication::arguments();
     if (arguments.size() != 3)
         qFatal("usage: tracker ADDRESS PORT");
 
@@ -64,5 +64,5 @@ int main(int argc, char **argv)
     inputkit::InputSession session(settings);
     if (!session.start({{"ipAddr", arguments[1]}, {"port", arguments[2].toInt()}}))
         qFatal("%s", qPrintable(session.errorString()));
-    return application.exec();
+    return QCoreApplication::exec();
 }

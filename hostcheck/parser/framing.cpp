@@ -39,7 +39,7 @@ std::optional<Framing> Framing::read(const QString &text)
         return result;
     }
     if (name == QLatin1String("length") && (words.size() == 3 || words.size() == 4)) {
-        const QString order = words.at(2);
+        const QString &order = words.at(2);
         result.kind = Length;
         result.size = number;
         result.isBigEndian = order == QLatin1String("big");

@@ -70,15 +70,15 @@ public:
     qint64 size() const { return counted; }
 
     // Until a handler destroys the receiver.
-    void play(const InputHandlers &handlers) const
+    void play(const InputHandlers &functions) const
     {
         for (auto item = items.begin(); item != items.end() && !shared->isGone; ++item) {
             const Origin &origin = origins[item->origin];
-            if (item->isEnd && handlers.end)
-                handlers.end({origin, item->reason, item->end});
-            else if (!item->isEnd && handlers.message)
-                handlers.message({origin, QByteArrayView(bytes).sliced(item->begin, item->size),
-                                  item->position, item->end, item->partial});
+            if (item->isEnd && functions.end)
+                functions.end({origin, item->reason, item->end});
+            else if (!item->isEnd && functions.message)
+                functions.message({origin, QByteArrayView(bytes).sliced(item->begin, item->size),
+                                   item->position, item->end, item->partial});
         }
     }
 

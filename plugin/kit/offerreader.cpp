@@ -172,11 +172,12 @@ void OfferReader::goOn(quint64 number)
 
 void OfferReader::proceed(Client &client)
 {
-    if (client.record && !readOffer(client))
-        wait(client);
-    else if (client.end && mayRead(client))
+    const bool isRead = !client.record || readOffer(client);
+    if (isRead && !client.end)
+        return;
+    if (isRead && mayRead(client))
         end(client);
-    else if (client.end)
+    else
         wait(client);
 }
 

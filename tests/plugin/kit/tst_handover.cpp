@@ -22,7 +22,6 @@ class Receiver
 public:
     Receiver()
     {
-        object = new QObject;
         object->moveToThread(&thread);
         thread.start();
     }
@@ -48,7 +47,7 @@ public:
                 object, [] {}, Qt::BlockingQueuedConnection);
     }
 
-    QObject *object = nullptr;
+    QObject *object = new QObject; // null: destroyed
     QThread thread;
 };
 

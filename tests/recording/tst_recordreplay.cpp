@@ -191,7 +191,7 @@ void tst_RecordReplay::keepsTimesAndEnds()
                                            .value(QStringLiteral("connections"))
                                            .toArray();
     QList<int> lastedMs;
-    for (const QJsonValue &connection : connections)
+    for (const auto connection : connections)
         lastedMs += connection[QStringLiteral("endMs")].toInt()
                 - connection[QStringLiteral("openMs")].toInt();
     QCOMPARE(lastedMs.size(), 2);

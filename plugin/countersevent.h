@@ -46,6 +46,7 @@ struct InputCounters
     quint64 handshakeUs = 0; // sum over those that were done, from acceptance on
     quint64 longestHandshakeUs = 0; // likewise
 
+    //! A worker's thread.
     struct Worker
     {
         int number = 0;

@@ -47,6 +47,7 @@ class ExactOffers
 public:
     using Clock = std::chrono::steady_clock;
 
+    //! What is forgotten without being told an end.
     struct Limits
     {
         std::chrono::milliseconds age = std::chrono::minutes(10); // since the last offer

@@ -15,6 +15,7 @@ template<class Interface>
 class Factory
 {
 public:
+    //! Makes objects of one class.
     class Q_DECL_EXPORT Creator
     {
     public:
@@ -33,6 +34,7 @@ template<class Class, class Interface>
 class Register
 {
 public:
+    //! See Factory.
     class Creator : public Factory<Interface>::Creator
     {
     public:

@@ -74,6 +74,7 @@ public:
     virtual QByteArrayView partial(QByteArrayView rest) const;
 };
 
+//! As the functions below return it.
 using SharedFraming = std::shared_ptr<const Framing>;
 
 // The size of the message at the front of the view, framing included; at least one byte is there.

@@ -62,8 +62,10 @@ size_t consume(const char *bytes, size_t size)
     volatile int zero = 0;
     if (PLANTED == DividesByZero && length == 2)
         return size / static_cast<size_t>(zero);
-    while (PLANTED == NeverReturns && length == 2)
-        zero = zero + 1;
+    if (PLANTED == NeverReturns && length == 2) {
+        for (;;)
+            zero = zero + 1;
+    }
     if (PLANTED == ReadsBehind && bytes[length] == 0)
         return 0;
     if (PLANTED == ReadsBefore && bytes[-1] == 0)

@@ -4,7 +4,7 @@
 # The shared headers alone: they must work in a program that does not load the library.
 foreach(name IN ITEMS
         tst_connection tst_cwrn tst_exactoffers tst_framework tst_frameworklayout tst_parseddata
-        tst_parseddatathreads)
+        tst_parseddatathreads tst_subids)
     plugin_test(${name})
     target_link_libraries(${name} PRIVATE TcpInputPlugin2::framework)
 endforeach()

@@ -7,6 +7,7 @@
 #include "host/logging.h"
 #include "host/options.h"
 #include "host/process.h"
+#include "programs/encoding.h"
 
 #include <QtCore/QCoreApplication>
 
@@ -27,7 +28,7 @@ int main(int argc, char *argv[])
     occupyStandardDescriptors();
     ignoreBrokenPipes();
     settleTimeZone();
-    settleEncoding();
+    programs::settleEncoding();
     settleMemory();
     // If there are no descriptors for this dispatcher, Qt uses its own.
     if (auto dispatcher = EpollEventDispatcher::create(WakeUpInterval))

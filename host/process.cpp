@@ -5,13 +5,10 @@
 
 #include "plugin/cwrn.h"
 
-#include <clocale>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 
 #include <fcntl.h>
-#include <langinfo.h>
 #include <malloc.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -59,14 +56,6 @@ void settleMemory()
 {
     constexpr int LargeBytes = 256 * 1024;
     ::mallopt(M_MMAP_THRESHOLD, LargeBytes);
-}
-
-void settleEncoding()
-{
-    constexpr int Replace = 1;
-    std::setlocale(LC_ALL, "");
-    if (std::strcmp(::nl_langinfo(CODESET), "UTF-8") != 0)
-        ::setenv(std::getenv("LC_ALL") ? "LC_ALL" : "LC_CTYPE", "C.UTF-8", Replace);
 }
 
 } // namespace host

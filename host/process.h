@@ -29,9 +29,4 @@ void settleTimeZone();
 // before threads exist.
 void settleMemory();
 
-// Makes the encoding UTF-8 if the locale has another one. Qt would do this by itself, but newer
-// versions complain about such a locale, over several lines. Call before the application object
-// exists.
-void settleEncoding();
-
 } // namespace host

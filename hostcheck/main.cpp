@@ -8,6 +8,7 @@
 #include "hostcheck/parser/parserchecks.h"
 #include "hostcheck/program/programchecks.h"
 #include "hostcheck/report.h"
+#include "programs/encoding.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QFileInfo>
@@ -108,6 +109,7 @@ ExitStatus listChecks()
 
 int main(int argc, char **argv)
 {
+    programs::settleEncoding();
     // Cheap with thousands of sockets. If it cannot be made, Qt uses its own.
     if (std::unique_ptr<QAbstractEventDispatcher> dispatcher = EpollEventDispatcher::create())
         QCoreApplication::setEventDispatcher(dispatcher.release());

@@ -3,6 +3,7 @@
 
 // The program devicecat: shows a recording.
 
+#include "programs/encoding.h"
 #include "recording/entryprinter.h"
 #include "recording/recordingreader.h"
 
@@ -10,13 +11,8 @@
 #include <QtCore/QCoreApplication>
 #include <QtCore/QFile>
 
-#include <clocale>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <optional>
-
-#include <langinfo.h>
 
 using namespace recording;
 
@@ -56,14 +52,6 @@ struct Request
     QString answer; // to be printed instead: help or version
     QString error; // likewise: what is wrong with the command line
 };
-
-// Makes the encoding UTF-8. Newer versions of Qt would do so themselves, but complain first.
-void settleEncoding()
-{
-    std::setlocale(LC_ALL, "");
-    if (std::strcmp(nl_langinfo(CODESET), "UTF-8") != 0)
-        setenv(std::getenv("LC_ALL") ? "LC_ALL" : "LC_CTYPE", "C.UTF-8", 1);
-}
 
 Request parse(const QStringList &arguments)
 {
@@ -163,7 +151,7 @@ int show(const Request &request)
 
 int main(int argc, char **argv)
 {
-    settleEncoding();
+    programs::settleEncoding();
     const QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("devicecat"));
     QCoreApplication::setApplicationVersion(QStringLiteral(DEVICECAT_VERSION));

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "eventloop/epolleventdispatcher.h"
+#include "programs/encoding.h"
 #include "simulator/fleet.h"
 #include "simulator/messageformat.h"
 #include "simulator/options.h"
@@ -13,13 +14,9 @@
 #include <QtCore/QCoreApplication>
 #include <QtNetwork/QHostInfo>
 
-#include <clocale>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 
-#include <langinfo.h>
 #include <sys/resource.h>
 
 using namespace simulator;
@@ -36,14 +33,6 @@ void raiseDescriptorLimit()
         return;
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
-}
-
-// Makes the encoding UTF-8. Newer versions of Qt would do so themselves, but complain first.
-void settleEncoding()
-{
-    std::setlocale(LC_ALL, "");
-    if (std::strcmp(nl_langinfo(CODESET), "UTF-8") != 0)
-        setenv(std::getenv("LC_ALL") ? "LC_ALL" : "LC_CTYPE", "C.UTF-8", 1);
 }
 
 void print(FILE *stream, const QByteArray &text)
@@ -94,7 +83,7 @@ ExitStatus runFleet(const Run &run)
 int main(int argc, char **argv)
 {
     raiseDescriptorLimit();
-    settleEncoding();
+    programs::settleEncoding();
     std::signal(SIGPIPE, SIG_IGN); // a write to a closed connection must only fail
 
     // This dispatcher is cheap with thousands of sockets. If it cannot be made, Qt uses its own.

@@ -197,10 +197,14 @@ void DeviceConnection::pump()
 bool DeviceConnection::sendOne()
 {
     if (outbox.isAtEnd()) {
-        beginEnding(ending);
+        endSending();
         return false;
     }
     const QByteArrayView segment = outbox.segment(schedule.due());
+    if (segment.isEmpty() && outbox.isAtEnd()) {
+        endSending();
+        return false;
+    }
     if (segment.isEmpty()) {
         wait(schedule.msUntil(outbox.nextNumber()));
         return false;
@@ -241,6 +245,14 @@ void DeviceConnection::wait(int ms)
     // Precise: a coarse timer would make thousands of devices send at the same moment, but devices
     // know nothing of each other.
     timer.start(ms, Qt::PreciseTimer, this);
+}
+
+void DeviceConnection::endSending()
+{
+    if (outbox.refusedNumber() > 0)
+        return fail(
+                QStringLiteral("message %1 does not fit the framing").arg(outbox.refusedNumber()));
+    beginEnding(ending);
 }
 
 void DeviceConnection::beginEnding(const Ending &steps)

@@ -76,6 +76,7 @@ private:
     bool pause();
     void wait(int ms);
 
+    void endSending();
     void beginEnding(const Ending &steps);
     void awaitEnd();
     void waitIsOver();

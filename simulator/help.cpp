@@ -6,7 +6,7 @@
 namespace simulator {
 namespace {
 
-const char *const Description = R"(
+const char *const Description = R"HELP(
 Plays remote devices: each connects to a receiving server, sends numbered messages and ends.
 
 A message's payload is the text
@@ -14,8 +14,31 @@ A message's payload is the text
 Devices and messages are numbered from 1; the padding, letters, fills the payload up to --size
 bytes. A payload that is longer than --size without any padding is sent as it is. --framing says
 what surrounds it:
-    lines     <payload>\n
-    length    the payload's length as four bytes, most significant first, then the payload
+    lines, crlf     a line end behind it: LF, or CR LF
+    length [BYTES [big|little [all]]]
+                    its length before it, in 1, 2 or 4 bytes; all: they count themselves, too.
+                    Without more words: 4 big
+    fixed BYTES [FILL]
+                    filled up to this size with FILL, a byte in hex; 00 without it
+    marks START END [ESCAPE [FLIP]]
+                    between these bytes, all in hex. In the payload, a START, END or ESCAPE has an
+                    ESCAPE before it, and the bits of FLIP inverted. hdlc is: marks 7e 7e 7d 20
+    none            nothing
+
+Other payloads come from --messages-from and --template. A template is a text with placeholders:
+    {device} {number}            both from 1
+    {time} {time:FORMAT}         UTC, as 2026-11-23T11:20:05.123Z, or in a format of Qt, as hhmmss.zzz
+    {time-s} {time-ms}           seconds or milliseconds since 1970
+    {random:MIN..MAX}            a random number; the same for the same --seed, device and message
+    {letters:N}                  N letters
+    {line}                       the line of --messages-from
+    {xor8} {sum8} {crc16} {crc16-arc} {crc16-modbus} {crc16-ccitt} {crc16-xmodem} {crc32}
+                                 a check sum of what is before it; or only of what is between {begin}
+                                 and {end}, if they are there. {crc16} is that of qChecksum()
+A colon and a form may be behind a number, as in {number:u16be}: dec, hex, HEX, all three also with a
+count of digits, as in dec5; or bytes: u8, u16be, u16le, u32be, u32le, u64be, u64le. Numbers are dec
+without it, check sums HEX. In templates, and in lines read as text, \n, \r, \t, \0, \\, \{ and \xNN stand
+for a byte. A brace that has no small letter behind it stands for itself.
 
 How a device ends when everything is sent (--close):
     close       closes at once (FIN). With TLS: close_notify and FIN, then it reads until the peer
@@ -56,10 +79,13 @@ Examples:
     devicesim --messages 10
     devicesim --connections 3000 --parallel 50 --messages 20 --rate 5 --close half-close
     devicesim --framing length --segments random --seed 7 --pause-ms 0-20 --messages 1000
+    devicesim --messages 100 --rate 1 --framing crlf \
+        --template '${begin}GPTXT,{device},{time:hhmmss.zzz}{end}*{xor8}'
+    devicesim --messages-from positions.hex --messages-as hex --framing 'length 2 big'
     devicesim --tls --ca ca.pem --cert device.pem --key device.key --server-name receiver.example
 
 Exit status: 0 everything was sent; 1 a connection failed or was cut short; 2 wrong command line or
-unusable file.)";
+unusable file.)HELP";
 
 } // namespace
 
@@ -98,7 +124,22 @@ QList<QCommandLineOption> knownOptions()
              "numbers go on. Default: 0.",
              "k"},
             {"size", "Payload bytes of a message. Default: 64.", "bytes"},
-            {"framing", "lines or length. Default: lines.", "framing"},
+            {"framing",
+             "lines, crlf, length, fixed, marks, hdlc or none, see above. Default: lines.",
+             "framing"},
+            {"messages-from",
+             "Send the lines of this file, each a payload, instead of numbered messages. Each "
+             "device "
+             "sends all of them once, or as many as --messages says: behind the last line the "
+             "first "
+             "one comes again.",
+             "file"},
+            {"messages-as",
+             "What such a line is: text with escapes, plain (as it is) or hex; or whole: the file "
+             "is "
+             "one payload. Default: text.",
+             "syntax"},
+            {"template", "Send this payload instead, see above.", "text"},
             {"rate", "Messages per second and device; 0: as fast as TCP takes them. Default: 0.",
              "rate"},
             {"segments",

@@ -3,10 +3,9 @@
 
 #include "eventloop/epolleventdispatcher.h"
 #include "programs/encoding.h"
+#include "simulator/content.h"
 #include "simulator/fleet.h"
-#include "simulator/messageformat.h"
 #include "simulator/options.h"
-#include "simulator/replay.h"
 #include "simulator/run.h"
 #include "simulator/tlscontext.h"
 #include "simulator/unixsignals.h"
@@ -101,14 +100,11 @@ int main(int argc, char **argv)
         return Success;
     }
     Options options = parsed.options;
-    Replay replay(options);
-    const bool isReplay = !options.replayFile.isEmpty();
-    if (isReplay && !replay.load())
-        return complain(replay.errorString(), Usage);
-    if (!replay.warning().isEmpty())
-        complain(QStringLiteral("%1: %2").arg(options.replayFile, replay.warning()), Success);
-    if (isReplay)
-        options.connections = replay.deviceCount();
+    Content content(options);
+    if (!content.load())
+        return complain(content.errorString(), Usage);
+    if (!content.warning().isEmpty())
+        complain(content.warning(), Success);
     const QHostAddress peer = resolve(options.host);
     if (peer.isNull())
         return complain(QStringLiteral("no such host: %1").arg(options.host), Failure);
@@ -119,9 +115,7 @@ int main(int argc, char **argv)
     if (tls && !tls->error().isEmpty())
         return complain(tls->error(), Usage);
 
-    const MessageFormat format(options);
-    const MessageSource &messages = isReplay ? static_cast<const MessageSource &>(replay) : format;
-    Run run{options, peer, messages, tls.get(), isReplay ? &replay : nullptr, {}};
+    Run run{options, peer, content.messages(), tls.get(), content.replay(), {}};
     run.clock.start();
     return runFleet(run);
 }

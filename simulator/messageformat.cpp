@@ -5,13 +5,10 @@
 
 #include "simulator/randomsource.h"
 
-#include <QtCore/QtEndian>
-
 namespace simulator {
 namespace {
 
 constexpr int LetterCount = 26;
-constexpr int LengthBytes = 4;
 
 QByteArray manyLetters(int count)
 {
@@ -31,26 +28,17 @@ MessageFormat::MessageFormat(const Options &options)
       letters(manyLetters(options.size + LetterCount))
 {}
 
-void MessageFormat::append(QByteArray &out, quint64 device, quint64 number) const
+bool MessageFormat::append(QByteArray &out, quint64 device, quint64 number) const
 {
-    if (isGarbage) {
-        out += garbage(device, number);
-        return;
-    }
-    const QByteArray text = payload(device, number);
-    if (framing == Framing::Length) {
-        char length[LengthBytes];
-        qToBigEndian(static_cast<quint32>(text.size()), length);
-        out.append(length, LengthBytes);
-    }
-    out += text;
-    if (framing == Framing::Lines)
-        out += '\n';
+    if (!isGarbage)
+        return framing.append(out, payload(device, number));
+    out += garbage(device, number);
+    return true;
 }
 
 qsizetype MessageFormat::usualBytes() const
 {
-    return size + (framing == Framing::Length ? LengthBytes : 1);
+    return qMax<qsizetype>(1, size + framing.overhead());
 }
 
 QByteArray MessageFormat::payload(quint64 device, quint64 number) const

@@ -22,7 +22,7 @@ public:
     explicit MessageFormat(const Options &options);
 
     // Framing included.
-    void append(QByteArray &out, quint64 device, quint64 number) const override;
+    bool append(QByteArray &out, quint64 device, quint64 number) const override;
     qsizetype usualBytes() const override; // messages with very long numbers are longer
 
 private:

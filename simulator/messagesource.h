@@ -19,8 +19,9 @@ public:
     virtual ~MessageSource() = default;
     Q_DISABLE_COPY_MOVE(MessageSource)
 
-    // Appends the message as it goes over the wire. device, number: from 1.
-    virtual void append(QByteArray &out, quint64 device, quint64 number) const = 0;
+    // Appends the message as it goes over the wire. device, number: from 1. False if it does not
+    // fit its framing: then nothing is appended.
+    virtual bool append(QByteArray &out, quint64 device, quint64 number) const = 0;
 
     // The size of a usual message; at least 1.
     virtual qsizetype usualBytes() const = 0;

@@ -41,6 +41,29 @@ void OptionReader::mutation(std::optional<quint32> &seed)
         seed = value;
 }
 
+void OptionReader::framing(Framing &framing)
+{
+    if (!isSet("framing"))
+        return;
+    if (const auto read = Framing::read(text("framing")))
+        framing = *read;
+    else
+        fail(QStringLiteral("--framing: unknown value: %1; it takes lines, crlf, length [BYTES "
+                            "[big|little [all]]], fixed BYTES [FILL], marks START END [ESCAPE "
+                            "[FLIP]], hdlc, none")
+                     .arg(text("framing")));
+}
+
+void OptionReader::messageTemplate(std::optional<MessageTemplate> &read)
+{
+    if (!isSet("template"))
+        return;
+    QString error;
+    read = MessageTemplate::read(text("template").toUtf8(), error);
+    if (!read)
+        fail(QStringLiteral("--template: %1").arg(error));
+}
+
 void OptionReader::sources(QList<QHostAddress> &addresses)
 {
     const QStringList ranges = parser.values(QStringLiteral("bind"));

@@ -3,6 +3,9 @@
 
 #pragma once
 
+#include "simulator/framing.h"
+#include "simulator/messagetemplate.h"
+
 #include <QtCore/QCommandLineParser>
 #include <QtCore/QList>
 #include <QtCore/QString>
@@ -78,6 +81,8 @@ public:
     void pause(int &min, int &max);
     void speed(double &factor);
     void mutation(std::optional<quint32> &seed);
+    void framing(Framing &framing);
+    void messageTemplate(std::optional<MessageTemplate> &read);
     void sources(QList<QHostAddress> &addresses);
 
 private:

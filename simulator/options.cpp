@@ -16,7 +16,10 @@ constexpr int MaxMessageBytes = 64 * 1024 * 1024;
 constexpr int MinRecordBytes = 512; // the limits that OpenSSL has for --record-size
 constexpr int MaxRecordBytes = 16384;
 
-constexpr Choice<Framing> Framings[] = {{"lines", Framing::Lines}, {"length", Framing::Length}};
+constexpr Choice<MessageSyntax> MessageSyntaxes[] = {{"text", MessageSyntax::Text},
+                                                     {"plain", MessageSyntax::Plain},
+                                                     {"hex", MessageSyntax::Hex},
+                                                     {"whole", MessageSyntax::Whole}};
 constexpr Choice<Segments> SegmentModes[] = {{"whole", Segments::Whole},
                                              {"byte", Segments::Byte},
                                              {"random", Segments::Random},
@@ -48,7 +51,13 @@ void readOptions(OptionReader &reader, Options &options)
     reader.number<quint64>("messages", options.messages, 0);
     reader.number<quint64>("reconnect", options.reconnect, 0);
     reader.number<int>("size", options.size, 0, MaxMessageBytes);
-    reader.choice("framing", options.framing, Framings);
+    options.countsMessages = reader.isSet("messages");
+    reader.framing(options.framing);
+    if (options.framing.kind() == Framing::Fixed && !reader.isSet("size"))
+        options.size = static_cast<int>(options.framing.longestPayload());
+    reader.string("messages-from", options.messagesFrom);
+    reader.choice("messages-as", options.messagesAs, MessageSyntaxes);
+    reader.messageTemplate(options.messageTemplate);
     reader.number<double>("rate", options.rate, 0);
     reader.choice("segments", options.segments, SegmentModes);
     reader.number<quint32>("seed", options.seed, 0);
@@ -82,19 +91,46 @@ void checkReplay(OptionReader &reader, const Options &options)
         if (reader.isSet(name) && !reader.isSet("replay"))
             reader.fail(QStringLiteral("--%1 needs --replay").arg(QLatin1String(name)));
     }
-    for (const char *name :
-         {"connections", "connect-rate", "messages", "reconnect", "size", "framing", "rate",
-          "segments", "seed", "pause-ms", "close", "linger-ms", "fault"}) {
+    for (const char *name : {"connections", "connect-rate", "messages", "messages-from", "template",
+                             "reconnect", "size", "framing", "rate", "segments", "seed", "pause-ms",
+                             "close", "linger-ms", "fault"}) {
         if (reader.isSet(name) && reader.isSet("replay"))
             reader.fail(QStringLiteral("--%1 does not go with --replay").arg(QLatin1String(name)));
     }
+}
+
+// Where the payloads come from.
+void checkMessages(OptionReader &reader, const Options &options)
+{
+    if (reader.isSet("messages-from") && options.messagesFrom.isEmpty())
+        reader.fail(QStringLiteral("--messages-from wants a file"));
+    if (reader.isSet("messages-as") && !reader.isSet("messages-from"))
+        reader.fail(QStringLiteral("--messages-as needs --messages-from"));
+    for (const char *name : {"messages-from", "template"}) {
+        if (reader.isSet(name) && reader.isSet("size"))
+            reader.fail(QStringLiteral("--size does not go with --%1").arg(QLatin1String(name)));
+        if (reader.isSet(name) && options.fault == Fault::Garbage)
+            reader.fail(QStringLiteral("--fault garbage does not go with --%1")
+                                .arg(QLatin1String(name)));
+    }
+    const bool hasLines = reader.isSet("messages-from");
+    if (options.messageTemplate && options.messageTemplate->hasLine() && !hasLines)
+        reader.fail(QStringLiteral("--template: {line} needs --messages-from"));
+    if (options.messageTemplate && !options.messageTemplate->hasLine() && hasLines)
+        reader.fail(QStringLiteral("--template has no {line}, which --messages-from is for"));
+    if (options.size > options.framing.longestPayload())
+        reader.fail(QStringLiteral("--size: %1 bytes do not fit the framing, which takes %2")
+                            .arg(options.size)
+                            .arg(options.framing.longestPayload()));
 }
 
 // Checks options that are right by themselves but wrong together.
 void checkTogether(OptionReader &reader, const Options &options)
 {
     checkReplay(reader, options);
-    if (options.reconnect > 0 && options.reconnect >= options.messages)
+    checkMessages(reader, options);
+    const bool isCounted = options.messagesFrom.isEmpty() || options.countsMessages;
+    if (isCounted && options.reconnect > 0 && options.reconnect >= options.messages)
         reader.fail(QStringLiteral("--reconnect needs more --messages than reconnections"));
     for (const char *name :
          {"ca", "cert", "key", "tls-version", "insecure", "resume", "record-size", "server-name"}) {

@@ -3,6 +3,9 @@
 
 #pragma once
 
+#include "simulator/framing.h"
+#include "simulator/messagetemplate.h"
+
 #include <QtCore/QList>
 #include <QtCore/QString>
 #include <QtCore/QStringList>
@@ -12,7 +15,13 @@
 
 namespace simulator {
 
-enum class Framing { Lines, Length };
+// How a line of a file stands for a payload.
+enum class MessageSyntax {
+    Text, // with escapes
+    Plain, // as it is
+    Hex,
+    Whole, // the whole file is one payload, line ends included
+};
 enum class Segments { Whole, Byte, Random, Blocks };
 enum class CloseMode { Close, HalfClose, Abort, Stay };
 enum class OutputFormat { Text, Json };
@@ -49,8 +58,12 @@ struct Options
 
     quint64 messages = 1; // per device; 0: until stopped
     quint64 reconnect = 0;
+    bool countsMessages = false; // the count was given
     int size = 64;
-    Framing framing = Framing::Lines;
+    Framing framing;
+    QString messagesFrom; // a file; empty: none
+    MessageSyntax messagesAs = MessageSyntax::Text;
+    std::optional<MessageTemplate> messageTemplate;
     double rate = 0; // messages per second and device; 0: no limit
 
     Segments segments = Segments::Whole;

@@ -43,7 +43,10 @@ void Outbox::gather()
     buffer.remove(0, offset);
     offset = 0;
     const qsizetype before = buffer.size();
-    source.append(buffer, device, nextMessage);
+    if (!source.append(buffer, device, nextMessage)) {
+        refused = nextMessage;
+        return stop();
+    }
     gathered += static_cast<quint64>(buffer.size() - before);
     ends.append(gathered);
     ++nextMessage;

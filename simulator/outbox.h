@@ -39,6 +39,10 @@ public:
     // Begins no further message.
     void stop() { lastMessage = nextMessage - 1; }
 
+    // The message that could not be made, since it does not fit its framing; it and those behind it
+    // are not sent. 0: there is none.
+    quint64 refusedNumber() const { return refused; }
+
     bool isAtEnd() const { return nextMessage > lastMessage && offset == buffer.size(); }
     bool isWithinSegment() const { return rest > 0; }
     quint64 nextNumber() const { return nextMessage; }
@@ -55,6 +59,7 @@ private:
     const quint64 device;
     quint64 nextMessage;
     quint64 lastMessage;
+    quint64 refused = 0;
 
     Segmenter segmenter;
     std::optional<Segmenter::Cut> cut; // of a segment that waits for bytes

@@ -190,9 +190,10 @@ bool Replay::endsWithReset(quint64 device) const
     return of(device).isReset;
 }
 
-void Replay::append(QByteArray &out, quint64 device, quint64 number) const
+bool Replay::append(QByteArray &out, quint64 device, quint64 number) const
 {
     out += of(device).messages.at(static_cast<qsizetype>(number - 1));
+    return true;
 }
 
 const Replay::Connection &Replay::of(quint64 device) const

@@ -50,7 +50,7 @@ public:
     qint64 restUs(quint64 device) const;
     bool endsWithReset(quint64 device) const;
 
-    void append(QByteArray &out, quint64 device, quint64 number) const override;
+    bool append(QByteArray &out, quint64 device, quint64 number) const override;
     qsizetype usualBytes() const override { return 1; }
 
 private:

@@ -99,7 +99,7 @@ void tst_DeviceSimOptions::defaults()
     QCOMPARE(parsed.options.connections, quint64(1));
     QCOMPARE(parsed.options.messages, quint64(1));
     QVERIFY(parsed.options.close == CloseMode::Close);
-    QVERIFY(parsed.options.framing == Framing::Lines);
+    QVERIFY(parsed.options.framing.kind() == Framing::Lines);
     QVERIFY(!parsed.options.tls.enabled);
     QVERIFY(!parsed.options.tls.resume);
     QCOMPARE(parsed.options.tls.recordSize, 0);
@@ -126,7 +126,7 @@ void tst_DeviceSimOptions::readsOptions()
     QCOMPARE(options.messages, quint64(20));
     QCOMPARE(options.reconnect, quint64(4));
     QCOMPARE(options.size, 0);
-    QVERIFY(options.framing == Framing::Length);
+    QVERIFY(options.framing.kind() == Framing::Length);
     QCOMPARE(options.rate, 0.5);
     QVERIFY(options.segments == Segments::Byte);
     QCOMPARE(options.seed, quint32(77));
@@ -183,7 +183,9 @@ void tst_DeviceSimOptions::rejects_data()
     row("--rate nan", "--rate: not a number in range: nan");
     row("--rate inf", "--rate: not a number in range: inf");
     row("--linger-ms -1", "--linger-ms: not a number in range: -1");
-    row("--framing xml", "--framing: unknown value: xml; it takes lines, length");
+    row("--framing xml",
+        "--framing: unknown value: xml; it takes lines, crlf, length [BYTES [big|little [all]]], "
+        "fixed BYTES [FILL], marks START END [ESCAPE [FLIP]], hdlc, none");
     row("--segments half", "--segments: unknown value: half; it takes whole, byte, random, blocks");
     row("--close never", "--close: unknown value: never; it takes close, half-close, abort, stay");
     row("--fault none",
@@ -219,6 +221,21 @@ void tst_DeviceSimOptions::rejects_data()
     row("--replay f --mutate -1", "--mutate: not a number in range: -1");
     row("--replay f --messages 3", "--messages does not go with --replay");
     row("--replay f --close abort", "--close does not go with --replay");
+    row("--messages-from=", "--messages-from wants a file");
+    row("--messages-as hex", "--messages-as needs --messages-from");
+    row("--messages-from f --messages-as xml",
+        "--messages-as: unknown value: xml; it takes text, plain, hex, whole");
+    row("--messages-from f --size 3", "--size does not go with --messages-from");
+    row("--template x --size 3", "--size does not go with --template");
+    row("--template x --fault garbage", "--fault garbage does not go with --template");
+    row("--template {line}", "--template: {line} needs --messages-from");
+    row("--messages-from f --template x", "--template has no {line}, which --messages-from is for");
+    row("--messages-from f --messages 2 --reconnect 2",
+        "--reconnect needs more --messages than reconnections");
+    row("--replay f --template x", "--template does not go with --replay");
+    row("--replay f --messages-from g", "--messages-from does not go with --replay");
+    row("--template \\q",
+        "--template: unknown escape: \\q; there are \\n, \\r, \\t, \\0, \\\\, \\{ and \\xNN");
     row("--fault garbage --size 0", "--fault garbage needs a --size");
 }
 

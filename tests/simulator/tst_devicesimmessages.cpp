@@ -1,0 +1,191 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "tests/simulator/simulatortest.h"
+
+#include <QtTest/QTest>
+
+using namespace simulatortest;
+
+// The program devicesim: messages that are given to it.
+class tst_DeviceSimMessages : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void playsFiles_data();
+    void playsFiles();
+    void eachDeviceSendsAll();
+    void linesGoIntoTemplates();
+    void spreadsThemOverConnections();
+    void refusesFiles_data();
+    void refusesFiles();
+    void endsWhereOneDoesNotFit();
+
+private:
+    QString made(const QByteArray &content);
+
+    QTemporaryDir folder;
+};
+
+void tst_DeviceSimMessages::initTestCase()
+{
+    QVERIFY(folder.isValid());
+}
+
+QString tst_DeviceSimMessages::made(const QByteArray &content)
+{
+    QFile file(folder.filePath(text("messages")));
+    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
+        qFatal("the file cannot be written");
+    return file.fileName();
+}
+
+void tst_DeviceSimMessages::playsFiles_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<QByteArray>("options");
+    QTest::addColumn<QByteArray>("sent");
+    QTest::newRow("text") << QByteArray("one\ntwo\\x00\n") << QByteArray()
+                          << QByteArray("one\ntwo\0\n", 9);
+    QTest::newRow("again") << QByteArray("one\ntwo\n") << QByteArray("--messages 3")
+                           << QByteArray("one\ntwo\none\n");
+    QTest::newRow("fewer") << QByteArray("one\ntwo\n") << QByteArray("--messages 1")
+                           << QByteArray("one\n");
+    QTest::newRow("hex") << QByteArray("00 01\nff\n")
+                         << QByteArray("--messages-as hex --framing crlf")
+                         << QByteArray("\0\1\r\n\xff\r\n", 7);
+    QTest::newRow("plain") << QByteArray("a\\x00\n") << QByteArray("--messages-as plain")
+                           << QByteArray("a\\x00\n");
+    QTest::newRow("raw") << QByteArray("\0\1\n\2", 4)
+                         << QByteArray("--messages-as whole --framing none")
+                         << QByteArray("\0\1\n\2", 4);
+    QTest::newRow("byte by byte") << QByteArray("one\ntwo\n") << QByteArray("--segments byte")
+                                  << QByteArray("one\ntwo\n");
+    QTest::newRow("random cuts") << QByteArray("one\ntwo\n")
+                                 << QByteArray("--segments random --messages 4")
+                                 << QByteArray("one\ntwo\none\ntwo\n");
+}
+
+void tst_DeviceSimMessages::playsFiles()
+{
+    QFETCH(const QByteArray, content);
+    QFETCH(const QByteArray, options);
+    QFETCH(const QByteArray, sent);
+    Receiver receiver;
+    QVERIFY(receiver.listen(testAddress()));
+    Simulator simulator;
+    simulator.start(receiver,
+                    QStringList{text("--messages-from"), made(content)}
+                            + words(options.constData()));
+    QVERIFY(simulator.waitForEnd());
+    QVERIFY2(simulator.exitCode() == 0, simulator.errors().constData());
+    QTRY_COMPARE(receiver.peers.size(), 1);
+    QTRY_COMPARE(receiver.peers.first()->ended, Peer::Fin);
+    QCOMPARE(receiver.peers.first()->bytes, sent);
+    QCOMPARE(number(simulator.connection(), "bytes"), sent.size());
+}
+
+void tst_DeviceSimMessages::eachDeviceSendsAll()
+{
+    Receiver receiver;
+    QVERIFY(receiver.listen(testAddress()));
+    Simulator simulator;
+    simulator.start(
+            receiver,
+            {text("--messages-from"), made("one\ntwo\n"), text("--connections"), text("20")});
+    QVERIFY(simulator.waitForEnd());
+    QCOMPARE(simulator.exitCode(), 0);
+    QTRY_COMPARE(receiver.peers.size(), 20);
+    QTRY_COMPARE(receiver.openPeers(), 0);
+    for (const Peer *peer : receiver.peers)
+        QCOMPARE(peer->bytes, QByteArray("one\ntwo\n"));
+    QCOMPARE(number(simulator.summary(), "messages"), 40);
+}
+
+void tst_DeviceSimMessages::linesGoIntoTemplates()
+{
+    Receiver receiver;
+    QVERIFY(receiver.listen(testAddress()));
+    Simulator simulator;
+    simulator.start(receiver,
+                    {text("--messages-from"), made("one\ntwo\n"), text("--template"),
+                     text("{\"n\":{number},\"text\":\"{line}\"}")});
+    QVERIFY(simulator.waitForEnd());
+    QCOMPARE(simulator.exitCode(), 0);
+    QTRY_COMPARE(receiver.peers.size(), 1);
+    QTRY_COMPARE(receiver.peers.first()->ended, Peer::Fin);
+    QCOMPARE(receiver.peers.first()->bytes,
+             QByteArray("{\"n\":1,\"text\":\"one\"}\n{\"n\":2,\"text\":\"two\"}\n"));
+}
+
+void tst_DeviceSimMessages::spreadsThemOverConnections()
+{
+    Receiver receiver;
+    QVERIFY(receiver.listen(testAddress()));
+    Simulator simulator;
+    simulator.start(receiver,
+                    QStringList{text("--messages-from"), made("one\ntwo\nthree\n")}
+                            + words("--reconnect 2 --close half-close"));
+    QVERIFY(simulator.waitForEnd());
+    QCOMPARE(simulator.exitCode(), 0);
+    QTRY_COMPARE(receiver.peers.size(), 3);
+    QTRY_COMPARE(receiver.openPeers(), 0);
+    QCOMPARE(receiver.peers.at(0)->bytes, QByteArray("one\n"));
+    QCOMPARE(receiver.peers.at(1)->bytes, QByteArray("two\n"));
+    QCOMPARE(receiver.peers.at(2)->bytes, QByteArray("three\n"));
+}
+
+void tst_DeviceSimMessages::refusesFiles_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<QByteArray>("options");
+    QTest::addColumn<QByteArray>("complaint"); // behind the name of the file
+    QTest::newRow("escape") << QByteArray("one\ntwo\\\n") << QByteArray()
+                            << QByteArray(", line 2: unknown escape: \\; there are ");
+    QTest::newRow("framing") << QByteArray("abc\n") << QByteArray("--framing fixed~2")
+                             << QByteArray(", line 1: 3 bytes do not fit the framing\n");
+    QTest::newRow("nothing to send") << QByteArray("abc\n\n") << QByteArray("--framing none")
+                                     << QByteArray(", line 2: 0 bytes do not fit the framing\n");
+    QTest::newRow("empty") << QByteArray() << QByteArray()
+                           << QByteArray(": there is no message in it\n");
+}
+
+void tst_DeviceSimMessages::refusesFiles()
+{
+    QFETCH(const QByteArray, content);
+    QFETCH(const QByteArray, options);
+    QFETCH(const QByteArray, complaint);
+    QStringList arguments = words(options.constData());
+    arguments.replaceInStrings(text("~"), text(" "));
+    const QString file = made(content);
+    Simulator simulator;
+    simulator.start(arguments + QStringList{text("--messages-from"), file});
+    QVERIFY(simulator.waitForEnd());
+    QCOMPARE(simulator.exitCode(), 2);
+    const QByteArray errors = simulator.errors();
+    QVERIFY2(errors.startsWith("devicesim: " + file.toLocal8Bit() + complaint), errors.constData());
+}
+
+// Numbers become longer.
+void tst_DeviceSimMessages::endsWhereOneDoesNotFit()
+{
+    Receiver receiver;
+    QVERIFY(receiver.listen(testAddress()));
+    Simulator simulator;
+    simulator.start(receiver,
+                    {text("--template"), text("n{number}"), text("--framing"), text("fixed 2"),
+                     text("--messages"), text("20")});
+    QVERIFY(simulator.waitForEnd());
+    QCOMPARE(simulator.exitCode(), 1);
+    QTRY_COMPARE(receiver.peers.size(), 1);
+    QTRY_COMPARE(receiver.peers.first()->ended, Peer::Fin);
+    QCOMPARE(receiver.peers.first()->bytes, QByteArray("n1n2n3n4n5n6n7n8n9"));
+    QCOMPARE(simulator.connection().value(text("error")).toString(),
+             text("message 10 does not fit the framing"));
+    QCOMPARE(number(simulator.connection(), "messages"), 9);
+}
+
+QTEST_GUILESS_MAIN(tst_DeviceSimMessages)
+#include "tst_devicesimmessages.moc"

@@ -3,6 +3,8 @@
 
 #include "simulator/content.h"
 
+#include "simulator/scriptreader.h"
+
 #include <QtCore/QFile>
 
 namespace simulator {
@@ -18,6 +20,8 @@ bool Content::load()
 {
     if (!options.replayFile.isEmpty())
         return loadReplay();
+    if (!options.scriptFile.isEmpty())
+        return loadScript();
     return options.messagesFrom.isEmpty() || loadLines();
 }
 
@@ -45,6 +49,16 @@ bool Content::loadLines()
     return true;
 }
 
+bool Content::loadScript()
+{
+    QFile file(options.scriptFile);
+    if (!file.open(QIODevice::ReadOnly))
+        return fail(QStringLiteral("%1: %2").arg(options.scriptFile, file.errorString()));
+    ScriptReader reader;
+    steps = reader.read(file, options.scriptFile);
+    return steps.has_value() || fail(reader.errorString());
+}
+
 QString Content::warning() const
 {
     const QString text = recorded.warning();
@@ -63,6 +77,11 @@ const MessageSource &Content::messages() const
 const Replay *Content::replay() const
 {
     return options.replayFile.isEmpty() ? nullptr : &recorded;
+}
+
+const Script *Content::script() const
+{
+    return steps ? &*steps : nullptr;
 }
 
 bool Content::fail(const QString &text)

@@ -7,12 +7,15 @@
 #include "simulator/filelines.h"
 #include "simulator/messageformat.h"
 #include "simulator/replay.h"
+#include "simulator/script.h"
+
+#include <optional>
 
 namespace simulator {
 
 /*!
     What the devices of a run say, as the options ask for: numbered messages, those of a file or a
-    template, or a recording.
+    template, a script, or a recording.
 
     Thread: the main thread.
 */
@@ -30,16 +33,19 @@ public:
 
     const MessageSource &messages() const;
     const Replay *replay() const; // null: there is none
+    const Script *script() const; // null: there is none
 
 private:
     bool loadReplay();
     bool loadLines();
+    bool loadScript();
     bool fail(const QString &text);
 
     Options &options;
     const MessageFormat numbered;
     Replay recorded;
     FileLines lines;
+    std::optional<Script> steps;
     const ComposedMessages composed;
     QString error;
 };

@@ -3,46 +3,19 @@
 
 #include "simulator/device.h"
 
+#include "simulator/course.h"
 #include "simulator/deviceconnection.h"
-#include "simulator/pace.h"
-#include "simulator/replay.h"
 #include "simulator/run.h"
-#include "simulator/timetable.h"
 
-#include <limits>
+#include <QtCore/QTimerEvent>
 
 namespace simulator {
-namespace {
-
-// Number of the last message that a device sends over its first `connection` connections.
-quint64 lastMessage(const Options &options, quint64 connection)
-{
-    const bool saysNothing =
-            options.fault == Fault::Silent || options.fault == Fault::AbortHandshake;
-    if (connection == 0 || saysNothing)
-        return 0;
-    if (options.messages == 0)
-        return std::numeric_limits<quint64>::max();
-    const quint64 connections = options.reconnect + 1;
-    const quint64 share = options.messages / connections;
-    return share * connection + qMin(connection, options.messages % connections);
-}
-
-std::unique_ptr<Schedule> scheduleOf(const Run &run, quint64 device)
-{
-    if (run.replay)
-        return std::make_unique<Timetable>(run.replay->messageTimes(device), run.options.speed);
-    return std::make_unique<Pace>(run.options.rate);
-}
-
-} // namespace
 
 Device::Device(QObject *parent, const Run &sharedRun, quint64 deviceNumber)
     : QObject(parent),
       run(sharedRun),
       number(deviceNumber),
-      lastConnection(sharedRun.options.reconnect + 1),
-      schedule(scheduleOf(sharedRun, deviceNumber))
+      course(courseOf(sharedRun, deviceNumber))
 {}
 
 Device::~Device() = default;
@@ -57,6 +30,8 @@ void Device::stop()
     stopping = true;
     if (connection)
         connection->stop();
+    else if (pause.isActive())
+        pause.start(0, this);
 }
 
 void Device::abandon()
@@ -73,16 +48,17 @@ quint64 Device::openMessages() const
 void Device::connectNext()
 {
     const Options &options = run.options;
-    const quint64 first = lastMessageOf(connectionNumber) + 1;
+    course->next();
     ++connectionNumber;
+    const MessageSource &source = course->source();
+    const Course::Messages messages = course->messages();
     const RandomSource cuts({options.seed, number, connectionNumber});
-    Outbox outbox(run.messages, Segmenter(options.segments, run.messages.usualBytes(), cuts),
-                  number, first, lastMessageOf(connectionNumber), options.checksum);
+    Outbox outbox(source, Segmenter(options.segments, source.usualBytes(), cuts), number,
+                  messages.first, messages.last, options.checksum);
     ConnectionRecord numbers;
     numbers.device = number;
     numbers.connection = connectionNumber;
-    connection = std::make_unique<DeviceConnection>(run, numbers, std::move(outbox), *schedule,
-                                                    ending());
+    connection = std::make_unique<DeviceConnection>(run, numbers, std::move(outbox), *course);
     // Queued: the slot deletes the connection, which may emit finished() within a call from here.
     connect(connection.get(), &DeviceConnection::finished, this, &Device::onConnectionFinished,
             Qt::QueuedConnection);
@@ -90,19 +66,15 @@ void Device::connectNext()
     connection->open();
 }
 
-quint64 Device::lastMessageOf(quint64 firstConnections) const
+void Device::timerEvent(QTimerEvent *event)
 {
-    if (!run.replay)
-        return lastMessage(run.options, firstConnections);
-    return firstConnections == 0 ? 0 : run.replay->messageCount(number);
-}
-
-Ending Device::ending() const
-{
-    if (!run.replay)
-        return endingFor(run.options, connectionNumber == lastConnection);
-    return recordedEnding(run.options, run.replay->restUs(number),
-                          run.replay->endsWithReset(number));
+    if (event->timerId() != pause.timerId())
+        return QObject::timerEvent(event);
+    pause.stop();
+    if (stopping)
+        Q_EMIT finished(this);
+    else
+        connectNext();
 }
 
 void Device::onConnectionOpened()
@@ -120,10 +92,12 @@ void Device::onConnectionFinished()
     Q_EMIT connectionEnded(record);
 
     // Not after a failure: the messages that it left unsent would be missing in the numbering.
-    if (!stopping && !record.failed && connectionNumber < lastConnection)
-        connectNext();
-    else
+    if (stopping || record.failed || !course->hasNext())
         Q_EMIT finished(this);
+    else if (course->pauseMs() > 0)
+        pause.start(static_cast<int>(course->pauseMs()), Qt::PreciseTimer, this);
+    else
+        connectNext();
 }
 
 } // namespace simulator

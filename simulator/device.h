@@ -4,16 +4,16 @@
 #pragma once
 
 #include "simulator/report.h"
-#include "simulator/schedule.h"
 
+#include <QtCore/QBasicTimer>
 #include <QtCore/QObject>
 
 #include <memory>
 
 namespace simulator {
 
+class Course;
 class DeviceConnection;
-struct Ending;
 struct Run;
 
 /*!
@@ -50,21 +50,22 @@ Q_SIGNALS:
     // QObject::sender() is slow for a receiver with thousands of senders.
     void finished(Device *device);
 
+protected:
+    void timerEvent(QTimerEvent *event) override;
+
 private Q_SLOTS:
     void onConnectionOpened();
     void onConnectionFinished();
 
 private:
     void connectNext();
-    quint64 lastMessageOf(quint64 firstConnections) const;
-    Ending ending() const;
 
     const Run &run;
     const quint64 number;
-    const quint64 lastConnection;
     quint64 connectionNumber = 0;
     bool stopping = false;
-    const std::unique_ptr<Schedule> schedule; // one for all connections of the device
+    const std::unique_ptr<Course> course;
+    QBasicTimer pause; // between two connections
     std::unique_ptr<DeviceConnection> connection;
 };
 

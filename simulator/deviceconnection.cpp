@@ -3,6 +3,7 @@
 
 #include "simulator/deviceconnection.h"
 
+#include "simulator/course.h"
 #include "simulator/plainchannel.h"
 #include "simulator/run.h"
 #include "simulator/schedule.h"
@@ -31,12 +32,12 @@ QHostAddress sourceFor(const Options &options, quint64 device)
 } // namespace
 
 DeviceConnection::DeviceConnection(const Run &sharedRun, const ConnectionRecord &numbers,
-                                   Outbox &&toSend, Schedule &deviceSchedule,
-                                   const Ending &finalEnding)
+                                   Outbox &&toSend, Course &deviceCourse)
     : run(sharedRun),
       outbox(std::move(toSend)),
-      schedule(deviceSchedule),
-      ending(finalEnding),
+      course(deviceCourse),
+      schedule(course.schedule()),
+      ending(course.ending()),
       pauses({run.options.seed, numbers.device, numbers.connection, PauseStream}),
       record(numbers)
 {
@@ -201,12 +202,8 @@ bool DeviceConnection::sendOne()
         return false;
     }
     const QByteArrayView segment = outbox.segment(schedule.due());
-    if (segment.isEmpty() && outbox.isAtEnd()) {
-        endSending();
-        return false;
-    }
     if (segment.isEmpty()) {
-        wait(schedule.msUntil(outbox.nextNumber()));
+        waitUntilDue();
         return false;
     }
     const IoResult result = channel->send(segment);
@@ -237,6 +234,19 @@ bool DeviceConnection::pause()
     const auto spread = static_cast<quint32>(options.pauseMaxMs - options.pauseMinMs);
     wait(options.pauseMinMs + static_cast<int>(pauses.below(spread + 1)));
     return true;
+}
+
+// Nothing is due: the next message is later, or there is none.
+void DeviceConnection::waitUntilDue()
+{
+    if (!outbox.isAtEnd() && course.endsAfter(outbox.nextNumber() - 1)) {
+        outbox.stop();
+        ending = course.ending();
+    }
+    if (outbox.isAtEnd())
+        endSending();
+    else
+        wait(schedule.msUntil(outbox.nextNumber()));
 }
 
 void DeviceConnection::wait(int ms)
@@ -312,7 +322,8 @@ void DeviceConnection::waitIsOver()
 void DeviceConnection::peerClosed()
 {
     if (state == State::Sending && run.options.fault == Fault::None)
-        return fail(QStringLiteral("closed by the peer before everything was sent"));
+        return fail(run.script ? QStringLiteral("closed by the peer before the script had ended")
+                               : QStringLiteral("closed by the peer before everything was sent"));
     if (state == State::Ending && ending.then == Ending::Then::Reset) {
         readable.setEnabled(false); // the connection is reset nevertheless
         return;

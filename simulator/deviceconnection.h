@@ -17,12 +17,13 @@
 
 namespace simulator {
 
+class Course;
 class Schedule;
 struct Run;
 
 /*!
-    One TCP connection from connecting to its end: sends its outbox as the schedule says, then ends
-   as its Ending says.
+    One TCP connection from connecting to its end: sends its outbox and ends, both as the course
+    says.
 
     Thread: the main thread. Non-blocking; every function returns at once.
     Owner:  the Device.
@@ -32,10 +33,10 @@ class DeviceConnection : public QObject
     Q_OBJECT
 
 public:
-    // numbers: only its device and connection are used. deviceSchedule: is started when the
-    // connection is open.
+    // numbers: only its device and connection are used. deviceCourse: its schedule is started when
+    // the connection is open.
     DeviceConnection(const Run &sharedRun, const ConnectionRecord &numbers, Outbox &&toSend,
-                     Schedule &deviceSchedule, const Ending &finalEnding);
+                     Course &deviceCourse);
 
     // Call once.
     void open();
@@ -74,6 +75,7 @@ private:
     void pump();
     bool sendOne();
     bool pause();
+    void waitUntilDue();
     void wait(int ms);
 
     void endSending();
@@ -87,7 +89,8 @@ private:
 
     const Run &run;
     Outbox outbox;
-    Schedule &schedule;
+    Course &course;
+    Schedule &schedule; // the course's
     Ending ending;
     RandomSource pauses;
     ConnectionRecord record;

@@ -12,11 +12,11 @@ constexpr double UsPerMs = 1e3;
 constexpr double LongestMs = std::numeric_limits<int>::max();
 constexpr int TlsCloseMs = 5000; // for a peer that does not answer our close_notify
 
-Ending wait(const Options &options)
+Ending wait(int ms)
 {
     Ending ending;
     ending.then = Ending::Then::AwaitPeer;
-    ending.waitMs = options.lingerMs;
+    ending.waitMs = ms;
     return ending;
 }
 
@@ -27,24 +27,9 @@ Ending abortHandshake()
     return ending;
 }
 
-Ending stay(const Options &options)
-{
-    Ending ending = wait(options);
-    ending.afterWait = Ending::AfterWait::Close;
-    return ending;
-}
-
-Ending halfClose(const Options &options)
-{
-    Ending ending = wait(options);
-    ending.closeNotify = true;
-    ending.shutdownWrite = true;
-    return ending;
-}
-
 Ending closeNotifyOnly(const Options &options)
 {
-    Ending ending = wait(options);
+    Ending ending = wait(options.lingerMs);
     ending.closeNotify = true;
     ending.ignoreTls = true;
     return ending;
@@ -63,7 +48,7 @@ Ending endingFor(const Options &options, bool isLast)
 {
     switch (options.fault) {
     case Fault::Silent:
-        return wait(options);
+        return wait(options.lingerMs);
     case Fault::AbortHandshake:
         return abortHandshake();
     case Fault::CloseNotifyOnly:
@@ -76,11 +61,11 @@ Ending endingFor(const Options &options, bool isLast)
     }
     switch (options.close) {
     case CloseMode::HalfClose:
-        return halfClose(options);
+        return halfClose(options.lingerMs);
     case CloseMode::Abort:
         return resetEnding();
     case CloseMode::Stay:
-        return isLast ? stay(options) : orderlyClose(options);
+        return isLast ? stay(options.lingerMs) : orderlyClose(options);
     case CloseMode::Close:
         break;
     }
@@ -97,6 +82,21 @@ Ending recordedEnding(const Options &options, qint64 restUs, bool isReset)
     return ending;
 }
 
+Ending stay(int ms)
+{
+    Ending ending = wait(ms);
+    ending.afterWait = Ending::AfterWait::Close;
+    return ending;
+}
+
+Ending halfClose(int ms)
+{
+    Ending ending = wait(ms);
+    ending.closeNotify = true;
+    ending.shutdownWrite = true;
+    return ending;
+}
+
 Ending resetEnding()
 {
     Ending ending;
@@ -110,9 +110,7 @@ Ending orderlyClose(const Options &options)
         return {};
     // The peer's session tickets may be unread, or still on their way. Closing the socket then
     // would reset the connection, and bytes that the kernel has not sent yet would be lost.
-    Ending ending = halfClose(options);
-    ending.waitMs = TlsCloseMs;
-    return ending;
+    return halfClose(TlsCloseMs);
 }
 
 } // namespace simulator

@@ -36,6 +36,12 @@ Ending recordedEnding(const Options &options, qint64 restUs, bool isReset);
 
 Ending resetEnding();
 
+// Waits for the peer to close, and closes after so many milliseconds; -1: no limit.
+Ending stay(int ms);
+
+// Sends the end, and waits for that of the peer, at most so many milliseconds; -1: no limit.
+Ending halfClose(int ms);
+
 // An ending that loses nothing and takes no longer than necessary.
 Ending orderlyClose(const Options &options);
 

@@ -54,6 +54,19 @@ Faulty devices (--fault); what the peer does then does not count as a failure:
     close-notify-only      ends TLS with close_notify and keeps TCP open
     close-without-reading  closes without having read what the peer sent after the handshake
 
+A script (--script) has a step a line; each device plays it:
+    send TEXT             sends a message; TEXT is a template
+    send-raw TEXT         sends these bytes without any framing
+    pause TIME            waits, after everything before was sent: 200ms, 1.5s, 2min, 1h
+    repeat N ... end      plays the lines in between N times, and without N for ever
+    close, reset          ends the connection
+    half-close            sends FIN and waits for the peer to close; a line wait-close TIME behind it
+                          limits that
+    wait-close [TIME]     waits for the peer to close, then closes; at most so long
+    # ...                 is a comment
+The first step connects. So does the next one behind a step that has ended the connection. At its end
+the script closes.
+
 SIGUSR1 writes a line with the numbers so far to standard error.
 A recording of inputhost --record is played by --replay: each recorded connection is a device, which
 connects at its time, sends what came together at its time, and ends as recorded: a reset as reset, any
@@ -82,6 +95,7 @@ Examples:
     devicesim --messages 100 --rate 1 --framing crlf \
         --template '${begin}GPTXT,{device},{time:hhmmss.zzz}{end}*{xor8}'
     devicesim --messages-from positions.hex --messages-as hex --framing 'length 2 big'
+    devicesim --script login.txt --connections 50
     devicesim --tls --ca ca.pem --cert device.pem --key device.key --server-name receiver.example
 
 Exit status: 0 everything was sent; 1 a connection failed or was cut short; 2 wrong command line or
@@ -167,6 +181,7 @@ QList<QCommandLineOption> knownOptions()
              "Most bytes of a TLS record, 512 to 16384, before encryption. Default: 16384.",
              "bytes"},
             {"server-name", "Name expected in the certificate. Default: the host.", "name"},
+            {"script", "Each device plays this script, see above.", "file"},
             {"replay", "Play a recording; the devices' own options do not go with it.", "file"},
             {"speed", "Of the replay: 1 to 100 times as fast, or max. Default: 1.", "speed"},
             {"mutate", "Change the recorded bytes, the same way for the same number.", "seed"},

@@ -115,7 +115,7 @@ int main(int argc, char **argv)
     if (tls && !tls->error().isEmpty())
         return complain(tls->error(), Usage);
 
-    Run run{options, peer, content.messages(), tls.get(), content.replay(), {}};
+    Run run{options, peer, content.messages(), tls.get(), content.replay(), content.script(), {}};
     run.clock.start();
     return runFleet(run);
 }

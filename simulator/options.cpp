@@ -74,6 +74,7 @@ void readOptions(OptionReader &reader, Options &options)
     options.tls.resume = reader.isSet("resume");
     reader.number<int>("record-size", options.tls.recordSize, MinRecordBytes, MaxRecordBytes);
     reader.string("server-name", options.tls.serverName);
+    reader.string("script", options.scriptFile);
     reader.string("replay", options.replayFile);
     reader.speed(options.speed);
     reader.mutation(options.mutateSeed);
@@ -92,11 +93,28 @@ void checkReplay(OptionReader &reader, const Options &options)
             reader.fail(QStringLiteral("--%1 needs --replay").arg(QLatin1String(name)));
     }
     for (const char *name : {"connections", "connect-rate", "messages", "messages-from", "template",
-                             "reconnect", "size", "framing", "rate", "segments", "seed", "pause-ms",
-                             "close", "linger-ms", "fault"}) {
+                             "script", "reconnect", "size", "framing", "rate", "segments", "seed",
+                             "pause-ms", "close", "linger-ms", "fault"}) {
         if (reader.isSet(name) && reader.isSet("replay"))
             reader.fail(QStringLiteral("--%1 does not go with --replay").arg(QLatin1String(name)));
     }
+}
+
+// A script says what each device does.
+void checkScript(OptionReader &reader, const Options &options)
+{
+    if (!reader.isSet("script"))
+        return;
+    if (options.scriptFile.isEmpty())
+        reader.fail(QStringLiteral("--script wants a file"));
+    for (const char *name : {"messages", "messages-from", "template", "reconnect", "size", "rate",
+                             "pause-ms", "close", "linger-ms", "fault"}) {
+        if (reader.isSet(name))
+            reader.fail(QStringLiteral("--%1 does not go with --script").arg(QLatin1String(name)));
+    }
+    // Its pauses are between the writes.
+    if (options.segments == Segments::Random || options.segments == Segments::Blocks)
+        reader.fail(QStringLiteral("--script needs --segments whole or byte"));
 }
 
 // Where the payloads come from.
@@ -129,6 +147,7 @@ void checkTogether(OptionReader &reader, const Options &options)
 {
     checkReplay(reader, options);
     checkMessages(reader, options);
+    checkScript(reader, options);
     const bool isCounted = options.messagesFrom.isEmpty() || options.countsMessages;
     if (isCounted && options.reconnect > 0 && options.reconnect >= options.messages)
         reader.fail(QStringLiteral("--reconnect needs more --messages than reconnections"));

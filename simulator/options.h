@@ -64,6 +64,7 @@ struct Options
     QString messagesFrom; // a file; empty: none
     MessageSyntax messagesAs = MessageSyntax::Text;
     std::optional<MessageTemplate> messageTemplate;
+    QString scriptFile; // empty: none
     double rate = 0; // messages per second and device; 0: no limit
 
     Segments segments = Segments::Whole;

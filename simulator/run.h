@@ -12,6 +12,7 @@
 namespace simulator {
 
 class Replay;
+struct Script;
 class TlsContext;
 
 /*!
@@ -24,6 +25,7 @@ struct Run
     const MessageSource &messages;
     const TlsContext *tls = nullptr; // null: no TLS handshake
     const Replay *replay = nullptr; // null: the messages are made, and not from a recording
+    const Script *script = nullptr; // null: there is none
     QElapsedTimer clock; // all reported times count from its start
 };
 

@@ -2,7 +2,8 @@
 # SPDX-License-Identifier: MIT
 
 # The simulator's parts that use neither sockets nor timers.
-foreach(name IN ITEMS tst_devicesimoptions tst_devicesimparts tst_messageparts tst_replayparts)
+foreach(name IN ITEMS tst_devicesimoptions tst_devicesimparts tst_messageparts tst_replayparts
+        tst_scriptparts)
     plugin_test(${name})
     target_link_libraries(${name} PRIVATE devicesim_core)
 endforeach()
@@ -12,7 +13,8 @@ target_link_libraries(tst_messageparts PRIVATE TcpInputPlugin2::framework)
 
 # The program.
 foreach(name IN ITEMS
-        tst_devicesimfaults tst_devicesimmessages tst_devicesimreport tst_devicesimsending tst_devicesimtls)
+        tst_devicesimfaults tst_devicesimmessages tst_devicesimreport tst_devicesimscripts
+        tst_devicesimsending tst_devicesimtls)
     plugin_test(${name} 300)
     target_link_libraries(${name} PRIVATE devicesim_core)
     target_compile_definitions(${name} PRIVATE DEVICESIM_FILE="$<TARGET_FILE:devicesim>")

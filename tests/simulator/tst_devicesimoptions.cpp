@@ -232,6 +232,11 @@ void tst_DeviceSimOptions::rejects_data()
     row("--messages-from f --template x", "--template has no {line}, which --messages-from is for");
     row("--messages-from f --messages 2 --reconnect 2",
         "--reconnect needs more --messages than reconnections");
+    row("--script=", "--script wants a file");
+    row("--script f --messages 2", "--messages does not go with --script");
+    row("--script f --close stay", "--close does not go with --script");
+    row("--script f --segments random", "--script needs --segments whole or byte");
+    row("--replay f --script g", "--script does not go with --replay");
     row("--replay f --template x", "--template does not go with --replay");
     row("--replay f --messages-from g", "--messages-from does not go with --replay");
     row("--template \\q",

@@ -7,14 +7,11 @@
 
 #include <QtCore/QFile>
 
+#include <unistd.h>
+
 namespace simulator {
 
-Content::Content(Options &given)
-    : options(given),
-      numbered(given),
-      recorded(given),
-      composed(given, given.messagesFrom.isEmpty() ? nullptr : &lines)
-{}
+Content::Content(Options &given) : options(given), numbered(given), recorded(given) {}
 
 bool Content::load()
 {
@@ -22,7 +19,18 @@ bool Content::load()
         return loadReplay();
     if (!options.scriptFile.isEmpty())
         return loadScript();
-    return options.messagesFrom.isEmpty() || loadLines();
+    const LineSource *source = nullptr;
+    if (options.readsInput() && InputLines::isStream(STDIN_FILENO)) {
+        inputLines = std::make_unique<InputLines>(STDIN_FILENO, options);
+        source = inputLines.get();
+    } else if (!options.messagesFrom.isEmpty()) {
+        if (!loadLines())
+            return false;
+        source = &lines;
+    }
+    if (source || options.messageTemplate)
+        composed = std::make_unique<ComposedMessages>(options, source);
+    return true;
 }
 
 bool Content::loadReplay()
@@ -35,12 +43,16 @@ bool Content::loadReplay()
 
 bool Content::loadLines()
 {
+    const QString name =
+            options.readsInput() ? QStringLiteral("standard input") : options.messagesFrom;
     QFile file(options.messagesFrom);
-    if (!file.open(QIODevice::ReadOnly))
-        return fail(QStringLiteral("%1: %2").arg(options.messagesFrom, file.errorString()));
+    const bool isOpen = options.readsInput() ? file.open(STDIN_FILENO, QIODevice::ReadOnly)
+                                             : file.open(QIODevice::ReadOnly);
+    if (!isOpen)
+        return fail(QStringLiteral("%1: %2").arg(name, file.errorString()));
     // What a template makes of a line is known only when it is sent.
     const Framing *framing = options.messageTemplate ? nullptr : &options.framing;
-    if (!lines.load(file, options.messagesFrom, options.messagesAs, framing))
+    if (!lines.load(file, name, options.messagesAs, framing))
         return fail(lines.errorString());
     if (!options.countsMessages)
         options.messages = lines.count();
@@ -69,14 +81,17 @@ const MessageSource &Content::messages() const
 {
     if (!options.replayFile.isEmpty())
         return recorded;
-    if (!options.messagesFrom.isEmpty() || options.messageTemplate)
-        return composed;
-    return numbered;
+    return composed ? static_cast<const MessageSource &>(*composed) : numbered;
 }
 
 const Replay *Content::replay() const
 {
     return options.replayFile.isEmpty() ? nullptr : &recorded;
+}
+
+InputLines *Content::input() const
+{
+    return inputLines.get();
 }
 
 const Script *Content::script() const

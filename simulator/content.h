@@ -5,17 +5,19 @@
 
 #include "simulator/composedmessages.h"
 #include "simulator/filelines.h"
+#include "simulator/inputlines.h"
 #include "simulator/messageformat.h"
 #include "simulator/replay.h"
 #include "simulator/script.h"
 
+#include <memory>
 #include <optional>
 
 namespace simulator {
 
 /*!
-    What the devices of a run say, as the options ask for: numbered messages, those of a file or a
-    template, a script, or a recording.
+    What the devices of a run say, as the options ask for: numbered messages, those of a
+    file, of standard input or of a template, a script, or a recording.
 
     Thread: the main thread.
 */
@@ -34,6 +36,7 @@ public:
     const MessageSource &messages() const;
     const Replay *replay() const; // null: there is none
     const Script *script() const; // null: there is none
+    InputLines *input() const; // null: standard input is not read, or was read as a whole
 
 private:
     bool loadReplay();
@@ -45,8 +48,9 @@ private:
     const MessageFormat numbered;
     Replay recorded;
     FileLines lines;
+    std::unique_ptr<InputLines> inputLines;
     std::optional<Script> steps;
-    const ComposedMessages composed;
+    std::unique_ptr<ComposedMessages> composed;
     QString error;
 };
 

@@ -3,6 +3,7 @@
 
 #include "simulator/course.h"
 
+#include "simulator/inputcourse.h"
 #include "simulator/pace.h"
 #include "simulator/replay.h"
 #include "simulator/run.h"
@@ -95,6 +96,8 @@ std::unique_ptr<Course> courseOf(const Run &run, quint64 device)
         return std::make_unique<ReplayCourse>(run, device);
     if (run.script)
         return std::make_unique<ScriptCourse>(run, *run.script);
+    if (run.input)
+        return std::make_unique<InputCourse>(run, *run.input, device);
     return std::make_unique<CountedCourse>(run);
 }
 

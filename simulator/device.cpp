@@ -5,6 +5,7 @@
 
 #include "simulator/course.h"
 #include "simulator/deviceconnection.h"
+#include "simulator/inputlines.h"
 #include "simulator/run.h"
 
 #include <QtCore/QTimerEvent>
@@ -16,7 +17,10 @@ Device::Device(QObject *parent, const Run &sharedRun, quint64 deviceNumber)
       run(sharedRun),
       number(deviceNumber),
       course(courseOf(sharedRun, deviceNumber))
-{}
+{
+    if (run.input)
+        connect(run.input, &InputLines::came, this, &Device::onInputCame);
+}
 
 Device::~Device() = default;
 
@@ -81,6 +85,12 @@ void Device::onConnectionOpened()
 {
     if (connectionNumber == 1)
         Q_EMIT opened();
+}
+
+void Device::onInputCame()
+{
+    if (connection)
+        connection->goOn();
 }
 
 void Device::onConnectionFinished()

@@ -55,6 +55,7 @@ protected:
 
 private Q_SLOTS:
     void onConnectionOpened();
+    void onInputCame();
     void onConnectionFinished();
 
 private:

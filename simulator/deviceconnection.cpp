@@ -59,6 +59,14 @@ void DeviceConnection::open()
     writable.setEnabled(true);
 }
 
+void DeviceConnection::goOn()
+{
+    if (state != State::Sending || !waitsUntilDue)
+        return;
+    timer.stop();
+    pump();
+}
+
 void DeviceConnection::stop()
 {
     switch (state) {
@@ -187,6 +195,7 @@ void DeviceConnection::established()
 
 void DeviceConnection::pump()
 {
+    waitsUntilDue = false;
     for (int i = 0; i < WritesPerTurn; ++i) {
         if (!sendOne())
             return;
@@ -244,9 +253,9 @@ void DeviceConnection::waitUntilDue()
         ending = course.ending();
     }
     if (outbox.isAtEnd())
-        endSending();
-    else
-        wait(schedule.msUntil(outbox.nextNumber()));
+        return endSending();
+    wait(schedule.msUntil(outbox.nextNumber()));
+    waitsUntilDue = true;
 }
 
 void DeviceConnection::wait(int ms)

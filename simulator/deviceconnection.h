@@ -41,6 +41,9 @@ public:
     // Call once.
     void open();
 
+    // More messages may be due than when it was asked last.
+    void goOn();
+
     // Finishes the message that it has begun, and closes.
     void stop();
 
@@ -100,6 +103,7 @@ private:
     QSocketNotifier readable{QSocketNotifier::Read};
     QSocketNotifier writable{QSocketNotifier::Write};
     QBasicTimer timer; // time-out, next write or end of waiting: depends on the state
+    bool waitsUntilDue = false;
     State state = State::Connecting;
 };
 

@@ -146,7 +146,8 @@ QList<QCommandLineOption> knownOptions()
              "device "
              "sends all of them once, or as many as --messages says: behind the last line the "
              "first "
-             "one comes again.",
+             "one comes again. With -, each device sends each line of standard input "
+             "as soon as it has come.",
              "file"},
             {"messages-as",
              "What such a line is: text with escapes, plain (as it is) or hex; or whole: the file "

@@ -65,6 +65,11 @@ ExitStatus runFleet(const Run &run)
     QObject::connect(&unixSignals, &UnixSignals::stopRequested, &fleet, &Fleet::stop);
     // Queued: the last device may finish before the event loop runs.
     QObject::connect(&fleet, &Fleet::finished, qApp, &QCoreApplication::quit, Qt::QueuedConnection);
+    if (run.input) {
+        QObject::connect(run.input, &InputLines::complained, &fleet,
+                         [](const QString &text) { complain(text, Failure); });
+        run.input->start();
+    }
     fleet.launch();
     QCoreApplication::exec();
 
@@ -115,7 +120,15 @@ int main(int argc, char **argv)
     if (tls && !tls->error().isEmpty())
         return complain(tls->error(), Usage);
 
-    Run run{options, peer, content.messages(), tls.get(), content.replay(), content.script(), {}};
+    Run run{options,
+            peer,
+            content.messages(),
+            tls.get(),
+            content.replay(),
+            content.script(),
+            content.input(),
+            {}};
     run.clock.start();
-    return runFleet(run);
+    const ExitStatus status = runFleet(run);
+    return status == Success && run.input && run.input->hadFaults() ? Failure : status;
 }

@@ -117,6 +117,20 @@ void checkScript(OptionReader &reader, const Options &options)
         reader.fail(QStringLiteral("--script needs --segments whole or byte"));
 }
 
+// Every device takes the lines as they come, in one connection.
+void checkInput(OptionReader &reader, const Options &options)
+{
+    if (!options.readsInput())
+        return;
+    for (const char *name : {"messages", "reconnect", "parallel", "resume", "fault"}) {
+        if (reader.isSet(name))
+            reader.fail(QStringLiteral("--%1 does not go with --messages-from -")
+                                .arg(QLatin1String(name)));
+    }
+    if (options.segments == Segments::Random || options.segments == Segments::Blocks)
+        reader.fail(QStringLiteral("--messages-from - needs --segments whole or byte"));
+}
+
 // Where the payloads come from.
 void checkMessages(OptionReader &reader, const Options &options)
 {
@@ -148,6 +162,7 @@ void checkTogether(OptionReader &reader, const Options &options)
     checkReplay(reader, options);
     checkMessages(reader, options);
     checkScript(reader, options);
+    checkInput(reader, options);
     const bool isCounted = options.messagesFrom.isEmpty() || options.countsMessages;
     if (isCounted && options.reconnect > 0 && options.reconnect >= options.messages)
         reader.fail(QStringLiteral("--reconnect needs more --messages than reconnections"));

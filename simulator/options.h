@@ -61,7 +61,7 @@ struct Options
     bool countsMessages = false; // the count was given
     int size = 64;
     Framing framing;
-    QString messagesFrom; // a file; empty: none
+    QString messagesFrom; // a file, or - for standard input; empty: none
     MessageSyntax messagesAs = MessageSyntax::Text;
     std::optional<MessageTemplate> messageTemplate;
     QString scriptFile; // empty: none
@@ -84,6 +84,8 @@ struct Options
     OutputFormat output = OutputFormat::Text;
     bool quiet = false;
     bool checksum = true;
+
+    bool readsInput() const { return messagesFrom == QLatin1String("-"); }
 
     // Devices that send garbage or nothing make no handshake.
     bool startsTls() const

@@ -11,6 +11,7 @@
 
 namespace simulator {
 
+class InputLines;
 class Replay;
 struct Script;
 class TlsContext;
@@ -26,6 +27,7 @@ struct Run
     const TlsContext *tls = nullptr; // null: no TLS handshake
     const Replay *replay = nullptr; // null: the messages are made, and not from a recording
     const Script *script = nullptr; // null: there is none
+    InputLines *input = nullptr; // null: standard input is not read
     QElapsedTimer clock; // all reported times count from its start
 };
 

@@ -84,6 +84,11 @@ public:
         return ended && process.exitStatus() == QProcess::NormalExit;
     }
 
+    // To its standard input.
+    void write(const QByteArray &bytes) { process.write(bytes); }
+    void endInput() { process.closeWriteChannel(); }
+    void setInputFile(const QString &file) { process.setStandardInputFile(file); }
+
     void signal(int number) { ::kill(static_cast<pid_t>(process.processId()), number); }
 
     int exitCode() const { return process.exitCode(); }

@@ -22,6 +22,11 @@ private Q_SLOTS:
     void refusesFiles_data();
     void refusesFiles();
     void endsWhereOneDoesNotFit();
+    void sendsInputAtOnce();
+    void sendsManyLinesOfInput();
+    void leavesOutBadLines();
+    void readsRedirectedFiles();
+    void stopsWhileInputIsOpen();
 
 private:
     QString made(const QByteArray &content);
@@ -185,6 +190,95 @@ void tst_DeviceSimMessages::endsWhereOneDoesNotFit()
     QCOMPARE(simulator.connection().value(text("error")).toString(),
              text("message 10 does not fit the framing"));
     QCOMPARE(number(simulator.connection(), "messages"), 9);
+}
+
+void tst_DeviceSimMessages::sendsInputAtOnce()
+{
+    Receiver receiver;
+    QVERIFY(receiver.listen(testAddress()));
+    Simulator simulator;
+    simulator.start(receiver, words("--messages-from - --connections 3"));
+    simulator.write("one\ntw");
+    QTRY_COMPARE(receiver.peers.size(), 3);
+    for (const Peer *peer : receiver.peers)
+        QTRY_COMPARE(peer->bytes, QByteArray("one\n"));
+    simulator.write("o\\x00\nthree");
+    for (const Peer *peer : receiver.peers)
+        QTRY_COMPARE(peer->bytes, QByteArray("one\ntwo\0\n", 9));
+    QCOMPARE(receiver.openPeers(), 3);
+    simulator.endInput();
+    QVERIFY(simulator.waitForEnd());
+    QCOMPARE(simulator.exitCode(), 0);
+    QTRY_COMPARE(receiver.openPeers(), 0);
+    for (const Peer *peer : receiver.peers)
+        QCOMPARE(peer->bytes, QByteArray("one\ntwo\0\nthree\n", 15));
+    QCOMPARE(number(simulator.summary(), "messages"), 9);
+}
+
+// More than waits in memory at a time. The last device comes when the others have begun.
+void tst_DeviceSimMessages::sendsManyLinesOfInput()
+{
+    Receiver receiver;
+    QVERIFY(receiver.listen(testAddress()));
+    QByteArray lines;
+    for (int i = 1; i <= 50000; ++i)
+        lines += QByteArray::number(i) + '\n';
+    Simulator simulator;
+    simulator.start(receiver, words("--messages-from - --connections 3 --connect-rate 20"));
+    simulator.write(lines);
+    simulator.endInput();
+    QVERIFY(simulator.waitForEnd());
+    QCOMPARE(simulator.exitCode(), 0);
+    QTRY_COMPARE(receiver.peers.size(), 3);
+    QTRY_COMPARE(receiver.openPeers(), 0);
+    for (const Peer *peer : receiver.peers)
+        QVERIFY(peer->bytes == lines);
+    QCOMPARE(number(simulator.summary(), "messages"), 150000);
+}
+
+void tst_DeviceSimMessages::leavesOutBadLines()
+{
+    Receiver receiver;
+    QVERIFY(receiver.listen(testAddress()));
+    Simulator simulator;
+    simulator.start(receiver, words("--messages-from - --messages-as hex"));
+    simulator.write("61\n6\n62\n");
+    simulator.endInput();
+    QVERIFY(simulator.waitForEnd());
+    QCOMPARE(simulator.exitCode(), 1);
+    QCOMPARE(simulator.errors(),
+             QByteArray("devicesim: standard input, line 2: not pairs of "
+                        "hexadecimal digits\n"));
+    QTRY_COMPARE(receiver.peers.size(), 1);
+    QTRY_COMPARE(receiver.peers.first()->bytes, QByteArray("a\nb\n"));
+}
+
+void tst_DeviceSimMessages::readsRedirectedFiles()
+{
+    Receiver receiver;
+    QVERIFY(receiver.listen(testAddress()));
+    Simulator simulator;
+    simulator.setInputFile(made("one\ntwo\n"));
+    simulator.start(receiver, words("--messages-from -"));
+    QVERIFY(simulator.waitForEnd());
+    QCOMPARE(simulator.exitCode(), 0);
+    QTRY_COMPARE(receiver.peers.size(), 1);
+    QTRY_COMPARE(receiver.peers.first()->bytes, QByteArray("one\ntwo\n"));
+}
+
+void tst_DeviceSimMessages::stopsWhileInputIsOpen()
+{
+    Receiver receiver;
+    QVERIFY(receiver.listen(testAddress()));
+    Simulator simulator;
+    simulator.start(receiver, words("--messages-from -"));
+    simulator.write("one\n");
+    QTRY_COMPARE(receiver.peers.size(), 1);
+    QTRY_COMPARE(receiver.peers.first()->bytes, QByteArray("one\n"));
+    simulator.signal(SIGTERM);
+    QVERIFY(simulator.waitForEnd());
+    QCOMPARE(simulator.exitCode(), 0);
+    QCOMPARE(end(simulator.connection()), text("closed"));
 }
 
 QTEST_GUILESS_MAIN(tst_DeviceSimMessages)

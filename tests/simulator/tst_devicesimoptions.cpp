@@ -232,6 +232,8 @@ void tst_DeviceSimOptions::rejects_data()
     row("--messages-from f --template x", "--template has no {line}, which --messages-from is for");
     row("--messages-from f --messages 2 --reconnect 2",
         "--reconnect needs more --messages than reconnections");
+    row("--messages-from - --parallel 2", "--parallel does not go with --messages-from -");
+    row("--messages-from - --segments blocks", "--messages-from - needs --segments whole or byte");
     row("--script=", "--script wants a file");
     row("--script f --messages 2", "--messages does not go with --script");
     row("--script f --close stay", "--close does not go with --script");

@@ -107,7 +107,8 @@ void tst_ScriptParts::refuses_data()
     QTest::addColumn<QByteArray>("text");
     QTest::addColumn<QByteArray>("complaint");
     const auto row = [](const char *text, const char *complaint) {
-        QTest::newRow(text) << QByteArray(text) << QByteArray(complaint);
+        QTest::newRow(QByteArray(text).replace('\n', " / ").constData())
+                << QByteArray(text) << QByteArray(complaint);
     };
     row("", "f: there is no step in it");
     row("# only this", "f: there is no step in it");

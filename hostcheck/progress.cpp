@@ -3,49 +3,26 @@
 
 #include "hostcheck/progress.h"
 
-#include <QtCore/QElapsedTimer>
+#include "terminal/statusline.h"
 
 #include <algorithm>
-#include <cstdio>
-
-#include <unistd.h>
 
 namespace hostcheck {
-namespace {
 
-constexpr qint64 IntervalMs = 100;
-
-bool isShown = false;
-
-bool isTerminal()
-{
-    static const bool result = isatty(STDERR_FILENO) == 1;
-    return result;
-}
-
-} // namespace
+using terminal::StatusLine;
 
 void Progress::show(const QString &what, qint64 done, qint64 all)
 {
-    static QElapsedTimer sinceLast;
-    if (!isTerminal() || (sinceLast.isValid() && sinceLast.elapsed() < IntervalMs))
+    if (!StatusLine::isDue())
         return;
-    sinceLast.start();
     const qint64 percent = all > 0 ? std::min<qint64>(100 * done / all, 100) : 0;
-    std::fprintf(stderr, "\r\033[K%s: %lld of %lld (%lld %%)", qPrintable(what),
-                 static_cast<long long>(done), static_cast<long long>(all),
-                 static_cast<long long>(percent));
-    std::fflush(stderr);
-    isShown = true;
+    StatusLine::show(
+            QStringLiteral("%1: %2 of %3 (%4 %)").arg(what).arg(done).arg(all).arg(percent));
 }
 
 void Progress::hide()
 {
-    if (!isShown)
-        return;
-    std::fputs("\r\033[K", stderr);
-    std::fflush(stderr);
-    isShown = false;
+    StatusLine::hide();
 }
 
 } // namespace hostcheck

@@ -16,7 +16,7 @@ namespace hostcheck {
 class Progress
 {
 public:
-    // what: what is done. Shows itself at most ten times a second.
+    // what: what is done. Shows itself at most five times a second.
     static void show(const QString &what, qint64 done, qint64 all);
     // Clears the line, before something else is printed.
     static void hide();

@@ -26,7 +26,7 @@ qsizetype ComposedMessages::usualBytes() const
 
 QByteArray ComposedMessages::payload(quint64 device, quint64 number) const
 {
-    const QByteArray line = lines ? lines->line(number) : QByteArray();
+    QByteArray line = lines ? lines->line(number) : QByteArray();
     if (!options.messageTemplate)
         return line;
     return options.messageTemplate->payload(

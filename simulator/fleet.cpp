@@ -45,16 +45,22 @@ void Fleet::launch()
         launchTimer.start(0);
 }
 
-QString Fleet::progress() const
+Fleet::Numbers Fleet::numbers() const
 {
     quint64 messages = collected.messageCount();
     const QList<Device *> devices = findChildren<Device *>();
     for (const Device *device : devices)
         messages += device->openMessages();
+    return {started, active, messages, collected.failureCount()};
+}
+
+QString Fleet::progress() const
+{
+    const Numbers now = numbers();
     return QStringLiteral("%1 devices started, %2 active; %3 messages\n")
-            .arg(started)
-            .arg(active)
-            .arg(messages);
+            .arg(now.started)
+            .arg(now.active)
+            .arg(now.messages);
 }
 
 // Whether the numbers allow another device. The connect rate may still make it wait.

@@ -31,8 +31,16 @@ public:
     const Report &report() const { return collected; }
     bool wasInterrupted() const { return stopping; }
 
-    // A line with the numbers so far; it also counts the connections that are still open.
-    QString progress() const;
+    //! The numbers so far. Messages are also those of connections that are still open.
+    struct Numbers
+    {
+        quint64 started = 0; // devices
+        quint64 active = 0; // of these
+        quint64 messages = 0;
+        quint64 failed = 0; // connections
+    };
+    Numbers numbers() const;
+    QString progress() const; // a line with the first three
 
 public Q_SLOTS:
     // Starts as many devices as may start now, and the others later.

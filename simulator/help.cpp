@@ -188,6 +188,10 @@ QList<QCommandLineOption> knownOptions()
             {"mutate", "Change the recorded bytes, the same way for the same number.", "seed"},
             {"output", "Report as text or json. Default: text.", "format"},
             {"quiet", "Report the summary only, no line per connection."},
+            {"progress",
+             "Show on standard error how far the run is, also where that is no terminal: a line a "
+             "second."},
+            {"no-progress", "Do not show it on a terminal either."},
             {"no-checksum", "Do not compute the SHA-1 of what was sent: cheaper under load."},
     };
     QList<QCommandLineOption> options;

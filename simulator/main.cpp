@@ -6,9 +6,11 @@
 #include "simulator/content.h"
 #include "simulator/fleet.h"
 #include "simulator/options.h"
+#include "simulator/progress.h"
 #include "simulator/run.h"
 #include "simulator/tlscontext.h"
 #include "simulator/unixsignals.h"
+#include "terminal/statusline.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtNetwork/QHostInfo>
@@ -36,6 +38,7 @@ void raiseDescriptorLimit()
 
 void print(FILE *stream, const QByteArray &text)
 {
+    terminal::StatusLine::hide();
     std::fwrite(text.constData(), 1, static_cast<size_t>(text.size()), stream);
     std::fflush(stream);
 }
@@ -70,6 +73,9 @@ ExitStatus runFleet(const Run &run)
                          [](const QString &text) { complain(text, Failure); });
         run.input->start();
     }
+    std::unique_ptr<Progress> progress;
+    if (Progress::isWanted(run))
+        progress = std::make_unique<Progress>(run, fleet);
     fleet.launch();
     QCoreApplication::exec();
 

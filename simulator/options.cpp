@@ -80,6 +80,10 @@ void readOptions(OptionReader &reader, Options &options)
     reader.mutation(options.mutateSeed);
     reader.choice("output", options.output, OutputFormats);
     options.quiet = reader.isSet("quiet");
+    if (reader.isSet("progress") && reader.isSet("no-progress"))
+        reader.fail(QStringLiteral("--progress and --no-progress contradict each other"));
+    if (reader.isSet("progress") || reader.isSet("no-progress"))
+        options.progress = reader.isSet("progress");
     options.checksum = !reader.isSet("no-checksum");
 }
 

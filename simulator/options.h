@@ -83,6 +83,7 @@ struct Options
 
     OutputFormat output = OutputFormat::Text;
     bool quiet = false;
+    std::optional<bool> progress; // nothing: on a terminal
     bool checksum = true;
 
     bool readsInput() const { return messagesFrom == QLatin1String("-"); }

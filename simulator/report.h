@@ -52,6 +52,7 @@ public:
     bool hasFailures() const { return failed > 0; }
     bool isEmpty() const { return records.isEmpty(); }
     quint64 messageCount() const { return messages; }
+    quint64 failureCount() const { return failed; }
 
     // interrupted: by a signal.
     QByteArray toText(const Options &options, qint64 elapsedMs, bool interrupted) const;

@@ -87,6 +87,11 @@ public:
     // To its standard input.
     void write(const QByteArray &bytes) { process.write(bytes); }
     void endInput() { process.closeWriteChannel(); }
+    // descriptor: takes what it writes to standard error.
+    void writeErrorsTo(int descriptor)
+    {
+        process.setChildProcessModifier([descriptor] { ::dup2(descriptor, STDERR_FILENO); });
+    }
     void setInputFile(const QString &file) { process.setStandardInputFile(file); }
 
     void signal(int number) { ::kill(static_cast<pid_t>(process.processId()), number); }

@@ -13,7 +13,7 @@ target_link_libraries(tst_messageparts PRIVATE TcpInputPlugin2::framework)
 
 # The program.
 foreach(name IN ITEMS
-        tst_devicesimfaults tst_devicesimmessages tst_devicesimreport tst_devicesimscripts
+        tst_devicesimfaults tst_devicesimmessages tst_devicesimprogress tst_devicesimreport tst_devicesimscripts
         tst_devicesimsending tst_devicesimtls)
     plugin_test(${name} 300)
     target_link_libraries(${name} PRIVATE devicesim_core)

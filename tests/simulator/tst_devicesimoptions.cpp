@@ -234,6 +234,7 @@ void tst_DeviceSimOptions::rejects_data()
         "--reconnect needs more --messages than reconnections");
     row("--messages-from - --parallel 2", "--parallel does not go with --messages-from -");
     row("--messages-from - --segments blocks", "--messages-from - needs --segments whole or byte");
+    row("--progress --no-progress", "--progress and --no-progress contradict each other");
     row("--script=", "--script wants a file");
     row("--script f --messages 2", "--messages does not go with --script");
     row("--script f --close stay", "--close does not go with --script");

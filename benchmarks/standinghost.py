@@ -19,6 +19,7 @@ from harness.certificates import Certificates
 from harness.devices import Devices
 from harness.hosts import Host
 from harness.processes import exit_on_sigterm, wait_until
+from harness.progress import Progress
 
 TRANSPORTS = (None, "1.2", "1.3")  # TLS versions; None: TCP
 TOTAL_BYTES = 64 << 20
@@ -47,11 +48,18 @@ def main():
             good = [runs.submit(play, arguments, version, certificates)
                     for version in TRANSPORTS for _ in range(arguments.runs)]
             try:
-                concurrent.futures.wait(good)
+                with Progress(lambda: finished(good)):
+                    concurrent.futures.wait(good)
             except BaseException:
                 runs.shutdown(cancel_futures=True)  # those that go on are waited for
                 raise
     sys.exit(0 if all(run.result() for run in good) else 1)
+
+
+def finished(runs):
+    """For Progress."""
+    done = sum(run.done() for run in runs)
+    return f"{done} of {len(runs)} runs", done / len(runs)
 
 
 def play(arguments, version, certificates):

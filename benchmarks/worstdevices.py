@@ -15,6 +15,7 @@ import time
 
 from harness.hosts import Host
 from harness.processes import exit_on_sigterm
+from harness.progress import Progress, Steps
 
 FOLDER = "/dev/shm"  # for the output: a disk would slow the host down
 SECONDS = 20  # duration of a case, unless it sends a fixed amount
@@ -31,9 +32,13 @@ def main():
     exit_on_sigterm()
     print("| Case | CPU, s | good device: median, ms | 99 %, ms | longest, ms | "
           "most resident, MiB | log, KB | stop, s |\n|---|---|---|---|---|---|---|---|", flush=True)
-    for name, (play, options) in CASES.items():
-        if not arguments.only or name in arguments.only.split(","):
-            measure(arguments.build, play, options)
+    chosen = [name for name in CASES
+              if not arguments.only or name in arguments.only.split(",")]
+    steps = Steps(len(chosen))
+    with Progress(steps.describe):
+        for name in chosen:
+            steps.begin(name)
+            measure(arguments.build, *CASES[name])
 
 
 def measure(build, play, options):

@@ -14,6 +14,7 @@ import plots
 from harness import ROOT
 from harness.certificates import Certificates
 from harness.processes import exit_on_sigterm
+from harness.progress import Progress, Steps
 from results import Results
 from scenarios import scenarios
 from session import FULL, SMOKE, Setup
@@ -74,14 +75,17 @@ def choose(available, names):
 
 def run_rounds(setup, chosen, rounds, results):
     """All scenarios in each round, the receivers in turn: what disturbs, disturbs all alike."""
-    for number in range(1, rounds + 1):
-        for scenario in chosen:
-            for receiver in scenario.receivers:
+    plays = [(scenario, receiver) for scenario in chosen for receiver in scenario.receivers]
+    steps = Steps(rounds * len(plays))
+    with Progress(steps.describe):
+        for number in range(1, rounds + 1):
+            for scenario, receiver in plays:
+                steps.begin(f"{scenario.name}, {receiver}")
                 figures = scenario.run(setup, receiver)
                 results.add(receiver, figures)
                 shown = ", ".join(f"{name} {value:.4g}" for name, value in figures.items())
                 print(f"round {number}  {receiver:10} {shown}", flush=True)
-        save(results)
+            save(results)
 
 
 def save(results):

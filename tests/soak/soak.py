@@ -16,6 +16,7 @@ import report
 from harness import ROOT
 from harness.certificates import Certificates
 from harness.processes import exit_on_sigterm
+from harness.progress import Progress
 from hosts import PROGRAMS, WatchedHost
 from verdict import Record
 from watch import Watch
@@ -38,7 +39,8 @@ def main():
                  for program in PROGRAMS for of_host in (None, certificates)]
         records = {host: Record(host.level, host.keeps_free_memory) for host in hosts}
         watch = stack.enter_context(Watch(hosts, arguments.minutes))
-        play(hosts, records, watch, end=started + 60 * arguments.minutes)
+        with Progress(lambda: elapsed(started, arguments.minutes)):
+            play(hosts, records, watch, end=started + 60 * arguments.minutes)
         for host in hosts:
             host.stop()
             records[host].faults += host.errors()
@@ -54,6 +56,11 @@ def main():
     wrong = [f"{host.name}: {line}" for host in hosts for line in records[host].judge()]
     print("\n".join(wrong) or "everything returned to its level, nothing was lost")
     sys.exit(1 if wrong else 0)
+
+
+def elapsed(started, minutes):
+    """For Progress."""
+    return f"soak of {minutes:g} minutes", min(1, (time.monotonic() - started) / 60 / minutes)
 
 
 def parse_arguments():

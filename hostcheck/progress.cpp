@@ -3,13 +3,13 @@
 
 #include "hostcheck/progress.h"
 
-#include "terminal/statusline.h"
+#include "programs/statusline.h"
 
 #include <algorithm>
 
 namespace hostcheck {
 
-using terminal::StatusLine;
+using programs::StatusLine;
 
 void Progress::show(const QString &what, qint64 done, qint64 all)
 {

@@ -3,6 +3,7 @@
 
 #include "eventloop/epolleventdispatcher.h"
 #include "programs/encoding.h"
+#include "programs/statusline.h"
 #include "simulator/content.h"
 #include "simulator/fleet.h"
 #include "simulator/options.h"
@@ -10,7 +11,6 @@
 #include "simulator/run.h"
 #include "simulator/tlscontext.h"
 #include "simulator/unixsignals.h"
-#include "terminal/statusline.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtNetwork/QHostInfo>
@@ -38,7 +38,7 @@ void raiseDescriptorLimit()
 
 void print(FILE *stream, const QByteArray &text)
 {
-    terminal::StatusLine::hide();
+    programs::StatusLine::hide();
     std::fwrite(text.constData(), 1, static_cast<size_t>(text.size()), stream);
     std::fflush(stream);
 }

@@ -3,10 +3,10 @@
 
 #include "simulator/progress.h"
 
+#include "programs/statusline.h"
 #include "simulator/fleet.h"
 #include "simulator/replay.h"
 #include "simulator/run.h"
-#include "terminal/statusline.h"
 
 #include <cmath>
 #include <cstdio>
@@ -16,7 +16,7 @@
 namespace simulator {
 namespace {
 
-using terminal::StatusLine;
+using programs::StatusLine;
 
 constexpr int TerminalIntervalMs = 250;
 constexpr int LineIntervalMs = 1000;

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-#include "terminal/statusline.h"
+#include "programs/statusline.h"
 
 #include <QtCore/QElapsedTimer>
 
@@ -10,7 +10,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-namespace terminal {
+namespace programs {
 namespace {
 
 constexpr qint64 IntervalMs = 200;
@@ -61,4 +61,4 @@ void StatusLine::hide()
     isShown = false;
 }
 
-} // namespace terminal
+} // namespace programs

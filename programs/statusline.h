@@ -5,7 +5,7 @@
 
 #include <QtCore/QString>
 
-namespace terminal {
+namespace programs {
 
 /*!
     The last line of a terminal on standard error, written again and again: how far a program is.
@@ -26,4 +26,4 @@ public:
     static void hide();
 };
 
-} // namespace terminal
+} // namespace programs

@@ -9,7 +9,7 @@ namespace host {
 enum ExitCode {
     ExitOk = 0,
     ExitBadArguments = 2,
-    ExitNoLibrary = 3, // missing, not loadable, or without its entry points
+    ExitNoLibrary = 3, // missing, not loadable, without its entry points, or of another release
     ExitBadConfiguration = 4, // unreadable, not JSON, no object, or verifies by no CA
     ExitStartFailed = 5, // start() was false
     ExitNotListening = 6, // start() was true, but nothing listens: the port is in use

@@ -10,25 +10,20 @@
 #include "host/options.h"
 #include "host/output.h"
 #include "host/trafficrecorder.h"
-#include "plugin/kit/pluginloader.h"
+#include "plugin/kit/pluginrunner.h"
 
 #include <QtCore/QObject>
 #include <QtCore/QTimer>
 
 #include <memory>
 
-class IInputPlugin;
-
 namespace host {
 
 class SignalNotifier;
 
 /*!
-    The host: loads the library, runs one plugin at a time, and answers it.
-
-    Each plugin is started only once. A restarted plugin keeps the signal connections of its former
-    start, and would hand over each connection once per start. So a new configuration gets a new
-    plugin.
+    The program: has the kit run the plugin, prints what devices send, and does what signals ask
+   for.
 
     Thread: the main thread; the plugin lives there, too.
 */
@@ -50,17 +45,15 @@ private:
     bool readConfiguration();
     QString recordingRefusal() const;
     bool startRecording();
-    ExitCode startPlugin(const QJsonObject &configuration);
-    void connectPlugin();
-    void stopPlugin();
     ExitCode fail(ExitCode code, const QString &text);
 
+    // isListening: what the runner has returned. If it is false, an error line says why.
+    ExitCode tellStart(bool isListening);
     void reload();
     bool renewCertificates();
-    void noteCertificates(const QJsonObject &configuration);
-    void replacePlugin(const QJsonObject &configuration);
+    void noteCertificates();
+    void replacePlugin();
     void reportStatus();
-    QList<QString> answer(const QString &question) const;
     void handleOutputFailure(const QString &reason);
 
     void connectSignals(SignalNotifier &unixSignals);
@@ -68,15 +61,14 @@ private:
 
     const Options &options;
     ConfigurationReader configurationReader;
-    inputkit::PluginLoader loader;
     Counters counters;
     Output output;
     std::unique_ptr<TrafficRecorder> recorder; // null: nothing is recorded
     MessageReader reader;
+    inputkit::PluginRunner runner;
     QTimer statusTimer;
-    std::unique_ptr<IInputPlugin> plugin; // null only while none runs
-    QJsonObject runningConfiguration; // of the plugin, or of the last one that listened
-    QByteArray runningFiles; // what its certificates and keys were like
+    QJsonObject configuration; // complete, as it was read last
+    QByteArray runningFiles; // what the certificates and keys of the plugin were like
     ExitCode outcome = ExitOk;
 };
 

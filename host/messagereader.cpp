@@ -4,6 +4,7 @@
 #include "host/messagereader.h"
 
 #include "eventloop/epolleventdispatcher.h"
+#include "plugin/kit/defaults.h"
 #include "plugin/subids.h"
 
 #include <chrono>
@@ -59,6 +60,11 @@ void MessageReader::setEndsTold(bool enable)
 {
     exact.setEndsTold(enable);
     plain.setEndsTold(enable);
+}
+
+void MessageReader::begin(const QJsonObject &configuration)
+{
+    setEndsTold(inputkit::tellsEnds(configuration));
 }
 
 void MessageReader::setAnswering(bool enable)

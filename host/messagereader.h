@@ -6,6 +6,7 @@
 #include "host/messagewriter.h"
 #include "host/plainreader.h"
 #include "plugin/kit/offerreader.h"
+#include "plugin/kit/recordreader.h"
 
 #include <QtCore/QMap>
 #include <QtCore/QObject>
@@ -17,7 +18,7 @@ namespace host {
     Turns the plugin's offers into messages, and answers them.
 
     Offers that carry their position are read exactly (inputkit::OfferReader). For other offers,
-   PlainReader guesses which bytes are repeated.
+    PlainReader guesses which bytes are repeated.
 
     With "ends", a connection is forgotten when the plugin tells its end. Without "ends", it is
     forgotten when it was silent for longer than the plugin's idle time-out: the plugin has closed
@@ -27,7 +28,7 @@ namespace host {
     Thread: the plugin's, which needs an event loop; receive() is called directly.
     Owner:  the caller, also of the output and the counters.
 */
-class MessageReader : public QObject
+class MessageReader : public QObject, public inputkit::RecordReader
 {
     Q_OBJECT
 
@@ -50,20 +51,18 @@ public:
     // Stops after that many messages: nothing more is read or printed. 0 (default): never.
     void setMessageLimit(qint64 messages) { writer.setLimit(messages); }
 
-    // False: the plugin is being stopped, and nobody carries out discards. The offers that still
-    // come are read, and not answered. Default: true.
-    void setAnswering(bool enable);
-
-    // Reads all offers that wait and forgets all connections: those known so far make no more
-    // offers.
-    void forgetAll();
+    // Has "ends" or not, as the configuration says.
+    void begin(const QJsonObject &configuration) override;
+    bool isReading() const override { return exact.isReading(); }
+    void setAnswering(bool enable) override;
+    void forgetAll() override;
 
     // Of the connections that are read exactly with "ends": the open ones that have made an offer.
     // Of all others: those of which something is kept.
     qsizetype rememberedConnections() const { return exact.remembered() + plain.remembered(); }
 
 public Q_SLOTS:
-    void receive(const shared_parsedData &record);
+    void receive(const shared_parsedData &record) override;
 
 Q_SIGNALS:
     // To be connected with IInputPlugin::discard(). Must not lead back into receive().

@@ -47,7 +47,7 @@ namespace host {
     grace time, and then closes: these bytes are taken for a repeat and are lost. (If the connection
     stays open, and they are too few for the plugin to offer them again by itself, they are only
     delayed.) A worker takes longer than the grace time to carry out a cut: repeated bytes are taken
-    for new ones. Only offers that carry their position are read exactly, see ExactReader.
+    for new ones. Only offers that carry their position are read exactly, see inputkit::OfferReader.
 
     Thread: any one; no shared state. One object a connection.
 */

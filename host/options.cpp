@@ -46,7 +46,8 @@ Signals:
 Exit codes:
   0  stopped by a signal or after the messages asked for
   2  bad arguments
-  3  library missing, not loadable, or without its entry points
+  3  library missing, not loadable, without its entry points, or of a release
+     that does not fit
   4  configuration unreadable, not JSON, or not an object; or "ssl" verifies
      devices without naming a CA
   5  the plugin refused to start

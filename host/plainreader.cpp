@@ -5,6 +5,8 @@
 
 #include "plugin/subids.h"
 
+#include <QtCore/QCoreApplication>
+
 #include <algorithm>
 #include <limits>
 #include <utility>
@@ -45,6 +47,13 @@ PlainReader::PlainReader(MessageWriter &messageWriter, Counters &total,
     settleTimer.setTimerType(Qt::PreciseTimer);
     settleTimer.setInterval(std::chrono::duration_cast<std::chrono::milliseconds>(CutGrace));
     connect(&settleTimer, &QTimer::timeout, this, &PlainReader::postSettling);
+}
+
+void PlainReader::setAnswering(bool enable)
+{
+    answering = enable;
+    if (!enable) // so the offers that come from now on are younger than all discards
+        QCoreApplication::sendPostedEvents();
 }
 
 void PlainReader::receive(const ParsedData &record)

@@ -38,8 +38,8 @@ class PlainReader : public QObject
 public:
     PlainReader(MessageWriter &messageWriter, Counters &total, const inputkit::Answer &toOffers);
 
-    // See MessageReader.
-    void setAnswering(bool enable) { answering = enable; }
+    // See RecordReader and MessageReader.
+    void setAnswering(bool enable);
     void setForgetAfter(std::chrono::nanoseconds silence) { forgetAfter = silence.count(); }
     void setEndsTold(bool enable) { endsTold = enable; }
 

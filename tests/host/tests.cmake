@@ -23,6 +23,8 @@ foreach(name IN ITEMS
 endforeach()
 
 target_link_libraries(tst_inputhostrecording PRIVATE tcpinput_recording)
+target_compile_definitions(tst_inputhoststart PRIVATE OLD_PLUGIN_FILE="$<TARGET_FILE:oldplugin>")
+add_dependencies(tst_inputhoststart oldplugin)
 
 # These make their certificates.
 foreach(name IN ITEMS tst_inputhosttls tst_tlschecks)

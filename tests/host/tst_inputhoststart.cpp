@@ -36,6 +36,7 @@ private Q_SLOTS:
     void badArguments();
     void missingLibrary_data();
     void missingLibrary();
+    void olderLibrary();
     void findsTheLibrary();
     void badConfiguration_data();
     void badConfiguration();
@@ -114,6 +115,15 @@ void tst_InputHostStart::missingLibrary()
     QCOMPARE(host.finish(), int(ExitNoLibrary));
     QCOMPARE(host.output(), QByteArray());
     QVERIFY2(host.log().startsWith("error: "), host.log().constData());
+}
+
+void tst_InputHostStart::olderLibrary()
+{
+    Host host;
+    host.runPlain(host.listenArguments()
+                  + QStringList{QStringLiteral("--plugin"), QStringLiteral(OLD_PLUGIN_FILE)});
+    QCOMPARE(host.finish(), int(ExitNoLibrary));
+    QVERIFY2(host.log().contains("is older than these headers"), host.log().constData());
 }
 
 void tst_InputHostStart::findsTheLibrary()

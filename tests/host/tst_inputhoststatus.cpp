@@ -23,6 +23,8 @@ class tst_InputHostStatus : public QObject
 private Q_SLOTS:
     void status();
     void statusEvery();
+    void limits_data();
+    void limits();
     void logLevels();
     void answersTheLogLevelQuery();
     void raisesTheDescriptorLimit();
@@ -59,6 +61,33 @@ void tst_InputHostStatus::statusEvery()
     const QByteArray text = "messages 0 bytes 0 connections 0 partial 0 too-long 0 offers 0\n"
                             "Listen: ";
     QTRY_VERIFY_WITH_TIMEOUT(host.log().count(text) >= 2, HangGuardMs);
+}
+
+void tst_InputHostStatus::limits_data()
+{
+    QTest::addColumn<QString>("given");
+    QTest::addColumn<bool>("bytes");
+    QTest::addColumn<bool>("connections");
+
+    QTest::newRow("by default") << QString() << true << false;
+    QTest::newRow("none") << "{}" << false << false;
+    QTest::newRow("others") << R"({"maxConnections":5})" << false << true;
+}
+
+// "limits" that are given replace all of the default ones.
+void tst_InputHostStatus::limits()
+{
+    QFETCH(QString, given);
+    Host host;
+    QStringList arguments;
+    if (!given.isEmpty())
+        arguments = {QStringLiteral("--set"), QStringLiteral("limits=") + given};
+    host.start(arguments);
+    host.signal(SIGUSR1);
+    QTRY_VERIFY_WITH_TIMEOUT(host.log().contains("Listen: "), HangGuardMs);
+    QCOMPARE(host.stop(), int(ExitOk));
+    QTEST(host.log().contains(" bytes held"), "bytes");
+    QTEST(host.log().contains(" connections open, "), "connections");
 }
 
 void tst_InputHostStatus::logLevels()

@@ -37,6 +37,7 @@ private Q_SLOTS:
     void unclearOfferThenSilence();
     void unclearOfferThenAnother();
     void lastOffersOfAPlugin();
+    void lastOfferBehindADiscard();
     void unclearOfferIsReadBeforeItsClientIsForgotten();
     void clientsAreApart();
     void otherConnectionUnderTheSameId();
@@ -180,6 +181,17 @@ void tst_MessageReader::lastOffersOfAPlugin()
     reader->forgetAll();
     QCOMPARE(written(), QByteArray());
     QCOMPARE(discards(), QList<int>({2, 2, 2}));
+}
+
+// The discard, and the offer that was made behind it, are no older than the end.
+void tst_MessageReader::lastOfferBehindADiscard()
+{
+    reader->receive(offer("a\nhal"));
+    reader->setAnswering(false);
+    reader->receive(offer("half\n")); // made when the device closed
+    reader->forgetAll();
+    QCOMPARE(written(), QByteArray("a\nhalf\n"));
+    QCOMPARE(counters->partial, 0);
 }
 
 void tst_MessageReader::unclearOfferIsReadBeforeItsClientIsForgotten()

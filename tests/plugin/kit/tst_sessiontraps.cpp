@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
+#include "plugin/kit/defaults.h"
 #include "tests/kit/messagecapture.h"
 #include "tests/plugin/kit/sessiontest.h"
 
@@ -333,7 +334,7 @@ void tst_SessionTraps::checkStops()
 void tst_SessionTraps::limitsAreAddedTo()
 {
     const QJsonObject given = {{QStringLiteral("maxConnections"), 5}};
-    const QJsonObject complete = InputSession::withDefaults({{QStringLiteral("limits"), given}});
+    const QJsonObject complete = withDefaults({{QStringLiteral("limits"), given}});
     const QJsonObject limits = complete.value(QLatin1String("limits")).toObject();
     QCOMPARE(limits.value(QLatin1String("maxConnections")), QJsonValue(5));
     QVERIFY(limits.contains(QLatin1String("connectionBuffer")));

@@ -47,7 +47,7 @@ public:
     void setMaxUnfinished(qint64 bytes) { exact.setMaxUnfinished(bytes); }
     // Who sees what is read of the connections that are read exactly; outlives the reader. Default:
     // nobody.
-    void setObserver(ReadingObserver *observer) { writer.setObserver(observer); }
+    void setObserver(inputkit::TrafficObserver *observer) { writer.setObserver(observer); }
     // Stops after that many messages: nothing more is read or printed. 0 (default): never.
     void setMessageLimit(qint64 messages) { writer.setLimit(messages); }
 

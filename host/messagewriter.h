@@ -7,9 +7,9 @@
 #include "host/framing.h"
 #include "host/message.h"
 #include "host/output.h"
-#include "host/readingobserver.h"
 #include "plugin/kit/linelimit.h"
 #include "plugin/kit/offerconsumer.h"
+#include "plugin/kit/trafficobserver.h"
 
 #include <QtCore/QObject>
 
@@ -29,7 +29,7 @@ public:
     MessageWriter(const FrameFormat &frameFormat, Output &messageOutput, Counters &total);
 
     // Who sees what is read, and the ends. Default: nobody.
-    void setObserver(ReadingObserver *value) { observer = value; }
+    void setObserver(inputkit::TrafficObserver *value) { observer = value; }
     // Stops after that many messages: nothing more is printed. 0 (default): never.
     void setLimit(qint64 messages) { limit = messages; }
     bool isDone() const override { return done; }
@@ -65,7 +65,7 @@ private:
     Counters &counters;
     inputkit::LineLimit tooLongLines;
     inputkit::LineLimit givenUpLines;
-    ReadingObserver *observer = nullptr;
+    inputkit::TrafficObserver *observer = nullptr;
     qint64 limit = 0;
     bool done = false;
 };

@@ -8,6 +8,8 @@
 
 namespace host {
 
+using inputkit::Origin;
+
 recording::Endpoints endpointsOf(const Origin &origin)
 {
     recording::Endpoints endpoints;

@@ -4,7 +4,7 @@
 #pragma once
 
 #include "host/options.h"
-#include "host/readingobserver.h"
+#include "plugin/kit/trafficobserver.h"
 #include "recording/recorder.h"
 
 #include <QtCore/QString>
@@ -18,7 +18,7 @@ namespace host {
     Thread: the plugin's, which never waits for the file.
     Owner:  the host.
 */
-class TrafficRecorder : public ReadingObserver
+class TrafficRecorder : public inputkit::TrafficObserver
 {
 public:
     explicit TrafficRecorder(const RecordingOptions &given);
@@ -30,8 +30,8 @@ public:
     // Writes what waits, and closes the file.
     void finish() { recorder.finish(); }
 
-    void read(const Origin &origin, quint64 position, QByteArrayView bytes) override;
-    void ended(const Origin &origin, const QString &reason, quint64 position) override;
+    void read(const inputkit::Origin &origin, quint64 position, QByteArrayView bytes) override;
+    void ended(const inputkit::Origin &origin, const QString &reason, quint64 position) override;
 
 private:
     recording::RecorderNotices notices() const;
@@ -43,6 +43,6 @@ private:
 
 // Both ends of the connection. The local one is a part of the source; empty if that has another
 // form than the plugin's.
-recording::Endpoints endpointsOf(const Origin &origin);
+recording::Endpoints endpointsOf(const inputkit::Origin &origin);
 
 } // namespace host

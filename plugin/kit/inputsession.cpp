@@ -22,7 +22,7 @@ struct Acknowledger::Link
 InputSession::InputSession(InputSettings sessionSettings, QObject *parent)
     : QObject(parent),
       settings(std::move(sessionSettings)),
-      cutter(settings.framing, innerHandlers()),
+      cutter(settings.framing, innerHandlers(), settings.observer),
       acknowledgements([this](int length, const auto &subId) { runner.answer(length, subId); }),
       reader(
               cutter, [this](int length, const auto &subId) { answer(length, subId); }, {},

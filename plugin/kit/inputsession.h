@@ -11,6 +11,7 @@
 #include "plugin/kit/offerreader.h"
 #include "plugin/kit/pluginrunner.h"
 #include "plugin/kit/recordreader.h"
+#include "plugin/kit/trafficobserver.h"
 
 #include <QtCore/QJsonObject>
 #include <QtCore/QMap>
@@ -50,6 +51,9 @@ struct InputSettings : PluginSettings
     // Null, or an object of the session's thread: the handlers are called in that thread, as the
     // messages are read. An object of another thread: they are called there, see HandOver.
     QObject *receiver = nullptr;
+    // Null, or who sees the bytes and ends themselves, in the session's thread. It may call what a
+    // handler there may call.
+    TrafficObserver *observer = nullptr;
     // A message counts as consumed only when acknowledge() says so.
     bool acknowledging = false;
     // Unfinished messages of all connections together, in bytes. Beyond it, the longest one is

@@ -13,9 +13,11 @@
 
 namespace inputkit {
 
-MessageCutter::MessageCutter(SharedFraming messageFraming, InputHandlers functions)
+MessageCutter::MessageCutter(SharedFraming messageFraming, InputHandlers functions,
+                             TrafficObserver *trafficObserver)
     : framing(std::move(messageFraming)),
-      handlers(std::move(functions))
+      handlers(std::move(functions)),
+      observer(trafficObserver)
 {
     Q_ASSERT(framing);
 }
@@ -101,12 +103,19 @@ bool MessageCutter::giveUp(QByteArrayView rest, quint64 position, const Origin &
     return true;
 }
 
+void MessageCutter::read(const Origin &origin, quint64 position, QByteArrayView bytes)
+{
+    if (observer)
+        observer->read(origin, position, bytes);
+}
+
 void MessageCutter::ended(const Origin &origin, const QString &reason, quint64 position)
 {
-    if (!handlers.end)
-        return;
     const QScopedValueRollback guard(handling, true);
-    handlers.end({origin, reason, position});
+    if (handlers.end)
+        handlers.end({origin, reason, position});
+    if (observer)
+        observer->ended(origin, reason, position);
 }
 
 void MessageCutter::handOut(const InputMessage &message)

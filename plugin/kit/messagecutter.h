@@ -5,6 +5,7 @@
 
 #include "plugin/kit/inputmessage.h"
 #include "plugin/kit/linelimit.h"
+#include "plugin/kit/trafficobserver.h"
 
 namespace inputkit {
 
@@ -27,7 +28,9 @@ struct MessageCounts
 class MessageCutter final : public OfferConsumer
 {
 public:
-    MessageCutter(SharedFraming messageFraming, InputHandlers functions);
+    // trafficObserver: may be null.
+    MessageCutter(SharedFraming messageFraming, InputHandlers functions,
+                  TrafficObserver *trafficObserver = nullptr);
 
     // To be called in a handler: the connection's next message waits for another go.
     void interrupt() { interrupted = true; }
@@ -46,6 +49,7 @@ public:
     void writePartial(QByteArrayView rest, quint64 position, const Origin &origin) override;
     bool giveUp(QByteArrayView rest, quint64 position, const Origin &origin,
                 FrameState &state) override;
+    void read(const Origin &origin, quint64 position, QByteArrayView bytes) override;
     void ended(const Origin &origin, const QString &reason, quint64 position) override;
 
 private:
@@ -54,6 +58,7 @@ private:
 
     const SharedFraming framing;
     const InputHandlers handlers;
+    TrafficObserver *const observer;
     MessageCounts counted;
     LineLimit tooLongLines;
     LineLimit badLines;

@@ -15,7 +15,7 @@ using namespace messagereadertest;
 namespace {
 
 //! Writes down what is read of connection 1.
-class Witness : public ReadingObserver
+class Witness : public inputkit::TrafficObserver
 {
 public:
     void read(const Origin &origin, quint64 position, QByteArrayView bytes) override

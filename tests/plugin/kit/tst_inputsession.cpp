@@ -24,6 +24,31 @@ void useTransports()
     QTest::newRow("TLS") << true;
 }
 
+// What one connection has brought.
+class Witness : public TrafficObserver
+{
+public:
+    void read(const Origin &origin, quint64 position, QByteArrayView part) override
+    {
+        isRight =
+                isRight && QThread::currentThread() == thread && position == quint64(bytes.size());
+        bytes += part.toByteArray();
+        peer = origin.peer + QLatin1Char(':') + QString::number(origin.port);
+    }
+    void ended(const Origin &origin, const QString &reason, quint64 position) override
+    {
+        isRight = isRight && QThread::currentThread() == thread && position == quint64(bytes.size())
+                && origin.connection != 0;
+        end = reason;
+    }
+
+    QThread *const thread = QThread::currentThread();
+    QByteArray bytes;
+    QString peer;
+    QString end; // empty: not told
+    bool isRight = true;
+};
+
 // More than the kernel holds for a connection whose server does not read.
 constexpr int MuchBytes = 32 * 1024 * 1024;
 
@@ -50,6 +75,8 @@ private Q_SLOTS:
     void acknowledges();
     void receiverInAnotherThread_data() { useTransports(); }
     void receiverInAnotherThread();
+    void observerSeesAllBytes_data() { useTransports(); }
+    void observerSeesAllBytes();
     void slowReceiverHoldsDevicesUp();
     void givesUpTheLongestMessage();
     void counts();
@@ -333,6 +360,38 @@ void tst_InputSession::receiverInAnotherThread()
     QCOMPARE(log.all(), sent);
     QCOMPARE(log.over.size(), 4);
     QVERIFY(!log.gaps);
+}
+
+// In the session's thread, also if messages are handed out in another one. Skipped bytes, too.
+void tst_InputSession::observerSeesAllBytes()
+{
+    QFETCH(bool, useTls);
+    const MessageCapture capture;
+    QThread thread;
+    QObject receiver;
+    receiver.moveToThread(&thread);
+    thread.start();
+    Witness witness;
+    InputSettings settings = settingsFor({});
+    settings.framing = lines(5);
+    settings.receiver = &receiver;
+    settings.observer = &witness;
+    auto session = std::make_unique<InputSession>(settings);
+    QVERIFY(session->start(configurationOf(freePort(), useTls)));
+    const auto device = connectTo(*session, useTls);
+    QVERIFY(device);
+    const QString peer = device->localAddress().toString() + QLatin1Char(':')
+            + QString::number(device->localPort());
+    const QByteArray sent = QByteArray("a\ntoo long\n").repeated(1000) + "rest";
+    device->write(sent);
+    device->disconnectFromHost();
+    QTRY_COMPARE_WITH_TIMEOUT(witness.end, QStringLiteral("peer"), HangGuardMs);
+    QCOMPARE(witness.bytes, sent);
+    QCOMPARE(witness.peer, peer);
+    QVERIFY(witness.isRight);
+    session.reset();
+    thread.quit();
+    QVERIFY(thread.wait(HangGuardMs));
 }
 
 void tst_InputSession::slowReceiverHoldsDevicesUp()

@@ -3,6 +3,7 @@
 
 #include "tcpinput/tcpinputplugin2.h"
 
+#include "plugin/acceptpause.h"
 #include "plugin/cwrn.h"
 #include "plugin/libraryversion.h"
 #include "plugin/subids.h"
@@ -86,6 +87,11 @@ bool TcpInputPlugin2::event(QEvent *event)
     }
     if (auto *request = CertificateRenewal::from(event)) {
         request->answer(renewCertificates(servers.tls, configuration, config, pluginId));
+        return true;
+    }
+    if (auto *request = AcceptPause::from(event)) {
+        servers.setPaused(request->isWanted());
+        request->confirm();
         return true;
     }
     if (auto *question = LibraryVersionEvent::from(event)) {

@@ -35,8 +35,7 @@ InputSession::InputSession(InputSettings sessionSettings, QObject *parent)
     reader.setMaxUnfinished(settings.maxUnfinished);
     if (settings.receiver && settings.receiver->thread() != thread()) {
         handOver = std::make_unique<HandOver>(settings.receiver, settings.handlers);
-        connect(handOver.get(), &HandOver::full, this,
-                [this](bool isFull) { reader.setAllPaused(isFull); });
+        connect(handOver.get(), &HandOver::full, this, &InputSession::holdUp);
     }
     connect(&warningTimer, &QTimer::timeout, this, [this] { cutter.tellMissedWarnings(); });
     warningTimer.start(std::chrono::seconds(10));
@@ -109,6 +108,14 @@ QString InputSession::refusal(const QJsonObject &configuration) const
         return {};
     return QStringLiteral("\"offsets\" and \"ends\" must not be switched off: without them, "
                           "messages get lost or come twice");
+}
+
+// What connections bring waits in the plugin. An ended one is kept here until it is read, so no new
+// ones may come: otherwise there would be no limit to their number.
+void InputSession::holdUp(bool isFull)
+{
+    reader.setAllPaused(isFull);
+    runner.setAccepting(!isFull);
 }
 
 void InputSession::receive(const shared_parsedData &record)

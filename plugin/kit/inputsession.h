@@ -75,8 +75,9 @@ struct InputSettings : PluginSettings
     reload(), and must not delete the session. They may run an event loop of their own; messages
     that come meanwhile are handed out afterwards. A handler that takes long holds up its thread:
     the plugin then accepts nothing, and devices have to wait. With a receiver in another thread,
-    they only wait when 8 MiB are on their way there; handlers there use nothing of the session but
-    a copy of acknowledger().
+    they only wait when 8 MiB are on their way there: then nothing is read, and no connection is
+    accepted. stop(), reload() and the destructor hand over what the plugin still has all the same.
+    Handlers there use nothing of the session but a copy of acknowledger().
 
     Thread: its creator's, with an event loop; see acknowledger() for others.
     Owner:  the caller. What the handlers use outlives the session, which hands out the last
@@ -136,6 +137,7 @@ public:
 private:
     InputHandlers innerHandlers();
     void answer(int length, const QMap<QString, QString> &subId);
+    void holdUp(bool isFull);
 
     QString refusal(const QJsonObject &configuration) const override;
     void receive(const shared_parsedData &record) override;

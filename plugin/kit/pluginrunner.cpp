@@ -3,6 +3,7 @@
 
 #include "plugin/kit/pluginrunner.h"
 
+#include "plugin/acceptpause.h"
 #include "plugin/certificaterenewal.h"
 #include "plugin/iinputplugin.h"
 #include "plugin/libraryversion.h"
@@ -87,6 +88,13 @@ void PluginRunner::stopLater()
         removePlugin();
 }
 
+void PluginRunner::setAccepting(bool enable)
+{
+    accepting = enable;
+    if (plugin)
+        AcceptPause::ask(*plugin, !accepting);
+}
+
 bool PluginRunner::renewCertificates()
 {
     return plugin && CertificateRenewal::ask(*plugin) == CertificateRenewal::Answer::Renewed;
@@ -129,6 +137,7 @@ bool PluginRunner::run(const QJsonObject &configuration)
         return false;
     plugin->pluginId = settings.pluginId;
     connectPlugin();
+    AcceptPause::ask(*plugin, !accepting);
     if (!plugin->start()) {
         removePlugin();
         return fail(Failure::Refused, QStringLiteral("The plugin refused to start"));

@@ -82,6 +82,10 @@ public:
     // A record is being read, or a plugin is being started or deleted.
     bool isBusy() const { return changing || reader.isReading(); }
 
+    // False: no connection is accepted, by this plugin and those that come after it, until it is
+    // true again. Devices wait in the kernel. Default: true.
+    void setAccepting(bool enable);
+
     // Has the plugin read the files of certificates and keys anew. False: the log says why.
     bool renewCertificates();
 
@@ -119,6 +123,7 @@ private:
     QJsonObject running; // of the plugin, or of the last one that listened
     QTimer stopTimer; // stop() was called while the runner was busy
     bool changing = false; // a plugin is being started or deleted
+    bool accepting = true;
     Failure lastFailure = Failure::None;
     QString error;
 };

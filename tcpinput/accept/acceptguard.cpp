@@ -45,8 +45,7 @@ void AcceptGuard::watch()
     for (QSocketNotifier *notifier : notifiers)
         notifier->installEventFilter(this);
     server->setMaxPendingConnections(MostPending);
-    if (gate && !gate())
-        pauseAtGate();
+    checkGate();
 }
 
 void AcceptGuard::accepted()
@@ -54,6 +53,11 @@ void AcceptGuard::accepted()
     fruitless = 0;
     if (waiting() >= PauseAboveWaiting)
         pause();
+    checkGate();
+}
+
+void AcceptGuard::checkGate()
+{
     if (gate && !gate())
         pauseAtGate();
 }

@@ -43,6 +43,9 @@ public:
     // Call for every accepted connection, once it is counted by waiting().
     void accepted();
 
+    // Call when the gate has closed by itself. When it opens, the guard finds that out.
+    void checkGate();
+
     // While held, the server accepts nothing: connections that wait already cannot be served.
     void hold(bool on);
 

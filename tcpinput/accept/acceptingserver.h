@@ -39,6 +39,12 @@ public:
     void setProxyRule(const std::optional<ProxyRule> &rule) { proxies.setRule(rule); }
     // How many of them there may be, and how fast. Default: no limits.
     void setLimits(const AcceptLimits &value) { limiter.setLimits(value); }
+    // True: none is accepted, whenever the server listens. Default: false.
+    void setPaused(bool pause)
+    {
+        paused = pause;
+        guard.checkGate();
+    }
 
     // False if the port is in use, also if another process begins to listen there between bind()
     // and listen() of this one; the server has no port then. Also false if the server listens
@@ -83,7 +89,8 @@ protected:
           })
     {
         this->setListenBacklogSize(ListenBacklog);
-        guard.setGate([this] { return limiter.mayAccept(handshakes() + proxies.waiting()); });
+        guard.setGate(
+                [this] { return !paused && limiter.mayAccept(handshakes() + proxies.waiting()); });
     }
 
     void incomingConnection(qintptr descriptor) final
@@ -138,6 +145,7 @@ private:
 
     Serving serving; // this and below: the server's thread only
     quint64 accepted = 0;
+    bool paused = false;
     PeersInUse peers;
 
     // Length of the kernel's accept queue: a burst of 2,000 devices fits in. A device whose SYN

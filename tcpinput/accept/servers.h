@@ -39,6 +39,11 @@ public:
         setUpOne(tls);
         tls.setHandshakeTimeout(limits.handshakeTimeoutMs);
     }
+    void setPaused(bool pause)
+    {
+        tcp.setPaused(pause);
+        tls.setPaused(pause);
+    }
     // Of both: another configuration may have used the other one.
     void addTo(InputCounters &sum) const
     {

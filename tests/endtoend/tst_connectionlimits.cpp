@@ -1,6 +1,8 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
+#include "plugin/acceptpause.h"
+#include "plugin/countersevent.h"
 #include "tests/endtoend/proxytest.h"
 
 #include <QtCore/QElapsedTimer>
@@ -33,6 +35,7 @@ private Q_SLOTS:
     void handshakesMakeOthersWait();
     void handshakesMayTakeMore();
     void anotherStartHasOtherLimits();
+    void hostPausesAccepting();
 
 private:
     void startWith(const QJsonObject &limits, QJsonObject more = {})
@@ -262,6 +265,34 @@ void tst_ConnectionLimits::anotherStartHasOtherLimits()
     QVERIFY(isServed());
     QVERIFY(isServed());
     QVERIFY(!plugin->getStatus().contains(u"Limits"_s));
+    devices.clear();
+}
+
+// The devices wait in the kernel. Open connections go on.
+void tst_ConnectionLimits::hostPausesAccepting()
+{
+    startWith({}, {{u"prompt"_s, true}});
+    QVERIFY(isServed());
+    const auto accepted = [this] { return CountersEvent::countersOf(*plugin)->accepted; };
+    for (int round = 0; round < 3; ++round) {
+        QVERIFY(AcceptPause::ask(*plugin, true));
+        const quint64 before = accepted();
+        for (int i = 0; i < 3; ++i)
+            connected();
+        QElapsedTimer elapsed; // the guard looks again meanwhile
+        elapsed.start();
+        QVERIFY(serveUntil([&] { return elapsed.hasExpired(100); }));
+        const qsizetype count = records.size();
+        QVERIFY(send(devices.front(), "goes on\n"));
+        QVERIFY(waitForRecords(count + 1));
+        QCOMPARE(accepted(), before);
+
+        QVERIFY(AcceptPause::ask(*plugin, false));
+        QVERIFY(serveUntil([&] { return accepted() == before + 3; }));
+        QVERIFY(send(devices.back(), "waited\n"));
+        QVERIFY(waitForRecords(count + 2));
+    }
+    QCOMPARE(warnings(), QStringList());
     devices.clear();
 }
 

@@ -13,6 +13,8 @@ foreach(name IN ITEMS tst_inputsession tst_sessiontraps)
     test_uses_certificates(${name})
 endforeach()
 host_test(tst_pluginrunner)
+host_test(tst_hungreceiver)
+test_uses_certificates(tst_hungreceiver)
 add_library(oldplugin MODULE plugin/kit/oldplugin.cpp) # see there
 target_link_libraries(oldplugin PRIVATE TcpInputPlugin2::framework tcpinput_build_options)
 target_compile_definitions(tst_inputsession PRIVATE

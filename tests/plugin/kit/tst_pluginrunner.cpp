@@ -71,6 +71,7 @@ private Q_SLOTS:
     void nothingToRestore();
     void refusedByTheReader();
     void waitsForTheReader();
+    void acceptsNothing();
     void loads();
 };
 
@@ -186,6 +187,28 @@ void tst_PluginRunner::waitsForTheReader()
     notes.reading = false;
     QTRY_VERIFY_WITH_TIMEOUT(!runner.listens().isListening(), HangGuardMs);
     QVERIFY(runner.status().isEmpty());
+}
+
+// Neither by the plugin that runs nor by the next one.
+void tst_PluginRunner::acceptsNothing()
+{
+    Notes notes;
+    PluginRunner runner(settings(), notes);
+    runner.setAccepting(false);
+    for (int n = 0; n < 2; ++n) {
+        const quint16 port = freePort();
+        QVERIFY(runner.start(listenOn(port)));
+        QTcpSocket device;
+        device.connectToHost(testAddress(), port);
+        QVERIFY(device.waitForConnected(HangGuardMs));
+        QCoreApplication::processEvents(); // would accept it
+        QCOMPARE(runner.counters()->accepted, quint64(0));
+        if (n == 0)
+            continue;
+        runner.setAccepting(true);
+        QTRY_COMPARE_WITH_TIMEOUT(runner.counters()->accepted, quint64(1), HangGuardMs);
+        runner.setAccepting(false);
+    }
 }
 
 void tst_PluginRunner::loads()

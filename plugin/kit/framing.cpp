@@ -20,7 +20,7 @@ constexpr qsizetype LeastAppended = 512;
 
 Frame taken(Frame::Kind kind, QByteArrayView bytes)
 {
-    return {kind, bytes.size(), kind == Frame::Bad ? bytes : QByteArrayView()};
+    return {kind, bytes.size(), kind == Frame::Bad ? bytes : QByteArrayView(), false};
 }
 
 qint64 clamped(qint64 maxMessage)
@@ -195,7 +195,8 @@ public:
         if (state.skipping)
             return skip(buffer, state);
         if (buffer[0] != marks.begin)
-            return taken(Frame::Bad, buffer.first(beginIn(buffer)));
+            return takeBetween(buffer, state);
+        state.between = false;
         if (marks.begin == marks.end && buffer.size() > 1 && buffer[1] == marks.begin)
             return taken(Frame::Skipped, buffer.first(1)); // two marks between two messages
         const qsizetype end = endIn(buffer, state);
@@ -232,6 +233,13 @@ public:
     QByteArrayView partial(QByteArrayView rest) const override { return rest.sliced(1); }
 
 private:
+    Frame takeBetween(QByteArrayView buffer, FrameState &state) const
+    {
+        Frame frame = taken(Frame::Bad, buffer.first(beginIn(buffer)));
+        frame.continues = std::exchange(state.between, true);
+        return frame;
+    }
+
     qsizetype sizeWith(qsizetype end) const { return marks.begin == marks.end ? end : end + 1; }
 
     // Where a message begins, or the size.

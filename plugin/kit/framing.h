@@ -20,8 +20,9 @@ struct FrameState
     bool skipping = false; // inside a message that is too long; its end is to be searched for
     qint64 skipBytes = 0; // still to come of a message that is too long, and tells its length
     qsizetype wanted = 0; // fewer bytes than that hold no whole message
+    bool between = false; // behind bytes between two messages, to which the next ones may belong
 
-    bool isSkipping() const { return skipping || skipBytes > 0; }
+    bool isSkipping() const { return skipping || skipBytes > 0 || between; }
 };
 
 //! What lies at the front of a connection's bytes.
@@ -38,6 +39,7 @@ struct Frame
     Kind kind = Incomplete;
     qsizetype size = 0; // bytes taken from the front, framing included
     QByteArrayView message; // if Complete, without framing; if Bad, all that was taken
+    bool continues = false; // if Bad, it goes on with the one before: both count once
 };
 
 /*!

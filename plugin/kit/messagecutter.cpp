@@ -68,7 +68,7 @@ void MessageCutter::handle(const Frame &frame, quint64 position, const Origin &o
         if (tooLongLines.allows())
             CWRN(QtWarningMsg, QStringLiteral("Message skipped since it is too long, from %1"),
                  origin.source);
-    } else if (frame.kind == Frame::Bad) {
+    } else if (frame.kind == Frame::Bad && !frame.continues) {
         ++counted.bad;
         if (badLines.allows())
             CWRN(QtWarningMsg,

@@ -16,7 +16,7 @@ struct MessageCounts
     quint64 bytes = 0; // of whole messages, without framing
     quint64 partial = 0;
     quint64 tooLong = 0; // skipped
-    quint64 bad = 0; // failed a check, or lay between two messages
+    quint64 bad = 0; // messages that failed a check, and what lay between two messages
 };
 
 /*!

@@ -3,6 +3,7 @@
 
 #include "plugin/kit/framing.h"
 
+#include "plugin/kit/messagecutter.h"
 #include "tests/kit/messagecapture.h"
 
 #include <QtTest/QtTest>
@@ -23,8 +24,8 @@ struct Result
 
     bool operator==(const Result &other) const
     {
-        return messages == other.messages && bad.join() == other.bad.join()
-                && tooLong == other.tooLong && rest == other.rest;
+        return messages == other.messages && bad == other.bad && tooLong == other.tooLong
+                && rest == other.rest;
     }
 };
 
@@ -41,7 +42,9 @@ Result readInPieces(const Framing &framing, QByteArrayView stream, qsizetype pie
             Q_ASSERT(frame.size > 0 && frame.size <= result.rest.size());
             if (frame.kind == Frame::Complete)
                 result.messages += frame.message.toByteArray();
-            if (frame.kind == Frame::Bad)
+            if (frame.kind == Frame::Bad && frame.continues)
+                result.bad.last() += frame.message.toByteArray();
+            else if (frame.kind == Frame::Bad)
                 result.bad += frame.message.toByteArray();
             result.tooLong += frame.kind == Frame::TooLong ? 1 : 0;
             result.rest.remove(0, frame.size);
@@ -85,6 +88,7 @@ class tst_Framings : public QObject
 private Q_SLOTS:
     void messages_data();
     void messages();
+    void cutterCountsBadBytesOnce();
     void partial_data();
     void partial();
     void abandons_data();
@@ -101,7 +105,7 @@ void tst_Framings::messages_data()
     QTest::addColumn<SharedFraming>("framing");
     QTest::addColumn<QByteArray>("stream");
     QTest::addColumn<QByteArrayList>("messages");
-    QTest::addColumn<QByteArray>("bad");
+    QTest::addColumn<QByteArrayList>("bad");
     QTest::addColumn<int>("tooLong");
     QTest::addColumn<QByteArray>("rest");
 
@@ -110,57 +114,56 @@ void tst_Framings::messages_data()
     const auto passes = [](QByteArrayView message) { return message.startsWith('+'); };
     using List = QByteArrayList;
     QTest::newRow("lines") << lines() << QByteArray("a\r\n\nbc\nd") << List({"a", "", "bc"})
-                           << QByteArray() << 0 << QByteArray("d");
+                           << List() << 0 << QByteArray("d");
     QTest::newRow("length of one byte")
-            << lengthPrefixed(1) << QByteArray("\1a\0\2bc\3d", 8) << List({"a", "", "bc"})
-            << QByteArray() << 0 << QByteArray("\3d");
+            << lengthPrefixed(1) << QByteArray("\1a\0\2bc\3d", 8) << List({"a", "", "bc"}) << List()
+            << 0 << QByteArray("\3d");
     QTest::newRow("two bytes") << lengthPrefixed(2) << QByteArray("\0\1a\0\2bc", 7)
-                               << List({"a", "bc"}) << QByteArray() << 0 << QByteArray();
+                               << List({"a", "bc"}) << List() << 0 << QByteArray();
     QTest::newRow("two bytes, little-endian")
             << lengthPrefixed(2, QSysInfo::LittleEndian) << QByteArray("\1\0a\2\0bc", 7)
-            << List({"a", "bc"}) << QByteArray() << 0 << QByteArray();
+            << List({"a", "bc"}) << List() << 0 << QByteArray();
     QTest::newRow("four bytes, little-endian")
             << lengthPrefixed(4, QSysInfo::LittleEndian) << QByteArray("\1\0\0\0a\2\0\0\0b", 10)
-            << List({"a"}) << QByteArray() << 0 << QByteArray("\2\0\0\0b", 5);
+            << List({"a"}) << List() << 0 << QByteArray("\2\0\0\0b", 5);
     QTest::newRow("four bytes, too long")
             << lengthPrefixed(4, QSysInfo::BigEndian, 2) << QByteArray("\0\0\0\3abc\0\0\0\1d", 12)
-            << List({"d"}) << QByteArray() << 1 << QByteArray();
+            << List({"d"}) << List() << 1 << QByteArray();
     QTest::newRow("two marks") << marked(brackets) << QByteArray("<a><><b<c>")
-                               << List({"a", "", "b<c"}) << QByteArray() << 0 << QByteArray();
+                               << List({"a", "", "b<c"}) << List() << 0 << QByteArray();
     QTest::newRow("between two marks")
             << marked(brackets) << QByteArray("x<a>yz<b>\n<c") << List({"a", "b"})
-            << QByteArray("xyz\n") << 0 << QByteArray("<c");
-    QTest::newRow("escaped marks")
-            << marked(brackets) << QByteArray("<a\\>b><c\\\\><d\\") << List({"a\\>b", "c\\\\"})
-            << QByteArray() << 0 << QByteArray("<d\\");
+            << List({"x", "yz", "\n"}) << 0 << QByteArray("<c");
+    QTest::newRow("escaped marks") << marked(brackets) << QByteArray("<a\\>b><c\\\\><d\\")
+                                   << List({"a\\>b", "c\\\\"}) << List() << 0 << QByteArray("<d\\");
     QTest::newRow("two marks, too long") << marked(brackets, 3) << QByteArray("<abc><abcd\\>e><f>")
-                                         << List({"abc", "f"}) << QByteArray() << 1 << QByteArray();
+                                         << List({"abc", "f"}) << List() << 1 << QByteArray();
     QTest::newRow("no escape") << marked(unprotected) << QByteArray("<a}><b\\>")
-                               << List({"a}", "b\\"}) << QByteArray() << 0 << QByteArray();
+                               << List({"a}", "b\\"}) << List() << 0 << QByteArray();
     QTest::newRow("one mark") << marked() << QByteArray("~a~~b~c~") << List({"a", "b", "c"})
-                              << QByteArray() << 0 << QByteArray("~");
-    QTest::newRow("one mark, escaped") << marked() << QByteArray("~a}~b~") << List({"a}~b"})
-                                       << QByteArray() << 0 << QByteArray("~");
+                              << List() << 0 << QByteArray("~");
+    QTest::newRow("one mark, escaped")
+            << marked() << QByteArray("~a}~b~") << List({"a}~b"}) << List() << 0 << QByteArray("~");
     QTest::newRow("one mark, too long") << marked(HdlcMarks, 2) << QByteArray("~abcd~e~~fghi~~j~")
-                                        << List({"e", "j"}) << QByteArray() << 2 << QByteArray("~");
+                                        << List({"e", "j"}) << List() << 2 << QByteArray("~");
     QTest::newRow("fixed") << fixedSize(3) << QByteArray("abcdefg") << List({"abc", "def"})
-                           << QByteArray() << 0 << QByteArray("g");
+                           << List() << 0 << QByteArray("g");
     QTest::newRow("custom") << custom(digitAndBytes) << QByteArray("2ab01c3d")
-                            << List({"2ab", "0", "1c"}) << QByteArray() << 0 << QByteArray("3d");
+                            << List({"2ab", "0", "1c"}) << List() << 0 << QByteArray("3d");
     QTest::newRow("custom, at its limit")
             << custom(digitAndBytes, 3) << QByteArray("2ab2cd0") << List({"2ab", "2cd", "0"})
-            << QByteArray() << 0 << QByteArray();
+            << List() << 0 << QByteArray();
     QTest::newRow("custom, with a size that is known before")
             << custom([](QByteArrayView bytes) -> qsizetype {
                    const qsizetype size = bytes[0] - '0' + 1;
                    return bytes.size() >= size ? size : -size;
                })
-            << QByteArray("2ab01c3d") << List({"2ab", "0", "1c"}) << QByteArray() << 0
+            << QByteArray("2ab01c3d") << List({"2ab", "0", "1c"}) << List() << 0
             << QByteArray("3d");
     QTest::newRow("checked") << checked(lines(), passes) << QByteArray("+a\n-b\n+c\n")
-                             << List({"+a", "+c"}) << QByteArray("-b\n") << 0 << QByteArray();
+                             << List({"+a", "+c"}) << List({"-b\n"}) << 0 << QByteArray();
     QTest::newRow("checked lengths") << checked(lengthPrefixed(1), passes) << QByteArray("\2+a\2-b")
-                                     << List({"+a"}) << QByteArray("\2-b") << 0 << QByteArray();
+                                     << List({"+a"}) << List({"\2-b"}) << 0 << QByteArray();
 }
 
 void tst_Framings::messages()
@@ -169,11 +172,11 @@ void tst_Framings::messages()
     QFETCH(QByteArray, stream);
     Result expected;
     QFETCH(QByteArrayList, messages);
-    QFETCH(QByteArray, bad);
+    QFETCH(QByteArrayList, bad);
     QFETCH(int, tooLong);
     QFETCH(QByteArray, rest);
     expected.messages = messages;
-    expected.bad = {bad};
+    expected.bad = bad;
     expected.tooLong = tooLong;
     expected.rest = rest;
     for (qsizetype piece = 1; piece <= stream.size(); ++piece) {
@@ -184,6 +187,21 @@ void tst_Framings::messages()
                   + result.bad.join('|'))
                          .constData());
     }
+}
+
+// However many pieces it comes in.
+void tst_Framings::cutterCountsBadBytesOnce()
+{
+    const MessageCapture capture;
+    MessageCutter cutter(marked({'<', '>'}), {});
+    FrameState state;
+    Allowance unlimited;
+    quint64 position = 0;
+    for (const char *piece : {"a", "b", "<c>", "d", "e", "f", "<g>"})
+        position += quint64(cutter.write(piece, position, {}, state, unlimited));
+    QCOMPARE(cutter.counts().messages, quint64(2));
+    QCOMPARE(cutter.counts().bad, quint64(2));
+    QCOMPARE(MessageCapture::take().size(), 2);
 }
 
 void tst_Framings::partial_data()

@@ -27,7 +27,7 @@ InputSession::InputSession(InputSettings sessionSettings, QObject *parent)
       reader(
               cutter, [this](int length, const auto &subId) { answer(length, subId); }, {},
               settings.pace),
-      runner(settings, *this)
+      runner(static_cast<const PluginSettings &>(settings), *this)
 {
     fromAnyThread.link = std::make_shared<Acknowledger::Link>();
     fromAnyThread.link->session = this;

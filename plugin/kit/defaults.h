@@ -18,9 +18,9 @@ namespace inputkit {
 // the two objects.
 QJsonObject withDefaults(QJsonObject configuration);
 
-// Whether a plugin with this complete configuration tells the position of its offers, and when a
-// connection is over.
+// Whether a plugin with this complete configuration tells the position of its offers.
 bool stampsOffers(const QJsonObject &configuration);
+// Whether it tells when a connection is over.
 bool tellsEnds(const QJsonObject &configuration);
 
 } // namespace inputkit

@@ -2,13 +2,15 @@
 # SPDX-License-Identifier: MIT
 
 # The simulator's parts that use neither sockets nor timers.
-foreach(name IN ITEMS tst_devicesimoptions tst_devicesimparts tst_messageparts tst_replayparts
+foreach(name IN ITEMS tst_devicesimmanual tst_devicesimoptions tst_devicesimparts tst_messageparts tst_replayparts
         tst_scriptparts)
     plugin_test(${name})
     target_link_libraries(${name} PRIVATE devicesim_core)
 endforeach()
 
 target_link_libraries(tst_replayparts PRIVATE tcpinput_recording)
+target_compile_definitions(tst_devicesimmanual PRIVATE
+    MANUAL_FILE="${PROJECT_SOURCE_DIR}/docs/DEVICESIM.md")
 target_link_libraries(tst_messageparts PRIVATE TcpInputPlugin2::framework)
 
 # The program.

@@ -18,11 +18,12 @@ CLEAR = "\r\033[K"
 class Progress:
     """Shows how far a program is while the with block lasts. What is printed meanwhile comes above.
 
-    describe: is called in another thread, and returns a text and the share that is done, 0 to 1."""
+    describe: is called in another thread, and returns a text and the share that is done, 0 to 1.
+    started: when that share was 0, as time.monotonic(); default: now."""
 
-    def __init__(self, describe):
+    def __init__(self, describe, started=None):
         self._describe = describe
-        self._started = time.monotonic()
+        self._started = time.monotonic() if started is None else started
         self._lock = threading.Lock()  # guards the terminal's last line
         self._over = threading.Event()
         self._thread = threading.Thread(target=self._run, daemon=True)

@@ -7,6 +7,7 @@ import os
 import pty
 import subprocess
 import sys
+import time
 import unittest
 
 from harness import progress
@@ -58,6 +59,11 @@ class OfPrograms(unittest.TestCase):
 
     def test_shows_where_the_size_is_unknown(self):
         self.assertRegex(run_on_terminal(0), "step 3 of a long way, 0:0[0-9]\r")
+
+    def test_forecasts(self):
+        begun = time.monotonic() - 30
+        line = progress.Progress(lambda: ("text", 0.25), begun)._line()
+        self.assertRegex(line, "^text, 0:3[0-9], [12]:[0-9]{2} left$")
 
     def test_is_silent_elsewhere(self):
         ended = subprocess.run([sys.executable, "-B", "-c", PROGRAM], capture_output=True,

@@ -21,6 +21,7 @@ target_compile_definitions(tcpinput_build_options INTERFACE
 add_library(tcpinput_sanitizers INTERFACE)
 target_link_libraries(tcpinput_build_options INTERFACE tcpinput_sanitizers)
 if(TCPINPUT_SANITIZE)
+    target_compile_definitions(tcpinput_sanitizers INTERFACE TCPINPUT_SANITIZED)
     target_compile_options(tcpinput_sanitizers INTERFACE
         # vptr: its check opens descriptors, and some tests take them all.
         -fsanitize=${TCPINPUT_SANITIZE} -fno-sanitize=vptr -fno-sanitize-recover=all

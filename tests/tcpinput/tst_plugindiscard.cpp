@@ -85,6 +85,8 @@ void tst_PluginDiscard::discardIsRouted()
     devices.push_back(plugin.connectDevice());
     devices.push_back(plugin.connectDevice());
     QTRY_COMPARE(plugin.getStatus().count(u"tcp2:"_s), 2);
+    passQueueOf(plugin.workers().allTasks().value(0)); // has told of its connection now
+    passQueueOf(plugin.workers().allTasks().value(1));
     takeLog();
     plugin.discard(5, subid);
     QCOMPARE(takeLog(), QStringList{line});

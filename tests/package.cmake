@@ -29,5 +29,5 @@ if(minimalhost_sanitizer)
     set(minimalhost_flags "-g -fsanitize=${minimalhost_sanitizer}")
 endif()
 set_tests_properties(package PROPERTIES
-    TIMEOUT 300
+    TIMEOUT 1200 # a hang guard: it builds two hosts, under a sanitizer slowly
     ENVIRONMENT "MINIMALHOST_FLAGS=${minimalhost_flags};ASAN_OPTIONS=${sanitizer_options}")

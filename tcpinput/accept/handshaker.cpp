@@ -3,6 +3,7 @@
 
 #include "tcpinput/accept/handshaker.h"
 
+#include "tcpinput/accept/unread.h"
 #include "tls/context.h"
 
 #include <QtCore/QCoreApplication>
@@ -13,19 +14,12 @@
 #include <optional>
 #include <utility>
 
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 namespace {
 
 constexpr qsizetype ReceiveBytes = 16 * 1024;
 constexpr char HandshakeRecord = 0x16; // first byte of a ClientHello's record, RFC 8446, 5.1
-
-bool hasUnread(int descriptor)
-{
-    int bytes = 0;
-    return ::ioctl(descriptor, FIONREAD, &bytes) == 0 && bytes > 0;
-}
 
 } // namespace
 
@@ -78,7 +72,7 @@ struct Handshaker::Open
     QAbstractSocket::SocketError error = QAbstractSocket::UnknownSocketError; // if it has failed
     QString failure; // likewise; empty: the session knows it
     bool isReady = false;
-    bool prolonged = false; // once, for an answer that came in time
+    bool prolonged = false; // once, if this thread was held up
     std::list<Open>::iterator position;
 };
 
@@ -106,7 +100,7 @@ void Handshaker::begin(Descriptor descriptor, Acceptance acceptance, const Terms
 
 void Handshaker::makeRoom(int mostOpen)
 {
-    // One whose bytes are here waits for this thread, and is not to blame.
+    // One whose bytes or end are here waits for this thread, and is not to blame.
     const auto isSpared = [](const Open *each) {
         return each->isReady || hasUnread(each->descriptor.get());
     };
@@ -280,7 +274,7 @@ void Handshaker::closeLate()
 {
     while (!all.empty() && all.front().deadline.hasExpired()) {
         Open &handshake = all.front();
-        // If this thread was held up, the answer of the peer may have come in time and be unread.
+        // If this thread was held up, the answer of the peer, or its end, may have come in time.
         if (!handshake.prolonged && hasUnread(handshake.descriptor.get())) {
             handshake.prolonged = true;
             restartClock(handshake);

@@ -4,13 +4,12 @@
 #include "tcpinput/accept/tlshandshake.h"
 
 #include "ssl/sessiontickets.h"
+#include "tcpinput/accept/unread.h"
 
 #include <QtCore/QSocketNotifier>
 
 #include <functional>
 #include <utility>
-
-#include <sys/ioctl.h>
 
 namespace {
 
@@ -21,12 +20,16 @@ constexpr char HandshakeRecord = 0x16; // first byte of a ClientHello's record, 
 TlsHandshake::TlsHandshake(QSslServer *owner, std::unique_ptr<TlsSocket> accepted)
     : QObject(owner),
       server(owner),
-      socket(std::move(accepted))
+      socket(std::move(accepted)),
+      plainSocket(socket->findChild<QTcpSocket *>(QString(), Qt::FindDirectChildrenOnly))
 {
     forwardSignals();
     connect(socket.get(), &QIODevice::readyRead, this, &TlsHandshake::checkHello);
     connect(socket.get(), &QAbstractSocket::errorOccurred, this, &TlsHandshake::fail);
     connect(socket.get(), &QSslSocket::encrypted, this, &TlsHandshake::encrypted);
+    // Connected after the socket itself, which has made its answer when this is called.
+    if (plainSocket)
+        connect(plainSocket, &QIODevice::readyRead, this, &TlsHandshake::sendAnswer);
     connect(&timer, &QTimer::timeout, this, &TlsHandshake::timedOut);
     timer.setSingleShot(true);
     timer.start(server->handshakeTimeout());
@@ -136,10 +139,20 @@ void TlsHandshake::checkHello()
         drop();
         return;
     }
+    prolonged = false;
     timer.start(); // progress was made
     startServerEncryptionWithoutTickets(*socket);
+    sendAnswer(); // before a receiver holds up this thread
     if (state != Over)
         tell(&QSslServer::startedEncryptionHandshake);
+}
+
+// Qt would hand the answer to the kernel in a later pass of the event loop. If this thread is held
+// up until then, the peer waits for it, and its time runs out.
+void TlsHandshake::sendAnswer()
+{
+    if (state == Open && plainSocket)
+        plainSocket->flush();
 }
 
 // Comes from inside the socket's receiving, which may go on afterwards: with an alert for the peer,
@@ -177,21 +190,14 @@ void TlsHandshake::report(QAbstractSocket::SocketError error, const QString &tex
 
 void TlsHandshake::timedOut()
 {
-    // If this thread was held up, the answer of the peer may have come in time and be unread.
-    if (!prolonged && hasUnread()) {
+    // If this thread was held up, the answer of the peer, or its end, may have come in time.
+    if (!prolonged && hasUnread(socket->socketDescriptor())) {
         prolonged = true;
         timer.start();
         return;
     }
     socket->setErrorString(QStringLiteral("The handshake took too long"));
     fail(QAbstractSocket::SocketTimeoutError);
-}
-
-bool TlsHandshake::hasUnread() const
-{
-    int bytes = 0;
-    return ::ioctl(static_cast<int>(socket->socketDescriptor()), FIONREAD, &bytes) == 0
-            && bytes > 0;
 }
 
 void TlsHandshake::encrypted()
@@ -217,4 +223,6 @@ void TlsHandshake::ignoreSocket()
 {
     timer.stop();
     socket->disconnect(this);
+    if (plainSocket)
+        plainSocket->disconnect(this);
 }

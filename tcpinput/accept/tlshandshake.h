@@ -8,6 +8,7 @@
 #include <QtCore/QPointer>
 #include <QtCore/QTimer>
 #include <QtNetwork/QSslServer>
+#include <QtNetwork/QTcpSocket>
 
 #include <memory>
 #include <optional>
@@ -59,10 +60,10 @@ private:
     void forwardSignals();
     void askForKey(QSslPreSharedKeyAuthenticator *authenticator);
     void checkHello();
+    void sendAnswer();
     void fail(QAbstractSocket::SocketError error);
     void report(QAbstractSocket::SocketError error, const QString &text);
     void timedOut();
-    bool hasUnread() const;
     void encrypted();
     void handOver();
     void ignoreSocket();
@@ -70,12 +71,13 @@ private:
 
     const QPointer<QSslServer> server;
     std::unique_ptr<TlsSocket> socket;
+    const QPointer<QTcpSocket> plainSocket; // the socket's own, which sends and receives for it
     QTimer timer;
     std::optional<QSslError> interruption; // why Qt has interrupted the handshake
     bool telling = false; // a receiver runs, perhaps with an event loop: do not delete
     bool insideOpenSsl = false; // a receiver runs in there: the socket's SSL object must stay
     bool heard = false; // a first byte
     bool silenceAllowed = false; // see allowSilence()
-    bool prolonged = false; // once, for an answer that came in time
+    bool prolonged = false; // once before the first byte, and once after it
     enum { Open, Encrypted, Failed, Over } state = Open;
 };

@@ -11,6 +11,7 @@
 
 #include <QtCore/QJsonObject>
 #include <QtCore/QRegularExpression>
+#include <QtCore/QSemaphore>
 #include <QtTest/QtTest>
 
 #include <algorithm>
@@ -42,6 +43,7 @@ private Q_SLOTS:
     void silentPeersDelayNobody();
     void silentPeersAreDropped();
     void answersThatWaitAreInTime();
+    void answersAreSentAtOnce();
     void errorsStayWithTheirConnection();
 
 private:
@@ -232,6 +234,26 @@ void tst_TlsFaults::answersThatWaitAreInTime()
     for (int n = 0; n < 20; ++n)
         QVERIFY(waitForRecord("held up " + QByteArray::number(n)));
     QCOMPARE(socketErrors(), 0);
+}
+
+// The host holds its thread up when the server has made its answer. The device need not wait for
+// it, so its next bytes are there when the time-out looks for them.
+void tst_TlsFaults::answersAreSentAtOnce()
+{
+    start();
+    TlsDevice device(TLS1_3_VERSION);
+    QSemaphore answered;
+    bool meanwhile = false;
+    connect(&server(), &QSslServer::startedEncryptionHandshake, this,
+            [&] { meanwhile = answered.tryAcquire(1, HangGuardMs); });
+    QVERIFY(play([&] {
+        if (device.connect(testAddress(), port) && device.handshakeUntilAnswer())
+            answered.release();
+        device.write("answered");
+        device.flush();
+    }));
+    QVERIFY(waitForRecord("answered"));
+    QVERIFY(meanwhile);
 }
 
 void tst_TlsFaults::errorsStayWithTheirConnection()

@@ -71,6 +71,12 @@ void AcceptGuard::pauseAtGate()
     timer.start(GateIntervalMs);
 }
 
+void AcceptGuard::askGate()
+{
+    if (timer.isActive() && !resumed)
+        tick();
+}
+
 void AcceptGuard::hold(bool on)
 {
     held = on;

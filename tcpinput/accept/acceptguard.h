@@ -36,6 +36,8 @@ public:
     // mayAccept: whether another connection may be accepted; asked after each one. As soon as it
     // says no, the server is paused. Default: it always may.
     void setGate(std::function<bool()> mayAccept) { gate = std::move(mayAccept); }
+    // Asks a gate that has said no at once, not only after some milliseconds. May delete this.
+    void askGate();
 
     // Call after every successful listen(): each listening socket has a new notifier.
     void watch();

@@ -89,8 +89,9 @@ protected:
           })
     {
         this->setListenBacklogSize(ListenBacklog);
-        guard.setGate(
-                [this] { return !paused && limiter.mayAccept(handshakes() + proxies.waiting()); });
+        guard.setGate([this] {
+            return !paused && hasRoom() && limiter.mayAccept(handshakes() + proxies.waiting());
+        });
     }
 
     void incomingConnection(qintptr descriptor) final
@@ -115,6 +116,8 @@ protected:
     virtual void admit(qintptr descriptor, const Acceptance &acceptance) = 0;
     // How many TLS handshakes go on.
     virtual qsizetype handshakes() const { return 0; }
+    // Whether one more can go on, or begin soon: false pauses accepting for some milliseconds.
+    virtual bool hasRoom() const { return true; }
 
     PendingConnections<Waiting> waiting;
 

@@ -80,36 +80,43 @@ Handshaker::Handshaker(Taker taker)
     : take(std::move(taker)),
       turnTimer(this),
       deadlineTimer(this),
+      roomTimer(this),
       buffer(ReceiveBytes, Qt::Uninitialized)
 {
     connect(&turnTimer, &QTimer::timeout, this, &Handshaker::takeTurn);
     deadlineTimer.setSingleShot(true);
     connect(&deadlineTimer, &QTimer::timeout, this, &Handshaker::closeLate);
+    roomTimer.setSingleShot(true);
+    connect(&roomTimer, &QTimer::timeout, this, &Handshaker::makeRoom);
 }
 
 Handshaker::~Handshaker() = default;
 
 void Handshaker::begin(Descriptor descriptor, Acceptance acceptance, const Terms &terms)
 {
-    makeRoom(terms.mostOpen);
     all.emplace_back(*this, std::move(descriptor), std::move(acceptance), terms);
     Open &handshake = all.back();
     handshake.position = std::prev(all.end());
     restartClock(handshake);
+    mostOpen = terms.mostOpen;
+    if (open.size() > mostOpen && !roomTimer.isActive())
+        roomTimer.start(MakeRoomIntervalMs);
 }
 
-void Handshaker::makeRoom(int mostOpen)
+void Handshaker::makeRoom()
 {
     // One whose bytes or end are here waits for this thread, and is not to blame.
     const auto isSpared = [](const Open *each) {
         return each->isReady || hasUnread(each->descriptor.get());
     };
-    while (open.size() >= mostOpen) {
-        const std::optional<Open *> first = open.goesFirst(isSpared);
-        if (!first)
-            return;
-        end(**first, Outcome::Crowded);
+    for (qsizetype left = open.excess(mostOpen, isSpared); left > 0; --left) {
+        const std::optional<Open *> next = open.goesFirst(isSpared);
+        if (!next)
+            break;
+        end(**next, Outcome::Crowded);
     }
+    if (open.size() > mostOpen)
+        roomTimer.start(MakeRoomIntervalMs);
 }
 
 void Handshaker::enqueue(Open &handshake)

@@ -25,8 +25,8 @@ class Context;
     Carries out the handshakes of one thread.
 
     A step of a handshake can take a millisecond. So addresses take turns, one step each, however
-    many connections one of them has opened. At most so many handshakes are open; for one more, one
-    of them goes: see OpenHandshakes.
+    many connections one of them has opened. At most so many handshakes wait for their peers; if
+    there are more, some of them go: see OpenHandshakes. Those that wait for this thread stay.
 
     Thread: the one it lives in.
     Owner:  the maker, who ends the thread first.
@@ -41,7 +41,7 @@ public:
     {
         std::shared_ptr<const tls::Context> context;
         int timeoutMs; // until the first byte, and again from then on; more than 0
-        int mostOpen; // handshakes of this thread; more than 0
+        int mostOpen; // handshakes of this thread that wait for their peers; more than 0
     };
     // Called when a handshake is over, in this object's thread.
     using Taker = std::function<void(HandshakeResult result)>;
@@ -55,7 +55,7 @@ private:
     struct Open;
     using Outcome = HandshakeResult::Outcome;
 
-    void makeRoom(int mostOpen);
+    void makeRoom();
     void enqueue(Open &handshake);
     void takeTurn();
     void step(Open &handshake);
@@ -77,5 +77,7 @@ private:
     std::deque<QByteArray> turns; // addresses with ready handshakes, each once
     QTimer turnTimer; // runs while there are any
     QTimer deadlineTimer;
+    QTimer roomTimer; // runs while more are open than may wait for their peers
+    int mostOpen = 0; // that may wait for their peers, as the latest terms say
     QByteArray buffer;
 };

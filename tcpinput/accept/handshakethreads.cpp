@@ -42,7 +42,7 @@ void HandshakeThreads::begin(Descriptor descriptor, Acceptance acceptance,
     Handshaker *const handshaker = &next();
     ++opened;
     const Handshaker::Terms terms{std::move(context), timeoutMs,
-                                  std::max(1, MostOpen / std::max(1, size))};
+                                  std::max(1, mostOpen / std::max(1, size))};
     // Shared: Qt copies what it posts. If the thread ends before, the descriptor is closed.
     const auto start = std::make_shared<Start>(Start{std::move(descriptor), std::move(acceptance)});
     QMetaObject::invokeMethod(

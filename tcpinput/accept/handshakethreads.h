@@ -36,13 +36,15 @@ public:
 
     // How many threads there are at most, from the next handshake on; more than 0. Default: 1.
     void setSize(int value) { size = value; }
+    // How many handshakes may be open in all threads; more than 0.
+    void setMostOpen(int value) { mostOpen = value; }
 
     void begin(Descriptor descriptor, Acceptance acceptance,
                std::shared_ptr<const tls::Context> context, int timeoutMs);
     // Begun, and not reported.
     qsizetype open() const { return opened; }
     // How many of them are too many: those to be closed for them have sent what waits here.
-    qsizetype excess() const { return std::max<qsizetype>(opened - MostOpen, 0); }
+    qsizetype excess() const { return std::max<qsizetype>(opened - mostOpen, 0); }
     // Closes all connections whose handshake was not reported. Waits until the threads have ended:
     // each first finishes the step in hand.
     void drop();
@@ -50,8 +52,6 @@ public:
     quint64 drops() const { return generation; }
 
 private:
-    static constexpr int MostOpen = 4096; // in all threads
-
     struct Place;
 
     Handshaker &next();
@@ -60,6 +60,7 @@ private:
 
     const Taker take;
     int size = 1;
+    int mostOpen = MostOpenHandshakes;
     std::vector<Place> places; // each has a thread
     std::unique_ptr<Place> withoutThread; // what it has begun it ends, also when there are threads
     std::size_t latest = 0; // whose turn it was

@@ -63,8 +63,20 @@ public:
 
     qsizetype size() const { return count; }
 
-    // The one to close for another one. isSpared: says of a handshake whether it must stay. Nothing
-    // if it says so of all that the address with most has.
+    // How many have to go if no more than most may be open. isSpared: says of a handshake whether
+    // it must stay; such a one does not count.
+    template<class Spared>
+    qsizetype excess(qsizetype most, Spared isSpared) const
+    {
+        qsizetype result = count - most;
+        for (const std::list<Entry> &same : byAddress) {
+            for (auto each = same.begin(); each != same.end() && result > 0; ++each)
+                result -= isSpared(each->handshake) ? 1 : 0;
+        }
+        return std::max<qsizetype>(result, 0);
+    }
+
+    // The one of these to go next. Nothing if all stay that the address with most has.
     template<class Spared>
     std::optional<Handshake> goesFirst(Spared isSpared) const
     {
@@ -100,3 +112,8 @@ private:
     qsizetype count = 0; // of all
     quint64 steps = 0; // counts progress
 };
+
+// How many a server has at most, in all threads, unless a test sets it.
+inline constexpr int MostOpenHandshakes = 4096;
+// So often is looked which of too many have to go. To look at all takes some milliseconds.
+inline constexpr int MakeRoomIntervalMs = 20;

@@ -19,6 +19,12 @@
 
 namespace {
 
+// So many more than may be open are accepted before the event loop has its turn. To close a
+// handshake of Qt's engine and to begin another one takes a tenth of a millisecond, and Qt accepts
+// for as long as connections wait: peers that connect again at once would have this thread do
+// nothing else.
+constexpr int MostInExcess = 64;
+
 // Qt keeps a socket connected if its peer ends TLS with close_notify but keeps TCP open, or sends
 // what is no TLS any more. Nothing can come then, but the connection would stay until the idle
 // time-out.
@@ -45,10 +51,7 @@ void announceAgain(QSslSocket *socket)
 
 SslServer::SslServer(QObject *parent)
     : AcceptingServer(parent,
-                      [this] {
-                          return openHandshakes + threads.excess() + waiting.size()
-                                  + proxies.waiting();
-                      }),
+                      [this] { return threads.excess() + waiting.size() + proxies.waiting(); }),
       threads([this](HandshakeResult &result) { settle(result); })
 {
     // For receivers of its signals with a queued connection.
@@ -56,6 +59,8 @@ SslServer::SslServer(QObject *parent)
     qRegisterMetaType<QAbstractSocket::SocketError>();
     qRegisterMetaType<QSslError>();
     qRegisterMetaType<QList<QSslError>>();
+    roomTimer.setSingleShot(true);
+    connect(&roomTimer, &QTimer::timeout, this, &SslServer::makeRoom);
 }
 
 SslServer::~SslServer()
@@ -111,6 +116,12 @@ void SslServer::setUp(const tls::Settings &settings, int handshakeThreads)
     threads.setSize(handshakeThreads);
 }
 
+void SslServer::setMostOpen(int value)
+{
+    mostOpen = value;
+    threads.setMostOpen(value);
+}
+
 void SslServer::admit(qintptr descriptor, const Acceptance &acceptance)
 {
     if (!context)
@@ -135,6 +146,16 @@ void SslServer::admitToQt(qintptr descriptor, const Acceptance &acceptance)
         handshake->allowSilence(); // the proxy may only look whether somebody listens
         connect(handshake, &TlsHandshake::endedSilently, &proxies, &ProxyGate::countSilent);
     }
+    follow(handshake, acceptance);
+    guard.accepted();
+}
+
+void SslServer::follow(TlsHandshake *handshake, const Acceptance &acceptance)
+{
+    const auto place =
+            qtHandshakes.enter(acceptance.endpoints.peer, {handshake, acceptance.endpoints});
+    connect(handshake, &TlsHandshake::movedOn, this, [this, place] { qtHandshakes.moveOn(place); });
+    connect(handshake, &TlsHandshake::settled, this, [this, place] { qtHandshakes.leave(place); });
     QElapsedTimer since;
     since.start();
     connect(handshake, &TlsHandshake::cameOut, this,
@@ -148,7 +169,41 @@ void SslServer::admitToQt(qintptr descriptor, const Acceptance &acceptance)
                 enqueue({std::unique_ptr<TlsSocket>(finished), nullptr, {}, acceptance});
             });
     ++openHandshakes;
-    guard.accepted();
+    if (qtHandshakes.size() > mostOpen && !roomTimer.isActive())
+        roomTimer.start(0);
+}
+
+// Not in admit(): receivers of these signals may delete this, which Qt's accepting does not allow.
+void SslServer::makeRoom()
+{
+    // One that waits for this thread is not to blame. Its end may not have been seen yet.
+    const auto isSpared = [](const QtHandshake &each) { return each.handshake->waitsForUs(); };
+    const QPointer<SslServer> self(this); // receivers of a socket's own signals may delete it
+    QStringList closed;
+    for (qsizetype left = qtHandshakes.excess(mostOpen, isSpared); left > 0; --left) {
+        const std::optional<QtHandshake> next = qtHandshakes.goesFirst(isSpared);
+        if (!next)
+            break;
+        closed.append(next->endpoints.peerText());
+        count(TlsHandshake::Outcome::Failed, 0);
+        next->handshake->drop();
+        if (!self)
+            return;
+    }
+    if (qtHandshakes.size() > mostOpen)
+        roomTimer.start(MakeRoomIntervalMs);
+    for (const QString &peer : std::as_const(closed)) {
+        if (self)
+            crowds.add(peer);
+    }
+    if (self)
+        guard.askGate();
+}
+
+// Our own engine makes room in its threads.
+bool SslServer::hasRoom() const
+{
+    return context || qtHandshakes.size() < mostOpen + MostInExcess;
 }
 
 void SslServer::count(TlsHandshake::Outcome outcome, qint64 ns)

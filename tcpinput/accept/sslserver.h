@@ -6,10 +6,12 @@
 #include "tcpinput/accept/acceptingserver.h"
 #include "tcpinput/accept/handshakethreads.h"
 #include "tcpinput/accept/minutenotice.h"
+#include "tcpinput/accept/openhandshakes.h"
 #include "tcpinput/accept/tlshandshake.h"
 #include "tcpinput/accept/tlssocket.h"
 #include "tls/settings.h"
 
+#include <QtCore/QTimer>
 #include <QtNetwork/QSslServer>
 
 #include <memory>
@@ -30,11 +32,15 @@ struct ReadySocket
     closing it during one crashes. There are two engines instead.
 
     With Qt's, handshakes run in the server's thread, each in its own TlsHandshake. A finished
-   socket is detached from this thread. It lives in no thread until another one takes it.
+    socket is detached from this thread. It lives in no thread until another one takes it.
 
     With our own they run in HandshakeThreads. The socket is made by the thread that takes the
     connection. The signals come when the handshake is over, with a socket that was never connected:
     it knows the peer and the error. Receivers cannot ignore an error, nor provide a pre-shared key.
+
+    With both, at most so many handshakes wait for their peers. If there are more, some of them go,
+    without a signal: see OpenHandshakes. Those that wait for this computer stay; accepting pauses
+    if there are too many of them.
 
     Emits the signals of QSslServer: sslErrors() during the handshake; errorOccurred() when it has
     failed, right after handshakeInterruptedOnError() if that is the reason (an interrupted
@@ -60,6 +66,9 @@ public:
 
     // For handshakes that begin from now on. threads: for those of our own engine; more than 0.
     void setUp(const tls::Settings &settings, int threads);
+    // How many handshakes may be open and wait for their peers, with each engine; more than 0. For
+    // tests.
+    void setMostOpen(int value);
 
     // Bytes that the socket has received, and its end, are signalled once more in the calling
     // thread.
@@ -67,13 +76,23 @@ public:
 
     void addTo(InputCounters &sum) const override;
 
-    // Of handshakes that our own engine has closed to make room for others.
+    // Of handshakes that were closed to make room for others.
     MinuteNotice crowds;
 
 private:
+    //! One of Qt's engine.
+    struct QtHandshake
+    {
+        TlsHandshake *handshake;
+        Endpoints endpoints;
+    };
+
     void admit(qintptr descriptor, const Acceptance &acceptance) override;
     qsizetype handshakes() const override { return openHandshakes + threads.open(); }
+    bool hasRoom() const override;
     void admitToQt(qintptr descriptor, const Acceptance &acceptance);
+    void follow(TlsHandshake *handshake, const Acceptance &acceptance);
+    void makeRoom();
     void settle(HandshakeResult &result);
     void tell(const HandshakeResult &result);
     void count(TlsHandshake::Outcome outcome, qint64 ns);
@@ -81,6 +100,10 @@ private:
 
     std::shared_ptr<const tls::Context> context; // of our own engine; null: it is Qt's
     HandshakeThreads threads;
-    qsizetype openHandshakes = 0; // of Qt's engine. This and below: the server's thread only
+    // Of Qt's engine. This and below: the server's thread only
+    OpenHandshakes<QtHandshake> qtHandshakes; // those that go on
+    qsizetype openHandshakes = 0; // these, and those that are over and not handed over or deleted
+    int mostOpen = MostOpenHandshakes; // of the first
+    QTimer roomTimer; // runs while there are more
     InputCounters counters; // of handshakes
 };

@@ -30,6 +30,8 @@ TlsHandshake::TlsHandshake(QSslServer *owner, std::unique_ptr<TlsSocket> accepte
     // Connected after the socket itself, which has made its answer when this is called.
     if (plainSocket)
         connect(plainSocket, &QIODevice::readyRead, this, &TlsHandshake::sendAnswer);
+    // The kernel has taken some of an answer.
+    connect(socket.get(), &QSslSocket::encryptedBytesWritten, this, &TlsHandshake::movedOn);
     connect(&timer, &QTimer::timeout, this, &TlsHandshake::timedOut);
     timer.setSingleShot(true);
     timer.start(server->handshakeTimeout());
@@ -39,6 +41,11 @@ TlsHandshake::~TlsHandshake()
 {
     if (state == Open)
         ignoreSocket();
+}
+
+bool TlsHandshake::waitsForUs() const
+{
+    return telling || hasUnread(socket->socketDescriptor());
 }
 
 void TlsHandshake::drop()
@@ -134,6 +141,7 @@ void TlsHandshake::checkHello()
         return;
     disconnect(socket.get(), &QIODevice::readyRead, this, &TlsHandshake::checkHello);
     heard = true;
+    Q_EMIT movedOn();
     if (first != HandshakeRecord) {
         Q_EMIT cameOut(Outcome::NoTls);
         drop();
@@ -221,8 +229,11 @@ void TlsHandshake::handOver()
 
 void TlsHandshake::ignoreSocket()
 {
+    if (std::exchange(ignoring, true))
+        return;
     timer.stop();
     socket->disconnect(this);
     if (plainSocket)
         plainSocket->disconnect(this);
+    Q_EMIT settled();
 }

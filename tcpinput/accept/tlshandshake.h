@@ -37,13 +37,22 @@ public:
     // If the peer goes before its first byte, that is no failure. Default: it is one.
     void allowSilence() { silenceAllowed = true; }
 
-    // Ends the handshake at once, without a signal. Inside a receiver that OpenSSL waits for, the
-    // connection is closed after the receiver has returned.
+    // Whether it goes on when this thread comes to it: bytes or the end of the peer are here, or a
+    // receiver runs.
+    bool waitsForUs() const;
+
+    // Ends the handshake at once, without a signal of its failure. Inside a receiver that OpenSSL
+    // waits for, the connection is closed after the receiver has returned.
     void drop();
 
     enum class Outcome { Done, Failed, TimedOut, NoTls };
 
 Q_SIGNALS:
+    // The peer has made progress: its first byte has come, or it has caused an answer. From inside
+    // the socket: receivers may only take note.
+    void movedOn();
+    // It is open no more, whatever the outcome; emitted once. Receivers may only take note.
+    void settled();
     // Emitted as soon as the outcome is known, from inside the socket: receivers may only count.
     // Not emitted if the handshake was dropped, or has ended in silence.
     void cameOut(Outcome outcome);
@@ -77,6 +86,7 @@ private:
     bool telling = false; // a receiver runs, perhaps with an event loop: do not delete
     bool insideOpenSsl = false; // a receiver runs in there: the socket's SSL object must stay
     bool heard = false; // a first byte
+    bool ignoring = false; // the socket's signals: it is open no more
     bool silenceAllowed = false; // see allowSilence()
     bool prolonged = false; // once before the first byte, and once after it
     enum { Open, Encrypted, Failed, Over } state = Open;

@@ -23,6 +23,8 @@ private Q_SLOTS:
     void oldestOfEqualAddresses();
     void sparedOnesStay();
     void othersAreSparedAlong();
+    void sparedOnesDoNotCount_data();
+    void sparedOnesDoNotCount();
     void addressesThatCountAsOne_data();
     void addressesThatCountAsOne();
     void leaving();
@@ -117,6 +119,32 @@ void tst_OpenHandshakes::othersAreSparedAlong()
     enter("10.0.0.2", 'c');
     QCOMPARE(order({'b', 'c'}), QByteArray());
     QCOMPARE(order({'b'}), QByteArray("ca"));
+}
+
+void tst_OpenHandshakes::sparedOnesDoNotCount_data()
+{
+    QTest::addColumn<QByteArray>("spared");
+    QTest::addColumn<int>("most");
+    QTest::addColumn<int>("excess");
+    QTest::newRow("as many as may be") << QByteArray() << 5 << 0;
+    QTest::newRow("less") << QByteArray() << 6 << 0;
+    QTest::newRow("more") << QByteArray() << 3 << 2;
+    QTest::newRow("some of them are spared") << QByteArray("b") << 3 << 1;
+    QTest::newRow("as many of them") << QByteArray("ae") << 3 << 0;
+    QTest::newRow("more of them") << QByteArray("abe") << 3 << 0;
+    QTest::newRow("all of them") << QByteArray("abcde") << 3 << 0;
+}
+
+void tst_OpenHandshakes::sparedOnesDoNotCount()
+{
+    QFETCH(QByteArray, spared);
+    QFETCH(int, most);
+    for (const char name : {'a', 'b', 'c'})
+        enter("10.0.0.1", name);
+    for (const char name : {'d', 'e'})
+        enter("10.0.0.2", name);
+    const auto isSpared = [&](char name) { return spared.contains(name); };
+    QTEST(int(open.excess(most, isSpared)), "excess");
 }
 
 void tst_OpenHandshakes::addressesThatCountAsOne_data()

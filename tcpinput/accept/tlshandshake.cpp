@@ -150,7 +150,6 @@ void TlsHandshake::checkHello()
     prolonged = false;
     timer.start(); // progress was made
     startServerEncryptionWithoutTickets(*socket);
-    sendAnswer(); // before a receiver holds up this thread
     if (state != Over)
         tell(&QSslServer::startedEncryptionHandshake);
 }

@@ -140,6 +140,7 @@ void Recorder::appendGap()
     gap.size = std::exchange(lostBytes, 0);
     gap.entries = std::exchange(lostEntries, 0);
     appendEntry(queue, gap);
+    gapIsQueued = true;
 }
 
 // Requires mutex.
@@ -179,6 +180,7 @@ void Recorder::run()
     while (waitForEntries(lock)) {
         emptyBuffer(batch);
         std::swap(batch, queue);
+        gapIsQueued = false;
         lock.unlock();
         writeBatch();
         lock.lock();
@@ -211,7 +213,7 @@ void Recorder::writeBatch()
     tellResumed();
 }
 
-// The end of what is missing is reached where its gap is written.
+// The end of what is missing is reached where its last gap is written.
 void Recorder::tellResumed()
 {
     const auto missing = missingBytes(batch);
@@ -220,7 +222,7 @@ void Recorder::tellResumed()
     missingSoFar += *missing;
     {
         const std::lock_guard lock(mutex);
-        isDropping = lostEntries > 0;
+        isDropping = lostEntries > 0 || gapIsQueued;
         if (isDropping)
             return;
     }

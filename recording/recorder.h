@@ -92,7 +92,8 @@ private:
     Clock::time_point lastTime; // of the last entry in the queue
     quint64 lostBytes = 0; // since the last Gap in the queue
     quint64 lostEntries = 0;
-    bool isDropping = false; // told, and no Gap was written since
+    bool gapIsQueued = false; // the queue has a Gap
+    bool isDropping = false; // told, and not every Gap was written since
     bool isStopping = false;
 };
 

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,6 +23,10 @@ using namespace recordingtest;
 using State = RecordingReader::State;
 
 namespace {
+
+// A batch fills a pipe, which takes 64 KiB, several times.
+constexpr qsizetype SmallQueue = 300'000;
+constexpr qsizetype BatchBytes = 250'000;
 
 const Endpoints SomePeer = {"192.0.2.7", 50123, "192.0.2.1", 7446};
 
@@ -36,7 +41,7 @@ struct Notes
     {
         return {[this](const QString &) { ++dropping; },
                 [this](quint64 bytes) {
-                    missing = bytes;
+                    missing += bytes;
                     ++resumed;
                 }};
     }
@@ -55,18 +60,37 @@ public:
     ~NamedPipe() { ::close(fd); }
     Q_DISABLE_COPY_MOVE(NamedPipe)
 
+    // At most 4 KiB.
+    QByteArray readSome() const
+    {
+        char bytes[4096];
+        return {bytes, qMax<ssize_t>(::read(fd, bytes, sizeof bytes), 0)};
+    }
     QByteArray readAll() const
     {
         QByteArray all;
-        char bytes[64 * 1024];
-        for (ssize_t size = 1; size > 0; all.append(bytes, qMax<ssize_t>(size, 0)))
-            size = ::read(fd, bytes, sizeof bytes);
+        for (QByteArray some = readSome(); !some.isEmpty(); some = readSome())
+            all += some;
         return all;
+    }
+    // The writer then waits for a reader.
+    bool isFull() const
+    {
+        int size = 0;
+        return ::ioctl(fd, FIONREAD, &size) == 0 && size == ::fcntl(fd, F_GETPIPE_SZ);
     }
 
 private:
     int fd = -1;
 };
+
+quint64 missingIn(const Contents &contents)
+{
+    quint64 missing = 0;
+    for (const Entry &entry : contents.entries)
+        missing += entry.type == Entry::Gap ? entry.size : 0;
+    return missing;
+}
 
 } // namespace
 
@@ -82,6 +106,7 @@ private Q_SLOTS:
     void leavesOutPayload();
     void refuses();
     void neverWaitsForAPipe();
+    void tellsEveryLoss();
     void tellsAFullTargetOnce();
     void aStuckPipeDoesNotHoldTheEnd();
 
@@ -184,7 +209,7 @@ void tst_Recorder::neverWaitsForAPipe()
 {
     const NamedPipe pipe(name);
     Notes notes;
-    Recorder recorder({}, notes.notices(), 300'000);
+    Recorder recorder({}, notes.notices(), SmallQueue);
     QVERIFY(recorder.start(name));
     recorder.begin(1, SomePeer);
     const QByteArray payload(1000, 'x');
@@ -208,17 +233,54 @@ void tst_Recorder::neverWaitsForAPipe()
 
     const Contents contents = readBytes(read);
     QCOMPARE(contents.state, State::CleanEnd);
-    QCOMPARE(contents.count(Entry::Gap), 1);
     QCOMPARE(contents.count(Entry::Begin), 2);
+    const quint64 missing = missingIn(contents);
     quint64 recorded = 0;
-    quint64 missing = 0;
     for (const Entry &entry : contents.entries)
-        (entry.type == Entry::Gap ? missing : recorded) += entry.size;
+        recorded += entry.type == Entry::Gap ? 0 : entry.size;
     QCOMPARE(missing, notes.missing.load());
     QVERIFY(missing > 0);
     QCOMPARE(recorded + missing, position + 8);
     QCOMPARE(contents.entries.last().bytes, QByteArray("the last"));
     QCOMPARE(contents.entries.last().position, position);
+}
+
+// While a gap is written, another one waits already.
+void tst_Recorder::tellsEveryLoss()
+{
+    const NamedPipe pipe(name);
+    Notes notes;
+    Recorder recorder({}, notes.notices(), SmallQueue);
+    QVERIFY(recorder.start(name));
+    recorder.bytes(1, 0, QByteArray(BatchBytes, 'x'));
+    QTRY_VERIFY_WITH_TIMEOUT(pipe.isFull(), HangGuardMs);
+    quint64 position = BatchBytes;
+    const auto loseBytes = [&recorder, &notes, &position](int times) {
+        for (; notes.dropping == 0 || times > 0; position += 1000, --times)
+            recorder.bytes(1, position, QByteArray(1000, 'x'));
+    };
+    loseBytes(0);
+    recorder.begin(2, SomePeer); // goes into the reserve, behind the first gap
+    loseBytes(1);
+
+    QByteArray read;
+    const auto hasTakenQueue = [&pipe, &read] {
+        read += pipe.readSome();
+        return read.size() > BatchBytes + 10'000;
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(hasTakenQueue(), HangGuardMs);
+    recorder.bytes(1, position, "the last"); // behind the second gap
+    const auto hasResumed = [&pipe, &read, &notes] {
+        read += pipe.readAll();
+        return notes.resumed > 0;
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(hasResumed(), HangGuardMs);
+    recorder.finish();
+    const Contents contents = readBytes(read + pipe.readAll());
+    QCOMPARE(contents.count(Entry::Gap), 2);
+    QCOMPARE(notes.missing.load(), missingIn(contents));
+    QCOMPARE(notes.dropping.load(), 1);
+    QCOMPARE(notes.resumed.load(), 1);
 }
 
 // Every write to this device fails.

@@ -3,7 +3,6 @@
 
 #include "recording/recorder.h"
 
-#include <optional>
 #include <system_error>
 #include <utility>
 
@@ -93,6 +92,7 @@ void Recorder::enqueue(const Entry &entry)
 {
     {
         const std::lock_guard lock(mutex);
+        noteOpen(entry); // also if it is lost
         const bool wasEmpty = queue.isEmpty();
         if (hasRoom(MostOverhead, queueLimit + ReserveBytes)) {
             Entry timed = entry;
@@ -103,6 +103,15 @@ void Recorder::enqueue(const Entry &entry)
         }
     }
     noteLoss(0, 1, QStringLiteral("it is written too slowly"));
+}
+
+// Requires mutex.
+void Recorder::noteOpen(const Entry &entry)
+{
+    if (entry.type == Entry::Begin)
+        open.insert(entry.connection, entry.endpoints);
+    else
+        open.remove(entry.connection);
 }
 
 void Recorder::bytes(quint64 connection, quint64 position, QByteArrayView bytes)
@@ -180,7 +189,7 @@ void Recorder::run()
     while (waitForEntries(lock)) {
         emptyBuffer(batch);
         std::swap(batch, queue);
-        gapIsQueued = false;
+        openBehindGap = std::exchange(gapIsQueued, false) ? std::optional(open) : std::nullopt;
         lock.unlock();
         writeBatch();
         lock.lock();
@@ -198,7 +207,7 @@ bool Recorder::waitForEntries(std::unique_lock<std::mutex> &lock)
 
 void Recorder::writeBatch()
 {
-    if (!writer.write(batch)) {
+    if (!writer.write(batch, std::exchange(openBehindGap, {}))) {
         quint64 entries = 0;
         QByteArrayView left = batch;
         while (takeEntry(left))

@@ -14,6 +14,7 @@
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 namespace recording {
@@ -31,7 +32,7 @@ struct RecorderNotices
     Records connections to a file, from a host's threads. Nobody waits for the file: a thread of the
     recorder's own writes it, at most 0.1 s later, or 1 s if it is compressed. What that thread has
    not written yet is bounded. If the file takes less than what comes, bytes are left out; the
-   recording says where, and how many.
+   recording says where, and how many, and soon behind it which connections are open.
 
     Thread: any for begin(), bytes() and end(), each connection one at a time; the others the
    owner's. Owner:  the host. Locks:  mutex; never held while writing or notifying.
@@ -65,6 +66,7 @@ private:
     using Clock = std::chrono::steady_clock;
 
     void enqueue(const Entry &entry);
+    void noteOpen(const Entry &entry);
     bool hasRoom(qsizetype size, qsizetype limit);
     qint64 takeElapsed();
     void appendGap();
@@ -81,6 +83,7 @@ private:
     const qsizetype queueLimit;
     RecordingWriter writer; // the recorder's thread; until start() the owner's
     QByteArray batch; // likewise: what is being written
+    std::optional<OpenConnections> openBehindGap; // likewise: behind a batch that has a gap
     quint64 missingSoFar = 0; // likewise: bytes, as the gaps tell since dropping() was told
     QString error; // set in start()
     std::thread thread;
@@ -89,6 +92,7 @@ private:
     std::condition_variable hasEntries;
     // Guarded by mutex.
     QByteArray queue; // entries; changes places with batch, so both keep their memory
+    OpenConnections open; // also those whose beginnings or ends are lost
     Clock::time_point lastTime; // of the last entry in the queue
     quint64 lostBytes = 0; // since the last Gap in the queue
     quint64 lostEntries = 0;

@@ -6,6 +6,8 @@
 #include "recording/format.h"
 #include "recording/numbers.h"
 
+#include <utility>
+
 namespace recording {
 namespace {
 
@@ -20,7 +22,8 @@ bool RecordingWriter::open(const QString &fileName, qint64 timeUs)
     return file.open(fileName);
 }
 
-bool RecordingWriter::write(QByteArrayView entries)
+bool RecordingWriter::write(QByteArrayView entries,
+                            const std::optional<OpenConnections> &openBehind)
 {
     const bool isFull = options.fileBytes > 0 && file.size() >= options.fileBytes;
     // If no new file can be begun, the old one grows.
@@ -28,25 +31,27 @@ bool RecordingWriter::write(QByteArrayView entries)
         needsSession = true;
 
     emptyBuffer(frames);
-    if (needsSession) {
-        QByteArray session;
-        appendSession(session);
-        appendFrames(session);
-    }
+    const bool isFirst = isFirstSession;
+    if (needsSession)
+        appendSession();
     note(entries);
     appendFrames(entries);
-    const bool isWritten = file.append(frames);
-    needsSession = !isWritten;
-    isFirstSession = isFirstSession && !isWritten;
-    return isWritten;
+    if (openBehind) {
+        correct(*openBehind);
+        appendSession();
+    }
+    needsSession = !file.append(frames);
+    isFirstSession = isFirst && needsSession;
+    return !needsSession;
 }
 
-void RecordingWriter::appendSession(QByteArray &entries) const
+void RecordingWriter::appendSession()
 {
+    QByteArray entries;
     Entry session;
     session.type = Entry::Session;
     session.timeUs = nowUs;
-    session.continues = !isFirstSession;
+    session.continues = !std::exchange(isFirstSession, false);
     session.leavesOutPayload = !options.withPayload;
     appendEntry(entries, session);
     for (auto open = connections.constBegin(); open != connections.constEnd(); ++open) {
@@ -58,6 +63,7 @@ void RecordingWriter::appendSession(QByteArray &entries) const
         begin.wasOpen = true;
         appendEntry(entries, begin);
     }
+    appendFrames(entries);
 }
 
 // Also for entries that are then lost: time goes on, and connections begin and end.
@@ -81,15 +87,22 @@ void RecordingWriter::noteEntry(const RawEntry &raw)
             connections.insert(connection, {entry->endpoints, position});
         return;
     }
-    const auto known = connections.find(connection);
-    if (known == connections.end())
-        return;
     if (raw.type == Entry::End)
-        connections.erase(known);
+        connections.remove(connection);
     else
-        known->position = position
+        connections[connection].position = position
                 + (raw.type == Entry::Bytes ? static_cast<quint64>(cursor.left())
                                             : cursor.takeNumber());
+}
+
+// The entries did not tell of all beginnings and ends. They did tell the positions.
+void RecordingWriter::correct(const OpenConnections &open)
+{
+    const auto noted = std::exchange(connections, {});
+    for (auto connection = open.constBegin(); connection != open.constEnd(); ++connection) {
+        const quint64 position = noted.value(connection.key()).position;
+        connections.insert(connection.key(), {connection.value(), position});
+    }
 }
 
 void RecordingWriter::appendFrames(QByteArrayView entries)

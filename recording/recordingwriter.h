@@ -10,14 +10,19 @@
 
 #include <QtCore/QHash>
 
+#include <optional>
+
 namespace recording {
+
+using OpenConnections = QHash<quint64, Endpoints>; // by number
 
 /*!
     Writes entries to files, each of which can be read by itself: a new file begins with a session
     that repeats the connections that are open.
 
-    The same is done after entries could not be written. So a reader always knows which connections
-    are open, also when their beginnings or ends are among what is missing.
+    The same is done after entries could not be written, and behind those that had a gap. So a
+   reader knows again which connections are open, also when beginnings or ends are among what is
+   missing.
 
     Thread: one at a time; giveUpSoon() any.
 */
@@ -30,9 +35,10 @@ public:
     // later counts from there.
     bool open(const QString &fileName, qint64 timeUs);
 
-    // entries: as appendEntry() makes them, whole; no sessions. False: they are lost, see
-    // errorString().
-    bool write(QByteArrayView entries);
+    // entries: as appendEntry() makes them, whole; no sessions. openBehind: the connections that
+    // are open behind them, if the entries cannot tell since others are missing: a session that
+    // repeats these follows. False: the entries are lost, see errorString().
+    bool write(QByteArrayView entries, const std::optional<OpenConnections> &openBehind = {});
 
     QString errorString() const { return file.errorString(); }
     void giveUpSoon() { file.giveUpSoon(); }
@@ -44,9 +50,10 @@ private:
         quint64 position = 0; // behind what it has brought
     };
 
-    void appendSession(QByteArray &entries) const;
+    void appendSession();
     void note(QByteArrayView entries);
     void noteEntry(const RawEntry &raw);
+    void correct(const OpenConnections &open);
     void appendFrames(QByteArrayView entries);
     void appendPlain(QByteArrayView entries);
     void appendBlocks(QByteArrayView entries);
@@ -55,7 +62,7 @@ private:
     const WriterOptions options;
     RecordingFile file;
     Compressor compressor;
-    QHash<quint64, OpenConnection> connections; // by number
+    QHash<quint64, OpenConnection> connections; // by number; without endpoints: begun in a gap
     qint64 nowUs = 0; // time of the last entry
     bool needsSession = true;
     bool isFirstSession = true;

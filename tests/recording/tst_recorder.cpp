@@ -10,6 +10,7 @@
 #include <QtTest/QtTest>
 
 #include <atomic>
+#include <limits>
 #include <thread>
 #include <vector>
 
@@ -29,6 +30,7 @@ constexpr qsizetype SmallQueue = 300'000;
 constexpr qsizetype BatchBytes = 250'000;
 
 const Endpoints SomePeer = {"192.0.2.7", 50123, "192.0.2.1", 7446};
+const Endpoints OtherPeer = {"192.0.2.8", 50124, "192.0.2.1", 7446};
 
 //! What a recorder has told.
 struct Notes
@@ -60,18 +62,20 @@ public:
     ~NamedPipe() { ::close(fd); }
     Q_DISABLE_COPY_MOVE(NamedPipe)
 
-    // At most 4 KiB.
-    QByteArray readSome() const
-    {
-        char bytes[4096];
-        return {bytes, qMax<ssize_t>(::read(fd, bytes, sizeof bytes), 0)};
-    }
     QByteArray readAll() const
     {
         QByteArray all;
-        for (QByteArray some = readSome(); !some.isEmpty(); some = readSome())
-            all += some;
+        read(all, std::numeric_limits<qsizetype>::max());
         return all;
+    }
+    // Appends what is there until all has so many bytes, or few more.
+    void read(QByteArray &all, qsizetype enough) const
+    {
+        char bytes[4096];
+        for (ssize_t size = 1; size > 0 && all.size() < enough;) {
+            size = ::read(fd, bytes, sizeof bytes);
+            all.append(bytes, qMax<ssize_t>(size, 0));
+        }
     }
     // The writer then waits for a reader.
     bool isFull() const
@@ -107,6 +111,7 @@ private Q_SLOTS:
     void refuses();
     void neverWaitsForAPipe();
     void tellsEveryLoss();
+    void knowsWhatIsOpenAfterAGap();
     void tellsAFullTargetOnce();
     void aStuckPipeDoesNotHoldTheEnd();
 
@@ -233,11 +238,15 @@ void tst_Recorder::neverWaitsForAPipe()
 
     const Contents contents = readBytes(read);
     QCOMPARE(contents.state, State::CleanEnd);
-    QCOMPARE(contents.count(Entry::Begin), 2);
     const quint64 missing = missingIn(contents);
     quint64 recorded = 0;
-    for (const Entry &entry : contents.entries)
+    QList<quint64> begun;
+    for (const Entry &entry : contents.entries) {
         recorded += entry.type == Entry::Gap ? 0 : entry.size;
+        if (entry.type == Entry::Begin && !entry.wasOpen)
+            begun += entry.connection;
+    }
+    QCOMPARE(begun, (QList<quint64>{1, 2}));
     QCOMPARE(missing, notes.missing.load());
     QVERIFY(missing > 0);
     QCOMPARE(recorded + missing, position + 8);
@@ -265,8 +274,8 @@ void tst_Recorder::tellsEveryLoss()
 
     QByteArray read;
     const auto hasTakenQueue = [&pipe, &read] {
-        read += pipe.readSome();
-        return read.size() > BatchBytes + 10'000;
+        pipe.read(read, BatchBytes + 10'000);
+        return read.size() >= BatchBytes + 10'000;
     };
     QTRY_VERIFY_WITH_TIMEOUT(hasTakenQueue(), HangGuardMs);
     recorder.bytes(1, position, "the last"); // behind the second gap
@@ -281,6 +290,50 @@ void tst_Recorder::tellsEveryLoss()
     QCOMPARE(notes.missing.load(), missingIn(contents));
     QCOMPARE(notes.dropping.load(), 1);
     QCOMPARE(notes.resumed.load(), 1);
+}
+
+// Beginnings and ends are among what is missing.
+void tst_Recorder::knowsWhatIsOpenAfterAGap()
+{
+    const NamedPipe pipe(name);
+    Notes notes;
+    Recorder recorder({}, notes.notices(), SmallQueue);
+    QVERIFY(recorder.start(name));
+    recorder.begin(1, SomePeer);
+    recorder.begin(2, SomePeer);
+    recorder.bytes(2, 0, QByteArray(BatchBytes, 'x'));
+    QTRY_VERIFY_WITH_TIMEOUT(pipe.isFull(), HangGuardMs);
+    while (notes.dropping == 0) // the reserve is full, too
+        recorder.end(99, 0, QByteArray(MaxTextBytes, 'x'));
+    recorder.end(1, 0, "peer");
+    recorder.begin(3, OtherPeer);
+    recorder.begin(4, SomePeer);
+    recorder.end(4, 0, "peer");
+
+    QByteArray read;
+    const auto hasTakenQueue = [&pipe, &read] {
+        pipe.read(read, BatchBytes + 10'000);
+        return read.size() >= BatchBytes + 10'000;
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(hasTakenQueue(), HangGuardMs);
+    recorder.bytes(3, 5, "later"); // behind the gap
+    const auto hasResumed = [&pipe, &read, &notes] {
+        read += pipe.readAll();
+        return notes.resumed > 0;
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(hasResumed(), HangGuardMs);
+    recorder.finish();
+    const Contents contents = readBytes(read + pipe.readAll());
+    QCOMPARE(contents.state, State::CleanEnd);
+    QHash<quint64, Entry> open;
+    for (const Entry &entry : contents.entries.last(2))
+        open.insert(entry.connection, entry);
+    QCOMPARE(contents.entries.at(contents.entries.size() - 3).type, Entry::Session);
+    QCOMPARE(open.value(2).endpoints, SomePeer);
+    QCOMPARE(open.value(2).position, quint64(BatchBytes));
+    QCOMPARE(open.value(3).endpoints, OtherPeer);
+    QCOMPARE(open.value(3).position, quint64(10));
+    QVERIFY(open.value(2).wasOpen && open.value(3).wasOpen);
 }
 
 // Every write to this device fails.

@@ -46,6 +46,10 @@ recording::RecorderNotices TrafficRecorder::notices() const
             [this](quint64 bytes) {
                 CWRN(QtWarningMsg, QStringLiteral("Recording %1 goes on: %2 bytes are missing"),
                      options.file, bytes);
+            },
+            [this](quint64 bytes) {
+                CWRN(QtWarningMsg, QStringLiteral("Recording %1 ends early: %2 bytes are missing"),
+                     options.file, bytes);
             }};
 }
 

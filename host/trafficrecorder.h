@@ -13,7 +13,7 @@ namespace host {
 
 /*!
     Records what the host reads. Logs when something is missing in the recording, and when it
-    goes on.
+    goes on or ends without that.
 
     Thread: the plugin's, which never waits for the file.
     Owner:  the host.

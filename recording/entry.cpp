@@ -217,14 +217,15 @@ std::optional<Entry> parseEntry(const RawEntry &raw)
     return entry; // what follows is from a newer writer, which may append to a body
 }
 
-quint64 countBytes(QByteArrayView entries)
+Amount amountIn(QByteArrayView entries)
 {
-    quint64 count = 0;
+    Amount amount;
     while (const auto raw = takeEntry(entries)) {
-        if (const auto entry = parseEntry(*raw))
-            count += entry->size;
+        const Entry entry = parseEntry(*raw).value_or(Entry());
+        amount.bytes += entry.size;
+        amount.entries += entry.type == Entry::Gap ? entry.entries : 1;
     }
-    return count;
+    return amount;
 }
 
 } // namespace recording

@@ -107,7 +107,14 @@ inline void emptyBuffer(QByteArray &buffer)
         buffer.truncate(0);
 }
 
-// How many bytes of connections the entries tell of, those that they call missing included.
-quint64 countBytes(QByteArrayView entries);
+//! How much of what connections did.
+struct Amount
+{
+    quint64 bytes = 0;
+    quint64 entries = 0;
+};
+
+// How much the entries tell of, what they call missing included.
+Amount amountIn(QByteArrayView entries);
 
 } // namespace recording

@@ -175,25 +175,23 @@ void Recorder::finish()
     {
         const std::lock_guard lock(mutex);
         isStopping = true;
-        if (lostEntries > 0)
-            appendGap();
     }
     writer.giveUpSoon();
     hasEntries.notify_one();
     thread.join();
+    if (isDropping && notices.cutShort)
+        notices.cutShort(missingSoFar + lostBytes);
 }
 
 void Recorder::run()
 {
     std::unique_lock lock(mutex);
-    while (waitForEntries(lock)) {
-        emptyBuffer(batch);
-        std::swap(batch, queue);
-        openBehindGap = std::exchange(gapIsQueued, false) ? std::optional(open) : std::nullopt;
-        lock.unlock();
-        writeBatch();
-        lock.lock();
-    }
+    while (waitForEntries(lock))
+        writeQueue(lock);
+    if (lostEntries == 0)
+        return;
+    appendGap();
+    writeQueue(lock);
 }
 
 // False: nothing waits, and nothing more will come.
@@ -205,14 +203,21 @@ bool Recorder::waitForEntries(std::unique_lock<std::mutex> &lock)
     return !queue.isEmpty();
 }
 
+void Recorder::writeQueue(std::unique_lock<std::mutex> &lock)
+{
+    emptyBuffer(batch);
+    std::swap(batch, queue);
+    openBehindGap = std::exchange(gapIsQueued, false) ? std::optional(open) : std::nullopt;
+    lock.unlock();
+    writeBatch();
+    lock.lock();
+}
+
 void Recorder::writeBatch()
 {
     if (!writer.write(batch, std::exchange(openBehindGap, {}))) {
-        quint64 entries = 0;
-        QByteArrayView left = batch;
-        while (takeEntry(left))
-            ++entries;
-        return noteLoss(countBytes(batch), entries, writer.errorString());
+        const Amount lost = amountIn(batch);
+        return noteLoss(lost.bytes, lost.entries, writer.errorString());
     }
     {
         const std::lock_guard lock(mutex);

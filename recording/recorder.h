@@ -26,6 +26,8 @@ struct RecorderNotices
     std::function<void(const QString &reason)> dropping;
     // It goes on; that many bytes of connections are missing.
     std::function<void(quint64 bytes)> resumed;
+    // It has ended and does not go on; that many bytes of connections are missing. In finish().
+    std::function<void(quint64 bytes)> cutShort;
 };
 
 /*!
@@ -74,6 +76,7 @@ private:
 
     void run();
     bool waitForEntries(std::unique_lock<std::mutex> &lock);
+    void writeQueue(std::unique_lock<std::mutex> &lock);
     void writeBatch();
     void tellResumed();
     void noteLoss(quint64 lost, quint64 entries, const QString &reason);

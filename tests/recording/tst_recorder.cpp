@@ -4,6 +4,7 @@
 #include "recording/compression.h"
 #include "recording/recorder.h"
 #include "tests/kit/hangguard.h"
+#include "tests/recording/filesizelimit.h"
 #include "tests/recording/recordingtest.h"
 
 #include <QtCore/QTemporaryDir>
@@ -38,6 +39,7 @@ struct Notes
     std::atomic<int> dropping = 0;
     std::atomic<int> resumed = 0;
     std::atomic<quint64> missing = 0;
+    std::atomic<quint64> missingAtEnd = 0;
 
     RecorderNotices notices()
     {
@@ -45,7 +47,8 @@ struct Notes
                 [this](quint64 bytes) {
                     missing += bytes;
                     ++resumed;
-                }};
+                },
+                [this](quint64 bytes) { missingAtEnd += bytes; }};
     }
 };
 
@@ -113,6 +116,7 @@ private Q_SLOTS:
     void tellsEveryLoss();
     void knowsWhatIsOpenAfterAGap();
     void tellsAFullTargetOnce();
+    void endsWithItsGap();
     void aStuckPipeDoesNotHoldTheEnd();
 
 private:
@@ -240,8 +244,10 @@ void tst_Recorder::neverWaitsForAPipe()
     QCOMPARE(contents.state, State::CleanEnd);
     const quint64 missing = missingIn(contents);
     quint64 recorded = 0;
+    quint64 entries = 0; // with bytes, those that are missing included
     QList<quint64> begun;
     for (const Entry &entry : contents.entries) {
+        entries += entry.type == Entry::Gap ? entry.entries : quint64(entry.type == Entry::Bytes);
         recorded += entry.type == Entry::Gap ? 0 : entry.size;
         if (entry.type == Entry::Begin && !entry.wasOpen)
             begun += entry.connection;
@@ -250,6 +256,7 @@ void tst_Recorder::neverWaitsForAPipe()
     QCOMPARE(missing, notes.missing.load());
     QVERIFY(missing > 0);
     QCOMPARE(recorded + missing, position + 8);
+    QCOMPARE(entries, quint64(2001));
     QCOMPARE(contents.entries.last().bytes, QByteArray("the last"));
     QCOMPARE(contents.entries.last().position, position);
 }
@@ -348,6 +355,22 @@ void tst_Recorder::tellsAFullTargetOnce()
     recorder.finish();
     QCOMPARE(notes.dropping.load(), 1);
     QCOMPARE(notes.resumed.load(), 0);
+    QCOMPARE(notes.missingAtEnd.load(), quint64(4));
+}
+
+// What the recording ends with is too large for the disk; the gap that tells of it is not.
+void tst_Recorder::endsWithItsGap()
+{
+    const FileSizeLimit limit(1000);
+    Notes notes;
+    Recorder recorder({}, notes.notices());
+    QVERIFY(recorder.start(name));
+    recorder.bytes(1, 0, QByteArray(4000, 'x'));
+    recorder.finish();
+    const Contents contents = readFile(name);
+    QCOMPARE(missingIn(contents), quint64(4000));
+    QCOMPARE(notes.missing.load(), quint64(4000));
+    QCOMPARE(notes.missingAtEnd.load(), quint64(0));
 }
 
 void tst_Recorder::aStuckPipeDoesNotHoldTheEnd()
@@ -359,6 +382,7 @@ void tst_Recorder::aStuckPipeDoesNotHoldTheEnd()
     recorder.bytes(1, 0, QByteArray(1024 * 1024, 'x'));
     recorder.finish(); // nobody reads
     QCOMPARE(notes.dropping.load(), 1);
+    QCOMPARE(notes.missingAtEnd.load(), quint64(1024 * 1024));
 }
 
 QTEST_GUILESS_MAIN(tst_Recorder)

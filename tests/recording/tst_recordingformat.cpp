@@ -58,6 +58,7 @@ private Q_SLOTS:
     void headers();
     void unknownEntriesAreSkipped();
     void largePayloadsAreSplit();
+    void amountHasWhatIsMissing();
     void absurdValuesAreDamage_data();
     void absurdValuesAreDamage();
 
@@ -228,8 +229,20 @@ void tst_RecordingFormat::largePayloadsAreSplit()
             position += piece.size;
         }
         QCOMPARE(position, quint64(10 + large.size()));
-        QCOMPARE(countBytes(batch), quint64(large.size()));
+        QCOMPARE(amountIn(batch).bytes, quint64(large.size()));
+        QCOMPARE(amountIn(batch).entries, quint64(4));
     }
+}
+
+void tst_RecordingFormat::amountHasWhatIsMissing()
+{
+    Entry gap;
+    gap.type = Entry::Gap;
+    gap.size = 100;
+    gap.entries = 20;
+    const Amount amount = amountIn(encoded({begin(1), gap, bytes(1, 100, "abc")}));
+    QCOMPARE(amount.bytes, quint64(103));
+    QCOMPARE(amount.entries, quint64(22));
 }
 
 void tst_RecordingFormat::absurdValuesAreDamage_data()

@@ -4,14 +4,12 @@
 #include "recording/compression.h"
 #include "recording/format.h"
 #include "recording/recordingwriter.h"
+#include "tests/recording/filesizelimit.h"
 #include "tests/recording/recordingtest.h"
 
 #include <QtCore/QTemporaryDir>
 #include <QtTest/QtTest>
 
-#include <csignal>
-
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 using namespace recording;
@@ -21,25 +19,6 @@ using State = RecordingReader::State;
 namespace {
 
 constexpr qint64 StartUs = 1'700'000'000'000'000;
-
-// While it lives, no file of this process can be longer.
-class FileSizeLimit
-{
-public:
-    explicit FileSizeLimit(rlim_t bytes)
-    {
-        std::signal(SIGXFSZ, SIG_IGN); // a write then fails instead
-        ::getrlimit(RLIMIT_FSIZE, &before);
-        rlimit limit = before;
-        limit.rlim_cur = bytes;
-        ::setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~FileSizeLimit() { ::setrlimit(RLIMIT_FSIZE, &before); }
-    Q_DISABLE_COPY_MOVE(FileSizeLimit)
-
-private:
-    rlimit before = {};
-};
 
 } // namespace
 

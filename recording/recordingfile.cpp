@@ -3,12 +3,11 @@
 
 #include "recording/recordingfile.h"
 
+#include "recording/finishedfiles.h"
 #include "recording/format.h"
 #include "recording/recordingreader.h"
 
-#include <QtCore/QDir>
 #include <QtCore/QFile>
-#include <QtCore/QFileInfo>
 
 #include <cerrno>
 #include <utility>
@@ -141,38 +140,21 @@ bool RecordingFile::waitUntilWritable() const
 
 bool RecordingFile::beginNext(int keep)
 {
-    const int number = lastNumber() + 1;
+    const FinishedFiles finished(fileName);
+    if (finished.next().isEmpty())
+        return fail(QStringLiteral("it has no number left"));
     const QByteArray name = QFile::encodeName(fileName);
-    const QByteArray finished = QFile::encodeName(numbered(number));
-    if (::rename(name.constData(), finished.constData()) != 0)
+    const QByteArray next = QFile::encodeName(finished.next());
+    if (::rename(name.constData(), next.constData()) != 0)
         return failWithErrno();
     if (!open(fileName)) {
         const QString reason = error;
-        ::rename(finished.constData(), name.constData());
+        ::rename(next.constData(), name.constData());
         return fail(reason);
     }
     if (keep > 0)
-        QFile::remove(numbered(number - keep));
+        finished.removeAllBut(keep);
     return true;
-}
-
-QString RecordingFile::numbered(int number) const
-{
-    return fileName + QLatin1Char('.') + QString::number(number);
-}
-
-// 0 if there is none.
-int RecordingFile::lastNumber() const
-{
-    const QFileInfo info(fileName);
-    const QString prefix = info.fileName() + QLatin1Char('.');
-    int last = 0;
-    const QStringList names = info.dir().entryList(QDir::Files | QDir::Hidden | QDir::System);
-    for (const QString &name : names) {
-        if (name.startsWith(prefix))
-            last = qMax(last, QStringView(name).sliced(prefix.size()).toInt());
-    }
-    return last;
 }
 
 bool RecordingFile::fail(const QString &text)

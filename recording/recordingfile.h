@@ -36,9 +36,8 @@ public:
     // appended, see errorString(); a later try may succeed. Waits for the target.
     bool append(QByteArrayView bytes);
 
-    // Renames the file to the next free of "name.1", "name.2" and so on, and begins a new one under
-    // the old name. keep: how many renamed ones stay, the newest; 0: all. False: the old one is
-    // still in use.
+    // Renames the file to the next of FinishedFiles, and begins a new one under the old name. keep:
+    // how many renamed ones stay, the newest; 0: all. False: the old one is still in use.
     bool beginNext(int keep);
 
     qint64 size() const { return target.size; }
@@ -62,8 +61,6 @@ private:
     qint64 bytesToKeep();
     bool writeAll(QByteArrayView bytes, qsizetype &done);
     bool waitUntilWritable() const;
-    QString numbered(int number) const;
-    int lastNumber() const;
     bool fail(const QString &text);
     bool failWithErrno();
 

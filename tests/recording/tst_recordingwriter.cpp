@@ -20,6 +20,11 @@ namespace {
 
 constexpr qint64 StartUs = 1'700'000'000'000'000;
 
+QStringList words(const char *text)
+{
+    return QString::fromLatin1(text).split(QLatin1Char(' '));
+}
+
 } // namespace
 
 class tst_RecordingWriter : public QObject
@@ -33,10 +38,15 @@ private Q_SLOTS:
     void oneRecorderAFile();
     void rotates_data();
     void rotates();
+    void deletesAllButTheNewest();
+    void leavesOtherNamesAlone();
+    void stopsAtTheLastNumber();
     void goesOnAfterAFullDisk();
     void fileIsPrivate();
 
 private:
+    QStringList names() const;
+    void make(const QStringList &others) const;
     void write(const WriterOptions &options, const QList<QList<Entry>> &batches);
 
     QScopedPointer<QTemporaryDir> folder;
@@ -47,6 +57,21 @@ void tst_RecordingWriter::init()
 {
     folder.reset(new QTemporaryDir);
     name = folder->filePath(QStringLiteral("traffic"));
+}
+
+QStringList tst_RecordingWriter::names() const
+{
+    return QDir(folder->path()).entryList(QDir::Files);
+}
+
+// Files with these names.
+void tst_RecordingWriter::make(const QStringList &others) const
+{
+    for (const QString &other : others) {
+        QFile file(folder->filePath(other));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(other.toUtf8());
+    }
 }
 
 void tst_RecordingWriter::write(const WriterOptions &options, const QList<QList<Entry>> &batches)
@@ -159,6 +184,46 @@ void tst_RecordingWriter::rotates()
         timeUs = contents.entries.last().timeUs;
     }
     QVERIFY(!QFile::exists(name + QStringLiteral(".%1").arg(Batches)));
+}
+
+void tst_RecordingWriter::deletesAllButTheNewest()
+{
+    make(words("traffic.1 traffic.2 traffic.3 traffic.5 traffic.6 traffic.7"));
+    WriterOptions options;
+    options.fileBytes = 1;
+    options.keep = 2;
+    write(options, {{begin(1)}, {bytes(1, 0, "x")}});
+    QCOMPARE(names(), words("traffic traffic.7 traffic.8"));
+}
+
+void tst_RecordingWriter::leavesOtherNamesAlone()
+{
+    const QStringList others = words("traffic.+3 traffic.-2147483648 traffic.0 traffic.007 "
+                                     "traffic.20261123 traffic.2147483647 traffic.a traffic1");
+    make(others);
+    WriterOptions options;
+    options.fileBytes = 1;
+    options.keep = 1;
+    write(options, {{begin(1)}, {bytes(1, 0, "x")}, {bytes(1, 1, "y")}});
+    QStringList expected = others + words("traffic traffic.2");
+    expected.sort();
+    QStringList found = names();
+    found.sort();
+    QCOMPARE(found, expected);
+    for (const QString &other : others)
+        QCOMPARE(contentOf(folder->filePath(other)), other.toUtf8());
+}
+
+// The file then grows.
+void tst_RecordingWriter::stopsAtTheLastNumber()
+{
+    make(words("traffic.9999999"));
+    WriterOptions options;
+    options.fileBytes = 1;
+    options.keep = 1;
+    write(options, {{begin(1)}, {bytes(1, 0, "x")}});
+    QCOMPARE(names(), words("traffic traffic.9999999"));
+    QCOMPARE(readFile(name).entries.size(), 3);
 }
 
 // What could not be written leaves no half entry, and the next session says what is open.

@@ -59,10 +59,15 @@ bool TrafficRecorder::start()
         error = QStringLiteral("Cannot compress recordings: this program was built without zstd");
         return false;
     }
-    if (recorder.start(options.file))
-        return true;
-    error = QStringLiteral("Cannot record to %1: %2").arg(options.file, recorder.errorString());
-    return false;
+    if (!recorder.start(options.file)) {
+        error = QStringLiteral("Cannot record to %1: %2").arg(options.file, recorder.errorString());
+        return false;
+    }
+    const recording::PutAside old = recorder.putAside();
+    if (!old.name.isEmpty())
+        CWRN(QtWarningMsg, QStringLiteral("Recording %1 is not continued, it is now %2: %3"),
+             options.file, old.name, old.reason);
+    return true;
 }
 
 void TrafficRecorder::read(const Origin &origin, quint64 position, QByteArrayView bytes)

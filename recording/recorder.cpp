@@ -60,6 +60,7 @@ bool Recorder::start(const QString &fileName)
         error = writer.errorString();
         return false;
     }
+    aside = writer.putAside();
     try {
         thread = std::thread(&Recorder::run, this);
     } catch (const std::system_error &failure) {

@@ -53,6 +53,8 @@ public:
     // nothing is recorded.
     bool start(const QString &fileName);
     QString errorString() const { return error; }
+    // What start() has found under that name and does not continue.
+    PutAside putAside() const { return aside; }
 
     // Connections have numbers that differ from those of all others since the start. positions: how
     // many of the connection's bytes come before.
@@ -89,6 +91,7 @@ private:
     std::optional<OpenConnections> openBehindGap; // likewise: behind a batch that has a gap
     quint64 missingSoFar = 0; // likewise: bytes, as the gaps tell since dropping() was told
     QString error; // set in start()
+    PutAside aside; // likewise
     std::thread thread;
 
     std::mutex mutex;

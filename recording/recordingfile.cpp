@@ -21,9 +21,25 @@
 namespace recording {
 namespace {
 
+constexpr qint64 LargestContinued = 1024 * 1024 * 1024; // reading it takes some seconds
 constexpr int PatienceStepMs = 100;
 constexpr int LastPatienceMs = 1000; // with a pipe that nobody reads, at the end
 constexpr mode_t FileMode = 0640; // recordings hold what devices have sent
+
+// After a power failure a file may have its size, and nothing of what was written.
+bool hasZerosOnly(QFile &file)
+{
+    constexpr qint64 PieceBytes = 64 * 1024;
+    if (!file.seek(0))
+        return false;
+    while (true) {
+        const QByteArray piece = file.read(PieceBytes);
+        if (piece.count('\0') != piece.size())
+            return false;
+        if (piece.isEmpty())
+            return file.atEnd();
+    }
+}
 
 } // namespace
 
@@ -36,19 +52,23 @@ RecordingFile::~RecordingFile()
 bool RecordingFile::open(const QString &name)
 {
     fileName = name;
-    // Read and write: a pipe then opens without a reader. Not blocking: see waitUntilWritable().
-    const int fd = ::open(QFile::encodeName(name).constData(),
-                          O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, FileMode);
+    aside = {};
+    const int fd = openFile();
     if (fd < 0)
         return failWithErrno();
     const Target old = std::exchange(target, Target{fd});
     const bool isPrepared = prepare();
-    const int unused = isPrepared ? old.fd : fd;
-    if (!isPrepared)
-        target = old;
-    if (unused >= 0)
-        ::close(unused);
+    const Target unused = isPrepared ? old : std::exchange(target, old);
+    if (unused.fd >= 0)
+        ::close(unused.fd);
     return isPrepared;
+}
+
+// Read and write: a pipe then opens without a reader. Not blocking: see waitUntilWritable().
+int RecordingFile::openFile() const
+{
+    return ::open(QFile::encodeName(fileName).constData(),
+                  O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, FileMode);
 }
 
 bool RecordingFile::prepare()
@@ -60,13 +80,50 @@ bool RecordingFile::prepare()
     if (::fstat(target.fd, &status) != 0)
         return failWithErrno();
     target.isRegular = S_ISREG(status.st_mode);
-    if (!target.isRegular)
-        return true;
-    const qint64 size = bytesToKeep();
-    if (size < 0)
-        return false;
-    target.size = size;
-    return cutOffRest() || failWithErrno();
+    return !target.isRegular || continueFile(status.st_size);
+}
+
+bool RecordingFile::continueFile(qint64 size)
+{
+    QFile file;
+    if (!file.open(target.fd, QIODevice::ReadOnly, QFileDevice::DontCloseHandle))
+        return fail(file.errorString());
+    RecordingReader reader(file);
+    // Its first entry tells whether it is a recording.
+    while (reader.next() && size <= LargestContinued) {}
+    switch (reader.state()) {
+    case RecordingReader::State::Reading:
+        return beginAnew(QStringLiteral("it has %1 bytes").arg(size));
+    case RecordingReader::State::Damaged:
+        return beginAnew(reader.errorString());
+    case RecordingReader::State::CleanEnd:
+    case RecordingReader::State::TornEnd:
+        target.size = reader.goodBytes();
+        return cutOffRest() || failWithErrno();
+    case RecordingReader::State::NoRecording:
+        if (hasZerosOnly(file))
+            return beginAnew(QStringLiteral("it has nothing but zeros"));
+        break;
+    default:
+        break;
+    }
+    return fail(reader.errorString());
+}
+
+// The old file is locked until it has its other name.
+bool RecordingFile::beginAnew(const QString &reason)
+{
+    const QString next = FinishedFiles(fileName).next();
+    if (next.isEmpty())
+        return fail(reason);
+    if (::rename(QFile::encodeName(fileName).constData(), QFile::encodeName(next).constData()) != 0)
+        return failWithErrno();
+    aside = {next, reason};
+    const int fd = openFile();
+    if (fd < 0)
+        return failWithErrno();
+    ::close(std::exchange(target.fd, fd));
+    return prepare();
 }
 
 // What is behind the last whole entry. Appending then goes on there.
@@ -74,26 +131,6 @@ bool RecordingFile::cutOffRest()
 {
     return ::ftruncate(target.fd, target.size) == 0
             && ::lseek(target.fd, target.size, SEEK_SET) == target.size;
-}
-
-// How much of a file that exists is good. -1, with an error, if it must not be touched.
-qint64 RecordingFile::bytesToKeep()
-{
-    QFile file;
-    if (!file.open(target.fd, QIODevice::ReadOnly, QFileDevice::DontCloseHandle)) {
-        fail(file.errorString());
-        return -1;
-    }
-    RecordingReader reader(file);
-    while (reader.next()) {}
-    switch (reader.state()) {
-    case RecordingReader::State::CleanEnd:
-    case RecordingReader::State::TornEnd:
-        return reader.goodBytes();
-    default:
-        fail(reader.errorString());
-        return -1;
-    }
 }
 
 bool RecordingFile::append(QByteArrayView bytes)

@@ -10,11 +10,19 @@
 
 namespace recording {
 
+//! A recording that was there and is not continued.
+struct PutAside
+{
+    QString name; // that it has now; empty: there was none
+    QString reason;
+};
+
 /*!
     The file that a recording goes to: appends to it, and begins a new one when it is large enough.
 
-    A file that exists is continued: a torn entry at its end is cut off first. A file that is
-   damaged, or no recording, is left alone. While it is open, no other program can record to it.
+    A file that exists is continued: a torn entry at its end is cut off first. One that is damaged,
+   or so large that reading it would take seconds, is put aside, and a new one begins. What is no
+   recording is left alone. While it is open, no other program can record to it.
 
     What is not a regular file, a pipe for example, can be written to as well. It is not read
    before, and after a write that ended in the middle of an entry nothing more goes there.
@@ -40,6 +48,8 @@ public:
     // how many renamed ones stay, the newest; 0: all. False: the old one is still in use.
     bool beginNext(int keep);
 
+    // What open() has found.
+    PutAside putAside() const { return aside; }
     qint64 size() const { return target.size; }
     bool canBeginNext() const { return target.isRegular; }
     QString errorString() const { return error; }
@@ -56,9 +66,11 @@ private:
         qint64 size = 0; // bytes of header and whole entries
     };
 
+    int openFile() const;
     bool prepare();
+    bool continueFile(qint64 size);
+    bool beginAnew(const QString &reason);
     bool cutOffRest();
-    qint64 bytesToKeep();
     bool writeAll(QByteArrayView bytes, qsizetype &done);
     bool waitUntilWritable() const;
     bool fail(const QString &text);
@@ -66,6 +78,7 @@ private:
 
     QString fileName;
     QString error;
+    PutAside aside;
     Target target;
     std::atomic<bool> hasPatience = true;
 };

@@ -40,6 +40,7 @@ public:
     // repeats these follows. False: the entries are lost, see errorString().
     bool write(QByteArrayView entries, const std::optional<OpenConnections> &openBehind = {});
 
+    PutAside putAside() const { return file.putAside(); }
     QString errorString() const { return file.errorString(); }
     void giveUpSoon() { file.giveUpSoon(); }
 

@@ -48,6 +48,7 @@ private Q_SLOTS:
 
     void everyByteIsSeenOnce();
     void recordsBeginningsAndEnds();
+    void tellsOfADamagedRecording();
     void endpoints_data();
     void endpoints();
 };
@@ -97,6 +98,23 @@ void tst_TrafficRecorder::recordsBeginningsAndEnds()
     QCOMPARE(contents.entries.last().reason, QByteArray("peer"));
     QCOMPARE(contents.entries.last().position, quint64(4));
     QCOMPARE(contents.entries.at(1).endpoints.peer, QByteArray("127.0.0.2"));
+}
+
+void tst_TrafficRecorder::tellsOfADamagedRecording()
+{
+    const QTemporaryDir folder;
+    RecordingOptions options;
+    options.file = folder.filePath(QStringLiteral("traffic"));
+    QFile damaged(options.file);
+    QVERIFY(damaged.open(QIODevice::WriteOnly));
+    damaged.write(recordingtest::fileOf({recording::Entry()}) + QByteArray(100, '\0'));
+    damaged.close();
+    TrafficRecorder recorder(options);
+    const QString line =
+            QStringLiteral("Recording %1 is not continued, it is now %1.1: it is damaged");
+    const QString pattern = QRegularExpression::escape(line.arg(options.file));
+    QTest::ignoreMessage(QtWarningMsg, QRegularExpression(pattern));
+    QVERIFY2(recorder.start(), qPrintable(recorder.errorString()));
 }
 
 void tst_TrafficRecorder::endpoints_data()

@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
+#include "recording/checksum.h"
 #include "recording/compression.h"
 #include "recording/format.h"
 #include "recording/recordingwriter.h"
@@ -8,6 +9,7 @@
 #include "tests/recording/recordingtest.h"
 
 #include <QtCore/QTemporaryDir>
+#include <QtCore/QtEndian>
 #include <QtTest/QtTest>
 
 #include <sys/stat.h>
@@ -25,6 +27,19 @@ QStringList words(const char *text)
     return QString::fromLatin1(text).split(QLatin1Char(' '));
 }
 
+QString damagedBehind(qsizetype bytes)
+{
+    return QStringLiteral("it is damaged behind its first %1 bytes").arg(bytes);
+}
+
+// As a header has it.
+QByteArray checksumOf(const QByteArray &bytes)
+{
+    QByteArray sum(4, '\0');
+    qToLittleEndian<quint32>(crc32c(bytes), sum.data());
+    return sum;
+}
+
 } // namespace
 
 class tst_RecordingWriter : public QObject
@@ -35,6 +50,9 @@ private Q_SLOTS:
     void init();
     void continuesAtEveryCut();
     void leavesOthersAlone();
+    void putsDamagedOnesAside_data();
+    void putsDamagedOnesAside();
+    void putsLargeOnesAside();
     void oneRecorderAFile();
     void rotates_data();
     void rotates();
@@ -45,6 +63,7 @@ private Q_SLOTS:
     void fileIsPrivate();
 
 private:
+    void setContent(const QByteArray &content) const;
     QStringList names() const;
     void make(const QStringList &others) const;
     void write(const WriterOptions &options, const QList<QList<Entry>> &batches);
@@ -57,6 +76,13 @@ void tst_RecordingWriter::init()
 {
     folder.reset(new QTemporaryDir);
     name = folder->filePath(QStringLiteral("traffic"));
+}
+
+void tst_RecordingWriter::setContent(const QByteArray &content) const
+{
+    QFile file(name);
+    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    QCOMPARE(file.write(content), content.size());
 }
 
 QStringList tst_RecordingWriter::names() const
@@ -87,10 +113,7 @@ void tst_RecordingWriter::continuesAtEveryCut()
     write({}, {{begin(1), bytes(1, 0, "first\n"), bytes(1, 6, "second\n")}});
     const QByteArray whole = contentOf(name);
     for (qsizetype size = 0; size <= whole.size(); ++size) {
-        QFile file(name);
-        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        file.write(whole.first(size));
-        file.close();
+        setContent(whole.first(size));
         const QList<Entry> before = readFile(name).entries;
 
         write({}, {{begin(1), end(1, 0, "peer")}});
@@ -107,13 +130,12 @@ void tst_RecordingWriter::continuesAtEveryCut()
 void tst_RecordingWriter::leavesOthersAlone()
 {
     write({}, {{begin(1), bytes(1, 0, "first\n"), bytes(1, 6, "second\n")}});
-    QByteArray damaged = contentOf(name);
-    damaged[40] = static_cast<char>(damaged[40] ^ 1);
-    for (const QByteArray &content : {damaged, QByteArray("A text, and no recording.\n")}) {
-        QFile file(name);
-        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        file.write(content);
-        file.close();
+    QByteArray newer = contentOf(name);
+    newer[8] = 2;
+    newer.replace(12, 4, checksumOf(newer.first(12)));
+    const QByteArray image = QByteArray(4096, '\0') + "something else";
+    for (const QByteArray &content : {newer, QByteArray("A text, and no recording.\n"), image}) {
+        setContent(content);
         RecordingWriter writer({});
         QVERIFY(!writer.open(name, StartUs));
         QVERIFY(!writer.errorString().isEmpty());
@@ -122,6 +144,62 @@ void tst_RecordingWriter::leavesOthersAlone()
     RecordingWriter nowhere({});
     QVERIFY(!nowhere.open(folder->filePath(QStringLiteral("missing/traffic")), StartUs));
     QCOMPARE(nowhere.errorString(), qt_error_string(ENOENT));
+}
+
+void tst_RecordingWriter::putsDamagedOnesAside_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<QString>("reason");
+    const QByteArray whole = fileOf({Entry(), begin(1), bytes(1, 0, "first\n")});
+    QByteArray changed = whole;
+    changed[40] = static_cast<char>(changed[40] ^ 1);
+    QTest::newRow("a byte has changed") << changed << damagedBehind(16 + 9 + 3);
+    QTest::newRow("in its header") << QByteArray(whole).replace(9, 1, "\xff") << damagedBehind(0);
+    // What a file system may leave when the power has failed.
+    QTest::newRow("zeros at the end")
+            << whole + QByteArray(4096, '\0') << damagedBehind(whole.size());
+    QTest::newRow("few zeros at the end")
+            << whole + QByteArray(5, '\0') << damagedBehind(whole.size());
+    QTest::newRow("zeros alone") << QByteArray(100'000, '\0')
+                                 << QStringLiteral("it has nothing but zeros");
+}
+
+void tst_RecordingWriter::putsDamagedOnesAside()
+{
+    QFETCH(const QByteArray, content);
+    setContent(content);
+    make(words("traffic.3"));
+    RecordingWriter writer({});
+    QVERIFY2(writer.open(name, StartUs), qPrintable(writer.errorString()));
+    QVERIFY(writer.write(encoded({begin(2)})));
+    QCOMPARE(names(), words("traffic traffic.3 traffic.4"));
+    QCOMPARE(contentOf(name + QStringLiteral(".4")), content);
+    QCOMPARE(writer.putAside().name, name + QStringLiteral(".4"));
+    QTEST(writer.putAside().reason, "reason");
+    const Contents contents = readFile(name);
+    QCOMPARE(contents.state, State::CleanEnd);
+    QVERIFY(!contents.entries.first().continues);
+    QCOMPARE(contents.count(Entry::Begin), 1);
+    RecordingWriter second({});
+    QVERIFY(!second.open(name, StartUs)); // the new one is locked like any other
+}
+
+// Reading them would hold up the start.
+void tst_RecordingWriter::putsLargeOnesAside()
+{
+    constexpr qint64 Size = qint64(1024) * 1024 * 1024 + 1;
+    for (const bool isRecording : {false, true}) {
+        setContent(isRecording ? fileOf({Entry(), begin(1)})
+                               : QByteArray("A text, no recording\n"));
+        QVERIFY(QFile::resize(name, Size)); // takes no room on the disk
+        RecordingWriter writer({});
+        QCOMPARE(writer.open(name, StartUs), isRecording);
+        QCOMPARE(names(), words(isRecording ? "traffic traffic.1" : "traffic"));
+        QCOMPARE(writer.putAside().name, isRecording ? name + QStringLiteral(".1") : QString());
+        QCOMPARE(writer.putAside().reason,
+                 isRecording ? QStringLiteral("it has 1073741825 bytes") : QString());
+    }
+    QCOMPARE(QFileInfo(name + QStringLiteral(".1")).size(), Size);
 }
 
 void tst_RecordingWriter::oneRecorderAFile()

@@ -25,15 +25,13 @@ bool RecordingWriter::open(const QString &fileName, qint64 timeUs)
 bool RecordingWriter::write(QByteArrayView entries,
                             const std::optional<OpenConnections> &openBehind)
 {
-    const bool isFull = options.fileBytes > 0 && file.size() >= options.fileBytes;
-    // If no new file can be begun, the old one grows.
-    if (isFull && file.canBeginNext() && file.beginNext(options.keep))
-        needsSession = true;
+    beginFullFileAnew();
 
     emptyBuffer(frames);
     const bool isFirst = isFirstSession;
     if (needsSession)
         appendSession();
+    const qint64 repeated = frames.size();
     note(entries);
     appendFrames(entries);
     if (openBehind) {
@@ -42,7 +40,21 @@ bool RecordingWriter::write(QByteArrayView entries,
     }
     needsSession = !file.append(frames);
     isFirstSession = isFirst && needsSession;
+    if (!needsSession)
+        repeatedBytes += repeated;
     return !needsSession;
+}
+
+// What a file repeats at its beginning does not count: if that were longer than a file may be, each
+// batch would get one of its own. If no new file can be begun, the old one grows.
+void RecordingWriter::beginFullFileAnew()
+{
+    if (options.fileBytes == 0 || file.size() - repeatedBytes < options.fileBytes)
+        return;
+    if (!file.canBeginNext() || !file.beginNext(options.keep))
+        return;
+    needsSession = true;
+    repeatedBytes = 0;
 }
 
 void RecordingWriter::appendSession()

@@ -51,6 +51,7 @@ private:
         quint64 position = 0; // behind what it has brought
     };
 
+    void beginFullFileAnew();
     void appendSession();
     void note(QByteArrayView entries);
     void noteEntry(const RawEntry &raw);
@@ -65,6 +66,7 @@ private:
     Compressor compressor;
     QHash<quint64, OpenConnection> connections; // by number; without endpoints: begun in a gap
     qint64 nowUs = 0; // time of the last entry
+    qint64 repeatedBytes = 0; // of the file: sessions at its beginning and after failures
     bool needsSession = true;
     bool isFirstSession = true;
     QByteArray frames; // to be written; keeps its memory

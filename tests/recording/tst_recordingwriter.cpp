@@ -56,6 +56,7 @@ private Q_SLOTS:
     void oneRecorderAFile();
     void rotates_data();
     void rotates();
+    void sessionsDoNotFillFiles();
     void deletesAllButTheNewest();
     void leavesOtherNamesAlone();
     void stopsAtTheLastNumber();
@@ -262,6 +263,23 @@ void tst_RecordingWriter::rotates()
         timeUs = contents.entries.last().timeUs;
     }
     QVERIFY(!QFile::exists(name + QStringLiteral(".%1").arg(Batches)));
+}
+
+// What a new file repeats is longer than a file may be.
+void tst_RecordingWriter::sessionsDoNotFillFiles()
+{
+    constexpr quint64 Connections = 200;
+    WriterOptions options;
+    options.fileBytes = 4000;
+    QList<Entry> begins;
+    for (quint64 number = 1; number <= Connections; ++number)
+        begins += begin(number);
+    QList<QList<Entry>> batches = {begins};
+    for (quint64 position = 0; position < 5000; position += 500)
+        batches.append({bytes(1, position, QByteArray(500, 'x'))});
+    write(options, batches);
+    QCOMPARE(names(), words("traffic traffic.1 traffic.2"));
+    QVERIFY(QFileInfo(name + QStringLiteral(".2")).size() > 4000 + 500);
 }
 
 void tst_RecordingWriter::deletesAllButTheNewest()

@@ -68,6 +68,7 @@ The first step connects. So does the next one behind a step that has ended the c
 the script closes.
 
 SIGUSR1 writes a line with the numbers so far to standard error.
+
 A recording of inputhost --record is played by --replay: each recorded connection is a device, which
 connects at its time, sends what came together at its time, and ends as recorded: a reset as reset, any
 other end by closing. The file is read into memory as a whole. --speed says how fast; with max nothing

@@ -41,6 +41,9 @@ bool Replay::load()
     QStringList complaints;
     if (!reader.errorString().isEmpty())
         complaints += reader.errorString();
+    // Positions do not tell of a connection of which nothing is recorded behind its gap; gaps do
+    // not tell of a file that is missing.
+    const quint64 missing = std::max(missingByPosition, missingInGaps);
     if (missing > 0)
         complaints += QStringLiteral("%1 bytes are missing in it").arg(missing);
     complaint = complaints.join(QStringLiteral("; "));
@@ -69,7 +72,9 @@ bool Replay::take(const Entry &entry)
         break;
     case Entry::Length:
         return false;
-    case Entry::Gap: // positions tell what is missing of which connection
+    case Entry::Gap:
+        missingInGaps += entry.size;
+        break;
     case Entry::Block:
         break;
     }
@@ -103,7 +108,7 @@ void Replay::takeBytes(const Entry &entry)
             known != open.constEnd() ? *known : *open.insert(entry.connection, add(entry));
     Connection &connection = connections[index];
     if (entry.position > connection.position)
-        missing += entry.position - connection.position;
+        missingByPosition += entry.position - connection.position;
     connection.position = entry.position + entry.size;
     if (entry.bytes.isEmpty())
         return;
@@ -118,7 +123,7 @@ void Replay::takeEnd(const Entry &entry)
         return;
     Connection &connection = connections[*known];
     if (entry.position > connection.position)
-        missing += entry.position - connection.position;
+        missingByPosition += entry.position - connection.position;
     connection.isReset = entry.reason == "reset";
     connection.endUs = entry.timeUs - connection.beginUs;
     open.erase(known);

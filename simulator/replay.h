@@ -81,7 +81,8 @@ private:
     Open open;
     Open unrepeated; // behind a session: what was open before and was not repeated yet
     qint64 sessionUs = 0; // time of the session
-    quint64 missing = 0; // bytes
+    quint64 missingByPosition = 0; // bytes
+    quint64 missingInGaps = 0; // bytes, mostly the same ones
     QString error;
     QString complaint;
 };

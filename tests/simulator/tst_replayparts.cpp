@@ -59,6 +59,7 @@ private Q_SLOTS:
     void playsConnections();
     void followsSessions();
     void tellsWhatIsMissing();
+    void tellsWhatGapsTell();
     void playsUpToATear();
     void refuses_data();
     void refuses();
@@ -151,6 +152,20 @@ void tst_ReplayParts::tellsWhatIsMissing()
     QCOMPARE(replay.warning(), QStringLiteral("11 bytes are missing in it"));
     QCOMPARE(replay.deviceCount(), quint64(2));
     QCOMPARE(messagesOf(replay, 1), (QByteArrayList{"a", "b"}));
+}
+
+// Positions and gaps mostly tell of the same bytes.
+void tst_ReplayParts::tellsWhatGapsTell()
+{
+    Entry gap;
+    gap.type = Entry::Gap;
+    gap.size = 30;
+    gap.entries = 3;
+    const Options options = recorded({session(HourUs, false), begin(1), bytes(1, 0, "a"), gap,
+                                      bytes(1, 11, "b"), gap, end(1, 12, "peer")});
+    Replay replay(options);
+    QVERIFY2(replay.load(), qPrintable(replay.errorString()));
+    QCOMPARE(replay.warning(), QStringLiteral("60 bytes are missing in it"));
 }
 
 void tst_ReplayParts::playsUpToATear()

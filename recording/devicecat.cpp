@@ -29,7 +29,8 @@ enum ExitStatus {
 
 const char Notes[] = R"(
 Each line has the time in UTC, what it was, and for most the number of the connection and how many of
-its bytes came before. In quotes, bytes that are not printable ASCII are escaped as in C. With --json:
+its bytes came before. Bytes that are not printable ASCII are shown as \n, \r, \t, or \x and two
+hexadecimal digits; a quote or backslash has a backslash before it. With --json:
     session  time, continues, payload
     begin    time, connection, position, peer, peerPort, local, localPort, wasOpen
     bytes    time, connection, position, bytes, and text (valid UTF-8) or base64

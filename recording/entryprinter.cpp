@@ -50,7 +50,7 @@ bool isPrintable(char byte)
 
 QByteArray escaped(const QByteArray &bytes)
 {
-    QByteArray text = "\"";
+    QByteArray text;
     for (const char byte : bytes) {
         if (byte == '\n')
             text += "\\n";
@@ -65,7 +65,12 @@ QByteArray escaped(const QByteArray &bytes)
         else
             text += "\\x" + QByteArray(1, byte).toHex();
     }
-    return text + '"';
+    return text;
+}
+
+QByteArray quoted(const QByteArray &bytes)
+{
+    return '"' + escaped(bytes) + '"';
 }
 
 QByteArray hexLines(const Entry &entry)
@@ -86,7 +91,8 @@ QByteArray hexLines(const Entry &entry)
 QByteArray endpoint(const QByteArray &address, quint16 port)
 {
     const bool isV6 = address.contains(':');
-    return (isV6 ? '[' + address + ']' : address) + ':' + QByteArray::number(port);
+    const QByteArray text = escaped(address); // a file may hold anything
+    return (isV6 ? '[' + text + ']' : text) + ':' + QByteArray::number(port);
 }
 
 // What a line has behind the entry's name.
@@ -104,11 +110,11 @@ QByteArray details(const Entry &entry, EntryStyle style)
                 + endpoint(ends.local, ends.localPort) + (entry.wasOpen ? ", open before" : "");
     case Entry::Bytes:
         return place + ", " + QByteArray::number(entry.size)
-                + (style == EntryStyle::Hex ? QByteArray() : ": " + escaped(entry.bytes));
+                + (style == EntryStyle::Hex ? QByteArray() : ": " + quoted(entry.bytes));
     case Entry::Length:
         return place + ", " + QByteArray::number(entry.size);
     case Entry::End:
-        return place + ", " + escaped(entry.reason);
+        return place + ", " + quoted(entry.reason);
     default:
         return QByteArray::number(entry.size) + " bytes, " + QByteArray::number(entry.entries)
                 + " entries";

@@ -14,9 +14,9 @@ enum class EntryStyle { Text, Hex, Json };
 /*!
     Shows entries to people and programs.
 
-    Text: a line an entry, with its time in UTC; bytes in quotes, those that are not printable ASCII
-    escaped as in C. Hex: the same lines, and behind that of bytes sixteen of them a line. Json: an
-    object a line.
+    Text: a line an entry, with its time in UTC; bytes in quotes. In them and in addresses, bytes
+   that are not printable ASCII are \n, \r, \t, or \x and two hexadecimal digits. Hex: the same
+   lines, and behind that of bytes sixteen of them a line. Json: an object a line.
 
     Thread: any.
 */

@@ -114,6 +114,16 @@ void tst_DeviceCat::shows_data()
                       "  00000000  78 78 78 78 78 78 78 78 78 78 78 78 78 78 78 78  "
                       "xxxxxxxxxxxxxxxx\n"
                       "  00000010  78                                               x\n";
+    Entry hostile = begin(1);
+    hostile.endpoints.peer = "a\n\x1b[2J\\";
+    hostile.endpoints.local = "b\"\x80";
+    Entry session;
+    session.timeUs = TimeUs;
+    QTest::newRow("hostile addresses")
+            << fileOf({session, hostile}) << ""
+            << QByteArray("2026-11-23T11:20:05.123456Z session begins\n"
+                          "2026-11-23T11:20:05.123461Z begin 1 at 0, from "
+                          "a\\n\\x1b[2J\\\\:50123 to b\\\"\\x80:7446\n");
 }
 
 void tst_DeviceCat::shows()

@@ -42,7 +42,8 @@ struct RecorderNotices
 class Recorder
 {
 public:
-    // queueBytes: how much may wait for the file.
+    // queueBytes: how much may wait for the thread, besides beginnings and ends. As much again is
+    // being written, and as much again is the same in the file's form.
     static constexpr qsizetype DefaultQueueBytes = 64 * 1024 * 1024;
     Recorder(const WriterOptions &given, RecorderNotices told,
              qsizetype queueBytes = DefaultQueueBytes);

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -71,13 +72,17 @@ public:
         read(all, std::numeric_limits<qsizetype>::max());
         return all;
     }
-    // Appends what is there until all has so many bytes, or few more.
+    // Appends what comes, until all has so many bytes, or few more, or nothing comes any more.
     void read(QByteArray &all, qsizetype enough) const
     {
+        constexpr int NothingMoreMs = 50;
+        pollfd request = {fd, POLLIN, 0};
         char bytes[4096];
-        for (ssize_t size = 1; size > 0 && all.size() < enough;) {
-            size = ::read(fd, bytes, sizeof bytes);
-            all.append(bytes, qMax<ssize_t>(size, 0));
+        while (all.size() < enough && ::poll(&request, 1, NothingMoreMs) > 0) {
+            const ssize_t size = ::read(fd, bytes, sizeof bytes);
+            if (size <= 0)
+                return;
+            all.append(bytes, size);
         }
     }
     // The writer then waits for a reader.

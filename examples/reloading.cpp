@@ -14,19 +14,25 @@
 #include <QtCore/QJsonDocument>
 
 #include <cstdio>
+#include <optional>
 
 namespace {
 
-// Empty, with a warning, if it is no JSON object.
-QJsonObject readConfiguration(const QString &name)
+// Nothing, with a warning, if it cannot be read or is no JSON object. An empty configuration would
+// listen on all addresses, without TLS.
+std::optional<QJsonObject> readConfiguration(const QString &name)
 {
     QFile file(name);
-    if (!file.open(QIODevice::ReadOnly))
+    if (!file.open(QIODevice::ReadOnly)) {
         qWarning("%s: %s", qPrintable(name), qPrintable(file.errorString()));
+        return std::nullopt;
+    }
     QJsonParseError error;
     const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &error);
-    if (!document.isObject())
-        qWarning("%s: %s", qPrintable(name), qPrintable(error.errorString()));
+    if (!document.isObject()) {
+        qWarning("%s: no JSON object: %s", qPrintable(name), qPrintable(error.errorString()));
+        return std::nullopt;
+    }
     return document.object();
 }
 
@@ -37,10 +43,10 @@ void tellWhere(const inputkit::InputSession &session)
 
 void reload(inputkit::InputSession &session, const QString &file)
 {
-    const QJsonObject configuration = readConfiguration(file);
-    if (configuration.isEmpty())
+    const auto configuration = readConfiguration(file);
+    if (!configuration)
         return;
-    if (!session.reload(configuration))
+    if (!session.reload(*configuration))
         qWarning("not reloaded: %s", qPrintable(session.errorString()));
     if (!session.isListening()) // not even with the old configuration
         QCoreApplication::exit(1);
@@ -58,6 +64,10 @@ int main(int argc, char **argv)
         qFatal("usage: reloading FILE");
     const QString file = QCoreApplication::arguments().at(1);
 
+    const auto configuration = readConfiguration(file);
+    if (!configuration)
+        return 1;
+
     inputkit::InputSettings settings;
     settings.handlers.message = [](const inputkit::InputMessage &message) {
         std::fwrite(message.bytes.data(), 1, size_t(message.bytes.size()), stdout);
@@ -68,7 +78,7 @@ int main(int argc, char **argv)
         qInfo("%s: %s", qPrintable(end.origin.source), qPrintable(end.reason));
     };
     inputkit::InputSession session(settings);
-    if (!session.start(readConfiguration(file)))
+    if (!session.start(*configuration))
         qFatal("%s", qPrintable(session.errorString()));
     tellWhere(session);
 

@@ -76,6 +76,16 @@ class Examples(unittest.TestCase):
         self.expect(program, "7 2027-01-15T08:00:00Z 52.520008 -13.404954\n"
                              "8 1970-01-01T00:00:00Z 0.000001 0.000002\n")
 
+    def test_reloading_needs_a_configuration(self):
+        with tempfile.TemporaryDirectory() as folder:
+            file = pathlib.Path(folder) / "input.json"
+            for content, complaint in ((None, "No such file"), ("{", "no JSON object"), ("[]", "no JSON object")):
+                if content:
+                    file.write_text(content, encoding="utf-8")
+                with Process([BUILD / "examples/reloading", file]) as program:
+                    self.assertEqual(program.wait(), 1, content)
+                    self.assertIn(f"{file}: {complaint}", program.complaints())
+
     def test_reloading(self):
         port, other = free_port(), free_port()
         with tempfile.TemporaryDirectory() as folder:

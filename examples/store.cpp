@@ -64,6 +64,14 @@ QJsonObject configurationOf(const QStringList &arguments)
     return configuration;
 }
 
+void reload(inputkit::InputSession &session, const QJsonObject &configuration)
+{
+    if (!session.reload(configuration))
+        qWarning("not reloaded: %s", qPrintable(session.errorString()));
+    if (!session.isListening()) // not even with the old configuration: store what is there, and end
+        QCoreApplication::exit(1);
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -92,8 +100,8 @@ int main(int argc, char **argv)
     unixSignals.connect(&application, [&](int number) {
         if (number != SIGHUP)
             QCoreApplication::quit();
-        else if (!session.reload(configurationOf(arguments)))
-            qFatal("%s", qPrintable(session.errorString()));
+        else
+            reload(session, configurationOf(arguments));
     });
     return QCoreApplication::exec();
 }

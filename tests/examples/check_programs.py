@@ -13,6 +13,7 @@ import sys
 import tempfile
 import unittest
 
+from harness.certificates import Certificates
 from harness.processes import Process, wait_until
 
 BUILD = pathlib.Path(sys.argv.pop(1))
@@ -109,6 +110,19 @@ class Examples(unittest.TestCase):
             self.send(b"three\nrest", other)
             self.expect(program, "one\ntwo\nthree\nrest\n")
             program.stop()
+
+    @unittest.skipUnless((BUILD / "examples/store").exists(), "store is not built")
+    def test_store_ends_in_order_without_its_certificate(self):
+        port = free_port()
+        with tempfile.TemporaryDirectory() as name:
+            folder = pathlib.Path(name)
+            certificates = Certificates(folder)
+            program = self.started("store", port, ADDRESS, port, folder / "messages.sqlite", 0,
+                                   certificates.server, certificates.server_key)
+            pathlib.Path(certificates.server).write_text("", encoding="utf-8")
+            program.popen.send_signal(signal.SIGHUP)
+            self.assertEqual(program.wait(), 1)
+            self.assertIn("not reloaded: ", program.complaints())
 
 
 if __name__ == "__main__":

@@ -98,7 +98,7 @@ private:
     const std::shared_ptr<Shared> shared;
     std::vector<Origin> origins;
     std::vector<Item> items;
-    QByteArray bytes;
+    QByteArray bytes = QByteArray("", 0); // not null, so that no view into it is
     qint64 counted = 0;
 };
 

@@ -67,6 +67,7 @@ class tst_HandOver : public QObject
 
 private Q_SLOTS:
     void keepsOrderAndContent();
+    void emptyMessagesAreNotNull();
     void tellsWhenItIsFull();
     void goesWithoutAReceiver();
     void receiverMayGoMeanwhile();
@@ -106,6 +107,21 @@ void tst_HandOver::keepsOrderAndContent()
              QStringList({QStringLiteral("peer 1: one 0-4 0"), QStringLiteral("peer 2: two 4-8 1"),
                           QStringLiteral("peer 1: peer 4"), QStringLiteral("peer 2:  8-9 0")}));
     QCOMPARE(in, &receiver.thread);
+}
+
+// A database, for one, would store nothing at all instead of an empty message.
+void tst_HandOver::emptyMessagesAreNotNull()
+{
+    Receiver receiver;
+    QList<bool> areNull;
+    InputHandlers handlers;
+    handlers.message = [&](const InputMessage &message) { areNull += message.bytes.isNull(); };
+    HandOver handOver(receiver.object, handlers);
+    handOver.add(InputMessage{originOf(1), "", 0, 1, false});
+    handOver.add(InputMessage{originOf(1), {}, 1, 2, false});
+    handOver.flush();
+    receiver.drain();
+    QCOMPARE(areNull, QList<bool>({false, false}));
 }
 
 void tst_HandOver::tellsWhenItIsFull()

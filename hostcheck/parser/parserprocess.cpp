@@ -3,6 +3,8 @@
 
 #include "hostcheck/parser/parserprocess.h"
 
+#include "hostcheck/parser/childwatch.h"
+
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
 
@@ -13,10 +15,8 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
-#include <memory>
 
 #include <dlfcn.h>
-#include <poll.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/time.h>
@@ -28,9 +28,8 @@ namespace {
 
 // A call has used up its time when so many ticks of the processor's clock have found it running.
 constexpr int TicksPerLimit = 4;
-// Without any progress for so long the process is killed: it sleeps, or the machine does.
-constexpr int StandstillMs = 30000;
-constexpr int ProgressIntervalMs = 100;
+// Processor time for loading the shared object, if a call has less.
+constexpr int LoadMs = 30000;
 // consumeAll() gives so many bytes at a time, or all if nothing is consumed of them.
 constexpr qsizetype ChainWindow = 65536;
 // Each takes its whole time limit.
@@ -40,7 +39,7 @@ constexpr qsizetype NearBytes = 4096;
 
 using Consume = size_t (*)(const char *, size_t);
 
-// What was left of a process that has not said how it ended.
+// How a process has ended. Running: it has not said so.
 enum EndOfProcess : int { Running, Done, NotLoaded, Fatal, OutOfTime };
 
 // Limited, so that the sum of all answers still fits.
@@ -50,7 +49,7 @@ qsizetype asValue(size_t answer)
     return static_cast<qsizetype>(std::min(answer, most));
 }
 
-//! What a process and its parent share.
+//! What a process and its parent share. The parser may write anywhere into it.
 struct Shared
 {
     std::atomic<size_t> next; // the call that is made, or to be made
@@ -58,7 +57,6 @@ struct Shared
     int signal;
     uintptr_t address; // of the access that was fatal
     char error[512]; // NotLoaded: the reason
-    size_t first; // the first call of this process
     size_t values[1]; // as many as there are calls
 };
 
@@ -115,32 +113,17 @@ void startClock(int limitMs)
     setitimer(ITIMER_PROF, &interval, nullptr);
 }
 
-// The descriptor is at its end when the process is. One that makes no progress is killed.
-void awaitEnd(pid_t process, int descriptor, Shared &state, const ParserProcess::Progress &progress)
-{
-    size_t seen = state.next;
-    int stillMs = 0;
-    pollfd ended = {descriptor, POLLIN, 0};
-    while (poll(&ended, 1, ProgressIntervalMs) <= 0) {
-        stillMs = state.next == seen ? stillMs + ProgressIntervalMs : 0;
-        seen = state.next;
-        if (progress)
-            progress(seen);
-        if (stillMs < StandstillMs)
-            continue;
-        state.end = OutOfTime;
-        kill(process, SIGKILL);
-    }
-    int status = 0;
-    while (waitpid(process, &status, 0) < 0 && errno == EINTR) {}
-    if (state.end != Running)
-        return;
-    state.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0; // 0: it has called exit()
-    state.address = 0;
-    state.end = Fatal;
-}
-
 } // namespace
+
+//! How a process has ended, as its parent takes it.
+struct ParserProcess::Ending
+{
+    EndOfProcess end = NotLoaded;
+    size_t next = 0; // the call that was made; the number of all calls: none
+    int signal = 0; // Fatal; 0: it has called exit()
+    uintptr_t address = 0; // Fatal: of the access; 0: not known
+    QString error; // NotLoaded: the reason
+};
 
 //! Calls, the memory of their input, and what has become of them.
 class ParserProcess::Batch
@@ -152,21 +135,28 @@ public:
 
     bool isUsable() const { return memory.isUsable() && shared; }
     Shared &state() const { return *shared; }
+    size_t currentCall() const { return std::min(shared->next.load(), calls.size()); }
+    // Before a process is started.
+    void prepare();
     // In the process: makes the calls from the first one on.
     void makeCalls(const QByteArray &file, int limitMs);
+    // In the parent: for the process that has ended with this status of waitpid().
+    Ending endingOf(int status, bool isKilled) const;
     // Writes down what was returned, and the call that was fatal, if one was. Then the next process
     // begins behind it.
-    void collect(std::vector<Outcome> &outcomes) const;
+    void collect(const Ending &ending, std::vector<Outcome> &outcomes);
+    bool isOver() const { return firstCall == calls.size(); }
 
 private:
     Call callAt(size_t index, qsizetype position) const;
     size_t answerTo(Consume consume, const Call &call);
-    Outcome fatalOutcome(const Call &call) const;
+    Outcome fatalOutcome(const Ending &ending, const Call &call) const;
 
     const QByteArray &bytes;
     const std::vector<Call> &calls;
     const Order order;
     FencedBytes memory;
+    size_t firstCall = 0; // the first call of a process; not shared
     size_t sharedSize;
     Shared *shared = nullptr; // null: there was no memory
 };
@@ -211,8 +201,15 @@ size_t ParserProcess::Batch::answerTo(Consume consume, const Call &call)
     return consume(memory.place(first, size, call.fence), size);
 }
 
+void ParserProcess::Batch::prepare()
+{
+    shared->next = firstCall;
+    shared->end = Running;
+}
+
 void ParserProcess::Batch::makeCalls(const QByteArray &file, int limitMs)
 {
+    startClock(std::max(limitMs, LoadMs));
     void *library = dlopen(file.constData(), RTLD_NOW);
     const auto consume = library ? reinterpret_cast<Consume>(dlsym(library, "consume")) : nullptr;
     if (!consume) {
@@ -222,7 +219,7 @@ void ParserProcess::Batch::makeCalls(const QByteArray &file, int limitMs)
     }
     startClock(limitMs);
     qsizetype position = 0;
-    for (size_t i = shared->first; i < calls.size(); ++i) {
+    for (size_t i = firstCall; i < calls.size(); ++i) {
         const Call call = callAt(i, position);
         const size_t answer = answerTo(consume, call);
         shared->values[i] = answer;
@@ -235,33 +232,53 @@ void ParserProcess::Batch::makeCalls(const QByteArray &file, int limitMs)
     shared->end = Done;
 }
 
-void ParserProcess::Batch::collect(std::vector<Outcome> &outcomes) const
+ParserProcess::Ending ParserProcess::Batch::endingOf(int status, bool isKilled) const
 {
-    const size_t next = shared->next;
-    qsizetype position = 0;
-    for (size_t i = shared->first; i < next; ++i) {
-        outcomes[i].kind = Outcome::Returned;
-        outcomes[i].value = asValue(shared->values[i]);
-        position += outcomes[i].value;
+    Ending ending;
+    ending.next = std::clamp(shared->next.load(), firstCall, calls.size());
+    const int said = isKilled ? OutOfTime : WIFEXITED(status) ? shared->end.load() : Running;
+    const bool isAllDone = order == Order::Chained || ending.next == calls.size();
+    if (said == NotLoaded && ending.next == firstCall && shared->error[0] != 0) {
+        ending.error = QString::fromLocal8Bit(
+                shared->error,
+                static_cast<qsizetype>(strnlen(shared->error, sizeof shared->error)));
+    } else if (said == OutOfTime || (said == Done && isAllDone)) {
+        ending.end = static_cast<EndOfProcess>(said);
+    } else {
+        ending.end = Fatal;
+        ending.signal = said == Fatal ? shared->signal : 0;
+        ending.address = said == Fatal ? shared->address : 0;
+        if (WIFSIGNALED(status))
+            ending.signal = WTERMSIG(status);
     }
-    const bool isFatal = shared->end == Fatal || shared->end == OutOfTime;
-    if (!isFatal || next == calls.size())
-        return;
-    outcomes[next] = fatalOutcome(callAt(next, position));
-    shared->next = next + 1;
+    return ending;
 }
 
-Outcome ParserProcess::Batch::fatalOutcome(const Call &call) const
+void ParserProcess::Batch::collect(const Ending &ending, std::vector<Outcome> &outcomes)
+{
+    qsizetype position = 0;
+    for (size_t i = firstCall; i < ending.next; ++i) {
+        outcomes[i].kind = Outcome::Returned;
+        outcomes[i].value = asValue(shared->values[i]);
+        position = std::min(position + outcomes[i].value, bytes.size());
+    }
+    firstCall = ending.next;
+    const bool isFatal = ending.end == Fatal || ending.end == OutOfTime;
+    if (isFatal && !isOver())
+        outcomes[firstCall++] = fatalOutcome(ending, callAt(ending.next, position));
+}
+
+Outcome ParserProcess::Batch::fatalOutcome(const Ending &ending, const Call &call) const
 {
     Outcome outcome;
-    if (shared->end == OutOfTime) {
+    if (ending.end == OutOfTime) {
         outcome.kind = Outcome::Endless;
         return outcome;
     }
     outcome.kind = Outcome::Crashed;
-    outcome.signal = shared->signal;
-    const char *first = memory.position(static_cast<size_t>(call.size), call.fence);
-    outcome.distance = static_cast<qsizetype>(shared->address - reinterpret_cast<uintptr_t>(first));
+    outcome.signal = ending.signal;
+    const char *begin = memory.position(static_cast<size_t>(call.size), call.fence);
+    outcome.distance = static_cast<qsizetype>(ending.address - reinterpret_cast<uintptr_t>(begin));
     outcome.isNearBytes =
             outcome.distance >= -NearBytes && outcome.distance <= call.size + NearBytes;
     return outcome;
@@ -304,42 +321,45 @@ std::vector<Outcome> ParserProcess::runIn(const QByteArray &bytes, const std::ve
         lastError = QStringLiteral("out of memory");
         return outcomes;
     }
-    const Shared &state = batch.state();
     int endless = 0;
     for (int fatal = 0; fatal < maximumFatal && endless < MostEndless; ++fatal) {
-        runProcess(batch, progress);
-        batch.collect(outcomes);
-        lastError = state.end == NotLoaded ? QString::fromLocal8Bit(state.error) : QString();
-        if (state.end == Done || state.end == NotLoaded || state.next == calls.size())
+        const Ending ending = runProcess(batch, progress);
+        batch.collect(ending, outcomes);
+        if (ending.end == NotLoaded)
+            lastError = ending.error;
+        if (ending.end == Done || ending.end == NotLoaded || batch.isOver())
             break;
-        endless += state.end == OutOfTime ? 1 : 0;
+        endless += ending.end == OutOfTime ? 1 : 0;
     }
     return outcomes;
 }
 
-void ParserProcess::runProcess(Batch &batch, const Progress &progress)
+ParserProcess::Ending ParserProcess::runProcess(Batch &batch, const Progress &progress)
 {
-    Shared &state = batch.state();
-    state.first = state.next;
-    state.end = Running;
-    int ends[2] = {-1, -1}; // closed by the kernel when the process ends, however it ends
-    const pid_t process = pipe(ends) == 0 ? fork() : -1;
+    batch.prepare();
+    const pid_t process = fork();
     if (process == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
+        setpgid(0, 0);
         dup2(STDERR_FILENO, STDOUT_FILENO); // what a parser prints is no report
-        current = &state;
+        current = &batch.state();
         catchFatalSignals();
         batch.makeCalls(fileName, timeLimitMs);
         _exit(0);
     }
-    close(ends[1]);
-    if (process > 0)
-        awaitEnd(process, ends[0], state, progress);
-    else
-        std::strncpy(state.error, "no process can be started", sizeof state.error - 1);
+    Ending ending;
+    ending.error = QStringLiteral("no process can be started: ") + qt_error_string();
     if (process < 0)
-        state.end = NotLoaded;
-    close(ends[0]);
+        return ending;
+    ChildWatch watch(process, timeLimitMs, std::max(standstillMs, timeLimitMs));
+    ending.error = QStringLiteral("no process can be watched: ") + qt_error_string();
+    const int status = watch.await([&] {
+        const size_t call = batch.currentCall();
+        if (progress)
+            progress(call);
+        return call;
+    });
+    return watch.isUsable() ? batch.endingOf(status, watch.hasKilled()) : ending;
 }
 
 } // namespace hostcheck

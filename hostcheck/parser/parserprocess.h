@@ -68,19 +68,27 @@ public:
     // more than there is, or a call is fatal. The last outcome is that of this last call.
     std::vector<Outcome> consumeAll(const QByteArray &bytes);
 
+    // Why calls could not be made, for want of memory or processes; or empty.
+    QString error() const { return lastError; }
+
     void setTimeLimitMs(int limit) { timeLimitMs = limit; }
+    // A call that uses hardly any processor time for so long by the wall clock counts as endless.
+    // 30,000 by default; at least the time limit.
+    void setStandstillMs(int limit) { standstillMs = limit; }
 
 private:
     class Batch;
+    struct Ending;
     enum class Order { Listed, Chained };
 
     std::vector<Outcome> runIn(const QByteArray &bytes, const std::vector<Call> &calls, Order order,
                                const Progress &progress, int maximumFatal);
     // Forks a process that goes on with the batch, and waits for its end.
-    void runProcess(Batch &batch, const Progress &progress);
+    Ending runProcess(Batch &batch, const Progress &progress);
 
     QByteArray fileName;
     int timeLimitMs;
+    int standstillMs = 30000;
     QString lastError;
 };
 

@@ -6,6 +6,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include <sys/time.h>
+#include <unistd.h>
 
 extern "C" __attribute__((visibility("default"))) size_t consume(const char *bytes, size_t size);
 
@@ -27,6 +33,11 @@ enum {
     RemembersCount, // of a message that was not complete
     ClaimsMore, // than was given
     DividesByZero, // for an empty message
+    LeavesProcess, // that lives on
+    ClosesAndPauses, // all descriptors, and for ever
+    WritesWildly, // into all memory that is shared, and crashes
+    UsesTime, // a quarter of a second in its first call
+    StopsClock, // and never returns
 };
 
 size_t countAt(const char *bytes)
@@ -52,10 +63,66 @@ size_t lengthAt(const char *bytes, size_t size)
     return length;
 }
 
+void closeAndPause()
+{
+    for (int descriptor = 3; descriptor < 1024; ++descriptor)
+        close(descriptor);
+    for (;;)
+        pause();
+}
+
+void writeWildly()
+{
+    FILE *maps = std::fopen("/proc/self/maps", "re");
+    char line[512];
+    while (maps && std::fgets(line, sizeof line, maps)) {
+        char *begin = nullptr;
+        char *end = nullptr;
+        char flags[8] = {};
+        if (std::sscanf(line, "%p-%p %7s", reinterpret_cast<void **>(&begin),
+                        reinterpret_cast<void **>(&end), flags)
+                    == 3
+            && std::strcmp(flags, "rw-s") == 0)
+            std::memset(begin, 0x41, static_cast<size_t>(end - begin));
+    }
+    __builtin_trap();
+}
+
+void useTime()
+{
+    static bool isUsed = false;
+    while (!isUsed && std::clock() < CLOCKS_PER_SEC / 4) {}
+    isUsed = true;
+}
+
+void stopClock()
+{
+    const itimerval never = {};
+    setitimer(ITIMER_PROF, &never, nullptr);
+    for (volatile int turns = 0;;)
+        turns = 1 - turns;
+}
+
+// What concerns the process, whatever the bytes are.
+void harmProcess()
+{
+    if (PLANTED == LeavesProcess && fork() == 0)
+        closeAndPause();
+    if (PLANTED == ClosesAndPauses)
+        closeAndPause();
+    if (PLANTED == WritesWildly)
+        writeWildly();
+    if (PLANTED == UsesTime)
+        useTime();
+    if (PLANTED == StopsClock)
+        stopClock();
+}
+
 } // namespace
 
 size_t consume(const char *bytes, size_t size)
 {
+    harmProcess();
     const size_t length = lengthAt(bytes, size);
     if (length == 0)
         return 0;

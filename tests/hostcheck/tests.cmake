@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: MIT
 
 # The same parser with one fault each; 0 has none.
-foreach(number RANGE 14)
+foreach(number RANGE 19)
     set(name plantedparser${number})
     add_library(${name} MODULE ${CMAKE_CURRENT_LIST_DIR}/plantedparser.cpp)
     target_compile_definitions(${name} PRIVATE PLANTED=${number})
@@ -11,8 +11,8 @@ foreach(number RANGE 14)
     list(APPEND planted_parsers ${name})
 endforeach()
 
-foreach(name IN ITEMS 
-        tst_hostchecklibraries tst_hostcheckparser tst_hostcheckparts tst_hostcheckprograms)
+foreach(name IN ITEMS
+        tst_hostchecklibraries tst_hostcheckparser tst_hostcheckparts tst_hostcheckprograms tst_parserprocess)
     plugin_test(${name})
     target_link_libraries(${name} PRIVATE Qt6::Network)
     target_compile_definitions(${name} PRIVATE
@@ -23,4 +23,6 @@ foreach(name IN ITEMS
         PLANTED_DIR="${CMAKE_CURRENT_BINARY_DIR}/planted")
     add_dependencies(${name} hostcheck inputhost stockplugin tcpinputplugin2 ${planted_parsers})
 endforeach()
-target_link_libraries(tst_hostcheckparts PRIVATE hostcheck_parser)
+foreach(name IN ITEMS tst_hostcheckparts tst_parserprocess)
+    target_link_libraries(${name} PRIVATE hostcheck_parser)
+endforeach()

@@ -1,0 +1,86 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "hostcheck/parser/parserprocess.h"
+#include "tests/hostcheck/hostchecktest.h"
+
+using namespace hostcheck;
+
+namespace {
+
+// The numbers of tests/hostcheck/plantedparser.cpp.
+enum { LeavesProcess = 15, ClosesAndPauses, WritesWildly, UsesTime, StopsClock };
+
+const QByteArray Message("\0\3abc", 5);
+
+ParserProcess parserOf(int number, int timeLimitMs)
+{
+    return {QStringLiteral(PLANTED_DIR "/plantedparser%1.so").arg(number), timeLimitMs};
+}
+
+std::vector<Call> calls()
+{
+    return {{0, Message.size(), Fence::Behind}, {0, Message.size(), Fence::Before}};
+}
+
+} // namespace
+
+//! What a parser can do to the process that calls it, and to the one that waits for it.
+class tst_ParserProcess : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void waitsForNoProcessOfParser();
+    void endsWhatStandsStill_data();
+    void endsWhatStandsStill();
+    void standsWildWrites();
+    void goesByProcessorTime();
+};
+
+void tst_ParserProcess::waitsForNoProcessOfParser()
+{
+    ParserProcess parser = parserOf(LeavesProcess, HangGuardMs);
+    for (const Outcome &outcome : parser.run(Message, calls())) {
+        QCOMPARE(outcome.kind, Outcome::Returned);
+        QCOMPARE(outcome.value, Message.size());
+    }
+    QCOMPARE(parser.error(), QString());
+}
+
+void tst_ParserProcess::endsWhatStandsStill_data()
+{
+    QTest::addColumn<int>("number");
+    QTest::newRow("closes descriptors and pauses") << int(ClosesAndPauses);
+    QTest::newRow("stops its clock") << int(StopsClock);
+}
+
+void tst_ParserProcess::endsWhatStandsStill()
+{
+    QFETCH(int, number);
+    ParserProcess parser = parserOf(number, 50);
+    parser.setStandstillMs(200);
+    for (const Outcome &outcome : parser.run(Message, calls()))
+        QCOMPARE(outcome.kind, Outcome::Endless);
+}
+
+void tst_ParserProcess::standsWildWrites()
+{
+    ParserProcess parser = parserOf(WritesWildly, HangGuardMs);
+    for (const Outcome &outcome : parser.run(Message, calls()))
+        QVERIFY(outcome.kind == Outcome::Crashed || outcome.kind == Outcome::Returned);
+    QCOMPARE(parser.run(Message, calls()).size(), calls().size());
+    QCOMPARE(parser.error(), QString());
+}
+
+// A quarter of a second of it is more than the standstill, and less than the limit.
+void tst_ParserProcess::goesByProcessorTime()
+{
+    ParserProcess parser = parserOf(UsesTime, HangGuardMs);
+    parser.setStandstillMs(50);
+    for (const Outcome &outcome : parser.run(Message, calls()))
+        QCOMPARE(outcome.kind, Outcome::Returned);
+}
+
+QTEST_GUILESS_MAIN(tst_ParserProcess)
+#include "tst_parserprocess.moc"

@@ -27,12 +27,19 @@ const char *wordOf(Verdict::Result result)
     return "";
 }
 
-// XML has no place for most control characters.
+// XML has no place for most control characters, U+FFFE, U+FFFF and halves of surrogate pairs.
 QString printable(QString text)
 {
-    for (QChar &c : text) {
-        if (c < QLatin1Char(' ') && c != QLatin1Char('\n') && c != QLatin1Char('\t'))
-            c = QLatin1Char('?');
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        const QChar c = text.at(i);
+        const bool isPair =
+                c.isHighSurrogate() && i + 1 < text.size() && text.at(i + 1).isLowSurrogate();
+        const bool isControl =
+                c < QLatin1Char(' ') && c != QLatin1Char('\n') && c != QLatin1Char('\t');
+        if (isPair)
+            ++i;
+        else if (isControl || c.isSurrogate() || c.unicode() >= 0xfffe)
+            text[i] = QLatin1Char('?');
     }
     return text;
 }

@@ -4,7 +4,10 @@
 #include "hostcheck/parser/framing.h"
 #include "hostcheck/parser/shrink.h"
 #include "hostcheck/parser/traffic.h"
+#include "hostcheck/report.h"
 #include "tests/hostcheck/hostchecktest.h"
+
+#include <QtCore/QXmlStreamReader>
 
 using namespace hostcheck;
 
@@ -24,6 +27,7 @@ private Q_SLOTS:
     void descriptionIsRefused_data();
     void descriptionIsRefused();
     void shrinkLeavesWhatIsNeeded();
+    void junitFileTakesAnyText();
 };
 
 void tst_HostcheckParts::framingFindsItsOwnMessages_data()
@@ -163,6 +167,32 @@ void tst_HostcheckParts::shrinkLeavesWhatIsNeeded()
     QCOMPARE(shrink(input, shows, 1000), QByteArray("ab"));
     QVERIFY(asked < 200);
     QVERIFY(shrink(input, shows, 3).size() < input.size()); // not all, but what was found so far
+}
+
+void tst_HostcheckParts::junitFileTakesAnyText()
+{
+    const hostchecktest::Files files;
+    Verdict verdict;
+    verdict.result = Verdict::Failed;
+    constexpr char16_t Units[] = {0x1, 0xfffe, 0xffff, 0xdc00, 0xd83d, 0xde00, 0xd800};
+    for (const char16_t unit : Units)
+        verdict.detail += QChar(unit);
+    Report report(QStringLiteral("suite"));
+    report.add(verdict);
+    const QString name = files.path(QStringLiteral("junit.xml"));
+    QVERIFY(report.writeJunit(name));
+
+    QFile file(name);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QXmlStreamReader xml(&file);
+    QString message;
+    while (!xml.atEnd()) {
+        if (xml.readNext() == QXmlStreamReader::StartElement
+            && xml.name() == QLatin1String("failure"))
+            message = xml.attributes().value(QLatin1String("message")).toString();
+    }
+    QVERIFY2(!xml.hasError(), qPrintable(xml.errorString()));
+    QCOMPARE(message, QStringLiteral(u"????\U0001f600?"));
 }
 
 QTEST_GUILESS_MAIN(tst_HostcheckParts)

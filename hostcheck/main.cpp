@@ -14,6 +14,7 @@
 #include <QtCore/QFileInfo>
 
 #include <cstdio>
+#include <new>
 
 using namespace hostcheck;
 
@@ -40,12 +41,18 @@ QList<Traffic> readTraffic(const Options &options)
     return {};
 }
 
-ExitStatus finish(const Report &report, const Options &options)
+// error: why some checks could not be made, or empty. Faults that were found count for more.
+ExitStatus finish(const Report &report, const Options &options, const QString &error = {})
 {
+    if (report.isEmpty())
+        return complain(error.isEmpty() ? QStringLiteral("no check of this name") : error);
     report.finish();
+    ExitStatus status = ExitOk;
+    if (!error.isEmpty())
+        status = complain(error);
     if (!options.junitFile.isEmpty() && !report.writeJunit(options.junitFile))
-        return complain(QStringLiteral("cannot write %1").arg(options.junitFile));
-    return report.hasFailures() ? ExitFaults : ExitOk;
+        status = complain(QStringLiteral("cannot write %1").arg(options.junitFile));
+    return report.hasFailures() ? ExitFaults : status;
 }
 
 ExitStatus checkParser(const Options &options)
@@ -64,7 +71,7 @@ ExitStatus checkParser(const Options &options)
         for (const Verdict &verdict : verdicts)
             report.add(verdict);
     }
-    return finish(report, options);
+    return finish(report, options, parser.error());
 }
 
 ExitStatus checkHostProgram(const Options &options)
@@ -91,10 +98,8 @@ ExitStatus checkPlugin(const Options &options)
     if (!QFileInfo(options.file).isReadable())
         return complain(QStringLiteral("cannot read %1").arg(options.file));
     Report report(QStringLiteral("hostcheck plugin"));
-    if (CheckRunner(QFileInfo(options.file).absoluteFilePath(), options.timeLimitMs, report)
-                .run(options.only)
-        == 0)
-        return complain(QStringLiteral("no check of this name"));
+    CheckRunner(QFileInfo(options.file).absoluteFilePath(), options.timeLimitMs, report)
+            .run(options.only);
     return finish(report, options);
 }
 
@@ -103,6 +108,19 @@ ExitStatus listChecks()
     for (const Check &check : allChecks())
         std::printf("%s\n", check.name);
     return ExitOk;
+}
+
+ExitStatus check(const Options &options)
+{
+    switch (options.subject) {
+    case Options::Parser:
+        return checkParser(options);
+    case Options::HostProgram:
+        return checkHostProgram(options);
+    case Options::Plugin:
+        return options.listsChecks ? listChecks() : checkPlugin(options);
+    }
+    return ExitUsage;
 }
 
 } // namespace
@@ -124,14 +142,9 @@ int main(int argc, char **argv)
     case CommandLine::Run:
         break;
     }
-    const Options &options = commandLine.options;
-    switch (options.subject) {
-    case Options::Parser:
-        return checkParser(options);
-    case Options::HostProgram:
-        return checkHostProgram(options);
-    case Options::Plugin:
-        return options.listsChecks ? listChecks() : checkPlugin(options);
+    try {
+        return check(commandLine.options);
+    } catch (const std::bad_alloc &) {
+        return complain(QStringLiteral("out of memory"));
     }
-    return ExitUsage;
 }

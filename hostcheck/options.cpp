@@ -43,7 +43,7 @@ Options:
   -h, --help         This text.
   -v, --version      The version.
 
-Exit status: 0 all is well, 1 faults were found, 2 the check cannot be made.
+Exit status: 0 all is well, 1 faults were found, 2 not all could be checked.
 )";
 
 //! The options, as the parser of command lines knows them.

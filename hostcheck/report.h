@@ -36,6 +36,7 @@ public:
     void add(const Verdict &verdict);
     void finish() const;
 
+    bool isEmpty() const { return verdicts.isEmpty(); }
     bool hasFailures() const { return count(Verdict::Failed) > 0; }
     // False if the file cannot be written.
     bool writeJunit(const QString &file) const;

@@ -19,30 +19,56 @@ constexpr size_t Neighbours = 2;
 // many others.
 constexpr qsizetype EverySizeUpTo = 16384;
 constexpr qsizetype NearEnd = 64;
+// All bytes of a call are copied for it. Of very long messages fewer beginnings are given, so that
+// there are about so many bytes.
+constexpr qsizetype MostBytesOfMessage = qsizetype(1) << 30;
+// Of very long streams fewer messages are checked, at even distances. That gives about so many
+// calls and bytes, before all are given again.
+constexpr qsizetype MostCalls = 500000;
+constexpr qsizetype MostBytes = qsizetype(1) << 34;
+constexpr qsizetype MostBytesGivenAll = qsizetype(1) << 32;
 // In a longer stream, all that follows is given along with so many messages, not with each.
 constexpr qsizetype SmallStream = 65536;
-constexpr size_t MostGivenAll = 256;
+constexpr qsizetype MostGivenAll = 256;
 constexpr int MostTries = 400;
 constexpr int MostEndlessTries = 20;
 constexpr int EndlessTryMs = 50;
+// A try that takes longer stands still until it is killed. Then nothing smaller is searched for.
+constexpr int LongestTryMs = 5000;
+// Up to this size, what only many beginnings show is searched for in smaller inputs.
+constexpr qsizetype LongestOfBeginnings = 16384;
+
+constexpr QLatin1String Messages("messages"); // the check of no single fault
 
 bool isKnownOnlyByEnds(Fault fault)
 {
     return fault == Fault::CutOff || fault == Fault::Lost;
 }
 
+// The distance of the beginnings that are given, in a message with its neighbours of so many bytes.
+qsizetype stepOf(qsizetype window)
+{
+    const qsizetype steps = MostBytesOfMessage / std::max<qsizetype>(window / 2, 1);
+    return std::max<qsizetype>(window / std::clamp<qsizetype>(steps, 1, EverySizeUpTo), 1);
+}
+
 } // namespace
 
 QList<Verdict> ParserChecks::run(const QRegularExpression &only)
 {
+    const auto isWanted = [&](const QString &name) {
+        return only.match(fullName(name)).hasMatch();
+    };
+    bool isAnyWanted = isWanted(Messages);
+    for (const Fault fault : AllFaults)
+        isAnyWanted = isAnyWanted || isWanted(nameOf(fault));
+    if (!isAnyWanted)
+        return {};
+
     QElapsedTimer clock;
     clock.start();
     findEnds();
-    qsizetype begin = 0;
-    for (size_t i = 0; i <= ends.size(); ++i) {
-        planMessage(begin, i);
-        begin = i < ends.size() ? ends[i] : 0;
-    }
+    planMessages();
     firstCalls = plan.size();
     planAgain();
 
@@ -57,51 +83,77 @@ QList<Verdict> ParserChecks::run(const QRegularExpression &only)
 
     QList<Verdict> verdicts;
     const auto add = [&](const QString &name, const std::function<Verdict()> &makeVerdict) {
-        const QString fullName = traffic.name + QStringLiteral(": ") + name;
-        if (!only.match(fullName).hasMatch())
+        if (!isWanted(name))
             return;
         verdicts += makeVerdict();
-        verdicts.last().name = fullName;
+        verdicts.last().name = fullName(name);
         verdicts.last().seconds = static_cast<double>(clock.restart()) / 1000;
     };
-    add(QStringLiteral("messages"), [&] { return summary(); });
+    add(Messages, [&] { return summary(); });
     for (const Fault fault : AllFaults)
         add(nameOf(fault), [&] { return verdictOn(fault); });
     return verdicts;
 }
 
+QString ParserChecks::fullName(const QString &check) const
+{
+    return traffic.name + QStringLiteral(": ") + check;
+}
+
 void ParserChecks::findEnds()
 {
-    if (traffic.areEndsKnown) {
-        ends = traffic.ends;
-        return;
+    ends = traffic.areEndsKnown ? traffic.ends : parser.messageEnds(traffic.bytes);
+}
+
+qsizetype ParserChecks::beginOf(size_t number) const
+{
+    return number == 0 ? 0 : ends[number - 1];
+}
+
+qsizetype ParserChecks::windowOf(size_t number) const
+{
+    const size_t last = number + Neighbours;
+    return (last < ends.size() ? ends[last] : traffic.bytes.size()) - beginOf(number);
+}
+
+// All messages, or some if there are too many, and what is behind the last one.
+void ParserChecks::planMessages()
+{
+    qsizetype calls = 0;
+    qsizetype bytes = 0;
+    for (size_t i = 0; i < ends.size(); ++i) {
+        const qsizetype window = windowOf(i);
+        calls += window / stepOf(window) + 1;
+        bytes += window / stepOf(window) * window / 2;
     }
-    qsizetype position = 0;
-    for (const Outcome &outcome : parser.consumeAll(traffic.bytes)) {
-        const bool isMessage = outcome.kind == Outcome::Returned && outcome.value > 0
-                && outcome.value <= traffic.bytes.size() - position;
-        if (!isMessage)
-            return;
-        position += outcome.value;
-        ends.push_back(position);
-    }
+    const auto step = static_cast<size_t>(std::max(calls / MostCalls, bytes / MostBytes)) + 1;
+    const size_t checked = (ends.size() + step - 1) / step;
+    messagesLeftOut = ends.size() - checked;
+    const qsizetype size = std::max<qsizetype>(traffic.bytes.size(), 1);
+    const qsizetype given = std::clamp<qsizetype>(MostBytesGivenAll / size, 1, MostGivenAll);
+    const size_t givenStep = size <= SmallStream ? 1 : checked / static_cast<size_t>(given) + 1;
+    for (size_t i = 0; i < checked; ++i)
+        planMessage(i * step, i % givenStep == 0);
+    planMessage(ends.size(), true);
 }
 
 // Every beginning of the message, then with the bytes of the next ones, then with all that follows.
-void ParserChecks::planMessage(qsizetype begin, size_t number)
+void ParserChecks::planMessage(size_t number, bool isGivenAll)
 {
+    const qsizetype begin = beginOf(number);
     const qsizetype all = traffic.bytes.size() - begin;
     const bool isTail = number >= ends.size();
     const qsizetype length = isTail ? 0 : ends[number] - begin;
-    const size_t last = number + Neighbours;
-    const qsizetype window = last < ends.size() ? ends[last] - begin : all;
-    const qsizetype step = std::max<qsizetype>(window / EverySizeUpTo, 1);
+    const qsizetype window = windowOf(number);
+    const qsizetype step = stepOf(window);
+    const qsizetype nearEnd =
+            std::clamp<qsizetype>(MostBytesOfMessage / (8 * window + 1), 1, NearEnd);
     const auto isNearEnd = [&](qsizetype size) {
-        for (size_t i = number; i < std::min(last + 1, ends.size()); ++i) {
-            if (std::abs(ends[i] - begin - size) <= NearEnd)
+        for (size_t i = number; i < std::min(number + Neighbours + 1, ends.size()); ++i) {
+            if (std::abs(ends[i] - begin - size) <= nearEnd)
                 return true;
         }
-        return size <= NearEnd || window - size <= NearEnd;
+        return size <= nearEnd || window - size <= nearEnd;
     };
     const auto add = [&](qsizetype size) {
         const qsizetype due = size >= length ? length : 0;
@@ -110,9 +162,10 @@ void ParserChecks::planMessage(qsizetype begin, size_t number)
     for (qsizetype size = 0; size <= window; ++size) {
         if (step == 1 || size % step == 0 || isNearEnd(size))
             add(size);
+        else
+            ++beginningsLeftOut;
     }
-    const size_t everyNth = ends.size() / MostGivenAll + 1;
-    if (all > window && (isTail || all <= SmallStream || number % everyNth == 0))
+    if (all > window && isGivenAll)
         add(all);
 }
 
@@ -176,17 +229,34 @@ void ParserChecks::note(Fault fault, size_t index)
 
 Verdict ParserChecks::summary() const
 {
+    Verdict verdict;
+    if (!parser.error().isEmpty()) {
+        verdict.result = Verdict::Skipped;
+        verdict.detail = parser.error();
+        return verdict;
+    }
     const qsizetype left = traffic.bytes.size() - (ends.empty() ? 0 : ends.back());
     const auto made = std::count_if(outcomes.begin(), outcomes.end(), [](const Outcome &outcome) {
         return outcome.kind != Outcome::NotRun;
     });
-    Verdict verdict;
     verdict.detail = QStringLiteral("%1 messages, %2 bytes left at the end; %3 calls")
                              .arg(ends.size())
                              .arg(left)
                              .arg(made);
-    const bool hasNone = ends.empty() && !traffic.bytes.isEmpty();
-    verdict.result = hasNone ? Verdict::Failed : Verdict::Ok;
+    if (messagesLeftOut > 0)
+        verdict.detail += QStringLiteral("; %1 messages left out").arg(messagesLeftOut);
+    if (beginningsLeftOut > 0)
+        verdict.detail += QStringLiteral("; %1 beginnings left out").arg(beginningsLeftOut);
+    const bool isAnyConsumed =
+            std::any_of(outcomes.begin(), outcomes.end(), [](const Outcome &outcome) {
+                return outcome.kind == Outcome::Returned && outcome.value > 0;
+            });
+    if (ends.empty() && traffic.areEndsKnown) {
+        verdict.result = Verdict::Skipped;
+        verdict.detail = QStringLiteral("no whole message is in the stream");
+    } else if (!isAnyConsumed && !traffic.bytes.isEmpty()) {
+        verdict.result = Verdict::Failed;
+    }
     return verdict;
 }
 
@@ -207,7 +277,9 @@ Verdict ParserChecks::verdictOn(Fault fault)
     }
     if (outcomes.back().kind == Outcome::NotRun) {
         verdict.result = Verdict::Skipped;
-        verdict.detail = QStringLiteral("too many calls did not return: the others were not made");
+        verdict.detail = parser.error().isEmpty()
+                ? QStringLiteral("too many calls did not return: the others were not made")
+                : parser.error();
         return verdict;
     }
     if (traffic.areEndsKnown ? fault == Fault::Split : isKnownOnlyByEnds(fault)) {
@@ -236,6 +308,13 @@ QByteArray ParserChecks::inputOf(Fault fault, const Planned &planned) const
     return traffic.bytes.mid(planned.call.begin, size);
 }
 
+// Whether it shows only when the parser's answers to several beginnings are compared.
+bool ParserChecks::needsBeginnings(Fault fault) const
+{
+    return fault == Fault::Unsteady || fault == Fault::Split
+            || (fault == Fault::Stall && !traffic.areEndsKnown);
+}
+
 QString ParserChecks::smallest(Fault fault, const Planned &planned)
 {
     const auto text = [](const char *what, const QByteArray &bytes) {
@@ -254,8 +333,14 @@ QString ParserChecks::smallest(Fault fault, const Planned &planned)
                        input.size());
         return faultOfInput(bytes, planned.call.fence, fault) == fault;
     };
+    if (needsBeginnings(fault) && input.size() > LongestOfBeginnings)
+        return text("input that shows it", input);
+    QElapsedTimer clock;
+    clock.start();
     if (!shows(input))
         return text("input that shows it after other calls", input);
+    if (clock.elapsed() > LongestTryMs)
+        return text("input that shows it", input);
     const int tries = isSlow ? MostEndlessTries : MostTries;
     const QByteArray fewer =
             traffic.framing ? shrinkMessages(input, *traffic.framing, shows, tries) : input;
@@ -266,7 +351,7 @@ Fault ParserChecks::faultOfInput(const QByteArray &input, Fence fence, Fault wan
 {
     if (wanted == Fault::Unsteady)
         return isSteady(input) ? Fault::None : Fault::Unsteady;
-    if (wanted == Fault::Split || (wanted == Fault::Stall && !traffic.areEndsKnown))
+    if (needsBeginnings(wanted))
         return faultOfBeginnings(input);
     const Outcome outcome = parser.run(input, {{0, input.size(), fence}}).front();
     if (!traffic.framing)

@@ -49,8 +49,13 @@ private:
         int count = 0; // of such calls
     };
 
+    QString fullName(const QString &check) const;
     void findEnds();
-    void planMessage(qsizetype begin, size_t number);
+    qsizetype beginOf(size_t number) const;
+    // The size of a message with its neighbours; of what is left if there is no such message.
+    qsizetype windowOf(size_t number) const;
+    void planMessages();
+    void planMessage(size_t number, bool isGivenAll);
     void planAgain();
     void judge();
     Fault faultOf(size_t index) const;
@@ -59,6 +64,7 @@ private:
     Verdict summary() const;
     QString place(const Planned &planned) const;
 
+    bool needsBeginnings(Fault fault) const;
     QByteArray inputOf(Fault fault, const Planned &planned) const;
     QString smallest(Fault fault, const Planned &planned);
     Fault faultOfInput(const QByteArray &input, Fence fence, Fault wanted);
@@ -69,6 +75,8 @@ private:
     const Traffic &traffic;
     std::vector<qsizetype> ends; // of whole messages
     std::vector<Planned> plan;
+    size_t messagesLeftOut = 0; // of the plan
+    qsizetype beginningsLeftOut = 0; // of the others
     size_t firstCalls = 0; // of the plan: what is judged; the others are the same calls again
     std::vector<Outcome> outcomes;
     std::map<Fault, Finding> findings;

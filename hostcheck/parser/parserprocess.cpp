@@ -30,8 +30,10 @@ namespace {
 constexpr int TicksPerLimit = 4;
 // Processor time for loading the shared object, if a call has less.
 constexpr int LoadMs = 30000;
-// consumeAll() gives so many bytes at a time, or all if nothing is consumed of them.
+// messageEnds() gives so many bytes at a time, or all if nothing is consumed of them; a process of
+// it makes so many calls.
 constexpr qsizetype ChainWindow = 65536;
+constexpr size_t ChainCalls = 65536;
 // Each takes its whole time limit.
 constexpr int MostEndless = 2;
 // A crash counts as one of reading beyond the bytes if it was at most so far away.
@@ -148,6 +150,8 @@ public:
     bool isOver() const { return firstCall == calls.size(); }
 
 private:
+    // Where the first call of a chain begins.
+    qsizetype chainBegin() const { return calls.empty() ? 0 : calls.front().begin; }
     Call callAt(size_t index, qsizetype position) const;
     size_t answerTo(Consume consume, const Call &call);
     Outcome fatalOutcome(const Ending &ending, const Call &call) const;
@@ -218,7 +222,7 @@ void ParserProcess::Batch::makeCalls(const QByteArray &file, int limitMs)
         return;
     }
     startClock(limitMs);
-    qsizetype position = 0;
+    qsizetype position = chainBegin();
     for (size_t i = firstCall; i < calls.size(); ++i) {
         const Call call = callAt(i, position);
         const size_t answer = answerTo(consume, call);
@@ -235,7 +239,9 @@ void ParserProcess::Batch::makeCalls(const QByteArray &file, int limitMs)
 ParserProcess::Ending ParserProcess::Batch::endingOf(int status, bool isKilled) const
 {
     Ending ending;
-    ending.next = std::clamp(shared->next.load(), firstCall, calls.size());
+    ending.next = shared->next;
+    if (ending.next < firstCall || ending.next > calls.size()) // overwritten by the parser
+        ending.next = firstCall;
     const int said = isKilled ? OutOfTime : WIFEXITED(status) ? shared->end.load() : Running;
     const bool isAllDone = order == Order::Chained || ending.next == calls.size();
     if (said == NotLoaded && ending.next == firstCall && shared->error[0] != 0) {
@@ -256,7 +262,7 @@ ParserProcess::Ending ParserProcess::Batch::endingOf(int status, bool isKilled) 
 
 void ParserProcess::Batch::collect(const Ending &ending, std::vector<Outcome> &outcomes)
 {
-    qsizetype position = 0;
+    qsizetype position = chainBegin();
     for (size_t i = firstCall; i < ending.next; ++i) {
         outcomes[i].kind = Outcome::Returned;
         outcomes[i].value = asValue(shared->values[i]);
@@ -301,15 +307,20 @@ std::vector<Outcome> ParserProcess::run(const QByteArray &bytes, const std::vect
     return runIn(bytes, calls, Order::Listed, progress, maximumFatal);
 }
 
-std::vector<Outcome> ParserProcess::consumeAll(const QByteArray &bytes)
+std::vector<qsizetype> ParserProcess::messageEnds(const QByteArray &bytes)
 {
-    std::vector<Call> calls(static_cast<size_t>(bytes.size()) + 1);
-    std::vector<Outcome> outcomes = runIn(bytes, calls, Order::Chained, {}, 1);
-    const auto unused = std::find_if(outcomes.begin(), outcomes.end(), [](const Outcome &outcome) {
-        return outcome.kind == Outcome::NotRun;
-    });
-    outcomes.erase(unused, outcomes.end());
-    return outcomes;
+    std::vector<qsizetype> ends;
+    std::vector<Call> calls(ChainCalls);
+    for (;;) {
+        qsizetype &position = calls.front().begin;
+        for (const Outcome &outcome : runIn(bytes, calls, Order::Chained, {}, 1)) {
+            if (outcome.kind != Outcome::Returned || outcome.value == 0
+                || outcome.value > bytes.size() - position)
+                return ends;
+            position += outcome.value;
+            ends.push_back(position);
+        }
+    }
 }
 
 std::vector<Outcome> ParserProcess::runIn(const QByteArray &bytes, const std::vector<Call> &calls,

@@ -65,8 +65,8 @@ public:
                              const Progress &progress = {}, int maximumFatal = 8);
 
     // Calls with all bytes, and then each time with what is left, until nothing is consumed, or
-    // more than there is, or a call is fatal. The last outcome is that of this last call.
-    std::vector<Outcome> consumeAll(const QByteArray &bytes);
+    // more than there is, or a call is fatal. Returns where each message ends that was consumed.
+    std::vector<qsizetype> messageEnds(const QByteArray &bytes);
 
     // Why calls could not be made, for want of memory or processes; or empty.
     QString error() const { return lastError; }

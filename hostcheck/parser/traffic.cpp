@@ -13,6 +13,7 @@ namespace {
 
 constexpr int MostMessages = 1000000;
 constexpr int LongestMessage = 1 << 20;
+constexpr qint64 LongestDescribed = 1 << 28; // bytes of all messages of a line
 
 void findEnds(Traffic &traffic)
 {
@@ -127,6 +128,10 @@ void TrafficReader::addMessages(Traffic &traffic, const QStringList &words)
         || count > MostMessages || least < 0 || most < least || most > LongestMessage) {
         fail(QStringLiteral("not COUNT SIZE or COUNT SIZE-SIZE: %1")
                      .arg(words.join(QLatin1Char(' '))));
+        return;
+    }
+    if (qint64(count) * most > LongestDescribed) {
+        fail(QStringLiteral("more than 256 MiB: %1").arg(words.join(QLatin1Char(' '))));
         return;
     }
     // The same bytes in each run. Another line of the description has others.

@@ -42,8 +42,21 @@ private:
         int count = 0;
     };
 
+    //! Positions of a message in the stream, and of those beside it.
+    struct Window
+    {
+        qsizetype first; // the begin of the one before it
+        qsizetype begin;
+        qsizetype end;
+        qsizetype last; // the end of the one behind it
+    };
+
     static QString nameOf(Fault fault);
-    void planMessage(size_t number);
+    Verdict verdictOnRun(const std::vector<PlayResult> &results, const QString &error) const;
+    void planAll();
+    Window windowOf(size_t number) const;
+    // Plays each step-th split point. number: of split points before this message; is counted on.
+    void planMessage(const Window &window, qsizetype step, qsizetype &number);
     Fault faultOf(const Play &play, const PlayResult &result) const;
     void note(std::map<Fault, Finding> &findings, const std::vector<Play> &plays,
               const std::vector<PlayResult> &results) const;
@@ -55,6 +68,7 @@ private:
     int patienceMs;
     const Traffic &traffic;
     std::vector<Play> plan;
+    qsizetype leftOut = 0; // plays
 };
 
 } // namespace hostcheck

@@ -38,6 +38,7 @@ enum {
     WritesWildly, // into all memory that is shared, and crashes
     UsesTime, // a quarter of a second in its first call
     StopsClock, // and never returns
+    ConsumesNothing,
 };
 
 size_t countAt(const char *bytes)
@@ -124,7 +125,7 @@ size_t consume(const char *bytes, size_t size)
 {
     harmProcess();
     const size_t length = lengthAt(bytes, size);
-    if (length == 0)
+    if (length == 0 || PLANTED == ConsumesNothing)
         return 0;
     volatile int zero = 0;
     if (PLANTED == DividesByZero && length == 2)

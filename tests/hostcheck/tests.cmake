@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: MIT
 
 # The same parser with one fault each; 0 has none.
-foreach(number RANGE 19)
+foreach(number RANGE 20)
     set(name plantedparser${number})
     add_library(${name} MODULE ${CMAKE_CURRENT_LIST_DIR}/plantedparser.cpp)
     target_compile_definitions(${name} PRIVATE PLANTED=${number})

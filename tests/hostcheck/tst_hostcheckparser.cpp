@@ -49,7 +49,11 @@ private Q_SLOTS:
     void findsPlantedFaultWithoutFraming_data();
     void findsPlantedFaultWithoutFraming();
     void showsSmallestInput();
+    void findsThatNothingIsConsumed();
+    void skipsStreamWithoutMessage();
+    void checksLongStreamInPart();
     void writesJunitFile();
+    void saysThatJunitFileCannotBeWritten();
     void saysWhatCannotBeChecked_data();
     void saysWhatCannotBeChecked();
 
@@ -155,6 +159,60 @@ void tst_HostcheckParser::showsSmallestInput()
              run.output().constData());
 }
 
+void tst_HostcheckParser::findsThatNothingIsConsumed()
+{
+    Run run({QStringLiteral("parser"), parserFile(20), QStringLiteral("--stream"),
+             files.write(QStringLiteral("a.stream"), recorded()), QStringLiteral("--framing"),
+             QLatin1String(Framing)});
+    QCOMPARE(run.status(), 1);
+    QCOMPARE(run.failed(), QByteArrayList({"messages", "stall"}));
+}
+
+void tst_HostcheckParser::skipsStreamWithoutMessage()
+{
+    Run run({QStringLiteral("parser"), parserFile(0), QStringLiteral("--stream"),
+             files.write(QStringLiteral("a.stream"), message("abc").chopped(1)),
+             QStringLiteral("--framing"), QLatin1String(Framing)});
+    QCOMPARE(run.status(), 0);
+    QVERIFY2(run.output().startsWith("skipped a.stream: messages: no whole message"),
+             run.output().constData());
+}
+
+// Of 2 MB some messages, and a fault in all of them is found.
+void tst_HostcheckParser::checksLongStreamInPart()
+{
+    QByteArray stream;
+    while (stream.size() < 2000000)
+        stream += recorded().chopped(5);
+    const QStringList traffic = {QStringLiteral("--stream"),
+                                 files.write(QStringLiteral("a.stream"), stream),
+                                 QStringLiteral("--framing"), QLatin1String(Framing)};
+    Run right(QStringList{QStringLiteral("parser"), parserFile(0)} + traffic);
+    QCOMPARE(right.status(), 0);
+    const QRegularExpression calls(QStringLiteral("; (\\d+) calls; \\d+ messages left out\n"));
+    const auto match = calls.match(QString::fromLatin1(right.output()));
+    QVERIFY2(match.hasMatch(), right.output().constData());
+    QVERIFY2(match.captured(1).toInt() < 2000000, right.output().constData());
+
+    Run wrong(QStringList{QStringLiteral("parser"), parserFile(2)} + traffic);
+    QCOMPARE(wrong.status(), 1);
+    QCOMPARE(wrong.failed(), QByteArrayList{"lost"});
+}
+
+// A fault that was found counts for more than the file.
+void tst_HostcheckParser::saysThatJunitFileCannotBeWritten()
+{
+    const QString stream = files.write(QStringLiteral("a.stream"), recorded());
+    for (const int number : {0, 2}) {
+        Run run({QStringLiteral("parser"), parserFile(number), QStringLiteral("--stream"), stream,
+                 QStringLiteral("--framing"), QLatin1String(Framing), QStringLiteral("--junit"),
+                 QStringLiteral("/nowhere/junit.xml")});
+        QCOMPARE(run.status(), number == 0 ? 2 : 1);
+        QVERIFY2(run.errors().contains("cannot write /nowhere/junit.xml"),
+                 run.errors().constData());
+    }
+}
+
 void tst_HostcheckParser::writesJunitFile()
 {
     const QString junit = files.path(QStringLiteral("junit.xml"));
@@ -212,6 +270,13 @@ void tst_HostcheckParser::saysWhatCannotBeChecked_data()
     QTest::newRow("regex") << words("parser") + QStringList{parser} + words("--only ( --stream")
                     + QStringList{stream}
                            << QByteArray("--only: ");
+    QTest::newRow("no check") << words("parser") + QStringList{parser}
+                    + words("--only nosuch --stream") + QStringList{stream}
+                              << QByteArray("no check of this name");
+    QTest::newRow("no check of a host")
+            << words("parser --host cat --only nosuch --framing lines --stream")
+                    + QStringList{stream}
+            << QByteArray("no check of this name");
 }
 
 void tst_HostcheckParser::saysWhatCannotBeChecked()

@@ -143,6 +143,8 @@ void tst_HostcheckParts::descriptionIsRefused_data()
     for (const char *text : {"0 1", "1", "1 a", "1 3-2", "1 1-2-3", "x 1", "1 -1", "1 2 3"})
         QTest::addRow("messages %s", text) << QByteArray("framing lines\nmessages ") + text
                                            << QStringLiteral("not COUNT SIZE");
+    QTest::newRow("too much") << QByteArray("framing lines\nmessages 1000 0-1048576")
+                              << QStringLiteral("more than 256 MiB: 1000 0-1048576");
 }
 
 void tst_HostcheckParts::descriptionIsRefused()

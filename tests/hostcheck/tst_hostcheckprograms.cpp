@@ -27,6 +27,7 @@ private Q_SLOTS:
     void findsNothingInInputhost();
     void findsFault_data();
     void findsFault();
+    void skipsWhatWasNotPlayed();
 
 private:
     Files files;
@@ -83,6 +84,26 @@ void tst_HostcheckPrograms::findsFault()
     for (const QByteArray &check : failed)
         QVERIFY2(run.failed().contains(check), run.output().constData());
     QVERIFY2(run.output().contains(text), run.output().constData());
+}
+
+// A host that listens, and never accepts.
+void tst_HostcheckPrograms::skipsWhatWasNotPlayed()
+{
+    const QString host = files.write(QStringLiteral("host.py"),
+                                     "import signal, socket, sys\n"
+                                     "server = socket.socket()\n"
+                                     "server.bind(('127.0.0.1', int(sys.argv[1])))\n"
+                                     "server.listen(0)\n"
+                                     "signal.pause()\n");
+    Run run({QStringLiteral("parser"), QStringLiteral("--host"),
+             QStringLiteral("/usr/bin/python3 %1 {port}").arg(host), QStringLiteral("--time-limit"),
+             QStringLiteral("500"), QStringLiteral("--traffic"),
+             files.write(QStringLiteral("a.stream"), "framing lines\ntext one\n")});
+    QCOMPARE(run.status(), 1);
+    QVERIFY2(run.failed().contains("runs"), run.output().constData());
+    QVERIFY2(run.output().contains(" connections were not played: "), run.output().constData());
+    QVERIFY2(run.output().contains("\nskipped a.stream: doubled: not all was played\n"),
+             run.output().constData());
 }
 
 QTEST_GUILESS_MAIN(tst_HostcheckPrograms)

@@ -10,7 +10,12 @@
 namespace hostcheck {
 
 //! The exit status; listed in the help.
-enum ExitStatus { ExitOk = 0, ExitFaults = 1, ExitUsage = 2 };
+enum ExitStatus {
+    ExitOk = 0,
+    ExitFaults = 1,
+    ExitUsage = 2,
+    ExitSkipped = 77, // not listed: the process of one check could not make it
+};
 
 //! What the command line asks for.
 struct Options

@@ -20,8 +20,11 @@ namespace {
 
 // Most checks wait most of the time.
 constexpr int ProcessesACore = 4;
-// A check waits a few times at most, and fails when one of them has taken its whole time limit.
-constexpr int HangMs = 60000;
+// A check waits a few times at most, and fails when one of them has taken its whole time limit. So
+// it hangs if it takes that many limits, within these bounds: some checks pause for seconds.
+constexpr int LimitsOfHang = 20;
+constexpr int ShortestHangMs = 10000;
+constexpr int LongestHangMs = 60000;
 // So many log lines are shown with a fault.
 constexpr qsizetype MostLines = 25;
 
@@ -36,7 +39,7 @@ CheckRunner::~CheckRunner()
     }
 }
 
-qsizetype CheckRunner::run(const QRegularExpression &only)
+void CheckRunner::run(const QRegularExpression &only)
 {
     for (const Check &check : allChecks()) {
         if (only.match(QLatin1String(check.name)).hasMatch())
@@ -44,10 +47,9 @@ qsizetype CheckRunner::run(const QRegularExpression &only)
     }
     verdicts.resize(static_cast<size_t>(names.size()));
     if (names.isEmpty())
-        return 0;
+        return;
     startMore();
     loop.exec();
-    return names.size();
 }
 
 void CheckRunner::startMore()
@@ -59,6 +61,11 @@ void CheckRunner::startMore()
     Progress::show(QStringLiteral("checks"), finished, names.size());
     if (finished == names.size())
         loop.quit();
+}
+
+int CheckRunner::hangMs() const
+{
+    return std::clamp(LimitsOfHang * guardMs, ShortestHangMs, LongestHangMs) + guardMs;
 }
 
 void CheckRunner::start(qsizetype number)
@@ -75,7 +82,10 @@ void CheckRunner::start(qsizetype number)
         if (state == QProcess::NotRunning)
             QTimer::singleShot(0, this, [this, started] { finish(*started); });
     });
-    QTimer::singleShot(HangMs + guardMs, process, [process] { process->kill(); });
+    QTimer::singleShot(hangMs(), process, [started] {
+        started->isKilled = true;
+        started->process->kill();
+    });
     process->start(QCoreApplication::applicationFilePath(),
                    {QStringLiteral("plugin"), file, QStringLiteral("--single"), names.at(number),
                     QStringLiteral("--time-limit"), QString::number(guardMs)});
@@ -88,28 +98,34 @@ void CheckRunner::finish(Running &running)
     verdict->name = names.at(running.number);
     verdict->seconds = static_cast<double>(running.clock.elapsed()) / 1000;
     verdict->detail = QString::fromUtf8(process.readAllStandardOutput()).trimmed();
-    const bool isOk = process.exitStatus() == QProcess::NormalExit && process.exitCode() == ExitOk;
-    if (!isOk) {
-        verdict->result = Verdict::Failed;
-        verdict->more = QString::fromUtf8(process.readAllStandardError());
-        verdict->more.chop(verdict->more.endsWith(QLatin1Char('\n')) ? 1 : 0);
-        if (process.error() == QProcess::FailedToStart)
-            verdict->detail = process.errorString();
-        else if (running.clock.elapsed() >= HangMs + guardMs + guardMs)
-            verdict->detail =
-                    QStringLiteral("hangs: killed after %1 s").arg((HangMs + guardMs) / 1000);
-        else if (process.exitStatus() == QProcess::CrashExit)
-            verdict->detail = QStringLiteral("crashed: ")
-                    + QString::fromLocal8Bit(strsignal(process.exitCode()));
-        else if (verdict->detail.isEmpty())
-            verdict->detail = QStringLiteral("ended with status %1").arg(process.exitCode());
-    }
+    const bool isNormal = process.exitStatus() == QProcess::NormalExit;
+    if (isNormal && process.exitCode() == ExitSkipped)
+        verdict->result = Verdict::Skipped;
+    else if (!isNormal || process.exitCode() != ExitOk)
+        describeFault(running, *verdict);
     verdicts[static_cast<size_t>(running.number)] = std::move(verdict);
     ++finished;
     const auto same = [&](const auto &other) { return other.get() == &running; };
     processes.erase(std::find_if(processes.begin(), processes.end(), same));
     reportInOrder();
     startMore();
+}
+
+void CheckRunner::describeFault(const Running &running, Verdict &verdict) const
+{
+    QProcess &process = *running.process;
+    verdict.result = Verdict::Failed;
+    verdict.more = QString::fromUtf8(process.readAllStandardError());
+    verdict.more.chop(verdict.more.endsWith(QLatin1Char('\n')) ? 1 : 0);
+    if (process.error() == QProcess::FailedToStart)
+        verdict.detail = process.errorString();
+    else if (running.isKilled)
+        verdict.detail = QStringLiteral("hangs: killed after %1 s").arg(hangMs() / 1000);
+    else if (process.exitStatus() == QProcess::CrashExit)
+        verdict.detail =
+                QStringLiteral("crashed: ") + QString::fromLocal8Bit(strsignal(process.exitCode()));
+    else if (verdict.detail.isEmpty())
+        verdict.detail = QStringLiteral("ended with status %1").arg(process.exitCode());
 }
 
 void CheckRunner::reportInOrder()
@@ -131,6 +147,9 @@ ExitStatus CheckRunner::runSingle(const QString &libraryFile, int timeLimitMs, c
         subject = std::make_unique<Subject>(libraryFile, timeLimitMs);
         check->function(*subject);
         return ExitOk;
+    } catch (const Skip &skip) {
+        std::printf("%s\n", qPrintable(skip.text));
+        return ExitSkipped;
     } catch (const Failure &failure) {
         std::printf("%s\n", qPrintable(failure.text));
     }

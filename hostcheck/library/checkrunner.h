@@ -37,8 +37,8 @@ public:
     {}
     ~CheckRunner() override;
 
-    // Returns when all whose name matches are made. Their number.
-    qsizetype run(const QRegularExpression &only);
+    // Returns when all whose name matches are made.
+    void run(const QRegularExpression &only);
 
     // The process of one check: makes it, and says on standard output what is wrong.
     static ExitStatus runSingle(const QString &libraryFile, int timeLimitMs, const QString &name);
@@ -50,11 +50,15 @@ private:
         qsizetype number = 0; // in names
         QElapsedTimer clock;
         std::unique_ptr<QProcess> process;
+        bool isKilled = false; // it hung
     };
 
     void startMore();
+    // After so long a check is killed.
+    int hangMs() const;
     void start(qsizetype number);
     void finish(Running &running);
+    void describeFault(const Running &running, Verdict &verdict) const;
     void reportInOrder();
 
     QString file;

@@ -9,7 +9,8 @@ namespace hostcheck {
 
 class Subject;
 
-//! A check of the contract. The function throws a Failure if the library does not keep it.
+//! A check of the contract. The function throws a Failure if the library does not keep it,
+//! and a Skip if that cannot be checked.
 struct Check
 {
     const char *name;

@@ -16,6 +16,12 @@ struct Failure
     QString text;
 };
 
+//! Thrown by a check that cannot be made here: why, in one line.
+struct Skip
+{
+    QString text;
+};
+
 inline void require(bool isGood, const QString &otherwise)
 {
     if (!isGood)

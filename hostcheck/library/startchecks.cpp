@@ -11,6 +11,8 @@
 namespace hostcheck {
 namespace {
 
+constexpr quint16 DefaultPort = 7446;
+
 // The first line of the status.
 QString listenLine(const IInputPlugin &plugin)
 {
@@ -49,13 +51,16 @@ void startLines(Subject &subject)
 
 void defaults(Subject &subject)
 {
-    // Every value is a bad one and ignored. The address is this process's, so the port is free.
+    // The address is this process's. The port is taken even so if somebody listens on all of them.
+    if (!QTcpServer().listen(subject.address(), DefaultPort))
+        throw Skip{QStringLiteral("port %1 is in use").arg(DefaultPort)};
+    // Every value is a bad one and ignored.
     IInputPlugin &plugin = subject.make({{QStringLiteral("port"), 65535},
                                          {QStringLiteral("timeout"), 0},
                                          {QStringLiteral("threadpoolSize"), -1},
                                          {QStringLiteral("unknown"), 1}});
     require(plugin.start(), QStringLiteral("start() returned false"));
-    requireEqual(listenLine(plugin), listenLine(subject.address().toString(), 7446),
+    requireEqual(listenLine(plugin), listenLine(subject.address().toString(), DefaultPort),
                  QStringLiteral("status with bad values"));
     plugin.stop();
 
@@ -64,7 +69,7 @@ void defaults(Subject &subject)
     config.insert(QStringLiteral("timeout"), QStringLiteral("5"));
     plugin.setConfig(config);
     require(plugin.start(), QStringLiteral("second start() returned false"));
-    requireEqual(listenLine(plugin), listenLine(subject.address().toString(), 7446),
+    requireEqual(listenLine(plugin), listenLine(subject.address().toString(), DefaultPort),
                  QStringLiteral("status with texts for numbers"));
 }
 

@@ -2,8 +2,10 @@
 // SPDX-License-Identifier: MIT
 
 #include "tests/hostcheck/hostchecktest.h"
+#include "tests/kit/privatenetwork.h"
 
 #include <QtCore/QXmlStreamReader>
+#include <QtNetwork/QTcpServer>
 
 #include <cstdlib>
 #include <map>
@@ -70,19 +72,24 @@ private Q_SLOTS:
     void findsPlantedFault_data();
     void findsPlantedFault();
     void findsMissingOptions();
+    void findsHang();
     void saysWhatCannotBeChecked();
     void showsProgressOnTerminal();
+    void skipsWhatNeedsPortInUse();
 
 private:
     // All are started at once: most of them wait.
     std::map<QByteArray, std::unique_ptr<Run>> planted;
     std::unique_ptr<Run> library;
     std::unique_ptr<Run> sound;
+    std::unique_ptr<Run> hung;
     Files files;
+    bool isAlone = false; // in a network of its own
 };
 
 void tst_HostcheckLibraries::initTestCase()
 {
+    isAlone = PrivateNetwork::enter();
     library = std::make_unique<Run>(
             arguments(PLUGIN_FILE)
             + QStringList{QStringLiteral("--junit"), files.path(QStringLiteral("junit.xml"))});
@@ -96,6 +103,10 @@ void tst_HostcheckLibraries::initTestCase()
                 arguments(STOCK_PLUGIN_FILE, exactly(check)) + shortLimit,
                 QStringList{QStringLiteral("STOCK_FAULT=") + QLatin1String(fault.fault)});
     }
+    hung = std::make_unique<Run>(
+            arguments(STOCK_PLUGIN_FILE, exactly(QStringLiteral("create")))
+                    + QStringList{QStringLiteral("--time-limit"), QStringLiteral("1")},
+            QStringList{QStringLiteral("STOCK_FAULT=create-pauses")});
     checks.removeDuplicates();
     sound = std::make_unique<Run>(
             arguments(STOCK_PLUGIN_FILE, exactly(checks.join(QLatin1Char('|')))));
@@ -105,7 +116,10 @@ void tst_HostcheckLibraries::findsNothingInLibrary()
 {
     const int status = library->status();
     QVERIFY2(status == 0, library->output().constData());
-    QVERIFY2(library->output().contains(" ok, 0 failed, 0 skipped\n"),
+    Run list({QStringLiteral("plugin"), QStringLiteral("--list")});
+    QCOMPARE(list.status(), 0);
+    const auto checks = list.output().count('\n');
+    QVERIFY2(library->output().contains(QByteArray::number(checks) + " ok, 0 failed, 0 skipped\n"),
              library->output().constData());
 
     QFile file(files.path(QStringLiteral("junit.xml")));
@@ -114,7 +128,7 @@ void tst_HostcheckLibraries::findsNothingInLibrary()
     QVERIFY(xml.readNextStartElement());
     QCOMPARE(xml.attributes().value(QLatin1String("failures")).toString(), QStringLiteral("0"));
     const int tests = xml.attributes().value(QLatin1String("tests")).toInt();
-    QCOMPARE(tests, library->output().count("\nok ") + 1); // the first line has none before it
+    QCOMPARE(tests, checks);
 }
 
 // Otherwise a planted fault proves nothing.
@@ -151,6 +165,13 @@ void tst_HostcheckLibraries::findsMissingOptions()
              QByteArrayList({"class-names", "counters", "offsets", "strict", "bad-options"}));
 }
 
+void tst_HostcheckLibraries::findsHang()
+{
+    QCOMPARE(hung->status(), 1);
+    QVERIFY2(hung->output().contains("FAILED  create: hangs: killed after "),
+             hung->output().constData());
+}
+
 void tst_HostcheckLibraries::saysWhatCannotBeChecked()
 {
     Run missing(arguments("/nowhere/plugin.so"));
@@ -180,6 +201,19 @@ void tst_HostcheckLibraries::showsProgressOnTerminal()
     shown.truncate(std::max<ssize_t>(read(terminal, shown.data(), 4096), 0));
     QVERIFY2(shown.contains("checks: 0 of 2 (0 %)"), shown.constData());
     QCOMPARE(library->errors(), QByteArray());
+}
+
+// The default port, on all addresses: an inputhost that somebody tries out beside it.
+void tst_HostcheckLibraries::skipsWhatNeedsPortInUse()
+{
+    if (!isAlone)
+        QSKIP("no network of its own", );
+    QTcpServer server;
+    QVERIFY2(server.listen(QHostAddress::Any, 7446), qPrintable(server.errorString()));
+    Run run(arguments(PLUGIN_FILE, exactly(QStringLiteral("defaults"))));
+    QCOMPARE(run.status(), 0);
+    QCOMPARE(run.output(),
+             QByteArray("skipped defaults: port 7446 is in use\n0 ok, 0 failed, 1 skipped\n"));
 }
 
 QTEST_GUILESS_MAIN(tst_HostcheckLibraries)

@@ -9,6 +9,8 @@
 #include <array>
 #include <utility>
 
+#include <unistd.h>
+
 namespace {
 
 // The places of start() and stop() in the table of virtual functions, and its size. Two more
@@ -45,6 +47,8 @@ void registerPlugin(InputPluginCreators &creators)
 
 IInputPlugin *create(QObject *parent, const QJsonObject &config)
 {
+    while (stock::isPlanted("create-pauses"))
+        pause();
     auto *plugin = new stock::Plugin(parent, config);
     if (stock::isPlanted("virtual-order"))
         swapStartAndStop(plugin);

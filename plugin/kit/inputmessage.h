@@ -16,7 +16,7 @@ namespace inputkit {
 struct InputMessage
 {
     const Origin &origin;
-    QByteArrayView bytes; // without framing
+    QByteArrayView bytes; // without framing; not null if empty
     quint64 position = 0; // how many bytes of the connection lie before it
     quint64 end = 0; // before the first byte behind it; for InputSession::acknowledge()
     // The beginning of a message: the connection has ended in it, or it took too much memory.

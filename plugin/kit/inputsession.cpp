@@ -3,6 +3,7 @@
 
 #include "plugin/kit/inputsession.h"
 
+#include "plugin/cwrn.h"
 #include "plugin/kit/defaults.h"
 
 #include <QtCore/QMutex>
@@ -37,7 +38,10 @@ InputSession::InputSession(InputSettings sessionSettings, QObject *parent)
         handOver = std::make_unique<HandOver>(settings.receiver, settings.handlers);
         connect(handOver.get(), &HandOver::full, this, &InputSession::holdUp);
     }
-    connect(&warningTimer, &QTimer::timeout, this, [this] { cutter.tellMissedWarnings(); });
+    connect(&warningTimer, &QTimer::timeout, this, [this] {
+        cutter.tellMissedWarnings();
+        holdUpLines.takeMissed(false);
+    });
     warningTimer.start(std::chrono::seconds(10));
 }
 
@@ -114,6 +118,12 @@ QString InputSession::refusal(const QJsonObject &configuration) const
 // ones may come: otherwise there would be no limit to their number.
 void InputSession::holdUp(bool isFull)
 {
+    if (isFull && holdUpLines.allows())
+        CWRN(QtWarningMsg,
+             QStringLiteral(
+                     "Devices have to wait: the messages' receiver is behind by more than %1 "
+                     "MiB"),
+             HandOver::MostBytes / (1024 * 1024));
     reader.setAllPaused(isFull);
     runner.setAccepting(!isFull);
 }

@@ -7,6 +7,7 @@
 #include "plugin/kit/framing.h"
 #include "plugin/kit/handover.h"
 #include "plugin/kit/inputmessage.h"
+#include "plugin/kit/linelimit.h"
 #include "plugin/kit/messagecutter.h"
 #include "plugin/kit/offerreader.h"
 #include "plugin/kit/pluginrunner.h"
@@ -152,6 +153,7 @@ private:
     Acknowledger fromAnyThread;
     OfferReader reader;
     QTimer warningTimer;
+    LineLimit holdUpLines{1}; // it may happen every few milliseconds
     PluginRunner runner; // gone first: it uses all of the above
 };
 

@@ -46,6 +46,7 @@ bool PluginRunner::start(const QJsonObject &configuration)
         return false;
     if (const QString refusal = reader.refusal(configuration); !refusal.isEmpty())
         return fail(Failure::BadConfiguration, refusal);
+    stopTimer.stop(); // that was asked for before
     removePlugin();
     return run(configuration);
 }
@@ -54,7 +55,9 @@ bool PluginRunner::restore()
 {
     if (isBusy())
         return fail(Failure::Busy, QStringLiteral("A handler must not start the session"));
-    return listensOn.isListening() || (!running.isEmpty() && run(running));
+    if (listensOn.isListening())
+        return true;
+    return !stopTimer.isActive() && !running.isEmpty() && run(running);
 }
 
 bool PluginRunner::reload(const QJsonObject &configuration)
@@ -189,7 +192,6 @@ void PluginRunner::connectPlugin()
 // which they were made.
 void PluginRunner::removePlugin()
 {
-    stopTimer.stop();
     if (!plugin)
         return;
     const QScopedValueRollback guard(changing, true);

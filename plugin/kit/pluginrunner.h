@@ -70,7 +70,8 @@ public:
     // Listens. A plugin that runs is stopped before. False: failure() and errorString() say why.
     bool start(const QJsonObject &configuration);
     // Starts the configuration that has listened last, behind a start() that has failed. False:
-    // that fails now, too, or there is none. True, and nothing happens, if a plugin listens.
+    // that fails now, too, or there is none, or stop() was called meanwhile. True, and nothing
+    // happens, if a plugin listens.
     bool restore();
     // start() and, if that has ended a plugin in vain, restore(). True: the new one listens.
     // failure() and errorString() are those of the new configuration.

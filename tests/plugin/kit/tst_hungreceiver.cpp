@@ -8,8 +8,10 @@
 #include <QtCore/QThread>
 #include <QtTest/QtTest>
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <vector>
 
 using namespace sessiontest;
@@ -21,6 +23,11 @@ namespace {
 constexpr int LineBytes = 100000;
 constexpr int Lines = 2 * HandOver::MostBytes / LineBytes;
 constexpr quint64 Devices = 50;
+
+bool isWarning(const CapturedMessage &line)
+{
+    return line.text.contains(QLatin1String("receiver is behind by more than 8 MiB"));
+}
 
 } // namespace
 
@@ -48,10 +55,12 @@ private:
     std::atomic<quint64> ends = 0;
     std::unique_ptr<InputSession> session;
     std::vector<std::unique_ptr<QTcpSocket>> devices;
+    std::optional<MessageCapture> capture;
 };
 
 void tst_HungReceiver::init()
 {
+    capture.emplace();
     bytes = 0;
     ends = 0;
     receiver = new QObject;
@@ -86,6 +95,7 @@ void tst_HungReceiver::cleanup()
     thread.quit();
     QVERIFY(thread.wait(HangGuardMs));
     gate.tryAcquire();
+    capture.reset();
 }
 
 // Each sends a line and ends. The kernel has taken them all.
@@ -110,6 +120,8 @@ void tst_HungReceiver::letThemTry()
 // Otherwise ended connections would be kept here, without a limit to their number.
 void tst_HungReceiver::nobodyIsAccepted()
 {
+    const QList<CapturedMessage> lines = MessageCapture::take();
+    QCOMPARE(std::count_if(lines.begin(), lines.end(), isWarning), 1);
     connectDevices();
     letThemTry();
     QCOMPARE(session->counters()->accepted, quint64(1));

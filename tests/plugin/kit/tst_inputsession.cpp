@@ -70,6 +70,7 @@ private Q_SLOTS:
     void reloads_data() { useTransports(); }
     void reloads();
     void goesBackToTheOldConfiguration();
+    void staysStopped();
     void pausesAConnection();
     void pausedEndWaits();
     void acknowledges();
@@ -235,6 +236,35 @@ void tst_InputSession::goesBackToTheOldConfiguration()
     QCOMPARE(session.failure(), InputSession::Failure::BadConfiguration);
     QVERIFY(session.isListening());
     QTRY_COMPARE_WITH_TIMEOUT(session.counters()->open, quint64(1), HangGuardMs); // was not cut off
+}
+
+// A handler that the old plugin's end calls stops the session, and the new plugin does not listen.
+void tst_InputSession::staysStopped()
+{
+    const MessageCapture capture;
+    QTcpServer other;
+    QVERIFY(other.listen(testAddress()));
+    InputSession *running = nullptr;
+    int ends = 0;
+    InputHandlers handlers;
+    handlers.end = [&](const InputEnd &) {
+        ++ends;
+        running->stop();
+    };
+    InputSession session(settingsFor(handlers));
+    running = &session;
+    QVERIFY(session.start(configurationOf(freePort())));
+    const auto device = connectTo(session);
+    QVERIFY(device);
+    device->write("a line\n");
+    QTRY_COMPARE_WITH_TIMEOUT(session.messageCounts().messages, quint64(1), HangGuardMs);
+    QVERIFY(!session.reload(configurationOf(other.serverPort())));
+    QCOMPARE(ends, 1);
+    QCOMPARE(session.failure(), InputSession::Failure::NotListening);
+    QVERIFY(!session.isListening());
+    QVERIFY(session.start(configurationOf(freePort()))); // which forgets that stop()
+    QCoreApplication::processEvents();
+    QVERIFY(session.isListening());
 }
 
 void tst_InputSession::pausesAConnection()

@@ -180,8 +180,20 @@ void Recorder::finish()
     writer.giveUpSoon();
     hasEntries.notify_one();
     thread.join();
-    if (isDropping && notices.cutShort)
-        notices.cutShort(missingSoFar + lostBytes);
+    tellCutShort();
+}
+
+void Recorder::tellCutShort()
+{
+    quint64 missing = missingSoFar;
+    {
+        const std::lock_guard lock(mutex);
+        if (!isDropping)
+            return;
+        missing += lostBytes;
+    }
+    if (notices.cutShort)
+        notices.cutShort(missing);
 }
 
 void Recorder::run()
@@ -191,7 +203,7 @@ void Recorder::run()
         writeQueue(lock);
     if (lostEntries == 0)
         return;
-    appendGap();
+    appendGap(); // nothing came behind what is missing
     writeQueue(lock);
 }
 
@@ -204,6 +216,7 @@ bool Recorder::waitForEntries(std::unique_lock<std::mutex> &lock)
     return !queue.isEmpty();
 }
 
+// lock: of mutex; not held while writing.
 void Recorder::writeQueue(std::unique_lock<std::mutex> &lock)
 {
     emptyBuffer(batch);

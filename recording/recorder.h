@@ -82,6 +82,7 @@ private:
     void writeQueue(std::unique_lock<std::mutex> &lock);
     void writeBatch();
     void tellResumed();
+    void tellCutShort();
     void noteLoss(quint64 lost, quint64 entries, const QString &reason);
 
     const WriterOptions options;

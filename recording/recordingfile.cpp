@@ -73,12 +73,13 @@ int RecordingFile::openFile() const
 
 bool RecordingFile::prepare()
 {
-    if (::flock(target.fd, LOCK_EX | LOCK_NB) != 0)
-        return errno == EWOULDBLOCK ? fail(QStringLiteral("another program records to it"))
-                                    : failWithErrno();
     struct stat status = {};
     if (::fstat(target.fd, &status) != 0)
         return failWithErrno();
+    // A device like /dev/null is everybody's.
+    if (!S_ISCHR(status.st_mode) && ::flock(target.fd, LOCK_EX | LOCK_NB) != 0)
+        return errno == EWOULDBLOCK ? fail(QStringLiteral("another program records to it"))
+                                    : failWithErrno();
     target.isRegular = S_ISREG(status.st_mode);
     return !target.isRegular || continueFile(status.st_size);
 }

@@ -54,6 +54,7 @@ private Q_SLOTS:
     void putsDamagedOnesAside();
     void putsLargeOnesAside();
     void oneRecorderAFile();
+    void anyNumberADevice();
     void rotates_data();
     void rotates();
     void sessionsDoNotFillFiles();
@@ -210,6 +211,15 @@ void tst_RecordingWriter::oneRecorderAFile()
     RecordingWriter second({});
     QVERIFY(!second.open(name, StartUs));
     QCOMPARE(second.errorString(), QStringLiteral("another program records to it"));
+}
+
+// Other than files and pipes, they are not the recorder's.
+void tst_RecordingWriter::anyNumberADevice()
+{
+    RecordingWriter first({});
+    QVERIFY(first.open(QStringLiteral("/dev/null"), StartUs));
+    RecordingWriter second({});
+    QVERIFY2(second.open(QStringLiteral("/dev/null"), StartUs), qPrintable(second.errorString()));
 }
 
 void tst_RecordingWriter::rotates_data()

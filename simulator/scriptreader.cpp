@@ -12,6 +12,28 @@ namespace simulator {
 namespace {
 
 constexpr double LongestMs = 24 * 3600 * 1e3;
+constexpr QByteArrayView ByteOrderMark("\xef\xbb\xbf"); // some editors begin a file with it
+
+//! A line of a script. The rest is behind one blank or tab, up to the end of the line.
+struct Words
+{
+    QByteArray step;
+    QByteArray rest;
+};
+
+bool isBlank(char byte)
+{
+    return byte == ' ' || byte == '\t';
+}
+
+Words split(const QByteArray &line)
+{
+    const char *end = line.endsWith('\r') ? line.end() - 1 : line.end();
+    const char *begin = std::find_if_not(line.begin(), end, isBlank);
+    const char *blank = std::find_if(begin, end, isBlank);
+    const char *rest = blank == end ? end : blank + 1;
+    return {QByteArray(begin, blank - begin), QByteArray(rest, end - rest)};
+}
 
 // Nothing if it is no time.
 std::optional<qint64> msOf(const QString &time)
@@ -33,8 +55,11 @@ std::optional<qint64> msOf(const QString &time)
 
 std::optional<Script> ScriptReader::read(QIODevice &file, const QString &name)
 {
-    const QStringList lines = QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'));
-    for (const QString &text : lines) {
+    QByteArray content = file.readAll();
+    if (content.startsWith(ByteOrderMark))
+        content.remove(0, ByteOrderMark.size());
+    const QByteArrayList lines = content.split('\n');
+    for (const QByteArray &text : lines) {
         ++line;
         if (!take(text)) {
             error = QStringLiteral("%1, line %2: %3").arg(name).arg(line).arg(error);
@@ -50,18 +75,17 @@ std::optional<Script> ScriptReader::read(QIODevice &file, const QString &name)
     return error.isEmpty() ? std::optional(script) : std::nullopt;
 }
 
-bool ScriptReader::take(const QString &text)
+bool ScriptReader::take(const QByteArray &text)
 {
-    static const QRegularExpression pattern(QStringLiteral("^\\s*([^\\s]*)(?:[ \\t](.*?))?\\r?$"));
-    const QRegularExpressionMatch match = pattern.match(text);
-    const QString word = match.captured(1);
-    const QString rest = match.captured(2);
-    if (word.isEmpty() || word.startsWith(QLatin1Char('#')))
+    const Words words = split(text);
+    if (words.step.isEmpty() || words.step.startsWith('#'))
         return true;
-    if (word == QLatin1String("send"))
-        return takeSend(rest, true);
-    if (word == QLatin1String("send-raw"))
-        return takeSend(rest, false);
+    if (words.step == "send")
+        return takeSend(words.rest, true);
+    if (words.step == "send-raw")
+        return takeSend(words.rest, false);
+    const QString word = QString::fromUtf8(words.step);
+    const QString rest = QString::fromUtf8(words.rest);
     if (word == QLatin1String("pause"))
         return takePause(rest.trimmed());
     if (word == QLatin1String("repeat"))
@@ -81,11 +105,11 @@ bool ScriptReader::take(const QString &text)
                         .arg(word));
 }
 
-bool ScriptReader::takeSend(const QString &text, bool isFramed)
+bool ScriptReader::takeSend(const QByteArray &text, bool isFramed)
 {
     Script::Step step;
     step.isFramed = isFramed;
-    const auto message = MessageTemplate::read(text.toUtf8(), error);
+    const auto message = MessageTemplate::read(text, error);
     if (!message)
         return false;
     if (message->hasLine())

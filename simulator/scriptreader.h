@@ -29,8 +29,8 @@ public:
     QString errorString() const { return error; }
 
 private:
-    bool take(const QString &line);
-    bool takeSend(const QString &text, bool isFramed);
+    bool take(const QByteArray &text);
+    bool takeSend(const QByteArray &text, bool isFramed);
     bool takePause(const QString &time);
     bool takeRepeat(const QString &count);
     bool takeEnd(const QString &rest);

@@ -43,6 +43,7 @@ class tst_ScriptParts : public QObject
 private Q_SLOTS:
     void plays_data();
     void plays();
+    void readsLongLines();
     void peeks();
     void refuses_data();
     void refuses();
@@ -57,6 +58,9 @@ void tst_ScriptParts::plays_data()
     };
     row("sends", "send one\n  send  two \n\n# send three\r\n\tsend-raw \\x41\r\nsend\n",
         "one,  two , raw A, ");
+    row("tabs", "\tsend\t\ta\t\n \t\n\t# send b", "\ta\t");
+    row("bytes that are not UTF-8", "# \xe4\nsend \xe4x\nsend-raw \xff", "\xe4x, raw \xff");
+    row("after a byte order mark", "\xef\xbb\xbfsend a", "a");
     row("pauses", "pause 200ms\npause 1.5s\npause 2min\npause 1h\npause 0s",
         "pause 200, pause 1500, pause 120000, pause 3600000, pause 0");
     row("ends", "close\nreset\nwait-close\nwait-close 5s\nhalf-close",
@@ -82,6 +86,19 @@ void tst_ScriptParts::plays()
     const auto script = reader.read(buffer, QStringLiteral("f"));
     QVERIFY2(script, qPrintable(reader.errorString()));
     QCOMPARE(played(*script), steps);
+}
+
+void tst_ScriptParts::readsLongLines()
+{
+    const QByteArray payload(5'000'000, 'a');
+    QByteArray text = "send " + payload;
+    QBuffer buffer(&text);
+    QVERIFY(buffer.open(QIODevice::ReadOnly));
+    ScriptReader reader;
+    const auto script = reader.read(buffer, QStringLiteral("f"));
+    QVERIFY2(script, qPrintable(reader.errorString()));
+    QCOMPARE(script->steps.size(), 1);
+    QVERIFY(script->steps.first().message.payload({}) == payload);
 }
 
 void tst_ScriptParts::peeks()
@@ -113,6 +130,9 @@ void tst_ScriptParts::refuses_data()
     row("", "f: there is no step in it");
     row("# only this", "f: there is no step in it");
     row("send a\n\nsned b", "f, line 3: unknown step: sned; there are send, send-raw, ");
+    row("send a\nsend\fb", "f, line 2: unknown step: send\fb; there are ");
+    row("send a\nsend\rb", "f, line 2: unknown step: send\rb; there are ");
+    row("send a\nsen\xe4 b", "f, line 2: unknown step: sen\xef\xbf\xbd; there are ");
     row("send {devise}", "f, line 1: {devise}: unknown placeholder; ");
     row("send {line}", "f, line 1: {line} has no meaning in a script");
     row("send \\q", "f, line 1: unknown escape: \\q; ");

@@ -17,7 +17,7 @@ std::optional<char> hexByte(const QString &text)
 {
     bool ok = false;
     const uint value = text.toUInt(&ok, 16);
-    if (!ok || text.size() > 2)
+    if (!ok || text.size() > 2 || text.startsWith(QLatin1Char('+')))
         return std::nullopt;
     return static_cast<char>(value);
 }

@@ -124,7 +124,7 @@ QList<QCommandLineOption> knownOptions()
              "repeated. "
              "Default: the kernel's choice.",
              "address"},
-            {"connections", "Devices in all. Default: 1.", "n"},
+            {"connections", "Devices in all, at most 10000000. Default: 1.", "n"},
             {"parallel", "At most so many open at once; 0: all. Default: 0.", "n"},
             {"opening",
              "At most so many new devices connecting or in their TLS handshake at once; 0: no "

@@ -12,6 +12,7 @@
 namespace simulator {
 namespace {
 
+constexpr quint64 MaxConnections = 10'000'000;
 constexpr int MaxMessageBytes = 64 * 1024 * 1024;
 constexpr int MinRecordBytes = 512; // the limits that OpenSSL has for --record-size
 constexpr int MaxRecordBytes = 16384;
@@ -43,7 +44,7 @@ void readOptions(OptionReader &reader, Options &options)
     reader.string("host", options.host);
     reader.number<quint16>("port", options.port, 1);
     reader.sources(options.sources);
-    reader.number<quint64>("connections", options.connections, 1);
+    reader.number<quint64>("connections", options.connections, 1, MaxConnections);
     reader.number<quint64>("parallel", options.parallel, 0);
     reader.number<quint64>("opening", options.opening, 0);
     reader.number<double>("connect-rate", options.connectRate, 0);

@@ -177,6 +177,7 @@ void tst_DeviceSimOptions::rejects_data()
     row("--port 65536", "--port: not a number in range: 65536");
     row("--connections 0", "--connections: not a number in range: 0");
     row("--connections -1", "--connections: not a number in range: -1");
+    row("--connections 10000001", "--connections: not a number in range: 10000001");
     row("--size 1e3", "--size: not a number in range: 1e3");
     row("--size 2000000000", "--size: not a number in range: 2000000000");
     row("--rate -1", "--rate: not a number in range: -1");
@@ -268,6 +269,7 @@ void tst_DeviceSimOptions::helpsAndTellsItsVersion()
     const QString help = parse("--help").text;
     QVERIFY(help.contains(QStringLiteral("d<device>-<number> <padding>")));
     QVERIFY(help.contains(QStringLiteral("--connect-rate")));
+    QVERIFY(help.contains(QStringLiteral("standard error.\n\nA recording of ")));
     QCOMPARE(parse("-h").text, help);
     QVERIFY(!parse("--version").text.isEmpty());
 }

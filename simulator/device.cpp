@@ -11,6 +11,11 @@
 #include <QtCore/QTimerEvent>
 
 namespace simulator {
+namespace {
+
+constexpr qint64 LongestMs = 24 * 3600 * 1000; // of one timer: a pause may have more ms than an int
+
+} // namespace
 
 Device::Device(QObject *parent, const Run &sharedRun, quint64 deviceNumber)
     : QObject(parent),
@@ -77,8 +82,16 @@ void Device::timerEvent(QTimerEvent *event)
     pause.stop();
     if (stopping)
         Q_EMIT finished(this);
+    else if (pauseClock.elapsed() < course->pauseMs())
+        waitOn();
     else
         connectNext();
+}
+
+void Device::waitOn()
+{
+    const qint64 ms = qMin(course->pauseMs() - pauseClock.elapsed(), LongestMs);
+    pause.start(static_cast<int>(qMax<qint64>(0, ms)), Qt::PreciseTimer, this);
 }
 
 void Device::onConnectionOpened()
@@ -103,11 +116,11 @@ void Device::onConnectionFinished()
 
     // Not after a failure: the messages that it left unsent would be missing in the numbering.
     if (stopping || record.failed || !course->hasNext())
-        Q_EMIT finished(this);
-    else if (course->pauseMs() > 0)
-        pause.start(static_cast<int>(course->pauseMs()), Qt::PreciseTimer, this);
-    else
-        connectNext();
+        return Q_EMIT finished(this);
+    if (course->pauseMs() == 0)
+        return connectNext();
+    pauseClock.start();
+    waitOn();
 }
 
 } // namespace simulator

@@ -6,6 +6,7 @@
 #include "simulator/report.h"
 
 #include <QtCore/QBasicTimer>
+#include <QtCore/QElapsedTimer>
 #include <QtCore/QObject>
 
 #include <memory>
@@ -60,6 +61,7 @@ private Q_SLOTS:
 
 private:
     void connectNext();
+    void waitOn();
 
     const Run &run;
     const quint64 number;
@@ -67,6 +69,7 @@ private:
     bool stopping = false;
     const std::unique_ptr<Course> course;
     QBasicTimer pause; // between two connections
+    QElapsedTimer pauseClock;
     std::unique_ptr<DeviceConnection> connection;
 };
 

@@ -200,6 +200,9 @@ void tst_DeviceSimScripts::isStopped_data()
     QTest::newRow("in a pause") << QByteArray("send a\npause 1h\nsend b");
     QTest::newRow("before its end") << QByteArray("send a\npause 1h");
     QTest::newRow("between connections") << QByteArray("send a\nhalf-close\npause 1h\nsend b");
+    // 25 days are more milliseconds than an int has.
+    QTest::newRow("between connections, for weeks")
+            << "send a\nhalf-close\n" + QByteArray("pause 24h\n").repeated(25) + "send b";
     QTest::newRow("waiting") << QByteArray("send a\nwait-close");
 }
 

@@ -53,6 +53,8 @@ public:
     // Whether the connection ends now, although messages() has more. Asked for when everything that
     // is due was sent. sent: the number of the last message of that.
     virtual bool endsAfter(quint64 sent);
+    // More messages may have come for a connection that has sent everything that was due.
+    virtual void goOn() {}
 };
 
 // What the device does in this run. device: from 1.

@@ -64,6 +64,7 @@ void DeviceConnection::goOn()
     if (state != State::Sending || !waitsUntilDue)
         return;
     timer.stop();
+    course.goOn();
     pump();
 }
 

@@ -45,7 +45,15 @@ Ending InputCourse::ending() const
 bool InputCourse::endsAfter(quint64 sent)
 {
     input.passed(device, sent);
+    awaited = sent == input.count() ? std::optional(sent + 1) : std::nullopt;
     return input.hasEnded() && sent == input.count();
+}
+
+// Time without a line does not make later lines come in a burst.
+void InputCourse::goOn()
+{
+    if (awaited)
+        pace.delay(*awaited);
 }
 
 quint64 InputCourse::due() const

@@ -6,6 +6,8 @@
 #include "simulator/course.h"
 #include "simulator/pace.h"
 
+#include <optional>
+
 namespace simulator {
 
 class InputLines;
@@ -30,6 +32,7 @@ public:
     Schedule &schedule() override { return *this; }
     Ending ending() const override;
     bool endsAfter(quint64 sent) override;
+    void goOn() override;
 
 private:
     // Schedule
@@ -42,6 +45,7 @@ private:
     const quint64 device;
     Pace pace;
     bool isBegun = false;
+    std::optional<quint64> awaited; // the next line, if it has not come yet
 };
 
 } // namespace simulator

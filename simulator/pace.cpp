@@ -26,8 +26,9 @@ quint64 Pace::due() const
     if (rate <= 0)
         return std::numeric_limits<quint64>::max();
     if (!clock.isValid())
-        return 1;
-    return 1 + static_cast<quint64>(static_cast<double>(clock.nsecsElapsed()) * rate / NsPerSecond);
+        return first;
+    return first
+            + static_cast<quint64>(static_cast<double>(clock.nsecsElapsed()) * rate / NsPerSecond);
 }
 
 int Pace::msUntil(quint64 number) const
@@ -35,8 +36,16 @@ int Pace::msUntil(quint64 number) const
     if (number <= due())
         return 0;
     const double elapsedMs = static_cast<double>(clock.nsecsElapsed()) * MsPerSecond / NsPerSecond;
-    const double ms = static_cast<double>(number - 1) * MsPerSecond / rate - elapsedMs;
+    const double ms = static_cast<double>(number - first) * MsPerSecond / rate - elapsedMs;
     return static_cast<int>(std::ceil(qBound(0.0, ms, LongestMs)));
+}
+
+void Pace::delay(quint64 number)
+{
+    if (!clock.isValid() || number > due())
+        return;
+    clock.start();
+    first = number;
 }
 
 } // namespace simulator

@@ -22,9 +22,13 @@ public:
     quint64 due() const override;
     int msUntil(quint64 number) const override;
 
+    // An event that could have been earlier is due now. The pace of later ones begins with it.
+    void delay(quint64 number);
+
 private:
     const double rate;
     QElapsedTimer clock;
+    quint64 first = 1; // event that is due when the clock starts
 };
 
 } // namespace simulator

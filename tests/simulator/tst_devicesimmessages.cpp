@@ -24,6 +24,7 @@ private Q_SLOTS:
     void endsWhereOneDoesNotFit();
     void sendsInputAtOnce();
     void sendsManyLinesOfInput();
+    void pacesInputAfterAnIdleTime();
     void leavesOutBadLines();
     void readsRedirectedFiles();
     void stopsWhileInputIsOpen();
@@ -234,6 +235,27 @@ void tst_DeviceSimMessages::sendsManyLinesOfInput()
     for (const Peer *peer : receiver.peers)
         QVERIFY(peer->bytes == lines);
     QCOMPARE(number(simulator.summary(), "messages"), 150000);
+}
+
+void tst_DeviceSimMessages::pacesInputAfterAnIdleTime()
+{
+    Receiver receiver;
+    QVERIFY(receiver.listen(testAddress()));
+    Simulator simulator;
+    simulator.start(receiver, words("--messages-from - --rate 5"));
+    simulator.write("one\n");
+    QTRY_COMPARE(receiver.peers.size(), 1);
+    QTRY_COMPARE(receiver.peers.first()->bytes, QByteArray("one\n"));
+    QElapsedTimer clock;
+    clock.start();
+    QTRY_VERIFY(clock.elapsed() >= 1000); // the rate would allow five lines in it
+    clock.start();
+    simulator.write("two\nthree\nfour\n");
+    simulator.endInput();
+    QVERIFY(simulator.waitForEnd());
+    QVERIFY2(clock.elapsed() >= 380, QByteArray::number(clock.elapsed()).constData());
+    QCOMPARE(simulator.exitCode(), 0);
+    QTRY_COMPARE(receiver.peers.first()->bytes, QByteArray("one\ntwo\nthree\nfour\n"));
 }
 
 void tst_DeviceSimMessages::leavesOutBadLines()

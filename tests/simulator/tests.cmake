@@ -2,7 +2,8 @@
 # SPDX-License-Identifier: MIT
 
 # The simulator's parts that use neither sockets nor timers.
-foreach(name IN ITEMS tst_devicesimmanual tst_devicesimoptions tst_devicesimparts tst_messageparts tst_replayparts
+foreach(name IN ITEMS
+        tst_devicesimmanual tst_devicesimoptions tst_devicesimparts tst_inputlines tst_messageparts tst_replayparts
         tst_scriptparts)
     plugin_test(${name})
     target_link_libraries(${name} PRIVATE devicesim_core)

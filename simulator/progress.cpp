@@ -59,6 +59,11 @@ bool Progress::isWanted(const Run &run)
     return StatusLine::isPossible() && !(run.input && ::isatty(STDIN_FILENO) == 1);
 }
 
+QString Progress::rateText(double perSecond)
+{
+    return QString::number(std::llround(perSecond));
+}
+
 Progress::Progress(const Run &sharedRun, const Fleet &shownFleet)
     : run(sharedRun),
       fleet(shownFleet),
@@ -92,7 +97,7 @@ QString Progress::text()
                     .arg(run.options.connections)
                     .arg(numbers.active)
                     .arg(numbers.messages)
-                    .arg(std::round(perSecond))
+                    .arg(rateText(perSecond))
                     .arg(numbers.failed);
     if (allMessages <= 0 || numbers.messages == 0 || nowMs < ForecastAfterMs)
         return line;

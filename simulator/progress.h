@@ -25,6 +25,9 @@ public:
     // Whether the options ask for it. Without them: on a terminal, unless messages are typed there.
     static bool isWanted(const Run &run);
 
+    // The rate as the line shows it: a whole number, in digits alone.
+    static QString rateText(double perSecond);
+
     // Begins at once. Both outlive it.
     Progress(const Run &sharedRun, const Fleet &shownFleet);
 

@@ -5,6 +5,7 @@
 #include "simulator/options.h"
 #include "simulator/outbox.h"
 #include "simulator/pace.h"
+#include "simulator/progress.h"
 #include "tests/simulator/partstest.h"
 
 #include <QtTest/QTest>
@@ -68,6 +69,7 @@ private Q_SLOTS:
 
     void paces();
     void pacesWithoutLimit();
+    void writesRates();
 };
 
 void tst_DeviceSimParts::formatsMessages_data()
@@ -285,6 +287,13 @@ void tst_DeviceSimParts::pacesWithoutLimit()
     pace.start();
     QCOMPARE(pace.due(), AllDue);
     QCOMPARE(pace.msUntil(1000000), 0);
+}
+
+void tst_DeviceSimParts::writesRates()
+{
+    QCOMPARE(Progress::rateText(0), QStringLiteral("0"));
+    QCOMPARE(Progress::rateText(4.6), QStringLiteral("5"));
+    QCOMPARE(Progress::rateText(1234567.2), QStringLiteral("1234567"));
 }
 
 QTEST_GUILESS_MAIN(tst_DeviceSimParts)

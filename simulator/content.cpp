@@ -66,7 +66,7 @@ bool Content::loadScript()
     QFile file(options.scriptFile);
     if (!file.open(QIODevice::ReadOnly))
         return fail(QStringLiteral("%1: %2").arg(options.scriptFile, file.errorString()));
-    ScriptReader reader;
+    ScriptReader reader(options.framing);
     steps = reader.read(file, options.scriptFile);
     return steps.has_value() || fail(reader.errorString());
 }

@@ -44,6 +44,12 @@ bool MessageTemplate::hasLine() const
                        [](const Part &part) { return part.kind == Part::Line; });
 }
 
+bool MessageTemplate::hasPlaceholders() const
+{
+    return std::any_of(parts.begin(), parts.end(),
+                       [](const Part &part) { return part.kind != Part::Text; });
+}
+
 QByteArray MessageTemplate::payload(const MessageValues &values) const
 {
     std::optional<RandomSource> random;

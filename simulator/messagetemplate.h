@@ -39,6 +39,8 @@ public:
 
     // Whether {line} is in it.
     bool hasLine() const;
+    // Whether anything but text is in it.
+    bool hasPlaceholders() const;
 
     QByteArray payload(const MessageValues &values) const;
 

@@ -136,6 +136,16 @@ void checkInput(OptionReader &reader, const Options &options)
         reader.fail(QStringLiteral("--messages-from - needs --segments whole or byte"));
 }
 
+// What a placeholder stands for is not known before it is sent.
+void checkTemplate(OptionReader &reader, const Options &options)
+{
+    if (!options.messageTemplate || options.messageTemplate->hasPlaceholders())
+        return;
+    const qsizetype size = options.messageTemplate->payload({}).size();
+    if (!options.framing.fits(size))
+        reader.fail(QStringLiteral("--template: %1 bytes do not fit the framing").arg(size));
+}
+
 // Where the payloads come from.
 void checkMessages(OptionReader &reader, const Options &options)
 {
@@ -155,6 +165,7 @@ void checkMessages(OptionReader &reader, const Options &options)
         reader.fail(QStringLiteral("--template: {line} needs --messages-from"));
     if (options.messageTemplate && !options.messageTemplate->hasLine() && hasLines)
         reader.fail(QStringLiteral("--template has no {line}, which --messages-from is for"));
+    checkTemplate(reader, options);
     if (options.size > options.framing.longestPayload())
         reader.fail(QStringLiteral("--size: %1 bytes do not fit the framing, which takes %2")
                             .arg(options.size)

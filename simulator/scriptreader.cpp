@@ -114,6 +114,9 @@ bool ScriptReader::takeSend(const QByteArray &text, bool isFramed)
         return false;
     if (message->hasLine())
         return fail(QStringLiteral("{line} has no meaning in a script"));
+    const qsizetype size = message->payload({}).size();
+    if (isFramed && !message->hasPlaceholders() && !framing.fits(size))
+        return fail(QStringLiteral("%1 bytes do not fit the framing").arg(size));
     if (!isFramed && text.isEmpty())
         return fail(QStringLiteral("send-raw wants bytes to send"));
     step.message = *message;

@@ -23,6 +23,9 @@ namespace simulator {
 class ScriptReader
 {
 public:
+    // sendFraming: texts of send without placeholders have to fit it.
+    explicit ScriptReader(const Framing &sendFraming) : framing(sendFraming) {}
+
     // Nothing, and the file's name, the line and what is wrong in errorString(), if it cannot be
     // read.
     std::optional<Script> read(QIODevice &file, const QString &name);
@@ -39,6 +42,7 @@ private:
     bool isBehindHalfClose() const;
     bool fail(const QString &text);
 
+    const Framing framing;
     Script script;
     QList<qsizetype> open; // indexes of the repeats that have no end yet
     QList<int> openLines;

@@ -24,6 +24,7 @@ private Q_SLOTS:
     void bindsToRanges();
     void rejects_data();
     void rejects();
+    void rejectsTemplatesThatDoNotFit();
     void rejectsWhatItCannotParse();
     void helpsAndTellsItsVersion();
     void replay();
@@ -243,6 +244,7 @@ void tst_DeviceSimOptions::rejects_data()
     row("--replay f --script g", "--script does not go with --replay");
     row("--replay f --template x", "--template does not go with --replay");
     row("--replay f --messages-from g", "--messages-from does not go with --replay");
+    row("--template= --framing none", "--template: 0 bytes do not fit the framing");
     row("--template \\q",
         "--template: unknown escape: \\q; there are \\n, \\r, \\t, \\0, \\\\, \\{ and \\xNN");
     row("--fault garbage --size 0", "--fault garbage needs a --size");
@@ -253,6 +255,19 @@ void tst_DeviceSimOptions::rejects()
     QFETCH(const QByteArray, commandLine);
     QFETCH(const QString, error);
     QCOMPARE(parse(commandLine.constData()).error, error);
+}
+
+// What a placeholder stands for is not known before it is sent.
+void tst_DeviceSimOptions::rejectsTemplatesThatDoNotFit()
+{
+    const auto error = [](const char *text) {
+        return parse({QStringLiteral("--framing"), QStringLiteral("fixed 2"),
+                      QStringLiteral("--template"), QLatin1String(text)})
+                .error;
+    };
+    QCOMPARE(error("ab"), QString());
+    QCOMPARE(error("abc"), QStringLiteral("--template: 3 bytes do not fit the framing"));
+    QCOMPARE(error("{letters:3}"), QString());
 }
 
 // The texts of these errors are Qt's.

@@ -47,6 +47,7 @@ private Q_SLOTS:
     void peeks();
     void refuses_data();
     void refuses();
+    void refusesWhatDoesNotFit();
 };
 
 void tst_ScriptParts::plays_data()
@@ -82,7 +83,7 @@ void tst_ScriptParts::plays()
     QFETCH(const QByteArray, steps);
     QBuffer buffer(&text);
     QVERIFY(buffer.open(QIODevice::ReadOnly));
-    ScriptReader reader;
+    ScriptReader reader({});
     const auto script = reader.read(buffer, QStringLiteral("f"));
     QVERIFY2(script, qPrintable(reader.errorString()));
     QCOMPARE(played(*script), steps);
@@ -94,7 +95,7 @@ void tst_ScriptParts::readsLongLines()
     QByteArray text = "send " + payload;
     QBuffer buffer(&text);
     QVERIFY(buffer.open(QIODevice::ReadOnly));
-    ScriptReader reader;
+    ScriptReader reader({});
     const auto script = reader.read(buffer, QStringLiteral("f"));
     QVERIFY2(script, qPrintable(reader.errorString()));
     QCOMPARE(script->steps.size(), 1);
@@ -106,7 +107,7 @@ void tst_ScriptParts::peeks()
     QByteArray text("repeat 2\nclose\nend");
     QBuffer buffer(&text);
     QVERIFY(buffer.open(QIODevice::ReadOnly));
-    ScriptReader reader;
+    ScriptReader reader({});
     const auto script = reader.read(buffer, QStringLiteral("f"));
     QVERIFY2(script, qPrintable(reader.errorString()));
     ScriptCursor cursor(*script);
@@ -159,9 +160,20 @@ void tst_ScriptParts::refuses()
     QFETCH(const QByteArray, complaint);
     QBuffer buffer(&text);
     QVERIFY(buffer.open(QIODevice::ReadOnly));
-    ScriptReader reader;
+    ScriptReader reader({});
     QVERIFY(!reader.read(buffer, QStringLiteral("f")));
     QVERIFY2(reader.errorString().toUtf8().startsWith(complaint), qPrintable(reader.errorString()));
+}
+
+// What a placeholder stands for is not known before it is sent.
+void tst_ScriptParts::refusesWhatDoesNotFit()
+{
+    QByteArray text("send ab\nsend {letters:3}\nsend-raw abc\nsend abc\n");
+    QBuffer buffer(&text);
+    QVERIFY(buffer.open(QIODevice::ReadOnly));
+    ScriptReader reader(*Framing::read(QStringLiteral("fixed 2")));
+    QVERIFY(!reader.read(buffer, QStringLiteral("f")));
+    QCOMPARE(reader.errorString(), QStringLiteral("f, line 4: 3 bytes do not fit the framing"));
 }
 
 QTEST_GUILESS_MAIN(tst_ScriptParts)

@@ -110,7 +110,7 @@ void Handshaker::makeRoom()
         return each->isReady || hasUnread(each->descriptor.get());
     };
     for (qsizetype left = open.excess(mostOpen, isSpared); left > 0; --left) {
-        const std::optional<Open *> next = open.goesFirst(isSpared);
+        const std::optional<Open *> next = open.goesFirst();
         if (!next)
             break;
         end(**next, Outcome::Crowded);

@@ -17,7 +17,8 @@
     there are too many.
 
     That address loses which has most, and of its handshakes the one that has made no progress for
-    the longest time. A device among thousands of silent peers is served.
+    the longest time. A device among thousands of silent peers is served. Handshakes that must stay
+    are spared: they do not count.
 
     Handshake: what the owner knows it by; copied.
 
@@ -32,6 +33,30 @@ class OpenHandshakes
         Handshake handshake;
         QByteArray address; // addresses with the same one count as one
         quint64 progress; // when: see steps
+        bool isSpared = false; // as excess() was told
+    };
+    //! The handshakes of an address. The one without progress for the longest time is the first of
+    //! its list.
+    struct Peers
+    {
+        std::list<Entry> &listOf(const Entry &entry) { return entry.isSpared ? spared : waiting; }
+        // Asks anew of each one. How many are spared.
+        template<class Spared>
+        qsizetype spare(Spared isSpared)
+        {
+            waiting.merge(spared,
+                          [](const Entry &a, const Entry &b) { return a.progress < b.progress; });
+            for (auto next = waiting.begin(); next != waiting.end();) {
+                const auto each = next++;
+                each->isSpared = isSpared(each->handshake);
+                if (each->isSpared)
+                    spared.splice(spared.end(), waiting, each);
+            }
+            return static_cast<qsizetype>(spared.size());
+        }
+
+        std::list<Entry> waiting;
+        std::list<Entry> spared;
     };
 
 public:
@@ -41,22 +66,22 @@ public:
     Place enter(const QHostAddress &peer, Handshake handshake)
     {
         const QByteArray address = keyOf(peer);
-        std::list<Entry> &same = byAddress[address];
+        std::list<Entry> &waiting = byAddress[address].waiting;
         ++count;
-        return same.insert(same.end(), Entry{std::move(handshake), address, ++steps});
+        return waiting.insert(waiting.end(), Entry{std::move(handshake), address, ++steps});
     }
     // It has made progress.
     void moveOn(Place place)
     {
-        std::list<Entry> &same = byAddress[place->address];
+        std::list<Entry> &same = byAddress[place->address].listOf(*place);
         same.splice(same.end(), same, place);
         place->progress = ++steps;
     }
     void leave(Place place)
     {
         const auto same = byAddress.find(place->address);
-        same->erase(place);
-        if (same->empty())
+        same->listOf(*place).erase(place);
+        if (same->waiting.empty() && same->spared.empty())
             byAddress.erase(same);
         --count;
     }
@@ -64,35 +89,31 @@ public:
     qsizetype size() const { return count; }
 
     // How many have to go if no more than most may be open. isSpared: says of a handshake whether
-    // it must stay; such a one does not count.
+    // it must stay; such a one does not count, here and in goesFirst() until this is called again.
     template<class Spared>
-    qsizetype excess(qsizetype most, Spared isSpared) const
+    qsizetype excess(qsizetype most, Spared isSpared)
     {
         qsizetype result = count - most;
-        for (const std::list<Entry> &same : byAddress) {
-            for (auto each = same.begin(); each != same.end() && result > 0; ++each)
-                result -= isSpared(each->handshake) ? 1 : 0;
+        for (Peers &same : byAddress) {
+            if (result <= 0)
+                return 0;
+            result -= same.spare(isSpared);
         }
         return std::max<qsizetype>(result, 0);
     }
 
-    // The one of these to go next. Nothing if all stay that the address with most has.
-    template<class Spared>
-    std::optional<Handshake> goesFirst(Spared isSpared) const
+    // The one to go next, when excess() has said that one has to. Nothing if all are spared.
+    std::optional<Handshake> goesFirst() const
     {
-        if (byAddress.empty())
+        const auto most = std::max_element(
+                byAddress.cbegin(), byAddress.cend(), [](const Peers &a, const Peers &b) {
+                    if (a.waiting.size() != b.waiting.size() || a.waiting.empty())
+                        return a.waiting.size() < b.waiting.size();
+                    return a.waiting.front().progress > b.waiting.front().progress;
+                });
+        if (most == byAddress.cend() || most->waiting.empty())
             return {};
-        const std::list<Entry> &most =
-                *std::max_element(byAddress.cbegin(), byAddress.cend(),
-                                  [](const std::list<Entry> &a, const std::list<Entry> &b) {
-                                      if (a.size() != b.size())
-                                          return a.size() < b.size();
-                                      return a.front().progress > b.front().progress;
-                                  });
-        const auto first = std::find_if(most.begin(), most.end(), [&](const Entry &each) {
-            return !isSpared(each.handshake);
-        });
-        return first != most.end() ? std::optional(first->handshake) : std::nullopt;
+        return most->waiting.front().handshake;
     }
 
 private:
@@ -107,8 +128,7 @@ private:
                       : QByteArray(reinterpret_cast<const char *>(ipv6.c), Ipv6NetworkBytes);
     }
 
-    // The one without progress for the longest time is the first of its list. No list is empty.
-    QHash<QByteArray, std::list<Entry>> byAddress;
+    QHash<QByteArray, Peers> byAddress; // those that have any
     qsizetype count = 0; // of all
     quint64 steps = 0; // counts progress
 };

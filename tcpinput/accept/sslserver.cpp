@@ -181,7 +181,7 @@ void SslServer::makeRoom()
     const QPointer<SslServer> self(this); // receivers of a socket's own signals may delete it
     QStringList closed;
     for (qsizetype left = qtHandshakes.excess(mostOpen, isSpared); left > 0; --left) {
-        const std::optional<QtHandshake> next = qtHandshakes.goesFirst(isSpared);
+        const std::optional<QtHandshake> next = qtHandshakes.goesFirst();
         if (!next)
             break;
         closed.append(next->endpoints.peerText());

@@ -150,8 +150,13 @@ void TlsHandshake::checkHello()
     prolonged = false;
     timer.start(); // progress was made
     startServerEncryptionWithoutTickets(*socket);
-    if (state != Over)
-        tell(&QSslServer::startedEncryptionHandshake);
+    if (state == Over)
+        return;
+    tell(&QSslServer::startedEncryptionHandshake);
+    // If the receiver has run the event loop, the plain socket has read on without a signal: this
+    // is called from inside that signal.
+    if (state == Open && plainSocket && plainSocket->bytesAvailable() > 0)
+        Q_EMIT plainSocket->readyRead();
 }
 
 // Qt would hand the answer to the kernel in a later pass of the event loop. If this thread is held
@@ -197,9 +202,10 @@ void TlsHandshake::report(QAbstractSocket::SocketError error, const QString &tex
 
 void TlsHandshake::timedOut()
 {
-    // If this thread was held up, the answer of the peer, or its end, may have come in time.
-    if (!prolonged && hasUnread(socket->socketDescriptor())) {
-        prolonged = true;
+    // While a receiver runs, the peer cannot go on. If this thread was held up, the answer of the
+    // peer, or its end, may have come in time.
+    if (telling || (!prolonged && hasUnread(socket->socketDescriptor()))) {
+        prolonged = prolonged || !telling;
         timer.start();
         return;
     }

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "tcpinput/accept/tlshandshake.h"
+#include "tcpinput/accept/unread.h"
 #include "tcpinput/tcpinputplugin2.h"
 #include "tests/kit/hangguard.h"
 #include "tests/kit/messagecapture.h"
@@ -11,7 +12,9 @@
 #include "tests/kit/tlsdevice.h"
 
 #include <QtCore/QAbstractEventDispatcher>
+#include <QtCore/QElapsedTimer>
 #include <QtCore/QJsonObject>
+#include <QtCore/QSemaphore>
 #include <QtNetwork/QSslPreSharedKeyAuthenticator>
 #include <QtTest/QtTest>
 
@@ -62,6 +65,8 @@ private Q_SLOTS:
     void droppedHandshakeTellsNothing();
     void keyIsAskedFor_data();
     void keyIsAskedFor();
+    void deviceAnswersDuringAReceiver();
+    void receiverTakesLonger();
 
 private:
     enum class Told {
@@ -83,6 +88,7 @@ private:
     {
         return plugin ? plugin->findChildren<TlsHandshake *>().size() : 0;
     }
+    void awaitAnswerDuringAReceiver(int leastMs);
     void onFirst(Told told, const std::function<void(QSslSocket *)> &action);
     void prepare(Told told);
     bool bringAbout(Told told);
@@ -369,6 +375,53 @@ void tst_TlsHandshake::keyIsAskedFor()
     QCOMPARE(identity, "device");
     QVERIFY(device->usesSharedKey());
     QTRY_VERIFY_WITH_TIMEOUT(records.contains("hello"), HangGuardMs);
+}
+
+// leastMs: how long the receiver runs at least.
+void tst_TlsHandshake::awaitAnswerDuringAReceiver(int leastMs)
+{
+    QSemaphore answered;
+    bool meanwhile = false;
+    const auto context = std::make_unique<QObject>();
+    connect(&server(), &QSslServer::startedEncryptionHandshake, context.get(),
+            [&](QSslSocket *socket) {
+                QElapsedTimer clock;
+                clock.start();
+                // The kernel has nothing any more: the answer is in the socket.
+                meanwhile = QTest::qWaitFor(
+                        [&] {
+                            return answered.available() > 0
+                                    && !hasUnread(socket->socketDescriptor())
+                                    && clock.elapsed() >= leastMs;
+                        },
+                        HangGuardMs);
+            });
+    TlsDevice answering(TLS1_3_VERSION);
+    QVERIFY(play([&] {
+        if (!answering.connect(testAddress(), port) || !answering.handshakeUntilAnswer())
+            return;
+        answering.write("hello");
+        if (answering.flush())
+            answered.release();
+    }));
+    QTRY_VERIFY_WITH_TIMEOUT(records.contains("hello"), HangGuardMs);
+    QVERIFY(meanwhile);
+}
+
+// No more bytes come that would have the server look at the answer.
+void tst_TlsHandshake::deviceAnswersDuringAReceiver()
+{
+    start();
+    awaitAnswerDuringAReceiver(0);
+}
+
+// The time-out is for the peer.
+void tst_TlsHandshake::receiverTakesLonger()
+{
+    constexpr int TimeoutMs = 1000; // more than the device takes, on a busy machine too
+    start();
+    server().setHandshakeTimeout(TimeoutMs);
+    awaitAnswerDuringAReceiver(5 * TimeoutMs / 2);
 }
 
 QTEST_GUILESS_MAIN(tst_TlsHandshake)

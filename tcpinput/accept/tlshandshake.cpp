@@ -41,6 +41,8 @@ TlsHandshake::~TlsHandshake()
 {
     if (state == Open)
         ignoreSocket();
+    if (plainSocket)
+        plainSocket->disconnect(this); // it lives for a moment longer than this class's part
 }
 
 bool TlsHandshake::waitsForUs() const
@@ -163,7 +165,7 @@ void TlsHandshake::checkHello()
 // up until then, the peer waits for it, and its time runs out.
 void TlsHandshake::sendAnswer()
 {
-    if (state == Open && plainSocket)
+    if ((state == Open || state == Encrypted) && plainSocket)
         plainSocket->flush();
 }
 
@@ -227,6 +229,8 @@ void TlsHandshake::handOver()
 {
     if (state != Encrypted)
         return; // dropped meanwhile
+    if (plainSocket)
+        plainSocket->disconnect(this); // another thread will use it
     TlsSocket *finishedSocket = socket.release();
     end();
     Q_EMIT finished(finishedSocket);
@@ -238,7 +242,5 @@ void TlsHandshake::ignoreSocket()
         return;
     timer.stop();
     socket->disconnect(this);
-    if (plainSocket)
-        plainSocket->disconnect(this);
     Q_EMIT settled();
 }

@@ -67,6 +67,7 @@ private Q_SLOTS:
     void keyIsAskedFor();
     void deviceAnswersDuringAReceiver();
     void receiverTakesLonger();
+    void lastAnswerIsSentAtOnce();
 
 private:
     enum class Told {
@@ -422,6 +423,31 @@ void tst_TlsHandshake::receiverTakesLonger()
     start();
     server().setHandshakeTimeout(TimeoutMs);
     awaitAnswerDuringAReceiver(5 * TimeoutMs / 2);
+}
+
+// The host holds its thread up right after the handshake, before a worker has the socket. With
+// TLS 1.2 the device waits for the server.
+void tst_TlsHandshake::lastAnswerIsSentAtOnce()
+{
+    start();
+    QSemaphore completed;
+    bool meanwhile = false;
+    connect(&server(), &QSslServer::startedEncryptionHandshake, this, [&] {
+        const auto *handshake = server().findChild<TlsHandshake *>();
+        QVERIFY(handshake);
+        connect(
+                handshake, &TlsHandshake::cameOut, this,
+                [&] { meanwhile = completed.tryAcquire(1, HangGuardMs); }, Qt::QueuedConnection);
+    });
+    TlsDevice waiting(TLS1_2_VERSION);
+    QVERIFY(play([&] {
+        if (waiting.connect(testAddress(), port) && waiting.handshake())
+            completed.release();
+        waiting.write("completed");
+        waiting.flush();
+    }));
+    QTRY_VERIFY_WITH_TIMEOUT(records.contains("completed"), HangGuardMs);
+    QVERIFY(meanwhile);
 }
 
 QTEST_GUILESS_MAIN(tst_TlsHandshake)

@@ -24,6 +24,8 @@ namespace {
 // for as long as connections wait: peers that connect again at once would have this thread do
 // nothing else.
 constexpr int MostInExcess = 64;
+// There can be more all the same, if many PROXY headers are complete at once.
+constexpr qsizetype MostClosedInOneGo = 64;
 
 // Qt keeps a socket connected if its peer ends TLS with close_notify but keeps TCP open, or sends
 // what is no TLS any more. Nothing can come then, but the connection would stay until the idle
@@ -179,8 +181,9 @@ void SslServer::makeRoom()
     // One that waits for this thread is not to blame. Its end may not have been seen yet.
     const auto isSpared = [](const QtHandshake &each) { return each.handshake->waitsForUs(); };
     const QPointer<SslServer> self(this); // receivers of a socket's own signals may delete it
+    const qsizetype excess = qtHandshakes.excess(mostOpen, isSpared);
     QStringList closed;
-    for (qsizetype left = qtHandshakes.excess(mostOpen, isSpared); left > 0; --left) {
+    for (qsizetype left = std::min(excess, MostClosedInOneGo); left > 0; --left) {
         const std::optional<QtHandshake> next = qtHandshakes.goesFirst();
         if (!next)
             break;
@@ -191,7 +194,7 @@ void SslServer::makeRoom()
             return;
     }
     if (qtHandshakes.size() > mostOpen)
-        roomTimer.start(MakeRoomIntervalMs);
+        roomTimer.start(excess > MostClosedInOneGo ? 0 : MakeRoomIntervalMs);
     for (const QString &peer : std::as_const(closed)) {
         if (self)
             crowds.add(peer);

@@ -11,6 +11,9 @@
 #include <QtTest/QSignalSpy>
 #include <QtTest/QtTest>
 
+#include <algorithm>
+#include <functional>
+#include <utility>
 #include <vector>
 
 using namespace tlsfaultstest;
@@ -28,6 +31,30 @@ QHostAddress otherAddress()
 {
     return QHostAddress(testAddress().toIPv4Address() + (64U << 16U));
 }
+
+// The largest number that one call of a timer has added to what count tells.
+class LargestStep : public QObject
+{
+public:
+    explicit LargestStep(std::function<quint64()> counted) : count(std::move(counted))
+    {
+        QCoreApplication::instance()->installEventFilter(this);
+    }
+    bool eventFilter(QObject *, QEvent *event) override
+    {
+        if (event->type() == QEvent::Timer) {
+            const quint64 before = std::exchange(latest, count());
+            largest = std::max(largest, latest - before);
+        }
+        return false;
+    }
+
+    quint64 largest = 0;
+
+private:
+    const std::function<quint64()> count;
+    quint64 latest = 0;
+};
 
 bool isOpen(const NativeSocket &peer)
 {
@@ -57,6 +84,7 @@ private Q_SLOTS:
     void endedOnesDoNotCount();
     void silentOnesAmongEndedOnes();
     void acceptingStopsWhileAllAreSpared();
+    void fewAreClosedInOneGo();
     void receiverIsNotDisturbed();
     void endsInsideTheNotice_data();
     void endsInsideTheNotice();
@@ -305,6 +333,26 @@ void tst_CrowdedHandshakes::acceptingStopsWhileAllAreSpared()
     QVERIFY2(mostOpen > Most && mostOpen < Many, qPrintable(QString::number(mostOpen)));
     QTRY_COMPARE(handshakes(), Most);
     QVERIFY(serve(TLS1_3_VERSION, "good"));
+}
+
+// Many PROXY headers can be complete at once. The other work of the thread must not wait until all
+// are closed that are too many.
+void tst_CrowdedHandshakes::fewAreClosedInOneGo()
+{
+    if (isOwn())
+        return; // closing them costs its threads little
+    constexpr quint64 MostInOneGo = 64;
+    server().setMostOpen(Many);
+    for (int n = 0; n < Many; ++n)
+        silent.push_back(connectFrom(testAddress()));
+    QTRY_COMPARE_WITH_TIMEOUT(handshakes(), Many, HangGuardMs);
+    const LargestStep closed([this] { return server().crowds.total(); });
+    server().setMostOpen(Most);
+    silent.push_back(connectFrom(testAddress()));
+    QTRY_COMPARE_WITH_TIMEOUT(server().crowds.total(), Many + 1 - Most, HangGuardMs);
+    QCOMPARE(closed.largest, MostInOneGo);
+    QTRY_COMPARE(handshakes(), Most);
+    QCOMPARE(openOnes().last(Most), QList<bool>(Most, true));
 }
 
 // The handshake of that receiver waits for it, not for the device.

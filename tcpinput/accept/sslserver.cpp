@@ -73,9 +73,16 @@ SslServer::~SslServer()
 void SslServer::close()
 {
     QSslServer::close();
-    const auto handshakes = findChildren<TlsHandshake *>(QString(), Qt::FindDirectChildrenOnly);
-    for (TlsHandshake *handshake : handshakes)
-        handshake->drop();
+    const QPointer<SslServer> self(this); // receivers may delete it: of a socket, of the notice
+    QList<QPointer<TlsHandshake>> handshakes;
+    for (TlsHandshake *each : findChildren<TlsHandshake *>(QString(), Qt::FindDirectChildrenOnly))
+        handshakes.append(each);
+    for (const QPointer<TlsHandshake> &handshake : std::as_const(handshakes)) {
+        if (handshake)
+            handshake->drop();
+    }
+    if (!self)
+        return;
 
     threads.drop();
 
@@ -83,7 +90,6 @@ void SslServer::close()
         if (connection.socket)
             connection.socket->moveToThread(QThread::currentThread()); // which then deletes it
     }
-    const QPointer<SslServer> self(this); // the receiver of the notice may delete it
     crowds.finish();
     if (self)
         proxies.close(); // its lines may run an event loop

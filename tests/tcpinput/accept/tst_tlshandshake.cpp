@@ -20,6 +20,7 @@
 
 #include <functional>
 #include <memory>
+#include <vector>
 
 namespace {
 
@@ -68,6 +69,7 @@ private Q_SLOTS:
     void deviceAnswersDuringAReceiver();
     void receiverTakesLonger();
     void lastAnswerIsSentAtOnce();
+    void handshakeEndsWhileTheServerCloses();
 
 private:
     enum class Told {
@@ -448,6 +450,34 @@ void tst_TlsHandshake::lastAnswerIsSentAtOnce()
     }));
     QTRY_VERIFY_WITH_TIMEOUT(records.contains("completed"), HangGuardMs);
     QVERIFY(meanwhile);
+}
+
+// The first one's socket runs the event loop when it is closed, and the second one is deleted
+// there.
+void tst_TlsHandshake::handshakeEndsWhileTheServerCloses()
+{
+    start();
+    std::vector<NativeSocket> peers;
+    const auto context = std::make_unique<QObject>();
+    int started = 0;
+    bool ended = false;
+    connect(&server(), &QSslServer::startedEncryptionHandshake, context.get(),
+            [&](QSslSocket *socket) {
+                if (++started > 1)
+                    return;
+                connect(socket, &QAbstractSocket::disconnected, context.get(), [&] {
+                    peers.back().close();
+                    ended = QTest::qWaitFor([&] { return handshakes() == 1; }, HangGuardMs);
+                });
+            });
+    for (int count = 1; count <= 2; ++count) {
+        peers.push_back(NativeSocket::connectedTo(testAddress(), port));
+        QVERIFY(peers.back().send(BrokenHello.first(6)));
+        QTRY_COMPARE_WITH_TIMEOUT(started, count, HangGuardMs);
+    }
+    server().close();
+    QVERIFY(ended);
+    QTRY_COMPARE(handshakes(), 0);
 }
 
 QTEST_GUILESS_MAIN(tst_TlsHandshake)

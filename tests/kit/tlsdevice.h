@@ -125,7 +125,7 @@ public:
     {
         char *bytes = nullptr;
         const long count = BIO_get_mem_data(SSL_get_wbio(ssl.get()), &bytes);
-        const QByteArray result(bytes, count > 0 ? count : 0);
+        QByteArray result(bytes, count > 0 ? count : 0);
         (void)BIO_reset(SSL_get_wbio(ssl.get()));
         return result;
     }

@@ -62,7 +62,7 @@ public:
     {
         char *bytes = nullptr;
         const long count = BIO_get_mem_data(SSL_get_wbio(ssl.get()), &bytes);
-        const QByteArray result(bytes, count);
+        QByteArray result(bytes, count);
         (void)BIO_reset(SSL_get_wbio(ssl.get()));
         return result;
     }

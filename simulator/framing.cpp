@@ -3,6 +3,8 @@
 
 #include "simulator/framing.h"
 
+#include "programs/hexbyte.h"
+
 #include <QtCore/QStringList>
 
 #include <limits>
@@ -13,16 +15,9 @@ namespace {
 constexpr int LargestFixed = 64 * 1024 * 1024;
 constexpr int BitsOfAByte = 8;
 
-std::optional<char> hexByte(const QString &text)
-{
-    bool ok = false;
-    const uint value = text.toUInt(&ok, 16);
-    if (!ok || text.size() > 2 || text.startsWith(QLatin1Char('+')))
-        return std::nullopt;
-    return static_cast<char>(value);
-}
-
 } // namespace
+
+using programs::hexByte;
 
 std::optional<Framing> Framing::read(const QString &text)
 {

@@ -3,6 +3,8 @@
 
 #include "hostcheck/parser/framing.h"
 
+#include "programs/hexbyte.h"
+
 #include <QtCore/QStringList>
 
 #include <algorithm>
@@ -12,16 +14,9 @@ namespace {
 
 constexpr int LargestFixed = 1 << 20;
 
-std::optional<char> hexByte(const QString &text)
-{
-    bool ok = false;
-    const uint value = text.toUInt(&ok, 16);
-    if (!ok || value > 0xff)
-        return std::nullopt;
-    return static_cast<char>(value);
-}
-
 } // namespace
+
+using programs::hexByte;
 
 std::optional<Framing> Framing::read(const QString &text)
 {

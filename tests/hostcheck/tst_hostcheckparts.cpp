@@ -102,7 +102,7 @@ void tst_HostcheckParts::framingIsRefused_data()
     for (const char *text :
          {"", "line", "lines 2", "length", "length 3 big", "length 2", "length 2 odd",
           "length 2 big some", "length 2 big all more", "fixed", "fixed 0", "fixed x",
-          "marks 02 03", "marks 02 02 10", "marks 02 03 zz", "marks 102 03 10"})
+          "marks 02 03", "marks 02 02 10", "marks 02 03 zz", "marks 102 03 10", "marks +2 03 10"})
         QTest::newRow(text) << QString::fromLatin1(text);
 }
 

@@ -86,7 +86,7 @@ void tst_DeviceSimManual::scripts()
     QByteArray text = texts.first().toUtf8();
     QBuffer buffer(&text);
     QVERIFY(buffer.open(QIODevice::ReadOnly));
-    ScriptReader reader;
+    ScriptReader reader{Framing()};
     QVERIFY2(reader.read(buffer, QStringLiteral("the manual")), qPrintable(reader.errorString()));
 }
 

@@ -230,7 +230,8 @@ void TlsHandshake::handOver()
     if (state != Encrypted)
         return; // dropped meanwhile
     if (plainSocket)
-        plainSocket->disconnect(this); // another thread will use it
+        plainSocket->disconnect(this); // another thread will use it, and delete it
+    plainSocket.clear();
     TlsSocket *finishedSocket = socket.release();
     end();
     Q_EMIT finished(finishedSocket);

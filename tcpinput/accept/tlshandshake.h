@@ -80,7 +80,9 @@ private:
 
     const QPointer<QSslServer> server;
     std::unique_ptr<TlsSocket> socket;
-    const QPointer<QTcpSocket> plainSocket; // the socket's own, which sends and receives for it
+    // The socket's own, which sends and receives for it. Null once that is handed over: a worker may
+    // be deleting it then.
+    QPointer<QTcpSocket> plainSocket;
     QTimer timer;
     std::optional<QSslError> interruption; // why Qt has interrupted the handshake
     bool telling = false; // a receiver runs, perhaps with an event loop: do not delete

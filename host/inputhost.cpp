@@ -14,8 +14,6 @@
 
 #include <chrono>
 
-#include <unistd.h>
-
 namespace host {
 namespace {
 
@@ -67,15 +65,17 @@ QJsonObject sslOf(const QJsonObject &configuration)
 InputHost::InputHost(const Options &commandLine)
     : options(commandLine),
       configurationReader(commandLine),
-      output(commandLine.output, commandLine.format.framing, STDOUT_FILENO),
-      reader(commandLine.format, output, counters),
+      sink(makeSink(commandLine.output, commandLine.format.framing, newEpoch())),
+      reader(commandLine.format, *sink, counters),
       runner(pluginSettings(commandLine), reader)
 {
     reader.setMessageLimit(options.exitAfter);
     reader.setMaxUnfinished(options.maxUnfinished);
     connect(&reader, &MessageReader::answered, &runner, &PluginRunner::answer);
     connect(&reader, &MessageReader::finished, this, [] { QCoreApplication::quit(); });
-    connect(&output, &Output::failed, this, &InputHost::handleOutputFailure);
+    connect(&reader, &MessageReader::crowded, this,
+            [this](bool isCrowded) { runner.setAccepting(!isCrowded); });
+    connect(sink.get(), &Sink::failed, this, &InputHost::handleOutputFailure);
     connect(&statusTimer, &QTimer::timeout, this, &InputHost::reportStatus);
 }
 
@@ -87,6 +87,8 @@ int InputHost::run()
         return fail(ExitNoLibrary, runner.errorString());
     if (!readConfiguration())
         return ExitBadConfiguration;
+    if (!sink->open())
+        return fail(ExitOutputFailed, sink->errorString());
     if (!startRecording())
         return ExitRecordingFailed;
 
@@ -217,8 +219,7 @@ void InputHost::reportStatus()
 
 void InputHost::handleOutputFailure(const QString &reason)
 {
-    outcome = fail(ExitOutputFailed,
-                   QStringLiteral("Cannot write to standard output: %1").arg(reason));
+    outcome = fail(ExitOutputFailed, reason);
     QCoreApplication::quit();
 }
 
@@ -226,6 +227,7 @@ void InputHost::connectSignals(SignalNotifier &unixSignals)
 {
     connect(&unixSignals, &SignalNotifier::stopRequested, this, [] { QCoreApplication::quit(); });
     connect(&unixSignals, &SignalNotifier::statusRequested, this, &InputHost::reportStatus);
+    connect(&unixSignals, &SignalNotifier::reopenRequested, sink.get(), &Sink::reopen);
     connect(&unixSignals, &SignalNotifier::reloadRequested, this, [this, &unixSignals] {
         // Stopping may process events; one reload at a time.
         unixSignals.setEnabled(false);
@@ -234,15 +236,24 @@ void InputHost::connectSignals(SignalNotifier &unixSignals)
     });
 }
 
+void InputHost::save()
+{
+    const qint64 unsafe = sink->finish(std::chrono::seconds(options.saveWithinSeconds));
+    if (unsafe > 0)
+        outcome = fail(ExitOutputFailed,
+                       QStringLiteral("%1 messages are not safe after %2 s")
+                               .arg(unsafe)
+                               .arg(options.saveWithinSeconds));
+}
+
 void InputHost::finish()
 {
     statusTimer.stop();
     runner.stop();
     if (recorder)
         recorder->finish();
-    output.flush();
-    output.writeCount(counters.line());
-    output.flush();
+    save();
+    sink->summarize(counters.line());
     report(counters.longLine() + QLatin1Char('\n'));
 }
 

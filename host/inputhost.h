@@ -8,7 +8,7 @@
 #include "host/exitcodes.h"
 #include "host/messagereader.h"
 #include "host/options.h"
-#include "host/output.h"
+#include "host/sinks/sink.h"
 #include "host/trafficrecorder.h"
 #include "plugin/kit/pluginrunner.h"
 
@@ -22,8 +22,8 @@ namespace host {
 class SignalNotifier;
 
 /*!
-    The program: has the kit run the plugin, prints what devices send, and does what signals ask
-   for.
+    The program: has the kit run the plugin, gives what devices send to a sink, and does what
+    signals ask for.
 
     Thread: the main thread; the plugin lives there, too.
 */
@@ -55,6 +55,7 @@ private:
     void replacePlugin();
     void reportStatus();
     void handleOutputFailure(const QString &reason);
+    void save();
 
     void connectSignals(SignalNotifier &unixSignals);
     void finish();
@@ -62,7 +63,7 @@ private:
     const Options &options;
     ConfigurationReader configurationReader;
     Counters counters;
-    Output output;
+    const std::unique_ptr<Sink> sink;
     std::unique_ptr<TrafficRecorder> recorder; // null: nothing is recorded
     MessageReader reader;
     inputkit::PluginRunner runner;

@@ -8,6 +8,7 @@
 #include "plugin/subids.h"
 
 #include <chrono>
+#include <utility>
 
 namespace host {
 namespace {
@@ -20,6 +21,10 @@ constexpr std::chrono::nanoseconds MostLastOfferDelay = 2s;
 
 constexpr qint64 DefaultIdleTimeoutSeconds = 60;
 constexpr std::chrono::milliseconds ForgetInterval = 1s;
+
+// A connection that has ended while the sink was full is kept until it can be read, at some
+// kilobytes each. More would come as long as new ones are accepted.
+constexpr qsizetype MostEndsWaiting = 10000;
 
 // Our own dispatcher counts its turns, and does not tell of them.
 inputkit::Pace withTurnCount(inputkit::Pace pace)
@@ -34,15 +39,23 @@ inputkit::Pace withTurnCount(inputkit::Pace pace)
 
 } // namespace
 
-MessageReader::MessageReader(const FrameFormat &frameFormat, Output &messageOutput, Counters &total,
+MessageReader::MessageReader(const FrameFormat &frameFormat, Sink &messageSink, Counters &total,
                              const ExactOffers::Limits &memory, const inputkit::Pace &pace)
-    : writer(frameFormat, messageOutput, total),
+    : sink(messageSink),
+      writer(frameFormat, messageSink, total),
       counters(total),
       answer([this](int bytes, const auto &subId) { Q_EMIT answered(bytes, subId); }),
-      exact(writer, answer, memory, withTurnCount(pace)),
+      acknowledgements(answer),
+      exact(
+              writer, [this](int bytes, const auto &subId) { answerExact(bytes, subId); }, memory,
+              withTurnCount(pace)),
       plain(writer, total, answer)
 {
     connect(&writer, &MessageWriter::finished, this, &MessageReader::finished);
+    connect(&sink, &Sink::fullChanged, this, &MessageReader::pause);
+    connect(&sink, &Sink::safe, this, [this](quint64 connection, quint64 end) {
+        acknowledgements.acknowledge(connection, end);
+    });
     connect(&forgetTimer, &QTimer::timeout, this, &MessageReader::forgetSilent);
     setIdleTimeout(DefaultIdleTimeoutSeconds);
     forgetTimer.start(ForgetInterval);
@@ -65,6 +78,9 @@ void MessageReader::setEndsTold(bool enable)
 void MessageReader::begin(const QJsonObject &configuration)
 {
     setEndsTold(inputkit::tellsEnds(configuration));
+    // Without "ends", what is held for a connection would stay for ever.
+    holding = sink.acknowledges() && inputkit::tellsEnds(configuration);
+    writer.setAcknowledgements(holding ? &acknowledgements : nullptr);
 }
 
 void MessageReader::setAnswering(bool enable)
@@ -76,7 +92,10 @@ void MessageReader::setAnswering(bool enable)
 void MessageReader::forgetAll()
 {
     exact.forgetAll();
+    for (const shared_parsedData &record : std::exchange(late, {}))
+        plain.receive(*record);
     plain.forgetAll();
+    acknowledgements.clear();
     writer.tellMissedWarnings(true);
 }
 
@@ -87,9 +106,47 @@ void MessageReader::receive(const shared_parsedData &record)
     const QMap<QString, QString> subIds = record->getPluginSubId();
     const ExactOffers::Place place{subids::Values(subIds)};
     if (place.connection == 0)
-        return plain.receive(*record);
+        receivePlain(record);
+    else
+        receiveExact(place, record);
+}
+
+void MessageReader::receivePlain(const shared_parsedData &record)
+{
+    if (sink.isFull())
+        late.push_back(record);
+    else
+        plain.receive(*record);
+}
+
+void MessageReader::receiveExact(const ExactOffers::Place &place, const shared_parsedData &record)
+{
     counters.offers += place.isEnd ? 0 : 1;
     exact.receive(place, record);
+    if (place.isEnd && sink.isFull() && ++endsWaiting == MostEndsWaiting)
+        Q_EMIT crowded(true);
+}
+
+void MessageReader::answerExact(int bytes, const QMap<QString, QString> &subId)
+{
+    if (holding)
+        acknowledgements.answered(bytes, subId);
+    else
+        answer(bytes, subId);
+}
+
+void MessageReader::pause(bool isFull)
+{
+    exact.setAllPaused(isFull);
+    if (isFull)
+        return;
+    if (std::exchange(endsWaiting, 0) >= MostEndsWaiting)
+        Q_EMIT crowded(false);
+    while (!late.empty() && !sink.isFull()) {
+        const shared_parsedData record = std::move(late.front());
+        late.pop_front();
+        plain.receive(*record);
+    }
 }
 
 void MessageReader::forgetSilent()

@@ -5,12 +5,15 @@
 
 #include "host/messagewriter.h"
 #include "host/plainreader.h"
+#include "plugin/kit/acknowledgements.h"
 #include "plugin/kit/offerreader.h"
 #include "plugin/kit/recordreader.h"
 
 #include <QtCore/QMap>
 #include <QtCore/QObject>
 #include <QtCore/QTimer>
+
+#include <deque>
 
 namespace host {
 
@@ -26,7 +29,13 @@ namespace host {
     longest time. In each case its unfinished message is printed as partial.
 
     Thread: the plugin's, which needs an event loop; receive() is called directly.
-    Owner:  the caller, also of the output and the counters.
+    While the sink is full, nothing is read: offers wait here, the latest of each connection. The
+    plugin's "limits" count them, and so devices have to wait.
+
+    What a sink acknowledges is answered only then, if the plugin has "offsets" and "ends".
+    Otherwise it is answered when it is read.
+
+    Owner:  the caller, also of the sink and the counters.
 */
 class MessageReader : public QObject, public inputkit::RecordReader
 {
@@ -35,7 +44,7 @@ class MessageReader : public QObject, public inputkit::RecordReader
 public:
     // memory: limits for what ExactOffers remembers if ends are not told. Time during which offers
     // had to wait does not count for the age.
-    MessageReader(const FrameFormat &frameFormat, Output &messageOutput, Counters &total,
+    MessageReader(const FrameFormat &frameFormat, Sink &messageSink, Counters &total,
                   const ExactOffers::Limits &memory = {}, const inputkit::Pace &pace = {});
 
     // The plugin's idle time-out. Default: 60 s.
@@ -48,7 +57,7 @@ public:
     // Who sees what is read of the connections that are read exactly; outlives the reader. Default:
     // nobody.
     void setObserver(inputkit::TrafficObserver *observer) { writer.setObserver(observer); }
-    // Stops after that many messages: nothing more is read or printed. 0 (default): never.
+    // Stops after that many messages: nothing more is read. 0 (default): never.
     void setMessageLimit(qint64 messages) { writer.setLimit(messages); }
 
     // Has "ends" or not, as the configuration says.
@@ -69,15 +78,26 @@ Q_SIGNALS:
     void answered(int bytes, const QMap<QString, QString> &subId);
     // The message limit is reached.
     void finished();
+    // True: so many connections have ended and wait to be read that no more should be accepted.
+    void crowded(bool isCrowded);
 
 private:
+    void receivePlain(const shared_parsedData &record);
+    void receiveExact(const ExactOffers::Place &place, const shared_parsedData &record);
+    void answerExact(int bytes, const QMap<QString, QString> &subId);
+    void pause(bool isFull);
     void forgetSilent();
 
+    Sink &sink;
     MessageWriter writer;
     Counters &counters;
     const inputkit::Answer answer;
+    inputkit::Acknowledgements acknowledgements;
+    bool holding = false; // answers, until the sink acknowledges the messages
     inputkit::OfferReader exact;
     PlainReader plain;
+    std::deque<shared_parsedData> late; // for plain, while the sink is full
+    qsizetype endsWaiting = 0; // that came while the sink was full
     QTimer forgetTimer;
 };
 

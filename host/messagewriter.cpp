@@ -13,10 +13,20 @@ using inputkit::Allowance;
 using inputkit::Frame;
 using inputkit::FrameState;
 
-MessageWriter::MessageWriter(const FrameFormat &frameFormat, Output &messageOutput, Counters &total)
+namespace {
+
+quint64 connectionOf(const ParsedData &record)
+{
+    const QMap<QString, QString> subIds = record.getPluginSubId();
+    return ExactOffers::Place{subids::Values(subIds)}.connection;
+}
+
+} // namespace
+
+MessageWriter::MessageWriter(const FrameFormat &frameFormat, Sink &messageSink, Counters &total)
     : maxMessage(frameFormat.maxMessage),
       framing(framingOf(frameFormat)),
-      output(messageOutput),
+      sink(messageSink),
       counters(total)
 {}
 
@@ -25,11 +35,11 @@ Origin MessageWriter::originOf(const ParsedData &record, quint64 connection) con
     Origin origin;
     origin.connection = connection;
     origin.source = record.getSource(); // warnings name it
-    if (observer || output.showsOrigins()) {
+    if (observer || sink.showsOrigins()) {
         origin.peer = record.getPeerAddress();
         origin.port = record.getPeerPort();
     }
-    if (!output.showsOrigins())
+    if (!sink.showsOrigins())
         return origin;
 
     origin.time = record.getTime();
@@ -42,25 +52,29 @@ Origin MessageWriter::originOf(const ParsedData &record, quint64 connection) con
 void MessageWriter::began(const ParsedData &record)
 {
     counters.addConnection(record.getPluginSubIdKey(subids::client()));
+    const quint64 connection = connectionOf(record);
+    if (connection != 0 && sink.showsOrigins())
+        sink.began(originOf(record, connection));
 }
 
 qsizetype MessageWriter::write(QByteArrayView bytes, quint64 position, const Origin &origin,
                                FrameState &state, Allowance &allowance)
 {
-    Q_UNUSED(position)
     QByteArray head; // the same for all messages of an offer
     qsizetype taken = 0;
     while (!done && taken < bytes.size() && !allowance.isUsedUp()) {
         const Frame frame = framing->take(bytes.sliced(taken), state);
         if (frame.kind == Frame::Incomplete)
             break;
+        const quint64 begin = position + static_cast<quint64>(taken);
         taken += frame.size;
         allowance.messages -= 1;
         allowance.bytes -= frame.size;
         if (frame.kind == Frame::Complete) {
-            if (head.isNull() && output.showsOrigins())
-                head = output.headOf(origin);
-            writeMessage(head, frame.message);
+            if (head.isNull() && sink.showsOrigins())
+                head = sink.headOf(origin);
+            writeMessage(
+                    {origin, head, frame.message, begin, begin + static_cast<quint64>(frame.size)});
         } else if (frame.kind == Frame::TooLong) {
             warnOfTooLong(origin);
         }
@@ -75,10 +89,10 @@ qsizetype MessageWriter::bytesToAppend(QByteArrayView rest, QByteArrayView next)
 
 void MessageWriter::writePartial(QByteArrayView rest, quint64 position, const Origin &origin)
 {
-    Q_UNUSED(position)
     if (rest.isEmpty() || done)
         return;
-    output.write({output.headOf(origin), framing->partial(rest), true});
+    pass({origin, sink.headOf(origin), framing->partial(rest), position,
+          position + static_cast<quint64>(rest.size()), true});
     ++counters.partial;
 }
 
@@ -104,6 +118,9 @@ void MessageWriter::ended(const Origin &origin, const QString &reason, quint64 p
 {
     if (observer)
         observer->ended(origin, reason, position);
+    if (acknowledgements)
+        acknowledgements->forget(origin.connection);
+    sink.ended(origin, reason, position);
 }
 
 void MessageWriter::tellMissedWarnings(bool atOnce)
@@ -123,11 +140,19 @@ void MessageWriter::warnOfTooLong(const Origin &origin)
              maxMessage, origin.source);
 }
 
-void MessageWriter::writeMessage(QByteArrayView head, QByteArrayView bytes)
+// Told before it is passed: a sink may say at once that it is safe.
+void MessageWriter::pass(const Message &message)
 {
-    output.write({head, bytes});
+    if (acknowledgements && message.origin.connection != 0)
+        acknowledgements->handedOut(message.origin.connection, message.end);
+    sink.write(message);
+}
+
+void MessageWriter::writeMessage(const Message &message)
+{
+    pass(message);
     ++counters.messages;
-    counters.bytes += bytes.size();
+    counters.bytes += message.bytes.size();
     if (counters.messages != limit)
         return;
 

@@ -5,8 +5,8 @@
 
 #include "host/counters.h"
 #include "host/framing.h"
-#include "host/message.h"
-#include "host/output.h"
+#include "host/sinks/sink.h"
+#include "plugin/kit/acknowledgements.h"
 #include "plugin/kit/linelimit.h"
 #include "plugin/kit/offerconsumer.h"
 #include "plugin/kit/trafficobserver.h"
@@ -16,25 +16,28 @@
 namespace host {
 
 /*!
-    Cuts a connection's bytes into messages, prints them and counts them.
+    Cuts a connection's bytes into messages, gives them to the sink and counts them.
 
     Thread: any one.
-    Owner:  the caller, also of the output and the counters.
+    Owner:  the caller, also of the sink and the counters.
 */
 class MessageWriter : public QObject, public inputkit::OfferConsumer
 {
     Q_OBJECT
 
 public:
-    MessageWriter(const FrameFormat &frameFormat, Output &messageOutput, Counters &total);
+    MessageWriter(const FrameFormat &frameFormat, Sink &messageSink, Counters &total);
 
     // Who sees what is read, and the ends. Default: nobody.
     void setObserver(inputkit::TrafficObserver *value) { observer = value; }
-    // Stops after that many messages: nothing more is printed. 0 (default): never.
+    // Who is told of what the sink gets, if messages are acknowledged; outlives the writer.
+    // Default: nobody.
+    void setAcknowledgements(inputkit::Acknowledgements *value) { acknowledgements = value; }
+    // Stops after that many messages: nothing more goes to the sink. 0 (default): never.
     void setLimit(qint64 messages) { limit = messages; }
     bool isDone() const override { return done; }
 
-    // Only the parts that the output shows, or that the observer needs, and the source.
+    // Only the parts that the sink shows, or that the observer needs, and the source.
     Origin originOf(const ParsedData &record, quint64 connection) const override;
     void began(const ParsedData &record) override;
     qsizetype write(QByteArrayView bytes, quint64 position, const Origin &origin,
@@ -57,15 +60,17 @@ Q_SIGNALS:
 
 private:
     void warnOfTooLong(const Origin &origin);
-    void writeMessage(QByteArrayView head, QByteArrayView bytes);
+    void pass(const Message &message);
+    void writeMessage(const Message &message);
 
     const qint64 maxMessage;
     const inputkit::SharedFraming framing;
-    Output &output;
+    Sink &sink;
     Counters &counters;
     inputkit::LineLimit tooLongLines;
     inputkit::LineLimit givenUpLines;
     inputkit::TrafficObserver *observer = nullptr;
+    inputkit::Acknowledgements *acknowledgements = nullptr;
     qint64 limit = 0;
     bool done = false;
 };

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <optional>
 
 namespace host {
 namespace {
@@ -20,11 +21,12 @@ using inputkit::EntryPoint;
 constexpr qint64 DefaultMaxUnfinished = 64 * 1024 * 1024;
 
 const char Notes[] = R"(
-Messages go to standard output, everything else to standard error. Writing
-waits for a slow reader of standard output, and the whole reception waits with
-it: give the program a reader that keeps up, or a file.
+Messages go to standard output or to a file, everything else to standard error.
+Where the output is slow, full or away, messages wait, and in the end devices
+do: with "offsets" and "ends", what is not safe yet stays in the plugin, where
+"limits" count it.
 
-Output formats:
+Outputs:
   json   One object a line: time, plugin, source, peer, port, client, task,
          bytes, and text (valid UTF-8) or base64. "partial": true marks the
          beginning of a message whose end never came. It is printed when the
@@ -34,6 +36,9 @@ Output formats:
   count  Nothing but, on exit, "messages N bytes B connections C". Partial
          messages are not counted. C: client ids seen so far.
   none   Nothing.
+  json:FILE, raw:FILE
+         The same in a file, which is continued. While the disk is full, the
+         program waits.
 
 Signals:
   SIGINT, SIGTERM  Stop, print what is still coming, exit. The same signal once
@@ -42,6 +47,7 @@ Signals:
                    this fails, the configuration stays as it was. If only files
                    of certificates and keys have changed, no connection is closed.
   SIGUSR1          Counters and status to standard error.
+  SIGUSR2          Go on with a new file: the output's was renamed.
 
 Exit codes:
   0  stopped by a signal or after the messages asked for
@@ -53,7 +59,7 @@ Exit codes:
   5  the plugin refused to start
   6  the plugin started but does not listen: the port is in use or only for
      root, or the address is not this machine's
-  7  standard output is closed or full
+  7  the output cannot be written, or not all that was read was safe at the end
   8  the file for --record cannot be written
 )";
 
@@ -108,8 +114,13 @@ struct Definitions
             QStringLiteral("BYTES")};
     const QCommandLineOption output{
             QStringLiteral("output"),
-            QStringLiteral("json (default), raw, count or none; see below."),
-            QStringLiteral("FORMAT"), QStringLiteral("json")};
+            QStringLiteral("json (default), json:FILE, raw, raw:FILE, count or none; see below."),
+            QStringLiteral("OUTPUT"), QStringLiteral("json")};
+    const QCommandLineOption saveWithin{
+            QStringLiteral("save-within"),
+            QStringLiteral("How long to wait at the end for messages that are not safe yet: that "
+                           "nobody has read from the pipe, for example. Default: 60."),
+            QStringLiteral("SECONDS"), QStringLiteral("60")};
     const QCommandLineOption logLevel{
             QStringLiteral("log-level"),
             QStringLiteral("The least important log lines to show: debug, info (default) or "
@@ -149,9 +160,10 @@ struct Definitions
 
     void addTo(QCommandLineParser &parser) const
     {
-        parser.addOptions({plugin, entry, config, set, id, framing, maxMessage, maxUnfinished,
-                           output, logLevel, statusEvery, exitAfter, record, recordSize, recordKeep,
-                           recordNoPayload, recordCompress, help, version});
+        parser.addOptions({plugin,     entry,           config,         set,    id,
+                           framing,    maxMessage,      maxUnfinished,  output, saveWithin,
+                           logLevel,   statusEvery,     exitAfter,      record, recordSize,
+                           recordKeep, recordNoPayload, recordCompress, help,   version});
     }
 };
 
@@ -268,6 +280,15 @@ RecordingOptions readRecording(const QCommandLineParser &parser, const Definitio
     return options;
 }
 
+OutputOptions readOutput(const QString &text, ValueReader &reader)
+{
+    const std::optional<OutputOptions> output = parseOutput(text);
+    if (!output)
+        reader.complain(QStringLiteral("Invalid value for --output: '%1'. It takes one of %2.")
+                                .arg(text, knownOutputs().join(QLatin1String(", "))));
+    return output.value_or(OutputOptions());
+}
+
 Options readOptions(const QCommandLineParser &parser, const Definitions &known, ValueReader &reader)
 {
     Options options;
@@ -286,14 +307,11 @@ Options readOptions(const QCommandLineParser &parser, const Definitions &known, 
     options.maxUnfinished = reader.number(known.maxUnfinished, std::numeric_limits<qint64>::max());
     if (options.maxUnfinished == 0)
         options.maxUnfinished = std::max(DefaultMaxUnfinished, options.format.maxMessage);
-    options.output = reader.choice<OutputFormat>(known.output,
-                                                 {{"json", OutputFormat::Json},
-                                                  {"raw", OutputFormat::Raw},
-                                                  {"count", OutputFormat::Count},
-                                                  {"none", OutputFormat::None}});
+    options.output = readOutput(parser.value(known.output), reader);
     options.logLevel = QLatin1String(reader.choice<const char *>(
             known.logLevel, {{"debug", "debug"}, {"info", "info"}, {"warning", "warning"}}));
     constexpr int mostSeconds = std::numeric_limits<int>::max() / 1000;
+    options.saveWithinSeconds = static_cast<int>(reader.number(known.saveWithin, mostSeconds));
     options.statusEverySeconds = static_cast<int>(reader.number(known.statusEvery, mostSeconds));
     options.exitAfter = reader.number(known.exitAfter, std::numeric_limits<qint64>::max());
     options.recording = readRecording(parser, known, reader);

@@ -4,7 +4,7 @@
 #pragma once
 
 #include "host/framing.h"
-#include "host/output.h"
+#include "host/sinks/makesink.h"
 #include "plugin/kit/pluginloader.h"
 #include "recording/writeroptions.h"
 
@@ -34,7 +34,8 @@ struct Options
     QString id;
     FrameFormat format;
     qint64 maxUnfinished = 0; // bytes of unfinished messages, over all connections
-    OutputFormat output = OutputFormat::Json;
+    OutputOptions output;
+    int saveWithinSeconds = 60; // at the end, for messages that are not safe yet
     QString logLevel; // "debug", "info" or "warning"
     int statusEverySeconds = 0; // 0: never
     qint64 exitAfter = 0; // messages; 0: never

@@ -35,7 +35,7 @@ void catchSignal(int number, int flags)
 }
 
 constexpr int StopSignals[] = {SIGINT, SIGTERM};
-constexpr int OtherSignals[] = {SIGHUP, SIGUSR1};
+constexpr int OtherSignals[] = {SIGHUP, SIGUSR1, SIGUSR2};
 
 } // namespace
 
@@ -88,6 +88,8 @@ void SignalNotifier::readSignal()
         Q_EMIT reloadRequested();
     else if (number == SIGUSR1)
         Q_EMIT statusRequested();
+    else if (number == SIGUSR2)
+        Q_EMIT reopenRequested();
     else
         Q_EMIT stopRequested();
 }

@@ -11,7 +11,7 @@
 namespace host {
 
 /*!
-    Brings SIGINT, SIGTERM, SIGHUP and SIGUSR1 into the event loop.
+    Brings SIGINT, SIGTERM, SIGHUP, SIGUSR1 and SIGUSR2 into the event loop.
 
     A signal handler may do very little. So it writes the signal's number to a pipe, and the event
     loop watches the other end. SIGINT and SIGTERM are caught once each: the same signal once more
@@ -35,6 +35,7 @@ Q_SIGNALS:
     void stopRequested();
     void reloadRequested();
     void statusRequested();
+    void reopenRequested();
 
 private:
     void readSignal();

@@ -22,6 +22,8 @@ public:
     // descriptor: stays the caller's, open for as long as the object lives.
     explicit StandardStream(int descriptor);
 
+    int descriptor() const { return fd; }
+
     // Returns how many bytes at the front were written. 0: it takes nothing now. -1: failed, with
     // errno set.
     qsizetype write(QByteArrayView bytes) const;

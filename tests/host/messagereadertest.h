@@ -4,6 +4,9 @@
 #pragma once
 
 #include "host/messagereader.h"
+#include "host/sinks/countingsink.h"
+#include "host/sinks/makesink.h"
+#include "host/sinks/streamsink.h"
 
 #include <QtTest/QtTest>
 
@@ -61,14 +64,14 @@ protected:
     void begin();
     void end();
 
-    void make(const FrameFormat &format, OutputFormat outputFormat = OutputFormat::Raw,
+    void make(const FrameFormat &format, OutputOptions::Kind output = OutputOptions::Raw,
               const Pace &pace = unhurried());
     QByteArray written() const; // since the last call
     QList<int> discards() const { return discarded; }
 
     int pipeEnds[2] = {-1, -1};
     std::unique_ptr<Counters> counters;
-    std::unique_ptr<Output> output;
+    std::unique_ptr<Sink> sink;
     std::unique_ptr<MessageReader> reader;
     QList<int> discarded;
 };
@@ -86,22 +89,27 @@ inline void MessageReaderTest::end()
     ::close(pipeEnds[1]);
 }
 
-inline void MessageReaderTest::make(const FrameFormat &format, OutputFormat outputFormat,
+inline void MessageReaderTest::make(const FrameFormat &format, OutputOptions::Kind output,
                                     const Pace &pace)
 {
     reader.reset();
     discarded.clear();
     counters = std::make_unique<Counters>();
-    output = std::make_unique<Output>(outputFormat, format.framing, pipeEnds[1]);
-    reader = std::make_unique<MessageReader>(format, *output, *counters, ExactOffers::Limits(),
-                                             pace);
+    if (output == OutputOptions::None)
+        sink = std::make_unique<CountingSink>(-1);
+    else
+        sink = std::make_unique<StreamSink>(
+                StreamFormat(output == OutputOptions::Json ? StreamFormat::Json : StreamFormat::Raw,
+                             format.framing),
+                pipeEnds[1]);
+    reader = std::make_unique<MessageReader>(format, *sink, *counters, ExactOffers::Limits(), pace);
     connect(reader.get(), &MessageReader::answered, this,
             [this](int bytes, const QMap<QString, QString> &) { discarded += bytes; });
 }
 
 inline QByteArray MessageReaderTest::written() const
 {
-    output->flush();
+    sink->finish(std::chrono::milliseconds(0)); // what the pipe takes
     QByteArray result;
     char buffer[4096];
     for (ssize_t size = 0; (size = ::read(pipeEnds[0], buffer, sizeof buffer)) > 0;)

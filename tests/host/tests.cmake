@@ -3,8 +3,8 @@
 
 # The host's parts, one by one.
 foreach(name IN ITEMS
-        tst_exactreading tst_fairturns tst_framing tst_hostconfiguration tst_hostoptions tst_hostoutput
-        tst_hosttexts tst_logging tst_messagereader tst_offertracker tst_process tst_tlschecks
+        tst_exactreading tst_fairturns tst_framing tst_heldanswers tst_hostconfiguration tst_hostoptions
+        tst_hosttexts tst_logging tst_messagereader tst_offertracker tst_process tst_storesink tst_streamsink tst_tlschecks
         tst_trafficrecorder tst_unfinished)
     plugin_test(${name})
     target_link_libraries(${name} PRIVATE inputhost_parts)
@@ -12,7 +12,7 @@ endforeach()
 
 # The program.
 foreach(name IN ITEMS
-        tst_inputhostmessages tst_inputhostrecording tst_inputhostreload tst_inputhoststalls tst_inputhoststart
+        tst_inputhostmessages tst_inputhostoutput tst_inputhostrecording tst_inputhostreload tst_inputhoststalls tst_inputhoststart
         tst_inputhoststatus tst_inputhoststopping tst_inputhosttls)
     plugin_test(${name} 300)
     target_link_libraries(${name} PRIVATE Qt6::Network)

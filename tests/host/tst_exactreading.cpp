@@ -117,7 +117,7 @@ void tst_ExactReading::consumesWhatIsUnfinished()
 
 void tst_ExactReading::stampedTailIsPartial()
 {
-    make({}, OutputFormat::Json);
+    make({}, OutputOptions::Json);
     reader->receive(stamped(1, 0, "a\nrest"));
     reader->receive(stamped(1, 2, "rest")); // its last offer
     reader->forgetAll();
@@ -186,7 +186,7 @@ void tst_ExactReading::stampedConnectionsShareAnId()
 // Of a large offer, only the few bytes behind its last message stay in memory.
 void tst_ExactReading::keepsNoMoreThanTheTailOfAStampedOffer()
 {
-    make({}, OutputFormat::None); // nobody reads the pipe, so output would fill it
+    make({}, OutputOptions::None); // nobody reads the pipe, so output would fill it
     QByteArray bytes = QByteArray(1 << 20, 'x') + "\nhalf";
     shared_parsedData record = stamped(1, 0, bytes);
     reader->receive(record);
@@ -199,7 +199,7 @@ void tst_ExactReading::keepsNoMoreThanTheTailOfAStampedOffer()
 void tst_ExactReading::heldUpHostForgetsNoStampedConnection()
 {
     constexpr std::chrono::milliseconds age(1);
-    reader = std::make_unique<MessageReader>(FrameFormat(), *output, *counters,
+    reader = std::make_unique<MessageReader>(FrameFormat(), *sink, *counters,
                                              ExactOffers::Limits{age, 10}, unhurried());
     reader->receive(stamped(1, 0, "a\n"));
     QTest::qSleep(2 * static_cast<int>(age.count())); // not for synchronising: this is the delay
@@ -220,7 +220,7 @@ void tst_ExactReading::asksForNothing()
 // Here the plugin does not report the ends of connections.
 void tst_ExactReading::forgetsSilentConnections()
 {
-    make({}, OutputFormat::Json);
+    make({}, OutputOptions::Json);
     reader->setIdleTimeout(1);
     QElapsedTimer since;
     since.start();
@@ -237,7 +237,7 @@ void tst_ExactReading::bytesOfALongTailCostNoMore()
 {
     constexpr int pieces = 2000;
     const auto costBehind = [this](qsizetype tail) {
-        make({}, OutputFormat::None);
+        make({}, OutputOptions::None);
         reader->receive(stamped(1, 0, QByteArray(tail, 'x')));
         const double before = cpuSeconds();
         for (int n = 0; n < pieces; ++n)
@@ -251,7 +251,7 @@ void tst_ExactReading::bytesOfALongTailCostNoMore()
 
 void tst_ExactReading::endGivesUpWhatIsUnfinished()
 {
-    make({}, OutputFormat::Json);
+    make({}, OutputOptions::Json);
     reader->setEndsTold(true);
     reader->receive(stamped(1, 0, "a\nhalf"));
     QCOMPARE(written().count('\n'), 1);
@@ -299,7 +299,7 @@ void tst_ExactReading::remembersTheOpenOnes()
 // Open connections are forgotten neither for their age nor for their number.
 void tst_ExactReading::forgetsNoOpenOneByAge()
 {
-    reader = std::make_unique<MessageReader>(FrameFormat(), *output, *counters,
+    reader = std::make_unique<MessageReader>(FrameFormat(), *sink, *counters,
                                              ExactOffers::Limits{std::chrono::milliseconds(1), 1},
                                              unhurried());
     reader->setEndsTold(true);
@@ -307,7 +307,7 @@ void tst_ExactReading::forgetsNoOpenOneByAge()
     reader->receive(stamped(1, 0, "a\nhalf"));
     reader->receive(stamped(2, 0, "b\n"));
     // This reader expects no ends. When it forgets, the first one would also have forgotten.
-    MessageReader other({}, *output, *counters, ExactOffers::Limits(), unhurried());
+    MessageReader other({}, *sink, *counters, ExactOffers::Limits(), unhurried());
     other.setIdleTimeout(0);
     other.receive(stamped(3, 0, "half"));
     QTRY_COMPARE_WITH_TIMEOUT(other.rememberedConnections(), 0, HangGuardMs);

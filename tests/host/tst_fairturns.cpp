@@ -54,7 +54,7 @@ void tst_FairTurns::makeTwoMessagesAGo(std::chrono::nanoseconds time)
     Pace pace;
     pace.ofOffer.messages = 2;
     pace.ofTurn = time;
-    make({}, OutputFormat::Raw, pace);
+    make({}, OutputOptions::Raw, pace);
     reader->setEndsTold(true);
 }
 
@@ -77,7 +77,7 @@ void tst_FairTurns::largeMessagesTakeTurns()
 {
     Pace pace = unhurried();
     pace.ofOffer.bytes = 100;
-    make({}, OutputFormat::Raw, pace);
+    make({}, OutputOptions::Raw, pace);
     reader->receive(stamped(1, 0, QByteArray(200, 'x') + "\na\n"));
     QCOMPARE(counters->messages, 1);
     QTRY_COMPARE(counters->messages, 2);
@@ -159,7 +159,7 @@ void tst_FairTurns::longOfferIsAnsweredInBetween()
     QFETCH(qsizetype, answers);
     Pace pace;
     pace.ofAnswer = after;
-    make({}, OutputFormat::None, pace);
+    make({}, OutputOptions::None, pace);
     constexpr int length = 1000 * 1000;
     reader->receive(stamped(1, 0, QByteArray(length, '\n')));
     QTRY_COMPARE_WITH_TIMEOUT(counters->messages, length, HangGuardMs);

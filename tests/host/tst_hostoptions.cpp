@@ -55,7 +55,9 @@ void tst_HostOptions::defaults()
     QCOMPARE(options.format.framing, Framing::Lines);
     QCOMPARE(options.format.maxMessage, 1024 * 1024);
     QCOMPARE(options.maxUnfinished, 64 * 1024 * 1024);
-    QCOMPARE(options.output, OutputFormat::Json);
+    QCOMPARE(options.output.kind, OutputOptions::Json);
+    QCOMPARE(options.output.target, QString());
+    QCOMPARE(options.saveWithinSeconds, 60);
     QCOMPARE(options.logLevel, QStringLiteral("info"));
     QCOMPARE(options.statusEverySeconds, 0);
     QCOMPARE(options.exitAfter, 0);
@@ -66,7 +68,8 @@ void tst_HostOptions::all()
 {
     const CommandLine line = parse(words(
             "--plugin lib.so --entry registerPlugin --config - --set a=1 --id x --framing length "
-            "--max-message 7 --max-unfinished 8 --output raw --log-level debug --status-every 3 "
+            "--max-message 7 --max-unfinished 8 --output raw:out/a:b --save-within 5 --log-level "
+            "debug --status-every 3 "
             "--exit-after 9"));
     QCOMPARE(line.outcome, CommandLine::Run);
     const Options &options = line.options;
@@ -78,7 +81,9 @@ void tst_HostOptions::all()
     QCOMPARE(options.format.framing, Framing::Length);
     QCOMPARE(options.format.maxMessage, 7);
     QCOMPARE(options.maxUnfinished, 8);
-    QCOMPARE(options.output, OutputFormat::Raw);
+    QCOMPARE(options.output.kind, OutputOptions::Raw);
+    QCOMPARE(options.output.target, QStringLiteral("out/a:b"));
+    QCOMPARE(options.saveWithinSeconds, 5);
     QCOMPARE(options.logLevel, QStringLiteral("debug"));
     QCOMPARE(options.statusEverySeconds, 3);
     QCOMPARE(options.exitAfter, 9);
@@ -89,9 +94,9 @@ void tst_HostOptions::otherChoices()
     QCOMPARE(parse(words("--entry create")).options.entryPoint, inputkit::EntryPoint::Create);
     QCOMPARE(parse(words("--framing lines")).options.format.framing, Framing::Lines);
     QCOMPARE(parse(words("--framing none")).options.format.framing, Framing::None);
-    QCOMPARE(parse(words("--output json")).options.output, OutputFormat::Json);
-    QCOMPARE(parse(words("--output count")).options.output, OutputFormat::Count);
-    QCOMPARE(parse(words("--output none")).options.output, OutputFormat::None);
+    QCOMPARE(parse(words("--output json")).options.output.kind, OutputOptions::Json);
+    QCOMPARE(parse(words("--output count")).options.output.kind, OutputOptions::Count);
+    QCOMPARE(parse(words("--output none")).options.output.kind, OutputOptions::None);
     QCOMPARE(parse(words("--log-level info")).options.logLevel, QStringLiteral("info"));
     QCOMPARE(parse(words("--log-level warning")).options.logLevel, QStringLiteral("warning"));
     QCOMPARE(parse(words("--id=")).options.id, QString());
@@ -156,7 +161,8 @@ void tst_HostOptions::refused_data()
     QTest::newRow("--set x=\"a") << "--set x: this is not JSON";
     QTest::newRow("--entry other") << "--entry: 'other'. It takes one of create, registerPlugin.";
     QTest::newRow("--framing line") << "--framing: 'line'. It takes one of lines, length, none.";
-    QTest::newRow("--output JSON") << "--output: 'JSON'. It takes one of json, raw, count, none.";
+    QTest::newRow("--output JSON")
+            << "--output: 'JSON'. It takes one of json, json:FILE, raw, raw:FILE, count, none.";
     QTest::newRow("--log-level error")
             << "--log-level: 'error'. It takes one of debug, info, warning.";
     QTest::newRow("--max-message 0")
@@ -177,6 +183,9 @@ void tst_HostOptions::refused_data()
     QTest::newRow("--record-size 9") << "--record-size needs --record.";
     QTest::newRow("--record f --record-size 0") << "--record-size: '0'";
     QTest::newRow("--record f --record-keep 2") << "--record-keep needs --record-size.";
+    QTest::newRow("--output json:") << "--output: 'json:'";
+    QTest::newRow("--output count:file") << "--output: 'count:file'";
+    QTest::newRow("--save-within 0") << "--save-within: '0'";
     QTest::newRow("--exit-after x --output x") << "--output: 'x'"; // the option that is read first
 }
 
@@ -207,10 +216,10 @@ void tst_HostOptions::help()
     for (const char *arguments : {"--help", "-h", "--help --output x"}) {
         const CommandLine line = parse(words(arguments));
         QCOMPARE(line.outcome, CommandLine::Inform);
-        for (const char *named :
-             {"--plugin", "--entry", "--config", "--set", "--id", "--framing", "--max-message",
-              "--max-unfinished", "--output", "--log-level", "--status-every", "--exit-after",
-              "--help", "--version", "Exit codes", "SIGHUP", "slow reader"})
+        for (const char *named : {"--plugin", "--entry", "--config", "--set", "--id", "--framing",
+                                  "--max-message", "--max-unfinished", "--output", "--log-level",
+                                  "--status-every", "--exit-after", "--help", "--version",
+                                  "Exit codes", "SIGHUP", "SIGUSR2", "--save-within", "json:FILE"})
             QVERIFY2(line.text.contains(QLatin1String(named)), named);
     }
 }

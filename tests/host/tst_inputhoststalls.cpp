@@ -4,6 +4,7 @@
 #include "host/exitcodes.h"
 #include "tests/host/inputhosttest.h"
 #include "tests/kit/hangguard.h"
+#include "tests/kit/smallpipe.h"
 
 #include <QtTest/QtTest>
 
@@ -11,8 +12,6 @@
 #include <memory>
 #include <vector>
 
-#include <fcntl.h>
-#include <poll.h>
 #include <unistd.h>
 
 using namespace host;
@@ -20,54 +19,11 @@ using namespace inputhosttest;
 
 namespace {
 
-//! A small pipe in place of one of a program's standard streams. Only read() reads it.
-class Pipe
+// The pipe takes the place of one of the program's standard streams.
+void giveTo(Host &host, const SmallPipe &pipe, int stream)
 {
-public:
-    Pipe()
-    {
-        if (::pipe2(ends, O_CLOEXEC) != 0 || ::fcntl(ends[1], F_SETPIPE_SZ, 4096) < 0)
-            qFatal("no pipe");
-    }
-    ~Pipe()
-    {
-        ::close(ends[0]);
-        closeWriter();
-    }
-    Q_DISABLE_COPY_MOVE(Pipe)
-
-    void giveTo(Host &host, int stream) const
-    {
-        host.process.setChildProcessModifier([this, stream] { ::dup2(ends[1], stream); });
-    }
-    void closeWriter()
-    {
-        if (ends[1] >= 0)
-            ::close(std::exchange(ends[1], -1));
-    }
-    bool isFull() const
-    {
-        pollfd request = {ends[1], POLLOUT, 0};
-        return ::poll(&request, 1, 0) == 0;
-    }
-    // The bytes that are there now. If they are fewer than atLeast, waits for more.
-    QByteArray read(qsizetype atLeast = 0) const
-    {
-        QByteArray result;
-        pollfd request = {ends[0], POLLIN, 0};
-        while (::poll(&request, 1, result.size() < atLeast ? HangGuardMs : 0) == 1) {
-            char buffer[4096];
-            const ssize_t size = ::read(ends[0], buffer, sizeof buffer);
-            if (size <= 0)
-                break;
-            result.append(buffer, size);
-        }
-        return result;
-    }
-
-private:
-    int ends[2] = {-1, -1};
-};
+    host.process.setChildProcessModifier([&pipe, stream] { ::dup2(pipe.writer(), stream); });
+}
 
 } // namespace
 
@@ -85,25 +41,26 @@ private Q_SLOTS:
 
 void tst_InputHostStalls::outputThatIsNotRead()
 {
-    Pipe pipe;
+    SmallPipe pipe;
     Host host;
-    pipe.giveTo(host, STDOUT_FILENO);
+    giveTo(host, pipe, STDOUT_FILENO);
     host.start(words("--output raw --framing none"));
     Device device(host);
     const QByteArray sent(100000, 'x');
     device.send(sent);
-    const QByteArray beginning = "Nobody reads standard output: everything waits for that\n";
+    const QByteArray beginning = "Nobody reads standard output: messages wait for that\n";
     QTRY_VERIFY2_WITH_TIMEOUT(host.log().contains(beginning), host.log().constData(), HangGuardMs);
-    QVERIFY(!host.log().contains("is read again"));
+    QVERIFY(!host.log().contains("Writing to standard output goes on"));
 
     QByteArray received;
     const auto goesOn = [&] {
         received += pipe.read();
-        return received.size() == sent.size() && host.log().contains("is read again, after ");
+        return received.size() == sent.size()
+                && host.log().contains("Writing to standard output goes on, after ");
     };
     QTRY_VERIFY2_WITH_TIMEOUT(goesOn(), host.log().constData(), HangGuardMs);
-    const QRegularExpression pattern(
-            QStringLiteral("warning: [0-9:.]+ Standard output is read again, after (\\d+) ms\n"));
+    const QRegularExpression pattern(QStringLiteral(
+            "warning: [0-9:.]+ Writing to standard output goes on, after (\\d+) ms\n"));
     const auto match = pattern.match(QString::fromLocal8Bit(host.log()));
     QVERIFY2(match.captured(1).toInt() >= 1000, host.log().constData());
     QCOMPARE(host.log().count(beginning), 1);
@@ -115,9 +72,9 @@ void tst_InputHostStalls::outputThatIsNotRead()
 void tst_InputHostStalls::logThatIsNotRead()
 {
     constexpr int devices = 300; // each causes about 1000 bytes of lines
-    Pipe pipe;
+    SmallPipe pipe;
     Host host;
-    pipe.giveTo(host, STDERR_FILENO);
+    giveTo(host, pipe, STDERR_FILENO);
     host.run(host.listenArguments() + words("--log-level debug"));
     QTRY_VERIFY_WITH_TIMEOUT(canConnect(host.port), HangGuardMs);
     QTRY_VERIFY_WITH_TIMEOUT(pipe.isFull(), HangGuardMs);
@@ -143,9 +100,9 @@ void tst_InputHostStalls::logThatIsNotRead()
 
 void tst_InputHostStalls::endOfALogThatIsNotRead()
 {
-    Pipe pipe;
+    SmallPipe pipe;
     Host host;
-    pipe.giveTo(host, STDERR_FILENO);
+    giveTo(host, pipe, STDERR_FILENO);
     host.run(host.listenArguments() + words("--log-level debug --exit-after 1"));
     QTRY_VERIFY_WITH_TIMEOUT(canConnect(host.port), HangGuardMs);
     QTRY_VERIFY_WITH_TIMEOUT(pipe.isFull(), HangGuardMs);
@@ -158,26 +115,34 @@ void tst_InputHostStalls::endOfALogThatIsNotRead()
 }
 
 // Millions of messages have arrived before a good device sends one. The program must not print all
-// of them first.
+// of them first, only those that it has read until it was full.
 void tst_InputHostStalls::oneDeviceHoldsNobodyUp()
 {
-    constexpr qsizetype messages = 3000000;
-    Pipe pipe; // until it is read, the program prints no more
+    constexpr qsizetype messages = 24 * 1024 * 1024;
+    constexpr qsizetype mostRead = 10 * 1024 * 1024;
+    SmallPipe pipe; // until it is read, the program prints no more
     Host host;
-    pipe.giveTo(host, STDOUT_FILENO);
+    giveTo(host, pipe, STDOUT_FILENO);
     host.start(words("--output raw --log-level debug"));
     Device bad(host);
     Device good(host);
     QTRY_COMPARE_WITH_TIMEOUT(host.log().count("new client added"), 2, HangGuardMs);
-    bad.send(QByteArray(messages, '\n'));
+    bad.socket.write(QByteArray(messages, '\n')); // the host does not take all of it yet
     QTRY_VERIFY_WITH_TIMEOUT(pipe.isFull(), HangGuardMs);
     const QByteArray line = QByteArray(2000, 'g') + '\n';
     good.send(line);
     QTRY_VERIFY_WITH_TIMEOUT(host.log().contains("msgsize = 2001\n"), HangGuardMs);
 
-    const QByteArray received = pipe.read(messages + line.size());
+    QByteArray received;
+    const auto isComplete = [&] {
+        received += pipe.read();
+        QCoreApplication::processEvents(); // which send the rest
+        return received.size() == messages + line.size();
+    };
+    const QDeadlineTimer guard(HangGuardMs);
+    while (!isComplete() && !guard.hasExpired()) {}
     QCOMPARE(received.size(), messages + line.size());
-    QVERIFY2(received.indexOf(line) < messages / 4, QByteArray::number(received.indexOf(line)));
+    QVERIFY2(received.indexOf(line) < mostRead, QByteArray::number(received.indexOf(line)));
     QCOMPARE(host.stop(), int(ExitOk));
 }
 

@@ -81,7 +81,7 @@ void tst_MessageReader::doesNotAnswerIncompleteOnes()
 
 void tst_MessageReader::recordFields()
 {
-    make({}, OutputFormat::Json);
+    make({}, OutputOptions::Json);
     const shared_parsedData record = offer("a\n", QStringLiteral("x"), 2);
     reader->receive(record);
     const QByteArray time = record->getTimestamp(QTimeZone::utc()).toLatin1();
@@ -217,7 +217,7 @@ void tst_MessageReader::clientsAreApart()
 
 void tst_MessageReader::otherConnectionUnderTheSameId()
 {
-    make({}, OutputFormat::Json);
+    make({}, OutputOptions::Json);
     reader->receive(offer("half"));
     reader->receive(offer("whole\n"));
     const QByteArrayList lines = written().split('\n');
@@ -263,7 +263,7 @@ void tst_MessageReader::tooLongAcrossOffers()
 
 void tst_MessageReader::lengthFraming()
 {
-    make({Framing::Length, 100}, OutputFormat::Json);
+    make({Framing::Length, 100}, OutputOptions::Json);
     const QByteArray bytes("\0\0\0\1a\0\0\0\0\0\0\0\3bc", 15);
     reader->receive(offer(bytes));
     QCOMPARE(discards(), QList<int>({9}));
@@ -303,7 +303,7 @@ void tst_MessageReader::messageLimit()
 
 void tst_MessageReader::messageLimitEndsPartialsToo()
 {
-    make({}, OutputFormat::Json);
+    make({}, OutputOptions::Json);
     reader->setMessageLimit(1);
     reader->receive(offer("half", QStringLiteral("x")));
     reader->receive(offer("a\nb\n"));
@@ -314,7 +314,7 @@ void tst_MessageReader::messageLimitEndsPartialsToo()
 
 void tst_MessageReader::forgetsAll()
 {
-    make({}, OutputFormat::Json);
+    make({}, OutputOptions::Json);
     reader->receive(offer("a\nhalf"));
     reader->receive(offer("b\n", QStringLiteral("x")));
     reader->forgetAll();
@@ -329,7 +329,7 @@ void tst_MessageReader::forgetsAll()
 
 void tst_MessageReader::forgetsSilentConnections()
 {
-    make({}, OutputFormat::Json);
+    make({}, OutputOptions::Json);
     reader->setIdleTimeout(1);
     QElapsedTimer since;
     since.start();
@@ -342,7 +342,7 @@ void tst_MessageReader::forgetsSilentConnections()
 
 void tst_MessageReader::forgetsTheLongestSilentOfTooMany()
 {
-    make({}, OutputFormat::Json);
+    make({}, OutputOptions::Json);
     for (int n = 0; n < 100000; ++n)
         reader->receive(offer("half", QString::number(n)));
     reader->receive(offer("half of it", QStringLiteral("0")));

@@ -59,7 +59,7 @@ void tst_TrafficRecorder::everyByteIsSeenOnce()
     inputkit::Pace pace;
     pace.ofOffer.messages = 2;
     pace.ofTurn = std::chrono::hours(1);
-    make({}, OutputFormat::Raw, pace);
+    make({}, OutputOptions::Raw, pace);
     reader->setEndsTold(true);
     Witness witness;
     reader->setObserver(&witness);

@@ -76,7 +76,7 @@ void tst_Unfinished::sizes()
 void tst_Unfinished::givesUpTheLongest()
 {
     const MessageCapture capture;
-    make({}, OutputFormat::Json);
+    make({}, OutputOptions::Json);
     reader->setMaxUnfinished(100);
     reader->receive(stamped(1, 0, some(60)));
     reader->receive(stamped(2, 0, some(20)));
@@ -107,7 +107,7 @@ void tst_Unfinished::givesUpTheLongest()
 void tst_Unfinished::limitIsNotExceeded()
 {
     const MessageCapture capture;
-    make({}, OutputFormat::None);
+    make({}, OutputOptions::None);
     reader->setMaxUnfinished(1000);
     for (quint64 n = 1; n <= 100; ++n)
         reader->receive(stamped(n, 0, some(100)));
@@ -129,7 +129,7 @@ void tst_Unfinished::finishedOnesCountNoMore()
 
 void tst_Unfinished::endedOnesCountNoMore()
 {
-    make({}, OutputFormat::None);
+    make({}, OutputOptions::None);
     reader->setEndsTold(true);
     reader->setMaxUnfinished(100);
     for (quint64 n = 1; n <= 10; ++n) {
@@ -143,7 +143,7 @@ void tst_Unfinished::endedOnesCountNoMore()
 void tst_Unfinished::countedMessages()
 {
     const MessageCapture capture;
-    make({Framing::Length, 1000}, OutputFormat::Json);
+    make({Framing::Length, 1000}, OutputOptions::Json);
     reader->setMaxUnfinished(10);
     reader->receive(stamped(1, 0, QByteArray("\0\0\0\x14", 4) + some(7))); // 7 bytes of 20
     QVERIFY(written().contains(R"("bytes":7,"text":"xxxxxxx","partial":true)"));
@@ -168,7 +168,7 @@ void tst_Unfinished::lengthThatIsNotKnown()
 void tst_Unfinished::warnsOfAFew()
 {
     const MessageCapture capture;
-    make({}, OutputFormat::None);
+    make({}, OutputOptions::None);
     reader->setMaxUnfinished(10);
     for (quint64 n = 1; n <= 1000; ++n)
         reader->receive(stamped(n, 0, some(11)));
@@ -203,7 +203,7 @@ void tst_Unfinished::lineLimit()
 void tst_Unfinished::tooLongOnesCauseFewLines()
 {
     const MessageCapture capture;
-    make({Framing::Lines, 3}, OutputFormat::None);
+    make({Framing::Lines, 3}, OutputOptions::None);
     reader->receive(stamped(1, 0, QByteArray("12345\n").repeated(10000)));
     QCOMPARE(counters->tooLong, 10000);
     QCOMPARE(warnings(),

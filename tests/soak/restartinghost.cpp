@@ -26,8 +26,8 @@ constexpr ExactOffers::Limits Remembered{std::chrono::minutes(1), 500};
 
 RestartingHost::RestartingHost(const Options &commandLine)
     : options(commandLine),
-      output(commandLine.output, commandLine.format.framing, STDOUT_FILENO),
-      reader(commandLine.format, output, counters, Remembered)
+      sink(makeSink(commandLine.output, commandLine.format.framing, newEpoch())),
+      reader(commandLine.format, *sink, counters, Remembered)
 {}
 
 RestartingHost::~RestartingHost() = default;
@@ -55,8 +55,8 @@ int RestartingHost::run()
         return ExitNotListening;
     const int outcome = QCoreApplication::exec();
     removePlugin();
-    output.writeCount(counters.line());
-    output.flush();
+    sink->finish(std::chrono::seconds(options.saveWithinSeconds));
+    sink->summarize(counters.line());
     return outcome;
 }
 

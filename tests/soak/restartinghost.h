@@ -6,7 +6,7 @@
 #include "host/counters.h"
 #include "host/messagereader.h"
 #include "host/options.h"
-#include "host/output.h"
+#include "host/sinks/sink.h"
 #include "plugin/kit/pluginloader.h"
 
 #include <QtCore/QJsonObject>
@@ -47,7 +47,7 @@ private:
     inputkit::PluginLoader loader;
     QJsonObject configuration;
     host::Counters counters;
-    host::Output output;
+    const std::unique_ptr<host::Sink> sink;
     host::MessageReader reader;
     std::unique_ptr<IInputPlugin> plugin;
     int starts = 0; // of this plugin object

@@ -1,0 +1,132 @@
+// SPDX-FileCopyrightText: the tcpinputplugin2 authors
+// SPDX-License-Identifier: MIT
+
+#include "host/sinks/storesink.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QDeadlineTimer>
+#include <QtCore/QEventLoop>
+
+#include <utility>
+
+namespace host {
+namespace {
+
+// A store is woken at most so often; a batch that is large goes at once.
+constexpr std::chrono::milliseconds HandOverInterval(5);
+constexpr qint64 LargeBatch = 256 * 1024;
+
+} // namespace
+
+StoreSink::StoreSink(std::unique_ptr<Store> messageStore, qint64 memoryLimit)
+    : mostMemory(memoryLimit),
+      store(std::move(messageStore))
+{
+    thread.setObjectName(QStringLiteral("store"));
+    timer.setSingleShot(true);
+    connect(&timer, &QTimer::timeout, this, &StoreSink::handOver);
+    connect(store.get(), &Store::stored, this, &StoreSink::noteStored, Qt::QueuedConnection);
+    connect(
+            store.get(), &Store::connectedChanged, this,
+            [this](bool isConnected) { connected = isConnected; }, Qt::QueuedConnection);
+}
+
+StoreSink::~StoreSink()
+{
+    close();
+}
+
+bool StoreSink::open()
+{
+    qRegisterMetaType<Stored>();
+    store->moveToThread(&thread);
+    thread.start();
+    QMetaObject::invokeMethod(
+            store.get(), [this] { error = store->open(); }, Qt::BlockingQueuedConnection);
+    return error.isEmpty();
+}
+
+void StoreSink::began(const Origin &origin)
+{
+    batch.addBegin(origin);
+    added();
+}
+
+void StoreSink::write(const Message &message)
+{
+    batch.add(message);
+    added();
+}
+
+void StoreSink::ended(const Origin &origin, const QString &reason, quint64 position)
+{
+    batch.addEnd(origin, reason, position);
+    added();
+}
+
+void StoreSink::added()
+{
+    if (!timer.isActive())
+        timer.start(HandOverInterval);
+    if (batch.memory() >= LargeBatch)
+        handOver();
+}
+
+void StoreSink::handOver()
+{
+    timer.stop();
+    if (batch.isEmpty() || !thread.isRunning())
+        return;
+    unsafeMessages += batch.messages();
+    unsafeMemory += batch.memory();
+    auto moved = std::make_shared<Batch>(std::exchange(batch, {}));
+    QMetaObject::invokeMethod(
+            store.get(), [store = store.get(), moved] { store->add(std::move(*moved)); },
+            Qt::QueuedConnection);
+    updateFull();
+}
+
+void StoreSink::noteStored(const Stored &progress)
+{
+    unsafeMessages -= progress.messages;
+    unsafeMemory -= progress.memory;
+    for (const SafePosition &each : progress.safe)
+        Q_EMIT safe(each.connection, each.end);
+    updateFull();
+}
+
+// Half of the limit lies between full and not full: so it does not change with every batch.
+void StoreSink::updateFull()
+{
+    setFull(unsafeMemory > (isFull() ? mostMemory / 2 : mostMemory));
+}
+
+qint64 StoreSink::finish(std::chrono::milliseconds atMost)
+{
+    handOver();
+    const QDeadlineTimer deadline(atMost);
+    QEventLoop loop;
+    QTimer end;
+    end.setSingleShot(true);
+    connect(&end, &QTimer::timeout, &loop, &QEventLoop::quit);
+    connect(store.get(), &Store::stored, &loop, &QEventLoop::quit, Qt::QueuedConnection);
+    while (unsafeMemory > 0 && !deadline.hasExpired()) {
+        end.start(static_cast<int>(deadline.remainingTime()));
+        loop.exec();
+    }
+    close();
+    QCoreApplication::sendPostedEvents(this); // what the store has said last
+    return unsafeMessages;
+}
+
+void StoreSink::close()
+{
+    if (!thread.isRunning())
+        return;
+    QMetaObject::invokeMethod(
+            store.get(), [this] { store->close(); }, Qt::BlockingQueuedConnection);
+    thread.quit();
+    thread.wait();
+}
+
+} // namespace host

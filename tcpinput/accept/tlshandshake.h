@@ -80,8 +80,8 @@ private:
 
     const QPointer<QSslServer> server;
     std::unique_ptr<TlsSocket> socket;
-    // The socket's own, which sends and receives for it. Null once that is handed over: a worker may
-    // be deleting it then.
+    // The socket's own, which sends and receives for it. Null once that is handed over: a worker
+    // may be deleting it then.
     QPointer<QTcpSocket> plainSocket;
     QTimer timer;
     std::optional<QSslError> interruption; // why Qt has interrupted the handshake

@@ -77,6 +77,12 @@ void tst_DispatcherThreads::socketMovesToThread()
         QVERIFY(turnUntil([&] { return server.hasPendingConnections(); }));
         std::unique_ptr<QTcpSocket> socket(server.nextPendingConnection());
         socket->setParent(nullptr);
+        // Qt wakes a thread's dispatcher when an object moves there, but does not wait until the
+        // thread has made it.
+        QObject inOther;
+        inOther.moveToThread(&other);
+        QMetaObject::invokeMethod(
+                &inOther, [&] { inOther.moveToThread(home); }, Qt::BlockingQueuedConnection);
 
         // Answers each byte, by turns from this thread and from the other one.
         int moves = 0;

@@ -55,7 +55,7 @@ def recorders(arguments, name):
     """Returns the instructions of the recorder alone. Those of the whole host differ more from run to
     run than the recorder takes."""
     table = annotated(arguments.build / f"profile-{name}.out", 100)
-    pattern = (r"^\s*([\d,]+) \([^)]*\)\s+\S+:(?:host::TrafficRecorder::read|recording::Recorder::run)"
+    pattern = (r"^\s*([\d,]+) \([^)]*\)\s+\S+:(?:inputkit::TrafficRecorder::read|recording::Recorder::run)"
                r"\(.*\[")
     return sum(int(count.replace(",", "")) for count in re.findall(pattern, table, re.MULTILINE))
 

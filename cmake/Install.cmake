@@ -15,7 +15,13 @@ if(TCPINPUT_BUILD_PROGRAMS)
     install(TARGETS inputhost devicesim devicecat hostcheck RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
 
-install(TARGETS tcpinput_framework tcpinput_host_framework EXPORT TcpInputPlugin2Targets
+set(kit_recorder "")
+if(TCPINPUT_BUILD_PROGRAMS)
+    set(kit_recorder tcpinput_host_recording)
+    install(FILES plugin/recording/trafficrecorder.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tcpinputplugin2/plugin/recording)
+endif()
+install(TARGETS tcpinput_framework tcpinput_host_framework ${kit_recorder} EXPORT TcpInputPlugin2Targets
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(EXPORT TcpInputPlugin2Targets NAMESPACE TcpInputPlugin2:: DESTINATION ${package_dir})
 configure_package_config_file(cmake/TcpInputPlugin2Config.cmake.in

@@ -136,7 +136,7 @@ bool InputHost::startRecording()
 {
     if (options.recording.file.isEmpty())
         return true;
-    recorder = std::make_unique<TrafficRecorder>(options.recording);
+    recorder = std::make_unique<inputkit::TrafficRecorder>(options.recording);
     if (!recorder->start()) {
         fail(ExitRecordingFailed, recorder->errorString());
         return false;

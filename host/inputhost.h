@@ -9,8 +9,8 @@
 #include "host/messagereader.h"
 #include "host/options.h"
 #include "host/sinks/sink.h"
-#include "host/trafficrecorder.h"
 #include "plugin/kit/pluginrunner.h"
+#include "plugin/recording/trafficrecorder.h"
 
 #include <QtCore/QObject>
 #include <QtCore/QTimer>
@@ -64,7 +64,7 @@ private:
     ConfigurationReader configurationReader;
     Counters counters;
     const std::unique_ptr<Sink> sink;
-    std::unique_ptr<TrafficRecorder> recorder; // null: nothing is recorded
+    std::unique_ptr<inputkit::TrafficRecorder> recorder; // null: nothing is recorded
     MessageReader reader;
     inputkit::PluginRunner runner;
     QTimer statusTimer;

@@ -118,8 +118,8 @@ struct Definitions
             QStringLiteral("OUTPUT"), QStringLiteral("json")};
     const QCommandLineOption saveWithin{
             QStringLiteral("save-within"),
-            QStringLiteral("How long to wait at the end for messages that are not safe yet: that "
-                           "nobody has read from the pipe, for example. Default: 60."),
+            QStringLiteral("How long to wait at the end for messages that are not safe yet: for "
+                           "which the pipe has no room, for example. At least 1. Default: 60."),
             QStringLiteral("SECONDS"), QStringLiteral("60")};
     const QCommandLineOption logLevel{
             QStringLiteral("log-level"),
@@ -258,16 +258,16 @@ QList<std::pair<QString, QJsonValue>> readSettings(const QStringList &texts, Val
     return settings;
 }
 
-RecordingOptions readRecording(const QCommandLineParser &parser, const Definitions &known,
-                               ValueReader &reader)
+inputkit::RecordingOptions readRecording(const QCommandLineParser &parser, const Definitions &known,
+                                         ValueReader &reader)
 {
-    RecordingOptions options;
+    inputkit::RecordingOptions options;
     options.file = parser.value(known.record);
-    options.writer.fileBytes = reader.number(known.recordSize, std::numeric_limits<qint64>::max());
-    options.writer.keep =
+    options.fileBytes = reader.number(known.recordSize, std::numeric_limits<qint64>::max());
+    options.keep =
             static_cast<int>(reader.number(known.recordKeep, std::numeric_limits<int>::max()));
-    options.writer.withPayload = !parser.isSet(known.recordNoPayload);
-    options.writer.compress = parser.isSet(known.recordCompress);
+    options.withPayload = !parser.isSet(known.recordNoPayload);
+    options.compress = parser.isSet(known.recordCompress);
     if (options.file.isEmpty() && parser.isSet(known.record))
         reader.complain(QStringLiteral("--record wants a file."));
     for (const QCommandLineOption &option :
@@ -275,7 +275,7 @@ RecordingOptions readRecording(const QCommandLineParser &parser, const Definitio
         if (parser.isSet(option) && !parser.isSet(known.record))
             reader.complain(QStringLiteral("--%1 needs --record.").arg(option.names().last()));
     }
-    if (options.writer.keep > 0 && options.writer.fileBytes == 0)
+    if (options.keep > 0 && options.fileBytes == 0)
         reader.complain(QStringLiteral("--record-keep needs --record-size."));
     return options;
 }

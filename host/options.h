@@ -6,7 +6,7 @@
 #include "host/framing.h"
 #include "host/sinks/makesink.h"
 #include "plugin/kit/pluginloader.h"
-#include "recording/writeroptions.h"
+#include "plugin/recording/trafficrecorder.h"
 
 #include <QtCore/QJsonValue>
 #include <QtCore/QList>
@@ -16,13 +16,6 @@
 #include <utility>
 
 namespace host {
-
-//! What is recorded, and where.
-struct RecordingOptions
-{
-    QString file; // empty: nothing is recorded
-    recording::WriterOptions writer;
-};
 
 //! What the command line asks for.
 struct Options
@@ -39,7 +32,7 @@ struct Options
     QString logLevel; // "debug", "info" or "warning"
     int statusEverySeconds = 0; // 0: never
     qint64 exitAfter = 0; // messages; 0: never
-    RecordingOptions recording;
+    inputkit::RecordingOptions recording; // no file: nothing is recorded
 };
 
 struct CommandLine

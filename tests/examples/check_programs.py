@@ -77,6 +77,22 @@ class Examples(unittest.TestCase):
         self.expect(program, "7 2027-01-15T08:00:00Z 52.520008 -13.404954\n"
                              "8 1970-01-01T00:00:00Z 0.000001 0.000002\n")
 
+    def test_recording(self):
+        port = free_port()
+        with tempfile.TemporaryDirectory() as folder:
+            file = pathlib.Path(folder) / "traffic"
+            program = self.started("recording", port, ADDRESS, port, file)
+            self.send(b"one\ntwo\nrest", port)
+
+            def recorded():
+                with Process([BUILD / "recording/devicecat", "--json", file]) as shown:
+                    shown.wait()  # with 3 while it is being written
+                    entries = [json.loads(line) for line in shown.output().splitlines()]
+                return "".join(entry.get("text", "") for entry in entries)
+
+            wait_until(lambda: recorded() == "one\ntwo\nrest", "recorded bytes")
+            self.assertEqual(program.stop(), "3 lines\n")
+
     def test_reloading_needs_a_configuration(self):
         with tempfile.TemporaryDirectory() as folder:
             file = pathlib.Path(folder) / "input.json"

@@ -23,6 +23,7 @@ foreach(name IN ITEMS
 endforeach()
 
 target_link_libraries(tst_inputhostrecording PRIVATE tcpinput_recording)
+target_link_libraries(tst_trafficrecorder PRIVATE tcpinput_recording)
 target_compile_definitions(tst_inputhoststart PRIVATE OLD_PLUGIN_FILE="$<TARGET_FILE:oldplugin>")
 add_dependencies(tst_inputhoststart oldplugin)
 

@@ -236,18 +236,19 @@ void tst_HostOptions::version()
 
 void tst_HostOptions::recording()
 {
-    const RecordingOptions plain = parse(words("--record f")).options.recording;
+    const inputkit::RecordingOptions plain = parse(words("--record f")).options.recording;
     QCOMPARE(plain.file, QStringLiteral("f"));
-    QCOMPARE(plain.writer.fileBytes, 0);
-    QCOMPARE(plain.writer.keep, 0);
-    QVERIFY(plain.writer.withPayload && !plain.writer.compress);
+    QCOMPARE(plain.fileBytes, 0);
+    QCOMPARE(plain.keep, 0);
+    QVERIFY(plain.withPayload && !plain.compress);
 
-    const RecordingOptions all = parse(words("--record f --record-size 10000000000 --record-keep 3 "
-                                             "--record-no-payload --record-compress"))
-                                         .options.recording;
-    QCOMPARE(all.writer.fileBytes, Q_INT64_C(10000000000));
-    QCOMPARE(all.writer.keep, 3);
-    QVERIFY(!all.writer.withPayload && all.writer.compress);
+    const inputkit::RecordingOptions all =
+            parse(words("--record f --record-size 10000000000 --record-keep 3 "
+                        "--record-no-payload --record-compress"))
+                    .options.recording;
+    QCOMPARE(all.fileBytes, Q_INT64_C(10000000000));
+    QCOMPARE(all.keep, 3);
+    QVERIFY(!all.withPayload && all.compress);
 }
 
 QTEST_GUILESS_MAIN(tst_HostOptions)

@@ -1,8 +1,9 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-#include "host/trafficrecorder.h"
+#include "plugin/recording/trafficrecorder.h"
 
+#include "plugin/recording/recordedendpoints.h"
 #include "tests/host/messagereadertest.h"
 #include "tests/recording/recordingtest.h"
 
@@ -78,9 +79,9 @@ void tst_TrafficRecorder::everyByteIsSeenOnce()
 void tst_TrafficRecorder::recordsBeginningsAndEnds()
 {
     const QTemporaryDir folder;
-    RecordingOptions options;
+    inputkit::RecordingOptions options;
     options.file = folder.filePath(QStringLiteral("traffic"));
-    TrafficRecorder recorder(options);
+    inputkit::TrafficRecorder recorder(options);
     QVERIFY2(recorder.start(), qPrintable(recorder.errorString()));
     reader->setEndsTold(true);
     reader->setObserver(&recorder);
@@ -103,13 +104,13 @@ void tst_TrafficRecorder::recordsBeginningsAndEnds()
 void tst_TrafficRecorder::tellsOfADamagedRecording()
 {
     const QTemporaryDir folder;
-    RecordingOptions options;
+    inputkit::RecordingOptions options;
     options.file = folder.filePath(QStringLiteral("traffic"));
     QFile damaged(options.file);
     QVERIFY(damaged.open(QIODevice::WriteOnly));
     damaged.write(recordingtest::fileOf({recording::Entry()}) + QByteArray(100, '\0'));
     damaged.close();
-    TrafficRecorder recorder(options);
+    inputkit::TrafficRecorder recorder(options);
     const QString line =
             QStringLiteral("Recording %1 is not continued, it is now %1.1: it is damaged");
     const QString pattern = QRegularExpression::escape(line.arg(options.file));
@@ -140,7 +141,7 @@ void tst_TrafficRecorder::endpoints()
     origin.peer = peer;
     origin.port = 50123;
     origin.source = QString::fromLatin1(QTest::currentDataTag());
-    const recording::Endpoints found = endpointsOf(origin);
+    const recording::Endpoints found = inputkit::endpointsOf(origin);
     QCOMPARE(found.peer, peer.toUtf8());
     QCOMPARE(found.peerPort, quint16(50123));
     QTEST(found.local, "local");

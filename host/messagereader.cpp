@@ -92,10 +92,9 @@ void MessageReader::setAnswering(bool enable)
 void MessageReader::forgetAll()
 {
     exact.forgetAll();
-    for (const shared_parsedData &record : std::exchange(late, {}))
-        plain.receive(*record);
     plain.forgetAll();
     acknowledgements.clear();
+    endCrowd();
     writer.tellMissedWarnings(true);
 }
 
@@ -105,18 +104,13 @@ void MessageReader::receive(const shared_parsedData &record)
         return;
     const QMap<QString, QString> subIds = record->getPluginSubId();
     const ExactOffers::Place place{subids::Values(subIds)};
-    if (place.connection == 0)
-        receivePlain(record);
-    else
+    if (place.connection != 0) {
         receiveExact(place, record);
-}
-
-void MessageReader::receivePlain(const shared_parsedData &record)
-{
+        return;
+    }
+    plain.receive(*record);
     if (sink.isFull())
-        late.push_back(record);
-    else
-        plain.receive(*record);
+        sink.makeRoom();
 }
 
 void MessageReader::receiveExact(const ExactOffers::Place &place, const shared_parsedData &record)
@@ -138,22 +132,23 @@ void MessageReader::answerExact(int bytes, const QMap<QString, QString> &subId)
 void MessageReader::pause(bool isFull)
 {
     exact.setAllPaused(isFull);
-    if (isFull)
-        return;
+    if (!isFull)
+        endCrowd();
+}
+
+void MessageReader::endCrowd()
+{
     if (std::exchange(endsWaiting, 0) >= MostEndsWaiting)
         Q_EMIT crowded(false);
-    while (!late.empty() && !sink.isFull()) {
-        const shared_parsedData record = std::move(late.front());
-        late.pop_front();
-        plain.receive(*record);
-    }
 }
 
 void MessageReader::forgetSilent()
 {
+    writer.tellMissedWarnings();
+    if (sink.isFull()) // who waits is not silent
+        return;
     exact.forgetSilent(ForgetInterval);
     plain.forgetSilent();
-    writer.tellMissedWarnings();
 }
 
 } // namespace host

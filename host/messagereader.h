@@ -13,8 +13,6 @@
 #include <QtCore/QObject>
 #include <QtCore/QTimer>
 
-#include <deque>
-
 namespace host {
 
 /*!
@@ -28,13 +26,14 @@ namespace host {
     it by then. It is also forgotten when there are more than 100,000 and it was silent for the
     longest time. In each case its unfinished message is printed as partial.
 
-    Thread: the plugin's, which needs an event loop; receive() is called directly.
-    While the sink is full, nothing is read: offers wait here, the latest of each connection. The
-    plugin's "limits" count them, and so devices have to wait.
+    While the sink is full, nothing is read: offers that carry their position wait here, the latest
+   of each connection. The plugin's "limits" count them, and so devices have to wait. For other
+   offers this thread waits: what they repeat depends on when they are read.
 
     What a sink acknowledges is answered only then, if the plugin has "offsets" and "ends".
     Otherwise it is answered when it is read.
 
+    Thread: the plugin's, which needs an event loop; receive() is called directly.
     Owner:  the caller, also of the sink and the counters.
 */
 class MessageReader : public QObject, public inputkit::RecordReader
@@ -82,10 +81,10 @@ Q_SIGNALS:
     void crowded(bool isCrowded);
 
 private:
-    void receivePlain(const shared_parsedData &record);
     void receiveExact(const ExactOffers::Place &place, const shared_parsedData &record);
     void answerExact(int bytes, const QMap<QString, QString> &subId);
     void pause(bool isFull);
+    void endCrowd();
     void forgetSilent();
 
     Sink &sink;
@@ -96,7 +95,6 @@ private:
     bool holding = false; // answers, until the sink acknowledges the messages
     inputkit::OfferReader exact;
     PlainReader plain;
-    std::deque<shared_parsedData> late; // for plain, while the sink is full
     qsizetype endsWaiting = 0; // that came while the sink was full
     QTimer forgetTimer;
 };

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <climits>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,9 +25,28 @@ bool hasReader(int descriptor)
             && (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode) || ::isatty(descriptor) == 1);
 }
 
+// -1: it is no terminal, or cannot be opened.
+int openTerminal(int descriptor)
+{
+    if (::isatty(descriptor) != 1)
+        return -1;
+    const QByteArray name = "/proc/self/fd/" + QByteArray::number(descriptor);
+    return ::open(name.constData(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+}
+
 } // namespace
 
-StandardStream::StandardStream(int descriptor) : fd(descriptor), mayWait(hasReader(descriptor)) {}
+StandardStream::StandardStream(int descriptor)
+    : terminal(openTerminal(descriptor)),
+      fd(terminal >= 0 ? terminal : descriptor),
+      mayWait(hasReader(descriptor))
+{}
+
+StandardStream::~StandardStream()
+{
+    if (terminal >= 0)
+        ::close(terminal);
+}
 
 qsizetype StandardStream::write(QByteArrayView bytes) const
 {

@@ -64,6 +64,9 @@ public:
     // The connection is over. reason: as subids::end(). position: behind its last byte.
     virtual void ended(const Origin &, const QString & /*reason*/, quint64 /*position*/) {}
 
+    // Waits until the sink is not full. For who cannot put off what it has. Default: does not wait.
+    virtual void makeRoom() {}
+
     // At the end of the program. Waits until all messages are safe, but no longer than that.
     // Returns how many are not.
     virtual qint64 finish(std::chrono::milliseconds atMost) = 0;

@@ -5,7 +5,7 @@
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDeadlineTimer>
-#include <QtCore/QEventLoop>
+#include <QtCore/QSemaphore>
 
 #include <utility>
 
@@ -101,22 +101,22 @@ void StoreSink::updateFull()
     setFull(unsafeMemory > (isFull() ? mostMemory / 2 : mostMemory));
 }
 
+// Without an event loop: what else the program does is over.
 qint64 StoreSink::finish(std::chrono::milliseconds atMost)
 {
     handOver();
     const QDeadlineTimer deadline(atMost);
-    QEventLoop loop;
-    QTimer end;
-    end.setSingleShot(true);
-    connect(&end, &QTimer::timeout, &loop, &QEventLoop::quit);
-    connect(store.get(), &Store::stored, &loop, &QEventLoop::quit, Qt::QueuedConnection);
-    while (unsafeMemory > 0 && !deadline.hasExpired()) {
-        end.start(static_cast<int>(deadline.remainingTime()));
-        loop.exec();
-    }
+    QSemaphore news;
+    const auto connection = connect(
+            store.get(), &Store::stored, this, [&news] { news.release(); }, Qt::DirectConnection);
+    QCoreApplication::sendPostedEvents(this); // to noteStored()
+    while (unsafeMemory > 0 && thread.isRunning()
+           && news.tryAcquire(1, static_cast<int>(deadline.remainingTime())))
+        QCoreApplication::sendPostedEvents(this);
     close();
+    disconnect(connection);
     QCoreApplication::sendPostedEvents(this); // what the store has said last
-    return unsafeMessages;
+    return unsafeMessages + batch.messages();
 }
 
 void StoreSink::close()

@@ -78,7 +78,7 @@ bool StreamSink::open()
 bool StreamSink::openFile()
 {
     // A pipe without a reader is refused: nobody could stop a program that waits for one.
-    constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK;
+    constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
     constexpr mode_t ownerAndGroup = 0640;
     const int opened = ::open(QFile::encodeName(fileName).constData(), flags, ownerAndGroup);
     if (opened < 0)
@@ -99,11 +99,13 @@ void StreamSink::endLine()
     struct stat status = {};
     if (!format.isLines() || ::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))
         return;
+    if (status.st_size == 0)
+        return;
     QFile file(fileName);
-    char last = '\n';
-    if (status.st_size > 0 && file.open(QIODevice::ReadOnly) && file.seek(status.st_size - 1)
-        && file.getChar(&last))
-        needsLineEnd = last != '\n';
+    char last = 0; // a file that cannot be read gets an empty line at worst
+    if (file.open(QIODevice::ReadOnly) && file.seek(status.st_size - 1))
+        file.getChar(&last);
+    needsLineEnd = last != '\n';
 }
 
 QString StreamSink::name() const
@@ -242,23 +244,35 @@ void StreamSink::dropWritten()
 
 void StreamSink::updateFull()
 {
-    setFull(pending.size() - written > (isFull() ? MostWaiting / 2 : MostWaiting));
+    const auto notes =
+            static_cast<qsizetype>(marks.size() * sizeof(Mark)); // of short messages: most
+    const qsizetype waiting = pending.size() - written + notes;
+    setFull(waiting > (isFull() ? MostWaiting / 2 : MostWaiting));
 }
 
 qint64 StreamSink::finish(std::chrono::milliseconds atMost)
 {
     const QDeadlineTimer deadline(atMost);
     flush();
-    while (!broken && written < pending.size() && !deadline.hasExpired()) {
-        const int most =
-                static_cast<int>(std::min<qint64>(deadline.remainingTime(), StallTime.count()));
-        if (retryTimer.isActive())
-            QThread::msleep(static_cast<unsigned long>(std::min(most, 100)));
-        else if (!stream->waitUntilWritable(most) && !told && most == StallTime.count())
-            noteStall();
-        flush();
-    }
+    while (!broken && written < pending.size() && !deadline.hasExpired())
+        waitForRoom(
+                static_cast<int>(std::min<qint64>(deadline.remainingTime(), StallTime.count())));
     return static_cast<qint64>(marks.size());
+}
+
+void StreamSink::makeRoom()
+{
+    while (!broken && isFull())
+        waitForRoom(StallTime.count());
+}
+
+void StreamSink::waitForRoom(int ms)
+{
+    if (retryTimer.isActive())
+        QThread::msleep(static_cast<unsigned long>(std::min(ms, 100)));
+    else if (!stream->waitUntilWritable(ms) && !told && ms == StallTime.count())
+        noteStall();
+    flush();
 }
 
 void StreamSink::reopen()

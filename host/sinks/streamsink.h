@@ -53,6 +53,7 @@ public:
     QByteArray headOf(const Origin &origin) const override { return format.headOf(origin); }
     void write(const Message &message) override;
     qint64 finish(std::chrono::milliseconds atMost) override;
+    void makeRoom() override;
     // Of a file: goes on with the one that has its name now, or with a new one. If that cannot be
     // opened, a line says so, and the old one is written on.
     void reopen() override;
@@ -82,6 +83,7 @@ private:
     void noteProgress();
     void settle();
     void dropWritten();
+    void waitForRoom(int ms);
     void updateFull();
 
     const StreamFormat format;

@@ -147,7 +147,9 @@ void OfferReader::setAllPaused(bool pause)
 {
     if (std::exchange(allPaused, pause) == pause || pause)
         return;
+    const qint64 time = queue.now();
     for (Client &client : clients) {
+        client.lastOfferTime = time; // the pause was no silence of theirs
         if (client.waits && mayRead(client))
             append(client);
     }

@@ -33,7 +33,13 @@ public:
         seen += QStringLiteral("end %1 %2 %3").arg(origin.connection).arg(reason).arg(position);
     }
     qint64 finish(std::chrono::milliseconds) override { return 0; }
+    void makeRoom() override
+    {
+        ++waits;
+        setFull(false);
+    }
 
+    int waits = 0;
     void tell(bool isFull) { setFull(isFull); }
     QStringList take() { return std::exchange(seen, {}); }
 
@@ -67,7 +73,9 @@ private Q_SLOTS:
     void positionsAndEnds();
     void fullSinkIsNotGivenMore();
     void fullSinkWithoutOffsets();
+    void pauseIsNoSilence();
     void crowdOfEndedConnections();
+    void crowdEndsWithThePlugin();
 
 private:
     void make(bool isAcknowledging = true, bool hasEnds = true);
@@ -180,16 +188,28 @@ void tst_HeldAnswers::fullSinkWithoutOffsets()
     make();
     sink->tell(true);
     reader->receive(offer("a\n"));
-    QVERIFY(sink->take().isEmpty());
-    QVERIFY(discards.isEmpty());
-    sink->tell(false);
+    QCOMPARE(sink->waits, 1);
     QCOMPARE(sink->take(), list({"0 a 0-2"}));
     QCOMPARE(discards, QList<int>{2});
-
-    sink->tell(true);
-    reader->receive(offer("b\n", QStringLiteral("other")));
-    reader->forgetAll(); // the plugin is gone: what waits is written all the same
+    reader->receive(offer("a\nb\n")); // the cut is not carried out yet
     QCOMPARE(sink->take(), list({"0 b 0-2"}));
+    QCOMPARE(sink->waits, 1);
+}
+
+// Without "ends", who is silent for too long is forgotten, and what is there of its message is
+// handed out. Who waits for the sink is not silent.
+void tst_HeldAnswers::pauseIsNoSilence()
+{
+    make(true, false);
+    reader->setIdleTimeout(-2); // so that no silence is short enough
+    sink->tell(true);
+    reader->receive(stamped(1, 0, "a\nbeg"));
+    int passes = 0;
+    QTimer timer; // as long as the reader's own: it has looked at least once
+    connect(&timer, &QTimer::timeout, this, [&] { ++passes; });
+    timer.start(1000);
+    QTRY_COMPARE_WITH_TIMEOUT(passes, 3, HangGuardMs);
+    QVERIFY(sink->take().isEmpty());
 }
 
 void tst_HeldAnswers::crowdOfEndedConnections()
@@ -211,6 +231,22 @@ void tst_HeldAnswers::crowdOfEndedConnections()
     sink->tell(true);
     sink->tell(false);
     QVERIFY(crowded.isEmpty());
+}
+
+void tst_HeldAnswers::crowdEndsWithThePlugin()
+{
+    make();
+    QSignalSpy crowded(reader.get(), &MessageReader::crowded);
+    sink->tell(true);
+    for (quint64 connection = 1; connection <= 10000; ++connection) {
+        reader->receive(stamped(connection, 0, "a\n"));
+        reader->receive(endOf(connection, 2));
+    }
+    QCOMPARE(crowded.count(), 1);
+    reader->forgetAll();
+    QCOMPARE(crowded.count(), 2);
+    QCOMPARE(crowded.last().first().toBool(), false);
+    QCOMPARE(sink->take().size(), 30000);
 }
 
 QTEST_GUILESS_MAIN(tst_HeldAnswers)

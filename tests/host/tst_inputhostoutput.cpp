@@ -105,7 +105,7 @@ void tst_InputHostOutput::fileThatCannotBeOpened()
 // accepted all the same, and nothing is lost.
 void tst_InputHostOutput::stalledReaderStopsNoAccepting()
 {
-    constexpr qsizetype messages = 16 * 1024 * 1024;
+    constexpr qsizetype messages = 12 * 1024 * 1024;
     SmallPipe pipe;
     Host host;
     host.process.setChildProcessModifier([&pipe] { ::dup2(pipe.writer(), STDOUT_FILENO); });
@@ -118,6 +118,7 @@ void tst_InputHostOutput::stalledReaderStopsNoAccepting()
     Device good(host);
     QTRY_COMPARE_WITH_TIMEOUT(host.log().count("new client added"), accepted + 1, HangGuardMs);
     good.send("good\n");
+    pipe.enlarge();
 
     QByteArray received;
     const QDeadlineTimer guard(HangGuardMs);

@@ -32,7 +32,9 @@ public:
         for (const Batch::Entry &entry : batch.entries())
             seen += textOf(batch, entry);
         batches.push_back(std::move(batch));
-        if (!holding)
+        if (!holding && delayMs == 0)
+            release();
+        else if (!holding)
             QTimer::singleShot(delayMs, this, &HeldStore::release);
     }
     void close() override { isClosed = true; }
@@ -102,6 +104,8 @@ private Q_SLOTS:
     void saysWhatIsSafe();
     void isFullAndNotFull();
     void finishingWaits();
+    void finishingWaitsNoLonger();
+    void writtenBehindTheEnd();
     void finishingGivesUp();
     void destroyedWithMessages();
 };
@@ -180,6 +184,30 @@ void tst_StoreSink::finishingWaits()
     QVERIFY(sink.open());
     sink.write({originOf(1), {}, "a", 0, 2});
     QCOMPARE(sink.finish(60s), 0);
+}
+
+// The store is done before anybody waits for it.
+void tst_StoreSink::finishingWaitsNoLonger()
+{
+    QElapsedTimer sinceBegin;
+    sinceBegin.start();
+    for (int round = 0; round < 50; ++round) {
+        StoreSink sink(std::make_unique<HeldStore>());
+        QVERIFY(sink.open());
+        sink.write({originOf(1), {}, "a", 0, 2});
+        QCOMPARE(sink.finish(std::chrono::milliseconds(2 * HangGuardMs)), 0);
+        QVERIFY(sinceBegin.elapsed() < HangGuardMs); // a hang, not a measurement
+    }
+}
+
+// It is not safe, and nobody may be told so.
+void tst_StoreSink::writtenBehindTheEnd()
+{
+    StoreSink sink(std::make_unique<HeldStore>());
+    QVERIFY(sink.open());
+    QCOMPARE(sink.finish(1ms), 0);
+    sink.write({originOf(1), {}, "a", 0, 2});
+    QCOMPARE(sink.finish(1ms), 1);
 }
 
 void tst_StoreSink::finishingGivesUp()

@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <thread>
 
@@ -97,6 +98,8 @@ private Q_SLOTS:
     void slowReader();
     void safeByConnection();
     void fullAndNotFull();
+    void fullOfShortMessages();
+    void terminalThatIsNotRead();
     void finishingWaits();
     void finishingGivesUp();
     void closedPipe();
@@ -338,6 +341,35 @@ void tst_StreamSink::fullAndNotFull()
     QVERIFY(sent - received >= StreamSink::MostWaiting / 2 - 4096);
     QVERIFY(readUntil([&] { return received == sent; }));
     QCOMPARE(full.count(), 2);
+}
+
+// What is kept beside the bytes counts, too.
+void tst_StreamSink::fullOfShortMessages()
+{
+    Pipe pipe;
+    StreamSink sink(StreamFormat(StreamFormat::Raw, Framing::Lines), pipe.writer());
+    int messages = 0;
+    for (; !sink.isFull(); ++messages)
+        sink.write({origin, {}, ""});
+    QVERIFY2(messages < StreamSink::MostWaiting / 20, QByteArray::number(messages));
+}
+
+// It says that it is writable, and then takes less than is written.
+void tst_StreamSink::terminalThatIsNotRead()
+{
+    const int reader = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    QVERIFY(reader >= 0 && ::grantpt(reader) == 0 && ::unlockpt(reader) == 0);
+    const int terminal = ::open(::ptsname(reader), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    QVERIFY(terminal >= 0);
+    const auto closing = qScopeGuard([=] {
+        ::close(terminal);
+        ::close(reader);
+    });
+    StreamSink sink(StreamFormat(StreamFormat::Raw, Framing::Lines), terminal);
+    for (int n = 0; n < 2000; ++n)
+        sink.write({origin, {}, QByteArray(60, 'x')});
+    QVERIFY(sink.finish(1ms) > 0);
+    QCOMPARE(::fcntl(terminal, F_GETFL) & O_NONBLOCK, 0); // others share it
 }
 
 void tst_StreamSink::finishingWaits()

@@ -14,6 +14,7 @@ void add(const WorkerCounters &from, WorkerCounters &to)
     // What is taken away from others first: their difference is not negative.
     for (std::size_t i = 0; i < to.ended.size(); ++i)
         to.ended[i].add(from.ended[i].read());
+    to.missed.add(from.missed.read());
     to.adopted.add(from.adopted.read());
     to.consumed += from.consumed.load(std::memory_order_relaxed);
     to.bytes.add(from.bytes.read());
@@ -60,7 +61,7 @@ void Tally::addCounts(InputCounters &sum)
     sum.closedByTls += ended(EndReason::Tls);
     sum.closedByLimit += ended(EndReason::Limit);
     sum.closedByStop += ended(EndReason::Stop);
-    quint64 endedInAll = 0;
+    quint64 endedInAll = all.missed.read();
     for (const auto &count : all.ended)
         endedInAll += count.read();
     sum.open += difference(all.adopted.read(), endedInAll);

@@ -78,6 +78,13 @@ void TcpClient2::setCounters(WorkerCounters &value)
     outlet.setCounters(value);
 }
 
+void TcpClient2::endWriting()
+{
+    Q_ASSERT(QThread::currentThread() == thread());
+    if (link.isThere())
+        link.transport().endWriting();
+}
+
 // Other connections have taken the room. What waits for its offer would keep it from them: the host
 // cannot consume what it does not know.
 void TcpClient2::noRoom()

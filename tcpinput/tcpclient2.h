@@ -105,6 +105,10 @@ public:
     // within 200 ms of an offer then wait, see OfferPace.
     void setPromptList(PromptList *value) { pace.setPromptList(value); }
 
+    // Tells the device that nothing follows from here. Its bytes are received as before, until it
+    // ends the connection.
+    void endWriting();
+
     // In the client's thread.
     IdleTimer &idleTimer() { return idle; }
     BacklogCheck &backlogCheck() { return backlog; }

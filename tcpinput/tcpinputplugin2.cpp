@@ -5,6 +5,7 @@
 
 #include "plugin/acceptpause.h"
 #include "plugin/cwrn.h"
+#include "plugin/drain.h"
 #include "plugin/libraryversion.h"
 #include "plugin/subids.h"
 #include "tcpinput/renewal.h"
@@ -12,6 +13,10 @@
 #include "tcpinput/workers/workerthread.h"
 
 #include <QtCore/QCoreApplication>
+
+#include <utility>
+
+#include <fcntl.h>
 
 namespace {
 
@@ -53,6 +58,9 @@ WorkerPool TcpInputPlugin2::makePool()
         connect(this, &TcpInputPlugin2::stopSignal, task, &TcpTask2::stop, Queued);
         connect(task, &TcpTask2::receivedData, this, &TcpInputPlugin2::slotReceivedData, Queued);
         connect(task, &TcpTask2::query, this, &TcpInputPlugin2::onQuery, Queued);
+        if (leaving)
+            QMetaObject::invokeMethod(
+                    task, [task] { task->leave(std::chrono::milliseconds(0), 0); }, Queued);
     };
     return WorkerPool(pluginId, setUpThread, setUpTask);
 }
@@ -94,11 +102,48 @@ bool TcpInputPlugin2::event(QEvent *event)
         request->confirm();
         return true;
     }
+    if (auto *request = Drain::from(event)) {
+        leave(request->spread());
+        request->confirm(Acceptance::latestNumber());
+        return true;
+    }
+    if (auto *request = SharedPort::from(event)) {
+        lend(*request);
+        return true;
+    }
     if (auto *question = LibraryVersionEvent::from(event)) {
         question->answer(LibraryVersion::ofHeaders());
         return true;
     }
     return IInputPlugin::event(event);
+}
+
+void TcpInputPlugin2::leave(std::chrono::milliseconds spread)
+{
+    if (destroying)
+        return;
+    CWRN(QtInfoMsg,
+         QStringLiteral("TcpInputPlugin2(%1): Accepting no more, devices are told within %2 ms"),
+         pluginId, static_cast<qint64>(spread.count()));
+    leaving = true;
+    servers.stopListening();
+    const auto &tasks = pool.allTasks(); // with those that the last connections were handed to
+    double place = 0.5;
+    for (TcpTask2 *task : tasks) {
+        const double phase = place / static_cast<double>(tasks.size());
+        QMetaObject::invokeMethod(
+                task, [task, spread, phase] { task->leave(spread, phase); }, Qt::QueuedConnection);
+        ++place;
+    }
+}
+
+void TcpInputPlugin2::lend(SharedPort &request)
+{
+    if (request.step() == SharedPort::Step::Use)
+        shared = Descriptor(request.take());
+    else if (servers.active().isListening())
+        request.give(
+                ::fcntl(static_cast<int>(servers.active().socketDescriptor()), F_DUPFD_CLOEXEC, 0));
 }
 
 void TcpInputPlugin2::fill(InputCounters &counters)
@@ -156,7 +201,7 @@ void TcpInputPlugin2::listenTcp(const Configuration &used)
         connect(&servers.tcp, &QTcpServer::pendingConnectionAvailable, this, Handle);
     else
         connect(&servers.tcp, &QTcpServer::newConnection, this, Handle);
-    servers.tcp.listen(used.address, used.port);
+    servers.tcp.listen(used.address, used.port, std::exchange(shared, {}));
 }
 
 void TcpInputPlugin2::listenTls(const Configuration &used)
@@ -171,7 +216,7 @@ void TcpInputPlugin2::listenTls(const Configuration &used)
     if (servers.tls.sslConfiguration().handshakeMustInterruptOnError())
         connect(&servers.tls, &QSslServer::handshakeInterruptedOnError, this,
                 &TcpInputPlugin2::hshakeError, Qt::DirectConnection);
-    servers.tls.listen(used.address, used.port);
+    servers.tls.listen(used.address, used.port, std::exchange(shared, {}));
 }
 
 bool TcpInputPlugin2::stop()
@@ -180,6 +225,8 @@ bool TcpInputPlugin2::stop()
     if (destroying)
         return true; // the destructor stops everything
     CWRN(QtDebugMsg, QStringLiteral("TcpInputPlugin2(%1): stop()"), pluginId);
+    leaving = false;
+    shared = {};
     servers.close();
     untaken.forget(servers.guard());
 

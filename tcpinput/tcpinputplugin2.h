@@ -6,7 +6,9 @@
 #include "plugin/connection.h"
 #include "plugin/countersevent.h"
 #include "plugin/iinputplugin.h"
+#include "plugin/sharedport.h"
 #include "tcpinput/accept/acceptlog.h"
+#include "tcpinput/accept/descriptor.h"
 #include "tcpinput/accept/servers.h"
 #include "tcpinput/accept/untakenconnections.h"
 #include "tcpinput/configuration/configuration.h"
@@ -15,6 +17,8 @@
 #include <QtCore/QTimer>
 #include <QtNetwork/QSslError>
 #include <QtNetwork/QSslSocket>
+
+#include <chrono>
 
 /*!
     Listens for devices over TCP or TLS, deals their connections in strict rotation over worker
@@ -95,6 +99,8 @@ private:
     void listenTcp(const Configuration &used);
     void listenTls(const Configuration &used);
     bool handOver();
+    void leave(std::chrono::milliseconds spread);
+    void lend(SharedPort &request);
     void retryUntaken();
 
     // The plugin's thread only, except that discard() reads the pool's tasks in any thread.
@@ -105,6 +111,8 @@ private:
     QTimer statusTimer;
     WorkerPool pool{makePool()};
     UntakenConnections untaken;
+    Descriptor shared; // the listening socket of another plugin, for the next start()
+    bool leaving = false; // until stop(): workers that come later have their devices told, too
     bool destroying = false; // in the destructor: the host's events start nothing new
     bool draining = false; // in the destructor: ends of threads are not logged
 };

@@ -8,6 +8,7 @@
 #include "plugin/decimalnumber.h"
 #include "tcpinput/accept/connectionsource.h"
 #include "tcpinput/connection/clientid.h"
+#include "tcpinput/farewell.h"
 #include "tcpinput/limits/heldbytes.h"
 #include "tcpinput/receive/recordmaker.h"
 #include "tcpinput/tcpclient2.h"
@@ -163,8 +164,11 @@ void TcpTask2::addConnection(Connection conn)
                        : QStringLiteral("TcpTask2: Handling TCP connection, %1"),
          currentThreadNumber());
 
+    // Before it is taken: until then the server counts it, and no moment may pass uncounted.
+    counters->adopted.add(1);
     TakenConnection taken = takeFrom(conn.getSsl() ? conn.getSslServer() : conn.getTcpServer());
     if (!taken.socket) {
+        counters->missed.add(1);
         CWRN(QtWarningMsg, QStringLiteral("TcpTask2: Creating receiving socket failed"));
         return;
     }
@@ -182,7 +186,6 @@ void TcpTask2::addConnection(Connection conn)
     client->setBacklogWatch(&shared->watch);
     client->setCounters(*counters);
     client->setBlocks(shared->blocks);
-    counters->adopted.add(1);
     connectClient(client, taken.acceptance);
     {
         const WriteLocker locker(clientsLock);
@@ -191,6 +194,8 @@ void TcpTask2::addConnection(Connection conn)
         enter(client, id);
     }
     shared->memory.count(registry().size());
+    if (farewell)
+        Farewell::add(*client);
     CWRN(QtDebugMsg, QStringLiteral("TcpTask2 (%1): new client added, size = %2"), way.task,
          static_cast<qint64>(registry().size()));
 }
@@ -311,6 +316,15 @@ void TcpTask2::stop()
     if (!(ownThread && dying))
         QEventLoop().processEvents(QEventLoop::AllEvents, StopProcessingMs);
     running = false;
+}
+
+void TcpTask2::leave(std::chrono::milliseconds spread, double phase)
+{
+    Q_ASSERT(QThread::currentThread() == thread());
+    if (!farewell)
+        farewell = std::make_unique<Farewell>();
+    farewell->begin(findChildren<TcpClient2 *>(QString(), Qt::FindDirectChildrenOnly), spread,
+                    phase);
 }
 
 QString TcpTask2::getInfo(const QString &prefix)

@@ -22,10 +22,12 @@
 #include <QtCore/QString>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <utility>
 
 struct Acceptance;
+class Farewell;
 class TcpClient2;
 
 /*!
@@ -88,6 +90,10 @@ public Q_SLOTS:
     // Ends all clients. Processes the calling thread's events for at most 10 ms.
     void stop();
 
+    // Tells the devices of all clients within that time that nothing follows from here, and those
+    // that come later at once. phase: see Farewell.
+    void leave(std::chrono::milliseconds spread, double phase);
+
     // Two lines per client: its id behind the prefix, and the name that query() answers for it.
     QString getInfo(const QString &prefix = QString());
 
@@ -126,5 +132,6 @@ private:
         WarmBlocks blocks;
         MemoryReturn memory;
     };
+    std::unique_ptr<Farewell> farewell; // null: leave() was not called
     std::unique_ptr<Shared> shared; // made with the first client, in the task's thread
 };

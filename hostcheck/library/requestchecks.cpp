@@ -6,6 +6,10 @@
 #include "hostcheck/library/checks.h"
 #include "hostcheck/library/subject.h"
 #include "plugin/countersevent.h"
+#include "plugin/drain.h"
+#include "plugin/sharedport.h"
+
+#include <QtNetwork/QTcpServer>
 
 namespace hostcheck {
 namespace {
@@ -123,14 +127,55 @@ void counters(Subject &subject)
     requireEqual(counted->buffered, quint64(3), QStringLiteral("buffered"));
 }
 
+void drain(Subject &subject)
+{
+    IInputPlugin &plugin = subject.start();
+    Device device(subject.address(), subject.port());
+    device.send("a");
+    subject.discard(subject.waitForRecord(device, 1), 1);
+    require(Drain::ask(plugin, std::chrono::milliseconds(0)).has_value(),
+            QStringLiteral("it does not know the request"));
+    QTcpServer successor;
+    require(successor.listen(subject.address(), subject.port()),
+            QStringLiteral("it still listens"));
+    subject.waitFor([&] { return device.isEnded(); }, QStringLiteral("the device is not told"));
+    device.send("b");
+    device.close();
+    subject.waitFor([&] { return subject.offersOf(device).last().endsWith('b'); },
+                    QStringLiteral("what the device has sent afterwards is lost"));
+    const auto counted = CountersEvent::countersOf(plugin);
+    require(counted.has_value(), QStringLiteral("it has no counters"));
+    requireEqual(counted->open + counted->waiting, quint64(0), QStringLiteral("connections left"));
+}
+
+void sharedPort(Subject &subject)
+{
+    IInputPlugin &plugin = subject.start();
+    const std::unique_ptr<IInputPlugin> next(subject.create()(nullptr, plugin.config));
+    require(SharedPort::offer(plugin, *next), QStringLiteral("it does not share its port"));
+    require(next->start(), QStringLiteral("start() has failed"));
+    requireEqual(next->getStatus().section(QLatin1Char(','), 0, 0),
+                 plugin.getStatus().section(QLatin1Char(','), 0, 0),
+                 QStringLiteral("where the second plugin listens"));
+    plugin.stop();
+    Device device(subject.address(), subject.port());
+    subject.waitFor([&] { return CountersEvent::countersOf(*next)->accepted == 1; },
+                    QStringLiteral("the second plugin does not accept"));
+}
+
 } // namespace
 
 const std::vector<Check> &requestChecks()
 {
     static const std::vector<Check> checks = {
-            {"status", statusOfClients},     {"lookup-queries", lookupQueries},
-            {"thread-report", threadReport}, {"discard-lines", discardLines},
-            {"drop-line", dropLine},         {"counters", counters},
+            {"status", statusOfClients},
+            {"lookup-queries", lookupQueries},
+            {"thread-report", threadReport},
+            {"discard-lines", discardLines},
+            {"drop-line", dropLine},
+            {"counters", counters},
+            {"drain", drain},
+            {"shared-port", sharedPort},
     };
     return checks;
 }

@@ -20,6 +20,7 @@ namespace {
 constexpr int RetryIntervalMs = 100;
 constexpr int GateIntervalMs = 10;
 constexpr int MostPending = 30; // Qt's default
+constexpr int MostWaiting = 4096; // in the kernel
 constexpr int FruitlessLimit = 2; // one may be for a connection that the turn before accepted
 
 // A connection that waits to be taken holds a descriptor and, with TLS, about 75 kB. The kernel's
@@ -75,6 +76,21 @@ void AcceptGuard::askGate()
 {
     if (timer.isActive() && !resumed)
         tick();
+}
+
+// As many as the kernel's queue may hold: others may connect as fast as this accepts.
+void AcceptGuard::acceptRest()
+{
+    const QPointer<AcceptGuard> self(this);
+    for (int left = MostWaiting; left > 0; --left) {
+        if (!self || !server->isListening() || held || (gate && !gate()))
+            return;
+        const int descriptor = ::accept4(static_cast<int>(server->socketDescriptor()), nullptr,
+                                         nullptr, SOCK_CLOEXEC);
+        if (descriptor < 0)
+            return;
+        take(descriptor);
+    }
 }
 
 void AcceptGuard::hold(bool on)

@@ -48,6 +48,10 @@ public:
     // Call when the gate has closed by itself. When it opens, the guard finds that out.
     void checkGate();
 
+    // Accepts what waits in the kernel, as far as the gate lets it: closing the server would reset
+    // those connections. May delete this.
+    void acceptRest();
+
     // While held, the server accepts nothing: connections that wait already cannot be served.
     void hold(bool on);
 

@@ -7,6 +7,7 @@
 #include "tcpinput/accept/acceptguard.h"
 #include "tcpinput/accept/connectionlimiter.h"
 #include "tcpinput/accept/connectionsource.h"
+#include "tcpinput/accept/descriptor.h"
 #include "tcpinput/accept/peersinuse.h"
 #include "tcpinput/accept/pendingconnections.h"
 #include "tcpinput/accept/proxygate.h"
@@ -46,6 +47,21 @@ public:
         guard.checkGate();
     }
 
+    // Uses the listening socket if it is bound there. Otherwise as below, and the socket is closed.
+    bool listen(const QHostAddress &address, quint16 port, Descriptor shared)
+    {
+        if (shared.get() < 0 || this->isListening())
+            return listen(address, port);
+        if (Base::setSocketDescriptor(shared.get())) {
+            shared.release(); // the server closes it
+            if (this->serverAddress() == address && this->serverPort() == port) {
+                guard.watch();
+                return true;
+            }
+            Base::close();
+        }
+        return listen(address, port);
+    }
     // False if the port is in use, also if another process begins to listen there between bind()
     // and listen() of this one; the server has no port then. Also false if the server listens
     // already; it goes on to listen.
@@ -57,6 +73,16 @@ public:
         else if (!this->isListening()) // and was not before
             Base::close(); // Qt keeps a bound port even if it cannot listen there
         return listening;
+    }
+
+    // Accepts what waits in the kernel, unless a limit or a pause forbids it, and nothing from then
+    // on. What was accepted goes on.
+    void stopListening()
+    {
+        const QPointer<QObject> self(this); // receivers may delete it
+        guard.acceptRest();
+        if (self)
+            Base::close();
     }
 
     bool hasPendingConnections() const override { return waiting.size() > 0; }

@@ -56,6 +56,13 @@ public:
         tcp.proxies.close();
         tls.proxies.close();
     }
+    void stopListening()
+    {
+        if (usesTls)
+            tls.stopListening();
+        else
+            tcp.stopListening();
+    }
     void close()
     {
         if (usesTls)

@@ -5,6 +5,12 @@
 
 #include <atomic>
 
+namespace {
+
+std::atomic<quint64> nextOne = 1; // of the process
+
+} // namespace
+
 Acceptance Acceptance::of(qintptr descriptor, const Serving &serving)
 {
     return {Endpoints::of(descriptor), serving.offsets ? nextNumber() : 0, serving};
@@ -12,6 +18,10 @@ Acceptance Acceptance::of(qintptr descriptor, const Serving &serving)
 
 quint64 Acceptance::nextNumber()
 {
-    static std::atomic<quint64> next = 1;
-    return next.fetch_add(1);
+    return nextOne.fetch_add(1);
+}
+
+quint64 Acceptance::latestNumber()
+{
+    return nextOne.load() - 1;
 }

@@ -19,6 +19,8 @@ struct Acceptance
     static Acceptance of(qintptr descriptor, const Serving &serving);
     // Unique in the process.
     static quint64 nextNumber();
+    // The highest one so far; 0: none yet.
+    static quint64 latestNumber();
 
     Endpoints endpoints;
     // Of the connection, unique in the process and never used again; 0 if its offers are not

@@ -161,7 +161,7 @@ qintptr ReceivingSocket::socketDescriptor() const
 // A peer that has ended the connection itself gets no answer, as with Qt.
 void ReceivingSocket::disconnectFromHost()
 {
-    if (encryption && state() == ConnectedState)
+    if (encryption && state() == ConnectedState && !hasEndedWriting)
         encryption->end(descriptor());
     disconnectNow();
 }
@@ -393,6 +393,15 @@ void ReceivingSocket::setPaused(bool on)
     notifier.setEnabled(!on && state() == ConnectedState);
     if (encryption && !on)
         goOnLater();
+}
+
+void ReceivingSocket::endWriting()
+{
+    if (state() != ConnectedState || std::exchange(hasEndedWriting, true))
+        return;
+    if (encryption)
+        encryption->end(descriptor());
+    ::shutdown(descriptor(), SHUT_WR);
 }
 
 bool ReceivingSocket::peerHasEnded() const

@@ -44,6 +44,7 @@ public:
     EndReason endReason() const override;
     QString failure() const override;
     void setPaused(bool on) override;
+    void endWriting() override;
     bool peerHasEnded() const override;
     void setLimited(bool) override {} // receives nothing ahead
     QByteArray takeBlock(qint64 size) override;
@@ -104,6 +105,7 @@ private:
     std::optional<Decryption> encryption; // null: plain
     TransportReader *reader = nullptr;
     bool paused = false;
+    bool hasEndedWriting = false;
     bool goesOn = false; // a call is posted that goes on with what was received
     int readError = 0; // that has broken it, as in errno; 0: none, the peer has closed it
     QByteArrayView unread; // in kept, or in the thread's buffer while the reader is called

@@ -9,6 +9,8 @@
 #include <QtCore/QSocketNotifier>
 #include <QtNetwork/QTcpSocket>
 
+#include <sys/socket.h>
+
 /*!
     Receives from any socket of Qt's, by its signal and through its device layer.
 
@@ -69,6 +71,12 @@ public:
                         Q_EMIT from->readyRead();
                 },
                 Qt::QueuedConnection);
+    }
+    // Qt cannot say close_notify and read on: with TLS, the FIN comes alone.
+    void endWriting() override
+    {
+        if (socket.state() == QAbstractSocket::ConnectedState)
+            ::shutdown(static_cast<int>(socket.socketDescriptor()), SHUT_WR);
     }
     bool peerHasEnded() const override { return hasPeerEnded(socket.socketDescriptor()); }
     void setLimited(bool on) override { socket.setReadBufferSize(on ? MostAheadBytes : 0); }

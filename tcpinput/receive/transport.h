@@ -48,6 +48,9 @@ public:
     virtual QString failure() const = 0;
     // While paused nothing is received, and an end is not noticed. Default: off.
     virtual void setPaused(bool on) = 0;
+    // Tells the peer that nothing follows from here: FIN, with TLS close_notify before it.
+    // Receiving goes on. A second call does nothing.
+    virtual void endWriting() = 0;
     // Whether the peer has closed or reset the connection. Its bytes may still wait.
     virtual bool peerHasEnded() const = 0;
     // Whether the reader may pause this, so that little may be received ahead. Default: off.

@@ -36,7 +36,8 @@ struct alignas(64) WorkerCounters // a cache line of its own: other workers writ
         return counters;
     }
 
-    Count adopted; // connections
+    Count adopted; // connections, as soon as the worker comes for them
+    Count missed; // of these, those that were not there
     std::array<Count, Reasons> ended; // by EndReason
     Count bytes;
     Count reads;

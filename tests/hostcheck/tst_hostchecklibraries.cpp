@@ -158,11 +158,14 @@ void tst_HostcheckLibraries::findsPlantedFault()
 // The plain form has no options of its own, no counters and another class name.
 void tst_HostcheckLibraries::findsMissingOptions()
 {
-    Run run(arguments(STOCK_PLUGIN_FILE,
-                      exactly(QStringLiteral("class-names|counters|offsets|strict|bad-options"))));
+    Run run(arguments(
+            STOCK_PLUGIN_FILE,
+            exactly(QStringLiteral(
+                    "class-names|counters|drain|shared-port|offsets|strict|bad-options"))));
     QCOMPARE(run.status(), 1);
     QCOMPARE(run.failed(),
-             QByteArrayList({"class-names", "counters", "offsets", "strict", "bad-options"}));
+             QByteArrayList({"class-names", "counters", "drain", "shared-port", "offsets", "strict",
+                             "bad-options"}));
 }
 
 void tst_HostcheckLibraries::findsHang()

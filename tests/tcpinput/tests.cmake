@@ -33,7 +33,7 @@ target_compile_definitions(tst_configurationkeys PRIVATE SOURCE_DIR="${PROJECT_S
 core_test(tst_proxykeys)
 target_compile_definitions(tst_proxykeys PRIVATE SOURCE_DIR="${PROJECT_SOURCE_DIR}")
 foreach(name IN ITEMS
-        tst_configuration tst_configurationtls tst_nestedloops tst_plugindiscard tst_pluginrotation
+        tst_configuration tst_configurationtls tst_nestedloops tst_plugindiscard tst_pluginleaving tst_pluginrotation
         tst_pluginshortage tst_pluginstatus tst_pluginstopping tst_pluginthreads tst_plugintls)
     core_test(${name})
     test_uses_certificates(${name})

@@ -36,6 +36,7 @@ private Q_SLOTS:
     void endsWhileReading_data();
     void endsWhileReading();
     void destructorClosesSilently();
+    void endsWritingAlone();
 };
 
 void tst_ReceivingEnd::peerEnds_data()
@@ -202,6 +203,26 @@ void tst_ReceivingEnd::destructorClosesSilently()
     QCOMPARE(receiver.events, QStringList());
     QCoreApplication::processEvents();
     receiver.accepted = -1;
+}
+
+// The peer's end is still told from this one's.
+void tst_ReceivingEnd::endsWritingAlone()
+{
+    Receiver receiver;
+    receiver.makeSocket();
+    receiver.socket->endWriting();
+    receiver.socket->endWriting();
+    QVERIFY(receiver.device.ends());
+    QVERIFY(!receiver.socket->peerHasEnded());
+    QVERIFY(receiver.sendUnseen("abc"));
+    WAIT_FOR(receiver.received == "abc");
+    QVERIFY(!receiver.ended());
+    receiver.device.close();
+    QVERIFY(receiver.peerEndArrived());
+    QVERIFY(receiver.socket->peerHasEnded());
+    WAIT_FOR(receiver.ended());
+    QCOMPARE(receiver.events, EndByPeer);
+    receiver.socket->endWriting();
 }
 
 int main(int argc, char *argv[])

@@ -42,6 +42,7 @@ InputSession::InputSession(InputSettings sessionSettings, QObject *parent)
         cutter.tellMissedWarnings();
         holdUpLines.takeMissed(false);
     });
+    connect(&runner, &PluginRunner::drained, this, &InputSession::drained);
     warningTimer.start(std::chrono::seconds(10));
 }
 
@@ -86,6 +87,11 @@ bool InputSession::start(const QJsonObject &configuration)
 void InputSession::stop()
 {
     runner.stop();
+}
+
+void InputSession::drain()
+{
+    runner.drain();
 }
 
 bool InputSession::reload(const QJsonObject &configuration)
@@ -140,6 +146,13 @@ void InputSession::forgetAll()
 {
     reader.forgetAll();
     acknowledgements.clear();
+    if (handOver)
+        handOver->flush();
+}
+
+void InputSession::forgetUpTo(quint64 connection)
+{
+    reader.forgetUpTo(connection);
     if (handOver)
         handOver->flush();
 }

@@ -65,9 +65,8 @@ struct InputSettings : PluginSettings
 };
 
 /*!
-    Takes in what devices send, as messages: loads the library, runs one plugin at a time, and
-    answers it. Each message is handed out once, in the order of its connection, however late the
-    handlers are.
+    Takes in what devices send, as messages: loads the library, runs a plugin, and answers it. Each
+   message is handed out once, in the order of its connection, however late the handlers are.
 
     Keys that a configuration lacks are added to it, see withDefaults(). "offsets" and "ends" must
     not be switched off.
@@ -103,8 +102,15 @@ public:
     // sent to the receiver. Called by a handler, or by what handles log lines, it happens later.
     void stop();
 
-    // As start(), but goes back to the running configuration if the new one does not listen. True:
-    // the new one does. isListening() says whether the old one does otherwise.
+    // As stop(), for devices that are to lose nothing: accepts no more, and tells each device that
+    // nothing follows from here, within PluginSettings::drainTime. What they send is handed out
+    // until they have closed. Emits drained() then, or when the devices have had their time to
+    // close: the connections that are left are ended as by stop().
+    void drain();
+
+    // Goes on with a new plugin, and no moment without one that listens: the old one then leaves,
+    // as with drain(), while the new one serves already. If the new one does not listen, the old
+    // one goes on as it was. True: the new one does. See PluginRunner::reload().
     bool reload(const QJsonObject &configuration);
 
     // Reads the files of certificates and keys anew; connections go on. False: the log says why.
@@ -135,6 +141,10 @@ public:
     // The plugin's status text, lines end with CR LF. Empty: no plugin runs.
     QString status() const { return runner.status(); }
 
+Q_SIGNALS:
+    // No plugin is left, behind drain().
+    void drained();
+
 private:
     InputHandlers innerHandlers();
     void answer(int length, const QMap<QString, QString> &subId);
@@ -145,6 +155,9 @@ private:
     bool isReading() const override { return cutter.isHandling() || reader.isReading(); }
     void setAnswering(bool enable) override { reader.setAnswering(enable); }
     void forgetAll() override;
+    // refusal() has seen to it that both have "offsets" and "ends".
+    bool readsBoth(const QJsonObject &, const QJsonObject &) const override { return true; }
+    void forgetUpTo(quint64 connection) override;
 
     const InputSettings settings;
     std::unique_ptr<HandOver> handOver; // null: the handlers are called in this thread

@@ -49,8 +49,8 @@ OfferReader::OfferReader(OfferConsumer &offerConsumer, const Answer &toOffers,
 
 void OfferReader::setEndsTold(bool enable)
 {
-    endsTold = enable;
-    forgetAll();
+    if (std::exchange(endsTold, enable) != enable)
+        forgetAll();
 }
 
 void OfferReader::receive(const ExactOffers::Place &place, const shared_parsedData &record)
@@ -379,15 +379,33 @@ void OfferReader::forgetSilent(std::chrono::nanoseconds interval)
     readLate();
 }
 
-// Reads all that waits of the connection. Its number may stay in the queue.
+void OfferReader::forgetUpTo(quint64 connection)
+{
+    Q_ASSERT(!reading);
+    {
+        const QScopedValueRollback guard(reading, true); // so nobody else changes the list
+        for (auto client = clients.begin(); client != clients.end();) {
+            const auto known = client++;
+            if (known->number <= connection)
+                finish(known);
+        }
+    }
+    readLate();
+}
+
 void OfferReader::forgetOldest()
 {
-    Client &client = clients.front();
-    while (client.record && !readOffer(client)) {}
-    if (client.end)
-        end(client);
-    giveUp(client);
-    forget(clients.begin());
+    finish(clients.begin());
+}
+
+// Reads all that waits of the connection, and forgets it. Its number may stay in the queue.
+void OfferReader::finish(Clients::iterator client)
+{
+    while (client->record && !readOffer(*client)) {}
+    if (client->end)
+        end(*client);
+    giveUp(*client);
+    forget(client);
 }
 
 qsizetype OfferReader::remembered() const

@@ -73,7 +73,7 @@ public:
     void setAnswering(bool enable) { answering = enable; }
     // Without "ends": how long a connection may be silent before it is forgotten. Default: 0.
     void setForgetAfter(std::chrono::nanoseconds silence) { forgetAfter = silence.count(); }
-    // Also forgets all connections, see forgetAll().
+    // A change also forgets all connections, see forgetAll().
     void setEndsTold(bool enable);
     // Of all unfinished messages together. Default: no limit.
     void setMaxUnfinished(qint64 bytes) { maxUnfinished = bytes; }
@@ -91,6 +91,8 @@ public:
 
     // Reads all offers that wait, gives up unfinished messages, and forgets all connections.
     void forgetAll();
+    // The same for the connections up to that number.
+    void forgetUpTo(quint64 connection);
     // To be called by a timer, once per interval; a late call counts as one interval. Forgets
     // connections that were silent for too long, unless their ends are told.
     void forgetSilent(std::chrono::nanoseconds interval);
@@ -150,6 +152,7 @@ private:
     void settle(Clients::iterator client);
     bool giveUpLargest();
     void forgetOldest();
+    void finish(Clients::iterator client);
     void forget(Clients::iterator client);
     void giveUp(Client &client);
 

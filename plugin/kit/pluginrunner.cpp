@@ -5,29 +5,51 @@
 
 #include "plugin/acceptpause.h"
 #include "plugin/certificaterenewal.h"
+#include "plugin/cwrn.h"
+#include "plugin/exactoffers.h"
 #include "plugin/iinputplugin.h"
 #include "plugin/libraryversion.h"
+#include "plugin/sharedport.h"
+#include "plugin/subids.h"
 
-#include <QtCore/QCoreApplication>
 #include <QtCore/QScopedValueRollback>
 
 #include <chrono>
 #include <utility>
 
 namespace inputkit {
+namespace {
+
+// How often it is looked whether a plugin that leaves has connections left.
+constexpr std::chrono::milliseconds LookInterval(20);
+
+bool listenAlike(const ListenStatus &one, const ListenStatus &other)
+{
+    return one.address == other.address && one.port == other.port;
+}
+
+// Whether both are for one port and different addresses, of which one may include the other.
+bool areInEachOthersWay(const QJsonObject &one, const QJsonObject &other)
+{
+    const auto differIn = [&](QLatin1String key) { return one.value(key) != other.value(key); };
+    return !differIn(QLatin1String("port")) && differIn(QLatin1String("ipAddr"));
+}
+
+} // namespace
 
 PluginRunner::PluginRunner(PluginSettings pluginSettings, RecordReader &recordReader)
     : settings(std::move(pluginSettings)),
       reader(recordReader)
 {
     stopTimer.setSingleShot(true);
-    connect(&stopTimer, &QTimer::timeout, this, &PluginRunner::stopLater);
+    connect(&stopTimer, &QTimer::timeout, this, &PluginRunner::later);
+    connect(&leaveTimer, &QTimer::timeout, this, &PluginRunner::lookAtLeaving);
 }
 
 PluginRunner::~PluginRunner()
 {
     Q_ASSERT(!isBusy());
-    removePlugin();
+    endAll();
 }
 
 bool PluginRunner::load()
@@ -40,6 +62,15 @@ bool PluginRunner::load()
 
 bool PluginRunner::start(const QJsonObject &configuration)
 {
+    if (!prepare(configuration))
+        return false;
+    endAll();
+    return run(configuration);
+}
+
+// Whether a plugin with this configuration may be made now.
+bool PluginRunner::prepare(const QJsonObject &configuration)
+{
     if (isBusy())
         return fail(Failure::Busy, QStringLiteral("A handler must not start the session"));
     if (!load())
@@ -47,26 +78,29 @@ bool PluginRunner::start(const QJsonObject &configuration)
     if (const QString refusal = reader.refusal(configuration); !refusal.isEmpty())
         return fail(Failure::BadConfiguration, refusal);
     stopTimer.stop(); // that was asked for before
-    removePlugin();
-    return run(configuration);
+    return true;
 }
 
 bool PluginRunner::restore()
 {
     if (isBusy())
         return fail(Failure::Busy, QStringLiteral("A handler must not start the session"));
-    if (listensOn.isListening())
+    if (listens().isListening())
         return true;
     return !stopTimer.isActive() && !running.isEmpty() && run(running);
 }
 
 bool PluginRunner::reload(const QJsonObject &configuration)
 {
-    const bool wasListening = listensOn.isListening();
-    if (start(configuration))
-        return true;
-    if (listensOn.isListening() || !wasListening) // nothing has changed, or nothing is restored
+    if (!prepare(configuration))
         return false;
+    if (!current)
+        return run(configuration);
+    if (reader.readsBoth(current->configuration(), configuration))
+        return replace(configuration);
+    endAll();
+    if (run(configuration))
+        return true;
     const Failure kind = lastFailure;
     const QString text = error;
     restore();
@@ -75,48 +109,73 @@ bool PluginRunner::reload(const QJsonObject &configuration)
 
 void PluginRunner::stop()
 {
+    drains = false;
     if (isBusy())
         stopTimer.start(std::chrono::milliseconds(0));
     else
-        removePlugin();
+        endAll();
+}
+
+void PluginRunner::drain()
+{
+    drains = true;
+    if (isBusy())
+        stopTimer.start(std::chrono::milliseconds(0));
+    else
+        leave();
 }
 
 // Not in a nested event loop either, in which a handler may be for long.
-void PluginRunner::stopLater()
+void PluginRunner::later()
 {
     constexpr std::chrono::milliseconds RetryInterval(10);
     if (isBusy())
         stopTimer.start(RetryInterval);
+    else if (drains)
+        leave();
     else
-        removePlugin();
+        endAll();
 }
 
 void PluginRunner::setAccepting(bool enable)
 {
     accepting = enable;
-    if (plugin)
-        AcceptPause::ask(*plugin, !accepting);
+    if (current)
+        AcceptPause::ask(current->plugin(), !accepting);
 }
 
 bool PluginRunner::renewCertificates()
 {
-    return plugin && CertificateRenewal::ask(*plugin) == CertificateRenewal::Answer::Renewed;
+    return current
+            && CertificateRenewal::ask(current->plugin()) == CertificateRenewal::Answer::Renewed;
 }
 
+// Connections have numbers that grow, and a plugin that leaves accepts no more before its successor
+// begins to.
 void PluginRunner::answer(int length, const QMap<QString, QString> &subId)
 {
-    if (plugin)
-        plugin->discard(length, subId);
+    if (!leaving.empty()) {
+        const quint64 number = ExactOffers::Place(subids::Values(subId)).connection;
+        for (const Plugin &plugin : leaving) {
+            if (number <= plugin->lastConnection())
+                return plugin->answer(length, subId);
+        }
+    }
+    if (current)
+        current->answer(length, subId);
 }
 
 std::optional<InputCounters> PluginRunner::counters() const
 {
-    return plugin ? CountersEvent::countersOf(*plugin) : std::nullopt;
+    return current ? current->counters() : std::nullopt;
 }
 
 QString PluginRunner::status() const
 {
-    return plugin ? plugin->getStatus() : QString();
+    QString text = current ? current->status() : QString();
+    for (const Plugin &plugin : leaving)
+        text += plugin->status();
+    return text;
 }
 
 bool PluginRunner::fail(Failure kind, const QString &text)
@@ -126,46 +185,79 @@ bool PluginRunner::fail(Failure kind, const QString &text)
     return false;
 }
 
-// The plugin must be made, named, connected and started in this order. If this fails, no plugin is
-// left.
+// If this fails, there is no plugin that listens.
 bool PluginRunner::run(const QJsonObject &configuration)
 {
     const QScopedValueRollback guard(changing, true); // log lines may run the event loop
-    reader.begin(configuration);
-    plugin = loader.create(configuration).release();
-    if (!plugin)
-        return fail(Failure::NoLibrary,
-                    QStringLiteral("%1 makes no plugin").arg(loader.fileName()));
-    if (!fits())
+    current = make(configuration);
+    if (!current)
         return false;
-    plugin->pluginId = settings.pluginId;
-    connectPlugin();
-    AcceptPause::ask(*plugin, !accepting);
-    if (!plugin->start()) {
-        removePlugin();
-        return fail(Failure::Refused, QStringLiteral("The plugin refused to start"));
+    AcceptPause::ask(current->plugin(), !accepting);
+    if (begin(*current))
+        return true;
+    endCurrent();
+    return false;
+}
+
+// The new plugin accepts nothing before the old one accepts no more: see answer(). It has nothing
+// to lose if it does not start.
+bool PluginRunner::replace(const QJsonObject &configuration)
+{
+    const QScopedValueRollback guard(changing, true);
+    Plugin next = make(configuration);
+    if (!next)
+        return false;
+    AcceptPause::ask(next->plugin(), true);
+    SharedPort::offer(current->plugin(), next->plugin());
+    if (!begin(*next)) {
+        next.reset();
+        return lastFailure == Failure::NotListening
+                && areInEachOthersWay(current->configuration(), configuration)
+                && makeWay(configuration);
     }
-    const auto status = ListenStatus::parse(plugin->getStatus());
-    if (!status.isListening()) {
-        removePlugin();
-        return fail(Failure::NotListening,
-                    QStringLiteral("The plugin does not listen: is the port in use or only for "
-                                   "root, or the address another machine's?"));
-    }
-    listensOn = status;
-    running = configuration;
-    lastFailure = Failure::None;
-    error.clear();
+    if (listenAlike(current->listens(), next->listens()))
+        AcceptPause::ask(current->plugin(), true); // who waits in the queue is the new one's
+    leave();
+    current = std::move(next);
+    AcceptPause::ask(current->plugin(), !accepting);
     return true;
 }
 
-bool PluginRunner::fits()
+// The port is free only when the old plugin has closed its server.
+bool PluginRunner::makeWay(const QJsonObject &configuration)
 {
-    const auto version = LibraryVersionEvent::ask(*plugin);
+    const QJsonObject before = current->configuration();
+    leave();
+    if (run(configuration))
+        return true;
+    const Failure kind = lastFailure;
+    const QString text = error;
+    run(before);
+    return fail(kind, text);
+}
+
+// Null: it fails. The plugin must be made, named, connected and started in this order.
+PluginRunner::Plugin PluginRunner::make(const QJsonObject &configuration)
+{
+    reader.begin(configuration);
+    std::unique_ptr<IInputPlugin> made = loader.create(configuration);
+    if (!made) {
+        fail(Failure::NoLibrary, QStringLiteral("%1 makes no plugin").arg(loader.fileName()));
+        return nullptr;
+    }
+    if (!fits(*made))
+        return nullptr;
+    made->pluginId = settings.pluginId;
+    return std::make_unique<RunningPlugin>(std::move(made), configuration, settings.logLevel,
+                                           reader);
+}
+
+bool PluginRunner::fits(IInputPlugin &made)
+{
+    const auto version = LibraryVersionEvent::ask(made);
     constexpr LibraryVersion wanted = LibraryVersion::ofHeaders();
     if (version && version->serves(wanted))
         return true;
-    delete std::exchange(plugin, nullptr);
     const QString is = version ? QStringLiteral("of release ") + version->toString()
                                : QStringLiteral("older than these headers");
     return fail(Failure::WrongLibrary,
@@ -173,34 +265,90 @@ bool PluginRunner::fits()
                         .arg(loader.fileName(), is, wanted.toString()));
 }
 
-void PluginRunner::connectPlugin()
+bool PluginRunner::begin(RunningPlugin &plugin)
 {
-    connect(plugin, &IInputPlugin::receivedData, this,
-            [this](const shared_parsedData &record) { reader.receive(record); });
-    // Direct: otherwise the answer does not reach the plugin.
-    connect(
-            plugin, &IInputPlugin::query, this,
-            [this](const QString &question) -> QList<QString> {
-                return question == QLatin1String("loglevel") ? QList<QString>{settings.logLevel}
-                                                             : QList<QString>();
-            },
-            Qt::DirectConnection);
+    if (!plugin.start()) {
+        if (!plugin.hasStarted())
+            return fail(Failure::Refused, QStringLiteral("The plugin refused to start"));
+        return fail(Failure::NotListening,
+                    QStringLiteral("The plugin does not listen: is the port in use or only for "
+                                   "root, or the address another machine's?"));
+    }
+    running = plugin.configuration();
+    lastFailure = Failure::None;
+    error.clear();
+    return true;
 }
 
-// Offers are still on their way after stop(), and the plugin hands over the last of them while it
-// is destroyed. So the posted offers are delivered first: the reader needs offers in the order in
-// which they were made.
-void PluginRunner::removePlugin()
+// Has the current plugin leave, so that there is none.
+void PluginRunner::leave()
 {
-    if (!plugin)
+    if (current) {
+        const QScopedValueRollback guard(changing, true);
+        while (leaving.size() >= MostLeaving)
+            endOldest();
+        if (current->leave(settings.drainTime, settings.closingTime))
+            leaving.push_back(std::move(current));
+        else
+            endCurrent();
+    }
+    leaveTimer.start(LookInterval);
+}
+
+void PluginRunner::lookAtLeaving()
+{
+    if (isBusy())
         return;
+    for (auto plugin = leaving.begin(); plugin != leaving.end();) {
+        const quint64 left = (*plugin)->connections();
+        if (left > 0 && !(*plugin)->isLate()) {
+            ++plugin;
+            continue;
+        }
+        if (left > 0)
+            CWRN(QtWarningMsg,
+                 QStringLiteral("%1 connections were not closed by their devices, closing"), left);
+        end(**plugin);
+        plugin = leaving.erase(plugin);
+    }
+    if (!leaving.empty())
+        return;
+    leaveTimer.stop();
+    if (!current)
+        Q_EMIT drained();
+}
+
+void PluginRunner::endOldest()
+{
+    end(*leaving.front());
+    leaving.erase(leaving.begin());
+}
+
+void PluginRunner::endCurrent()
+{
+    end(*current);
+    current.reset();
+}
+
+void PluginRunner::endAll()
+{
+    leaveTimer.stop();
+    while (!leaving.empty())
+        endOldest();
+    if (current)
+        endCurrent();
+}
+
+// Its caller takes it away afterwards: answers to its last records must not reach another one.
+void PluginRunner::end(RunningPlugin &plugin)
+{
     const QScopedValueRollback guard(changing, true);
-    listensOn = {};
-    reader.setAnswering(false);
-    plugin->stop();
-    QCoreApplication::sendPostedEvents(plugin);
-    delete plugin; // its slots still use the pointer
-    plugin = nullptr;
+    const bool isOnly = leaving.size() + (current ? 1 : 0) == 1;
+    if (isOnly)
+        reader.setAnswering(false);
+    plugin.end();
+    if (!isOnly)
+        return reader.forgetUpTo(plugin.lastConnection());
     reader.forgetAll();
     reader.setAnswering(true);
 }

@@ -13,6 +13,7 @@ foreach(name IN ITEMS tst_inputsession tst_sessiontraps)
     test_uses_certificates(${name})
 endforeach()
 host_test(tst_pluginrunner)
+tls_test(host tst_reloading 300)
 host_test(tst_hungreceiver)
 test_uses_certificates(tst_hungreceiver)
 add_library(oldplugin MODULE plugin/kit/oldplugin.cpp) # see there

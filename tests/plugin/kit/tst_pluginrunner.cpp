@@ -69,6 +69,7 @@ private Q_SLOTS:
     void callsTheReaderInOrder();
     void restores();
     void nothingToRestore();
+    void reloadsOneAfterTheOther();
     void refusedByTheReader();
     void waitsForTheReader();
     void acceptsNothing();
@@ -157,6 +158,35 @@ void tst_PluginRunner::nothingToRestore()
     QVERIFY(another.listen(testAddress(), port));
     QVERIFY(!runner.restore());
     QCOMPARE(runner.failure(), PluginRunner::Failure::NotListening);
+}
+
+// This reader cannot read two plugins.
+void tst_PluginRunner::reloadsOneAfterTheOther()
+{
+    const MessageCapture capture;
+    QTcpServer other;
+    QVERIFY(other.listen(testAddress()));
+    Notes notes;
+    PluginRunner runner(settings(), notes);
+    const int first = freePort();
+    const int second = freePort();
+    QVERIFY(runner.start(listenOn(first)));
+    QTcpSocket device;
+    device.connectToHost(testAddress(), static_cast<quint16>(first));
+    QTRY_COMPARE_WITH_TIMEOUT(runner.counters()->open, quint64(1), HangGuardMs);
+    notes.calls.clear();
+    QVERIFY(runner.reload(listenOn(second)));
+    const QStringList going = {QStringLiteral("only read"), QStringLiteral("forget"),
+                               QStringLiteral("answer")};
+    const auto begin = [](int port) { return QStringList{QStringLiteral("begin %1").arg(port)}; };
+    QCOMPARE(notes.calls, going + begin(second));
+    QTRY_COMPARE_WITH_TIMEOUT(device.state(), QAbstractSocket::UnconnectedState, HangGuardMs);
+
+    notes.calls.clear();
+    QVERIFY(!runner.reload(listenOn(other.serverPort())));
+    QCOMPARE(runner.failure(), PluginRunner::Failure::NotListening);
+    QCOMPARE(runner.listens().port, second);
+    QCOMPARE(notes.calls, going + begin(other.serverPort()) + going + begin(second));
 }
 
 void tst_PluginRunner::refusedByTheReader()

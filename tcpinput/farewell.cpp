@@ -12,6 +12,7 @@ namespace {
 
 // So that thousands of clients need few wake-ups.
 constexpr std::chrono::milliseconds ShortestPause{10};
+constexpr std::chrono::milliseconds LongestPause{60000}; // fits into a timer
 
 } // namespace
 
@@ -61,5 +62,6 @@ void Farewell::startTimer()
     const double part = (static_cast<double>(told) + firstPhase) / static_cast<double>(all.size());
     const auto next = start + std::chrono::duration_cast<Clock::Steady::duration>(part * time);
     const auto rest = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::steady());
-    timer.start(static_cast<int>(std::max(rest, ShortestPause).count()), Qt::PreciseTimer, this);
+    timer.start(static_cast<int>(std::clamp(rest, ShortestPause, LongestPause).count()),
+                Qt::PreciseTimer, this);
 }

@@ -13,6 +13,7 @@
 #include <QtCore/QDateTime>
 
 #include <chrono>
+#include <utility>
 
 namespace host {
 namespace {
@@ -39,6 +40,7 @@ inputkit::PluginSettings pluginSettings(const Options &options)
     settings.entryPoint = options.entryPoint;
     settings.pluginId = options.id;
     settings.logLevel = options.logLevel;
+    settings.drainTime = std::chrono::seconds(options.drainSeconds);
     return settings;
 }
 
@@ -162,8 +164,23 @@ ExitCode InputHost::tellStart(bool isListening)
     return ExitOk;
 }
 
+// Asked for once more, by the other signal, it waits for no device.
+void InputHost::stop()
+{
+    if (options.drainSeconds == 0 || std::exchange(draining, true)) {
+        QCoreApplication::quit();
+        return;
+    }
+    CWRN(QtInfoMsg, QStringLiteral("Stopping: devices are told within %1 s"), options.drainSeconds);
+    runner.drain();
+}
+
 void InputHost::reload()
 {
+    if (draining) {
+        CWRN(QtWarningMsg, QStringLiteral("Configuration not read: the program is stopping"));
+        return;
+    }
     if (!readConfiguration()) {
         CWRN(QtWarningMsg, QStringLiteral("Configuration not changed"));
         return;
@@ -198,14 +215,15 @@ bool InputHost::renewCertificates()
 
 void InputHost::replacePlugin()
 {
-    if (tellStart(runner.start(configuration)) == ExitOk)
+    const ExitCode code = tellStart(runner.reload(configuration));
+    if (code == ExitOk)
         return;
-
-    CWRN(QtWarningMsg, QStringLiteral("Restarting with the old configuration"));
-    if (const ExitCode code = tellStart(runner.restore())) {
-        outcome = code;
-        QCoreApplication::quit();
+    if (runner.listens().isListening()) {
+        CWRN(QtWarningMsg, QStringLiteral("Going on with the old configuration"));
+        return;
     }
+    outcome = fail(code, QStringLiteral("The old configuration does not work any more, either"));
+    QCoreApplication::quit();
 }
 
 void InputHost::reportStatus()
@@ -225,7 +243,8 @@ void InputHost::handleOutputFailure(const QString &reason)
 
 void InputHost::connectSignals(SignalNotifier &unixSignals)
 {
-    connect(&unixSignals, &SignalNotifier::stopRequested, this, [] { QCoreApplication::quit(); });
+    connect(&unixSignals, &SignalNotifier::stopRequested, this, &InputHost::stop);
+    connect(&runner, &PluginRunner::drained, this, [] { QCoreApplication::quit(); });
     connect(&unixSignals, &SignalNotifier::statusRequested, this, &InputHost::reportStatus);
     connect(&unixSignals, &SignalNotifier::reopenRequested, sink.get(), &Sink::reopen);
     connect(&unixSignals, &SignalNotifier::reloadRequested, this, [this, &unixSignals] {

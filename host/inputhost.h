@@ -51,6 +51,7 @@ private:
     ExitCode tellStart(bool isListening);
     void reload();
     bool renewCertificates();
+    void stop();
     void noteCertificates();
     void replacePlugin();
     void reportStatus();
@@ -70,6 +71,7 @@ private:
     QTimer statusTimer;
     QJsonObject configuration; // complete, as it was read last
     QByteArray runningFiles; // what the certificates and keys of the plugin were like
+    bool draining = false; // a signal has asked for the end, and devices are let go first
     ExitCode outcome = ExitOk;
 };
 

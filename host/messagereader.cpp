@@ -83,6 +83,15 @@ void MessageReader::begin(const QJsonObject &configuration)
     writer.setAcknowledgements(holding ? &acknowledgements : nullptr);
 }
 
+// Guessing what offers repeat, the reader could not tell one plugin's from the other's.
+bool MessageReader::readsBoth(const QJsonObject &running, const QJsonObject &next) const
+{
+    const auto areTold = [](const QJsonObject &configuration) {
+        return inputkit::stampsOffers(configuration) && inputkit::tellsEnds(configuration);
+    };
+    return areTold(running) && areTold(next);
+}
+
 void MessageReader::setAnswering(bool enable)
 {
     exact.setAnswering(enable);

@@ -64,6 +64,8 @@ public:
     bool isReading() const override { return exact.isReading(); }
     void setAnswering(bool enable) override;
     void forgetAll() override;
+    bool readsBoth(const QJsonObject &running, const QJsonObject &next) const override;
+    void forgetUpTo(quint64 connection) override { exact.forgetUpTo(connection); }
 
     // Of the connections that are read exactly with "ends": the open ones that have made an offer.
     // Of all others: those of which something is kept.

@@ -41,11 +41,14 @@ Outputs:
          program waits.
 
 Signals:
-  SIGINT, SIGTERM  Stop, print what is still coming, exit. The same signal once
-                   more ends the program at once.
-  SIGHUP           Read the configuration again and go on with a new plugin. If
-                   this fails, the configuration stays as it was. If only files
-                   of certificates and keys have changed, no connection is closed.
+  SIGINT, SIGTERM  Stop, print what is still coming, exit; with --drain, first
+                   let the devices go. The same signal once more ends the program
+                   at once.
+  SIGHUP           Read the configuration again and go on with a new plugin, with
+                   no moment in which nobody listens. The devices of the old one
+                   are told that nothing follows; they are read until they have
+                   closed. If this fails, nothing changes. If only files of
+                   certificates and keys have changed, no connection is closed.
   SIGUSR1          Counters and status to standard error.
   SIGUSR2          Go on with a new file: the output's was renamed.
 
@@ -134,6 +137,13 @@ struct Definitions
             QStringLiteral("exit-after"),
             QStringLiteral("Exits after N messages; nothing is printed after the last of them."),
             QStringLiteral("N")};
+    const QCommandLineOption drain{
+            QStringLiteral("drain"),
+            QStringLiteral("At SIGINT, SIGTERM and SIGHUP, tells the devices within this time, one "
+                           "after the other, that nothing follows, and reads until they have "
+                           "closed, at most five seconds longer. Default: SIGINT and SIGTERM close "
+                           "all connections, SIGHUP tells all devices at once."),
+            QStringLiteral("SECONDS")};
     const QCommandLineOption record{
             QStringLiteral("record"),
             QStringLiteral("Records what connections bring, for devicesim --replay and devicecat. "
@@ -160,10 +170,11 @@ struct Definitions
 
     void addTo(QCommandLineParser &parser) const
     {
-        parser.addOptions({plugin,     entry,           config,         set,    id,
-                           framing,    maxMessage,      maxUnfinished,  output, saveWithin,
-                           logLevel,   statusEvery,     exitAfter,      record, recordSize,
-                           recordKeep, recordNoPayload, recordCompress, help,   version});
+        parser.addOptions(
+                {plugin,         entry,         config, set,        id,         framing,
+                 maxMessage,     maxUnfinished, output, saveWithin, logLevel,   statusEvery,
+                 exitAfter,      drain,         record, recordSize, recordKeep, recordNoPayload,
+                 recordCompress, help,          version});
     }
 };
 
@@ -313,6 +324,7 @@ Options readOptions(const QCommandLineParser &parser, const Definitions &known, 
     constexpr int mostSeconds = std::numeric_limits<int>::max() / 1000;
     options.saveWithinSeconds = static_cast<int>(reader.number(known.saveWithin, mostSeconds));
     options.statusEverySeconds = static_cast<int>(reader.number(known.statusEvery, mostSeconds));
+    options.drainSeconds = static_cast<int>(reader.number(known.drain, mostSeconds));
     options.exitAfter = reader.number(known.exitAfter, std::numeric_limits<qint64>::max());
     options.recording = readRecording(parser, known, reader);
     return options;

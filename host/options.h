@@ -32,6 +32,7 @@ struct Options
     QString logLevel; // "debug", "info" or "warning"
     int statusEverySeconds = 0; // 0: never
     qint64 exitAfter = 0; // messages; 0: never
+    int drainSeconds = 0; // devices are told within this time that a plugin leaves; 0: not given
     inputkit::RecordingOptions recording; // no file: nothing is recorded
 };
 

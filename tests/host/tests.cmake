@@ -24,6 +24,8 @@ endforeach()
 
 target_link_libraries(tst_inputhostrecording PRIVATE tcpinput_recording)
 target_link_libraries(tst_trafficrecorder PRIVATE tcpinput_recording)
+test_uses_certificates(tst_inputhostreload) # its devices can TLS
+target_link_libraries(tst_inputhostreload PRIVATE OpenSSL::SSL)
 target_compile_definitions(tst_inputhoststart PRIVATE OLD_PLUGIN_FILE="$<TARGET_FILE:oldplugin>")
 add_dependencies(tst_inputhoststart oldplugin)
 

@@ -61,6 +61,7 @@ void tst_HostOptions::defaults()
     QCOMPARE(options.logLevel, QStringLiteral("info"));
     QCOMPARE(options.statusEverySeconds, 0);
     QCOMPARE(options.exitAfter, 0);
+    QCOMPARE(options.drainSeconds, 0);
     QCOMPARE(options.recording.file, QString());
 }
 
@@ -70,7 +71,7 @@ void tst_HostOptions::all()
             "--plugin lib.so --entry registerPlugin --config - --set a=1 --id x --framing length "
             "--max-message 7 --max-unfinished 8 --output raw:out/a:b --save-within 5 --log-level "
             "debug --status-every 3 "
-            "--exit-after 9"));
+            "--exit-after 9 --drain 30"));
     QCOMPARE(line.outcome, CommandLine::Run);
     const Options &options = line.options;
     QCOMPARE(options.pluginFile, QStringLiteral("lib.so"));
@@ -87,6 +88,7 @@ void tst_HostOptions::all()
     QCOMPARE(options.logLevel, QStringLiteral("debug"));
     QCOMPARE(options.statusEverySeconds, 3);
     QCOMPARE(options.exitAfter, 9);
+    QCOMPARE(options.drainSeconds, 30);
 }
 
 void tst_HostOptions::otherChoices()
@@ -177,6 +179,8 @@ void tst_HostOptions::refused_data()
             << "--status-every: '0'. It takes a number from 1 to 2147483.";
     QTest::newRow("--status-every x") << "--status-every: 'x'";
     QTest::newRow("--status-every=") << "--status-every: ''";
+    QTest::newRow("--drain 0") << "--drain: '0'. It takes a number from 1 to 2147483.";
+    QTest::newRow("--drain 1m") << "--drain: '1m'";
     QTest::newRow("--exit-after 0") << "--exit-after: '0'";
     QTest::newRow("--record=") << "--record wants a file.";
     QTest::newRow("--record-compress") << "--record-compress needs --record.";
@@ -216,10 +220,11 @@ void tst_HostOptions::help()
     for (const char *arguments : {"--help", "-h", "--help --output x"}) {
         const CommandLine line = parse(words(arguments));
         QCOMPARE(line.outcome, CommandLine::Inform);
-        for (const char *named : {"--plugin", "--entry", "--config", "--set", "--id", "--framing",
-                                  "--max-message", "--max-unfinished", "--output", "--log-level",
-                                  "--status-every", "--exit-after", "--help", "--version",
-                                  "Exit codes", "SIGHUP", "SIGUSR2", "--save-within", "json:FILE"})
+        for (const char *named :
+             {"--plugin",       "--entry",       "--config",         "--set",     "--id",
+              "--framing",      "--max-message", "--max-unfinished", "--output",  "--log-level",
+              "--status-every", "--exit-after",  "--help",           "--version", "Exit codes",
+              "SIGHUP",         "SIGUSR2",       "--save-within",    "json:FILE", "--drain"})
             QVERIFY2(line.text.contains(QLatin1String(named)), named);
     }
 }

@@ -5,11 +5,15 @@
 #include "tests/host/inputhosttest.h"
 #include "tests/kit/hangguard.h"
 #include "tests/kit/testaddress.h"
+#include "tests/kit/tirelessdevice.h"
 
 #include <QtNetwork/QTcpServer>
 #include <QtTest/QtTest>
 
+#include <algorithm>
 #include <csignal>
+#include <memory>
+#include <vector>
 
 #include <unistd.h>
 
@@ -24,6 +28,9 @@ class tst_InputHostReload : public InputHostTest
 private Q_SLOTS:
     void reload();
     void reloadPrintsWhatIsStillComing();
+    void reloadLosesNothing();
+    void reloadEndsWhoDoesNotClose();
+    void reloadWithoutOffsets();
     void reloadWithBadConfiguration_data();
     void reloadWithBadConfiguration();
     void reloadThatDoesNotListen();
@@ -47,7 +54,7 @@ void tst_InputHostReload::reload()
         host.signal(SIGHUP);
         QTRY_COMPARE_WITH_TIMEOUT(host.log().count("Listening on "), n + 1, HangGuardMs);
         QVERIFY(!canConnect(ports[(n + 1) % 2]));
-        Device device(testAddress(), port);
+        inputhosttest::Device device(testAddress(), port);
         device.send("a\n");
         QTRY_COMPARE_WITH_TIMEOUT(host.lines().size(), n, HangGuardMs);
     }
@@ -62,7 +69,7 @@ void tst_InputHostReload::reloadPrintsWhatIsStillComing()
 {
     Host host;
     host.start();
-    Device device(host);
+    inputhosttest::Device device(host);
     device.send("a\n");
     QTRY_COMPARE_WITH_TIMEOUT(host.lines().size(), 1, HangGuardMs);
     device.send("b\nhalf");
@@ -72,6 +79,81 @@ void tst_InputHostReload::reloadPrintsWhatIsStillComing()
              QStringList({QStringLiteral("a"), QStringLiteral("b"), QStringLiteral("half")}));
     QCOMPARE(host.record(2).value(QStringLiteral("partial")), QJsonValue(true));
     QTRY_COMPARE_WITH_TIMEOUT(host.log().count("Listening on "), 2, HangGuardMs);
+}
+
+// Devices that send without a pause find the port open all the time.
+void tst_InputHostReload::reloadLosesNothing()
+{
+    constexpr int Devices = 3;
+    constexpr int Reloads = 3;
+    Host host;
+    host.start(words("--drain 1"));
+    std::vector<std::unique_ptr<TirelessDevice>> devices;
+    for (int n = 0; n < Devices; ++n)
+        devices.push_back(std::make_unique<TirelessDevice>(n, testAddress(), host.port, false));
+    // Each plugin makes a worker for each of them. Who only waits in the kernel's queue is not told
+    // to go, but taken over.
+    const auto allAreServed = [&](int plugins) {
+        const auto haveFailed = std::any_of(devices.begin(), devices.end(),
+                                            [](const auto &device) { return device->hasFailed(); });
+        return haveFailed || host.log().count("Creating new TcpTask2") == plugins * Devices;
+    };
+    for (int n = 1; n <= Reloads; ++n) {
+        QTRY_VERIFY_WITH_TIMEOUT(allAreServed(n), HangGuardMs);
+        host.signal(SIGHUP);
+        QTRY_COMPARE_WITH_TIMEOUT(host.log().count("Listening on "), n + 1, HangGuardMs);
+    }
+    QTRY_VERIFY_WITH_TIMEOUT(allAreServed(Reloads + 1), HangGuardMs);
+    QStringList expected;
+    for (const auto &device : devices) {
+        device->finish();
+        QVERIFY(!device->hasFailed());
+        for (int n = 0; n < device->sent(); ++n)
+            expected += QString::fromLatin1(numberedMessage(device->stream(), n)).chopped(1);
+    }
+    QCOMPARE(host.stop(), int(ExitOk));
+    QStringList texts; // Host::texts() is for few
+    for (const QByteArray &line : host.lines())
+        texts += QJsonDocument::fromJson(line).object().value(QStringLiteral("text")).toString();
+    texts.sort();
+    expected.sort();
+    QVERIFY(texts == expected); // nothing is missing, nothing comes twice
+    QVERIFY2(!host.log().contains("warning: "), host.log().constData());
+}
+
+void tst_InputHostReload::reloadEndsWhoDoesNotClose()
+{
+    Host host;
+    host.start();
+    const auto device = NativeSocket::connectedTo(testAddress(), host.port);
+    QVERIFY(device.send("a\nhalf"));
+    QTRY_COMPARE_WITH_TIMEOUT(host.lines().size(), 1, HangGuardMs);
+    host.signal(SIGHUP);
+    QVERIFY(device.ends()); // is told
+    QTRY_VERIFY_WITH_TIMEOUT(
+            host.log().contains("1 connections were not closed by their devices, closing"),
+            HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(host.lines().size(), 2, HangGuardMs);
+    QCOMPARE(host.record(1).value(QStringLiteral("partial")), QJsonValue(true));
+    QCOMPARE(host.stop(), int(ExitOk));
+}
+
+// The old plugin is ended first: nobody could tell the two plugins' offers apart.
+void tst_InputHostReload::reloadWithoutOffsets()
+{
+    Host host;
+    host.start(words("--set offsets=false"));
+    const auto device = NativeSocket::connectedTo(testAddress(), host.port);
+    QVERIFY(device.send("a\n"));
+    QTRY_COMPARE_WITH_TIMEOUT(host.lines().size(), 1, HangGuardMs);
+    host.signal(SIGHUP);
+    QTRY_COMPARE_WITH_TIMEOUT(host.log().count("Listening on "), 2, HangGuardMs);
+    QVERIFY(!host.log().contains("devices are told"));
+    QVERIFY(device.ends());
+    inputhosttest::Device another(host);
+    another.send("b\n");
+    QTRY_COMPARE_WITH_TIMEOUT(host.lines().size(), 2, HangGuardMs);
+    QCOMPARE(host.stop(), int(ExitOk));
 }
 
 void tst_InputHostReload::reloadWithBadConfiguration_data()
@@ -93,7 +175,7 @@ void tst_InputHostReload::reloadWithBadConfiguration()
     const QString file = writeConfig(listenConfig(host.port));
     host.run({QStringLiteral("--config"), file});
     QTRY_VERIFY_WITH_TIMEOUT(canConnect(host.port), HangGuardMs);
-    Device device(host);
+    inputhosttest::Device device(host);
 
     writeConfig(content);
     if (content.isEmpty())
@@ -117,14 +199,17 @@ void tst_InputHostReload::reloadThatDoesNotListen()
     host.run({QStringLiteral("--config"), file});
     QTRY_VERIFY_WITH_TIMEOUT(canConnect(host.port), HangGuardMs);
 
+    inputhosttest::Device before(host); // goes on
     writeConfig(listenConfig(other.serverPort()));
     host.signal(SIGHUP);
-    QTRY_COMPARE_WITH_TIMEOUT(host.log().count("Listening on "), 2, HangGuardMs);
+    QTRY_VERIFY_WITH_TIMEOUT(host.log().contains("Going on with the old configuration"),
+                             HangGuardMs);
     QVERIFY(host.log().contains("error: "));
     QVERIFY(host.log().contains("The plugin does not listen"));
-    Device device(host);
-    device.send("a\n");
-    QTRY_COMPARE_WITH_TIMEOUT(host.lines().size(), 1, HangGuardMs);
+    before.send("a\n");
+    inputhosttest::Device device(host);
+    device.send("b\n");
+    QTRY_COMPARE_WITH_TIMEOUT(host.lines().size(), 2, HangGuardMs);
     QCOMPARE(host.stop(), int(ExitOk));
 }
 
@@ -135,24 +220,29 @@ void tst_InputHostReload::reloadThatDoesNotStart()
     host.run({QStringLiteral("--config"), file});
     QTRY_VERIFY_WITH_TIMEOUT(canConnect(host.port), HangGuardMs);
 
+    inputhosttest::Device before(host); // goes on
     writeConfig(listenConfig(host.port, R"(, "ssl": {"CAFile": "/nonexistent"})"));
     host.signal(SIGHUP);
-    QTRY_COMPARE_WITH_TIMEOUT(host.log().count("Listening on "), 2, HangGuardMs);
+    QTRY_VERIFY_WITH_TIMEOUT(host.log().contains("Going on with the old configuration"),
+                             HangGuardMs);
     QVERIFY(host.log().contains("The plugin refused to start"));
-    Device device(host);
-    device.send("a\n");
-    QTRY_COMPARE_WITH_TIMEOUT(host.lines().size(), 1, HangGuardMs);
+    before.send("a\n");
+    inputhosttest::Device device(host);
+    device.send("b\n");
+    QTRY_COMPARE_WITH_TIMEOUT(host.lines().size(), 2, HangGuardMs);
     QCOMPARE(host.stop(), int(ExitOk));
 }
 
-// The new configuration is refused. The old one no longer works, either.
+// The new configuration is refused, and the old one no longer works, either. Without "offsets" the
+// old plugin is ended before the new one starts.
 void tst_InputHostReload::reloadWithNothingToGoBackTo()
 {
     const QString certificates = folder.filePath(QStringLiteral("ca.pem"));
     QFile file(certificates);
     QVERIFY(file.open(QIODevice::WriteOnly));
     // An empty file is no certificate. It is refused, unless "strict" is false.
-    const QByteArray ssl = R"(, "strict": false, "ssl": {"CAFile": ")" + certificates.toUtf8();
+    const QByteArray ssl =
+            R"(, "offsets": false, "strict": false, "ssl": {"CAFile": ")" + certificates.toUtf8();
     Host host;
     host.run({QStringLiteral("--config"), writeConfig(listenConfig(host.port, ssl + "\"}"))});
     QTRY_VERIFY_WITH_TIMEOUT(host.log().contains("Listening on "), HangGuardMs);
@@ -161,7 +251,8 @@ void tst_InputHostReload::reloadWithNothingToGoBackTo()
     writeConfig(listenConfig(host.port, ssl + ".missing\"}"));
     host.signal(SIGHUP);
     QCOMPARE(host.finish(), int(ExitStartFailed));
-    QCOMPARE(host.log().count("The plugin refused to start"), 2);
+    QVERIFY(host.log().contains("The plugin refused to start"));
+    QVERIFY(host.log().contains("The old configuration does not work any more, either"));
     QVERIFY(host.log().contains("\nmessages 0 "));
 }
 
@@ -172,7 +263,7 @@ void tst_InputHostReload::standardInputIsReadOnce()
     host.process.write(listenConfig(host.port));
     host.process.closeWriteChannel();
     QTRY_VERIFY_WITH_TIMEOUT(canConnect(host.port), HangGuardMs);
-    Device device(host);
+    inputhosttest::Device device(host);
     host.signal(SIGHUP);
     QTRY_VERIFY_WITH_TIMEOUT(host.log().contains("Standard input can be read once only"),
                              HangGuardMs);

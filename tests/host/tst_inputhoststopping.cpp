@@ -4,6 +4,7 @@
 #include "host/exitcodes.h"
 #include "tests/host/inputhosttest.h"
 #include "tests/kit/hangguard.h"
+#include "tests/kit/nativesocket.h"
 
 #include <QtTest/QtTest>
 
@@ -42,6 +43,9 @@ private Q_SLOTS:
     void partialOfAClosedConnection_data();
     void partialOfAClosedConnection();
     void secondSignalEndsABlockedProgram();
+    void drains();
+    void drainEndsWhoDoesNotClose();
+    void otherSignalEndsTheDrain();
 
     void closedPipe();
     void closedOutput();
@@ -169,6 +173,56 @@ void tst_InputHostStopping::secondSignalEndsABlockedProgram()
     };
     QTRY_VERIFY_WITH_TIMEOUT(isGone(), HangGuardMs);
     QCOMPARE(host.finish(), -1);
+}
+
+void tst_InputHostStopping::drains()
+{
+    Host host;
+    host.start(words("--drain 1"));
+    auto device = NativeSocket::connectedTo(testAddress(), host.port);
+    QVERIFY(device.send("a\n"));
+    QTRY_COMPARE_WITH_TIMEOUT(host.lines().size(), 1, HangGuardMs);
+    host.signal(SIGTERM);
+    QVERIFY(device.ends());
+    QVERIFY(device.send("b\n"));
+    host.signal(SIGHUP); // changes nothing any more
+    QTRY_VERIFY_WITH_TIMEOUT(host.log().contains("Configuration not read: "), HangGuardMs);
+    QVERIFY(!NativeSocket::connectedTo(testAddress(), host.port).isValid());
+    QVERIFY(host.isRunning());
+    QVERIFY(device.send("c\n"));
+    device.close();
+    QCOMPARE(host.finish(), int(ExitOk));
+    QCOMPARE(host.texts(),
+             QStringList({QStringLiteral("a"), QStringLiteral("b"), QStringLiteral("c")}));
+    QVERIFY(host.log().contains("Stopping: devices are told within 1 s"));
+    QVERIFY2(!host.log().contains("were not closed"), host.log().constData());
+}
+
+void tst_InputHostStopping::drainEndsWhoDoesNotClose()
+{
+    Host host;
+    host.start(words("--drain 1"));
+    const auto device = NativeSocket::connectedTo(testAddress(), host.port);
+    QVERIFY(device.send("a\n"));
+    QTRY_COMPARE_WITH_TIMEOUT(host.lines().size(), 1, HangGuardMs);
+    QVERIFY(device.send("half"));
+    QCOMPARE(host.stop(), int(ExitOk));
+    QCOMPARE(host.texts(), QStringList({QStringLiteral("a"), QStringLiteral("half")}));
+    QVERIFY(host.log().contains("1 connections were not closed by their devices, closing"));
+}
+
+void tst_InputHostStopping::otherSignalEndsTheDrain()
+{
+    Host host;
+    host.start(words("--drain 3600"));
+    const auto device = NativeSocket::connectedTo(testAddress(), host.port);
+    QVERIFY(device.send("a\n"));
+    QTRY_COMPARE_WITH_TIMEOUT(host.lines().size(), 1, HangGuardMs);
+    QVERIFY(device.send("b\n"));
+    host.signal(SIGTERM);
+    QTRY_VERIFY_WITH_TIMEOUT(host.log().contains("Stopping: "), HangGuardMs);
+    QCOMPARE(host.stop(SIGINT), int(ExitOk));
+    QCOMPARE(host.texts(), QStringList({QStringLiteral("a"), QStringLiteral("b")}));
 }
 
 void tst_InputHostStopping::closedPipe()

@@ -4,11 +4,19 @@
 # The host's parts, one by one.
 foreach(name IN ITEMS
         tst_exactreading tst_fairturns tst_framing tst_heldanswers tst_hostconfiguration tst_hostoptions
-        tst_hosttexts tst_logging tst_messagereader tst_offertracker tst_process tst_storesink tst_streamsink tst_tlschecks
+        tst_hosttexts tst_logging tst_messagereader tst_natsparts tst_offertracker tst_process tst_storesink tst_streamsink tst_tlschecks
         tst_trafficrecorder tst_unfinished)
     plugin_test(${name})
     target_link_libraries(${name} PRIVATE inputhost_parts)
 endforeach()
+
+# A broker: each test starts servers of its own.
+if(NATS_INCLUDE_DIR AND NATS_LIBRARY)
+    foreach(name IN ITEMS tst_natsaway tst_natsstore)
+        plugin_test(${name})
+        target_link_libraries(${name} PRIVATE inputhost_parts)
+    endforeach()
+endif()
 
 # The program.
 foreach(name IN ITEMS

@@ -115,7 +115,7 @@ bool InputHost::readConfiguration()
         configuration = withDefaults(configurationReader.configuration());
         error = tlsRefusal(configuration);
         if (error.isEmpty())
-            error = recordingRefusal();
+            error = positionsRefusal();
     }
     if (error.isEmpty())
         return true;
@@ -123,11 +123,16 @@ bool InputHost::readConfiguration()
     return false;
 }
 
-// Empty: it can be recorded, or nobody asks for that.
-QString InputHost::recordingRefusal() const
+// Empty: positions and ends are told, or nobody needs them.
+QString InputHost::positionsRefusal() const
 {
-    if (options.recording.file.isEmpty()
-        || (inputkit::stampsOffers(configuration) && inputkit::tellsEnds(configuration)))
+    if (inputkit::stampsOffers(configuration) && inputkit::tellsEnds(configuration))
+        return {};
+    if (options.output.kind == OutputOptions::Nats)
+        return QStringLiteral(
+                "--output nats://... needs \"offsets\" and \"ends\": a message is known by its "
+                "position in its connection");
+    if (options.recording.file.isEmpty())
         return {};
     return QStringLiteral(
             "--record needs \"offsets\" and \"ends\": without them nobody knows which "

@@ -43,7 +43,7 @@ public:
 private:
     // False, with an error line, if it cannot be read or is refused.
     bool readConfiguration();
-    QString recordingRefusal() const;
+    QString positionsRefusal() const;
     bool startRecording();
     ExitCode fail(ExitCode code, const QString &text);
 

@@ -3,6 +3,8 @@
 
 #include "host/options.h"
 
+#include "host/sinks/nats/subjecttemplate.h"
+
 #include <QtCore/QCommandLineParser>
 #include <QtCore/QCoreApplication>
 #include <QtCore/QJsonArray>
@@ -11,6 +13,7 @@
 #include <algorithm>
 #include <limits>
 #include <optional>
+#include <utility>
 
 namespace host {
 namespace {
@@ -39,6 +42,14 @@ Outputs:
   json:FILE, raw:FILE
          The same in a file, which is continued. While the disk is full, the
          program waits.
+  nats://[USER:PASSWORD@]HOST[:PORT][,HOST[:PORT]...]/STREAM
+         Into a stream of JetStream, each message once and in the order of its
+         connection. While the server is away, messages wait. A password is
+         better kept in a file: --nats-credentials.
+
+Placeholders of --nats-subject: {connection} (its number in this run), {peer},
+{port}, {source}, {client}, {plugin}, {epoch} (32 digits that tell this run from
+others) and {stream}.
 
 Signals:
   SIGINT, SIGTERM  Stop, print what is still coming, exit; with --drain, first
@@ -117,13 +128,38 @@ struct Definitions
             QStringLiteral("BYTES")};
     const QCommandLineOption output{
             QStringLiteral("output"),
-            QStringLiteral("json (default), json:FILE, raw, raw:FILE, count or none; see below."),
+            QStringLiteral("json (default), json:FILE, raw, raw:FILE, count, none or "
+                           "nats://HOST/STREAM; see below."),
             QStringLiteral("OUTPUT"), QStringLiteral("json")};
     const QCommandLineOption saveWithin{
             QStringLiteral("save-within"),
             QStringLiteral("How long to wait at the end for messages that are not safe yet: for "
                            "which the pipe has no room, for example. At least 1. Default: 60."),
             QStringLiteral("SECONDS"), QStringLiteral("60")};
+    const QCommandLineOption natsSubject{
+            QStringLiteral("nats-subject"),
+            QStringLiteral("The subject of each message. Default: dev.{connection}."),
+            QStringLiteral("TEMPLATE"), QStringLiteral("dev.{connection}")};
+    const QCommandLineOption natsCreate{
+            QStringLiteral("nats-create"),
+            QStringLiteral("Creates the stream if it is missing, on one server or on three. "
+                           "Default: waits for it."),
+            QStringLiteral("R1|R3")};
+    const QCommandLineOption natsTlsCa{
+            QStringLiteral("nats-tls-ca"),
+            QStringLiteral("Speaks TLS; the server's certificate must come from a CA in the file."),
+            QStringLiteral("FILE")};
+    const QCommandLineOption natsTlsCert{
+            QStringLiteral("nats-tls-cert"),
+            QStringLiteral("Speaks TLS, and shows the server this certificate."),
+            QStringLiteral("FILE")};
+    const QCommandLineOption natsTlsKey{QStringLiteral("nats-tls-key"),
+                                        QStringLiteral("The certificate's private key."),
+                                        QStringLiteral("FILE")};
+    const QCommandLineOption natsCredentials{
+            QStringLiteral("nats-credentials"),
+            QStringLiteral("The user's token and key, as NATS tools write them."),
+            QStringLiteral("FILE")};
     const QCommandLineOption logLevel{
             QStringLiteral("log-level"),
             QStringLiteral("The least important log lines to show: debug, info (default) or "
@@ -170,11 +206,33 @@ struct Definitions
 
     void addTo(QCommandLineParser &parser) const
     {
-        parser.addOptions(
-                {plugin,         entry,         config, set,        id,         framing,
-                 maxMessage,     maxUnfinished, output, saveWithin, logLevel,   statusEvery,
-                 exitAfter,      drain,         record, recordSize, recordKeep, recordNoPayload,
-                 recordCompress, help,          version});
+        parser.addOptions({plugin,
+                           entry,
+                           config,
+                           set,
+                           id,
+                           framing,
+                           maxMessage,
+                           maxUnfinished,
+                           output,
+                           saveWithin,
+                           natsSubject,
+                           natsCreate,
+                           natsTlsCa,
+                           natsTlsCert,
+                           natsTlsKey,
+                           natsCredentials,
+                           logLevel,
+                           statusEvery,
+                           exitAfter,
+                           drain,
+                           record,
+                           recordSize,
+                           recordKeep,
+                           recordNoPayload,
+                           recordCompress,
+                           help,
+                           version});
     }
 };
 
@@ -300,6 +358,48 @@ OutputOptions readOutput(const QString &text, ValueReader &reader)
     return output.value_or(OutputOptions());
 }
 
+void refuseNatsOptions(const QCommandLineParser &parser, const Definitions &known,
+                       ValueReader &reader)
+{
+    for (const QCommandLineOption &option :
+         {known.natsSubject, known.natsCreate, known.natsTlsCa, known.natsTlsCert, known.natsTlsKey,
+          known.natsCredentials}) {
+        if (parser.isSet(option))
+            reader.complain(QStringLiteral("--%1 needs --output nats://HOST/STREAM.")
+                                    .arg(option.names().last()));
+    }
+}
+
+// Shows nothing of the address: it may hold a password.
+NatsSettings readNats(const QString &target, const QCommandLineParser &parser,
+                      const Definitions &known, ValueReader &reader)
+{
+    NatsSettings settings;
+    const QString error = target.startsWith(QLatin1String("//"))
+            ? readNatsAddress(target.mid(2), settings)
+            : QStringLiteral("two slashes are missing");
+    if (!error.isEmpty())
+        reader.complain(
+                QStringLiteral("Invalid value for --output nats://HOST/STREAM: %1.").arg(error));
+    settings.subject = parser.value(known.natsSubject);
+    const QString fault = SubjectTemplate().read(settings.subject, settings.stream, "0");
+    if (!fault.isEmpty())
+        reader.complain(QStringLiteral("Invalid value for --nats-subject: '%1': %2.")
+                                .arg(settings.subject, fault));
+    if (parser.isSet(known.natsCreate))
+        settings.replicas = reader.choice<int>(known.natsCreate, {{"R1", 1}, {"R3", 3}});
+    settings.caFile = parser.value(known.natsTlsCa);
+    settings.certificateFile = parser.value(known.natsTlsCert);
+    settings.keyFile = parser.value(known.natsTlsKey);
+    settings.credentialsFile = parser.value(known.natsCredentials);
+    if (settings.certificateFile.isEmpty() != settings.keyFile.isEmpty())
+        reader.complain(QStringLiteral("--nats-tls-cert and --nats-tls-key need each other."));
+    if (!canUseNats())
+        reader.complain(
+                QStringLiteral("--output nats://... : the program was built without libnats."));
+    return settings;
+}
+
 Options readOptions(const QCommandLineParser &parser, const Definitions &known, ValueReader &reader)
 {
     Options options;
@@ -319,6 +419,11 @@ Options readOptions(const QCommandLineParser &parser, const Definitions &known, 
     if (options.maxUnfinished == 0)
         options.maxUnfinished = std::max(DefaultMaxUnfinished, options.format.maxMessage);
     options.output = readOutput(parser.value(known.output), reader);
+    if (options.output.kind == OutputOptions::Nats)
+        options.output.nats =
+                readNats(std::exchange(options.output.target, {}), parser, known, reader);
+    else
+        refuseNatsOptions(parser, known, reader);
     options.logLevel = QLatin1String(reader.choice<const char *>(
             known.logLevel, {{"debug", "debug"}, {"info", "info"}, {"warning", "warning"}}));
     constexpr int mostSeconds = std::numeric_limits<int>::max() / 1000;

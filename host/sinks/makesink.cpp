@@ -5,6 +5,10 @@
 
 #include "host/sinks/countingsink.h"
 #include "host/sinks/streamsink.h"
+#ifdef INPUTHOST_HAS_NATS
+#include "host/sinks/nats/natsstore.h"
+#include "host/sinks/storesink.h"
+#endif
 
 #include <QtCore/QRandomGenerator>
 
@@ -19,13 +23,15 @@ struct Name
 {
     const char *text;
     OutputOptions::Kind kind;
-    bool hasTarget; // may be followed by a colon and a target
+    const char *target; // may stand behind it; null: nothing
+    bool needsTarget = false;
 };
 constexpr Name Names[] = {
-        {"json", OutputOptions::Json, true},
-        {"raw", OutputOptions::Raw, true},
-        {"count", OutputOptions::Count, false},
-        {"none", OutputOptions::None, false},
+        {"json", OutputOptions::Json, ":FILE"},
+        {"raw", OutputOptions::Raw, ":FILE"},
+        {"count", OutputOptions::Count, nullptr},
+        {"none", OutputOptions::None, nullptr},
+        {"nats", OutputOptions::Nats, "://HOST/STREAM", true},
 };
 
 std::unique_ptr<Sink> makeStream(StreamFormat format, const QString &file)
@@ -34,6 +40,19 @@ std::unique_ptr<Sink> makeStream(StreamFormat format, const QString &file)
         return std::make_unique<StreamSink>(format, STDOUT_FILENO);
     return std::make_unique<StreamSink>(format, file);
 }
+
+#ifdef INPUTHOST_HAS_NATS
+std::unique_ptr<Sink> makeNats(NatsSettings settings, const QString &epoch)
+{
+    settings.epoch = epoch.toLatin1();
+    return std::make_unique<StoreSink>(std::make_unique<NatsStore>(settings));
+}
+#else
+std::unique_ptr<Sink> makeNats(const NatsSettings &, const QString &)
+{
+    return nullptr; // canUseNats()
+}
+#endif
 
 } // namespace
 
@@ -44,10 +63,10 @@ std::optional<OutputOptions> parseOutput(const QString &text)
     for (const Name &each : Names) {
         if (name != QLatin1String(each.text))
             continue;
-        if (colon < 0)
-            return OutputOptions{each.kind, {}};
-        if (each.hasTarget && colon + 1 < text.size())
-            return OutputOptions{each.kind, text.mid(colon + 1)};
+        if (colon < 0 && !each.needsTarget)
+            return OutputOptions{each.kind, {}, {}};
+        if (colon >= 0 && each.target && colon + 1 < text.size())
+            return OutputOptions{each.kind, text.mid(colon + 1), {}};
     }
     return {};
 }
@@ -56,16 +75,25 @@ QStringList knownOutputs()
 {
     QStringList known;
     for (const Name &each : Names) {
-        known += QLatin1String(each.text);
-        if (each.hasTarget)
-            known += QLatin1String(each.text) + QLatin1String(":FILE");
+        if (!each.needsTarget)
+            known += QLatin1String(each.text);
+        if (each.target)
+            known += QLatin1String(each.text) + QLatin1String(each.target);
     }
     return known;
 }
 
+bool canUseNats()
+{
+#ifdef INPUTHOST_HAS_NATS
+    return true;
+#else
+    return false;
+#endif
+}
+
 std::unique_ptr<Sink> makeSink(const OutputOptions &options, Framing framing, const QString &epoch)
 {
-    Q_UNUSED(epoch)
     switch (options.kind) {
     case OutputOptions::Json:
         return makeStream({StreamFormat::Json, framing}, options.target);
@@ -73,6 +101,8 @@ std::unique_ptr<Sink> makeSink(const OutputOptions &options, Framing framing, co
         return makeStream({StreamFormat::Raw, framing}, options.target);
     case OutputOptions::Count:
         return std::make_unique<CountingSink>(STDOUT_FILENO);
+    case OutputOptions::Nats:
+        return makeNats(options.nats, epoch);
     case OutputOptions::None:
         break;
     }

@@ -30,6 +30,15 @@ foreach(name IN ITEMS
     add_dependencies(${name} inputhost tcpinputplugin2)
 endforeach()
 
+if(NATS_INCLUDE_DIR AND NATS_LIBRARY)
+    plugin_test(tst_inputhostnats 300)
+    target_link_libraries(tst_inputhostnats PRIVATE inputhost_parts)
+    target_compile_definitions(tst_inputhostnats PRIVATE
+        INPUTHOST_FILE="$<TARGET_FILE:inputhost>"
+        PLUGIN_FILE="$<TARGET_FILE:tcpinputplugin2>"
+        CONSUMER_FILE="$<TARGET_FILE:example_consume_nats>")
+    add_dependencies(tst_inputhostnats inputhost tcpinputplugin2 example_consume_nats)
+endif()
 target_link_libraries(tst_inputhostrecording PRIVATE tcpinput_recording)
 target_link_libraries(tst_trafficrecorder PRIVATE tcpinput_recording)
 test_uses_certificates(tst_inputhostreload) # its devices can TLS

@@ -40,6 +40,7 @@ private Q_SLOTS:
     void help();
     void version();
     void recording();
+    void nats();
 };
 
 void tst_HostOptions::defaults()
@@ -164,7 +165,7 @@ void tst_HostOptions::refused_data()
     QTest::newRow("--entry other") << "--entry: 'other'. It takes one of create, registerPlugin.";
     QTest::newRow("--framing line") << "--framing: 'line'. It takes one of lines, length, none.";
     QTest::newRow("--output JSON")
-            << "--output: 'JSON'. It takes one of json, json:FILE, raw, raw:FILE, count, none.";
+            << "--output: 'JSON'. It takes one of json, json:FILE, raw, raw:FILE, count, none, nats://HOST/STREAM.";
     QTest::newRow("--log-level error")
             << "--log-level: 'error'. It takes one of debug, info, warning.";
     QTest::newRow("--max-message 0")
@@ -189,6 +190,13 @@ void tst_HostOptions::refused_data()
     QTest::newRow("--record f --record-keep 2") << "--record-keep needs --record-size.";
     QTest::newRow("--output json:") << "--output: 'json:'";
     QTest::newRow("--output count:file") << "--output: 'count:file'";
+    QTest::newRow("--output nats") << "--output: 'nats'";
+    QTest::newRow("--output nats:a/S") << "nats://HOST/STREAM: two slashes are missing.";
+    QTest::newRow("--output nats://a/S --nats-create R2") << "--nats-create: 'R2'. It takes one of";
+    QTest::newRow("--output nats://a/S --nats-subject a.*") << "--nats-subject: 'a.*': a subject";
+    QTest::newRow("--output nats://a/S --nats-tls-key k")
+            << "--nats-tls-cert and --nats-tls-key need each other.";
+    QTest::newRow("--nats-create R1") << "--nats-create needs --output nats://HOST/STREAM.";
     QTest::newRow("--save-within 0") << "--save-within: '0'";
     QTest::newRow("--exit-after x --output x") << "--output: 'x'"; // the option that is read first
 }
@@ -254,6 +262,38 @@ void tst_HostOptions::recording()
     QCOMPARE(all.fileBytes, Q_INT64_C(10000000000));
     QCOMPARE(all.keep, 3);
     QVERIFY(!all.withPayload && all.compress);
+}
+
+void tst_HostOptions::nats()
+{
+    if (!canUseNats())
+        QSKIP("built without libnats");
+    const CommandLine plain = parse(words("--output nats://me:secret@a,b:5/S"));
+    QCOMPARE(plain.outcome, CommandLine::Run);
+    QCOMPARE(plain.options.output.kind, OutputOptions::Nats);
+    QCOMPARE(plain.options.output.target, QString());
+    const NatsSettings &settings = plain.options.output.nats;
+    QCOMPARE(settings.servers, words("a:4222 b:5"));
+    QCOMPARE(settings.stream, QStringLiteral("S"));
+    QCOMPARE(settings.password, QStringLiteral("secret"));
+    QCOMPARE(settings.subject, QStringLiteral("dev.{connection}"));
+    QCOMPARE(settings.replicas, 0);
+    QVERIFY(!settings.wantsTls());
+
+    const NatsSettings all =
+            parse(words("--output nats://a/S --nats-subject x.{peer} --nats-create R3 --nats-tls-ca "
+                        "ca --nats-tls-cert cert --nats-tls-key key --nats-credentials creds"))
+                    .options.output.nats;
+    QCOMPARE(all.subject, QStringLiteral("x.{peer}"));
+    QCOMPARE(all.replicas, 3);
+    QCOMPARE(all.caFile, QStringLiteral("ca"));
+    QCOMPARE(all.certificateFile, QStringLiteral("cert"));
+    QCOMPARE(all.keyFile, QStringLiteral("key"));
+    QCOMPARE(all.credentialsFile, QStringLiteral("creds"));
+
+    const QString text = parse(words("--output nats://me:secret@a")).text;
+    QVERIFY(text.contains(QStringLiteral("the stream's name")));
+    QVERIFY(!text.contains(QStringLiteral("secret")));
 }
 
 QTEST_GUILESS_MAIN(tst_HostOptions)

@@ -164,8 +164,8 @@ void tst_HostOptions::refused_data()
     QTest::newRow("--set x=\"a") << "--set x: this is not JSON";
     QTest::newRow("--entry other") << "--entry: 'other'. It takes one of create, registerPlugin.";
     QTest::newRow("--framing line") << "--framing: 'line'. It takes one of lines, length, none.";
-    QTest::newRow("--output JSON")
-            << "--output: 'JSON'. It takes one of json, json:FILE, raw, raw:FILE, count, none, nats://HOST/STREAM.";
+    QTest::newRow("--output JSON") << "--output: 'JSON'. It takes one of json, json:FILE, raw, "
+                                      "raw:FILE, count, none, nats://HOST/STREAM.";
     QTest::newRow("--log-level error")
             << "--log-level: 'error'. It takes one of debug, info, warning.";
     QTest::newRow("--max-message 0")
@@ -281,7 +281,8 @@ void tst_HostOptions::nats()
     QVERIFY(!settings.wantsTls());
 
     const NatsSettings all =
-            parse(words("--output nats://a/S --nats-subject x.{peer} --nats-create R3 --nats-tls-ca "
+            parse(words("--output nats://a/S --nats-subject x.{peer} --nats-create R3 "
+                        "--nats-tls-ca "
                         "ca --nats-tls-cert cert --nats-tls-key key --nats-credentials creds"))
                     .options.output.nats;
     QCOMPARE(all.subject, QStringLiteral("x.{peer}"));

@@ -71,7 +71,8 @@ void tst_InputHostNats::serverAwayForAWhile()
     device.send("c\n");
     server.start();
     QTRY_COMPARE_WITH_TIMEOUT(Reader(server).messages().size(), size_t(3), HangGuardMs);
-    QCOMPARE(host.stop(), int(ExitOk));
+    const int code = host.stop();
+    QVERIFY2(code == ExitOk, host.log().constData());
     QByteArrayList texts;
     for (const Reader::Message &message : Reader(server).messages())
         texts.append(message.bytes);

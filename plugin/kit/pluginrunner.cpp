@@ -140,13 +140,13 @@ void PluginRunner::later()
 void PluginRunner::setAccepting(bool enable)
 {
     accepting = enable;
-    if (current)
+    if (current && !current->hasEnded())
         AcceptPause::ask(current->plugin(), !accepting);
 }
 
 bool PluginRunner::renewCertificates()
 {
-    return current
+    return current && !current->hasEnded()
             && CertificateRenewal::ask(current->plugin()) == CertificateRenewal::Answer::Renewed;
 }
 

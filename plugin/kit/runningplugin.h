@@ -37,7 +37,9 @@ public:
     ~RunningPlugin();
     Q_DISABLE_COPY_MOVE(RunningPlugin)
 
+    // Until it has ended.
     IInputPlugin &plugin() { return *input; }
+    bool hasEnded() const { return !input; }
     const QJsonObject &configuration() const { return given; }
     // Where it listens.
     const ListenStatus &listens() const { return listensOn; }

@@ -18,6 +18,20 @@ if(NATS_INCLUDE_DIR AND NATS_LIBRARY)
     endforeach()
 endif()
 
+# The stores, as far as the program has them.
+get_target_property(host_definitions inputhost_parts COMPILE_DEFINITIONS)
+if("HOST_HAS_SQLITE" IN_LIST host_definitions)
+    find_package(Qt6 6.4 REQUIRED COMPONENTS Sql)
+    foreach(name IN ITEMS tst_sqlitekeep tst_sqlitestore)
+        plugin_test(${name})
+        target_link_libraries(${name} PRIVATE inputhost_parts)
+    endforeach()
+endif()
+if("HOST_HAS_POSTGRESQL" IN_LIST host_definitions)
+    plugin_test(tst_postgresstore)
+    target_link_libraries(tst_postgresstore PRIVATE inputhost_parts)
+endif()
+
 # The program.
 foreach(name IN ITEMS
         tst_inputhostmessages tst_inputhostoutput tst_inputhostrecording tst_inputhostreload tst_inputhoststalls tst_inputhoststart

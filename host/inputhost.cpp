@@ -5,6 +5,7 @@
 
 #include "host/logging.h"
 #include "host/signalnotifier.h"
+#include "host/sinks/makesink.h"
 #include "host/tlschecks.h"
 #include "plugin/cwrn.h"
 #include "plugin/kit/defaults.h"
@@ -128,10 +129,9 @@ QString InputHost::positionsRefusal() const
 {
     if (inputkit::stampsOffers(configuration) && inputkit::tellsEnds(configuration))
         return {};
-    if (options.output.kind == OutputOptions::Nats)
-        return QStringLiteral(
-                "--output nats://... needs \"offsets\" and \"ends\": a message is known by its "
-                "position in its connection");
+    if (options.output.needsPositions())
+        return QStringLiteral("A store needs \"offsets\" and \"ends\": it knows messages by their "
+                              "places in their connections");
     if (options.recording.file.isEmpty())
         return {};
     return QStringLiteral(
@@ -139,6 +139,7 @@ QString InputHost::positionsRefusal() const
             "bytes are new, and when a connection is over");
 }
 
+// Likewise.
 bool InputHost::startRecording()
 {
     if (options.recording.file.isEmpty())

@@ -42,10 +42,20 @@ Outputs:
   json:FILE, raw:FILE
          The same in a file, which is continued. While the disk is full, the
          program waits.
+  sqlite:FILE
+         An SQLite database, which is continued. It can be read meanwhile. Old
+         messages are removed if --keep says so.
+  postgresql:CONNINFO
+         A PostgreSQL database. CONNINFO is a connection string of libpq, as
+         "host=db dbname=traffic" or "//user@db/traffic". While the server is
+         away, the program waits. Put the password into ~/.pgpass: others can see
+         the command line.
   nats://[USER:PASSWORD@]HOST[:PORT][,HOST[:PORT]...]/STREAM
          Into a stream of JetStream, each message once and in the order of its
          connection. While the server is away, messages wait. A password is
          better kept in a file: --nats-credentials.
+  Stores (sqlite, postgresql, nats) have each message once. They need "offsets"
+  and "ends".
 
 Placeholders of --nats-subject: {connection} (its number in this run), {peer},
 {port}, {source}, {client}, {plugin}, {epoch} (32 digits that tell this run from
@@ -128,9 +138,15 @@ struct Definitions
             QStringLiteral("BYTES")};
     const QCommandLineOption output{
             QStringLiteral("output"),
-            QStringLiteral("json (default), json:FILE, raw, raw:FILE, count, none or "
-                           "nats://HOST/STREAM; see below."),
+            QStringLiteral("json (default), json:FILE, raw, raw:FILE, count, none, sqlite:FILE, "
+                           "postgresql:CONNINFO or nats://HOST/STREAM; see below."),
             QStringLiteral("OUTPUT"), QStringLiteral("json")};
+    const QCommandLineOption keep{
+            QStringLiteral("keep"),
+            QStringLiteral("For sqlite: removes the oldest messages, by age (30d; also h, min, s), "
+                           "by the database's size (10GB; also MB), or by both (30d,10GB). "
+                           "Default: keeps all."),
+            QStringLiteral("LIMIT")};
     const QCommandLineOption saveWithin{
             QStringLiteral("save-within"),
             QStringLiteral("How long to wait at the end for messages that are not safe yet: for "
@@ -215,6 +231,7 @@ struct Definitions
                            maxMessage,
                            maxUnfinished,
                            output,
+                           keep,
                            saveWithin,
                            natsSubject,
                            natsCreate,
@@ -349,13 +366,39 @@ inputkit::RecordingOptions readRecording(const QCommandLineParser &parser, const
     return options;
 }
 
-OutputOptions readOutput(const QString &text, ValueReader &reader)
+Keep readKeep(const QString &text, OutputOptions::Kind output, ValueReader &reader)
 {
-    const std::optional<OutputOptions> output = parseOutput(text);
-    if (!output)
+    const std::optional<Keep> keep = parseKeep(text);
+    if (output != OutputOptions::Sqlite)
+        reader.complain(QStringLiteral("--keep needs --output sqlite:FILE."));
+    else if (!keep)
+        reader.complain(QStringLiteral("Invalid value for --keep: '%1'. It takes an age as 30d, a "
+                                       "size as 10GB, or both as 30d,10GB.")
+                                .arg(text));
+    return keep.value_or(Keep());
+}
+
+// What stands behind the colon is not shown: it may have a password.
+OutputOptions readOutput(const QCommandLineParser &parser, const Definitions &known,
+                         ValueReader &reader)
+{
+    const QString text = parser.value(known.output);
+    OutputOptions output;
+    if (const std::optional<OutputOptions> parsed = parseOutput(text)) {
+        output = *parsed;
+    } else {
+        const qsizetype colon = text.indexOf(QLatin1Char(':'));
+        const QString shown = colon < 0 ? text : text.left(colon) + QStringLiteral(":...");
         reader.complain(QStringLiteral("Invalid value for --output: '%1'. It takes one of %2.")
-                                .arg(text, knownOutputs().join(QLatin1String(", "))));
-    return output.value_or(OutputOptions());
+                                .arg(shown, knownOutputs().join(QLatin1String(", "))));
+    }
+    const QString missing = missingFor(output.kind);
+    if (!missing.isEmpty())
+        reader.complain(QStringLiteral("--output %1: this program was built without %2.")
+                                .arg(text.section(QLatin1Char(':'), 0, 0), missing));
+    if (parser.isSet(known.keep))
+        output.keep = readKeep(parser.value(known.keep), output.kind, reader);
+    return output;
 }
 
 void refuseNatsOptions(const QCommandLineParser &parser, const Definitions &known,
@@ -394,9 +437,6 @@ NatsSettings readNats(const QString &target, const QCommandLineParser &parser,
     settings.credentialsFile = parser.value(known.natsCredentials);
     if (settings.certificateFile.isEmpty() != settings.keyFile.isEmpty())
         reader.complain(QStringLiteral("--nats-tls-cert and --nats-tls-key need each other."));
-    if (!canUseNats())
-        reader.complain(
-                QStringLiteral("--output nats://... : the program was built without libnats."));
     return settings;
 }
 
@@ -418,7 +458,7 @@ Options readOptions(const QCommandLineParser &parser, const Definitions &known, 
     options.maxUnfinished = reader.number(known.maxUnfinished, std::numeric_limits<qint64>::max());
     if (options.maxUnfinished == 0)
         options.maxUnfinished = std::max(DefaultMaxUnfinished, options.format.maxMessage);
-    options.output = readOutput(parser.value(known.output), reader);
+    options.output = readOutput(parser, known, reader);
     if (options.output.kind == OutputOptions::Nats)
         options.output.nats =
                 readNats(std::exchange(options.output.target, {}), parser, known, reader);

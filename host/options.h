@@ -4,7 +4,7 @@
 #pragma once
 
 #include "host/framing.h"
-#include "host/sinks/makesink.h"
+#include "host/outputoptions.h"
 #include "plugin/kit/pluginloader.h"
 #include "plugin/recording/trafficrecorder.h"
 

@@ -4,10 +4,19 @@
 #include "host/sinks/makesink.h"
 
 #include "host/sinks/countingsink.h"
-#include "host/sinks/streamsink.h"
-#ifdef INPUTHOST_HAS_NATS
-#include "host/sinks/nats/natsstore.h"
 #include "host/sinks/storesink.h"
+#include "host/sinks/streamsink.h"
+#if defined(HOST_HAS_SQLITE) || defined(HOST_HAS_POSTGRESQL)
+#include "host/sinks/sql/sqlstore.h"
+#endif
+#ifdef HOST_HAS_SQLITE
+#include "host/sinks/sql/sqlitedatabase.h"
+#endif
+#ifdef HOST_HAS_POSTGRESQL
+#include "host/sinks/sql/postgresdatabase.h"
+#endif
+#ifdef HOST_HAS_NATS
+#include "host/sinks/nats/natsstore.h"
 #endif
 
 #include <QtCore/QRandomGenerator>
@@ -19,21 +28,6 @@
 namespace host {
 namespace {
 
-struct Name
-{
-    const char *text;
-    OutputOptions::Kind kind;
-    const char *target; // may stand behind it; null: nothing
-    bool needsTarget = false;
-};
-constexpr Name Names[] = {
-        {"json", OutputOptions::Json, ":FILE"},
-        {"raw", OutputOptions::Raw, ":FILE"},
-        {"count", OutputOptions::Count, nullptr},
-        {"none", OutputOptions::None, nullptr},
-        {"nats", OutputOptions::Nats, "://HOST/STREAM", true},
-};
-
 std::unique_ptr<Sink> makeStream(StreamFormat format, const QString &file)
 {
     if (file.isEmpty())
@@ -41,56 +35,31 @@ std::unique_ptr<Sink> makeStream(StreamFormat format, const QString &file)
     return std::make_unique<StreamSink>(format, file);
 }
 
-#ifdef INPUTHOST_HAS_NATS
-std::unique_ptr<Sink> makeNats(NatsSettings settings, const QString &epoch)
+// Null: the program was built without that store.
+std::unique_ptr<Store> makeStore(const OutputOptions &options, const QString &epoch)
 {
-    settings.epoch = epoch.toLatin1();
-    return std::make_unique<StoreSink>(std::make_unique<NatsStore>(settings));
-}
-#else
-std::unique_ptr<Sink> makeNats(const NatsSettings &, const QString &)
-{
-    return nullptr; // canUseNats()
-}
+    Q_UNUSED(epoch)
+#ifdef HOST_HAS_SQLITE
+    if (options.kind == OutputOptions::Sqlite)
+        return std::make_unique<SqlStore>(
+                std::make_unique<SqliteDatabase>(options.target, epoch, options.keep));
 #endif
+#ifdef HOST_HAS_POSTGRESQL
+    if (options.kind == OutputOptions::Postgres)
+        return std::make_unique<SqlStore>(std::make_unique<PostgresDatabase>(
+                PostgresAddress(options.target.toUtf8()), epoch.toLatin1()));
+#endif
+#ifdef HOST_HAS_NATS
+    if (options.kind == OutputOptions::Nats) {
+        NatsSettings settings = options.nats;
+        settings.epoch = epoch.toLatin1();
+        return std::make_unique<NatsStore>(settings);
+    }
+#endif
+    return nullptr;
+}
 
 } // namespace
-
-std::optional<OutputOptions> parseOutput(const QString &text)
-{
-    const qsizetype colon = text.indexOf(QLatin1Char(':'));
-    const QString name = text.left(colon);
-    for (const Name &each : Names) {
-        if (name != QLatin1String(each.text))
-            continue;
-        if (colon < 0 && !each.needsTarget)
-            return OutputOptions{each.kind, {}, {}};
-        if (colon >= 0 && each.target && colon + 1 < text.size())
-            return OutputOptions{each.kind, text.mid(colon + 1), {}};
-    }
-    return {};
-}
-
-QStringList knownOutputs()
-{
-    QStringList known;
-    for (const Name &each : Names) {
-        if (!each.needsTarget)
-            known += QLatin1String(each.text);
-        if (each.target)
-            known += QLatin1String(each.text) + QLatin1String(each.target);
-    }
-    return known;
-}
-
-bool canUseNats()
-{
-#ifdef INPUTHOST_HAS_NATS
-    return true;
-#else
-    return false;
-#endif
-}
 
 std::unique_ptr<Sink> makeSink(const OutputOptions &options, Framing framing, const QString &epoch)
 {
@@ -101,12 +70,13 @@ std::unique_ptr<Sink> makeSink(const OutputOptions &options, Framing framing, co
         return makeStream({StreamFormat::Raw, framing}, options.target);
     case OutputOptions::Count:
         return std::make_unique<CountingSink>(STDOUT_FILENO);
-    case OutputOptions::Nats:
-        return makeNats(options.nats, epoch);
     case OutputOptions::None:
+        return std::make_unique<CountingSink>(-1);
+    default:
         break;
     }
-    return std::make_unique<CountingSink>(-1);
+    std::unique_ptr<Store> store = makeStore(options, epoch);
+    return store ? std::make_unique<StoreSink>(std::move(store)) : nullptr;
 }
 
 QString newEpoch()

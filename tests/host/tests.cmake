@@ -32,16 +32,20 @@ if("HOST_HAS_POSTGRESQL" IN_LIST host_definitions)
     target_link_libraries(tst_postgresstore PRIVATE inputhost_parts)
 endif()
 
-# The program.
-foreach(name IN ITEMS
-        tst_inputhostmessages tst_inputhostoutput tst_inputhostrecording tst_inputhostreload tst_inputhoststalls tst_inputhoststart
-        tst_inputhoststatus tst_inputhoststopping tst_inputhosttls)
+# host_program_test(NAME): a test that runs the program.
+function(host_program_test name)
     plugin_test(${name} 300)
     target_link_libraries(${name} PRIVATE Qt6::Network)
     target_compile_definitions(${name} PRIVATE
         INPUTHOST_FILE="$<TARGET_FILE:inputhost>"
         PLUGIN_FILE="$<TARGET_FILE:tcpinputplugin2>")
     add_dependencies(${name} inputhost tcpinputplugin2)
+endfunction()
+
+foreach(name IN ITEMS
+        tst_inputhostmessages tst_inputhostoutput tst_inputhostrecording tst_inputhostreload tst_inputhoststalls tst_inputhoststart
+        tst_inputhoststatus tst_inputhoststopping tst_inputhosttls)
+    host_program_test(${name})
 endforeach()
 
 if(NATS_INCLUDE_DIR AND NATS_LIBRARY)
@@ -53,6 +57,11 @@ if(NATS_INCLUDE_DIR AND NATS_LIBRARY)
         CONSUMER_FILE="$<TARGET_FILE:example_consume_nats>")
     add_dependencies(tst_inputhostnats inputhost tcpinputplugin2 example_consume_nats)
 endif()
+if("HOST_HAS_SQLITE" IN_LIST host_definitions)
+    host_program_test(tst_inputhoststore)
+    target_link_libraries(tst_inputhoststore PRIVATE Qt6::Sql)
+endif()
+
 target_link_libraries(tst_inputhostrecording PRIVATE tcpinput_recording)
 target_link_libraries(tst_trafficrecorder PRIVATE tcpinput_recording)
 test_uses_certificates(tst_inputhostreload) # its devices can TLS

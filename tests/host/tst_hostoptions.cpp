@@ -31,6 +31,8 @@ private Q_SLOTS:
     void defaults();
     void all();
     void otherChoices();
+    void keep_data();
+    void keep();
     void settings_data();
     void settings();
     void settingsKeepTheirOrder();
@@ -100,9 +102,51 @@ void tst_HostOptions::otherChoices()
     QCOMPARE(parse(words("--output json")).options.output.kind, OutputOptions::Json);
     QCOMPARE(parse(words("--output count")).options.output.kind, OutputOptions::Count);
     QCOMPARE(parse(words("--output none")).options.output.kind, OutputOptions::None);
+    const OutputOptions sqlite = parse(words("--output sqlite:a:b")).options.output;
+    QCOMPARE(sqlite.kind, OutputOptions::Sqlite);
+    QCOMPARE(sqlite.target, QStringLiteral("a:b"));
+    QVERIFY(sqlite.keep.isAll());
+    const OutputOptions server = parse(words("--output postgresql://me@there/data")).options.output;
+    QCOMPARE(server.kind, OutputOptions::Postgres);
+    QCOMPARE(server.target, QStringLiteral("//me@there/data"));
     QCOMPARE(parse(words("--log-level info")).options.logLevel, QStringLiteral("info"));
     QCOMPARE(parse(words("--log-level warning")).options.logLevel, QStringLiteral("warning"));
     QCOMPARE(parse(words("--id=")).options.id, QString());
+}
+
+void tst_HostOptions::keep_data()
+{
+    QTest::addColumn<qint64>("seconds");
+    QTest::addColumn<qint64>("bytes");
+    constexpr qint64 Refused = -1;
+    QTest::newRow("5s") << qint64(5) << qint64(0);
+    QTest::newRow("2min") << qint64(120) << qint64(0);
+    QTest::newRow("48h") << qint64(48 * 3600) << qint64(0);
+    QTest::newRow("9999999d") << qint64(9999999) * 86400 << qint64(0);
+    QTest::newRow("20MB") << qint64(0) << qint64(20000000);
+    QTest::newRow("10GB") << qint64(0) << qint64(10000000000);
+    QTest::newRow("1GB,30d") << qint64(30 * 86400) << qint64(1000000000);
+    for (const char *text : {"", "30", "d", "0d", "-1d", "+1d", "30D", "30 d", "1.5d", "10gb",
+                             "1d,2h", "1GB,2MB", "30d,", "1d,1GB,1d", "10000000d", "30d\n"})
+        QTest::newRow(text) << Refused << Refused;
+}
+
+void tst_HostOptions::keep()
+{
+    QFETCH(const qint64, seconds);
+    QFETCH(const qint64, bytes);
+    const QString text = QString::fromLatin1(QTest::currentDataTag());
+    const CommandLine line = parse({QStringLiteral("--output"), QStringLiteral("sqlite:f"),
+                                    QStringLiteral("--keep=") + text});
+    if (seconds < 0) {
+        QCOMPARE(line.outcome, CommandLine::Refuse);
+        QVERIFY2(line.text.contains(QStringLiteral("--keep: '%1'. It takes an age").arg(text)),
+                 qPrintable(line.text));
+        return;
+    }
+    QCOMPARE(line.outcome, CommandLine::Run);
+    QCOMPARE(line.options.output.keep.age.count(), seconds);
+    QCOMPARE(line.options.output.keep.bytes, bytes);
 }
 
 void tst_HostOptions::settings_data()
@@ -164,8 +208,9 @@ void tst_HostOptions::refused_data()
     QTest::newRow("--set x=\"a") << "--set x: this is not JSON";
     QTest::newRow("--entry other") << "--entry: 'other'. It takes one of create, registerPlugin.";
     QTest::newRow("--framing line") << "--framing: 'line'. It takes one of lines, length, none.";
-    QTest::newRow("--output JSON") << "--output: 'JSON'. It takes one of json, json:FILE, raw, "
-                                      "raw:FILE, count, none, nats://HOST/STREAM.";
+    QTest::newRow("--output JSON")
+            << "--output: 'JSON'. It takes one of json, json:FILE, raw, raw:FILE, count, none, "
+               "sqlite:FILE, postgresql:CONNINFO, nats://HOST/STREAM.";
     QTest::newRow("--log-level error")
             << "--log-level: 'error'. It takes one of debug, info, warning.";
     QTest::newRow("--max-message 0")
@@ -188,8 +233,11 @@ void tst_HostOptions::refused_data()
     QTest::newRow("--record-size 9") << "--record-size needs --record.";
     QTest::newRow("--record f --record-size 0") << "--record-size: '0'";
     QTest::newRow("--record f --record-keep 2") << "--record-keep needs --record-size.";
-    QTest::newRow("--output json:") << "--output: 'json:'";
-    QTest::newRow("--output count:file") << "--output: 'count:file'";
+    QTest::newRow("--output json:") << "--output: 'json:...'";
+    QTest::newRow("--output count:file") << "--output: 'count:...'";
+    QTest::newRow("--output sqlite") << "--output: 'sqlite'";
+    QTest::newRow("--output postgres:password=x") << "--output: 'postgres:...'";
+    QTest::newRow("--keep 30d") << "--keep needs --output sqlite:FILE.";
     QTest::newRow("--output nats") << "--output: 'nats'";
     QTest::newRow("--output nats:a/S") << "nats://HOST/STREAM: two slashes are missing.";
     QTest::newRow("--output nats://a/S --nats-create R2") << "--nats-create: 'R2'. It takes one of";
@@ -228,11 +276,18 @@ void tst_HostOptions::help()
     for (const char *arguments : {"--help", "-h", "--help --output x"}) {
         const CommandLine line = parse(words(arguments));
         QCOMPARE(line.outcome, CommandLine::Inform);
-        for (const char *named :
-             {"--plugin",       "--entry",       "--config",         "--set",     "--id",
-              "--framing",      "--max-message", "--max-unfinished", "--output",  "--log-level",
-              "--status-every", "--exit-after",  "--help",           "--version", "Exit codes",
-              "SIGHUP",         "SIGUSR2",       "--save-within",    "json:FILE", "--drain"})
+        for (const char *named : {"--plugin",       "--entry",
+                                  "--config",       "--set",
+                                  "--id",           "--framing",
+                                  "--max-message",  "--max-unfinished",
+                                  "--output",       "--log-level",
+                                  "--status-every", "--exit-after",
+                                  "--help",         "--version",
+                                  "Exit codes",     "SIGHUP",
+                                  "SIGUSR2",        "--save-within",
+                                  "json:FILE",      "--drain",
+                                  "sqlite:FILE",    "postgresql:CONNINFO",
+                                  "nats://HOST",    "--keep"})
             QVERIFY2(line.text.contains(QLatin1String(named)), named);
     }
 }
@@ -266,7 +321,7 @@ void tst_HostOptions::recording()
 
 void tst_HostOptions::nats()
 {
-    if (!canUseNats())
+    if (!missingFor(OutputOptions::Nats).isEmpty())
         QSKIP("built without libnats");
     const CommandLine plain = parse(words("--output nats://me:secret@a,b:5/S"));
     QCOMPARE(plain.outcome, CommandLine::Run);

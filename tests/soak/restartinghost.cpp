@@ -7,6 +7,7 @@
 #include "host/exitcodes.h"
 #include "host/logging.h"
 #include "host/signalnotifier.h"
+#include "host/sinks/makesink.h"
 #include "plugin/iinputplugin.h"
 #include "plugin/kit/listenstatus.h"
 

@@ -69,6 +69,10 @@ public:
     DiscardResult tryDiscard(int length, const subids::Values &subid) const;
     static void logDiscard(DiscardResult result, const QMap<QString, QString> &subid);
 
+    // Tells the devices of all clients within that time that nothing follows from here, and those
+    // that come later at once. phase: see Farewell.
+    void leave(std::chrono::milliseconds spread, double phase);
+
     bool event(QEvent *event) override;
 
 Q_SIGNALS:
@@ -89,10 +93,6 @@ public Q_SLOTS:
 
     // Ends all clients. Processes the calling thread's events for at most 10 ms.
     void stop();
-
-    // Tells the devices of all clients within that time that nothing follows from here, and those
-    // that come later at once. phase: see Farewell.
-    void leave(std::chrono::milliseconds spread, double phase);
 
     // Two lines per client: its id behind the prefix, and the name that query() answers for it.
     QString getInfo(const QString &prefix = QString());

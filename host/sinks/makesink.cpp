@@ -35,7 +35,26 @@ std::unique_ptr<Sink> makeStream(StreamFormat format, const QString &file)
     return std::make_unique<StreamSink>(format, file);
 }
 
-// Null: the program was built without that store.
+} // namespace
+
+std::unique_ptr<Sink> makeSink(const OutputOptions &options, Framing framing, const QString &epoch)
+{
+    switch (options.kind) {
+    case OutputOptions::Json:
+        return makeStream({StreamFormat::Json, framing}, options.target);
+    case OutputOptions::Raw:
+        return makeStream({StreamFormat::Raw, framing}, options.target);
+    case OutputOptions::Count:
+        return std::make_unique<CountingSink>(STDOUT_FILENO);
+    case OutputOptions::None:
+        return std::make_unique<CountingSink>(-1);
+    default:
+        break;
+    }
+    std::unique_ptr<Store> store = makeStore(options, epoch);
+    return store ? std::make_unique<StoreSink>(std::move(store)) : nullptr;
+}
+
 std::unique_ptr<Store> makeStore(const OutputOptions &options, const QString &epoch)
 {
     Q_UNUSED(epoch)
@@ -57,26 +76,6 @@ std::unique_ptr<Store> makeStore(const OutputOptions &options, const QString &ep
     }
 #endif
     return nullptr;
-}
-
-} // namespace
-
-std::unique_ptr<Sink> makeSink(const OutputOptions &options, Framing framing, const QString &epoch)
-{
-    switch (options.kind) {
-    case OutputOptions::Json:
-        return makeStream({StreamFormat::Json, framing}, options.target);
-    case OutputOptions::Raw:
-        return makeStream({StreamFormat::Raw, framing}, options.target);
-    case OutputOptions::Count:
-        return std::make_unique<CountingSink>(STDOUT_FILENO);
-    case OutputOptions::None:
-        return std::make_unique<CountingSink>(-1);
-    default:
-        break;
-    }
-    std::unique_ptr<Store> store = makeStore(options, epoch);
-    return store ? std::make_unique<StoreSink>(std::move(store)) : nullptr;
 }
 
 QString newEpoch()

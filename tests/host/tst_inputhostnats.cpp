@@ -98,7 +98,7 @@ void tst_InputHostNats::withoutPositions()
     Host host;
     host.run(outputTo(server) + words("--set offsets=false"));
     QCOMPARE(host.finish(), int(ExitBadConfiguration));
-    QVERIFY(host.log().contains("--output nats://... needs \"offsets\" and \"ends\""));
+    QVERIFY(host.log().contains("A store needs \"offsets\" and \"ends\""));
 }
 
 // examples/consume-nats shows one device's messages: those that are there, and those that come.

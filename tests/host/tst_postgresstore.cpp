@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-#include "host/sinks/sql/sqlstores.h"
+#include "host/sinks/makesink.h"
 #include "tests/host/postgresserver.h"
 #include "tests/host/storetest.h"
 
@@ -10,6 +10,18 @@
 using namespace host;
 using namespace std::chrono_literals;
 using namespace storetest;
+
+namespace {
+
+std::unique_ptr<Store> makePostgresStore(const QString &address, const QString &epoch)
+{
+    OutputOptions options;
+    options.kind = OutputOptions::Postgres;
+    options.target = address;
+    return makeStore(options, epoch);
+}
+
+} // namespace
 
 // Each message is in the database once, whatever happens to the server.
 class tst_PostgresStore : public QObject

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
-#include "host/sinks/sql/sqlstores.h"
+#include "host/sinks/makesink.h"
 #include "tests/host/sqlitereader.h"
 #include "tests/host/storetest.h"
 
@@ -17,6 +17,15 @@ using namespace std::chrono_literals;
 using namespace storetest;
 
 namespace {
+
+std::unique_ptr<Store> makeSqliteStore(const QString &file, const Keep &keep, const QString &epoch)
+{
+    OutputOptions options;
+    options.kind = OutputOptions::Sqlite;
+    options.target = file;
+    options.keep = keep;
+    return makeStore(options, epoch);
+}
 
 constexpr auto LoadArgument = "--load";
 

@@ -64,28 +64,28 @@ QString NatsConnection::settingsError(const NatsSettings &settings)
     return apply(settings, options.get());
 }
 
-QString NatsConnection::apply(const NatsSettings &settings, natsOptions *options)
+QString NatsConnection::apply(const NatsSettings &settings, natsOptions *target)
 {
-    const auto check = [](natsStatus status, const QString &what) {
-        return status == NATS_OK ? QString()
-                                 : QStringLiteral("%1: %2").arg(what, lastError(status));
+    const auto check = [](natsStatus result, const QString &what) {
+        return result == NATS_OK ? QString()
+                                 : QStringLiteral("%1: %2").arg(what, lastError(result));
     };
     QString error;
     if (settings.wantsTls())
-        error = check(natsOptions_SetSecure(options, true), QStringLiteral("TLS"));
+        error = check(natsOptions_SetSecure(target, true), QStringLiteral("TLS"));
     if (error.isEmpty() && !settings.caFile.isEmpty())
         error = check(natsOptions_LoadCATrustedCertificates(
-                              options, QFile::encodeName(settings.caFile).constData()),
+                              target, QFile::encodeName(settings.caFile).constData()),
                       settings.caFile);
     if (error.isEmpty() && !settings.certificateFile.isEmpty())
         error = check(natsOptions_LoadCertificatesChain(
-                              options, QFile::encodeName(settings.certificateFile).constData(),
+                              target, QFile::encodeName(settings.certificateFile).constData(),
                               QFile::encodeName(settings.keyFile).constData()),
                       settings.certificateFile);
     if (error.isEmpty() && !settings.credentialsFile.isEmpty())
         error = check(
                 natsOptions_SetUserCredentialsFromFiles(
-                        options, QFile::encodeName(settings.credentialsFile).constData(), nullptr),
+                        target, QFile::encodeName(settings.credentialsFile).constData(), nullptr),
                 settings.credentialsFile);
     return error;
 }

@@ -75,17 +75,14 @@ Q_SIGNALS:
 private:
     struct Free
     {
-        void operator()(natsOptions *options) const { natsOptions_Destroy(options); }
-        void operator()(natsSubscription *subscription) const
-        {
-            natsSubscription_Destroy(subscription);
-        }
-        void operator()(natsConnection *connection) const { natsConnection_Destroy(connection); }
-        void operator()(natsMsg *message) const { natsMsg_Destroy(message); }
+        void operator()(natsOptions *it) const { natsOptions_Destroy(it); }
+        void operator()(natsSubscription *it) const { natsSubscription_Destroy(it); }
+        void operator()(natsConnection *it) const { natsConnection_Destroy(it); }
+        void operator()(natsMsg *it) const { natsMsg_Destroy(it); }
     };
     using Options = std::unique_ptr<natsOptions, Free>;
 
-    static QString apply(const NatsSettings &settings, natsOptions *options);
+    static QString apply(const NatsSettings &settings, natsOptions *target);
     QString prepare(const NatsSettings &settings, const QString &server);
     void connectNow();
     void noteOutcome();

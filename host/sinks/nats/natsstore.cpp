@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <utility>
 
+#include <nats/nats.h>
+
 namespace host {
 namespace {
 
@@ -76,6 +78,7 @@ void NatsStore::close()
     ready = false;
     link.close();
     report();
+    nats_ReleaseThreadMemory(); // what the library keeps for this thread, which ends now
 }
 
 void NatsStore::add(Batch batch)

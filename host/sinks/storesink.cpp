@@ -9,6 +9,8 @@
 
 #include <utility>
 
+#include <openssl/crypto.h>
+
 namespace host {
 namespace {
 
@@ -124,7 +126,14 @@ void StoreSink::close()
     if (!thread.isRunning())
         return;
     QMetaObject::invokeMethod(
-            store.get(), [this] { store->close(); }, Qt::BlockingQueuedConnection);
+            store.get(),
+            [this] {
+                store->close();
+                // At a thread's end OpenSSL frees what it keeps for it, but QThread does not wait
+                // for that, and the program may be over first.
+                OPENSSL_thread_stop();
+            },
+            Qt::BlockingQueuedConnection);
     thread.quit();
     thread.wait();
 }

@@ -3,9 +3,7 @@
 
 #include "host/sinks/storesink.h"
 
-#include <QtCore/QCoreApplication>
 #include <QtCore/QDeadlineTimer>
-#include <QtCore/QSemaphore>
 
 #include <utility>
 
@@ -27,7 +25,7 @@ StoreSink::StoreSink(std::unique_ptr<Store> messageStore, qint64 memoryLimit)
     thread.setObjectName(QStringLiteral("store"));
     timer.setSingleShot(true);
     connect(&timer, &QTimer::timeout, this, &StoreSink::handOver);
-    connect(store.get(), &Store::stored, this, &StoreSink::noteStored, Qt::QueuedConnection);
+    connect(store.get(), &Store::stored, this, &StoreSink::report, Qt::DirectConnection);
     connect(
             store.get(), &Store::connectedChanged, this,
             [this](bool isConnected) { connected = isConnected; }, Qt::QueuedConnection);
@@ -88,12 +86,28 @@ void StoreSink::handOver()
     updateFull();
 }
 
-void StoreSink::noteStored(const Stored &progress)
+// In the store's thread. finish() waits here for news without an event loop; a queued signal
+// could come just behind its last look.
+void StoreSink::report(const Stored &progress)
 {
-    unsafeMessages -= progress.messages;
-    unsafeMemory -= progress.memory;
-    for (const SafePosition &each : progress.safe)
-        Q_EMIT safe(each.connection, each.end);
+    const QMutexLocker locker(&guard);
+    if (reports.empty())
+        QMetaObject::invokeMethod(this, &StoreSink::noteReports, Qt::QueuedConnection);
+    reports.push_back(progress);
+    reported.wakeOne();
+}
+
+void StoreSink::noteReports()
+{
+    QMutexLocker locker(&guard);
+    const std::vector<Stored> news = std::exchange(reports, {});
+    locker.unlock();
+    for (const Stored &progress : news) {
+        unsafeMessages -= progress.messages;
+        unsafeMemory -= progress.memory;
+        for (const SafePosition &each : progress.safe)
+            Q_EMIT safe(each.connection, each.end);
+    }
     updateFull();
 }
 
@@ -108,17 +122,22 @@ qint64 StoreSink::finish(std::chrono::milliseconds atMost)
 {
     handOver();
     const QDeadlineTimer deadline(atMost);
-    QSemaphore news;
-    const auto connection = connect(
-            store.get(), &Store::stored, this, [&news] { news.release(); }, Qt::DirectConnection);
-    QCoreApplication::sendPostedEvents(this); // to noteStored()
-    while (unsafeMemory > 0 && thread.isRunning()
-           && news.tryAcquire(1, static_cast<int>(deadline.remainingTime())))
-        QCoreApplication::sendPostedEvents(this);
+    noteReports();
+    while (unsafeMemory > 0 && thread.isRunning() && waitForReport(deadline))
+        noteReports();
     close();
-    disconnect(connection);
-    QCoreApplication::sendPostedEvents(this); // what the store has said last
+    noteReports(); // what the store has said last
     return unsafeMessages + batch.messages();
+}
+
+bool StoreSink::waitForReport(const QDeadlineTimer &deadline)
+{
+    QMutexLocker locker(&guard);
+    while (reports.empty()) {
+        if (!reported.wait(&guard, deadline))
+            return false;
+    }
+    return true;
 }
 
 void StoreSink::close()

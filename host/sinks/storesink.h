@@ -7,10 +7,13 @@
 #include "host/sinks/sink.h"
 #include "host/sinks/store.h"
 
+#include <QtCore/QMutex>
 #include <QtCore/QThread>
 #include <QtCore/QTimer>
+#include <QtCore/QWaitCondition>
 
 #include <memory>
+#include <vector>
 
 namespace host {
 
@@ -43,7 +46,9 @@ public:
 private:
     void added();
     void handOver();
-    void noteStored(const Stored &progress);
+    void report(const Stored &progress);
+    void noteReports();
+    bool waitForReport(const QDeadlineTimer &deadline);
     void updateFull();
     void close();
 
@@ -55,6 +60,10 @@ private:
     qint64 unsafeMessages = 0; // in the store
     qint64 unsafeMemory = 0;
     bool connected = false;
+
+    QMutex guard;
+    QWaitCondition reported;
+    std::vector<Stored> reports; // of the store, not noted yet; guarded
 };
 
 } // namespace host

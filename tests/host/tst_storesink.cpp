@@ -4,7 +4,7 @@
 #include "host/sinks/storesink.h"
 #include "tests/kit/hangguard.h"
 
-#include <QtCore/QMutex>
+#include <QtCore/QSemaphore>
 #include <QtTest/QtTest>
 
 using namespace host;
@@ -105,6 +105,7 @@ private Q_SLOTS:
     void isFullAndNotFull();
     void finishingWaits();
     void finishingWaitsNoLonger();
+    void storedAsTheEndBegins();
     void writtenBehindTheEnd();
     void finishingGivesUp();
     void destroyedWithMessages();
@@ -198,6 +199,28 @@ void tst_StoreSink::finishingWaitsNoLonger()
         QCOMPARE(sink.finish(std::chrono::milliseconds(2 * HangGuardMs)), 0);
         QVERIFY(sinceBegin.elapsed() < HangGuardMs); // a hang, not a measurement
     }
+}
+
+// The store has begun to say so before finish() is called, and comes to an end of it after.
+void tst_StoreSink::storedAsTheEndBegins()
+{
+    QElapsedTimer sinceBegin;
+    sinceBegin.start();
+    auto store = std::make_unique<HeldStore>();
+    QSemaphore saying;
+    connect(
+            store.get(), &Store::stored, store.get(),
+            [&saying] {
+                saying.release();
+                QThread::msleep(20); // most likely the other thread waits by then
+            },
+            Qt::DirectConnection);
+    StoreSink sink(std::move(store));
+    QVERIFY(sink.open());
+    sink.write({originOf(1), {}, QByteArray(Megabyte, 'x'), 0, 2}); // goes at once
+    QVERIFY(saying.tryAcquire(1, HangGuardMs));
+    QCOMPARE(sink.finish(std::chrono::milliseconds(HangGuardMs)), 0);
+    QVERIFY(sinceBegin.elapsed() < HangGuardMs);
 }
 
 // It is not safe, and nobody may be told so.

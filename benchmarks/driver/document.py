@@ -40,7 +40,7 @@ TLS_FIGURES = {
     "tls_bulk_16_1": ("the same, 16 connections", "{:.3f}"),
     "tls_memory_few": ("resident bytes per idle connection at 3,000", "{:,.0f}"),
     "tls_memory_many": ("the same, at 10,000", "{:,.0f}"),
-    "tls_memory_left": ("resident bytes left of each of the 10,000, once all have closed",
+    "tls_memory_left": ("resident bytes left of each of the 10,000, 10 s after all have closed",
                         "{:,.0f}"),
     "tls_opening": ("opening one more at 3,000 and more: CPU µs", "{:,.0f}"),
 }

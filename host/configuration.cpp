@@ -3,6 +3,8 @@
 
 #include "host/configuration.h"
 
+#include "plugin/kit/defaults.h"
+
 #include <QtCore/QFile>
 #include <QtCore/QJsonDocument>
 
@@ -18,6 +20,7 @@ bool ConfigurationReader::read()
     if (!parse(content))
         return false;
 
+    object.remove(QLatin1String(SchemaKey)); // for editors
     for (const auto &[key, value] : options.settings)
         object.insert(key, value);
     return true;
@@ -62,6 +65,8 @@ bool ConfigurationReader::isStandardInput() const
 
 QString ConfigurationReader::sourceName() const
 {
+    if (options.configFile.isEmpty())
+        return QStringLiteral("the command line");
     return isStandardInput() ? QStringLiteral("standard input") : options.configFile;
 }
 
@@ -69,6 +74,19 @@ bool ConfigurationReader::fail(const QString &text)
 {
     error = text;
     return false;
+}
+
+// Whoever gives "limits" gives all of them: an operator who leaves one out wants none.
+QJsonObject withDefaults(const QJsonObject &configuration)
+{
+    constexpr int MiB = 1024 * 1024;
+    const QJsonObject defaultLimits = {{QStringLiteral("connectionBuffer"), 1 * MiB},
+                                       {QStringLiteral("totalBuffer"), 128 * MiB},
+                                       {QStringLiteral("stalledTimeout"), 60}};
+    const QString key = QStringLiteral("limits");
+    QJsonObject complete = inputkit::withDefaults(configuration);
+    complete.insert(key, configuration.contains(key) ? configuration.value(key) : defaultLimits);
+    return complete;
 }
 
 } // namespace host

@@ -9,6 +9,13 @@
 
 namespace host {
 
+// A key of the file that is left out: editors look there for the name of a schema.
+inline constexpr auto SchemaKey = "$schema";
+
+// What this program asks of the plugin unless its operator says otherwise:
+// inputkit::withDefaults(), and the "limits" that it documents.
+QJsonObject withDefaults(const QJsonObject &configuration);
+
 //! Reads the plugin's configuration: the file, if any, and what the command line sets over it.
 class ConfigurationReader
 {
@@ -21,12 +28,13 @@ public:
 
     QJsonObject configuration() const { return object; }
     QString errorString() const { return error; }
+    // Of the file, for people.
+    QString sourceName() const;
 
 private:
     bool readFile(QByteArray &content);
     bool parse(const QByteArray &content);
     bool isStandardInput() const;
-    QString sourceName() const;
     bool fail(const QString &text);
 
     const Options &options;

@@ -3,6 +3,7 @@
 
 #include "host/inputhost.h"
 
+#include "host/check/keychecks.h"
 #include "host/logging.h"
 #include "host/signalnotifier.h"
 #include "host/sinks/makesink.h"
@@ -20,19 +21,6 @@ namespace host {
 namespace {
 
 using inputkit::PluginRunner;
-
-// Whoever gives "limits" gives all of them: an operator who leaves one out wants none.
-QJsonObject withDefaults(const QJsonObject &configuration)
-{
-    constexpr int MiB = 1024 * 1024;
-    const QJsonObject defaultLimits = {{QStringLiteral("connectionBuffer"), 1 * MiB},
-                                       {QStringLiteral("totalBuffer"), 128 * MiB},
-                                       {QStringLiteral("stalledTimeout"), 60}};
-    const QString key = QStringLiteral("limits");
-    QJsonObject complete = inputkit::withDefaults(configuration);
-    complete.insert(key, configuration.contains(key) ? configuration.value(key) : defaultLimits);
-    return complete;
-}
 
 inputkit::PluginSettings pluginSettings(const Options &options)
 {
@@ -118,10 +106,13 @@ bool InputHost::readConfiguration()
         if (error.isEmpty())
             error = positionsRefusal();
     }
-    if (error.isEmpty())
-        return true;
-    fail(ExitBadConfiguration, error);
-    return false;
+    if (!error.isEmpty()) {
+        fail(ExitBadConfiguration, error);
+        return false;
+    }
+    for (const QString &warning : keyWarnings(configuration))
+        CWRN(QtWarningMsg, QStringLiteral("%1"), warning);
+    return true;
 }
 
 // Empty: positions and ends are told, or nobody needs them.
@@ -167,6 +158,9 @@ ExitCode InputHost::tellStart(bool isListening)
     const inputkit::ListenStatus status = runner.listens();
     reader.setIdleTimeout(status.timeoutSeconds);
     CWRN(QtInfoMsg, QStringLiteral("Listening on %1 port %2"), status.address, status.port);
+    const QString warning = plainTcpWarning(runner.configuration(), status.address);
+    if (!warning.isEmpty())
+        CWRN(QtWarningMsg, QStringLiteral("%1"), warning);
     return ExitOk;
 }
 

@@ -2,6 +2,9 @@
 // SPDX-License-Identifier: MIT
 
 #include "eventloop/epolleventdispatcher.h"
+#include "host/check/configcheck.h"
+#include "host/check/valuesinforce.h"
+#include "host/configuration.h"
 #include "host/exitcodes.h"
 #include "host/inputhost.h"
 #include "host/logging.h"
@@ -10,6 +13,7 @@
 #include "programs/encoding.h"
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QJsonDocument>
 
 #include <chrono>
 #include <cstdio>
@@ -17,6 +21,60 @@
 using namespace host;
 
 namespace {
+
+int checkConfiguration(const Options &options)
+{
+    ConfigCheck check(options);
+    const ExitCode code = check.run();
+    for (const QString &line : check.lines())
+        std::puts(qPrintable(line));
+    std::puts(code == ExitOk ? "The configuration is good." : "The configuration is not good.");
+    return code;
+}
+
+int printConfiguration(const Options &options)
+{
+    ConfigurationReader reader(options);
+    if (!reader.read()) {
+        report(reader.errorString() + u'\n');
+        finishLogging();
+        return ExitBadConfiguration;
+    }
+    for (const QString &line : valuesInForce(reader.configuration(), options, reader.sourceName()))
+        std::puts(qPrintable(line));
+    return ExitOk;
+}
+
+int printSchema()
+{
+    std::fputs(QJsonDocument(configurationSchema()).toJson().constData(), stdout);
+    return ExitOk;
+}
+
+int serve(const Options &options)
+{
+    installLogging(options.logLevel);
+    raiseDescriptorLimit();
+    const int code = InputHost(options).run();
+    finishLogging();
+    return code;
+}
+
+int run(const Options &options)
+{
+    switch (options.task) {
+    case Options::CheckConfiguration:
+        return checkConfiguration(options);
+    case Options::PrintConfiguration:
+        return printConfiguration(options);
+    case Options::PrintSchema:
+        return printSchema();
+    case Options::Serve:
+        break;
+    }
+    return serve(options);
+}
+
 // Waking this thread for each record would be a large part of a message's cost. So records wake it
 // at most once in this time. A message is then printed up to 5 ms late, or 6, since waits are whole
 // milliseconds. After a rest, a record wakes the thread at once.
@@ -50,9 +108,5 @@ int main(int argc, char *argv[])
         break;
     }
 
-    installLogging(commandLine.options.logLevel);
-    raiseDescriptorLimit();
-    const int code = InputHost(commandLine.options).run();
-    finishLogging();
-    return code;
+    return run(commandLine.options);
 }

@@ -79,12 +79,13 @@ Exit codes:
   3  library missing, not loadable, without its entry points, or of a release
      that does not fit
   4  configuration unreadable, not JSON, or not an object; or "ssl" verifies
-     devices without naming a CA
+     devices without naming a CA; with --check-config, keys or values are wrong
   5  the plugin refused to start
   6  the plugin started but does not listen: the port is in use or only for
      root, or the address is not this machine's
   7  the output cannot be written, or not all that was read was safe at the end
   8  the file for --record cannot be written
+  9  with --check-config: certificates or keys do not work
 )";
 
 //! The options as the parser knows them.
@@ -115,6 +116,16 @@ struct Definitions
             QStringLiteral("Sets one key of the configuration. VALUE is JSON, or else taken as "
                            "text, unless it begins with {, [ or \". May be repeated."),
             QStringLiteral("KEY=VALUE")};
+    const QCommandLineOption checkConfig{
+            QStringLiteral("check-config"),
+            QStringLiteral("Says what is wrong with the configuration, its certificates and keys, "
+                           "and whether its port can be had, and exits.")};
+    const QCommandLineOption printConfig{
+            QStringLiteral("print-config"),
+            QStringLiteral("Prints what is in force and where each value comes from, and exits.")};
+    const QCommandLineOption printSchema{
+            QStringLiteral("print-schema"),
+            QStringLiteral("Prints a JSON Schema of the configuration, and exits.")};
     const QCommandLineOption id{
             QStringLiteral("id"),
             QStringLiteral("The plugin's id in records and log lines. Default: tcp."),
@@ -222,34 +233,14 @@ struct Definitions
 
     void addTo(QCommandLineParser &parser) const
     {
-        parser.addOptions({plugin,
-                           entry,
-                           config,
-                           set,
-                           id,
-                           framing,
-                           maxMessage,
-                           maxUnfinished,
-                           output,
-                           keep,
-                           saveWithin,
-                           natsSubject,
-                           natsCreate,
-                           natsTlsCa,
-                           natsTlsCert,
-                           natsTlsKey,
-                           natsCredentials,
-                           logLevel,
-                           statusEvery,
-                           exitAfter,
-                           drain,
-                           record,
-                           recordSize,
-                           recordKeep,
-                           recordNoPayload,
-                           recordCompress,
-                           help,
-                           version});
+        parser.addOptions({plugin,         entry,       config,        set,
+                           checkConfig,    printConfig, printSchema,   id,
+                           framing,        maxMessage,  maxUnfinished, output,
+                           keep,           saveWithin,  natsSubject,   natsCreate,
+                           natsTlsCa,      natsTlsCert, natsTlsKey,    natsCredentials,
+                           logLevel,       statusEvery, exitAfter,     drain,
+                           record,         recordSize,  recordKeep,    recordNoPayload,
+                           recordCompress, help,        version});
     }
 };
 
@@ -440,9 +431,27 @@ NatsSettings readNats(const QString &target, const QCommandLineParser &parser,
     return settings;
 }
 
+Options::Task readTask(const QCommandLineParser &parser, const Definitions &known,
+                       ValueReader &reader)
+{
+    Options::Task task = Options::Serve;
+    for (const auto &[option, wanted] : {std::pair(&known.checkConfig, Options::CheckConfiguration),
+                                         std::pair(&known.printConfig, Options::PrintConfiguration),
+                                         std::pair(&known.printSchema, Options::PrintSchema)}) {
+        if (!parser.isSet(*option))
+            continue;
+        if (task != Options::Serve)
+            reader.complain(QStringLiteral(
+                    "Only one of --check-config, --print-config and --print-schema can be done."));
+        task = wanted;
+    }
+    return task;
+}
+
 Options readOptions(const QCommandLineParser &parser, const Definitions &known, ValueReader &reader)
 {
     Options options;
+    options.task = readTask(parser, known, reader);
     options.pluginFile = parser.value(known.plugin);
     options.entryPoint = reader.choice<EntryPoint>(
             known.entry,

@@ -20,6 +20,14 @@ namespace host {
 //! What the command line asks for.
 struct Options
 {
+    enum Task {
+        Serve,
+        CheckConfiguration,
+        PrintConfiguration,
+        PrintSchema,
+    };
+
+    Task task = Serve;
     QString pluginFile; // empty: look for it
     inputkit::EntryPoint entryPoint = inputkit::EntryPoint::Create;
     QString configFile; // empty: none; "-": standard input

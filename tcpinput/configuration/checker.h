@@ -3,27 +3,30 @@
 
 #pragma once
 
-#include "plugin/cwrn.h"
 #include "tcpinput/configuration/values.h"
 
 #include <QtCore/QJsonObject>
+#include <QtCore/QList>
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 
 #include <algorithm>
 
 /*!
-    Checks objects of the configuration against tables of keys, and logs what is wrong with them: a
-    line for each key or value. A table is a range of any type with the members name, accepted and
-    isAccepted().
+    Checks objects of the configuration against tables of keys. A table is a range of any type with
+    the members name, accepted and isAccepted().
 
     Thread: one.
 */
 class Checker
 {
 public:
-    // pluginId: for the lines.
-    explicit Checker(const QString &pluginId) : id(pluginId) {}
+    struct Fault
+    {
+        QString key; // with the path of its object before it: "ssl.Chain"
+        bool isUnknown = false; // otherwise its value is not accepted
+        QString text; // what is wrong, for a log line
+    };
 
     // path: of the object, to be put before a key. refusesUnknown: whether an unknown key is wrong.
     // refusesBad: tells of a key whether a value that is not accepted is wrong.
@@ -38,17 +41,19 @@ public:
             const QString name = path + entry.key();
             if (key == table.end()) {
                 if (refusesUnknown)
-                    complain(QStringLiteral("unknown key %1, accepted: %2")
-                                     .arg(name, namesOf(table)));
+                    faults += {name, true,
+                               QStringLiteral("unknown key %1, accepted: %2")
+                                       .arg(name, namesOf(table))};
             } else if (refusesBad(*key) && !key->isAccepted(*entry)) {
-                complain(QStringLiteral("%1 is %2, accepted: %3")
-                                 .arg(name, values::shown(*entry), QLatin1String(key->accepted)));
+                faults += {name, false,
+                           QStringLiteral("%1 is %2, accepted: %3")
+                                   .arg(name, values::shown(*entry), QLatin1String(key->accepted))};
             }
         }
     }
 
-    // Whether nothing was wrong so far.
-    bool isGood() const { return good; }
+    // What was wrong so far, in the order of the checks.
+    QList<Fault> faults;
 
 private:
     template<class Table>
@@ -59,13 +64,4 @@ private:
             names += QLatin1String(key.name);
         return names.join(QLatin1String(", "));
     }
-
-    void complain(const QString &text)
-    {
-        CWRN(QtWarningMsg, QStringLiteral("TcpInputPlugin2(%1): Configuration: %2"), id, text);
-        good = false;
-    }
-
-    const QString id;
-    bool good = true;
 };

@@ -7,7 +7,6 @@
 #include "ssl/extensions.h"
 #include "ssl/ssl.h"
 #include "ssl/sslkeys.h"
-#include "tcpinput/configuration/checker.h"
 #include "tcpinput/configuration/limitkeys.h"
 #include "tcpinput/configuration/proxykeys.h"
 #include "tcpinput/configuration/values.h"
@@ -67,10 +66,9 @@ const std::array<Configuration::Key, 12> &Configuration::keys()
     return All;
 }
 
-bool Configuration::check(const QJsonObject &object, const QString &pluginId)
+QList<Checker::Fault> Configuration::faults(const QJsonObject &object, bool strict)
 {
-    const bool strict = object.value(QLatin1String(StrictKey)).toBool();
-    Checker checker(pluginId);
+    Checker checker;
     checker.check({}, object, keys(), strict,
                   [strict](const Key &key) { return strict || key.bad == Bad::Refused; });
     checker.check(QStringLiteral("proxyProtocol."),
@@ -82,7 +80,17 @@ bool Configuration::check(const QJsonObject &object, const QString &pluginId)
             [&tls, strict](const tls::Key &key) { return tls::refusesBad(key, tls, strict); });
     checker.check(QStringLiteral("limits."), object.value(QLatin1String("limits")).toObject(),
                   limitkeys::all(), true, [](const limitkeys::Key &) { return true; });
-    return checker.isGood();
+    return checker.faults;
+}
+
+bool Configuration::check(const QJsonObject &object, const QString &pluginId)
+{
+    const QList<Checker::Fault> all =
+            faults(object, object.value(QLatin1String(StrictKey)).toBool());
+    for (const Checker::Fault &fault : all)
+        CWRN(QtWarningMsg, QStringLiteral("TcpInputPlugin2(%1): Configuration: %2"), pluginId,
+             fault.text);
+    return all.isEmpty();
 }
 
 bool Configuration::apply(const QJsonObject &object, const QString &pluginId)

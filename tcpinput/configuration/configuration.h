@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include "tcpinput/configuration/checker.h"
 #include "tcpinput/connection/acceptlimits.h"
 #include "tcpinput/connection/proxyrule.h"
 #include "tcpinput/connection/serving.h"
@@ -47,8 +48,11 @@ public:
     // of docs/CONFIGURATION.md.
     static const std::array<Key, 12> &keys();
 
-    // False: start() must fail. Each reason is logged: bad values of keys that refuse them; with
-    // "strict", all bad values and unknown keys. pluginId: for log lines.
+    // Bad values of keys that refuse them; if strict, all bad values and unknown keys.
+    static QList<Checker::Fault> faults(const QJsonObject &object, bool strict);
+
+    // False: start() must fail. Each reason is logged: its faults, strictly if it has "strict".
+    // pluginId: for log lines.
     static bool check(const QJsonObject &object, const QString &pluginId);
 
     // Applies an object that check() has passed. False if TLS cannot be set up; the keys behind

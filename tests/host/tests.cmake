@@ -4,8 +4,8 @@
 # The host's parts, one by one.
 foreach(name IN ITEMS
         tst_exactreading tst_fairturns tst_framing tst_heldanswers tst_hostconfiguration tst_hostoptions
-        tst_hosttexts tst_logging tst_messagereader tst_natsparts tst_offertracker tst_process tst_storesink tst_streamsink tst_tlschecks
-        tst_trafficrecorder tst_unfinished)
+        tst_hosttexts tst_logging tst_messagereader tst_natsparts tst_nearestkey tst_offertracker
+        tst_process tst_storesink tst_streamsink tst_tlschecks tst_trafficrecorder tst_unfinished)
     plugin_test(${name})
     target_link_libraries(${name} PRIVATE inputhost_parts)
 endforeach()
@@ -43,10 +43,14 @@ function(host_program_test name)
 endfunction()
 
 foreach(name IN ITEMS
-        tst_inputhostmessages tst_inputhostoutput tst_inputhostrecording tst_inputhostreload tst_inputhoststalls tst_inputhoststart
-        tst_inputhoststatus tst_inputhoststopping tst_inputhosttls)
+        tst_inputhostcheck tst_inputhostmessages tst_inputhostoutput tst_inputhostrecording
+        tst_inputhostreload tst_inputhoststalls tst_inputhoststart tst_inputhoststatus
+        tst_inputhoststopping tst_inputhosttls)
     host_program_test(${name})
 endforeach()
+add_test(NAME configurationschema
+    COMMAND /usr/bin/python3 -B ${CMAKE_CURRENT_SOURCE_DIR}/host/check_schema.py $<TARGET_FILE:inputhost>)
+set_tests_properties(configurationschema PROPERTIES TIMEOUT 300)
 
 if(NATS_INCLUDE_DIR AND NATS_LIBRARY)
     plugin_test(tst_inputhostnats 300)
@@ -70,6 +74,6 @@ target_compile_definitions(tst_inputhoststart PRIVATE OLD_PLUGIN_FILE="$<TARGET_
 add_dependencies(tst_inputhoststart oldplugin)
 
 # These make their certificates.
-foreach(name IN ITEMS tst_inputhosttls tst_tlschecks)
+foreach(name IN ITEMS tst_inputhostcheck tst_inputhosttls tst_tlschecks)
     target_link_libraries(${name} PRIVATE OpenSSL::Crypto)
 endforeach()

@@ -41,6 +41,7 @@ private Q_SLOTS:
     void badConfiguration_data();
     void badConfiguration();
     void refusesUnknownKeys();
+    void warnsOfPlainTcp();
     void refusesToStart();
     void portInUse();
     void portTakenMeanwhile_data();
@@ -168,11 +169,26 @@ void tst_InputHostStart::refusesUnknownKeys()
     Host host;
     host.run(host.listenArguments() + words("--set Port=1"));
     QCOMPARE(host.finish(), int(ExitStartFailed));
-    QVERIFY2(host.log().contains("Port"), host.log().constData());
+    QVERIFY2(host.log().contains("Unknown key Port. Did you mean port?"), host.log().constData());
 
     Host lenient;
-    lenient.start(words("--set Port=1 --set strict=false"));
+    lenient.start(words("--set Port=1 --set timeout=0 --set strict=false"));
     QCOMPARE(lenient.stop(), int(ExitOk));
+    QCOMPARE(lenient.log().count("Ignored in the configuration: unknown key Port, accepted: "), 1);
+    QCOMPARE(lenient.log().count("Ignored in the configuration: timeout is 0, accepted: "), 1);
+}
+
+void tst_InputHostStart::warnsOfPlainTcp()
+{
+    const QByteArray warning = ": whoever is on the way can read and change what devices send.";
+    Host here;
+    here.start();
+    QCOMPARE(here.stop(), int(ExitOk));
+    QVERIFY(!here.log().contains(warning));
+    Host everywhere;
+    everywhere.start(words("--set ipAddr=0.0.0.0"));
+    QCOMPARE(everywhere.stop(), int(ExitOk));
+    QCOMPARE(everywhere.log().count("Plain TCP on 0.0.0.0" + warning), 1);
 }
 
 void tst_InputHostStart::refusesToStart()

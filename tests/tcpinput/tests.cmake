@@ -30,6 +30,8 @@ core_test(tst_taskthreads)
 core_test(tst_configurationkeys)
 test_uses_certificates(tst_configurationkeys)
 target_compile_definitions(tst_configurationkeys PRIVATE SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+core_test(tst_schema)
+target_link_libraries(tst_schema PRIVATE tcpinput_schema)
 core_test(tst_proxykeys)
 target_compile_definitions(tst_proxykeys PRIVATE SOURCE_DIR="${PROJECT_SOURCE_DIR}")
 foreach(name IN ITEMS

@@ -121,7 +121,7 @@ void tst_InputHostOutput::stalledReaderStopsNoAccepting()
     pipe.enlarge();
 
     QByteArray received;
-    const QDeadlineTimer guard(HangGuardMs);
+    const QDeadlineTimer guard(LoadHangGuardMs);
     while (received.size() < messages + 5 && !guard.hasExpired()) {
         received += pipe.read();
         QCoreApplication::processEvents(); // which send the rest

@@ -140,7 +140,7 @@ void tst_InputHostStalls::oneDeviceHoldsNobodyUp()
         QCoreApplication::processEvents(); // which send the rest
         return received.size() == messages + line.size();
     };
-    const QDeadlineTimer guard(HangGuardMs);
+    const QDeadlineTimer guard(LoadHangGuardMs);
     while (!isComplete() && !guard.hasExpired()) {}
     QCOMPARE(received.size(), messages + line.size());
     QVERIFY2(received.indexOf(line) < mostRead, QByteArray::number(received.indexOf(line)));

@@ -25,6 +25,7 @@ foreach(name IN ITEMS
 endforeach()
 # A hang guard: it tries thousands of inputs, under a sanitizer slowly.
 set_tests_properties(tst_hostcheckparser PROPERTIES TIMEOUT 1200)
+set_property(TEST tst_hostcheckparser APPEND PROPERTY ENVIRONMENT QTEST_FUNCTION_TIMEOUT=900000)
 foreach(name IN ITEMS tst_hostcheckparts tst_parserprocess)
     target_link_libraries(${name} PRIVATE hostcheck_parser)
 endforeach()

@@ -205,7 +205,7 @@ void tst_EndToEnd::lastOfferComesWithTheEnd()
     }
     const QString end = QStringLiteral("(received 6 bytes, 1 msgs)");
     QStringList log;
-    QTRY_VERIFY((log += takeLog()).filter(end).size() == 1);
+    QTRY_VERIFY_WITH_TIMEOUT((log += takeLog()).filter(end).size() == 1, HangGuardMs);
     QVERIFY(waitForRecords(1));
     for (const shared_parsedData &record : std::as_const(records))
         QCOMPARE(record->getOriginalMessage(), QByteArray("hello\n"));
@@ -273,7 +273,9 @@ void tst_EndToEnd::resetConnectionHasItsAddress()
                                  .arg(peer.toString())
                                  .arg(devicePort);
     QStringList log;
-    QTRY_VERIFY(!(log += takeLog()).filter(QStringLiteral("TcpTask2: new connection")).isEmpty());
+    QTRY_VERIFY_WITH_TIMEOUT(
+            !(log += takeLog()).filter(QStringLiteral("TcpTask2: new connection")).isEmpty(),
+            HangGuardMs);
     QVERIFY2(log.contains(line), qPrintable(log.join(QLatin1Char('\n'))));
 }
 
@@ -301,7 +303,7 @@ void tst_EndToEnd::statusNamesEveryConnection()
         return text;
     };
     expected += lines({0, 2}) + lines({1}); // ordered by task, then by id
-    QTRY_COMPARE(plugin->getStatus(), expected);
+    QTRY_COMPARE_WITH_TIMEOUT(plugin->getStatus(), expected, HangGuardMs);
 }
 
 void tst_EndToEnd::restartServesAgain()
@@ -314,7 +316,7 @@ void tst_EndToEnd::restartServesAgain()
     QVERIFY(!isListening(*plugin));
     QVERIFY(waitForRecords(2)); // the last offer: nothing was discarded
     QCOMPARE(bytes(1), QByteArray("before"));
-    QTRY_COMPARE(before->state(), QAbstractSocket::UnconnectedState);
+    QTRY_COMPARE_WITH_TIMEOUT(before->state(), QAbstractSocket::UnconnectedState, HangGuardMs);
 
     QVERIFY(plugin->start());
     QVERIFY(isListening(*plugin));

@@ -179,7 +179,7 @@ void tst_Lifecycle::destroyedWithDeliveriesUnderWay()
     auto devices = connectDevices(port, Connections);
     for (const NativeSocket &device : devices)
         QVERIFY(device.send(QByteArray(5, 'x')));
-    QTRY_COMPARE(bytes, 5 * Connections); // each has made its first offer
+    QTRY_COMPARE_WITH_TIMEOUT(bytes, 5 * Connections, HangGuardMs); // each has made its first offer
     for (const NativeSocket &device : devices)
         QVERIFY(device.send(QByteArray(3, 'y'))); // within the interval, so not offered by itself
     // The log tells for each connection whether 5 or 8 bytes were received before its end.
@@ -202,7 +202,7 @@ void tst_Lifecycle::hostActsWhileThePluginIsDestroyed()
     const auto devices = connectDevices(port, 20);
     for (const NativeSocket &device : devices)
         QVERIFY(device.send("abc"));
-    QTRY_COMPARE(offers, 20);
+    QTRY_COMPARE_WITH_TIMEOUT(offers, 20, HangGuardMs);
 
     IInputPlugin *const dying = plugin.get();
     bool acted = false;
@@ -243,7 +243,8 @@ void tst_Lifecycle::servesAllWhenDescriptorsComeBackOneByOne()
         }
         qsizetype paused = 0;
         const QString line = QStringLiteral("Out of file descriptors, accepting paused");
-        QTRY_VERIFY((paused += countLines(MessageCapture::take(), line)) == 1);
+        QTRY_VERIFY_WITH_TIMEOUT((paused += countLines(MessageCapture::take(), line)) == 1,
+                                 HangGuardMs);
         QTimer giver;
         connect(&giver, &QTimer::timeout, this, [&] { none.giveBack(1); });
         giver.start(150);

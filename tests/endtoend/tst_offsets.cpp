@@ -389,7 +389,7 @@ void tst_Offsets::reusedPortIsAnotherConnection()
     QVERIFY(first.send("first"));
     QVERIFY(waitForRecords(1));
     first.reset();
-    QTRY_VERIFY(!plugin->getStatus().contains(QLatin1String("tcp2:")));
+    QTRY_VERIFY_WITH_TIMEOUT(!plugin->getStatus().contains(QLatin1String("tcp2:")), HangGuardMs);
     QVERIFY(waitForRecords(2)); // the last offer of the first connection
 
     NativeSocket second = NativeSocket::unconnected(testAddress());
@@ -404,7 +404,7 @@ void tst_Offsets::reusedPortIsAnotherConnection()
     fence();
     QVERIFY(second.send("."));
     second.close();
-    QTRY_VERIFY(records.last()->getOriginalMessage().endsWith('.'));
+    QTRY_VERIFY_WITH_TIMEOUT(records.last()->getOriginalMessage().endsWith('.'), HangGuardMs);
     QCOMPARE(records.last()->getOriginalMessage(), QByteArray("second."));
 }
 
@@ -452,12 +452,12 @@ void tst_Offsets::plainHostLosesNothing()
     const auto isLater = [](const shared_parsedData &record) {
         return record->getOriginalMessage() == "later";
     };
-    QTRY_VERIFY(std::any_of(records.cbegin(), records.cend(), isLater));
+    QTRY_VERIFY_WITH_TIMEOUT(std::any_of(records.cbegin(), records.cend(), isLater), HangGuardMs);
 
     sent += "end";
     device->write("end");
     device->disconnectFromHost();
-    QTRY_VERIFY(records.last()->getOriginalMessage().endsWith("end"));
+    QTRY_VERIFY_WITH_TIMEOUT(records.last()->getOriginalMessage().endsWith("end"), HangGuardMs);
     QCOMPARE(records.last()->getOriginalMessage(), sent.mid(read));
 }
 

@@ -67,7 +67,7 @@ void tst_FairTurns::connectionsTakeTurns()
     QCOMPARE(written(), QByteArray("a0\na1\nb0\nb1\nc0\n"));
     QCOMPARE(discards(), QList<int>({3})); // an offer is answered only when all of it is read
 
-    QTRY_COMPARE(counters->messages, 11);
+    QTRY_COMPARE_WITH_TIMEOUT(counters->messages, 11, HangGuardMs);
 
     QCOMPARE(written(), QByteArray("a2\na3\nb2\nb3\na4\nb4\n"));
     QCOMPARE(discards(), QList<int>({3, 15, 15}));
@@ -80,7 +80,7 @@ void tst_FairTurns::largeMessagesTakeTurns()
     make({}, OutputOptions::Raw, pace);
     reader->receive(stamped(1, 0, QByteArray(200, 'x') + "\na\n"));
     QCOMPARE(counters->messages, 1);
-    QTRY_COMPARE(counters->messages, 2);
+    QTRY_COMPARE_WITH_TIMEOUT(counters->messages, 2, HangGuardMs);
 }
 
 void tst_FairTurns::eventsComeInBetween()
@@ -124,7 +124,7 @@ void tst_FairTurns::laterOfferTakesTheTurn()
     reader->receive(stamped(1, 3, lines('a', 7).mid(3))); // made after the first message was cut
     first.clear();
     QVERIFY(bytes.isDetached());
-    QTRY_COMPARE(counters->messages, 7);
+    QTRY_COMPARE_WITH_TIMEOUT(counters->messages, 7, HangGuardMs);
     QCOMPARE(written(), lines('a', 7));
     QCOMPARE(discards(), QList<int>({18}));
     QCOMPARE(counters->offers, 2);
@@ -137,7 +137,7 @@ void tst_FairTurns::endWaitsForTheRest()
     reader->receive(stamped(1, 0, lines('a', 6) + "half"));
     reader->receive(endOf(1, 22));
     QCOMPARE(counters->partial, 0);
-    QTRY_COMPARE(counters->partial, 1);
+    QTRY_COMPARE_WITH_TIMEOUT(counters->partial, 1, HangGuardMs);
     QCOMPARE(written(), lines('a', 6));
     QCOMPARE(reader->rememberedConnections(), 0);
 }
@@ -186,7 +186,7 @@ void tst_FairTurns::forgottenConnectionHasNoTurn()
     reader->receive(stamped(1, 0, lines('a', 5)));
     reader->forgetAll();
     reader->receive(stamped(1, 15, lines('b', 3)));
-    QTRY_COMPARE(counters->messages, 8);
+    QTRY_COMPARE_WITH_TIMEOUT(counters->messages, 8, HangGuardMs);
     QCOMPARE(written(), lines('a', 5) + lines('b', 3));
 }
 
@@ -197,7 +197,7 @@ void tst_FairTurns::messageLimitEndsTurns()
     QSignalSpy finished(reader.get(), &MessageReader::finished);
     reader->receive(stamped(1, 0, lines('a', 5)));
     reader->receive(stamped(2, 0, lines('b', 5)));
-    QTRY_COMPARE(finished.count(), 1);
+    QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, HangGuardMs);
     reader->forgetAll();
     QCOMPARE(finished.count(), 1);
     QCOMPARE(counters->messages, 3);

@@ -116,7 +116,7 @@ void tst_MessageReader::sameBytesLaterAreNew()
     QElapsedTimer since;
     since.start();
     reader->receive(offer("a\n"));
-    QTRY_COMPARE(reader->rememberedConnections(), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(reader->rememberedConnections(), 0, HangGuardMs);
     QVERIFY(since.elapsed() >= CutGraceMs * 95 / 100);
     reader->receive(offer("a\n"));
     QCOMPARE(written(), QByteArray("a\na\n"));
@@ -130,7 +130,7 @@ void tst_MessageReader::offersThatWaitAreRepeats()
             reader.get(), [this] { reader->receive(offer("a\na\n")); }, Qt::QueuedConnection);
     reader->receive(offer("a\n"));
     QThread::msleep(2 * CutGraceMs); // as if it had to wait for a slow reader of its output
-    QTRY_COMPARE(counters->offers, 2);
+    QTRY_COMPARE_WITH_TIMEOUT(counters->offers, 2, HangGuardMs);
     QCOMPARE(written(), QByteArray("a\na\n"));
     QCOMPARE(discards(), QList<int>({2, 2}));
 }
@@ -142,10 +142,10 @@ void tst_MessageReader::unclearOfferThenSilence()
     reader->receive(offer("a\nb\n"));
     QCOMPARE(written(), QByteArray("a\n"));
     QCOMPARE(discards(), QList<int>({2, 0}));
-    QTRY_COMPARE(counters->messages, 2);
+    QTRY_COMPARE_WITH_TIMEOUT(counters->messages, 2, HangGuardMs);
     QCOMPARE(written(), QByteArray("b\n"));
     QCOMPARE(discards(), QList<int>({2, 0, 2}));
-    QTRY_COMPARE(reader->rememberedConnections(), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(reader->rememberedConnections(), 0, HangGuardMs);
 }
 
 void tst_MessageReader::unclearOfferThenAnother()
@@ -157,7 +157,7 @@ void tst_MessageReader::unclearOfferThenAnother()
     reader->receive(offer("a\nb\nc\n"));
     QCOMPARE(written(), QByteArray("a\nb\nc\n"));
     QCOMPARE(discards(), QList<int>({2, 0, 6}));
-    QTRY_COMPARE(reader->rememberedConnections(), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(reader->rememberedConnections(), 0, HangGuardMs);
     QCOMPARE(counters->messages, 4);
 }
 
@@ -361,10 +361,10 @@ void tst_MessageReader::keepsNothingOfSettledConnections()
         reader->receive(offer("a\n", QString::number(n)));
     reader->receive(offer("a\nb", QStringLiteral("x")));
     QCOMPARE(reader->rememberedConnections(), 11);
-    QTRY_COMPARE(reader->rememberedConnections(), 1);
+    QTRY_COMPARE_WITH_TIMEOUT(reader->rememberedConnections(), 1, HangGuardMs);
     reader->receive(offer("bc\n", QStringLiteral("x")));
     QCOMPARE(counters->messages, 12);
-    QTRY_COMPARE(reader->rememberedConnections(), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(reader->rememberedConnections(), 0, HangGuardMs);
 }
 
 void tst_MessageReader::countsConnectionsOnce()
@@ -372,7 +372,7 @@ void tst_MessageReader::countsConnectionsOnce()
     for (int round = 0; round < 2; ++round) {
         for (int n = 0; n < 5; ++n)
             reader->receive(offer("a\n", QString::number(n)));
-        QTRY_COMPARE(reader->rememberedConnections(), 0);
+        QTRY_COMPARE_WITH_TIMEOUT(reader->rememberedConnections(), 0, HangGuardMs);
     }
     QCOMPARE(counters->connections(), 5);
 }

@@ -71,7 +71,7 @@ void tst_TrafficRecorder::everyByteIsSeenOnce()
     QCoreApplication::processEvents();
     reader->receive(stamped(1, 0, stream));
     reader->receive(endOf(1, static_cast<quint64>(stream.size())));
-    QTRY_VERIFY(witness.isOver);
+    QTRY_VERIFY_WITH_TIMEOUT(witness.isOver, HangGuardMs);
     QVERIFY(witness.isExact);
     QCOMPARE(witness.seen, stream);
 }
@@ -149,4 +149,5 @@ void tst_TrafficRecorder::endpoints()
 }
 
 QTEST_GUILESS_MAIN(tst_TrafficRecorder)
+#include "tests/kit/hangguard.h"
 #include "tst_trafficrecorder.moc"

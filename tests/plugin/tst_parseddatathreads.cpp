@@ -152,7 +152,7 @@ void tst_ParsedDataThreads::queuedEventHoldsTheRecord()
     record.reset();
     QVERIFY(!observer.isNull());
 
-    QTRY_COMPARE(receiver.count.load(), 1);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.count.load(), 1, HangGuardMs);
     QVERIFY(observer.isNull());
 
     // A record that is not delivered is released with its event.

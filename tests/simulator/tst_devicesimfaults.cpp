@@ -46,12 +46,12 @@ void tst_DeviceSimFaults::silent()
     QVERIFY(receiver.listen(testAddress()));
     Simulator simulator;
     simulator.start(receiver, words("--fault silent") + words(commandLine.constData()));
-    QTRY_COMPARE(receiver.peers.size(), 1);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
     if (peerCloses)
         receiver.peers.first()->close();
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
-    QTRY_VERIFY(receiver.peers.first()->ended != Peer::Open);
+    QTRY_VERIFY_WITH_TIMEOUT(receiver.peers.first()->ended != Peer::Open, HangGuardMs);
     QCOMPARE(receiver.peers.first()->bytes, QByteArray());
     QCOMPARE(end(simulator.connection()), peerCloses ? text("peer-closed") : text("closed"));
     QCOMPARE(number(simulator.summary(), "opened"), 1);
@@ -67,8 +67,8 @@ void tst_DeviceSimFaults::garbage()
     simulator.start(receiver, arguments);
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
-    QTRY_COMPARE(receiver.peers.size(), 1);
-    QTRY_COMPARE(receiver.peers.first()->ended, Peer::Fin);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.first()->ended, Peer::Fin, HangGuardMs);
     const Options options = parseOptions(QStringList(QString()) + arguments).options;
     QCOMPARE(receiver.peers.first()->bytes, stream(1, 1, 3, options));
 }
@@ -82,9 +82,9 @@ void tst_DeviceSimFaults::abortsHandshake()
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
     QCOMPARE(end(simulator.connection()), text("reset"));
-    QTRY_COMPARE(receiver.peers.size(), 1);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
     const Peer *peer = receiver.peers.first();
-    QTRY_COMPARE(peer->ended, Peer::Reset);
+    QTRY_COMPARE_WITH_TIMEOUT(peer->ended, Peer::Reset, HangGuardMs);
     QVERIFY(peer->bytes.size() > 9);
     QCOMPARE(peer->bytes.left(2).toHex(), QByteArray("1603")); // a handshake record
     QCOMPARE(peer->bytes.at(5), '\x01'); // with a ClientHello
@@ -97,7 +97,7 @@ void tst_DeviceSimFaults::endsTlsOnly()
     QVERIFY(receiver.listen(testAddress()));
     Simulator simulator;
     simulator.start(receiver, words("--tls --insecure --messages 5 --fault close-notify-only"));
-    QTRY_COMPARE(receiver.closeNotified, 1);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.closeNotified, 1, HangGuardMs);
     QSslSocket *socket = receiver.sockets.first();
     QCOMPARE(receiver.bytes.value(socket), stream(1, 1, 5));
     QCOMPARE(receiver.disconnected, 0);
@@ -153,7 +153,7 @@ void tst_DeviceSimFaults::closesWithoutReading()
     TlsPeer peer(accepted->socketDescriptor(), file("server.pem"), file("server.key"));
     QVERIFY(peer.handshake()); // sends session tickets
     QCOMPARE(peer.readToEnd().left(65), stream(1, 1, 1));
-    QTRY_COMPARE(peer.wasReset(), reset);
+    QTRY_COMPARE_WITH_TIMEOUT(peer.wasReset(), reset, HangGuardMs);
 
     accepted->abort();
     QVERIFY(simulator.waitForEnd());

@@ -87,8 +87,8 @@ void tst_DeviceSimMessages::playsFiles()
                             + words(options.constData()));
     QVERIFY(simulator.waitForEnd());
     QVERIFY2(simulator.exitCode() == 0, simulator.errors().constData());
-    QTRY_COMPARE(receiver.peers.size(), 1);
-    QTRY_COMPARE(receiver.peers.first()->ended, Peer::Fin);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.first()->ended, Peer::Fin, HangGuardMs);
     QCOMPARE(receiver.peers.first()->bytes, sent);
     QCOMPARE(number(simulator.connection(), "bytes"), sent.size());
 }
@@ -103,8 +103,8 @@ void tst_DeviceSimMessages::eachDeviceSendsAll()
             {text("--messages-from"), made("one\ntwo\n"), text("--connections"), text("20")});
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
-    QTRY_COMPARE(receiver.peers.size(), 20);
-    QTRY_COMPARE(receiver.openPeers(), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 20, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.openPeers(), 0, HangGuardMs);
     for (const Peer *peer : receiver.peers)
         QCOMPARE(peer->bytes, QByteArray("one\ntwo\n"));
     QCOMPARE(number(simulator.summary(), "messages"), 40);
@@ -120,8 +120,8 @@ void tst_DeviceSimMessages::linesGoIntoTemplates()
                      text("{\"n\":{number},\"text\":\"{line}\"}")});
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
-    QTRY_COMPARE(receiver.peers.size(), 1);
-    QTRY_COMPARE(receiver.peers.first()->ended, Peer::Fin);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.first()->ended, Peer::Fin, HangGuardMs);
     QCOMPARE(receiver.peers.first()->bytes,
              QByteArray("{\"n\":1,\"text\":\"one\"}\n{\"n\":2,\"text\":\"two\"}\n"));
 }
@@ -136,8 +136,8 @@ void tst_DeviceSimMessages::spreadsThemOverConnections()
                             + words("--reconnect 2 --close half-close"));
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
-    QTRY_COMPARE(receiver.peers.size(), 3);
-    QTRY_COMPARE(receiver.openPeers(), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 3, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.openPeers(), 0, HangGuardMs);
     QCOMPARE(receiver.peers.at(0)->bytes, QByteArray("one\n"));
     QCOMPARE(receiver.peers.at(1)->bytes, QByteArray("two\n"));
     QCOMPARE(receiver.peers.at(2)->bytes, QByteArray("three\n"));
@@ -185,8 +185,8 @@ void tst_DeviceSimMessages::endsWhereOneDoesNotFit()
                      text("--messages"), text("20")});
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 1);
-    QTRY_COMPARE(receiver.peers.size(), 1);
-    QTRY_COMPARE(receiver.peers.first()->ended, Peer::Fin);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.first()->ended, Peer::Fin, HangGuardMs);
     QCOMPARE(receiver.peers.first()->bytes, QByteArray("n1n2n3n4n5n6n7n8n9"));
     QCOMPARE(simulator.connection().value(text("error")).toString(),
              text("message 10 does not fit the framing"));
@@ -200,17 +200,17 @@ void tst_DeviceSimMessages::sendsInputAtOnce()
     Simulator simulator;
     simulator.start(receiver, words("--messages-from - --connections 3"));
     simulator.write("one\ntw");
-    QTRY_COMPARE(receiver.peers.size(), 3);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 3, HangGuardMs);
     for (const Peer *peer : receiver.peers)
-        QTRY_COMPARE(peer->bytes, QByteArray("one\n"));
+        QTRY_COMPARE_WITH_TIMEOUT(peer->bytes, QByteArray("one\n"), HangGuardMs);
     simulator.write("o\\x00\nthree");
     for (const Peer *peer : receiver.peers)
-        QTRY_COMPARE(peer->bytes, QByteArray("one\ntwo\0\n", 9));
+        QTRY_COMPARE_WITH_TIMEOUT(peer->bytes, QByteArray("one\ntwo\0\n", 9), HangGuardMs);
     QCOMPARE(receiver.openPeers(), 3);
     simulator.endInput();
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
-    QTRY_COMPARE(receiver.openPeers(), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.openPeers(), 0, HangGuardMs);
     for (const Peer *peer : receiver.peers)
         QCOMPARE(peer->bytes, QByteArray("one\ntwo\0\nthree\n", 15));
     QCOMPARE(number(simulator.summary(), "messages"), 9);
@@ -230,8 +230,8 @@ void tst_DeviceSimMessages::sendsManyLinesOfInput()
     simulator.endInput();
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
-    QTRY_COMPARE(receiver.peers.size(), 3);
-    QTRY_COMPARE(receiver.openPeers(), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 3, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.openPeers(), 0, HangGuardMs);
     for (const Peer *peer : receiver.peers)
         QVERIFY(peer->bytes == lines);
     QCOMPARE(number(simulator.summary(), "messages"), 150000);
@@ -244,18 +244,20 @@ void tst_DeviceSimMessages::pacesInputAfterAnIdleTime()
     Simulator simulator;
     simulator.start(receiver, words("--messages-from - --rate 5"));
     simulator.write("one\n");
-    QTRY_COMPARE(receiver.peers.size(), 1);
-    QTRY_COMPARE(receiver.peers.first()->bytes, QByteArray("one\n"));
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.first()->bytes, QByteArray("one\n"), HangGuardMs);
     QElapsedTimer clock;
     clock.start();
-    QTRY_VERIFY(clock.elapsed() >= 1000); // the rate would allow five lines in it
+    QTRY_VERIFY_WITH_TIMEOUT(clock.elapsed() >= 1000,
+                             HangGuardMs); // the rate would allow five lines in it
     clock.start();
     simulator.write("two\nthree\nfour\n");
     simulator.endInput();
     QVERIFY(simulator.waitForEnd());
     QVERIFY2(clock.elapsed() >= 380, QByteArray::number(clock.elapsed()).constData());
     QCOMPARE(simulator.exitCode(), 0);
-    QTRY_COMPARE(receiver.peers.first()->bytes, QByteArray("one\ntwo\nthree\nfour\n"));
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.first()->bytes, QByteArray("one\ntwo\nthree\nfour\n"),
+                              HangGuardMs);
 }
 
 void tst_DeviceSimMessages::leavesOutBadLines()
@@ -271,8 +273,8 @@ void tst_DeviceSimMessages::leavesOutBadLines()
     QCOMPARE(simulator.errors(),
              QByteArray("devicesim: standard input, line 2: not pairs of "
                         "hexadecimal digits\n"));
-    QTRY_COMPARE(receiver.peers.size(), 1);
-    QTRY_COMPARE(receiver.peers.first()->bytes, QByteArray("a\nb\n"));
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.first()->bytes, QByteArray("a\nb\n"), HangGuardMs);
 }
 
 void tst_DeviceSimMessages::readsRedirectedFiles()
@@ -284,8 +286,8 @@ void tst_DeviceSimMessages::readsRedirectedFiles()
     simulator.start(receiver, words("--messages-from -"));
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
-    QTRY_COMPARE(receiver.peers.size(), 1);
-    QTRY_COMPARE(receiver.peers.first()->bytes, QByteArray("one\ntwo\n"));
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.first()->bytes, QByteArray("one\ntwo\n"), HangGuardMs);
 }
 
 void tst_DeviceSimMessages::stopsWhileInputIsOpen()
@@ -295,8 +297,8 @@ void tst_DeviceSimMessages::stopsWhileInputIsOpen()
     Simulator simulator;
     simulator.start(receiver, words("--messages-from -"));
     simulator.write("one\n");
-    QTRY_COMPARE(receiver.peers.size(), 1);
-    QTRY_COMPARE(receiver.peers.first()->bytes, QByteArray("one\n"));
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.first()->bytes, QByteArray("one\n"), HangGuardMs);
     simulator.signal(SIGTERM);
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
@@ -304,4 +306,5 @@ void tst_DeviceSimMessages::stopsWhileInputIsOpen()
 }
 
 QTEST_GUILESS_MAIN(tst_DeviceSimMessages)
+#include "tests/kit/hangguard.h"
 #include "tst_devicesimmessages.moc"

@@ -77,7 +77,7 @@ void tst_DeviceSimProgress::showsOnATerminal()
     Simulator simulator;
     simulator.writeErrorsTo(terminal.descriptor());
     simulator.start(receiver, words("--connections 3 --messages 0 --rate 100"));
-    QTRY_VERIFY(terminal.output().count(Rewrite) >= 3);
+    QTRY_VERIFY_WITH_TIMEOUT(terminal.output().count(Rewrite) >= 3, HangGuardMs);
     const QByteArray line = terminal.output().split('\r').at(2);
     QVERIFY2(line.startsWith("\033[K3 of 3 devices started, 3 active; "), line.constData());
     QVERIFY2(line.endsWith("/s; 0 failed"), line.constData()); // nobody knows how long it takes
@@ -96,7 +96,8 @@ void tst_DeviceSimProgress::fitsIntoTheLine()
     Simulator simulator;
     simulator.writeErrorsTo(terminal.descriptor());
     simulator.start(receiver, words("--close stay"));
-    QTRY_VERIFY(terminal.output().contains(Rewrite + "1 of 1 devi" + Rewrite));
+    QTRY_VERIFY_WITH_TIMEOUT(terminal.output().contains(Rewrite + "1 of 1 devi" + Rewrite),
+                             HangGuardMs);
 }
 
 void tst_DeviceSimProgress::showsTheTimeLeft()
@@ -107,7 +108,7 @@ void tst_DeviceSimProgress::showsTheTimeLeft()
     Simulator simulator;
     simulator.writeErrorsTo(terminal.descriptor());
     simulator.start(receiver, words("--messages 1000 --rate 1"));
-    QTRY_VERIFY(terminal.output().contains(" left"));
+    QTRY_VERIFY_WITH_TIMEOUT(terminal.output().contains(" left"), HangGuardMs);
     static const QRegularExpression form(QStringLiteral("; [0-9]+:[0-9]{2} left"));
     QVERIFY(form.match(QString::fromLatin1(terminal.output())).hasMatch());
 }
@@ -153,4 +154,5 @@ void tst_DeviceSimProgress::writesLinesElsewhere()
 }
 
 QTEST_GUILESS_MAIN(tst_DeviceSimProgress)
+#include "tests/kit/hangguard.h"
 #include "tst_devicesimprogress.moc"

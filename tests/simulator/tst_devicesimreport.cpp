@@ -52,13 +52,13 @@ void tst_DeviceSimReport::stopsAtMessageEnd()
     QVERIFY(receiver.listen(testAddress()));
     Simulator simulator;
     simulator.start(receiver, words("--messages 0 --segments byte --pause-ms 1 --size 20"));
-    QTRY_COMPARE(receiver.peers.size(), 1);
-    QTRY_VERIFY(receiver.peers.first()->bytes.size() > 30);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
+    QTRY_VERIFY_WITH_TIMEOUT(receiver.peers.first()->bytes.size() > 30, HangGuardMs);
     simulator.signal(signal);
     QVERIFY(simulator.waitForEnd());
 
     QCOMPARE(simulator.exitCode(), 0);
-    QTRY_COMPARE(receiver.peers.first()->ended, Peer::Fin);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.first()->ended, Peer::Fin, HangGuardMs);
     QVERIFY(simulator.summary().value(text("interrupted")).toBool());
     const int messages = number(simulator.connection(), "messages");
     QVERIFY(messages >= 2);
@@ -74,12 +74,12 @@ void tst_DeviceSimReport::tellsItsProgress()
     Simulator simulator;
     simulator.start(receiver,
                     words("--connections 3 --parallel 2 --messages 5 --size 9 --close stay"));
-    QTRY_COMPARE(receiver.peers.size(), 2);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 2, HangGuardMs);
     for (const auto &peer : receiver.peers)
-        QTRY_COMPARE(peer->bytes.size(), 50);
+        QTRY_COMPARE_WITH_TIMEOUT(peer->bytes.size(), 50, HangGuardMs);
     simulator.signal(SIGUSR1);
     QByteArray errors;
-    QTRY_VERIFY((errors += simulator.errors()).endsWith('\n'));
+    QTRY_VERIFY_WITH_TIMEOUT((errors += simulator.errors()).endsWith('\n'), HangGuardMs);
     QCOMPARE(errors, QByteArray("2 devices started, 2 active; 10 messages\n"));
 
     simulator.signal(SIGTERM);
@@ -95,8 +95,8 @@ void tst_DeviceSimReport::countsWhatTheKernelAccepted()
     Simulator simulator;
     // The message is larger than the kernels' buffers, so it cannot be sent completely.
     simulator.start(receiver, words("--messages 0 --size 60000000"));
-    QTRY_COMPARE(receiver.peers.size(), 1);
-    QTRY_VERIFY(receiver.peers.first()->bytesWait());
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
+    QTRY_VERIFY_WITH_TIMEOUT(receiver.peers.first()->bytesWait(), HangGuardMs);
     simulator.signal(SIGTERM);
     simulator.signal(SIGINT); // otherwise it would wait for the receiver, which does not read
     QVERIFY(simulator.waitForEnd());
@@ -105,7 +105,7 @@ void tst_DeviceSimReport::countsWhatTheKernelAccepted()
     // The kernel delivers all bytes that it has accepted, even after the end of the program.
     Peer *peer = receiver.peers.first();
     peer->startReading();
-    QTRY_COMPARE(peer->ended, Peer::Fin);
+    QTRY_COMPARE_WITH_TIMEOUT(peer->ended, Peer::Fin, HangGuardMs);
     QCOMPARE(number(simulator.connection(), "bytes"), peer->bytes.size());
     QCOMPARE(simulator.connection().value(text("sha1")).toString().toLatin1(), sha1(peer->bytes));
     QVERIFY(!peer->bytes.isEmpty());
@@ -142,9 +142,9 @@ void tst_DeviceSimReport::peerEndsEarly()
     QVERIFY(receiver.listen(testAddress()));
     Simulator simulator;
     simulator.start(receiver, words("--messages 0 --rate 1")); // runs long enough to notice the end
-    QTRY_COMPARE(receiver.peers.size(), 1);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
     Peer *peer = receiver.peers.first();
-    QTRY_VERIFY(!peer->bytes.isEmpty());
+    QTRY_VERIFY_WITH_TIMEOUT(!peer->bytes.isEmpty(), HangGuardMs);
     if (resets)
         peer->reset();
     else
@@ -163,7 +163,7 @@ void tst_DeviceSimReport::stopsReconnectingAfterFailure()
     QVERIFY(receiver.listen(testAddress()));
     Simulator simulator;
     simulator.start(receiver, words("--messages 1000 --rate 100 --reconnect 1"));
-    QTRY_COMPARE(receiver.peers.size(), 1);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
     receiver.peers.first()->reset();
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 1);
@@ -229,4 +229,5 @@ void tst_DeviceSimReport::reportsSummaryOnly()
 }
 
 QTEST_GUILESS_MAIN(tst_DeviceSimReport)
+#include "tests/kit/hangguard.h"
 #include "tst_devicesimreport.moc"

@@ -58,8 +58,8 @@ void tst_DeviceSimScripts::eachDevicePlaysIt()
                             + QStringList{text("fixed 6 2e")});
     QVERIFY(simulator.waitForEnd());
     QVERIFY2(simulator.exitCode() == 0, simulator.errors().constData());
-    QTRY_COMPARE(receiver.peers.size(), 20);
-    QTRY_COMPARE(receiver.openPeers(), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 20, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.openPeers(), 0, HangGuardMs);
     for (const Peer *peer : receiver.peers) {
         QCOMPARE(peer->ended, Peer::Fin);
         QCOMPARE(peer->bytes, QByteArray("hello.m2....\0m4....\0m6....\0bye...", 33));
@@ -75,8 +75,8 @@ void tst_DeviceSimScripts::pausesBetweenWrites()
     simulator.start(receiver, script("pause 50ms\nrepeat 3\nsend a\npause 100ms\nend\n"));
     QVERIFY(simulator.waitForEnd());
     QVERIFY2(simulator.exitCode() == 0, simulator.errors().constData());
-    QTRY_COMPARE(receiver.peers.size(), 1);
-    QTRY_COMPARE(receiver.peers.first()->bytes, QByteArray("a\na\na\n"));
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.first()->bytes, QByteArray("a\na\na\n"), HangGuardMs);
     QVERIFY(number(simulator.summary(), "elapsedMs") >= 350);
 }
 
@@ -104,8 +104,8 @@ void tst_DeviceSimScripts::endsConnections()
     simulator.start(receiver, script("send a\n" + step));
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
-    QTRY_COMPARE(receiver.peers.size(), 1);
-    QTRY_COMPARE(receiver.peers.first()->ended, seen);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.first()->ended, seen, HangGuardMs);
     QCOMPARE(receiver.peers.first()->bytes, QByteArray("a\n"));
     QCOMPARE(end(simulator.connection()), reported);
 }
@@ -120,8 +120,8 @@ void tst_DeviceSimScripts::connectsAgain()
                            "end\nsend last\nreset\npause 10ms\n"));
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
-    QTRY_COMPARE(receiver.peers.size(), 3);
-    QTRY_COMPARE(receiver.openPeers(), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 3, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.openPeers(), 0, HangGuardMs);
     QCOMPARE(receiver.mostOpen, 1);
     QCOMPARE(receiver.peers.at(0)->bytes, QByteArray("m1\nm2\n"));
     QCOMPARE(receiver.peers.at(1)->bytes, QByteArray("m3\nm4\n"));
@@ -137,13 +137,13 @@ void tst_DeviceSimScripts::waitsForThePeer()
     QVERIFY(receiver.listen(testAddress()));
     Simulator simulator;
     simulator.start(receiver, script("send a\nwait-close\nsend b\nclose"));
-    QTRY_COMPARE(receiver.peers.size(), 1);
-    QTRY_COMPARE(receiver.peers.first()->bytes, QByteArray("a\n"));
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.first()->bytes, QByteArray("a\n"), HangGuardMs);
     receiver.peers.first()->close();
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
-    QTRY_COMPARE(receiver.peers.size(), 2);
-    QTRY_COMPARE(receiver.peers.last()->bytes, QByteArray("b\n"));
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 2, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.last()->bytes, QByteArray("b\n"), HangGuardMs);
     QCOMPARE(end(simulator.connection(0)), text("peer-closed"));
     QCOMPARE(end(simulator.connection(1)), text("closed"));
 }
@@ -159,9 +159,9 @@ void tst_DeviceSimScripts::givesUpWaiting()
     QCOMPARE(simulator.exitCode(), 0);
     QCOMPARE(end(simulator.connection(0)), text("closed"));
     QCOMPARE(end(simulator.connection(1)), text("unanswered"));
-    QTRY_COMPARE(receiver.peers.size(), 2);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 2, HangGuardMs);
     QCOMPARE(receiver.peers.at(0)->bytes, QByteArray());
-    QTRY_COMPARE(receiver.peers.at(1)->bytes, QByteArray("b\n"));
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.at(1)->bytes, QByteArray("b\n"), HangGuardMs);
 }
 
 void tst_DeviceSimScripts::saysThatThePeerWasEarly()
@@ -170,8 +170,8 @@ void tst_DeviceSimScripts::saysThatThePeerWasEarly()
     QVERIFY(receiver.listen(testAddress()));
     Simulator simulator;
     simulator.start(receiver, script("send a\npause 1h\nsend b"));
-    QTRY_COMPARE(receiver.peers.size(), 1);
-    QTRY_COMPARE(receiver.peers.first()->bytes, QByteArray("a\n"));
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.first()->bytes, QByteArray("a\n"), HangGuardMs);
     receiver.peers.first()->close();
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 1);
@@ -189,7 +189,7 @@ void tst_DeviceSimScripts::overTls()
                     script("send a\nclose\nsend b\nhalf-close\n") + words("--tls --insecure"));
     QVERIFY(simulator.waitForEnd());
     QVERIFY2(simulator.exitCode() == 0, simulator.output.constData());
-    QTRY_COMPARE(receiver.disconnected, 2);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.disconnected, 2, HangGuardMs);
     QCOMPARE(receiver.bytes.value(receiver.sockets.at(0)), QByteArray("a\n"));
     QCOMPARE(receiver.bytes.value(receiver.sockets.at(1)), QByteArray("b\n"));
 }
@@ -213,14 +213,14 @@ void tst_DeviceSimScripts::isStopped()
     QVERIFY(receiver.listen(testAddress()));
     Simulator simulator;
     simulator.start(receiver, script(content));
-    QTRY_COMPARE(receiver.peers.size(), 1);
-    QTRY_COMPARE(receiver.peers.first()->bytes, QByteArray("a\n"));
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.first()->bytes, QByteArray("a\n"), HangGuardMs);
     if (content.contains("half-close"))
-        QTRY_COMPARE(receiver.peers.first()->ended, Peer::Fin);
+        QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.first()->ended, Peer::Fin, HangGuardMs);
     simulator.signal(SIGTERM);
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
-    QTRY_COMPARE(receiver.peers.first()->ended, Peer::Fin);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.first()->ended, Peer::Fin, HangGuardMs);
     QCOMPARE(end(simulator.connection()), text("closed"));
     QVERIFY(simulator.summary().value(text("interrupted")).toBool());
 }
@@ -239,4 +239,5 @@ void tst_DeviceSimScripts::refuses()
 }
 
 QTEST_GUILESS_MAIN(tst_DeviceSimScripts)
+#include "tests/kit/hangguard.h"
 #include "tst_devicesimscripts.moc"

@@ -67,8 +67,8 @@ void tst_DeviceSimSending::sends()
     QVERIFY(simulator.waitForEnd());
 
     QCOMPARE(simulator.exitCode(), 0);
-    QTRY_COMPARE(receiver.peers.size(), 1);
-    QTRY_COMPARE(receiver.peers.first()->ended, Peer::Fin);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.first()->ended, Peer::Fin, HangGuardMs);
     QCOMPARE(receiver.peers.first()->bytes, expected);
     const QJsonObject connection = simulator.connection();
     QCOMPARE(simulator.connections().size(), 1);
@@ -98,8 +98,8 @@ void tst_DeviceSimSending::sendsAllOfManyDevices()
     QVERIFY(simulator.waitForEnd());
 
     QCOMPARE(simulator.exitCode(), 0);
-    QTRY_COMPARE(receiver.peers.size(), Devices);
-    QTRY_COMPARE(receiver.openPeers(), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), Devices, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.openPeers(), 0, HangGuardMs);
     QList<QByteArray> received;
     for (const Peer *peer : receiver.peers)
         received.append(peer->bytes);
@@ -117,8 +117,8 @@ void tst_DeviceSimSending::closes()
     simulator.start(receiver, words("--messages 10 --close close"));
     QVERIFY(simulator.waitForEnd()); // it waits for no answer
     QCOMPARE(simulator.exitCode(), 0);
-    QTRY_COMPARE(receiver.peers.size(), 1);
-    QTRY_COMPARE(receiver.peers.first()->ended, Peer::Fin);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.first()->ended, Peer::Fin, HangGuardMs);
     QCOMPARE(receiver.peers.first()->bytes, stream(1, 1, 10));
     QCOMPARE(end(simulator.connection()), text("closed"));
 }
@@ -130,9 +130,9 @@ void tst_DeviceSimSending::halfCloses()
     QVERIFY(receiver.listen(testAddress()));
     Simulator simulator;
     simulator.start(receiver, words("--messages 10 --close half-close"));
-    QTRY_COMPARE(receiver.peers.size(), 1);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
     Peer *peer = receiver.peers.first();
-    QTRY_COMPARE(peer->ended, Peer::Fin);
+    QTRY_COMPARE_WITH_TIMEOUT(peer->ended, Peer::Fin, HangGuardMs);
     QCOMPARE(peer->bytes, stream(1, 1, 10));
 
     peer->close();
@@ -162,8 +162,8 @@ void tst_DeviceSimSending::aborts()
     simulator.start(receiver, words("--messages 1000 --close abort"));
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
-    QTRY_COMPARE(receiver.peers.size(), 1);
-    QTRY_COMPARE(receiver.peers.first()->ended, Peer::Reset);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.first()->ended, Peer::Reset, HangGuardMs);
     QCOMPARE(receiver.peers.first()->bytes, stream(1, 1, 1000));
     QCOMPARE(end(simulator.connection()), text("reset"));
 }
@@ -185,15 +185,16 @@ void tst_DeviceSimSending::stays()
     QVERIFY(receiver.listen(testAddress()));
     Simulator simulator;
     simulator.start(receiver, words("--messages 10 --close stay") + words(linger.constData()));
-    QTRY_COMPARE(receiver.peers.size(), 1);
-    QTRY_VERIFY(receiver.peers.first()->bytes.startsWith(stream(1, 1, 1)));
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
+    QTRY_VERIFY_WITH_TIMEOUT(receiver.peers.first()->bytes.startsWith(stream(1, 1, 1)),
+                             HangGuardMs);
     if (interrupted) {
         QCOMPARE(receiver.peers.first()->ended, Peer::Open);
         simulator.signal(SIGTERM);
     }
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
-    QTRY_COMPARE(receiver.peers.first()->ended, Peer::Fin);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.first()->ended, Peer::Fin, HangGuardMs);
     QCOMPARE(receiver.peers.first()->bytes.size(), number(simulator.connection(), "bytes"));
     QCOMPARE(end(simulator.connection()), text("closed"));
     QCOMPARE(simulator.summary().value(text("interrupted")).toBool(), interrupted);
@@ -207,8 +208,8 @@ void tst_DeviceSimSending::staysUntilThePeerCloses()
     QVERIFY(receiver.listen(testAddress()));
     Simulator simulator;
     simulator.start(receiver, words("--messages 10 --close stay"));
-    QTRY_COMPARE(receiver.peers.size(), 1);
-    QTRY_COMPARE(receiver.peers.first()->bytes, stream(1, 1, 10));
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.first()->bytes, stream(1, 1, 10), HangGuardMs);
     receiver.peers.first()->close();
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
@@ -224,8 +225,8 @@ void tst_DeviceSimSending::reconnects()
     simulator.start(receiver, words("--messages 8 --reconnect 2 --close half-close"));
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
-    QTRY_COMPARE(receiver.peers.size(), 3);
-    QTRY_COMPARE(receiver.openPeers(), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 3, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.openPeers(), 0, HangGuardMs);
     QCOMPARE(receiver.mostOpen, 1);
     QCOMPARE(receiver.peers.at(0)->bytes, stream(1, 1, 3));
     QCOMPARE(receiver.peers.at(1)->bytes, stream(1, 4, 6));
@@ -251,8 +252,8 @@ void tst_DeviceSimSending::bindsInTurn()
                     + QStringList{text("--bind"), first, text("--bind"), testAddress().toString()});
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
-    QTRY_COMPARE(receiver.peers.size(), 4);
-    QTRY_COMPARE(receiver.openPeers(), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 4, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.openPeers(), 0, HangGuardMs);
     for (const Peer *peer : receiver.peers) {
         const bool isOdd = peer->bytes == stream(1, 1, 1) || peer->bytes == stream(3, 1, 1);
         QCOMPARE(peer->address.toString(), isOdd ? first : testAddress().toString());
@@ -268,8 +269,8 @@ void tst_DeviceSimSending::ipv6()
     simulator.start(receiver, words("--messages 3"));
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
-    QTRY_COMPARE(receiver.peers.size(), 1);
-    QTRY_COMPARE(receiver.peers.first()->bytes, stream(1, 1, 3));
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.size(), 1, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.peers.first()->bytes, stream(1, 1, 3), HangGuardMs);
     QCOMPARE(simulator.connection().value(text("localAddress")).toString(), text("::1"));
     QCOMPARE(number(simulator.connection(), "localPort"), receiver.peers.first()->port);
 }
@@ -324,4 +325,5 @@ void tst_DeviceSimSending::limitsOpenConnections()
 }
 
 QTEST_GUILESS_MAIN(tst_DeviceSimSending)
+#include "tests/kit/hangguard.h"
 #include "tst_devicesimsending.moc"

@@ -68,7 +68,7 @@ void tst_DeviceSimTls::tls()
     QCOMPARE(simulator.exitCode(), 0);
     QCOMPARE(receiver.sockets.size(), 3);
     QCOMPARE(receiver.encrypted, 3);
-    QTRY_COMPARE(receiver.disconnected, 3);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.disconnected, 3, HangGuardMs);
     for (qsizetype i = 0; i < 3; ++i) {
         const QByteArray received = receiver.bytes.value(receiver.sockets.at(i));
         const quint64 device = received.mid(1, 1).toULongLong();
@@ -93,7 +93,7 @@ void tst_DeviceSimTls::tlsDeliversThenCloses()
                     words("--tls --insecure --tls-version 1.3 --messages 20000 --size 200"));
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
-    QTRY_COMPARE(receiver.disconnected, 1);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.disconnected, 1, HangGuardMs);
     Options options;
     options.size = 200;
     QVERIFY(receiver.bytes.value(receiver.sockets.first()) == stream(1, 1, 20000, options));
@@ -108,7 +108,7 @@ void tst_DeviceSimTls::tlsReconnects()
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
     QCOMPARE(receiver.sockets.size(), 2);
-    QTRY_COMPARE(receiver.disconnected, 2);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.disconnected, 2, HangGuardMs);
     QCOMPARE(receiver.bytes.value(receiver.sockets.at(0)), stream(1, 1, 2));
     QCOMPARE(receiver.bytes.value(receiver.sockets.at(1)), stream(1, 3, 4));
 }
@@ -199,7 +199,7 @@ void tst_DeviceSimTls::tlsClientCertificate()
     QVERIFY(simulator.waitForEnd());
     QCOMPARE(simulator.exitCode(), 0);
     QCOMPARE(receiver.peerNames, QStringList(text("device")));
-    QTRY_COMPARE(receiver.disconnected, 1);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.disconnected, 1, HangGuardMs);
     QCOMPARE(receiver.bytes.value(receiver.sockets.first()), stream(1, 1, 3));
 }
 

@@ -94,7 +94,7 @@ void tst_ReplayParts::timetable()
     QCOMPARE(table.msUntil(4), 0); // there is none
     Timetable late({40'000}, 2);
     late.start();
-    QTRY_COMPARE(late.due(), quint64(1));
+    QTRY_COMPARE_WITH_TIMEOUT(late.due(), quint64(1), HangGuardMs);
 }
 
 void tst_ReplayParts::timetableWithoutWaiting()
@@ -271,4 +271,5 @@ void tst_ReplayParts::mutationDoesEachKind()
 }
 
 QTEST_GUILESS_MAIN(tst_ReplayParts)
+#include "tests/kit/hangguard.h"
 #include "tst_replayparts.moc"

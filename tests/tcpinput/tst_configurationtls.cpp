@@ -136,7 +136,7 @@ void tst_ConfigurationTls::tlsRejectedWhileListeningPlain()
     takeLog();
     QTcpSocket device;
     device.connectToHost(address, plugin.plainServer().serverPort());
-    QTRY_VERIFY(plugin.plainServer().hasPendingConnections());
+    QTRY_VERIFY_WITH_TIMEOUT(plugin.plainServer().hasPendingConnections(), HangGuardMs);
     plugin.handleConnection();
     QCOMPARE(takeLog(), QStringList());
 
@@ -169,4 +169,5 @@ void tst_ConfigurationTls::tlsIsReadBetweenPortAndPoolSize()
 }
 
 QTEST_GUILESS_MAIN(tst_ConfigurationTls)
+#include "tests/kit/hangguard.h"
 #include "tst_configurationtls.moc"

@@ -84,7 +84,7 @@ void tst_PluginDiscard::discardIsRouted()
     std::vector<NativeSocket> devices;
     devices.push_back(plugin.connectDevice());
     devices.push_back(plugin.connectDevice());
-    QTRY_COMPARE(plugin.getStatus().count(u"tcp2:"_s), 2);
+    QTRY_COMPARE_WITH_TIMEOUT(plugin.getStatus().count(u"tcp2:"_s), 2, HangGuardMs);
     passQueueOf(plugin.workers().allTasks().value(0)); // has told of its connection now
     passQueueOf(plugin.workers().allTasks().value(1));
     takeLog();

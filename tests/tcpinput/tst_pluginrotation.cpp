@@ -44,7 +44,7 @@ void tst_PluginRotation::connectionLines()
     QVERIFY(plugin.start());
     takeLog();
     const NativeSocket device = plugin.connectDevice();
-    QTRY_COMPARE(plugin.workers().turn(), 1);
+    QTRY_COMPARE_WITH_TIMEOUT(plugin.workers().turn(), 1, HangGuardMs);
 
     TcpTask2 *task = plugin.workers().allTasks().first();
     const long worker = threadNumberOf(task);
@@ -143,7 +143,7 @@ void tst_PluginRotation::poolShrinksBetweenStarts()
     std::vector<NativeSocket> devices;
     for (int n = 0; n < 3; ++n)
         devices.push_back(plugin.connectDevice());
-    QTRY_COMPARE(plugin.getStatus().count(u"tcp2:"_s), 3);
+    QTRY_COMPARE_WITH_TIMEOUT(plugin.getStatus().count(u"tcp2:"_s), 3, HangGuardMs);
     QVERIFY(plugin.stop());
 
     plugin.configure(withTls(poolOf(2)));
@@ -190,10 +190,11 @@ void tst_PluginRotation::timeoutReachesClients()
     QElapsedTimer time;
     time.start();
     const NativeSocket device = plugin.connectDevice();
-    QTRY_COMPARE(plugin.workers().turn(), 1);
+    QTRY_COMPARE_WITH_TIMEOUT(plugin.workers().turn(), 1, HangGuardMs);
     QVERIFY(device.ends());
     QVERIFY2(time.elapsed() >= 950, qPrintable(QString::number(time.elapsed())));
 }
 
 QTEST_GUILESS_MAIN(tst_PluginRotation)
+#include "tests/kit/hangguard.h"
 #include "tst_pluginrotation.moc"

@@ -118,7 +118,8 @@ void tst_PluginShortage::pendingUntilThreadCanBeHad()
     {
         NoFreeDescriptors descriptors;
         descriptors.giveBack(1); // for the connection
-        QTRY_VERIFY(plugin.findChild<TcpServer *>()->hasPendingConnections());
+        QTRY_VERIFY_WITH_TIMEOUT(plugin.findChild<TcpServer *>()->hasPendingConnections(),
+                                 HangGuardMs);
         QCOMPARE(takeLog(), QStringList({ThreadLine, NoThreadLine}));
         QCOMPARE(plugin.workers().turn(), 0);
         // The first retry comes before the fence, and logs nothing as long as there are no
@@ -126,7 +127,7 @@ void tst_PluginShortage::pendingUntilThreadCanBeHad()
         QTimer fence;
         fence.setSingleShot(true);
         fence.start(600);
-        QTRY_VERIFY(!fence.isActive());
+        QTRY_VERIFY_WITH_TIMEOUT(!fence.isActive(), HangGuardMs);
         QCOMPARE(takeLog(), QStringList());
     }
     QCOMPARE(plugin.taskOf("here"), u"0"_s);
@@ -143,17 +144,19 @@ void tst_PluginShortage::stoppedWhileNoThreadCanBeHad()
     {
         NoFreeDescriptors descriptors;
         descriptors.giveBack(1); // for the connection
-        QTRY_VERIFY(plugin.findChild<TcpServer *>()->hasPendingConnections());
+        QTRY_VERIFY_WITH_TIMEOUT(plugin.findChild<TcpServer *>()->hasPendingConnections(),
+                                 HangGuardMs);
         QVERIFY(plugin.stop());
     }
-    QVERIFY(plugin.start());
-    NativeSocket device = NativeSocket::unconnected(plugin.address);
     takeLog();
+    QVERIFY(plugin.start()); // from here on the early connection may have its turn
+    NativeSocket device = NativeSocket::unconnected(plugin.address);
     QStringList log;
     {
         const NoFreeDescriptors none;
         QVERIFY(device.connect(plugin.address, plugin.port));
-        QTRY_VERIFY(!(log += takeLog()).filter(u"Out of file descriptors"_s).isEmpty());
+        QTRY_VERIFY_WITH_TIMEOUT(!(log += takeLog()).filter(u"Out of file descriptors"_s).isEmpty(),
+                                 HangGuardMs);
     }
     QVERIFY(device.send("here"));
     QCOMPARE(plugin.taskOf("here"), u"0"_s);
@@ -194,12 +197,13 @@ void tst_PluginShortage::pausedWithoutDescriptors()
             const NoFreeDescriptors none;
             QVERIFY(device.connect(plugin.address, plugin.port));
             expected += lines.first();
-            QTRY_COMPARE(episodes(), expected);
+            QTRY_COMPARE_WITH_TIMEOUT(episodes(), expected, HangGuardMs);
         }
         expected += lines.last();
-        QTRY_COMPARE(episodes(), expected);
+        QTRY_COMPARE_WITH_TIMEOUT(episodes(), expected, HangGuardMs);
     }
 }
 
 QTEST_GUILESS_MAIN(tst_PluginShortage)
+#include "tests/kit/hangguard.h"
 #include "tst_pluginshortage.moc"

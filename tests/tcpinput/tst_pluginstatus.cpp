@@ -116,7 +116,7 @@ void tst_PluginStatus::reportReachesEveryTask()
     std::vector<NativeSocket> devices;
     for (int n = 0; n < 3; ++n)
         devices.push_back(plugin.connectDevice());
-    QTRY_COMPARE(plugin.getStatus().count(u"tcp2:"_s), 3);
+    QTRY_COMPARE_WITH_TIMEOUT(plugin.getStatus().count(u"tcp2:"_s), 3, HangGuardMs);
 
     TcpTask2 *first = plugin.workers().allTasks().value(0);
     TcpTask2 *second = plugin.workers().allTasks().value(1);
@@ -195,7 +195,7 @@ void tst_PluginStatus::statusListsClients()
     QStringList ids[2]; // by task
     for (int n = 0; n < 4; ++n) {
         devices.push_back(plugin.connectDevice());
-        QTRY_COMPARE(plugin.getStatus().count(u"tcp2:"_s), n + 1);
+        QTRY_COMPARE_WITH_TIMEOUT(plugin.getStatus().count(u"tcp2:"_s), n + 1, HangGuardMs);
         ids[n % 2].append(u"tcp2:%1:%2-127.0.0.1:%3"_s.arg(plugin.address.toString())
                                   .arg(plugin.port)
                                   .arg(devices.back().localPort()));
@@ -215,7 +215,7 @@ void tst_PluginStatus::statusListsClients()
     takeLog();
     QCOMPARE(plugin.getStatus(), expected);
     QCOMPARE(plugin.queries, QStringList()); // they come later
-    QTRY_COMPARE(plugin.queries.size(), queries.size());
+    QTRY_COMPARE_WITH_TIMEOUT(plugin.queries.size(), queries.size(), HangGuardMs);
     QCOMPARE(plugin.queries, queries);
     QCOMPARE(takeLog(), QStringList());
 }
@@ -267,4 +267,5 @@ void tst_PluginStatus::drop()
 }
 
 QTEST_GUILESS_MAIN(tst_PluginStatus)
+#include "tests/kit/hangguard.h"
 #include "tst_pluginstatus.moc"

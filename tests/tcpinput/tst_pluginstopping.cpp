@@ -87,7 +87,7 @@ void tst_PluginStopping::stopForgetsAtOnce()
     std::vector<NativeSocket> devices;
     for (int n = 0; n < 2; ++n)
         devices.push_back(plugin.connectDevice());
-    QTRY_COMPARE(plugin.getStatus().count(u"tcp2:"_s), 2);
+    QTRY_COMPARE_WITH_TIMEOUT(plugin.getStatus().count(u"tcp2:"_s), 2, HangGuardMs);
     const QList<QPointer<TcpTask2>> tasks{plugin.workers().allTasks().value(0),
                                           plugin.workers().allTasks().value(1)};
     const QList<QPointer<QThread>> threads{tasks[0]->thread(), tasks[1]->thread()};
@@ -111,8 +111,8 @@ void tst_PluginStopping::stopForgetsAtOnce()
     // A second stop() while the workers wind down.
     QVERIFY(plugin.stop());
     QStringList later;
-    QTRY_COMPARE((later += takeLog()).count(FinishedLine), 2);
-    QTRY_VERIFY(!threads[0] && !threads[1]);
+    QTRY_COMPARE_WITH_TIMEOUT((later += takeLog()).count(FinishedLine), 2, HangGuardMs);
+    QTRY_VERIFY_WITH_TIMEOUT(!threads[0] && !threads[1], HangGuardMs);
     QVERIFY(!tasks[0] && !tasks[1]);
     QCOMPARE((later += takeLog()).count(FinishedLine), 2);
 }
@@ -128,7 +128,7 @@ void tst_PluginStopping::stopDoesNotWait()
         QVERIFY(thread->isRunning());
         QVERIFY(plugin.workers().allTasks().isEmpty());
     }
-    QTRY_VERIFY(!thread);
+    QTRY_VERIFY_WITH_TIMEOUT(!thread, HangGuardMs);
 }
 
 void tst_PluginStopping::stopSignalReachesTasksAndThreads()
@@ -136,16 +136,16 @@ void tst_PluginStopping::stopSignalReachesTasksAndThreads()
     Plugin plugin;
     QVERIFY(plugin.start());
     const NativeSocket device = plugin.connectDevice();
-    QTRY_COMPARE(plugin.getStatus().count(u"tcp2:"_s), 1);
+    QTRY_COMPARE_WITH_TIMEOUT(plugin.getStatus().count(u"tcp2:"_s), 1, HangGuardMs);
     const QThread *thread = plugin.workers().allTasks().first()->thread();
 
     Q_EMIT plugin.stopSignal();
     QVERIFY(device.ends()); // the task has stopped, without a turn of this thread's event loop
     QVERIFY(thread->isRunning());
-    QTRY_VERIFY(thread->isFinished());
+    QTRY_VERIFY_WITH_TIMEOUT(thread->isFinished(), HangGuardMs);
     QCOMPARE(plugin.workers().allThreads().size(), 1); // a finished thread stays
     qsizetype finished = 0;
-    QTRY_VERIFY((finished += takeLog().count(FinishedLine)) == 1);
+    QTRY_VERIFY_WITH_TIMEOUT((finished += takeLog().count(FinishedLine)) == 1, HangGuardMs);
 
     // Otherwise only the plugin emits this signal, and stop() has the task deleted before the
     // thread ends. Here the test emits it, so the thread must run once more to delete the task.
@@ -157,7 +157,7 @@ void tst_PluginStopping::stopClosesConnections()
     Plugin plugin;
     QVERIFY(plugin.start());
     const NativeSocket device = plugin.connectDevice();
-    QTRY_COMPARE(plugin.getStatus().count(u"tcp2:"_s), 1);
+    QTRY_COMPARE_WITH_TIMEOUT(plugin.getStatus().count(u"tcp2:"_s), 1, HangGuardMs);
     QVERIFY(plugin.stop());
     QVERIFY(device.ends());
     QVERIFY(!plugin.connectDevice().isValid());
@@ -183,7 +183,7 @@ void tst_PluginStopping::startAfterStop()
     Plugin plugin;
     QVERIFY(plugin.start());
     NativeSocket device = plugin.connectDevice();
-    QTRY_COMPARE(plugin.workers().turn(), 1);
+    QTRY_COMPARE_WITH_TIMEOUT(plugin.workers().turn(), 1, HangGuardMs);
     QVERIFY(plugin.stop());
     QCOMPARE(plugin.workers().turn(), 1);
 
@@ -212,7 +212,7 @@ void tst_PluginStopping::secondStartHandsOverTwice()
         const Busy busy(first);
         device = plugin.connectDevice();
         QVERIFY(device.send("twice"));
-        QTRY_COMPARE(plugin.workers().turn(), 2);
+        QTRY_COMPARE_WITH_TIMEOUT(plugin.workers().turn(), 2, HangGuardMs);
         TcpTask2 *second = plugin.workers().allTasks().value(1);
         passQueueOf(second);
         const QStringList lines = takeLog();
@@ -234,4 +234,5 @@ void tst_PluginStopping::secondStartHandsOverTwice()
 }
 
 QTEST_GUILESS_MAIN(tst_PluginStopping)
+#include "tests/kit/hangguard.h"
 #include "tst_pluginstopping.moc"

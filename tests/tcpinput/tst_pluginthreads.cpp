@@ -66,7 +66,7 @@ void tst_PluginThreads::threadOfTaskIndex()
     Plugin plugin;
     QVERIFY(plugin.start());
     const NativeSocket device = plugin.connectDevice();
-    QTRY_COMPARE(plugin.workers().turn(), 1);
+    QTRY_COMPARE_WITH_TIMEOUT(plugin.workers().turn(), 1, HangGuardMs);
     passQueueOf(plugin.workers().allTasks().first()); // the worker has written all its lines
     takeLog();
     QThread *next = plugin.getThread(0);
@@ -106,4 +106,5 @@ void tst_PluginThreads::taskTakesThreadThatIsThere()
 }
 
 QTEST_GUILESS_MAIN(tst_PluginThreads)
+#include "tests/kit/hangguard.h"
 #include "tst_pluginthreads.moc"

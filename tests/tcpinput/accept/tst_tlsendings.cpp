@@ -78,13 +78,13 @@ void tst_TlsEndings::openHandshakesEndWithTheServer()
         plugin.reset();
     } else {
         plugin->stop();
-        QTRY_COMPARE(handshakes(), 0);
+        QTRY_COMPARE_WITH_TIMEOUT(handshakes(), 0, HangGuardMs);
         QCOMPARE(server().findChildren<QSslSocket *>().size(), 0);
     }
     for (const TlsDevice &device : devices)
         QVERIFY(device.waitForEnd());
     devices.clear();
-    QTRY_COMPARE(openSockets(), before - 1);
+    QTRY_COMPARE_WITH_TIMEOUT(openSockets(), before - 1, HangGuardMs);
     QCOMPARE(socketErrors(), 0);
     if (destroys)
         return;
@@ -120,7 +120,7 @@ void tst_TlsEndings::waitingConnectionsEndWithTheServer()
         QVERIFY(!server().hasPendingConnections());
     }
     // Less the listening socket, plus the device's.
-    QTRY_COMPARE(openSockets(), before);
+    QTRY_COMPARE_WITH_TIMEOUT(openSockets(), before, HangGuardMs);
     QVERIFY(device.waitForEnd());
 }
 
@@ -139,7 +139,7 @@ void tst_TlsEndings::stopsFromInsideAHandshake()
                 && device.waitForEnd();
     }));
     QVERIFY(ended);
-    QTRY_COMPARE(handshakes(), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(handshakes(), 0, HangGuardMs);
     QCOMPARE(socketErrors(), 0);
 }
 

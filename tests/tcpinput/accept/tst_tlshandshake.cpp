@@ -264,10 +264,10 @@ void tst_TlsHandshake::endsInsideASignal()
     });
     QVERIFY(bringAbout(told));
     QVERIFY(ended);
-    QTRY_COMPARE(handshakes(), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(handshakes(), 0, HangGuardMs);
     plugin.reset();
     device.reset();
-    QTRY_COMPARE(openSockets(), before);
+    QTRY_COMPARE_WITH_TIMEOUT(openSockets(), before, HangGuardMs);
     QCOMPARE(records, QList<QByteArray>());
 }
 
@@ -287,11 +287,11 @@ void tst_TlsHandshake::endsInsideASignalWithALoop()
         ended = true;
     });
     QVERIFY(bringAbout(told));
-    QTRY_VERIFY(ended);
-    QTRY_COMPARE(handshakes(), 0);
+    QTRY_VERIFY_WITH_TIMEOUT(ended, HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(handshakes(), 0, HangGuardMs);
     plugin.reset();
     device.reset();
-    QTRY_COMPARE(openSockets(), before);
+    QTRY_COMPARE_WITH_TIMEOUT(openSockets(), before, HangGuardMs);
 }
 
 void tst_TlsHandshake::alertIsToldBeforeTheFailure()
@@ -310,8 +310,9 @@ void tst_TlsHandshake::alertIsToldBeforeTheFailure()
     connect(&server(), &QSslServer::errorOccurred, this,
             [&](QSslSocket *, QAbstractSocket::SocketError) { told += text("error"); });
     QVERIFY(bringAbout(Told::AlertSent));
-    QTRY_COMPARE(told, (QStringList{text("started"), text("alert"), text("error")}));
-    QTRY_COMPARE(handshakes(), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(told, (QStringList{text("started"), text("alert"), text("error")}),
+                              HangGuardMs);
+    QTRY_COMPARE_WITH_TIMEOUT(handshakes(), 0, HangGuardMs);
     QCOMPARE(told.size(), 3);
 }
 
@@ -339,7 +340,7 @@ void tst_TlsHandshake::droppedHandshakeTellsNothing()
     });
     onFirst(next, [&](QSslSocket *) { told = true; });
     QVERIFY(bringAbout(subject));
-    QTRY_COMPARE(handshakes(), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(handshakes(), 0, HangGuardMs);
     QVERIFY(dropped);
     QVERIFY(!told);
 }
@@ -477,7 +478,7 @@ void tst_TlsHandshake::handshakeEndsWhileTheServerCloses()
     }
     server().close();
     QVERIFY(ended);
-    QTRY_COMPARE(handshakes(), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(handshakes(), 0, HangGuardMs);
 }
 
 QTEST_GUILESS_MAIN(tst_TlsHandshake)

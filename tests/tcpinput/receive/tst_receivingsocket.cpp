@@ -331,16 +331,16 @@ void tst_ReceivingSocket::directReader()
     {
         DirectReader reader(*receiver.socket, 1 << 20);
         QVERIFY(receiver.sendUnseen("direct"));
-        QTRY_COMPARE(reader.received, QByteArray("direct"));
+        QTRY_COMPARE_WITH_TIMEOUT(reader.received, QByteArray("direct"), HangGuardMs);
         QCOMPARE(reader.announced, 1);
         QCOMPARE(receiver.announced, 0);
     }
     QVERIFY(receiver.sendUnseen("signal"));
-    QTRY_COMPARE(receiver.received, QByteArray("signal"));
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.received, QByteArray("signal"), HangGuardMs);
 
     DirectReader reader(*receiver.socket, 1 << 20);
     receiver.device.close();
-    QTRY_VERIFY(receiver.ended());
+    QTRY_VERIFY_WITH_TIMEOUT(receiver.ended(), HangGuardMs);
     QCOMPARE(receiver.events, EndByPeer);
     QCOMPARE(reader.announced, 0);
 }
@@ -352,10 +352,10 @@ void tst_ReceivingSocket::directReaderThatLeavesSome()
     receiver.makeSocket();
     DirectReader reader(*receiver.socket, 4);
     QVERIFY(receiver.sendUnseen("abcdef"));
-    QTRY_COMPARE(reader.received, QByteArray("abcd"));
+    QTRY_COMPARE_WITH_TIMEOUT(reader.received, QByteArray("abcd"), HangGuardMs);
     QCOMPARE(receiver.socket->bytesAvailable(), 2);
     QVERIFY(receiver.sendUnseen("gh"));
-    QTRY_COMPARE(reader.received, QByteArray("abcdefgh"));
+    QTRY_COMPARE_WITH_TIMEOUT(reader.received, QByteArray("abcdefgh"), HangGuardMs);
     QCOMPARE(reader.announced, 2);
 }
 
@@ -368,7 +368,7 @@ void tst_ReceivingSocket::directReaderOfMuch()
     QVERIFY(receiver.sendUnseen(sent));
     receiver.makeSocket();
     DirectReader reader(*receiver.socket, 1 << 20);
-    QTRY_COMPARE(reader.received.size(), sent.size());
+    QTRY_COMPARE_WITH_TIMEOUT(reader.received.size(), sent.size(), HangGuardMs);
     QCOMPARE(reader.received, sent);
     QCOMPARE(reader.announced, 1);
 }
@@ -380,4 +380,5 @@ int main(int argc, char *argv[])
     tst_ReceivingSocket test;
     return QTest::qExec(&test, argc, argv);
 }
+#include "tests/kit/hangguard.h"
 #include "tst_receivingsocket.moc"

@@ -3,11 +3,16 @@
 
 #include "host/logging.h"
 
+#include "host/harmless.h"
+#include "host/loglimit.h"
 #include "host/logstream.h"
-#include "plugin/kit/linelimit.h"
 
 #include <QtCore/QByteArray>
+#include <QtCore/QDateTime>
 #include <QtCore/QDebug>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
+#include <QtCore/QRegularExpression>
 
 #include <mutex>
 
@@ -16,32 +21,28 @@
 namespace host {
 namespace {
 
-using inputkit::LineLimit;
-
-// Enough for the lines of one connection a second; less than 1 MB a minute for both levels.
-constexpr int MostLinesAMinute = 2000;
-
 struct Level
 {
     const char *name;
     int importance;
+    int priority; // as systemd and syslog have it
 };
 
 Level levelOf(QtMsgType type)
 {
     switch (type) {
     case QtDebugMsg:
-        return {"debug", 0};
+        return {"debug", 0, 7};
     case QtInfoMsg:
-        return {"info", 1};
+        return {"info", 1, 6};
     case QtWarningMsg:
-        return {"warning", 2};
+        return {"warning", 2, 4};
     case QtCriticalMsg:
-        return {"error", 3};
+        return {"error", 3, 3};
     case QtFatalMsg:
         break;
     }
-    return {"fatal", 4};
+    return {"fatal", 4, 2};
 }
 
 // Deliberate: never deleted. Other threads write for as long as the process lives.
@@ -49,6 +50,38 @@ LogStream &standardError()
 {
     static LogStream &stream = *new LogStream(STDERR_FILENO);
     return stream;
+}
+
+// The plugin's lines begin with the local time of day, which says less than the object's time.
+QString withoutTime(const QString &text)
+{
+    static const QRegularExpression time(QStringLiteral("^\\d\\d:\\d\\d:\\d\\d\\.\\d{3} "));
+    return time.match(text).hasMatch() ? text.sliced(time.match(text).capturedLength()) : text;
+}
+
+QByteArray asJson(const Level &level, const QString &text)
+{
+    const QJsonObject object{
+            {QStringLiteral("time"), QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs)},
+            {QStringLiteral("level"), QLatin1String(level.name)},
+            {QStringLiteral("text"), withoutTime(text)}};
+    return harmlessJson(QJsonDocument(object).toJson(QJsonDocument::Compact)) + '\n';
+}
+
+LogFormat logFormat = LogFormat::Text; // set before other threads exist
+
+QByteArray written(const Level &level, const QString &text)
+{
+    switch (logFormat) {
+    case LogFormat::Journal:
+        return '<' + QByteArray::number(level.priority) + '>' + level.name + ": "
+                + harmless(text).toUtf8() + '\n';
+    case LogFormat::Json:
+        return asJson(level, text);
+    case LogFormat::Text:
+        break;
+    }
+    return QByteArray(level.name) + ": " + harmless(text).toUtf8() + '\n';
 }
 
 //! The lines that an operator wants to see.
@@ -59,14 +92,13 @@ public:
     int leastImportance() const { return least; }
 
     // Whether to write the line. missed: what to write before it about lines that were not written.
-    bool allows(const Level &level, QByteArray &missed)
+    bool allows(const Level &level, const QString &text, QByteArray &missed)
     {
         const std::lock_guard lock(mutex);
         missed = takeMissed(false);
         if (level.importance >= levelOf(QtCriticalMsg).importance || least == 0)
             return true; // at the level "debug" everything is asked for
-        LineLimit &limit = level.importance == 1 ? infos : warnings;
-        return limit.allows();
+        return (level.importance == 1 ? infos : warnings).allows(text);
     }
 
     QByteArray takeMissedAtEnd()
@@ -78,22 +110,19 @@ public:
 private:
     QByteArray takeMissed(bool atOnce)
     {
-        return text("info", infos.takeMissed(atOnce))
-                + text("warning", warnings.takeMissed(atOnce));
-    }
-    static QByteArray text(const char *level, qint64 lines)
-    {
-        if (lines == 0)
-            return {};
-        return QByteArray(level) + ": " + QByteArray::number(lines)
-                + " more lines of this level within a minute, not shown\n";
+        QByteArray result;
+        for (const QString &text : infos.takeMissed(atOnce))
+            result += written(levelOf(QtInfoMsg), text);
+        for (const QString &text : warnings.takeMissed(atOnce))
+            result += written(levelOf(QtWarningMsg), text);
+        return result;
     }
 
     int least = 0; // set before other threads exist
     std::mutex mutex;
     // Guarded by mutex.
-    LineLimit infos{MostLinesAMinute};
-    LineLimit warnings{MostLinesAMinute};
+    LogLimit infos;
+    LogLimit warnings;
 };
 
 Filter &filter()
@@ -108,14 +137,18 @@ void handleMessage(QtMsgType type, const QMessageLogContext &, const QString &te
     if (level.importance < filter().leastImportance())
         return;
     QByteArray missed;
-    if (filter().allows(level, missed))
-        standardError().write(missed + level.name + ": " + text.toUtf8() + '\n');
+    const bool isAllowed = filter().allows(level, text, missed);
+    if (isAllowed)
+        missed += written(level, text);
+    if (!missed.isEmpty())
+        standardError().write(missed);
 }
 
 } // namespace
 
-void installLogging(const QString &logLevel)
+void installLogging(const QString &logLevel, LogFormat format)
 {
+    logFormat = format;
     for (const QtMsgType type : {QtDebugMsg, QtInfoMsg, QtWarningMsg}) {
         if (logLevel == QLatin1String(levelOf(type).name))
             filter().setLeast(levelOf(type).importance);
@@ -125,7 +158,14 @@ void installLogging(const QString &logLevel)
 
 void report(const QString &text)
 {
-    standardError().write(text.toUtf8());
+    if (logFormat == LogFormat::Text) {
+        standardError().write(text.toUtf8());
+        return;
+    }
+    QByteArray lines;
+    for (const QString &line : text.split(u'\n', Qt::SkipEmptyParts))
+        lines += written(levelOf(QtInfoMsg), line);
+    standardError().write(lines);
 }
 
 void finishLogging()

@@ -10,6 +10,7 @@
 #include "host/logging.h"
 #include "host/options.h"
 #include "host/process.h"
+#include "plugin/cwrn.h"
 #include "programs/encoding.h"
 
 #include <QtCore/QCoreApplication>
@@ -17,6 +18,8 @@
 
 #include <chrono>
 #include <cstdio>
+
+#include <openssl/crypto.h>
 
 using namespace host;
 
@@ -53,7 +56,10 @@ int printSchema()
 
 int serve(const Options &options)
 {
-    installLogging(options.logLevel);
+    installLogging(options.logLevel, options.logFormat);
+    CWRN(QtInfoMsg, QStringLiteral("inputhost %1, Qt %2, %3"),
+         QCoreApplication::applicationVersion(), QLatin1String(qVersion()),
+         QLatin1String(OpenSSL_version(OPENSSL_VERSION)));
     raiseDescriptorLimit();
     const int code = InputHost(options).run();
     finishLogging();

@@ -192,6 +192,12 @@ struct Definitions
             QStringLiteral("The least important log lines to show: debug, info (default) or "
                            "warning. The plugin asks for it, too."),
             QStringLiteral("LEVEL"), QStringLiteral("info")};
+    const QCommandLineOption logFormat{
+            QStringLiteral("log-format"),
+            QStringLiteral(
+                    "How log lines look: text (default), json (an object a line), or journal "
+                    "(text with the priorities of systemd's journal)."),
+            QStringLiteral("FORMAT"), QStringLiteral("text")};
     const QCommandLineOption statusEvery{
             QStringLiteral("status-every"),
             QStringLiteral("Counters and status to standard error, again and again."),
@@ -233,14 +239,38 @@ struct Definitions
 
     void addTo(QCommandLineParser &parser) const
     {
-        parser.addOptions({plugin,         entry,       config,        set,
-                           checkConfig,    printConfig, printSchema,   id,
-                           framing,        maxMessage,  maxUnfinished, output,
-                           keep,           saveWithin,  natsSubject,   natsCreate,
-                           natsTlsCa,      natsTlsCert, natsTlsKey,    natsCredentials,
-                           logLevel,       statusEvery, exitAfter,     drain,
-                           record,         recordSize,  recordKeep,    recordNoPayload,
-                           recordCompress, help,        version});
+        parser.addOptions({plugin,
+                           entry,
+                           config,
+                           set,
+                           checkConfig,
+                           printConfig,
+                           printSchema,
+                           id,
+                           framing,
+                           maxMessage,
+                           maxUnfinished,
+                           output,
+                           keep,
+                           saveWithin,
+                           natsSubject,
+                           natsCreate,
+                           natsTlsCa,
+                           natsTlsCert,
+                           natsTlsKey,
+                           natsCredentials,
+                           logLevel,
+                           logFormat,
+                           statusEvery,
+                           exitAfter,
+                           drain,
+                           record,
+                           recordSize,
+                           recordKeep,
+                           recordNoPayload,
+                           recordCompress,
+                           help,
+                           version});
     }
 };
 
@@ -383,12 +413,12 @@ OutputOptions readOutput(const QCommandLineParser &parser, const Definitions &kn
         reader.complain(QStringLiteral("Invalid value for --output: '%1'. It takes one of %2.")
                                 .arg(shown, knownOutputs().join(QLatin1String(", "))));
     }
+    if (parser.isSet(known.keep))
+        output.keep = readKeep(parser.value(known.keep), output.kind, reader);
     const QString missing = missingFor(output.kind);
     if (!missing.isEmpty())
         reader.complain(QStringLiteral("--output %1: this program was built without %2.")
                                 .arg(text.section(QLatin1Char(':'), 0, 0), missing));
-    if (parser.isSet(known.keep))
-        output.keep = readKeep(parser.value(known.keep), output.kind, reader);
     return output;
 }
 
@@ -475,6 +505,10 @@ Options readOptions(const QCommandLineParser &parser, const Definitions &known, 
         refuseNatsOptions(parser, known, reader);
     options.logLevel = QLatin1String(reader.choice<const char *>(
             known.logLevel, {{"debug", "debug"}, {"info", "info"}, {"warning", "warning"}}));
+    options.logFormat = reader.choice<LogFormat>(known.logFormat,
+                                                 {{"text", LogFormat::Text},
+                                                  {"json", LogFormat::Json},
+                                                  {"journal", LogFormat::Journal}});
     constexpr int mostSeconds = std::numeric_limits<int>::max() / 1000;
     options.saveWithinSeconds = static_cast<int>(reader.number(known.saveWithin, mostSeconds));
     options.statusEverySeconds = static_cast<int>(reader.number(known.statusEvery, mostSeconds));

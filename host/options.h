@@ -4,6 +4,7 @@
 #pragma once
 
 #include "host/framing.h"
+#include "host/logging.h"
 #include "host/outputoptions.h"
 #include "plugin/kit/pluginloader.h"
 #include "plugin/recording/trafficrecorder.h"
@@ -38,6 +39,7 @@ struct Options
     OutputOptions output;
     int saveWithinSeconds = 60; // at the end, for messages that are not safe yet
     QString logLevel; // "debug", "info" or "warning"
+    LogFormat logFormat = LogFormat::Text;
     int statusEverySeconds = 0; // 0: never
     qint64 exitAfter = 0; // messages; 0: never
     int drainSeconds = 0; // devices are told within this time that a plugin leaves; 0: not given

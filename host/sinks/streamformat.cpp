@@ -3,6 +3,8 @@
 
 #include "host/sinks/streamformat.h"
 
+#include "host/harmless.h"
+
 #include <QtCore/QtEndian>
 
 #include <algorithm>
@@ -36,19 +38,34 @@ void appendEscape(QByteArray &json, char byte)
     }
 }
 
-// utf8: any valid UTF-8; it needs no other encoding in JSON.
+// The first byte, or a character that begins with it. Returns how many bytes were taken.
+qsizetype appendOther(QByteArray &json, QByteArrayView utf8)
+{
+    const char byte = utf8.front();
+    if (const qsizetype size = sizeOfHarmful(utf8); size > 0) {
+        json += jsonEscape(utf8.first(size));
+        return size;
+    }
+    if (static_cast<unsigned char>(byte) >= 0x80)
+        json += byte;
+    else
+        appendEscape(json, byte);
+    return 1;
+}
+
+// utf8: any valid UTF-8. What a terminal would obey is escaped beside what JSON wants.
 void appendText(QByteArray &json, QByteArrayView utf8)
 {
-    const auto needsEscape = [](char byte) {
-        return byte == '"' || byte == '\\' || static_cast<unsigned char>(byte) < 0x20;
+    const auto isAscii = [](char byte) {
+        return byte != '"' && byte != '\\' && byte >= 0x20 && byte < 0x7f;
     };
     json += '"';
     for (const char *begin = utf8.begin(); begin != utf8.end();) {
-        const char *const end = std::find_if(begin, utf8.end(), needsEscape);
+        const char *const end = std::find_if_not(begin, utf8.end(), isAscii);
         json.append(QByteArrayView(begin, end));
         begin = end;
         if (begin != utf8.end())
-            appendEscape(json, *begin++);
+            begin += appendOther(json, QByteArrayView(begin, utf8.end()));
     }
     json += '"';
 }

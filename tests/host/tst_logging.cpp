@@ -7,6 +7,9 @@
 #include "plugin/cwrn.h"
 #include "tests/kit/hangguard.h"
 
+#include <QtCore/QDateTime>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
 #include <QtCore/QRegularExpression>
 #include <QtTest/QtTest>
 
@@ -87,6 +90,7 @@ private Q_SLOTS:
     void endDoesNotWaitForNobody();
     void closedStream();
     void linesOfALevelAreLimited();
+    void jsonLines();
 };
 
 void tst_Logging::linesAreWrittenAtOnce()
@@ -237,11 +241,54 @@ void tst_Logging::linesOfALevelAreLimited()
     QVERIFY(file.seek(0));
     const QByteArray text = file.readAll();
     QCOMPARE(text.count("debug line\n"), 0);
-    QCOMPARE(text.count("info line\n"), 2000);
+    QCOMPARE(text.count("info line\n"), 1001); // and the example of those that are missing
     QCOMPARE(text.count("error line\n"), 5000);
     QCOMPARE(text.count("warning line\n"), 1);
-    QCOMPARE(text.count("\ninfo: 3000 more lines of this level within a minute, not shown\n"), 1);
+    QCOMPARE(text.count("\ninfo: 4000 more lines like this one within a minute, not shown: "), 1);
     QCOMPARE(text.count("another line\n"), 5000);
+}
+
+// What a log collector reads: an object a line, whatever is in the text.
+void tst_Logging::jsonLines()
+{
+    QTemporaryFile file;
+    QVERIFY(file.open());
+    const int given = ::dup(STDERR_FILENO);
+    QVERIFY(::dup2(file.handle(), STDERR_FILENO) >= 0);
+    const QtMessageHandler handler = qInstallMessageHandler(nullptr);
+    const QString hostile = QStringLiteral("a\n\x1b[31m\u009b31m\u202e\"\\</script>\u00e4");
+    installLogging(QStringLiteral("info"), LogFormat::Json);
+    CWRN(QtWarningMsg, QStringLiteral("peer %1"), hostile);
+    qInfo("plain");
+    report(QStringLiteral("one\ntwo\n"));
+    finishLogging();
+    installLogging(QStringLiteral("info"), LogFormat::Journal);
+    CWRN(QtWarningMsg, QStringLiteral("peer %1"), hostile);
+    qCritical("bad");
+    report(QStringLiteral("one\ntwo\n"));
+    finishLogging();
+    installLogging(QStringLiteral("info"));
+    qInstallMessageHandler(handler);
+    ::dup2(given, STDERR_FILENO);
+    ::close(given);
+
+    QVERIFY(file.seek(0));
+    const QByteArrayList lines = file.readAll().split('\n');
+    QCOMPARE(lines.size(), 9);
+    const auto object = [&lines](int n) { return QJsonDocument::fromJson(lines[n]).object(); };
+    QCOMPARE(object(0).value(QStringLiteral("level")), QStringLiteral("warning"));
+    QCOMPARE(object(0).value(QStringLiteral("text")), QStringLiteral("peer ") + hostile);
+    QVERIFY(QDateTime::fromString(object(0).value(QStringLiteral("time")).toString(),
+                                  Qt::ISODateWithMs)
+                    .isValid());
+    QVERIFY(!lines[0].contains('\x1b') && !lines[0].contains("\xc2\x9b"));
+    QCOMPARE(object(1).value(QStringLiteral("text")), QStringLiteral("plain"));
+    QCOMPARE(object(3).value(QStringLiteral("text")), QStringLiteral("two"));
+    const QByteArray shown = "a\\n\\u001b[31m\\u009b31m\\u202e\"\\</script>\xc3\xa4";
+    QVERIFY2(lines[4].startsWith("<4>warning: ") && lines[4].endsWith("peer " + shown),
+             lines[4].constData());
+    QCOMPARE(lines[5], QByteArray("<3>error: bad"));
+    QCOMPARE(lines[7], QByteArray("<6>info: two"));
 }
 
 QTEST_GUILESS_MAIN(tst_Logging)

@@ -55,6 +55,19 @@ qsizetype lengthOf(char first)
     return byte < 0x80 ? 1 : byte < 0xe0 ? 2 : 3;
 }
 
+// By hand: QString::fromUtf8() leaves out a byte order mark.
+char16_t unitOf(QByteArrayView character)
+{
+    constexpr unsigned ContinuationBits = 6;
+    constexpr unsigned ContinuationMask = 0x3f;
+    constexpr unsigned FirstMasks[] = {0x7f, 0x1f, 0x0f};
+    unsigned unit =
+            static_cast<unsigned char>(character.front()) & FirstMasks[character.size() - 1];
+    for (const char byte : character.sliced(1))
+        unit = unit << ContinuationBits | (static_cast<unsigned char>(byte) & ContinuationMask);
+    return static_cast<char16_t>(unit);
+}
+
 } // namespace
 
 QString harmless(const QString &text)
@@ -77,8 +90,7 @@ qsizetype sizeOfHarmful(QByteArrayView utf8)
     if (utf8.isEmpty() || !mayBegin(utf8.front()))
         return 0;
     const qsizetype length = lengthOf(utf8.front());
-    const QString character = QString::fromUtf8(utf8.first(std::min(length, utf8.size())));
-    return character.size() == 1 && isHarmful(character.front().unicode()) ? length : 0;
+    return length <= utf8.size() && isHarmful(unitOf(utf8.first(length))) ? length : 0;
 }
 
 QByteArray jsonEscape(QByteArrayView utf8)

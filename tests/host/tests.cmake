@@ -48,6 +48,10 @@ foreach(name IN ITEMS
         tst_inputhoststopping tst_inputhosttls)
     host_program_test(${name})
 endforeach()
+add_test(NAME hostiletexts
+    COMMAND /usr/bin/python3 -B ${CMAKE_CURRENT_SOURCE_DIR}/host/check_hostile_texts.py ${CMAKE_BINARY_DIR})
+set_tests_properties(hostiletexts PROPERTIES TIMEOUT 300
+    ENVIRONMENT "PYTHONPATH=${PROJECT_SOURCE_DIR};ASAN_OPTIONS=${sanitizer_options}")
 add_test(NAME configurationschema
     COMMAND /usr/bin/python3 -B ${CMAKE_CURRENT_SOURCE_DIR}/host/check_schema.py $<TARGET_FILE:inputhost>)
 set_tests_properties(configurationschema PROPERTIES TIMEOUT 300)

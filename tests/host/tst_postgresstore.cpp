@@ -43,6 +43,7 @@ private Q_SLOTS:
     void writesWithFewRights();
     void closesWhileServerIsSilent();
     void committedMeansOnDisk();
+    void committedMeansOnDiskAfterReload();
     void refusesNewer();
     void refusesAddress_data();
     void refusesAddress();
@@ -328,6 +329,31 @@ void tst_PostgresStore::committedMeansOnDisk()
     server.kill();
     server.start();
     QCOMPARE(server.ask("select count(*) from inputhost.messages"), QStringLiteral("1"));
+}
+
+// The administrator changes the setting while the program is connected.
+void tst_PostgresStore::committedMeansOnDiskAfterReload()
+{
+    StoreSink sink(store());
+    QVERIFY(sink.open());
+    QTRY_VERIFY_WITH_TIMEOUT(sink.isConnected(), HangGuardMs);
+    QCOMPARE(server.ask("create table inputhost.seen (setting text);"
+                        "create function inputhost.note() returns trigger language plpgsql as $$"
+                        " begin insert into inputhost.seen"
+                        " values (current_setting('synchronous_commit')); return null; end $$;"
+                        "create trigger note after insert on inputhost.messages"
+                        " for each statement execute function inputhost.note()"),
+             QString());
+    server.ask("alter system set synchronous_commit = off");
+    server.ask("select pg_reload_conf()");
+    QTRY_COMPARE_WITH_TIMEOUT(server.ask("show synchronous_commit"), QStringLiteral("off"),
+                              HangGuardMs);
+    Talker(sink, 1).count(0, 5);
+    const qint64 notSafe = sink.finish(LongTime);
+    server.ask("alter system reset synchronous_commit");
+    server.ask("select pg_reload_conf()");
+    QCOMPARE(notSafe, 0);
+    QCOMPARE(server.ask("select setting from inputhost.seen"), QStringLiteral("on"));
 }
 
 void tst_PostgresStore::refusesNewer()

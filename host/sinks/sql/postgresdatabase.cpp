@@ -29,11 +29,14 @@ constexpr std::array Keywords{
 
 // In one transaction, which is undone if one of them fails. %1: our schema's version; %2: the
 // epoch. The server gives a statement up a little before we give the server up. No statement makes
-// what is there already: a user who may only write into the tables could not execute it.
+// what is there already: a user who may only write into the tables could not execute it. The
+// setting of synchronous_commit is made the session's own: it holds even if the server's
+// configuration changes.
 constexpr auto SetUpStatements = R"(
 set statement_timeout = '25s';
-select set_config('synchronous_commit', 'on', false)
-    where current_setting('synchronous_commit') = 'off';
+select set_config('synchronous_commit',
+                  case current_setting('synchronous_commit')
+                      when 'off' then 'on' else current_setting('synchronous_commit') end, false);
 do $$ begin
     perform pg_advisory_xact_lock(1953329511);
     if to_regclass('inputhost.schema') is null then

@@ -21,6 +21,7 @@ private Q_SLOTS:
     void keepsByAge();
     void keepsBySize();
     void keepsAtRest();
+    void removesManyConnections();
 
 private:
     std::unique_ptr<Store> store(const QString &epoch, const Keep &keep = {}) const
@@ -121,6 +122,29 @@ void tst_SqliteKeep::keepsAtRest()
             HangGuardMs);
     QTRY_VERIFY_WITH_TIMEOUT(reader.number("pragma page_count") * 4096 < 7000000, HangGuardMs);
     QTRY_VERIFY_WITH_TIMEOUT(QFileInfo(file).size() < 7000000, HangGuardMs);
+}
+
+// More than devices that come and go all the time leave in the time between two looks.
+void tst_SqliteKeep::removesManyConnections()
+{
+    constexpr int Connections = 60000;
+    {
+        StoreSink sink(store(QStringLiteral("e1")));
+        QVERIFY(sink.open());
+        for (int n = 1; n <= Connections; ++n) {
+            Talker talker(sink, quint64(n));
+            talker.begin();
+            talker.end(QStringLiteral("peer"));
+        }
+        QCOMPARE(sink.finish(LongTime), 0);
+    }
+    SqliteReader reader(file);
+    QCOMPARE(reader.number("select count(*) from connections"), Connections);
+    Keep keep;
+    keep.age = 24h;
+    StoreSink sink(store(QStringLiteral("e2"), keep));
+    QVERIFY(sink.open());
+    QTRY_COMPARE_WITH_TIMEOUT(reader.number("select count(*) from connections"), 0, HangGuardMs);
 }
 
 QTEST_GUILESS_MAIN(tst_SqliteKeep)

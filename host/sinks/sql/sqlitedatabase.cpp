@@ -247,10 +247,11 @@ std::optional<qint64> SqliteDatabase::removeOld()
 {
     if (!database.exec(QStringLiteral("begin immediate")))
         return {};
-    const auto removed = keeper.removeMessages(RemovedAtRest);
-    if (!removed || !keeper.removeConnections() || !database.exec(QStringLiteral("commit")))
+    const auto messages = keeper.removeMessages(RemovedAtRest);
+    const auto connections = messages ? keeper.removeConnections() : messages;
+    if (!connections || !database.exec(QStringLiteral("commit")))
         return {};
-    return removed;
+    return *messages + *connections;
 }
 
 void SqliteDatabase::fail()

@@ -77,14 +77,14 @@ std::optional<qint64> SqliteKeeper::removeSome(qint64 atMost)
     return query->numRowsAffected();
 }
 
-bool SqliteKeeper::removeConnections()
+std::optional<qint64> SqliteKeeper::removeConnections()
 {
     qint64 before = keep.age.count() > 0 ? oldestTime() : 0;
     if (keep.bytes > 0) {
         const auto oldest =
                 file.number(QStringLiteral("select time from messages order by id limit 1"));
         if (!oldest)
-            return false;
+            return {};
         before = std::max(before, *oldest);
     }
     const QString next =
@@ -92,16 +92,16 @@ bool SqliteKeeper::removeConnections()
                     .arg(seenConnections)
                     .arg(ConnectionsAtOnce);
     const auto last = file.number(QStringLiteral("select max(id) from (%1)").arg(next));
-    if (!last)
-        return false;
-    const bool isDone = file.exec(
+    auto query = file.prepared(
             QStringLiteral("delete from connections where id in (%1) and ended < %2 and not exists "
                            "(select 1 from messages where messages.epoch = connections.epoch and "
                            "messages.connection = connections.connection)")
                     .arg(next)
                     .arg(before));
+    if (!last || !query || !file.exec(*query))
+        return {};
     seenConnections = *last; // behind the last one it is 0, and they are looked at again
-    return isDone;
+    return query->numRowsAffected();
 }
 
 std::optional<qint64> SqliteKeeper::giveBack()

@@ -30,8 +30,8 @@ public:
     // Within a transaction: removes so many of the oldest messages that are too old or too many.
     // Returns how many it has removed; nothing: the file says why.
     std::optional<qint64> removeMessages(qint64 atMost);
-    // Likewise: looks at the next connections. False: the file says why.
-    bool removeConnections();
+    // Likewise: looks at the next connections, and returns how many it has removed.
+    std::optional<qint64> removeConnections();
     // Outside of a transaction: gives some of the free pages back. Returns how many; nothing: the
     // file says why.
     std::optional<qint64> giveBack();

@@ -81,3 +81,21 @@ add_dependencies(tst_inputhoststart oldplugin)
 foreach(name IN ITEMS tst_inputhostcheck tst_inputhosttls tst_tlschecks)
     target_link_libraries(${name} PRIVATE OpenSSL::Crypto)
 endforeach()
+
+# store_test(NAME STORE [OPTION...]): plays devices on inputhost with that store. Skipped if the store is not
+# installed. It is a short form of what scripts/stores plays.
+function(store_test name store)
+    add_test(NAME ${name} COMMAND /usr/bin/python3 -B ${CMAKE_CURRENT_SOURCE_DIR}/host/check_stores.py
+        ${CMAKE_BINARY_DIR} ${store} ${ARGN})
+    set_tests_properties(${name} PROPERTIES TIMEOUT 300 SKIP_RETURN_CODE 77
+        ENVIRONMENT "PYTHONPATH=${PROJECT_SOURCE_DIR};ASAN_OPTIONS=${sanitizer_options}")
+endfunction()
+
+foreach(store IN ITEMS sqlite postgresql nats)
+    string(TOUPPER HOST_HAS_${store} definition)
+    if(definition IN_LIST host_definitions)
+        store_test(stores_${store} ${store})
+        store_test(stores_${store}_tls ${store} --tls)
+        store_test(stores_${store}_kills ${store} --kills 5)
+    endif()
+endforeach()

@@ -32,7 +32,7 @@ public:
     // Takes over. Does not wait for a server.
     virtual void add(Batch batch) = 0;
 
-    // The last call: gives up what is not safe, and closes. Waits no longer than a second.
+    // The last call: gives up what is not safe, and closes. Waits no longer than some seconds.
     virtual void close() = 0;
 
 Q_SIGNALS:

@@ -30,8 +30,9 @@ using namespace std::chrono_literals;
 class NatsServer
 {
 public:
-    explicit NatsServer(QByteArray moreConfiguration = {})
+    explicit NatsServer(QByteArray moreConfiguration = {}, QByteArray serverName = "test")
         : more(std::move(moreConfiguration)),
+          name(std::move(serverName)),
           port(freePort())
     {}
     ~NatsServer() { kill(); }
@@ -47,8 +48,9 @@ public:
     {
         QFile file(folder.filePath(QStringLiteral("server.conf")));
         QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write("host: " + testAddress().toString().toLatin1() + "\nport: "
-                   + QByteArray::number(port) + "\nserver_name: test\njetstream { store_dir: \""
+        file.write("host: " + testAddress().toString().toLatin1()
+                   + "\nport: " + QByteArray::number(port) + "\nserver_name: " + name
+                   + "\njetstream { store_dir: \""
                    + folder.filePath(QStringLiteral("store")).toUtf8() + "\" }\n" + more);
         file.close();
         process = std::make_unique<QProcess>();
@@ -75,6 +77,7 @@ public:
 private:
     QTemporaryDir folder;
     const QByteArray more;
+    const QByteArray name;
     const quint16 port;
     std::unique_ptr<QProcess> process;
 };
@@ -94,13 +97,16 @@ class Reader
 {
 public:
     explicit Reader(const NatsServer &server, const char *user = nullptr,
-                    const char *password = nullptr)
+                    const char *password = nullptr,
+                    const std::function<void(natsOptions *)> &change = {})
     {
         natsOptions *options = nullptr;
         natsOptions_Create(&options);
         const std::unique_ptr<natsOptions, Free<natsOptions_Destroy>> owned(options);
         natsOptions_SetURL(options, ("nats://" + server.address().toLatin1()).constData());
         natsOptions_SetUserInfo(options, user, password);
+        if (change)
+            change(options);
         natsConnection *made = nullptr;
         if (natsConnection_Connect(&made, options) != NATS_OK)
             qFatal("No connection to %s", qPrintable(server.address()));

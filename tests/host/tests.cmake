@@ -12,10 +12,11 @@ endforeach()
 
 # A broker: each test starts servers of its own.
 if(NATS_INCLUDE_DIR AND NATS_LIBRARY)
-    foreach(name IN ITEMS tst_natsaway tst_natsstore)
+    foreach(name IN ITEMS tst_natsaway tst_natsstore tst_natstls)
         plugin_test(${name})
         target_link_libraries(${name} PRIVATE inputhost_parts)
     endforeach()
+    target_link_libraries(tst_natstls PRIVATE OpenSSL::Crypto)
 endif()
 
 # The stores, as far as the program has them.

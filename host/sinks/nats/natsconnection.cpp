@@ -6,6 +6,9 @@
 #include <QtCore/QFile>
 #include <QtCore/QThread>
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace host {
@@ -16,6 +19,22 @@ constexpr int ConnectTimeoutMs = 2000;
 // A server that answers none of two pings is given up.
 constexpr int PingIntervalMs = 3000;
 constexpr int MaxPingsOut = 2;
+
+// The same for a machine that has gone, or takes nothing: over TLS the library waits for the
+// socket, and knows no limit. What is unsent when a connection is given up is not delivered later
+// than that, either.
+constexpr int DeadAfterSeconds = 5;
+
+void limitSilence(int socket)
+{
+    const auto set = [socket](int level, int option, int value) {
+        ::setsockopt(socket, level, option, &value, sizeof value);
+    };
+    set(SOL_SOCKET, SO_KEEPALIVE, 1);
+    set(IPPROTO_TCP, TCP_KEEPIDLE, 2);
+    set(IPPROTO_TCP, TCP_KEEPINTVL, 1);
+    set(IPPROTO_TCP, TCP_USER_TIMEOUT, DeadAfterSeconds * 1000);
+}
 
 // Without the place in the library's sources that comes first.
 QString lastError(natsStatus status)
@@ -249,7 +268,10 @@ natsStatus NatsConnection::attach(void **userData, void *loop, natsConnection *,
     *userData = loop;
     auto *self = static_cast<NatsConnection *>(loop);
     self->descriptor = ::dup(socket);
-    return self->descriptor < 0 ? NATS_SYS_ERROR : NATS_OK;
+    if (self->descriptor < 0)
+        return NATS_SYS_ERROR;
+    limitSilence(self->descriptor);
+    return NATS_OK;
 }
 
 // Reading goes on until the connection is over: then the library calls this, and only then.

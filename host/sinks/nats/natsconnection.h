@@ -34,8 +34,9 @@ struct NatsRequest
     One connection to one server, from the attempt to its end. It does not reconnect.
 
     The library has no thread that reads or writes: the event loop does both, so a server that
-    stands still makes nobody wait, and what came while the loop was busy is handled together. Only
-    connecting waits, so a thread of its own does that.
+    stands still makes nobody wait, and what came while the loop was busy is handled together. Over
+    TLS the library waits for the socket; a connection that takes nothing for 5 s ends. Connecting
+    waits, too, so a thread of its own does that.
 
     Thread: its creator's, with an event loop.
     Owner:  the NatsLink. The destructor waits for an attempt to connect, some seconds at most.

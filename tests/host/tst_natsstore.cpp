@@ -16,6 +16,7 @@ private Q_SLOTS:
     void tellsOrigins();
     void hostileTexts();
     void longMessage();
+    void longMessageForStream();
     void createsStream();
     void streamMissing();
     void streamFull();
@@ -150,7 +151,7 @@ void tst_NatsStore::hostileTexts()
     QCOMPARE(messages[0].bytes, QByteArray("x"));
 }
 
-// A message that the server would close the connection for. The others go on.
+// Messages that the server would close the connection for. What comes behind them goes on.
 void tst_NatsStore::longMessage()
 {
     NatsServer server("max_payload: 2000\n");
@@ -163,16 +164,50 @@ void tst_NatsStore::longMessage()
     Origin origin;
     origin.connection = 1000;
     Batch batch;
-    batch.add({origin, {}, QByteArray(1900, 'x'), 0, 2000});
+    for (quint64 n = 0; n < 20000; ++n)
+        batch.add({origin, {}, QByteArray(1900, 'x'), n * 2000, (n + 1) * 2000});
+    batch.add({origin, {}, "short", 40'000'000, 40'000'006});
     storing.give(std::move(batch));
     storing.add(3, 2);
-    QTRY_COMPARE_WITH_TIMEOUT(storing.messages, 6, HangGuardMs);
-    storing.add(3, 2);
-    QTRY_COMPARE_WITH_TIMEOUT(storing.messages, 12, HangGuardMs);
-    QVERIFY(storing.isExact(reader));
+    QTRY_VERIFY_WITH_TIMEOUT(storing.isAllStored(), HangGuardMs);
+    QVERIFY(storing.isInOrder);
+    QCOMPARE(storing.safe[1000], quint64(40'000'006));
+    auto stored = reader.byConnection();
+    QCOMPARE(stored["1000"], QByteArrayList{"short"});
+    QCOMPARE(stored.size(), size_t(4));
+    QCOMPARE(stored["3"].size(), 2);
+    storing.store.close();
+    const QStringList lines = takeLog().filter(QStringLiteral("W: "));
+    QCOMPARE(lines.size(), 11);
+    QVERIFY2(lines.first().contains(QStringLiteral("takes no message of 2")),
+             qPrintable(lines.first()));
+    QVERIFY(lines.last().contains(QStringLiteral("19990 more messages skipped")));
+    QCOMPARE(storing.connected, QList<bool>{true});
+}
+
+// The limit is the stream's, which only the server knows.
+void tst_NatsStore::longMessageForStream()
+{
+    NatsServer server;
+    server.start();
+    const Reader reader(server);
+    QVERIFY(reader.create([](jsStreamConfig &configuration) { configuration.MaxMsgSize = 1000; }));
+    const MessageCapture capture;
+    Storing storing(settingsFor(server));
+    QCOMPARE(storing.store.open(), QString());
+    Origin origin;
+    origin.connection = 1;
+    Batch batch;
+    batch.add({origin, {}, "a", 0, 2});
+    batch.add({origin, {}, QByteArray(1000, 'x'), 2, 1003});
+    batch.add({origin, {}, "b", 1003, 1005});
+    storing.give(std::move(batch));
+    QTRY_VERIFY_WITH_TIMEOUT(storing.isAllStored(), HangGuardMs);
+    QCOMPARE(reader.byConnection()["1"], (QByteArrayList{"a", "b"}));
     const QStringList lines = takeLog().filter(QStringLiteral("W: "));
     QCOMPARE(lines.size(), 1);
-    QVERIFY(lines.first().contains(QStringLiteral("takes messages of 2000 bytes")));
+    QVERIFY2(lines.first().contains(QStringLiteral("takes no message of 1")),
+             qPrintable(lines.first()));
     QCOMPARE(storing.connected, QList<bool>{true});
 }
 

@@ -32,6 +32,7 @@ struct StreamAnswer
 };
 
 constexpr int StreamNotFound = 10059;
+constexpr int MessageTooLong = 10054;
 constexpr int MessageNotFound = 10037;
 
 // The answer to a publication, to a question for a message or for a stream, or to the creation of

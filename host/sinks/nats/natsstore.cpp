@@ -77,6 +77,7 @@ void NatsStore::close()
     stream.stop();
     ready = false;
     link.close();
+    tellSkipped(true);
     report();
     nats_ReleaseThreadMemory(); // what the library keeps for this thread, which ends now
 }
@@ -152,12 +153,10 @@ void NatsStore::publish(quint64 connection, Lane &lane)
 {
     const NatsRequest request = requestFor(lane.waiting.front());
     if (isTooLong(request)) {
-        if (!std::exchange(lane.isTooLong, true))
-            CWRN(QtWarningMsg,
-                 QStringLiteral("NATS: %1 takes messages of %2 bytes with their headers, and one "
-                                "has %3: its connection waits"),
-                 link.server(), link.maxPayload(), sizeOf(request));
-        postpone(connection, lane);
+        // Not at once: whoever calls this may be going through the lanes.
+        lane.isBusy = true;
+        QMetaObject::invokeMethod(
+                this, [this, connection] { skip(connection); }, Qt::QueuedConnection);
         return;
     }
     lane.lookFrom = lastSequence + 1;
@@ -231,8 +230,34 @@ void NatsStore::notePublished(quint64 connection, const NatsAnswer &answer)
     const StreamAnswer stored = readStreamAnswer(answer.data);
     if (stored.errorCode == 0)
         noteDone(connection, lane, stored.sequence);
+    else if (stored.errorCode == MessageTooLong)
+        skip(connection);
     else
         noteRefused(connection, lane, stored.error);
+}
+
+// It would never be stored, and memory for what comes behind it would never be free again.
+void NatsStore::skip(quint64 connection)
+{
+    Lane &lane = lanes[connection];
+    lane.isBusy = false;
+    const Waiting &message = lane.waiting.front();
+    tellSkipped(false);
+    if (skippedLines.allows())
+        CWRN(QtWarningMsg,
+             QStringLiteral("NATS: %1 takes no message of %2 bytes with its headers: skipped, from "
+                            "%3"),
+             link.server(), sizeOf(requestFor(message)),
+             message.held->batch.originOf(entryOf(message)).source);
+    removeFirst(connection, lane);
+    report();
+}
+
+void NatsStore::tellSkipped(bool atOnce)
+{
+    if (const qint64 missed = skippedLines.takeMissed(atOnce))
+        CWRN(QtWarningMsg, QStringLiteral("NATS: %1 more messages skipped: they are too long"),
+             missed);
 }
 
 void NatsStore::noteLooked(quint64 connection, const NatsAnswer &answer)
@@ -259,11 +284,17 @@ void NatsStore::noteLooked(quint64 connection, const NatsAnswer &answer)
 
 void NatsStore::noteDone(quint64 connection, Lane &lane, quint64 sequence)
 {
+    lastSequence = std::max(lastSequence, sequence);
+    removeFirst(connection, lane);
+    noteStored();
+}
+
+// Goes on with the next one.
+void NatsStore::removeFirst(quint64 connection, Lane &lane)
+{
     const Waiting done = lane.waiting.front();
     lane.waiting.pop_front();
     lane.isUnsure = false;
-    lane.isTooLong = false;
-    lastSequence = std::max(lastSequence, sequence);
     progress.safe.append({connection, entryOf(done).end});
     ++progress.messages;
     if (--done.held->unstored == 0) {
@@ -274,7 +305,6 @@ void NatsStore::noteDone(quint64 connection, Lane &lane, quint64 sequence)
         lanes.erase(connection);
     else
         advance(connection, lane);
-    noteStored();
 }
 
 void NatsStore::noteUnanswered(quint64 connection, Lane &lane, const NatsAnswer &answer)
@@ -339,9 +369,7 @@ bool NatsStore::isNews(Trouble now)
 void NatsStore::noteStored()
 {
     pause = ShortestPause;
-    const auto waitsForStream = [this](quint64 connection) { return !lanes[connection].isTooLong; };
-    if (trouble != Trouble::None
-        && std::none_of(postponed.begin(), postponed.end(), waitsForStream))
+    if (postponed.empty())
         goOn();
 }
 

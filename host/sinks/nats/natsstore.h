@@ -7,6 +7,7 @@
 #include "host/sinks/nats/natsstream.h"
 #include "host/sinks/nats/subjecttemplate.h"
 #include "host/sinks/store.h"
+#include "plugin/kit/linelimit.h"
 
 #include <QtCore/QTimer>
 
@@ -23,6 +24,8 @@ namespace host {
 
     Of each connection one message is on its way; the others wait for its acknowledgement. So a
     message that fails is not overtaken. Thousands of connections fill the pipe all the same.
+
+    A message that is too long for the server or the stream is skipped, with a warning.
 
     A message whose fate is unknown, since no answer has come or the server has gone, is looked for
     in the stream before it is sent again: however long the server was away, it is stored once. What
@@ -74,7 +77,6 @@ private:
         bool isBusy = false; // an answer will come
         bool isPostponed = false; // until the retry timer
         bool isUnsure = false; // the first one may be stored
-        bool isTooLong = false; // the first one is, and that was said
         quint64 lookFrom = 0; // the first one would have at least that sequence number
     };
 
@@ -89,6 +91,9 @@ private:
     bool isTooLong(const NatsRequest &request) const;
     void notePublished(quint64 connection, const NatsAnswer &answer);
     void noteLooked(quint64 connection, const NatsAnswer &answer);
+    void skip(quint64 connection);
+    void tellSkipped(bool atOnce);
+    void removeFirst(quint64 connection, Lane &lane);
     void noteDone(quint64 connection, Lane &lane, quint64 sequence);
     void noteUnanswered(quint64 connection, Lane &lane, const NatsAnswer &answer);
     void noteRefused(quint64 connection, Lane &lane, const QString &reason);
@@ -118,6 +123,7 @@ private:
     bool streamIsInDoubt = false; // with the next retry it is asked for
     std::chrono::milliseconds pause; // before the next retry
     QTimer retryTimer;
+    inputkit::LineLimit skippedLines;
     Stored progress; // not reported yet
 };
 

@@ -148,9 +148,10 @@ bool EpollEventDispatcher::playTurn(QEventLoop::ProcessEventsFlags flags)
 
     // Each posted event calls wakeUp(). So wakeUpPending also tells of events posted by those just
     // sent. A nested turn may have cleared wakeUpPending, or an interruption of this loop; then do
-    // not block.
+    // not block. What this turn deletes at its end must not wait, either.
     const bool canWait = flags.testFlag(QEventLoop::WaitForMoreEvents) && !wakeUpPending
-            && turn == turns && (!withNotifiers || nextReady == ready.size());
+            && turn == turns && (depth > 1 || doomed.isEmpty())
+            && (!withNotifiers || nextReady == ready.size());
     if (canWait && !interrupted)
         Q_EMIT aboutToBlock();
     if (interrupted)

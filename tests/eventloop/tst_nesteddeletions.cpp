@@ -10,6 +10,7 @@
 #include <QtTest/QTest>
 
 #include <functional>
+#include <utility>
 
 using Dispatcher = EpollEventDispatcher;
 
@@ -29,6 +30,26 @@ void inATurn(const std::function<void()> &work)
             Qt::QueuedConnection);
     while (!done)
         QAbstractEventDispatcher::instance()->processEvents(QEventLoop::AllEvents);
+}
+
+// Whether a turn that may sleep would do so. The work is done at its beginning.
+bool sleepsInATurn(const std::function<void()> &work)
+{
+    auto *dispatcher = QAbstractEventDispatcher::instance();
+    while (dispatcher->processEvents(QEventLoop::AllEvents)) {}
+    bool begun = false;
+    bool sleeps = false;
+    const QObject context;
+    QObject::connect(dispatcher, &QAbstractEventDispatcher::awake, &context, [&] {
+        if (!std::exchange(begun, true))
+            work();
+    });
+    QObject::connect(dispatcher, &QAbstractEventDispatcher::aboutToBlock, &context, [&] {
+        sleeps = true;
+        dispatcher->wakeUp();
+    });
+    dispatcher->processEvents(QEventLoop::WaitForMoreEvents);
+    return sleeps;
 }
 
 // Runs an event loop for several turns. The work is done in the first turn.
@@ -87,6 +108,8 @@ private Q_SLOTS:
     void askedForTwice();
     void destructorRunsALoop();
     void turnOutsideOfTheLoop();
+    void turnDoesNotSleepBeforeItDeletes();
+    void nestedTurnSleepsBeforeTheOuterOneDeletes();
     void otherDispatchers();
 };
 
@@ -202,6 +225,27 @@ void tst_NestedDeletions::turnOutsideOfTheLoop()
         survived = object;
     }
     QVERIFY(survived);
+    QVERIFY(!object);
+}
+
+// Nothing might wake it for long.
+void tst_NestedDeletions::turnDoesNotSleepBeforeItDeletes()
+{
+    const QPointer<QObject> object = new QObject;
+    QVERIFY(!sleepsInATurn([&] { Dispatcher::deleteLater(object); }));
+    QVERIFY(!object);
+}
+
+// It deletes nothing itself. A loop that does not sleep would take the whole processor.
+void tst_NestedDeletions::nestedTurnSleepsBeforeTheOuterOneDeletes()
+{
+    bool sleeps = false;
+    const QPointer<QObject> object = new QObject;
+    inATurn([&] {
+        Dispatcher::deleteLater(object);
+        sleeps = sleepsInATurn([] {});
+    });
+    QVERIFY(sleeps);
     QVERIFY(!object);
 }
 

@@ -9,6 +9,7 @@
 #include <QtCore/QEvent>
 #include <QtCore/QThread>
 
+#include <any>
 #include <utility>
 
 #include <unistd.h>
@@ -19,7 +20,10 @@
     when the other closes its server, nothing of that queue is lost.
 
     The next start() uses the socket if that is bound to the address and port of the configuration.
-    Otherwise it closes it, and listens as always.
+    Otherwise it closes it, and listens as always. In both cases, connections and bytes of both
+    plugins together count for "maxConnections" and "totalBuffer", if both have the limit.
+
+    Both plugins are of one library.
 
     Thread: the plugins'.
     Owner:  the caller, on the stack.
@@ -38,6 +42,7 @@ public:
         QCoreApplication::sendEvent(&from, &question);
         SharedPort answer(Step::Use);
         std::swap(question.descriptor, answer.descriptor);
+        answer.counts = std::move(question.counts);
         if (answer.descriptor < 0)
             return false;
         QCoreApplication::sendEvent(&to, &answer);
@@ -64,12 +69,19 @@ public:
         return event->type() == Number ? dynamic_cast<SharedPort *>(event) : nullptr;
     }
     Step step() const { return wanted; }
-    // copy: the caller's no more; -1: none.
-    void give(int copy) { descriptor = copy; }
+    // copy: the caller's no more; -1: none. limitCounts: what both count together, as the library
+    // knows it.
+    void give(int copy, std::any limitCounts)
+    {
+        descriptor = copy;
+        counts = std::move(limitCounts);
+    }
     // The caller closes it.
     int take() { return std::exchange(descriptor, -1); }
+    const std::any &limitCounts() const { return counts; }
 
 private:
     const Step wanted;
     int descriptor = -1;
+    std::any counts;
 };

@@ -14,6 +14,7 @@
 
 #include <QtCore/QCoreApplication>
 
+#include <any>
 #include <utility>
 
 #include <fcntl.h>
@@ -139,11 +140,27 @@ void TcpInputPlugin2::leave(std::chrono::milliseconds spread)
 
 void TcpInputPlugin2::lend(SharedPort &request)
 {
-    if (request.step() == SharedPort::Step::Use)
+    if (request.step() == SharedPort::Step::Use) {
         shared = Descriptor(request.take());
-    else if (servers.active().isListening())
-        request.give(
-                ::fcntl(static_cast<int>(servers.active().socketDescriptor()), F_DUPFD_CLOEXEC, 0));
+        const auto *counts = std::any_cast<CommonCounts>(&request.limitCounts());
+        common = counts ? *counts : CommonCounts();
+        return;
+    }
+    const QTcpServer &server = servers.active();
+    if (!server.isListening())
+        return;
+    const auto &budget = configuration.serving.budget;
+    request.give(::fcntl(static_cast<int>(server.socketDescriptor()), F_DUPFD_CLOEXEC, 0),
+                 CommonCounts{servers.limiter().count(), budget ? budget->count() : nullptr});
+}
+
+void TcpInputPlugin2::countTogether()
+{
+    const CommonCounts counts = std::exchange(common, {});
+    if (counts.connections)
+        servers.limiter().setCount(counts.connections);
+    if (const auto &budget = configuration.serving.budget; budget && counts.bytes)
+        budget->setCount(counts.bytes);
 }
 
 void TcpInputPlugin2::fill(InputCounters &counters)
@@ -174,6 +191,7 @@ bool TcpInputPlugin2::start()
              pluginId);
         return false;
     }
+    countTogether();
     servers.setUp(used.serving, used.proxies, used.accepting);
     connTemplate.setLocalAddress(used.address);
     connTemplate.setLocalPort(used.port);
@@ -227,6 +245,7 @@ bool TcpInputPlugin2::stop()
     CWRN(QtDebugMsg, QStringLiteral("TcpInputPlugin2(%1): stop()"), pluginId);
     leaving = false;
     shared = {};
+    common = {};
     servers.close();
     untaken.forget(servers.guard());
 

@@ -12,6 +12,7 @@
 #include "tcpinput/accept/servers.h"
 #include "tcpinput/accept/untakenconnections.h"
 #include "tcpinput/configuration/configuration.h"
+#include "tcpinput/limits/commoncounts.h"
 #include "tcpinput/workerpool.h"
 
 #include <QtCore/QTimer>
@@ -101,6 +102,7 @@ private:
     bool handOver();
     void leave(std::chrono::milliseconds spread);
     void lend(SharedPort &request);
+    void countTogether();
     void retryUntaken();
 
     // The plugin's thread only, except that discard() reads the pool's tasks in any thread.
@@ -112,6 +114,7 @@ private:
     WorkerPool pool{makePool()};
     UntakenConnections untaken;
     Descriptor shared; // the listening socket of another plugin, for the next start()
+    CommonCounts common; // likewise, what its limits count
     bool leaving = false; // until stop(): workers that come later have their devices told, too
     bool destroying = false; // in the destructor: the host's events start nothing new
     bool draining = false; // in the destructor: ends of threads are not logged

@@ -59,7 +59,9 @@ std::shared_ptr<const void> placeUntil(std::function<void()> atEnd)
 class ConnectionLimiter::Table
 {
 public:
-    std::atomic<int> open = 0;
+    explicit Table(Count openOnes) : open(std::move(openOnes)) {}
+
+    const Count open;
 
     // False: there are as many as may be.
     bool add(const QByteArray &address, int most)
@@ -85,7 +87,7 @@ private:
 };
 
 ConnectionLimiter::ConnectionLimiter(int minuteMs)
-    : table(std::make_shared<Table>()),
+    : table(std::make_shared<Table>(std::make_shared<std::atomic<int>>(0))),
       refusals(minuteMs)
 {
     episode.setSingleShot(true);
@@ -95,6 +97,16 @@ ConnectionLimiter::ConnectionLimiter(int minuteMs)
 }
 
 ConnectionLimiter::~ConnectionLimiter() = default;
+
+void ConnectionLimiter::setCount(Count value)
+{
+    table = std::make_shared<Table>(std::move(value));
+}
+
+ConnectionLimiter::Count ConnectionLimiter::count() const
+{
+    return table->open;
+}
 
 void ConnectionLimiter::setLimits(const AcceptLimits &value)
 {
@@ -111,8 +123,8 @@ void ConnectionLimiter::enter(Acceptance &acceptance, Time now)
 {
     if (!limits.areOn())
         return;
-    ++table->open;
-    acceptance.places.push_back(placeUntil([table = table] { --table->open; }));
+    ++*table->open;
+    acceptance.places.push_back(placeUntil([open = table->open] { --*open; }));
     if (pace)
         pace->take(now);
 }
@@ -148,7 +160,7 @@ bool ConnectionLimiter::mayAccept(qsizetype handshakes, Time now)
 
 bool ConnectionLimiter::isFull()
 {
-    if (limits.connections == 0 || table->open < limits.connections)
+    if (limits.connections == 0 || *table->open < limits.connections)
         return false;
     const bool first = !episode.isActive();
     episode.start();
@@ -162,7 +174,7 @@ bool ConnectionLimiter::isFull()
 // The guard may not have asked for a minute, if something else keeps the server paused.
 void ConnectionLimiter::endEpisode()
 {
-    if (table->open >= limits.connections)
+    if (*table->open >= limits.connections)
         return episode.start();
     Q_EMIT fullNoMore(limits.connections);
 }
@@ -172,7 +184,7 @@ QString ConnectionLimiter::status() const
     if (!limits.areOn())
         return {};
     return QStringLiteral("Limits: %1 connections open, %2 refused%3\r\n")
-            .arg(table->open.load())
+            .arg(table->open->load())
             .arg(refusedInAll())
             .arg(paused ? QStringLiteral(", accepting paused") : QString());
 }

@@ -11,6 +11,7 @@
 #include <QtCore/QObject>
 #include <QtCore/QTimer>
 
+#include <atomic>
 #include <memory>
 #include <optional>
 
@@ -35,6 +36,13 @@ public:
     // minuteMs: a minute, but for tests.
     explicit ConnectionLimiter(int minuteMs = MinuteNotice::MinuteMs);
     ~ConnectionLimiter() override;
+
+    // How many connections are open, of all limiters with this count.
+    using Count = std::shared_ptr<std::atomic<int>>;
+    // value: not null. Of its own connections, those that come from now on are counted there.
+    // Default: its own.
+    void setCount(Count value);
+    Count count() const;
 
     // Connections that were accepted under limits before still count. Default: no limits.
     void setLimits(const AcceptLimits &value);
@@ -71,7 +79,7 @@ private:
     void endEpisode();
 
     AcceptLimits limits;
-    const std::shared_ptr<Table> table;
+    std::shared_ptr<Table> table;
     std::optional<TokenBucket> pace;
     QTimer episode; // runs for a minute after the last moment when it was full
     MinuteNotice refusals;

@@ -24,6 +24,7 @@ public:
     void use(bool wantsTls) { usesTls = wantsTls; }
     QTcpServer &active() { return usesTls ? static_cast<QTcpServer &>(tls) : tcp; }
     AcceptGuard &guard() { return usesTls ? tls.guard : tcp.guard; }
+    ConnectionLimiter &limiter() { return usesTls ? tls.limiter : tcp.limiter; }
     const ConnectionLimiter &limiter() const { return usesTls ? tls.limiter : tcp.limiter; }
 
     // For connections that are accepted from now on.

@@ -19,7 +19,7 @@ qint64 BufferBudget::reserve(qint64 ofConnection, qint64 most)
     qint64 bytes = 0;
     do {
         bytes = std::clamp<qint64>(most, 0, roomBeside(now, ofConnection));
-    } while (!inUse.compare_exchange_weak(now, now + bytes, std::memory_order_relaxed));
+    } while (!inUse->compare_exchange_weak(now, now + bytes, std::memory_order_relaxed));
     return bytes;
 }
 

@@ -8,6 +8,8 @@
 #include <QtCore/QString>
 
 #include <atomic>
+#include <memory>
+#include <utility>
 
 /*!
     The memory that the connections of a plugin may hold, and how much of it they do hold.
@@ -25,14 +27,20 @@
 class BufferBudget
 {
 public:
+    // With others, for which the same counts.
+    using Count = std::shared_ptr<std::atomic<qint64>>;
+
     explicit BufferBudget(const Limits &values) : limits(values) {}
+    // value: not null. Call before the first connection. Default: its own.
+    void setCount(Count value) { inUse = std::move(value); }
+    Count count() const { return inUse; }
 
     const Limits limits;
 
     // bytes: negative if they are given back.
-    void add(qint64 bytes) { inUse.fetch_add(bytes, std::memory_order_relaxed); }
+    void add(qint64 bytes) { inUse->fetch_add(bytes, std::memory_order_relaxed); }
     // Also counts what is reserved.
-    qint64 held() const { return inUse.load(std::memory_order_relaxed); }
+    qint64 held() const { return inUse->load(std::memory_order_relaxed); }
 
     // How many more bytes a connection may take in that holds so many; 0: none.
     qint64 room(qint64 ofConnection) const { return roomBeside(held(), ofConnection); }
@@ -49,5 +57,5 @@ public:
 private:
     qint64 roomBeside(qint64 heldByAll, qint64 ofConnection) const;
 
-    std::atomic<qint64> inUse = 0;
+    Count inUse = std::make_shared<std::atomic<qint64>>(0); // set once
 };

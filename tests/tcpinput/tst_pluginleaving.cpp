@@ -115,6 +115,8 @@ private Q_SLOTS:
     void handsThePortOver();
     void sharesNoOtherPort();
     void nothingToShare();
+    void limitsCountBoth();
+    void limitsOfOneAloneCountItsOwn();
     void spreads();
     void spreadsEvenly_data();
     void spreadsEvenly();
@@ -298,6 +300,62 @@ void tst_PluginLeaving::nothingToShare()
     QVERIFY(next.stop()); // closes what it has not used
     QVERIFY(old.stop());
     QCOMPARE(openDescriptors(), before);
+}
+
+// Of a plugin and its successor, also on another port: until the old one's connections are gone,
+// the new one takes no more than both together may have.
+void tst_PluginLeaving::limitsCountBoth()
+{
+    QJsonObject limited = settings();
+    limited.insert(u"limits"_s, QJsonObject{{u"maxConnections"_s, 1}, {u"totalBuffer"_s, 1000000}});
+    Plugin old(limited);
+    QVERIFY(old.start());
+    LeavingDevice device(old, useTls());
+    QVERIFY(device.say("device"));
+    QVERIFY(old.recordOf("device"));
+
+    Plugin next(limited);
+    Plugin afterNext(limited);
+    QVERIFY(SharedPort::offer(old, next));
+    QVERIFY(next.start());
+    QVERIFY(Drain::ask(old, 0ms));
+    QVERIFY(SharedPort::offer(next, afterNext));
+    QVERIFY(afterNext.start());
+    for (Plugin *plugin : {&next, &afterNext}) {
+        const QString status = plugin->getStatus();
+        QVERIFY2(status.contains(u": 1 connections open, 0 refused, accepting paused\r\n"_s),
+                 qPrintable(status));
+        QVERIFY2(status.contains(u": 6 bytes held, 0 connections paused\r\n"_s),
+                 qPrintable(status));
+    }
+    old.discard(6, old.records.first()->getPluginSubId());
+    old.records.clear(); // what the host keeps counts, too
+    QTRY_VERIFY_WITH_TIMEOUT(afterNext.getStatus().contains(u": 0 bytes held"_s), HangGuardMs);
+    QVERIFY(device.isTold());
+    device.close();
+    QTRY_VERIFY_WITH_TIMEOUT(!isLeft(old), HangGuardMs);
+    LeavingDevice another(afterNext, useTls());
+    QVERIFY(another.say("another"));
+    QVERIFY(afterNext.recordOf("another"));
+    const QString status = next.getStatus();
+    QVERIFY2(status.contains(u": 1 connections open"_s), qPrintable(status));
+    takeLog(); // that the limit is reached
+}
+
+void tst_PluginLeaving::limitsOfOneAloneCountItsOwn()
+{
+    QJsonObject limited = settings();
+    limited.insert(u"limits"_s, QJsonObject{{u"maxConnections"_s, 1}, {u"totalBuffer"_s, 1000000}});
+    Plugin old(settings());
+    QVERIFY(old.start());
+    LeavingDevice device(old, useTls());
+    QVERIFY(device.say("device"));
+    QVERIFY(old.recordOf("device"));
+    Plugin next(limited);
+    QVERIFY(SharedPort::offer(old, next));
+    QVERIFY(next.start());
+    QVERIFY(next.getStatus().contains(u": 0 connections open, 0 refused\r\n"_s));
+    QVERIFY(next.getStatus().contains(u": 0 bytes held"_s));
 }
 
 // Four devices within a second: after 125 ms, and every 250 ms from then on.

@@ -34,6 +34,7 @@ private Q_SLOTS:
     void storedWithoutAnswerInSharedSubject();
     void lostBeforeStored();
     void streamMadeAnew();
+    void streamRemovedUnderLoad();
     void secondServer();
     void closedWhileAway();
     void closedWhileConnecting();
@@ -201,6 +202,27 @@ void tst_NatsAway::streamMadeAnew()
     QCOMPARE(stored.size(), size_t(5));
     for (const auto &[connection, messages] : stored)
         QCOMPARE(messages.size(), 2);
+}
+
+// Thousands of messages come to a server on which nobody takes them. That delays no later answer.
+void tst_NatsAway::streamRemovedUnderLoad()
+{
+    NatsServer server;
+    server.start();
+    QVERIFY(Reader(server).create());
+    const MessageCapture capture;
+    Storing storing(settingsFor(server), ShortLimit);
+    QCOMPARE(storing.store.open(), QString());
+    storing.add(2000, 1);
+    QTRY_VERIFY_WITH_TIMEOUT(storing.isAllStored(), HangGuardMs);
+    QVERIFY(Reader(server).remove());
+    storing.add(2000, 2);
+    QTRY_VERIFY_WITH_TIMEOUT(says(QStringLiteral("has no stream S")), HangGuardMs);
+    const Reader reader(server);
+    QVERIFY(reader.create());
+    QTRY_VERIFY_WITH_TIMEOUT(storing.isAllStored(), HangGuardMs);
+    QVERIFY(storing.isInOrder);
+    QCOMPARE(reader.info()->State.Msgs, 4000U);
 }
 
 void tst_NatsAway::secondServer()

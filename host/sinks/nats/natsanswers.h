@@ -13,7 +13,6 @@ struct NatsAnswer
 {
     enum class Kind {
         Data, // the server's answer
-        Nobody, // the server knows nobody who would take the request, so nobody has
         Unknown, // no answer: it may have been done, or not
     };
 

@@ -135,6 +135,10 @@ QString NatsConnection::prepare(const NatsSettings &settings, const QString &ser
         status = natsOptions_SetMaxPingsOut(made, MaxPingsOut);
     if (status == NATS_OK)
         status = natsOptions_SetSendAsap(made, true); // no thread that flushes: flush() does
+    // natsSubscription_NextMsg() would take such an answer and not say whose it was: it stops
+    // there, and the answers behind it would wait.
+    if (status == NATS_OK)
+        status = natsOptions_DisableNoResponders(made, true);
     if (status == NATS_OK)
         status = natsOptions_SetEventLoop(made, this, attach, watchReads, watchWrites, detach);
     return status == NATS_OK ? apply(settings, made) : lastError(status);
@@ -237,7 +241,7 @@ void NatsConnection::tell(natsMsg *message)
     const std::unique_ptr<natsMsg, Free> owned(message);
     const QByteArray subject(natsMsg_GetSubject(message));
     const QByteArray data(natsMsg_GetData(message), natsMsg_GetDataLength(message));
-    Q_EMIT answered(subject.mid(inbox.size()).toULongLong(), natsMsg_IsNoResponders(message), data);
+    Q_EMIT answered(subject.mid(inbox.size()).toULongLong(), data);
 }
 
 qint64 NatsConnection::maxPayload() const

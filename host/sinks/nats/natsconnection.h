@@ -68,8 +68,7 @@ Q_SIGNALS:
     // isRefusal: the server does not want us.
     void failed(const QString &reason, bool isRefusal);
     void ended(const QString &reason);
-    // isNobody: nobody takes what was sent.
-    void answered(quint64 token, bool isNobody, const QByteArray &data);
+    void answered(quint64 token, const QByteArray &data);
     // All answers that are here have been told.
     void drained();
 

@@ -115,9 +115,9 @@ void NatsLink::flush()
         connection->flush();
 }
 
-void NatsLink::noteAnswer(quint64 token, bool isNobody, const QByteArray &data)
+void NatsLink::noteAnswer(quint64 token, const QByteArray &data)
 {
-    answer(token, {isNobody ? NatsAnswer::Kind::Nobody : NatsAnswer::Kind::Data, data});
+    answer(token, {NatsAnswer::Kind::Data, data});
 }
 
 void NatsLink::answer(quint64 token, const NatsAnswer &answer)

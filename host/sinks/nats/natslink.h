@@ -67,7 +67,7 @@ private:
     void noteOpened();
     void noteLost(const QString &reason, bool isRefusal);
     void answer(quint64 token, const NatsAnswer &answer);
-    void noteAnswer(quint64 token, bool isNobody, const QByteArray &data);
+    void noteAnswer(quint64 token, const QByteArray &data);
     void expire();
     void watchLimits();
 

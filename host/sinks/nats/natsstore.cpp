@@ -224,7 +224,7 @@ void NatsStore::notePublished(quint64 connection, const NatsAnswer &answer)
     Lane &lane = lanes[connection];
     lane.isBusy = false;
     if (answer.kind != NatsAnswer::Kind::Data) {
-        noteUnanswered(connection, lane, answer);
+        noteUnanswered(connection, lane);
         return;
     }
     const StreamAnswer stored = readStreamAnswer(answer.data);
@@ -265,7 +265,7 @@ void NatsStore::noteLooked(quint64 connection, const NatsAnswer &answer)
     Lane &lane = lanes[connection];
     lane.isBusy = false;
     if (answer.kind != NatsAnswer::Kind::Data) {
-        noteUnanswered(connection, lane, answer);
+        noteUnanswered(connection, lane);
         return;
     }
     const StreamAnswer found = readStreamAnswer(answer.data);
@@ -307,10 +307,9 @@ void NatsStore::removeFirst(quint64 connection, Lane &lane)
         advance(connection, lane);
 }
 
-void NatsStore::noteUnanswered(quint64 connection, Lane &lane, const NatsAnswer &answer)
+void NatsStore::noteUnanswered(quint64 connection, Lane &lane)
 {
-    if (answer.kind == NatsAnswer::Kind::Unknown)
-        lane.isUnsure = true;
+    lane.isUnsure = true;
     if (!link.isOpen()) // noteStream() goes on
         return;
     streamIsInDoubt = true;

@@ -95,7 +95,7 @@ private:
     void tellSkipped(bool atOnce);
     void removeFirst(quint64 connection, Lane &lane);
     void noteDone(quint64 connection, Lane &lane, quint64 sequence);
-    void noteUnanswered(quint64 connection, Lane &lane, const NatsAnswer &answer);
+    void noteUnanswered(quint64 connection, Lane &lane);
     void noteRefused(quint64 connection, Lane &lane, const QString &reason);
     void postpone(quint64 connection, Lane &lane);
     void retry();

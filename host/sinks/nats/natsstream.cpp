@@ -16,13 +16,6 @@ constexpr std::chrono::seconds LookInterval(1);
 // How long a server recognises what it has been sent twice.
 constexpr qint64 DuplicateWindowNs = 600'000'000'000;
 
-QString textOf(const NatsAnswer &answer)
-{
-    if (answer.kind == NatsAnswer::Kind::Nobody)
-        return QStringLiteral("the server has no JetStream, or none for this user");
-    return QStringLiteral("no answer");
-}
-
 } // namespace
 
 NatsStream::NatsStream(NatsLink &natsLink, const NatsSettings &natsSettings, const QString &pattern,
@@ -61,18 +54,18 @@ void NatsStream::lookAgain()
     timer.start(LookInterval);
 }
 
-void NatsStream::noteSilence(const NatsAnswer &answer)
+void NatsStream::noteSilence()
 {
     if (!link.isOpen()) // look() is called again when it is
         return;
-    Q_EMIT problem(textOf(answer));
+    Q_EMIT problem(QStringLiteral("no answer: no leader now, or no JetStream for this user"));
     lookAgain();
 }
 
 void NatsStream::noteInfo(const NatsAnswer &answer)
 {
     if (answer.kind != NatsAnswer::Kind::Data) {
-        noteSilence(answer);
+        noteSilence();
         return;
     }
     const StreamAnswer stream = readStreamAnswer(answer.data);
@@ -111,7 +104,7 @@ void NatsStream::create()
 void NatsStream::noteCreation(const NatsAnswer &answer)
 {
     if (answer.kind != NatsAnswer::Kind::Data) {
-        noteSilence(answer);
+        noteSilence();
         return;
     }
     const StreamAnswer stream = readStreamAnswer(answer.data);

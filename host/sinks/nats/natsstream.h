@@ -45,7 +45,7 @@ private:
     void create();
     void noteCreation(const NatsAnswer &answer);
     void lookAgain();
-    void noteSilence(const NatsAnswer &answer);
+    void noteSilence();
 
     NatsLink &link;
     const NatsSettings settings;

@@ -43,11 +43,11 @@ class Host(Listener):
 
     settings: of the plugin's configuration. tls: more keys of its object "ssl", which is there if
     there are certificates. options: the program's own. prefix: a command that runs the program,
-    valgrind for example."""
+    valgrind for example. port: default is a free one."""
 
     def __init__(self, build, program=INPUTHOST, *, settings=None, options=(), certificates=None,
-                 tls=None, prefix=(), out=None):
-        port = free_port()
+                 tls=None, prefix=(), out=None, port=None):
+        port = port or free_port()
         command = host_command(build, program, port, settings or {}, certificates, tls)
         super().__init__([*prefix, *command, *options], build, port, certificates, out)
 

@@ -15,7 +15,8 @@ enum ExitCode {
     ExitNotListening = 6, // start() was true, but nothing listens: the port is in use
     ExitOutputFailed = 7, // standard output is closed or full
     ExitRecordingFailed = 8, // the file for --record cannot be written
-    ExitBadCertificates = 9, // --check-config: certificates or keys do not work
+    ExitMonitorFailed = 9, // the address for --http is taken, or --metrics-file cannot be written
+    ExitBadCertificates = 10, // --check-config: certificates or keys do not work
 };
 
 } // namespace host

@@ -55,7 +55,7 @@ public:
     void setMaxUnfinished(qint64 bytes) { exact.setMaxUnfinished(bytes); }
     // Who sees what is read of the connections that are read exactly; outlives the reader. Default:
     // nobody.
-    void setObserver(inputkit::TrafficObserver *observer) { writer.setObserver(observer); }
+    void addObserver(inputkit::TrafficObserver *observer) { writer.addObserver(observer); }
     // Stops after that many messages: nothing more is read. 0 (default): never.
     void setMessageLimit(qint64 messages) { writer.setLimit(messages); }
 

@@ -35,7 +35,7 @@ Origin MessageWriter::originOf(const ParsedData &record, quint64 connection) con
     Origin origin;
     origin.connection = connection;
     origin.source = record.getSource(); // warnings name it
-    if (observer || sink.showsOrigins()) {
+    if (!observers.empty() || sink.showsOrigins()) {
         origin.peer = record.getPeerAddress();
         origin.port = record.getPeerPort();
     }
@@ -110,13 +110,13 @@ bool MessageWriter::giveUp(QByteArrayView rest, quint64 position, const Origin &
 
 void MessageWriter::read(const Origin &origin, quint64 position, QByteArrayView bytes)
 {
-    if (observer)
+    for (inputkit::TrafficObserver *observer : observers)
         observer->read(origin, position, bytes);
 }
 
 void MessageWriter::ended(const Origin &origin, const QString &reason, quint64 position)
 {
-    if (observer)
+    for (inputkit::TrafficObserver *observer : observers)
         observer->ended(origin, reason, position);
     if (acknowledgements)
         acknowledgements->forget(origin.connection);

@@ -13,6 +13,8 @@
 
 #include <QtCore/QObject>
 
+#include <vector>
+
 namespace host {
 
 /*!
@@ -28,8 +30,8 @@ class MessageWriter : public QObject, public inputkit::OfferConsumer
 public:
     MessageWriter(const FrameFormat &frameFormat, Sink &messageSink, Counters &total);
 
-    // Who sees what is read, and the ends. Default: nobody.
-    void setObserver(inputkit::TrafficObserver *value) { observer = value; }
+    // Who sees what is read, and the ends; outlives the writer. Default: nobody.
+    void addObserver(inputkit::TrafficObserver *observer) { observers.push_back(observer); }
     // Who is told of what the sink gets, if messages are acknowledged; outlives the writer.
     // Default: nobody.
     void setAcknowledgements(inputkit::Acknowledgements *value) { acknowledgements = value; }
@@ -37,7 +39,7 @@ public:
     void setLimit(qint64 messages) { limit = messages; }
     bool isDone() const override { return done; }
 
-    // Only the parts that the sink shows, or that the observer needs, and the source.
+    // Only the parts that the sink shows, or that an observer needs, and the source.
     Origin originOf(const ParsedData &record, quint64 connection) const override;
     void began(const ParsedData &record) override;
     qsizetype write(QByteArrayView bytes, quint64 position, const Origin &origin,
@@ -69,7 +71,7 @@ private:
     Counters &counters;
     inputkit::LineLimit tooLongLines;
     inputkit::LineLimit givenUpLines;
-    inputkit::TrafficObserver *observer = nullptr;
+    std::vector<inputkit::TrafficObserver *> observers;
     inputkit::Acknowledgements *acknowledgements = nullptr;
     qint64 limit = 0;
     bool done = false;

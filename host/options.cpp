@@ -57,6 +57,12 @@ Outputs:
   Stores (sqlite, postgresql, nats) have each message once. They need "offsets"
   and "ends".
 
+Status for people and programs, with --http:
+  /metrics      for Prometheus; --metrics-file writes the same to a file
+  /ready        200, or 503 and why no device should be sent here
+  /live         200, or 503 and which thread stands still
+  /status.json  all of it, and the connections: ?offset= &limit= &sort= &search=
+
 Placeholders of --nats-subject: {connection} (its number in this run), {peer},
 {port}, {source}, {client}, {plugin}, {epoch} (32 digits that tell this run from
 others) and {stream}.
@@ -85,7 +91,9 @@ Exit codes:
      root, or the address is not this machine's
   7  the output cannot be written, or not all that was read was safe at the end
   8  the file for --record cannot be written
-  9  with --check-config: certificates or keys do not work
+  9  the address for --http cannot be listened on, or the file for --metrics-file
+     cannot be written
+  10 with --check-config: certificates or keys do not work
 )";
 
 //! The options as the parser knows them.
@@ -213,6 +221,17 @@ struct Definitions
                            "closed, at most five seconds longer. Default: SIGINT and SIGTERM close "
                            "all connections, SIGHUP tells all devices at once."),
             QStringLiteral("SECONDS")};
+    const QCommandLineOption http{
+            QStringLiteral("http"),
+            QStringLiteral("Answers requests for the program's status at this address, which is "
+                           "127.0.0.1 if only a port is given; port 0 is one that is free. "
+                           "Whoever can connect can read it. Default: nobody can."),
+            QStringLiteral("[ADDRESS:]PORT")};
+    const QCommandLineOption metricsFile{
+            QStringLiteral("metrics-file"),
+            QStringLiteral("Writes the metrics to this file every five seconds, and removes it at "
+                           "the end."),
+            QStringLiteral("FILE")};
     const QCommandLineOption record{
             QStringLiteral("record"),
             QStringLiteral("Records what connections bring, for devicesim --replay and devicecat. "
@@ -264,6 +283,8 @@ struct Definitions
                            statusEvery,
                            exitAfter,
                            drain,
+                           http,
+                           metricsFile,
                            record,
                            recordSize,
                            recordKeep,
@@ -478,6 +499,27 @@ Options::Task readTask(const QCommandLineParser &parser, const Definitions &know
     return task;
 }
 
+MonitorOptions readMonitor(const QCommandLineParser &parser, const Definitions &known,
+                           ValueReader &reader)
+{
+    MonitorOptions options;
+    if (parser.isSet(known.http)) {
+        const QString text = parser.value(known.http);
+        options.http = parseWebAddress(text);
+        if (!options.http)
+            reader.complain(QStringLiteral("Invalid value for --http: '%1'. It takes PORT or "
+                                           "ADDRESS:PORT, as 127.0.0.1:9100 or [::1]:9100.")
+                                    .arg(text));
+        if (!hasWebServer())
+            reader.complain(
+                    QStringLiteral("--http: this program was built without libmicrohttpd."));
+    }
+    options.metricsFile = parser.value(known.metricsFile);
+    if (options.metricsFile.isEmpty() && parser.isSet(known.metricsFile))
+        reader.complain(QStringLiteral("--metrics-file wants a file."));
+    return options;
+}
+
 Options readOptions(const QCommandLineParser &parser, const Definitions &known, ValueReader &reader)
 {
     Options options;
@@ -514,6 +556,7 @@ Options readOptions(const QCommandLineParser &parser, const Definitions &known, 
     options.statusEverySeconds = static_cast<int>(reader.number(known.statusEvery, mostSeconds));
     options.drainSeconds = static_cast<int>(reader.number(known.drain, mostSeconds));
     options.exitAfter = reader.number(known.exitAfter, std::numeric_limits<qint64>::max());
+    options.monitor = readMonitor(parser, known, reader);
     options.recording = readRecording(parser, known, reader);
     return options;
 }

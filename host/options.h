@@ -6,6 +6,7 @@
 #include "host/framing.h"
 #include "host/logging.h"
 #include "host/outputoptions.h"
+#include "host/web/monitoroptions.h"
 #include "plugin/kit/pluginloader.h"
 #include "plugin/recording/trafficrecorder.h"
 
@@ -43,6 +44,7 @@ struct Options
     int statusEverySeconds = 0; // 0: never
     qint64 exitAfter = 0; // messages; 0: never
     int drainSeconds = 0; // devices are told within this time that a plugin leaves; 0: not given
+    MonitorOptions monitor; // who may look at the program
     inputkit::RecordingOptions recording; // no file: nothing is recorded
 };
 

@@ -56,6 +56,15 @@ QStringList knownOutputs()
     return known;
 }
 
+QString nameOf(OutputOptions::Kind kind)
+{
+    for (const Name &each : Names) {
+        if (each.kind == kind)
+            return QLatin1String(each.text);
+    }
+    return {};
+}
+
 QString missingFor(OutputOptions::Kind kind)
 {
     switch (kind) {

@@ -31,6 +31,8 @@ struct OutputOptions
 std::optional<OutputOptions> parseOutput(const QString &text);
 // What parseOutput() understands, for an error text.
 QStringList knownOutputs();
+// The name by which parseOutput() understands it.
+QString nameOf(OutputOptions::Kind kind);
 // Empty, or what the program was built without.
 QString missingFor(OutputOptions::Kind kind);
 

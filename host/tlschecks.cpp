@@ -123,4 +123,17 @@ QStringList certificateWarnings(const QJsonObject &ssl, const QDateTime &now)
     return warnings;
 }
 
+QList<CertificateEnd> certificateEnds(const QJsonObject &ssl)
+{
+    ERR_set_mark();
+    QList<CertificateEnd> ends;
+    for (const Certificate &each : certificatesOf(ssl)) {
+        const QDateTime end = endOf(each);
+        if (end.isValid())
+            ends.append({nameOf(each), end});
+    }
+    ERR_pop_to_mark();
+    return ends;
+}
+
 } // namespace host

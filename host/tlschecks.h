@@ -3,7 +3,10 @@
 
 #pragma once
 
+#include "host/web/snapshot.h"
+
 #include <QtCore/QJsonObject>
+#include <QtCore/QList>
 #include <QtCore/QStringList>
 
 class QDateTime;
@@ -33,5 +36,9 @@ QString plainTcpWarning(const QJsonObject &configuration, const QString &address
 // expired or does so within 30 days, it is not the key's, the chain is not its own. ssl: the object
 // of that name. What cannot be read causes no line here, since the plugin tells of it.
 QStringList certificateWarnings(const QJsonObject &ssl, const QDateTime &now);
+
+// The server's certificate and those that are sent along, and when each ends. ssl: as above. What
+// cannot be read is left out.
+QList<CertificateEnd> certificateEnds(const QJsonObject &ssl);
 
 } // namespace host

@@ -67,6 +67,11 @@ public:
     // Waits until the sink is not full. For who cannot put off what it has. Default: does not wait.
     virtual void makeRoom() {}
 
+    // False: what it needs is away, and it tries again. Default: it needs nothing.
+    virtual bool isConnected() const { return true; }
+    // Messages that it has and that are not safe. Default: none.
+    virtual qint64 unsafeMessages() const { return 0; }
+
     // At the end of the program. Waits until all messages are safe, but no longer than that.
     // Returns how many are not.
     virtual qint64 finish(std::chrono::milliseconds atMost) = 0;

@@ -77,7 +77,7 @@ void StoreSink::handOver()
     timer.stop();
     if (batch.isEmpty() || !thread.isRunning())
         return;
-    unsafeMessages += batch.messages();
+    unsafeInStore += batch.messages();
     unsafeMemory += batch.memory();
     auto moved = std::make_shared<Batch>(std::exchange(batch, {}));
     QMetaObject::invokeMethod(
@@ -103,7 +103,7 @@ void StoreSink::noteReports()
     const std::vector<Stored> news = std::exchange(reports, {});
     locker.unlock();
     for (const Stored &progress : news) {
-        unsafeMessages -= progress.messages;
+        unsafeInStore -= progress.messages;
         unsafeMemory -= progress.memory;
         for (const SafePosition &each : progress.safe)
             Q_EMIT safe(each.connection, each.end);
@@ -127,7 +127,7 @@ qint64 StoreSink::finish(std::chrono::milliseconds atMost)
         noteReports();
     close();
     noteReports(); // what the store has said last
-    return unsafeMessages + batch.messages();
+    return unsafeMessages();
 }
 
 bool StoreSink::waitForReport(const QDeadlineTimer &deadline)

@@ -41,7 +41,8 @@ public:
     void ended(const Origin &origin, const QString &reason, quint64 position) override;
     qint64 finish(std::chrono::milliseconds atMost) override;
 
-    bool isConnected() const { return connected; }
+    bool isConnected() const override { return connected; }
+    qint64 unsafeMessages() const override { return unsafeInStore + batch.messages(); }
 
 private:
     void added();
@@ -57,7 +58,7 @@ private:
     std::unique_ptr<Store> store; // used in the thread, until that has ended
     Batch batch; // not handed over yet
     QTimer timer; // until it is
-    qint64 unsafeMessages = 0; // in the store
+    qint64 unsafeInStore = 0; // messages
     qint64 unsafeMemory = 0;
     bool connected = false;
 

@@ -108,6 +108,7 @@ public:
     // False: no connection is accepted, by this plugin and those that come after it, until it is
     // true again. Devices wait in the kernel. Default: true.
     void setAccepting(bool enable);
+    bool isAccepting() const { return accepting; }
 
     // Has the plugin read the files of certificates and keys anew. False: the log says why.
     bool renewCertificates();

@@ -5,7 +5,8 @@
 foreach(name IN ITEMS
         tst_exactreading tst_fairturns tst_framing tst_heldanswers tst_hostconfiguration tst_hostoptions
         tst_hosttexts tst_logging tst_loglimit tst_messagereader tst_natsparts tst_nearestkey tst_offertracker
-        tst_process tst_storesink tst_streamsink tst_tlschecks tst_trafficrecorder tst_unfinished)
+        tst_process tst_storesink tst_streamsink tst_tlschecks tst_trafficrecorder tst_unfinished
+        tst_webparts)
     plugin_test(${name})
     target_link_libraries(${name} PRIVATE inputhost_parts)
 endforeach()
@@ -17,6 +18,11 @@ if(NATS_INCLUDE_DIR AND NATS_LIBRARY)
         target_link_libraries(${name} PRIVATE inputhost_parts)
     endforeach()
     target_link_libraries(tst_natstls PRIVATE OpenSSL::Crypto)
+endif()
+
+if(MICROHTTPD_INCLUDE_DIR AND MICROHTTPD_LIBRARY)
+    plugin_test(tst_webserver)
+    target_link_libraries(tst_webserver PRIVATE inputhost_parts)
 endif()
 
 # The stores, as far as the program has them.
@@ -46,7 +52,7 @@ endfunction()
 foreach(name IN ITEMS
         tst_inputhostcheck tst_inputhostmessages tst_inputhostoutput tst_inputhostrecording
         tst_inputhostreload tst_inputhoststalls tst_inputhoststart tst_inputhoststatus
-        tst_inputhoststopping tst_inputhosttls)
+        tst_inputhoststopping tst_inputhosttls tst_servicenotifier)
     host_program_test(${name})
 endforeach()
 add_test(NAME hostiletexts
@@ -69,6 +75,14 @@ endif()
 if("HOST_HAS_SQLITE" IN_LIST host_definitions)
     host_program_test(tst_inputhoststore)
     target_link_libraries(tst_inputhoststore PRIVATE Qt6::Sql)
+endif()
+
+if(MICROHTTPD_INCLUDE_DIR AND MICROHTTPD_LIBRARY)
+    host_program_test(tst_inputhostweb)
+    test_uses_certificates(tst_inputhostweb)
+    add_test(NAME strangers
+        COMMAND /usr/bin/python3 -B ${CMAKE_CURRENT_SOURCE_DIR}/host/check_strangers.py ${CMAKE_BINARY_DIR})
+    set_tests_properties(strangers PROPERTIES TIMEOUT 300 ENVIRONMENT "PYTHONPATH=${PROJECT_SOURCE_DIR}")
 endif()
 
 target_link_libraries(tst_inputhostrecording PRIVATE tcpinput_recording)

@@ -67,6 +67,7 @@ void tst_HostOptions::defaults()
     QCOMPARE(options.exitAfter, 0);
     QCOMPARE(options.drainSeconds, 0);
     QCOMPARE(options.recording.file, QString());
+    QVERIFY(!options.monitor.isOn());
 }
 
 void tst_HostOptions::all()
@@ -75,7 +76,7 @@ void tst_HostOptions::all()
             "--plugin lib.so --entry registerPlugin --config - --set a=1 --id x --framing length "
             "--max-message 7 --max-unfinished 8 --output raw:out/a:b --save-within 5 --log-level "
             "debug --status-every 3 "
-            "--exit-after 9 --drain 30"));
+            "--exit-after 9 --drain 30 --http 10.0.0.1:80 --metrics-file m"));
     QCOMPARE(line.outcome, CommandLine::Run);
     const Options &options = line.options;
     QCOMPARE(options.pluginFile, QStringLiteral("lib.so"));
@@ -93,6 +94,8 @@ void tst_HostOptions::all()
     QCOMPARE(options.statusEverySeconds, 3);
     QCOMPARE(options.exitAfter, 9);
     QCOMPARE(options.drainSeconds, 30);
+    QCOMPARE(options.monitor.http->toString(), QStringLiteral("10.0.0.1:80"));
+    QCOMPARE(options.monitor.metricsFile, QStringLiteral("m"));
 }
 
 void tst_HostOptions::otherChoices()
@@ -203,6 +206,8 @@ void tst_HostOptions::refused_data()
     QTest::newRow("--set x=[1") << "--set x: this is not JSON";
     QTest::newRow("--set x=\"a") << "--set x: this is not JSON";
     QTest::newRow("--entry other") << "--entry: 'other'. It takes one of create, registerPlugin.";
+    QTest::newRow("--http here:80") << "--http: 'here:80'. It takes PORT or ADDRESS:PORT";
+    QTest::newRow("--metrics-file=") << "--metrics-file wants a file.";
     QTest::newRow("--framing line") << "--framing: 'line'. It takes one of lines, length, none.";
     QTest::newRow("--output JSON")
             << "--output: 'JSON'. It takes one of json, json:FILE, raw, raw:FILE, count, none, "

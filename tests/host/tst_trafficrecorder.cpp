@@ -63,7 +63,7 @@ void tst_TrafficRecorder::everyByteIsSeenOnce()
     make({}, OutputOptions::Raw, pace);
     reader->setEndsTold(true);
     Witness witness;
-    reader->setObserver(&witness);
+    reader->addObserver(&witness);
     const QByteArray stream = "a\nb\nc\nd\ne\nf\ng\nhalf";
     reader->receive(stamped(1, 0, stream.first(10)));
     QCOMPARE(witness.seen, QByteArray("a\nb\n"));
@@ -84,7 +84,7 @@ void tst_TrafficRecorder::recordsBeginningsAndEnds()
     inputkit::TrafficRecorder recorder(options);
     QVERIFY2(recorder.start(), qPrintable(recorder.errorString()));
     reader->setEndsTold(true);
-    reader->setObserver(&recorder);
+    reader->addObserver(&recorder);
     reader->receive(stamped(1, 0, "a\n"));
     reader->receive(stamped(1, 2, "b\n"));
     reader->receive(endOf(2, 0)); // a connection that has brought nothing

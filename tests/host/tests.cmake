@@ -85,6 +85,19 @@ if(MICROHTTPD_INCLUDE_DIR AND MICROHTTPD_LIBRARY)
     set_tests_properties(strangers PROPERTIES TIMEOUT 300 ENVIRONMENT "PYTHONPATH=${PROJECT_SOURCE_DIR}")
 endif()
 
+# The rules for Prometheus, with what they are to find.
+find_program(PROMTOOL promtool)
+if(PROMTOOL)
+    add_test(NAME alerts
+        COMMAND ${PROMTOOL} test rules ${CMAKE_CURRENT_SOURCE_DIR}/host/alerts_test.yml)
+endif()
+find_program(PROMETHEUS prometheus)
+if(PROMETHEUS AND MICROHTTPD_INCLUDE_DIR AND MICROHTTPD_LIBRARY)
+    add_test(NAME prometheus
+        COMMAND /usr/bin/python3 -B ${CMAKE_CURRENT_SOURCE_DIR}/host/check_prometheus.py ${CMAKE_BINARY_DIR})
+    set_tests_properties(prometheus PROPERTIES TIMEOUT 300 ENVIRONMENT "PYTHONPATH=${PROJECT_SOURCE_DIR}")
+endif()
+
 target_link_libraries(tst_inputhostrecording PRIVATE tcpinput_recording)
 target_link_libraries(tst_trafficrecorder PRIVATE tcpinput_recording)
 test_uses_certificates(tst_inputhostreload) # its devices can TLS

@@ -95,9 +95,7 @@ qsizetype sizeOfHarmful(QByteArrayView utf8)
 
 QByteArray jsonEscape(QByteArrayView utf8)
 {
-    return "\\u"
-            + QByteArray::number(QString::fromUtf8(utf8).front().unicode(), 16)
-                      .rightJustified(4, '0');
+    return "\\u" + QByteArray::number(unitOf(utf8), 16).rightJustified(4, '0');
 }
 
 QByteArray harmlessJson(QByteArray json)

@@ -5,6 +5,7 @@
 
 #include "plugin/recording/recordedendpoints.h"
 #include "tests/host/messagereadertest.h"
+#include "tests/kit/hangguard.h"
 #include "tests/recording/recordingtest.h"
 
 #include <QtCore/QTemporaryDir>
@@ -149,5 +150,4 @@ void tst_TrafficRecorder::endpoints()
 }
 
 QTEST_GUILESS_MAIN(tst_TrafficRecorder)
-#include "tests/kit/hangguard.h"
 #include "tst_trafficrecorder.moc"

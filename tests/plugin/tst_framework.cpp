@@ -4,6 +4,7 @@
 #include "plugin/factory.h"
 #include "plugin/iconnectionhandler.h"
 #include "plugin/iinputplugin.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/memorylayout.h"
 #include "tests/plugin/frameworktest.h"
 
@@ -386,5 +387,4 @@ void tst_Framework::creatorMap()
 }
 
 QTEST_GUILESS_MAIN(tst_Framework)
-#include "tests/kit/hangguard.h"
 #include "tst_framework.moc"

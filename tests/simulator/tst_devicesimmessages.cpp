@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
+#include "tests/kit/hangguard.h"
 #include "tests/simulator/simulatortest.h"
 
 #include <QtTest/QTest>
@@ -306,5 +307,4 @@ void tst_DeviceSimMessages::stopsWhileInputIsOpen()
 }
 
 QTEST_GUILESS_MAIN(tst_DeviceSimMessages)
-#include "tests/kit/hangguard.h"
 #include "tst_devicesimmessages.moc"

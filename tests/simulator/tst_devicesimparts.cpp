@@ -6,6 +6,7 @@
 #include "simulator/outbox.h"
 #include "simulator/pace.h"
 #include "simulator/progress.h"
+#include "tests/kit/hangguard.h"
 #include "tests/simulator/partstest.h"
 
 #include <QtTest/QTest>
@@ -297,5 +298,4 @@ void tst_DeviceSimParts::writesRates()
 }
 
 QTEST_GUILESS_MAIN(tst_DeviceSimParts)
-#include "tests/kit/hangguard.h"
 #include "tst_devicesimparts.moc"

@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
+#include "tests/kit/hangguard.h"
 #include "tests/simulator/simulatortest.h"
 
 #include <QtTest/QTest>
@@ -154,5 +155,4 @@ void tst_DeviceSimProgress::writesLinesElsewhere()
 }
 
 QTEST_GUILESS_MAIN(tst_DeviceSimProgress)
-#include "tests/kit/hangguard.h"
 #include "tst_devicesimprogress.moc"

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "simulatorreceivers.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/locales.h"
 #include "tests/kit/testaddress.h"
 #include "tests/simulator/simulatortest.h"
@@ -229,5 +230,4 @@ void tst_DeviceSimReport::reportsSummaryOnly()
 }
 
 QTEST_GUILESS_MAIN(tst_DeviceSimReport)
-#include "tests/kit/hangguard.h"
 #include "tst_devicesimreport.moc"

@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: the tcpinputplugin2 authors
 // SPDX-License-Identifier: MIT
 
+#include "tests/kit/hangguard.h"
 #include "tests/simulator/simulatortest.h"
 
 #include <QtTest/QTest>
@@ -239,5 +240,4 @@ void tst_DeviceSimScripts::refuses()
 }
 
 QTEST_GUILESS_MAIN(tst_DeviceSimScripts)
-#include "tests/kit/hangguard.h"
 #include "tst_devicesimscripts.moc"

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "simulatorreceivers.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/testaddress.h"
 #include "tests/simulator/simulatortest.h"
 
@@ -325,5 +326,4 @@ void tst_DeviceSimSending::limitsOpenConnections()
 }
 
 QTEST_GUILESS_MAIN(tst_DeviceSimSending)
-#include "tests/kit/hangguard.h"
 #include "tst_devicesimsending.moc"

@@ -4,6 +4,7 @@
 #include "simulator/mutation.h"
 #include "simulator/replay.h"
 #include "simulator/timetable.h"
+#include "tests/kit/hangguard.h"
 #include "tests/recording/recordingtest.h"
 
 #include <QtCore/QTemporaryDir>
@@ -271,5 +272,4 @@ void tst_ReplayParts::mutationDoesEachKind()
 }
 
 QTEST_GUILESS_MAIN(tst_ReplayParts)
-#include "tests/kit/hangguard.h"
 #include "tst_replayparts.moc"

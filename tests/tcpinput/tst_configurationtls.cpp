@@ -3,6 +3,7 @@
 
 #include "tcpinput/tcpinputplugin2.h"
 #include "tests/kit/certificates.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/loglines.h"
 #include "tests/tcpinput/configurationtest.h"
 
@@ -169,5 +170,4 @@ void tst_ConfigurationTls::tlsIsReadBetweenPortAndPoolSize()
 }
 
 QTEST_GUILESS_MAIN(tst_ConfigurationTls)
-#include "tests/kit/hangguard.h"
 #include "tst_configurationtls.moc"

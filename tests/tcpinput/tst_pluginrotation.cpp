@@ -3,6 +3,7 @@
 
 #include "tcpinput/tcpinputplugin2.h"
 #include "tcpinput/tcptask2.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/loglines.h"
 #include "tests/kit/nativesocket.h"
 #include "tests/kit/testaddress.h"
@@ -196,5 +197,4 @@ void tst_PluginRotation::timeoutReachesClients()
 }
 
 QTEST_GUILESS_MAIN(tst_PluginRotation)
-#include "tests/kit/hangguard.h"
 #include "tst_pluginrotation.moc"

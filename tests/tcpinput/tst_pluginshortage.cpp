@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "tcpinput/tcpinputplugin2.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/loglines.h"
 #include "tests/kit/nativesocket.h"
 #include "tests/kit/nofreedescriptors.h"
@@ -205,5 +206,4 @@ void tst_PluginShortage::pausedWithoutDescriptors()
 }
 
 QTEST_GUILESS_MAIN(tst_PluginShortage)
-#include "tests/kit/hangguard.h"
 #include "tst_pluginshortage.moc"

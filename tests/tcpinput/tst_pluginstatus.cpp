@@ -3,6 +3,7 @@
 
 #include "tcpinput/tcpinputplugin2.h"
 #include "tcpinput/tcptask2.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/loglines.h"
 #include "tests/kit/nativesocket.h"
 #include "tests/tcpinput/plugintest.h"
@@ -267,5 +268,4 @@ void tst_PluginStatus::drop()
 }
 
 QTEST_GUILESS_MAIN(tst_PluginStatus)
-#include "tests/kit/hangguard.h"
 #include "tst_pluginstatus.moc"

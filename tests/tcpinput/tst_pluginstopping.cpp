@@ -3,6 +3,7 @@
 
 #include "tcpinput/tcpinputplugin2.h"
 #include "tcpinput/tcptask2.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/loglines.h"
 #include "tests/kit/nativesocket.h"
 #include "tests/tcpinput/plugintest.h"
@@ -234,5 +235,4 @@ void tst_PluginStopping::secondStartHandsOverTwice()
 }
 
 QTEST_GUILESS_MAIN(tst_PluginStopping)
-#include "tests/kit/hangguard.h"
 #include "tst_pluginstopping.moc"

@@ -3,6 +3,7 @@
 
 #include "tcpinput/tcptask2.h"
 #include "tcpinput/workers/threadid.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/loglines.h"
 #include "tests/kit/nativesocket.h"
 #include "tests/tcpinput/plugintest.h"
@@ -106,5 +107,4 @@ void tst_PluginThreads::taskTakesThreadThatIsThere()
 }
 
 QTEST_GUILESS_MAIN(tst_PluginThreads)
-#include "tests/kit/hangguard.h"
 #include "tst_pluginthreads.moc"

@@ -3,6 +3,7 @@
 
 #include "eventloop/epolleventdispatcher.h"
 #include "tcpinput/receive/receivingsocket.h"
+#include "tests/kit/hangguard.h"
 #include "tests/kit/processresources.h"
 #include "tests/tcpinput/receive/receiver.h"
 
@@ -380,5 +381,4 @@ int main(int argc, char *argv[])
     tst_ReceivingSocket test;
     return QTest::qExec(&test, argc, argv);
 }
-#include "tests/kit/hangguard.h"
 #include "tst_receivingsocket.moc"

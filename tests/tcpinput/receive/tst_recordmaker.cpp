@@ -3,6 +3,7 @@
 
 #include "tcpinput/receive/localsecond.h"
 #include "tcpinput/receive/recordmaker.h"
+#include "tests/kit/hangguard.h"
 
 #include <QtTest/QTest>
 
@@ -159,5 +160,4 @@ void tst_RecordMaker::localSecond()
 }
 
 QTEST_GUILESS_MAIN(tst_RecordMaker)
-#include "tests/kit/hangguard.h"
 #include "tst_recordmaker.moc"

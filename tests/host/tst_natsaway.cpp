@@ -36,6 +36,7 @@ private Q_SLOTS:
     void streamMadeAnew();
     void streamRemovedUnderLoad();
     void secondServer();
+    void twoTroublesInTurn();
     void closedWhileAway();
     void closedWhileConnecting();
 
@@ -237,6 +238,24 @@ void tst_NatsAway::secondServer()
     QCOMPARE(storing.store.open(), QString());
     storing.add(3, 3);
     QTRY_VERIFY_WITH_TIMEOUT(storing.isAllStored(), HangGuardMs);
+}
+
+// One server is away, and the other one does not want us. Each is said once.
+void tst_NatsAway::twoTroublesInTurn()
+{
+    const NatsServer none;
+    NatsServer server("authorization { user: somebody, password: right }\n");
+    server.start();
+    const MessageCapture capture;
+    NatsSettings settings = settingsFor(server);
+    settings.servers = QStringList{none.address(), server.address()};
+    Storing storing(settings);
+    QSignalSpy lost(storing.store.findChild<NatsLink *>(), &NatsLink::lost);
+    QCOMPARE(storing.store.open(), QString());
+    QTRY_VERIFY_WITH_TIMEOUT(lost.count() >= 6, HangGuardMs);
+    QVERIFY(says(QStringLiteral("no connection to ")));
+    QVERIFY(says(QStringLiteral("refuses us")));
+    QCOMPARE(lines.size(), 2);
 }
 
 void tst_NatsAway::closedWhileAway()

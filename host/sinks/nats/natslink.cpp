@@ -80,7 +80,7 @@ void NatsLink::attempt()
 void NatsLink::noteOpened()
 {
     connected = true;
-    pause = ShortestPause;
+    sinceOpened.start();
     mostPayload = connection->maxPayload();
     Q_EMIT opened();
     flush();
@@ -88,12 +88,15 @@ void NatsLink::noteOpened()
 
 void NatsLink::noteLost(const QString &reason, bool isRefusal)
 {
-    connected = false;
+    const bool wasOpen = std::exchange(connected, false);
     Q_EMIT lost(reason, isRefusal);
     limits.clear();
     for (const auto &[token, handler] : std::exchange(handlers, {}))
         handler({NatsAnswer::Kind::Unknown, {}});
     turn = (turn + 1) % settings.servers.size();
+    // A server that lets us in and throws us out at once is no better than one that is away.
+    if (wasOpen && sinceOpened.hasExpired(LongestPause.count()))
+        pause = ShortestPause;
     attemptTimer.start(pause);
     pause = std::min(2 * pause, LongestPause);
 }

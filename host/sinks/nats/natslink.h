@@ -75,6 +75,7 @@ private:
     const std::chrono::milliseconds limit;
     std::unique_ptr<NatsConnection> connection;
     bool connected = false;
+    QElapsedTimer sinceOpened;
     qint64 mostPayload = 0;
     qsizetype turn = 0; // the server that is tried, or was
     std::chrono::milliseconds pause; // before the next attempt

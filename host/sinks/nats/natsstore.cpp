@@ -132,7 +132,7 @@ void NatsStore::noteStream(quint64 sequence, const QString &created)
     streamCreated = created;
     lastSequence = sequence;
     ready = true;
-    if (trouble != Trouble::Unanswered && trouble != Trouble::Refused)
+    if (lanes.empty()) // otherwise that shows when a message is stored
         goOn();
     for (auto &[connection, lane] : lanes)
         advance(connection, lane);
@@ -362,7 +362,7 @@ bool NatsStore::isNews(Trouble now)
     const Trouble before = std::exchange(trouble, now);
     if (before == Trouble::None)
         Q_EMIT connectedChanged(false);
-    return before != now;
+    return told.insert(now).second;
 }
 
 void NatsStore::noteStored()
@@ -376,6 +376,7 @@ void NatsStore::goOn()
 {
     if (std::exchange(trouble, Trouble::None) == Trouble::None)
         return;
+    told.clear();
     CWRN(QtInfoMsg, QStringLiteral("NATS: %1 stores messages in stream %2"), link.server(),
          settings.stream);
     Q_EMIT connectedChanged(true);

@@ -14,6 +14,7 @@
 #include <chrono>
 #include <deque>
 #include <list>
+#include <set>
 #include <unordered_map>
 #include <vector>
 
@@ -115,6 +116,7 @@ private:
     NatsStream stream;
     bool ready = false; // connected, and the stream is there
     Trouble trouble = Trouble::Starting;
+    std::set<Trouble> told; // since it could store last: each once, also if they take turns
     QString streamCreated;
     quint64 lastSequence = 0; // of the stream: all that we know of have no higher one
     std::list<Held> batches;

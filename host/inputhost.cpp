@@ -93,7 +93,10 @@ int InputHost::run()
     if (!startMonitor())
         return ExitMonitorFailed;
 
-    SignalNotifier unixSignals; // only now: until here a signal ends the program at once
+    const bool tellsLoss = options.drainSeconds > 0 || options.output.needsPositions();
+    SignalNotifier unixSignals(
+            tellsLoss ? &sink->unsafeMessages()
+                      : nullptr); // only now: until here a signal ends the program at once
     connectSignals(unixSignals);
     if (const ExitCode code = tellStart(runner.start(configuration)))
         return code;

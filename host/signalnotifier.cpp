@@ -5,10 +5,15 @@
 
 #include "plugin/cwrn.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <charconv>
 #include <csignal>
+#include <string_view>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 namespace host {
@@ -16,6 +21,42 @@ namespace {
 
 // For the signal handler. Set before it is installed, restored after it is uninstalled.
 volatile std::sig_atomic_t writeEnd = -1;
+const std::atomic<qint64> *unsafe = nullptr; // null: the end says nothing
+static_assert(std::atomic<qint64>::is_always_lock_free); // a handler reads it
+
+constexpr int StopSignals[] = {SIGINT, SIGTERM};
+constexpr int OtherSignals[] = {SIGHUP, SIGUSR1, SIGUSR2};
+
+void catchSignal(int number, int flags, void (*handler)(int))
+{
+    struct sigaction action = {};
+    action.sa_handler = handler;
+    action.sa_flags = SA_RESTART | flags;
+    ::sigaction(number, &action, nullptr);
+}
+
+// Not through the log: a handler may interrupt whoever is writing there. Does not wait for the
+// reader of standard error.
+void tellLoss()
+{
+    constexpr std::string_view before = "warning: Ended by a second signal: ";
+    constexpr std::string_view behind = " messages are not safe, and what the plugin has is lost\n";
+    std::array<char, 128> line = {};
+    char *end = std::copy(before.begin(), before.end(), line.begin());
+    end = std::to_chars(end, line.end(), unsafe->load()).ptr;
+    end = std::copy(behind.begin(), behind.end(), end);
+    pollfd request = {STDERR_FILENO, POLLOUT, 0};
+    if (::poll(&request, 1, 0) != 1 || (request.revents & POLLOUT) == 0)
+        return;
+    const auto size = static_cast<std::size_t>(end - line.begin());
+    [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, line.data(), size);
+}
+
+extern "C" void endAtOnce(int number)
+{
+    tellLoss();
+    ::raise(number); // now with its default action, when this handler returns
+}
 
 extern "C" void forwardSignal(int number)
 {
@@ -23,23 +64,14 @@ extern "C" void forwardSignal(int number)
     const auto byte = static_cast<unsigned char>(number);
     // The pipe is full only if thousands of signals wait already. Then this one may be lost.
     [[maybe_unused]] const ssize_t written = ::write(writeEnd, &byte, 1);
+    if (unsafe && (number == SIGINT || number == SIGTERM))
+        catchSignal(number, static_cast<int>(SA_RESETHAND), endAtOnce);
     errno = savedErrno;
 }
 
-void catchSignal(int number, int flags)
-{
-    struct sigaction action = {};
-    action.sa_handler = forwardSignal;
-    action.sa_flags = SA_RESTART | flags;
-    ::sigaction(number, &action, nullptr);
-}
-
-constexpr int StopSignals[] = {SIGINT, SIGTERM};
-constexpr int OtherSignals[] = {SIGHUP, SIGUSR1, SIGUSR2};
-
 } // namespace
 
-SignalNotifier::SignalNotifier()
+SignalNotifier::SignalNotifier(const std::atomic<qint64> *unsafeMessages)
 {
     int ends[2] = {-1, -1};
     if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
@@ -51,10 +83,11 @@ SignalNotifier::SignalNotifier()
     notifier = std::make_unique<QSocketNotifier>(readEnd, QSocketNotifier::Read);
     connect(notifier.get(), &QSocketNotifier::activated, this, &SignalNotifier::readSignal);
 
+    unsafe = unsafeMessages;
     for (const int number : StopSignals)
-        catchSignal(number, static_cast<int>(SA_RESETHAND));
+        catchSignal(number, static_cast<int>(SA_RESETHAND), forwardSignal);
     for (const int number : OtherSignals)
-        catchSignal(number, 0);
+        catchSignal(number, 0, forwardSignal);
 }
 
 SignalNotifier::~SignalNotifier()
@@ -70,6 +103,7 @@ SignalNotifier::~SignalNotifier()
     ::close(readEnd);
     ::close(writeEnd);
     writeEnd = -1;
+    unsafe = nullptr;
 }
 
 void SignalNotifier::setEnabled(bool enable)

@@ -10,6 +10,7 @@
 #include <QtCore/QObject>
 #include <QtCore/QString>
 
+#include <atomic>
 #include <chrono>
 
 namespace host {
@@ -54,6 +55,8 @@ public:
     // False: a message is safe when write() returns, and safe() is never emitted.
     virtual bool acknowledges() const { return true; }
     bool isFull() const { return full; }
+    // How many messages are not safe yet. From any thread, and in signal handlers.
+    const std::atomic<qint64> &unsafeMessages() const { return unsafe; }
 
     // What all messages of that origin have in common, made once for several of them.
     virtual QByteArray headOf(const Origin &) const { return {}; }
@@ -69,8 +72,6 @@ public:
 
     // False: what it needs is away, and it tries again. Default: it needs nothing.
     virtual bool isConnected() const { return true; }
-    // Messages that it has and that are not safe. Default: none.
-    virtual qint64 unsafeMessages() const { return 0; }
 
     // At the end of the program. Waits until all messages are safe, but no longer than that.
     // Returns how many are not.
@@ -98,9 +99,12 @@ protected:
         Q_EMIT fullChanged(isFull);
     }
 
+    void setUnsafe(qint64 messages) { unsafe.store(messages, std::memory_order_relaxed); }
+
     QString error;
 
 private:
+    std::atomic<qint64> unsafe = 0;
     bool full = false;
 };
 

@@ -66,6 +66,7 @@ void StoreSink::ended(const Origin &origin, const QString &reason, quint64 posit
 
 void StoreSink::added()
 {
+    setUnsafe(notStored + batch.messages());
     if (!timer.isActive())
         timer.start(HandOverInterval);
     if (batch.memory() >= LargeBatch)
@@ -77,7 +78,7 @@ void StoreSink::handOver()
     timer.stop();
     if (batch.isEmpty() || !thread.isRunning())
         return;
-    unsafeInStore += batch.messages();
+    notStored += batch.messages();
     unsafeMemory += batch.memory();
     auto moved = std::make_shared<Batch>(std::exchange(batch, {}));
     QMetaObject::invokeMethod(
@@ -103,11 +104,12 @@ void StoreSink::noteReports()
     const std::vector<Stored> news = std::exchange(reports, {});
     locker.unlock();
     for (const Stored &progress : news) {
-        unsafeInStore -= progress.messages;
+        notStored -= progress.messages;
         unsafeMemory -= progress.memory;
         for (const SafePosition &each : progress.safe)
             Q_EMIT safe(each.connection, each.end);
     }
+    setUnsafe(notStored + batch.messages());
     updateFull();
 }
 
@@ -127,7 +129,7 @@ qint64 StoreSink::finish(std::chrono::milliseconds atMost)
         noteReports();
     close();
     noteReports(); // what the store has said last
-    return unsafeMessages();
+    return notStored + batch.messages();
 }
 
 bool StoreSink::waitForReport(const QDeadlineTimer &deadline)

@@ -42,7 +42,6 @@ public:
     qint64 finish(std::chrono::milliseconds atMost) override;
 
     bool isConnected() const override { return connected; }
-    qint64 unsafeMessages() const override { return unsafeInStore + batch.messages(); }
 
 private:
     void added();
@@ -58,7 +57,7 @@ private:
     std::unique_ptr<Store> store; // used in the thread, until that has ended
     Batch batch; // not handed over yet
     QTimer timer; // until it is
-    qint64 unsafeInStore = 0; // messages
+    qint64 notStored = 0; // in the store
     qint64 unsafeMemory = 0;
     bool connected = false;
 

@@ -118,6 +118,7 @@ void StreamSink::write(const Message &message)
     format.append(pending, message);
     marks.push_back({offset + static_cast<quint64>(pending.size()), message.origin.connection,
                      message.end});
+    setUnsafe(static_cast<qint64>(marks.size()));
     scheduleFlush();
 }
 
@@ -216,6 +217,7 @@ void StreamSink::settle()
     if (last.connection != 0)
         Q_EMIT safe(last.connection, last.end);
     dropWritten();
+    setUnsafe(static_cast<qint64>(marks.size()));
     if (writable && !stalledSince.isValid())
         writable->setEnabled(false);
     updateFull();

@@ -54,7 +54,6 @@ public:
     void write(const Message &message) override;
     qint64 finish(std::chrono::milliseconds atMost) override;
     void makeRoom() override;
-    qint64 unsafeMessages() const override { return static_cast<qint64>(marks.size()); }
     // Of a file: goes on with the one that has its name now, or with a new one. If that cannot be
     // opened, a line says so, and the old one is written on.
     void reopen() override;

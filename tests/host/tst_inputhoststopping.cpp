@@ -46,6 +46,7 @@ private Q_SLOTS:
     void drains();
     void drainEndsWhoDoesNotClose();
     void otherSignalEndsTheDrain();
+    void secondSignalTellsWhatIsNotSafe();
 
     void closedPipe();
     void closedOutput();
@@ -223,6 +224,33 @@ void tst_InputHostStopping::otherSignalEndsTheDrain()
     QTRY_VERIFY_WITH_TIMEOUT(host.log().contains("Stopping: "), HangGuardMs);
     QCOMPARE(host.stop(SIGINT), int(ExitOk));
     QCOMPARE(host.texts(), QStringList({QStringLiteral("a"), QStringLiteral("b")}));
+}
+
+// Nobody reads the output, so it never has the whole message.
+void tst_InputHostStopping::secondSignalTellsWhatIsNotSafe()
+{
+    int ends[2] = {-1, -1};
+    QCOMPARE(::pipe2(ends, O_CLOEXEC), 0);
+    const auto closing = qScopeGuard([&ends] {
+        ::close(ends[0]);
+        ::close(ends[1]);
+    });
+    const int capacity = ::fcntl(ends[1], F_SETPIPE_SZ, 4096);
+    QVERIFY(capacity > 0);
+    Host host;
+    host.process.setChildProcessModifier([&ends] { ::dup2(ends[1], STDOUT_FILENO); });
+    host.start(words("--output raw --drain 3600"));
+    const auto device = NativeSocket::connectedTo(testAddress(), host.port);
+    QVERIFY(device.send(QByteArray(2 * capacity, 'x') + '\n'));
+    QTRY_VERIFY_WITH_TIMEOUT(host.counters().startsWith("messages 1 "), HangGuardMs);
+    host.signal(SIGTERM);
+    QTRY_VERIFY_WITH_TIMEOUT(host.log().contains("Stopping: "), HangGuardMs);
+    QVERIFY(!host.log().contains("second signal"));
+    QCOMPARE(host.stop(SIGTERM), -1);
+    QVERIFY2(
+            host.log().contains("\nwarning: Ended by a second signal: 1 messages are not safe, and "
+                                "what the plugin has is lost\n"),
+            host.log().constData());
 }
 
 void tst_InputHostStopping::closedPipe()

@@ -76,7 +76,8 @@ struct InputSettings : PluginSettings
     that come meanwhile are handed out afterwards. A handler that takes long holds up its thread:
     the plugin then accepts nothing, and devices have to wait. With a receiver in another thread,
     they only wait when 8 MiB are on their way there: then nothing is read, and no connection is
-    accepted. stop(), reload() and the destructor hand over what the plugin still has all the same.
+    accepted. stop() and the destructor hand over what the plugin still has all the same. So does
+    the end of a plugin that leaves, behind reload() and drain().
     Handlers there use nothing of the session but a copy of acknowledger().
 
     Thread: its creator's, with an event loop; see acknowledger() for others.

@@ -13,6 +13,8 @@
 #include "plugin/subids.h"
 
 #include <QtCore/QScopedValueRollback>
+#include <QtNetwork/QHostAddress>
+#include <QtNetwork/QTcpServer>
 
 #include <chrono>
 #include <utility>
@@ -28,11 +30,28 @@ bool listenAlike(const ListenStatus &one, const ListenStatus &other)
     return one.address == other.address && one.port == other.port;
 }
 
-// Whether both are for one port and different addresses, of which one may include the other.
-bool areInEachOthersWay(const QJsonObject &one, const QJsonObject &other)
+bool includesOthers(const QHostAddress &address)
 {
-    const auto differIn = [&](QLatin1String key) { return one.value(key) != other.value(key); };
-    return !differIn(QLatin1String("port")) && differIn(QLatin1String("ipAddr"));
+    return address == QHostAddress(QHostAddress::AnyIPv4)
+            || address == QHostAddress(QHostAddress::AnyIPv6)
+            || address == QHostAddress(QHostAddress::Any);
+}
+
+// Whether a plugin that listens keeps one from listening that is for the same port, and for an
+// address that includes its own, or the other way round. An address of another machine is no
+// reason to go.
+bool isInTheWayOf(const RunningPlugin &plugin, const QJsonObject &next)
+{
+    const auto differIn = [&](QLatin1String key) {
+        return plugin.configuration().value(key) != next.value(key);
+    };
+    if (differIn(QLatin1String("port")) || !differIn(QLatin1String("ipAddr")))
+        return false;
+    const QHostAddress wanted(next.value(QLatin1String("ipAddr")).toString());
+    if (wanted.isNull()) // not given: any
+        return true;
+    const QHostAddress present(plugin.listens().address);
+    return (includesOthers(present) || includesOthers(wanted)) && QTcpServer().listen(wanted);
 }
 
 } // namespace
@@ -211,8 +230,7 @@ bool PluginRunner::replace(const QJsonObject &configuration)
     SharedPort::offer(current->plugin(), next->plugin());
     if (!begin(*next)) {
         next.reset();
-        return lastFailure == Failure::NotListening
-                && areInEachOthersWay(current->configuration(), configuration)
+        return lastFailure == Failure::NotListening && isInTheWayOf(*current, configuration)
                 && makeWay(configuration);
     }
     if (listenAlike(current->listens(), next->listens()))

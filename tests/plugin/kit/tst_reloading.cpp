@@ -58,6 +58,7 @@ private Q_SLOTS:
     void badConfigurationChangesNothing_data();
     void badConfigurationChangesNothing();
     void otherAddressOfThePort();
+    void anotherMachinesAddressOfThePort();
     void answersReachTheirPlugin();
     void drains_data();
     void drains();
@@ -165,6 +166,9 @@ void tst_Reloading::badConfigurationChangesNothing_data()
             << QStringLiteral("ssl")
             << QJsonValue(QJsonObject{{QStringLiteral("CertFile"), QStringLiteral("/nowhere")}})
             << InputSession::Failure::Refused;
+    QTest::newRow("another machine's address")
+            << QStringLiteral("ipAddr") << QJsonValue(QStringLiteral("192.0.2.1"))
+            << InputSession::Failure::NotListening;
     QTest::newRow("port in use") << QStringLiteral("port") << QJsonValue()
                                  << InputSession::Failure::NotListening;
 }
@@ -222,6 +226,24 @@ void tst_Reloading::otherAddressOfThePort()
     QVERIFY(!session.reload(everywhere));
     QCOMPARE(session.address(), testAddress().toString());
     QVERIFY(NativeSocket::connectedTo(testAddress(), port).isValid());
+}
+
+// The port is not what keeps the new plugin from listening. So the old one need not go.
+void tst_Reloading::anotherMachinesAddressOfThePort()
+{
+    const MessageCapture capture;
+    Log log;
+    InputSession session(settingsFor(log.handlers()));
+    QJsonObject configuration = configurationOf(freePort(QHostAddress(QHostAddress::AnyIPv4)));
+    configuration.insert(QStringLiteral("ipAddr"), QStringLiteral("0.0.0.0"));
+    QVERIFY(session.start(configuration));
+    const auto device = NativeSocket::connectedTo(testAddress(), quint16(session.port()));
+    QVERIFY(device.send("a\n"));
+    QTRY_COMPARE_WITH_TIMEOUT(log.count, 1, HangGuardMs);
+    configuration.insert(QStringLiteral("ipAddr"), QStringLiteral("192.0.2.1"));
+    QVERIFY(!session.reload(configuration));
+    QCOMPARE(session.failure(), InputSession::Failure::NotListening);
+    QCOMPARE(session.counters()->accepted, quint64(1)); // it is the same plugin
 }
 
 // A connection that holds too much is read on only if its own plugin gets the answer.

@@ -44,6 +44,7 @@ private Q_SLOTS:
     void recording();
     void databases();
     void nats();
+    void http();
 };
 
 void tst_HostOptions::defaults()
@@ -76,7 +77,7 @@ void tst_HostOptions::all()
             "--plugin lib.so --entry registerPlugin --config - --set a=1 --id x --framing length "
             "--max-message 7 --max-unfinished 8 --output raw:out/a:b --save-within 5 --log-level "
             "debug --status-every 3 "
-            "--exit-after 9 --drain 30 --http 10.0.0.1:80 --metrics-file m"));
+            "--exit-after 9 --drain 30 --metrics-file m"));
     QCOMPARE(line.outcome, CommandLine::Run);
     const Options &options = line.options;
     QCOMPARE(options.pluginFile, QStringLiteral("lib.so"));
@@ -94,7 +95,6 @@ void tst_HostOptions::all()
     QCOMPARE(options.statusEverySeconds, 3);
     QCOMPARE(options.exitAfter, 9);
     QCOMPARE(options.drainSeconds, 30);
-    QCOMPARE(options.monitor.http->toString(), QStringLiteral("10.0.0.1:80"));
     QCOMPARE(options.monitor.metricsFile, QStringLiteral("m"));
 }
 
@@ -365,6 +365,19 @@ void tst_HostOptions::nats()
     const QString text = parse(words("--output nats://me:secret@a")).text;
     QVERIFY(text.contains(QStringLiteral("the stream's name")));
     QVERIFY(!text.contains(QStringLiteral("secret")));
+}
+
+void tst_HostOptions::http()
+{
+    const CommandLine line = parse(words("--http 10.0.0.1:80"));
+    if (!hasWebServer()) {
+        QCOMPARE(line.outcome, CommandLine::Refuse);
+        QVERIFY2(line.text.contains(QStringLiteral("without libmicrohttpd")),
+                 qPrintable(line.text));
+        return;
+    }
+    QCOMPARE(line.outcome, CommandLine::Run);
+    QCOMPARE(line.options.monitor.http->toString(), QStringLiteral("10.0.0.1:80"));
 }
 
 QTEST_GUILESS_MAIN(tst_HostOptions)

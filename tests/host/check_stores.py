@@ -10,6 +10,7 @@ what the store has of a connection is its beginning, without a gap, and nothing 
 
 import argparse
 import contextlib
+import json
 import os
 import pathlib
 import random
@@ -28,6 +29,10 @@ from playedstores import STORES
 
 # Of this process: no other test uses it.
 ADDRESS = f"127.{64 + (os.getpid() >> 16 & 63)}.{os.getpid() >> 8 & 255}.{os.getpid() & 255}"
+
+# On a busy machine a device may have to wait for long: it must not be closed for that.
+PATIENCE_SECONDS = 2 * HANG_GUARD_SECONDS
+LIMITS = {"connectionBuffer": 1 << 20, "totalBuffer": 128 << 20}
 
 SKIPPED = 77  # for ctest
 
@@ -83,7 +88,9 @@ class Run:
     def host(self):
         command = [self.arguments.build / "host/inputhost", "--plugin",
                    self.arguments.build / "tcpinput/libtcpinputplugin2.so", "--output", self.store.output,
-                   *self.store.options, "--set", f"ipAddr={ADDRESS}", "--set", f"port={self.port}"]
+                   *self.store.options, "--set", f"ipAddr={ADDRESS}", "--set", f"port={self.port}",
+                   "--set", f"timeout={PATIENCE_SECONDS}",
+                   "--set", f"limits={json.dumps({**LIMITS, 'stalledTimeout': PATIENCE_SECONDS})}"]
         if self.certificates:
             command += ["--set", f"ssl={self.certificates.setting()}"]
         return Listener(command, self.arguments.build, self.port, self.certificates)

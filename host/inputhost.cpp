@@ -8,7 +8,6 @@
 #include "host/signalnotifier.h"
 #include "host/sinks/makesink.h"
 #include "host/tlschecks.h"
-#include "host/web/health.h"
 #include "plugin/cwrn.h"
 #include "plugin/kit/defaults.h"
 
@@ -52,19 +51,13 @@ QJsonObject sslOf(const QJsonObject &configuration)
     return configuration.value(QLatin1String("ssl")).toObject();
 }
 
-// 0: no such limit.
-qint64 limitOf(const QJsonObject &configuration, const char *key)
-{
-    const QJsonObject limits = configuration.value(QLatin1String("limits")).toObject();
-    return limits.value(QLatin1String(key)).toInteger();
-}
-
 } // namespace
 
 InputHost::InputHost(const Options &commandLine)
     : options(commandLine),
       configurationReader(commandLine),
       sink(makeSink(commandLine.output, commandLine.format.framing, newEpoch())),
+      watchers(commandLine, counters, *sink, runner),
       reader(commandLine.format, *sink, counters),
       runner(pluginSettings(commandLine), reader)
 {
@@ -90,17 +83,16 @@ int InputHost::run()
         return fail(ExitOutputFailed, sink->errorString());
     if (!startRecording())
         return ExitRecordingFailed;
-    if (!startMonitor())
-        return ExitMonitorFailed;
+    if (!watchers.start(reader))
+        return fail(ExitMonitorFailed, watchers.errorString());
 
+    // Only now: until here a signal ends the program at once.
     const bool tellsLoss = options.drainSeconds > 0 || options.output.needsPositions();
-    SignalNotifier unixSignals(
-            tellsLoss ? &sink->unsafeMessages()
-                      : nullptr); // only now: until here a signal ends the program at once
+    SignalNotifier unixSignals(tellsLoss ? &sink->unsafeMessages() : nullptr);
     connectSignals(unixSignals);
     if (const ExitCode code = tellStart(runner.start(configuration)))
         return code;
-    tellServing();
+    watchers.tellServing(true);
     if (options.statusEverySeconds > 0)
         statusTimer.start(std::chrono::seconds(options.statusEverySeconds));
 
@@ -158,71 +150,6 @@ bool InputHost::startRecording()
     return true;
 }
 
-// Likewise.
-bool InputHost::startMonitor()
-{
-    if (!options.monitor.isOn() && !manager.isOn())
-        return true;
-    monitor = std::make_unique<Monitor>(options.monitor, [this] { return describe(); });
-    connect(monitor.get(), &Monitor::published, this, &InputHost::tellManager);
-    if (auto *const observer = monitor->observer(sink->acknowledges())) {
-        reader.addObserver(observer);
-        connect(sink.get(), &Sink::safe, monitor.get(), &Monitor::noteSafe);
-    }
-    if (monitor->start())
-        return true;
-    fail(ExitMonitorFailed, monitor->errorString());
-    return false;
-}
-
-Snapshot InputHost::describe() const
-{
-    Snapshot now;
-    const inputkit::ListenStatus status = runner.listens();
-    const QJsonObject running = runner.configuration();
-    now.address = status.address;
-    now.port = status.port;
-    now.isTls = running.contains(QLatin1String("ssl"));
-    now.isAccepting = runner.isAccepting();
-    now.isDraining = draining;
-    now.plugin = runner.counters();
-    now.maxConnections = limitOf(running, "maxConnections");
-    now.maxConnectionsPerAddress = limitOf(running, "maxConnectionsPerAddress");
-    now.connectionBuffer = limitOf(running, "connectionBuffer");
-    now.totalBuffer = limitOf(running, "totalBuffer");
-    now.messages = counters.messages;
-    now.messageBytes = counters.bytes;
-    now.partial = counters.partial;
-    now.tooLong = counters.tooLong;
-    now.offers = counters.offers;
-    now.sink = nameOf(options.output.kind);
-    now.sinkConnected = sink->isConnected();
-    now.sinkFull = sink->isFull();
-    now.unsafeMessages = sink->unsafeMessages();
-    now.certificates = certificates;
-    now.configured = configured;
-    now.lastReloadWorked = lastReloadWorked;
-    return now;
-}
-
-// Of a worker that stands still, the manager hears by our silence.
-void InputHost::tellManager(const Snapshot &snapshot)
-{
-    if (reasonsNotAlive(snapshot, snapshot.taken).isEmpty())
-        manager.feedWatchdog();
-    if (snapshot.plugin)
-        manager.tellStatus(QByteArray::number(snapshot.plugin->open) + " connections, "
-                           + QByteArray::number(snapshot.messages) + " messages");
-}
-
-// Who asks from now on sees the present state.
-void InputHost::tellServing()
-{
-    if (monitor)
-        monitor->publish();
-    manager.tellReady();
-}
-
 ExitCode InputHost::fail(ExitCode code, const QString &text)
 {
     CWRN(QtCriticalMsg, QStringLiteral("%1"), text);
@@ -234,7 +161,7 @@ ExitCode InputHost::tellStart(bool isListening)
     if (!isListening)
         return fail(exitCodeOf(runner.failure()), runner.errorString());
     noteCertificates();
-    noteServing();
+    watchers.noteConfiguration();
     const inputkit::ListenStatus status = runner.listens();
     reader.setIdleTimeout(status.timeoutSeconds);
     CWRN(QtInfoMsg, QStringLiteral("Listening on %1 port %2"), status.address, status.port);
@@ -252,7 +179,8 @@ void InputHost::stop()
         return;
     }
     CWRN(QtInfoMsg, QStringLiteral("Stopping: devices are told within %1 s"), options.drainSeconds);
-    tellStopping(std::chrono::seconds(options.drainSeconds) + pluginSettings(options).closingTime);
+    watchers.tellDraining(std::chrono::seconds(options.drainSeconds)
+                          + pluginSettings(options).closingTime);
     runner.drain();
 }
 
@@ -262,9 +190,8 @@ void InputHost::reload()
         CWRN(QtWarningMsg, QStringLiteral("Configuration not read: the program is stopping"));
         return;
     }
-    manager.tellReloading();
-    lastReloadWorked = tryReload();
-    tellServing();
+    watchers.tellReloading();
+    watchers.tellServing(tryReload());
 }
 
 bool InputHost::tryReload()
@@ -278,13 +205,6 @@ bool InputHost::tryReload()
         return renewCertificates();
     CWRN(QtInfoMsg, QStringLiteral("Restarting with a new configuration"));
     return replacePlugin();
-}
-
-// All of the present configuration is in use.
-void InputHost::noteServing()
-{
-    certificates = certificateEnds(sslOf(runner.configuration()));
-    configured = QDateTime::currentDateTimeUtc();
 }
 
 // Warns of what is wrong with them.
@@ -301,7 +221,7 @@ bool InputHost::renewCertificates()
 {
     const bool renewed = runner.renewCertificates();
     if (renewed)
-        noteServing();
+        watchers.noteConfiguration();
     else
         CWRN(QtWarningMsg, QStringLiteral("Certificates not changed"));
     noteCertificates();
@@ -361,17 +281,9 @@ void InputHost::save()
                                .arg(options.saveWithinSeconds));
 }
 
-// furtherTime: until finish().
-void InputHost::tellStopping(std::chrono::milliseconds furtherTime)
-{
-    constexpr std::chrono::seconds ForAllElse(60);
-    manager.tellStopping(furtherTime + std::chrono::seconds(options.saveWithinSeconds)
-                         + ForAllElse);
-}
-
 void InputHost::finish()
 {
-    tellStopping(std::chrono::milliseconds(0));
+    watchers.tellStopping();
     statusTimer.stop();
     runner.stop();
     if (recorder)

@@ -8,16 +8,14 @@
 #include "host/exitcodes.h"
 #include "host/messagereader.h"
 #include "host/options.h"
-#include "host/servicenotifier.h"
 #include "host/sinks/sink.h"
-#include "host/web/monitor.h"
+#include "host/watchers.h"
 #include "plugin/kit/pluginrunner.h"
 #include "plugin/recording/trafficrecorder.h"
 
 #include <QtCore/QObject>
 #include <QtCore/QTimer>
 
-#include <chrono>
 #include <memory>
 
 namespace host {
@@ -48,20 +46,14 @@ private:
     bool readConfiguration();
     QString positionsRefusal() const;
     bool startRecording();
-    bool startMonitor();
-    Snapshot describe() const;
-    void tellManager(const Snapshot &snapshot);
-    void tellServing();
     ExitCode fail(ExitCode code, const QString &text);
 
     // isListening: what the runner has returned. If it is false, an error line says why.
     ExitCode tellStart(bool isListening);
     void reload();
     bool tryReload();
-    void noteServing();
     bool renewCertificates();
     void stop();
-    void tellStopping(std::chrono::milliseconds furtherTime);
     void noteCertificates();
     bool replacePlugin();
     void reportStatus();
@@ -76,16 +68,12 @@ private:
     Counters counters;
     const std::unique_ptr<Sink> sink;
     std::unique_ptr<inputkit::TrafficRecorder> recorder; // null: nothing is recorded
-    ServiceNotifier manager;
-    std::unique_ptr<Monitor> monitor; // null: nobody looks; sees what is read
+    Watchers watchers; // see what is read
     MessageReader reader;
     inputkit::PluginRunner runner;
     QTimer statusTimer;
     QJsonObject configuration; // complete, as it was read last
     QByteArray runningFiles; // what the certificates and keys of the plugin were like
-    QList<CertificateEnd> certificates; // of the plugin
-    QDateTime configured; // when the plugin began to serve with its configuration
-    bool lastReloadWorked = true;
     bool draining = false; // a signal has asked for the end, and devices are let go first
     ExitCode outcome = ExitOk;
 };

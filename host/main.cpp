@@ -10,6 +10,7 @@
 #include "host/logging.h"
 #include "host/options.h"
 #include "host/process.h"
+#include "host/versions.h"
 #include "plugin/cwrn.h"
 #include "programs/encoding.h"
 
@@ -18,8 +19,6 @@
 
 #include <chrono>
 #include <cstdio>
-
-#include <openssl/crypto.h>
 
 using namespace host;
 
@@ -58,8 +57,7 @@ int serve(const Options &options)
 {
     installLogging(options.logLevel, options.logFormat);
     CWRN(QtInfoMsg, QStringLiteral("inputhost %1, Qt %2, %3"),
-         QCoreApplication::applicationVersion(), QLatin1String(qVersion()),
-         QLatin1String(OpenSSL_version(OPENSSL_VERSION)));
+         QCoreApplication::applicationVersion(), QLatin1String(qVersion()), opensslVersion());
     raiseDescriptorLimit();
     const int code = InputHost(options).run();
     finishLogging();

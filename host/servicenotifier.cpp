@@ -107,7 +107,7 @@ void ServiceNotifier::tellStatus(const QByteArray &text)
 void ServiceNotifier::feedWatchdog()
 {
     const auto now = steady_clock::now();
-    if (feedInterval.count() <= 0 || now - lastFed < feedInterval)
+    if (feedInterval.count() <= 0 || (lastFed && now - *lastFed < feedInterval))
         return;
     lastFed = now;
     send("WATCHDOG=1");

@@ -6,6 +6,7 @@
 #include <QtCore/QByteArray>
 
 #include <chrono>
+#include <optional>
 
 namespace host {
 
@@ -46,9 +47,9 @@ private:
 
     int fd = -1; // connected; -1: nobody wants to know
     std::chrono::steady_clock::duration feedInterval{0}; // 0: no watchdog
-    std::chrono::steady_clock::time_point lastFed;
+    std::optional<std::chrono::steady_clock::time_point> lastFed; // nothing: never
     QByteArray lastStatus;
-    std::chrono::steady_clock::time_point statusSent;
+    std::chrono::steady_clock::time_point statusSent; // unless lastStatus is empty
 };
 
 } // namespace host

@@ -3,11 +3,11 @@
 
 #include "host/web/metrics.h"
 
+#include "host/versions.h"
 #include "host/web/processfigures.h"
 #include "host/web/snapshot.h"
 
 #include <QtCore/QCoreApplication>
-#include <QtNetwork/QSslSocket>
 
 #include <initializer_list>
 
@@ -87,8 +87,7 @@ void addLabelled(MetricsWriter &out, const char *labelName, std::initializer_lis
 void addBuild(MetricsWriter &out)
 {
     const QByteArray labels = label("version", QCoreApplication::applicationVersion().toUtf8())
-            + ',' + label("qt", qVersion()) + ','
-            + label("openssl", QSslSocket::sslLibraryVersionString().toUtf8());
+            + ',' + label("qt", qVersion()) + ',' + label("openssl", opensslVersion().data());
     out.family("inputhost_build_info", MetricsWriter::Gauge, "The program and its libraries.")
             .sample(1, labels);
 }

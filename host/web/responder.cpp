@@ -73,7 +73,7 @@ WebResponse Responder::status(const WebRequest &request)
 const ProcessFigures &Responder::process()
 {
     const Clock::time_point now = clock();
-    if (figuresRead == Clock::time_point() || now - figuresRead >= ProcessInterval) {
+    if (!figuresRead || now - *figuresRead >= ProcessInterval) {
         figures = ProcessFigures::read();
         figuresRead = now;
     }

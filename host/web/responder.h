@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <functional>
+#include <optional>
 
 namespace host {
 
@@ -59,7 +60,7 @@ private:
     Bulletin &bulletin;
     const std::function<Clock::time_point()> clock;
     ProcessFigures figures;
-    Clock::time_point figuresRead; // the epoch: not yet
+    std::optional<Clock::time_point> figuresRead; // nothing: not yet
 };
 
 } // namespace host

@@ -3,6 +3,7 @@
 
 #include "host/web/statusjson.h"
 
+#include "host/versions.h"
 #include "host/web/connectionpage.h"
 #include "host/web/health.h"
 #include "host/web/processfigures.h"
@@ -12,7 +13,6 @@
 #include <QtCore/QJsonArray>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
-#include <QtNetwork/QSslSocket>
 
 #include <algorithm>
 
@@ -46,7 +46,7 @@ QJsonObject versionJson()
 {
     return {{QStringLiteral("program"), QCoreApplication::applicationVersion()},
             {QStringLiteral("qt"), QString::fromLatin1(qVersion())},
-            {QStringLiteral("openssl"), QSslSocket::sslLibraryVersionString()}};
+            {QStringLiteral("openssl"), opensslVersion()}};
 }
 
 QJsonObject inputJson(const Snapshot &snapshot)

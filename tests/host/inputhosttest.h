@@ -172,18 +172,26 @@ inline bool canConnect(quint16 port)
 class InputHostTest : public QObject
 {
 protected:
+    // Writes a file of that name into the folder, and returns its path.
+    QString file(const QString &name, const QByteArray &content) const;
     QString writeConfig(const QByteArray &content);
     QByteArray listenConfig(quint16 port, const QByteArray &more = {}) const;
 
     QTemporaryDir folder;
 };
 
+inline QString InputHostTest::file(const QString &name, const QByteArray &content) const
+{
+    QString path = folder.filePath(name);
+    QFile written(path);
+    if (!written.open(QIODevice::WriteOnly) || written.write(content) != content.size())
+        qFatal("Cannot write a file");
+    return path;
+}
+
 inline QString InputHostTest::writeConfig(const QByteArray &content)
 {
-    QFile file(folder.filePath(QStringLiteral("config.json")));
-    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
-        qFatal("Cannot write the configuration");
-    return file.fileName();
+    return file(QStringLiteral("config.json"), content);
 }
 
 inline QByteArray InputHostTest::listenConfig(quint16 port, const QByteArray &more) const

@@ -5,7 +5,6 @@
 #include "tests/host/inputhosttest.h"
 #include "tests/kit/certificatemaker.h"
 
-#include <QtCore/QFile>
 #include <QtNetwork/QTcpServer>
 #include <QtTest/QtTest>
 
@@ -43,14 +42,6 @@ private Q_SLOTS:
     void schemaMayBeNamed();
 
 private:
-    QString file(const QString &name, const QByteArray &content) const
-    {
-        QString path = folder.filePath(name);
-        QFile written(path);
-        if (!written.open(QIODevice::WriteOnly) || written.write(content) != content.size())
-            qFatal("Cannot write a file");
-        return path;
-    }
     // Runs the program, and returns its exit code.
     int check(Host &host, const QByteArray &configuration, const QStringList &more = {}) const
     {

@@ -26,14 +26,6 @@ private Q_SLOTS:
     void newCertificatesCloseNothing();
 
 private:
-    QString file(const QString &name, const QByteArray &content) const
-    {
-        QString path = folder.filePath(name);
-        QFile written(path);
-        if (!written.open(QIODevice::WriteOnly) || written.write(content) != content.size())
-            qFatal("Cannot write a file");
-        return path;
-    }
     // openssl's client, which stays connected.
     static void connect(QProcess &client, const Host &host)
     {

@@ -246,8 +246,9 @@ void StreamSink::dropWritten()
 
 void StreamSink::updateFull()
 {
-    const auto notes =
-            static_cast<qsizetype>(marks.size() * sizeof(Mark)); // of short messages: most
+    constexpr auto MarkBytes = static_cast<qsizetype>(sizeof(Mark));
+    const qsizetype notes =
+            static_cast<qsizetype>(marks.size()) * MarkBytes; // of short messages: most
     const qsizetype waiting = pending.size() - written + notes;
     setFull(waiting > (isFull() ? MostWaiting / 2 : MostWaiting));
 }

@@ -117,11 +117,11 @@ public:
     }
 
     // The stream "S" for the subjects dev.>
-    bool create(std::function<void(jsStreamConfig &)> change = {}) const
+    bool create(const std::function<void(jsStreamConfig &)> &change = {}) const
     {
         return apply(js_AddStream, change);
     }
-    bool update(std::function<void(jsStreamConfig &)> change) const
+    bool update(const std::function<void(jsStreamConfig &)> &change) const
     {
         return apply(js_UpdateStream, change);
     }

@@ -310,7 +310,7 @@ void tst_StreamSink::safeByConnection()
     sink.flush();
     const QList<QVariantList> expected = {
             {quint64(7), quint64(4)}, {quint64(8), quint64(2)}, {quint64(7), quint64(6)}};
-    QCOMPARE(QList<QVariantList>(safe), expected);
+    QCOMPARE(static_cast<const QList<QVariantList> &>(safe), expected);
     QCOMPARE(pipe.read(), QByteArray("a\nb\nx\nc\n"));
 }
 

@@ -65,7 +65,7 @@ QString NatsStore::open()
 {
     if (!subjectError.isEmpty())
         return QStringLiteral("Invalid subject: ") + subjectError;
-    const QString error = NatsConnection::settingsError(settings);
+    QString error = NatsConnection::settingsError(settings);
     if (error.isEmpty())
         link.open();
     return error;

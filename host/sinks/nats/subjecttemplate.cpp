@@ -4,6 +4,7 @@
 #include "host/sinks/nats/subjecttemplate.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace host {
@@ -25,14 +26,14 @@ bool isPlainWord(const QString &text)
 
 QByteArray subjectWord(const QString &text)
 {
-    const QByteArray bytes = text.toUtf8();
+    QByteArray bytes = text.toUtf8();
     if (bytes.isEmpty())
         return QByteArrayLiteral("-"); // a word must not be empty
     if (std::none_of(bytes.begin(), bytes.end(), isSyntax))
         return bytes;
     QByteArray word;
     word.reserve(bytes.size() * 3);
-    for (const char c : bytes) {
+    for (const char c : std::as_const(bytes)) {
         if (isSyntax(c))
             word += '%' + QByteArray(1, c).toHex().toUpper();
         else
@@ -80,14 +81,14 @@ bool SubjectTemplate::addPlaceholder(const QString &name, const QString &stream)
         tail() += subjectWord(stream);
         return true;
     }
-    for (const auto &[known, field] : Fields) {
-        if (name != QLatin1String(known))
-            continue;
-        tail(); // there is one
-        parts.back().field = field;
-        return true;
-    }
-    return false;
+    const auto *found =
+            std::find_if(std::begin(Fields), std::end(Fields),
+                         [&name](const auto &known) { return name == QLatin1String(known.first); });
+    if (found == std::end(Fields))
+        return false;
+    tail(); // there is one
+    parts.back().field = found->second;
+    return true;
 }
 
 // The text at the end, which a field may follow.

@@ -20,6 +20,7 @@
 #include <memory>
 
 #include <nats/nats.h>
+#include <sys/wait.h>
 
 namespace natstest {
 
@@ -64,7 +65,14 @@ public:
         };
         QTRY_VERIFY2_WITH_TIMEOUT(isReady(), output.constData(), HangGuardMs);
     }
-    void signal(int number) const { ::kill(static_cast<pid_t>(process->processId()), number); }
+    // Returns when all its threads stand still. Until then it would go on answering.
+    void suspend() const
+    {
+        ::kill(pid(), SIGSTOP);
+        siginfo_t info = {};
+        QCOMPARE(::waitid(P_PID, static_cast<id_t>(pid()), &info, WSTOPPED | WNOWAIT), 0);
+    }
+    void resume() const { ::kill(pid(), SIGCONT); }
     void kill()
     {
         if (!process)
@@ -75,6 +83,8 @@ public:
     }
 
 private:
+    pid_t pid() const { return static_cast<pid_t>(process->processId()); }
+
     QTemporaryDir folder;
     const QByteArray more;
     const QByteArray name;

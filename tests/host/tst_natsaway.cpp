@@ -110,12 +110,12 @@ void tst_NatsAway::stoppedForAWhile()
     QCOMPARE(storing.store.open(), QString());
     storing.add(100, 1);
     QTRY_VERIFY_WITH_TIMEOUT(storing.isAllStored(), HangGuardMs);
-    server.signal(SIGSTOP);
+    server.suspend();
     storing.add(100, 5);
     QTRY_VERIFY_WITH_TIMEOUT(says(QStringLiteral("does not answer for subjects dev.*")),
                              HangGuardMs);
     QTRY_VERIFY_WITH_TIMEOUT(says(QStringLiteral("no connection to ")), HangGuardMs);
-    server.signal(SIGCONT);
+    server.resume();
     QTRY_VERIFY_WITH_TIMEOUT(storing.isAllStored(), HangGuardMs);
     QVERIFY(storing.isExact(Reader(server)));
     QVERIFY(says(QStringLiteral("stores messages in stream S"), 2));
@@ -132,10 +132,10 @@ void tst_NatsAway::storedWithoutAnswer()
     QCOMPARE(storing.store.open(), QString());
     storing.add(50, 1);
     QTRY_VERIFY_WITH_TIMEOUT(storing.isAllStored(), HangGuardMs);
-    server.signal(SIGSTOP);
+    server.suspend();
     storing.add(50, 2);
     QTRY_VERIFY_WITH_TIMEOUT(says(QStringLiteral("does not answer")), HangGuardMs);
-    server.signal(SIGCONT);
+    server.resume();
     QTRY_VERIFY_WITH_TIMEOUT(storing.isAllStored(), HangGuardMs);
     QVERIFY(storing.isExact(Reader(server)));
 }
@@ -153,10 +153,10 @@ void tst_NatsAway::storedWithoutAnswerInSharedSubject()
     QCOMPARE(storing.store.open(), QString());
     storing.add(20, 1);
     QTRY_VERIFY_WITH_TIMEOUT(storing.isAllStored(), HangGuardMs);
-    server.signal(SIGSTOP);
+    server.suspend();
     storing.add(20, 2);
     QTRY_VERIFY_WITH_TIMEOUT(says(QStringLiteral("does not answer")), HangGuardMs);
-    server.signal(SIGCONT);
+    server.resume();
     QTRY_VERIFY_WITH_TIMEOUT(storing.isAllStored(), HangGuardMs);
     QVERIFY(storing.isExact(Reader(server)));
 }
@@ -172,7 +172,7 @@ void tst_NatsAway::lostBeforeStored()
     QCOMPARE(storing.store.open(), QString());
     storing.add(50, 1);
     QTRY_VERIFY_WITH_TIMEOUT(storing.isAllStored(), HangGuardMs);
-    server.signal(SIGSTOP);
+    server.suspend();
     storing.add(50, 2);
     QTRY_VERIFY_WITH_TIMEOUT(says(QStringLiteral("does not answer")), HangGuardMs);
     server.kill();
@@ -268,7 +268,7 @@ void tst_NatsAway::closedWhileAway()
     QCOMPARE(storing.store.open(), QString());
     storing.add(10, 1);
     QTRY_VERIFY_WITH_TIMEOUT(storing.isAllStored(), HangGuardMs);
-    server.signal(SIGSTOP);
+    server.suspend();
     storing.add(10, 2);
     QTRY_VERIFY_WITH_TIMEOUT(says(QStringLiteral("does not answer")), HangGuardMs);
     QElapsedTimer timer;
@@ -282,7 +282,7 @@ void tst_NatsAway::closedWhileConnecting()
 {
     NatsServer server;
     server.start();
-    server.signal(SIGSTOP); // the kernel takes the connection, and the server says nothing
+    server.suspend(); // the kernel takes the connection, and the server says nothing
     Storing storing(settingsFor(server));
     QCOMPARE(storing.store.open(), QString());
     storing.add(10, 2);

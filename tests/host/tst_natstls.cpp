@@ -100,7 +100,7 @@ void tst_NatsTls::givesUpServerThatStandsStill()
     QCOMPARE(storing.store.open(), QString());
     storing.add(300, 2);
     QTRY_VERIFY_WITH_TIMEOUT(storing.isAllStored(), HangGuardMs);
-    server.signal(SIGSTOP);
+    server.suspend();
     Batch batch;
     Origin origin;
     for (quint64 connection = 1001; connection <= 1200; ++connection) {
@@ -112,7 +112,7 @@ void tst_NatsTls::givesUpServerThatStandsStill()
     storing.add(300, 2);
     QSignalSpy lost(storing.store.findChild<NatsLink *>(), &NatsLink::lost);
     QTRY_VERIFY_WITH_TIMEOUT(!lost.isEmpty(), HangGuardMs);
-    server.signal(SIGCONT);
+    server.resume();
     QTRY_VERIFY_WITH_TIMEOUT(storing.isAllStored(), LoadHangGuardMs);
     QVERIFY(storing.isInOrder);
 

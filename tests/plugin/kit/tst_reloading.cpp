@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "tests/kit/messagecapture.h"
+#include "tests/kit/privatenetwork.h"
 #include "tests/kit/tirelessdevice.h"
 #include "tests/kit/tlsengines.h"
 #include "tests/plugin/kit/sessiontest.h"
@@ -325,5 +326,13 @@ void tst_Reloading::stopsWhileDraining()
     QCOMPARE(drained.size(), 0);
 }
 
-QTEST_GUILESS_MAIN(tst_Reloading)
+// Some tests listen on all addresses. A port that is free on one may be another process' on
+// another.
+int main(int argc, char *argv[])
+{
+    PrivateNetwork::enter();
+    const QCoreApplication application(argc, argv);
+    tst_Reloading test;
+    return QTest::qExec(&test, argc, argv);
+}
 #include "tst_reloading.moc"

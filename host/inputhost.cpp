@@ -51,6 +51,18 @@ QJsonObject sslOf(const QJsonObject &configuration)
     return configuration.value(QLatin1String("ssl")).toObject();
 }
 
+// A status text without the lines of single connections, which are indented. At 15,000 connections
+// they are 840 KB.
+QString withoutConnections(const QString &status)
+{
+    QString result;
+    for (const QString &line : status.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
+        if (!line.startsWith(QLatin1Char(' ')))
+            result += line + QLatin1Char('\n');
+    }
+    return result;
+}
+
 } // namespace
 
 InputHost::InputHost(const Options &commandLine)
@@ -248,6 +260,8 @@ void InputHost::reportStatus()
     if (status.isEmpty())
         return;
     status.replace(QLatin1String("\r\n"), QLatin1String("\n"));
+    if (!options.statusConnections)
+        status = withoutConnections(status);
     report(counters.longLine() + QLatin1Char('\n') + status);
 }
 

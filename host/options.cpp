@@ -76,7 +76,8 @@ Signals:
                    are told that nothing follows; they are read until they have
                    closed. If this fails, nothing changes. If only files of
                    certificates and keys have changed, no connection is closed.
-  SIGUSR1          Counters and status to standard error.
+  SIGUSR1          Counters and status to standard error, with
+                   --status-connections also the connections.
   SIGUSR2          Go on with a new file: the output's was renamed.
 
 Exit codes:
@@ -210,6 +211,9 @@ struct Definitions
             QStringLiteral("status-every"),
             QStringLiteral("Counters and status to standard error, again and again."),
             QStringLiteral("SECONDS")};
+    const QCommandLineOption statusConnections{
+            QStringLiteral("status-connections"),
+            QStringLiteral("Status has two lines for each connection, too.")};
     const QCommandLineOption exitAfter{
             QStringLiteral("exit-after"),
             QStringLiteral("Exits after N messages; nothing is printed after the last of them."),
@@ -258,15 +262,15 @@ struct Definitions
 
     void addTo(QCommandLineParser &parser) const
     {
-        parser.addOptions({plugin,      entry,       config,          set,
-                           checkConfig, printConfig, printSchema,     id,
-                           framing,     maxMessage,  maxUnfinished,   output,
-                           keep,        saveWithin,  natsSubject,     natsCreate,
-                           natsTlsCa,   natsTlsCert, natsTlsKey,      natsCredentials,
-                           logLevel,    logFormat,   statusEvery,     exitAfter,
-                           drain,       http,        metricsFile,     record,
-                           recordSize,  recordKeep,  recordNoPayload, recordCompress,
-                           help,        version});
+        parser.addOptions({plugin,         entry,       config,        set,
+                           checkConfig,    printConfig, printSchema,   id,
+                           framing,        maxMessage,  maxUnfinished, output,
+                           keep,           saveWithin,  natsSubject,   natsCreate,
+                           natsTlsCa,      natsTlsCert, natsTlsKey,    natsCredentials,
+                           logLevel,       logFormat,   statusEvery,   statusConnections,
+                           exitAfter,      drain,       http,          metricsFile,
+                           record,         recordSize,  recordKeep,    recordNoPayload,
+                           recordCompress, help,        version});
     }
 };
 
@@ -529,6 +533,7 @@ Options readOptions(const QCommandLineParser &parser, const Definitions &known, 
     constexpr int mostSeconds = std::numeric_limits<int>::max() / 1000;
     options.saveWithinSeconds = static_cast<int>(reader.number(known.saveWithin, mostSeconds));
     options.statusEverySeconds = static_cast<int>(reader.number(known.statusEvery, mostSeconds));
+    options.statusConnections = parser.isSet(known.statusConnections);
     options.drainSeconds = static_cast<int>(reader.number(known.drain, mostSeconds));
     options.exitAfter = reader.number(known.exitAfter, std::numeric_limits<qint64>::max());
     options.monitor = readMonitor(parser, known, reader);

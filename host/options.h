@@ -42,6 +42,7 @@ struct Options
     QString logLevel; // "debug", "info" or "warning"
     LogFormat logFormat = LogFormat::Text;
     int statusEverySeconds = 0; // 0: never
+    bool statusConnections = false; // the status tells of each connection
     qint64 exitAfter = 0; // messages; 0: never
     int drainSeconds = 0; // devices are told within this time that a plugin leaves; 0: not given
     MonitorOptions monitor; // who may look at the program

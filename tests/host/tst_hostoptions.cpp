@@ -65,6 +65,7 @@ void tst_HostOptions::defaults()
     QCOMPARE(options.saveWithinSeconds, 60);
     QCOMPARE(options.logLevel, QStringLiteral("info"));
     QCOMPARE(options.statusEverySeconds, 0);
+    QVERIFY(!options.statusConnections);
     QCOMPARE(options.exitAfter, 0);
     QCOMPARE(options.drainSeconds, 0);
     QCOMPARE(options.recording.file, QString());
@@ -76,7 +77,7 @@ void tst_HostOptions::all()
     const CommandLine line = parse(words(
             "--plugin lib.so --entry registerPlugin --config - --set a=1 --id x --framing length "
             "--max-message 7 --max-unfinished 8 --output raw:out/a:b --save-within 5 --log-level "
-            "debug --status-every 3 "
+            "debug --status-every 3 --status-connections "
             "--exit-after 9 --drain 30 --metrics-file m"));
     QCOMPARE(line.outcome, CommandLine::Run);
     const Options &options = line.options;
@@ -93,6 +94,7 @@ void tst_HostOptions::all()
     QCOMPARE(options.saveWithinSeconds, 5);
     QCOMPARE(options.logLevel, QStringLiteral("debug"));
     QCOMPARE(options.statusEverySeconds, 3);
+    QVERIFY(options.statusConnections);
     QCOMPARE(options.exitAfter, 9);
     QCOMPARE(options.drainSeconds, 30);
     QCOMPARE(options.monitor.metricsFile, QStringLiteral("m"));
@@ -288,7 +290,8 @@ void tst_HostOptions::help()
                                   "SIGUSR2",        "--save-within",
                                   "json:FILE",      "--drain",
                                   "sqlite:FILE",    "postgresql:CONNINFO",
-                                  "nats://HOST",    "--keep"})
+                                  "nats://HOST",    "--keep",
+                                  "/status.json",   "--status-connections"})
             QVERIFY2(line.text.contains(QLatin1String(named)), named);
     }
 }

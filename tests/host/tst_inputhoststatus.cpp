@@ -21,6 +21,7 @@ class tst_InputHostStatus : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void status_data();
     void status();
     void statusEvery();
     void limits_data();
@@ -30,10 +31,21 @@ private Q_SLOTS:
     void raisesTheDescriptorLimit();
 };
 
+void tst_InputHostStatus::status_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<bool>("connections");
+
+    QTest::newRow("by default") << QStringList() << false;
+    QTest::newRow("connections") << words("--status-connections") << true;
+}
+
 void tst_InputHostStatus::status()
 {
+    QFETCH(QStringList, arguments);
+    QFETCH(bool, connections);
     Host host;
-    host.start(words("--set timeout=99 --set threadpoolSize=2 --max-message 3"));
+    host.start(words("--set timeout=99 --set threadpoolSize=2 --max-message 3") + arguments);
     Device device(host);
     device.send("a\nlong\nhal");
     QTRY_COMPARE_WITH_TIMEOUT(host.lines().size(), 1, HangGuardMs);
@@ -45,8 +57,10 @@ void tst_InputHostStatus::status()
     // The status text has "\r\n". On standard error its lines end with "\n", as all others do.
     const QByteArray expected = "messages 1 bytes 1 connections 1 partial 0 too-long 1 offers 1\n"
                                 "Listen: "
-            + address + ':' + port + ", timeout: 99s, pool size: 2\n   tcp2:" + address + ':' + port
-            + '-' + peer + "\n      (empty 0)\n";
+            + address + ':' + port + ", timeout: 99s, pool size: 2\n"
+            + (connections ? "   tcp2:" + address + ':' + port + '-' + peer + "\n      (empty 0)\n"
+                           : QByteArray())
+            + "Limits: ";
     QTRY_VERIFY2_WITH_TIMEOUT(host.log().contains(expected), host.log().constData(), HangGuardMs);
     const int exitCode = host.stop();
     QVERIFY2(exitCode == ExitOk, host.log().constData());

@@ -76,7 +76,8 @@ bool ConfigurationReader::fail(const QString &text)
     return false;
 }
 
-// Whoever gives "limits" gives all of them: an operator who leaves one out wants none.
+// Whoever gives "limits" gives all of them: an operator who leaves one out wants none. Without
+// "logPeers" the log does not say whose handshake fails.
 QJsonObject withDefaults(const QJsonObject &configuration)
 {
     constexpr int MiB = 1024 * 1024;
@@ -85,6 +86,9 @@ QJsonObject withDefaults(const QJsonObject &configuration)
                                        {QStringLiteral("stalledTimeout"), 60}};
     const QString key = QStringLiteral("limits");
     QJsonObject complete = inputkit::withDefaults(configuration);
+    const QString peersKey = QStringLiteral("logPeers");
+    if (!configuration.contains(peersKey))
+        complete.insert(peersKey, true);
     complete.insert(key, configuration.contains(key) ? configuration.value(key) : defaultLimits);
     return complete;
 }

@@ -301,8 +301,16 @@ QStringList TcpInputPlugin2::onQuery(QString q)
 
 void TcpInputPlugin2::socketError(QSslSocket *socket, QAbstractSocket::SocketError)
 {
-    CWRN(QtWarningMsg, QStringLiteral("TcpInputPlugin2(%1): SSL Socket error: %2"), pluginId,
-         socket->errorString());
+    if (!configuration.logPeers) {
+        CWRN(QtWarningMsg, QStringLiteral("TcpInputPlugin2(%1): SSL Socket error: %2"), pluginId,
+             socket->errorString());
+        return;
+    }
+    Endpoints ends;
+    ends.peer = socket->peerAddress();
+    ends.peerPort = socket->peerPort();
+    CWRN(QtWarningMsg, QStringLiteral("TcpInputPlugin2(%1): SSL Socket error: %2, from %3"),
+         pluginId, socket->errorString(), ends.peerText());
 }
 
 void TcpInputPlugin2::threadFinished()

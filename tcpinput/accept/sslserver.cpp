@@ -149,7 +149,7 @@ void SslServer::admitToQt(qintptr descriptor, const Acceptance &acceptance)
     }
     if (acceptance.isProxied)
         socket->replacePeer(acceptance.endpoints);
-    auto *handshake = new TlsHandshake(this, std::move(socket));
+    auto *handshake = new TlsHandshake(this, std::move(socket), acceptance.endpoints);
     if (acceptance.isProxied) {
         handshake->allowSilence(); // the proxy may only look whether somebody listens
         connect(handshake, &TlsHandshake::endedSilently, &proxies, &ProxyGate::countSilent);

@@ -17,10 +17,11 @@ constexpr char HandshakeRecord = 0x16; // first byte of a ClientHello's record, 
 
 } // namespace
 
-TlsHandshake::TlsHandshake(QSslServer *owner, std::unique_ptr<TlsSocket> accepted)
+TlsHandshake::TlsHandshake(QSslServer *owner, std::unique_ptr<TlsSocket> accepted, Endpoints known)
     : QObject(owner),
       server(owner),
       socket(std::move(accepted)),
+      endpoints(std::move(known)),
       plainSocket(socket->findChild<QTcpSocket *>(QString(), Qt::FindDirectChildrenOnly))
 {
     forwardSignals();
@@ -197,6 +198,7 @@ void TlsHandshake::report(QAbstractSocket::SocketError error, const QString &tex
     if (interruption)
         tell(&QSslServer::handshakeInterruptedOnError, *interruption);
     socket->setErrorString(text);
+    socket->restoreEndpoints(endpoints); // Qt has forgotten them if the peer has gone
     tell(&QSslServer::errorOccurred, error);
     telling = within;
     end(); // not drop(), which aborts: an alert for the peer may be unsent

@@ -26,8 +26,8 @@ public:
         setPeerPort(known.peerPort);
     }
 
-    // Qt knows no peer if the connection was reset before the socket was made, or ended before its
-    // client was made. All such clients would share one id.
+    // Qt knows no peer if the connection was reset before the socket was made, or has ended. All
+    // clients of such connections would share one id, and no log line could name the peer.
     void restoreEndpoints(const Endpoints &known)
     {
         if (peerAddress().isNull())

@@ -29,9 +29,9 @@ bool isEnds(const QJsonValue &value)
 
 } // namespace
 
-const std::array<Configuration::Key, 12> &Configuration::keys()
+const std::array<Configuration::Key, 13> &Configuration::keys()
 {
-    static constexpr std::array<Key, 12> All{{
+    static constexpr std::array<Key, 13> All{{
             {"ends", "boolean or text", "false", "true, false or \"all\"", "`start()` fails",
              Kept::No, Bad::Refused, isEnds, &Configuration::readEnds},
             {"interface", "text", "none", "the name of a network interface, or its number",
@@ -42,6 +42,8 @@ const std::array<Configuration::Key, 12> &Configuration::keys()
              Bad::Ignored, values::isAddress, &Configuration::readAddress},
             {"limits", "object", "absent: no limits", "an object", "`start()` fails", Kept::No,
              Bad::Refused, values::isObject, &Configuration::readLimits},
+            {"logPeers", "boolean", "false", "true or false", "`start()` fails", Kept::No,
+             Bad::Refused, values::isBoolean, &Configuration::readLogPeers},
             {"offsets", "boolean", "false", "true or false", "anything but true is off", Kept::No,
              Bad::Ignored, values::isBoolean, &Configuration::readOffsets},
             {"port", "integral number", "7446", "1 to 65534",
@@ -101,6 +103,7 @@ bool Configuration::apply(const QJsonObject &object, const QString &pluginId)
     port = DefaultPort;
     serving = {};
     accepting = {};
+    logPeers = false;
     proxies.reset();
     tls.reset();
     return std::all_of(keys().begin(), keys().end(), [&](const Key &key) {
@@ -140,6 +143,12 @@ bool Configuration::readLimits(const QJsonValue &value)
     if (limits.buffers.limitBuffers())
         serving.budget = std::make_shared<BufferBudget>(limits.buffers);
     accepting = limits.connections;
+    return true;
+}
+
+bool Configuration::readLogPeers(const QJsonValue &value)
+{
+    logPeers = value.toBool();
     return true;
 }
 

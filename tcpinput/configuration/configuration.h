@@ -46,7 +46,7 @@ public:
     };
     // All keys in the order in which they are applied, which is sorted by name. The texts are those
     // of docs/CONFIGURATION.md.
-    static const std::array<Key, 12> &keys();
+    static const std::array<Key, 13> &keys();
 
     // Bad values of keys that refuse them; if strict, all bad values and unknown keys.
     static QList<Checker::Fault> faults(const QJsonObject &object, bool strict);
@@ -66,6 +66,7 @@ public:
     int timeoutMs = 60000; // idle time-out; more than 0
     int poolSize = 4; // threads; more than 0
     bool useTls = false;
+    bool logPeers = false; // log lines of failed handshakes name the peer
     std::optional<ProxyRule> proxies; // absent: no connection begins with a PROXY header
     std::optional<tls::Settings> tls; // if the latest object had it
 
@@ -75,6 +76,7 @@ private:
     bool readLimits(const QJsonValue &value);
     bool readInterface(const QJsonValue &value);
     bool readEnds(const QJsonValue &value);
+    bool readLogPeers(const QJsonValue &value);
     bool readOffsets(const QJsonValue &value);
     bool readPrompt(const QJsonValue &value);
     bool readProxies(const QJsonValue &value);

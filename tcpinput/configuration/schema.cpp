@@ -29,7 +29,7 @@ constexpr auto Networks =
         R"({"type": "array", "minItems": 1, "items": {"type": "string", "minLength": 1}})";
 constexpr const char *None = nullptr;
 
-constexpr std::array<Entry, 12> Keys{{
+constexpr std::array<Entry, 13> Keys{{
         {"ends", R"({"enum": [true, false, "all"]})", "false", "true",
          "The last record of a connection tells why it is over: of each that has made a record, or "
          "of all."},
@@ -38,6 +38,7 @@ constexpr std::array<Entry, 12> Keys{{
         {"ipAddr", Text, "\"0.0.0.0\"", "\"127.0.0.1\"", "The address that is listened on."},
         {"limits", Object, None, R"({"connectionBuffer": 1048576})",
          "What a slow host, a device or a crowd of devices may cost."},
+        {"logPeers", Boolean, "false", "true", "Log lines of failed TLS handshakes name the peer."},
         {"offsets", Boolean, "false", "true",
          "Records tell their position in the connection's stream."},
         {"port", R"({"type": "integer", "minimum": 1, "maximum": 65534})", "7446", "7446",

@@ -28,6 +28,7 @@ private Q_SLOTS:
 
     void headerNamesThePeer_data();
     void headerNamesThePeer();
+    void failedHandshakeNamesThePeer();
     void headerWithoutPeer_data();
     void headerWithoutPeer();
     void headerByteByByte_data();
@@ -82,6 +83,25 @@ void tst_ProxyPeers::headerNamesThePeer()
     QCOMPARE(lines().filter(proxyAddress().toString()), QStringList());
     QCOMPARE(warnings(), QStringList());
     QCOMPARE(records.size(), 1);
+}
+
+// Not the proxy, although that is who the socket knows.
+void tst_ProxyPeers::failedHandshakeNamesThePeer()
+{
+    QFETCH_GLOBAL(bool, tls);
+    if (!tls)
+        QSKIP("no handshake");
+    QJsonObject config = rule();
+    config.insert(u"logPeers"_s, true);
+    start(config);
+    ProxiedDevice device = newDevice();
+    QVERIFY(device.connect(port));
+    QVERIFY(device.socket().send(text(Ipv4Peer, PeerPort)
+                                 + QByteArray("\x16\x03\x01\0\x05hello", 10)));
+    QVERIFY(serveUntil([&] { return !warnings().isEmpty(); }));
+    QCOMPARE(warnings().size(), 1);
+    const QString end = u", from %1:%2"_s.arg(Ipv4Peer.toString()).arg(PeerPort);
+    QVERIFY2(warnings().first().endsWith(end), qPrintable(warnings().first()));
 }
 
 void tst_ProxyPeers::headerWithoutPeer_data()

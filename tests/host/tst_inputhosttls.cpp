@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "host/exitcodes.h"
+#include "host/loglimit.h"
 #include "tests/host/inputhosttest.h"
 #include "tests/kit/certificatemaker.h"
 
@@ -24,8 +25,13 @@ private Q_SLOTS:
     void configurationDecides();
     void warnsOfTheCertificate();
     void newCertificatesCloseNothing();
+    void namesWhoseHandshakeFails();
+    void limitsLinesOfFailedHandshakes();
 
 private:
+    static const QByteArray BrokenHello;
+
+    static qsizetype failures(Host &host) { return host.log().count(": SSL Socket error: "); }
     // openssl's client, which stays connected.
     static void connect(QProcess &client, const Host &host)
     {
@@ -183,6 +189,53 @@ void tst_InputHostTls::newCertificatesCloseNothing()
     client.kill();
     client.waitForFinished(HangGuardMs);
     QCOMPARE(host.stop(), int(ExitOk));
+}
+
+const QByteArray tst_InputHostTls::BrokenHello("\x16\x03\x01\x00\x05hello", 10);
+
+void tst_InputHostTls::namesWhoseHandshakeFails()
+{
+    for (const bool names : {true, false}) {
+        Host host;
+        host.start(with(server()) + (names ? QStringList() : words("--set logPeers=false")));
+        Device device(host);
+        const QByteArray end = ", from " + device.socket.localAddress().toString().toLatin1() + ':'
+                + QByteArray::number(device.socket.localPort()) + '\n';
+        device.send(BrokenHello);
+        QTRY_COMPARE_WITH_TIMEOUT(failures(host), 1, HangGuardMs);
+        QCOMPARE(host.stop(), int(ExitOk));
+        QCOMPARE(host.log().contains(end), names);
+    }
+}
+
+// A minute has room for so many lines of one kind. The others are counted, at the latest at the
+// end.
+void tst_InputHostTls::limitsLinesOfFailedHandshakes()
+{
+    constexpr int Peers = LogLimit::MostOfAKind + 100;
+    Host host;
+    host.start(with(server()));
+    QElapsedTimer clock;
+    clock.start();
+    for (int n = 0; n < Peers; ++n) {
+        Device device(host);
+        device.send(BrokenHello);
+        QVERIFY(device.socket.waitForDisconnected(HangGuardMs)); // the server has closed it
+    }
+    QCOMPARE(host.stop(), int(ExitOk));
+    const auto minutes = 1 + clock.elapsed() / 60000;
+    const QRegularExpression more(u": ([0-9]+) more lines like this one within a minute"_s);
+    qsizetype shown = 0;
+    qsizetype counted = 0;
+    const auto lines = QString::fromUtf8(host.log()).split(u'\n').filter(u"SSL Socket error: "_s);
+    for (const QString &line : lines) {
+        if (const auto match = more.match(line); match.hasMatch())
+            counted += match.captured(1).toInt();
+        else
+            ++shown;
+    }
+    QVERIFY2(shown <= LogLimit::MostOfAKind * minutes, qPrintable(QString::number(shown)));
+    QCOMPARE(shown + counted, Peers);
 }
 
 QTEST_GUILESS_MAIN(tst_InputHostTls)

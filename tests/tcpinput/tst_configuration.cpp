@@ -284,9 +284,8 @@ void tst_Configuration::refusedObjectChangesNothing()
     plugin.setConfig(QJsonObject{{u"strict"_s, true}, {u"timeout"_s, 5}, {u"Timeout"_s, 7}});
     QCOMPARE(plugin.startLog(false),
              QStringList(u"W: TcpInputPlugin2(cfg): Configuration: unknown key Timeout, accepted: "
-                         "ends, interface, ipAddr, limits, offsets, port, prompt, proxyProtocol, "
-                         "ssl, strict, "
-                         "threadpoolSize, timeout"_s));
+                         "ends, interface, ipAddr, limits, logPeers, offsets, port, prompt, "
+                         "proxyProtocol, ssl, strict, threadpoolSize, timeout"_s));
     QCOMPARE(plugin.getStatus(), before);
 }
 

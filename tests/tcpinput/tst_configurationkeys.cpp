@@ -113,6 +113,7 @@ void tst_ConfigurationKeys::someStick()
                           {u"timeout"_s, 11},
                           {u"ssl"_s, QJsonObject()},
                           {u"prompt"_s, true},
+                          {u"logPeers"_s, true},
                           {u"ends"_s, u"all"_s},
                           {u"limits"_s, QJsonObject{{u"totalBuffer"_s, 1}}},
                           {u"proxyProtocol"_s, QJsonObject{{u"from"_s, QJsonArray{u"::1"_s}}}}};
@@ -122,6 +123,7 @@ void tst_ConfigurationKeys::someStick()
                 {u"port"_s, QString::number(from.port)},
                 {u"offsets"_s, QString::number(from.serving.offsets)},
                 {u"prompt"_s, QString::number(from.serving.prompt)},
+                {u"logPeers"_s, QString::number(from.logPeers)},
                 {u"limits"_s, QString::number(bool(from.serving.budget))},
                 {u"ends"_s, QString::number(int(from.serving.ends))},
                 {u"proxyProtocol"_s, QString::number(from.proxies.has_value())},

@@ -41,7 +41,8 @@ protected:
     void begin();
     void end();
 
-    void start(const QJsonObject &tls = serverTls());
+    // more: keys of the configuration beside "ssl".
+    void start(const QJsonObject &tls = serverTls(), const QJsonObject &more = {});
     SslServer &server() const { return *plugin->findChild<SslServer *>(); }
     // Open ones, and connections that no worker has yet.
     qsizetype handshakes() const
@@ -87,16 +88,17 @@ inline void TlsFaultsTest::end()
     log.clear();
 }
 
-inline void TlsFaultsTest::start(const QJsonObject &tls)
+inline void TlsFaultsTest::start(const QJsonObject &tls, const QJsonObject &more)
 {
     QFETCH_GLOBAL(QString, engine);
-    plugin = std::make_unique<TcpInputPlugin2>(
-            nullptr,
-            QJsonObject{{text("ipAddr"), testAddress().toString()},
-                        {text("port"), port},
-                        {text("ssl"), withEngine(tls, engine)},
-                        {text("threadpoolSize"), 1},
-                        {text("timeout"), 600}});
+    QJsonObject configuration{{text("ipAddr"), testAddress().toString()},
+                              {text("port"), port},
+                              {text("ssl"), withEngine(tls, engine)},
+                              {text("threadpoolSize"), 1},
+                              {text("timeout"), 600}};
+    for (auto key = more.begin(); key != more.end(); ++key)
+        configuration.insert(key.key(), *key);
+    plugin = std::make_unique<TcpInputPlugin2>(nullptr, configuration);
     plugin->pluginId = text("t");
     connect(plugin.get(), &IInputPlugin::receivedData, this,
             [this, host = plugin.get()](const shared_parsedData &record) {

@@ -40,6 +40,8 @@ private Q_SLOTS:
 
     void failedHandshakesLeaveNothing_data();
     void failedHandshakesLeaveNothing();
+    void linesNameThePeer_data();
+    void linesNameThePeer();
     void silentPeersDelayNobody();
     void silentPeersAreDropped();
     void answersThatWaitAreInTime();
@@ -57,17 +59,32 @@ private:
         ForeignCertificate
     };
 
-    bool fail(Failure failure) const;
+    static QJsonObject serverFor(Failure failure);
+    bool fail(Failure failure, quint16 *ownPort = nullptr) const;
 };
+
+QJsonObject tst_TlsFaults::serverFor(Failure failure)
+{
+    QJsonObject tls = serverTls();
+    const bool verifies =
+            failure == Failure::NoCertificate || failure == Failure::ForeignCertificate;
+    tls.insert(text("CAFile"), certificateFile(text("ca.pem")));
+    tls.insert(text("verifyPeer"), verifies);
+    if (failure == Failure::Version)
+        tls.insert(text("tlsVersion"), text("1.3"));
+    return tls;
+}
 
 // Plays a peer that fails; in any thread. False if the server should end the connection and does
 // not.
-bool tst_TlsFaults::fail(Failure failure) const
+bool tst_TlsFaults::fail(Failure failure, quint16 *ownPort) const
 {
     TlsDevice device(failure == Failure::ForeignCertificate ? TLS1_3_VERSION : TLS1_2_VERSION,
                      failure == Failure::ForeignCertificate ? text("client-foreign") : QString());
     if (!device.connect(testAddress(), port))
         return false;
+    if (ownPort)
+        *ownPort = device.socket.localPort();
     switch (failure) {
     case Failure::Closed:
         return true;
@@ -116,14 +133,7 @@ void tst_TlsFaults::failedHandshakesLeaveNothing()
     QFETCH(Failure, failure);
     QFETCH(int, count);
     QFETCH(bool, logs);
-    QJsonObject tls = serverTls();
-    const bool verifies =
-            failure == Failure::NoCertificate || failure == Failure::ForeignCertificate;
-    tls.insert(text("CAFile"), certificateFile(text("ca.pem")));
-    tls.insert(text("verifyPeer"), verifies);
-    if (failure == Failure::Version)
-        tls.insert(text("tlsVersion"), text("1.3"));
-    start(tls);
+    start(serverFor(failure));
     const qsizetype before = openSockets();
 
     int failed = 0;
@@ -140,6 +150,39 @@ void tst_TlsFaults::failedHandshakesLeaveNothing()
     QCOMPARE(socketErrors(), logs ? count : 0);
     QCOMPARE(logged(text("new connection")), 2); // one line of the plugin, one of the task
     QCOMPARE(server().findChildren<QSslSocket *>().size(), 0);
+}
+
+void tst_TlsFaults::linesNameThePeer_data()
+{
+    QTest::addColumn<Failure>("failure");
+    QTest::newRow("closed") << Failure::Closed;
+    QTest::newRow("reset") << Failure::Reset;
+    QTest::newRow("broken hello") << Failure::Broken;
+    QTest::newRow("wrong version") << Failure::Version;
+    QTest::newRow("no certificate") << Failure::NoCertificate;
+    QTest::newRow("foreign certificate") << Failure::ForeignCertificate;
+}
+
+// With "logPeers". Whether the peer has gone before the server looks at it must not matter.
+void tst_TlsFaults::linesNameThePeer()
+{
+    QFETCH(Failure, failure);
+    start(serverFor(failure), {{text("logPeers"), true}});
+    const auto line = [](quint16 ownPort) {
+        return QRegularExpression(
+                text("^W: TcpInputPlugin2\\(t\\): SSL Socket error: [^,]+.*, from 127[.0-9]+:%1$")
+                        .arg(ownPort));
+    };
+    quint16 ofLooking = 0;
+    QVERIFY(play([&] { fail(failure, &ofLooking); }));
+    QTRY_COMPARE_WITH_TIMEOUT(socketErrors(), 1, HangGuardMs);
+    QVERIFY2(log.filter(line(ofLooking)).size() == 1, qPrintable(log.join(u'\n')));
+    if (failure != Failure::Closed && failure != Failure::Reset)
+        return;
+    quint16 ofLate = 0;
+    QVERIFY(fail(failure, &ofLate)); // in this thread: it is over when the server looks
+    QTRY_COMPARE_WITH_TIMEOUT(socketErrors(), 2, HangGuardMs);
+    QVERIFY2(log.filter(line(ofLate)).size() == 1, qPrintable(log.join(u'\n')));
 }
 
 void tst_TlsFaults::silentPeersDelayNobody()

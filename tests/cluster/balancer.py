@@ -18,8 +18,8 @@ OF_A_SERVICE = ("log", "user", "group", "maxconn")
 class Balancer:
     """Leaving the with block ends it, and all that have handed over to it.
 
-    address, port: where devices come in. hosts: HOST:PORT each. source: the address from which it
-    connects to the hosts."""
+    address, port: where devices come in. hosts: (HOST:PORT, port that answers /ready) each. source: the
+    address from which it connects to the hosts."""
 
     def __init__(self, folder, address, port, hosts, source):
         self._port = port
@@ -70,7 +70,7 @@ class Balancer:
 
 def _configuration(address, hosts, source, stats):
     """The configuration for operators with other addresses."""
-    left = list(hosts)
+    left = 2 * list(hosts)  # each host has a second line, for devices that no host is ready for
     lines = []
     for line in CONFIGURATION.read_text(encoding="utf-8").splitlines():
         words = line.split()
@@ -81,7 +81,8 @@ def _configuration(address, hosts, source, stats):
         elif words[:2] == ["stats", "socket"]:
             line = f"    stats socket {stats} {' '.join(words[3:])}"
         elif words[:1] == ["server"]:
-            line = f"    server {words[1]} {left.pop(0)} {' '.join(words[3:])}"
+            host, ready_port = left.pop(0)
+            line = " ".join(["    server", words[1], host, "port", str(ready_port), *words[3:]])
         elif words[:1] == ["balance"]:
             line += f"\n    source {source}"
         lines.append(line)

@@ -71,7 +71,7 @@ class TestAccount(unittest.TestCase):
 class TestBalancer(unittest.TestCase):
 
     def test_configuration(self):
-        hosts = [f"192.0.2.1:{port}" for port in (1001, 1002, 1003)]
+        hosts = [(f"192.0.2.1:{port}", port + 100) for port in (1001, 1002, 1003)]
         with tempfile.TemporaryDirectory() as folder:
             Balancer(pathlib.Path(folder), "127.1.1.1", 1000, hosts, "127.2.2.2")
             lines = (pathlib.Path(folder) / "haproxy.cfg").read_text(encoding="utf-8").splitlines()
@@ -79,8 +79,8 @@ class TestBalancer(unittest.TestCase):
                           "expose-fd listeners", lines)
         self.assertIn("    bind 127.1.1.1:1000", lines)
         self.assertIn("    source 127.2.2.2", lines)
-        servers = [line.split()[2] for line in lines if line.split()[:1] == ["server"]]
-        self.assertEqual(servers, hosts)
+        servers = [line.split() for line in lines if line.split()[:1] == ["server"]]
+        self.assertEqual([(words[2], int(words[4])) for words in servers], 2 * hosts)
 
 
 if __name__ == "__main__":

@@ -57,17 +57,19 @@ class System:
 
     def __init__(self, arguments, folder):
         addresses = Addresses()
-        port, *others = addresses.free_ports(1 + HOSTS + NODES * PORTS_OF_A_NODE)
+        port, *others = addresses.free_ports(1 + 2 * HOSTS + NODES * PORTS_OF_A_NODE)
         self._build = arguments.build
         self._addresses = addresses
         self._ports = others[:HOSTS]
+        self._ready_ports = others[HOSTS:2 * HOSTS]
         self._drain_seconds = max(1, round(arguments.seconds / 3))
         # The nodes know a message's id for half of the time for which they will be away.
         self._window_seconds = max(1, round(arguments.away / 2))
         self.hosts = []
-        self.broker = Broker(folder, addresses.listening, others[HOSTS:])
+        self.broker = Broker(folder, addresses.listening, others[2 * HOSTS:])
         self.balancer = Balancer(folder, addresses.listening, port,
-                                 [f"{addresses.listening}:{host}" for host in self._ports],
+                                 [(f"{addresses.listening}:{host}", ready)
+                                  for host, ready in zip(self._ports, self._ready_ports)],
                                  addresses.connecting)
         self.fleet = Fleet(addresses.listening, port, addresses.connecting, arguments.devices,
                            arguments.interval, arguments.bytes)
@@ -104,7 +106,8 @@ class System:
                                                  "others": "refuse"})}
         return Host(self._build, port=self._ports[number], settings=settings,
                     options=["--output", stream, "--save-within", SAVE_WITHIN_SECONDS,
-                             "--drain", self._drain_seconds, "--log-level", "warning"])
+                             "--drain", self._drain_seconds, "--log-level", "warning",
+                             "--http", f"{self._addresses.listening}:{self._ready_ports[number]}"])
 
     def start_host(self, number):
         self.hosts[number] = self._new_host(number)

@@ -87,6 +87,14 @@ if(MICROHTTPD_INCLUDE_DIR AND MICROHTTPD_LIBRARY)
         ENVIRONMENT "PYTHONPATH=${PROJECT_SOURCE_DIR};ASAN_OPTIONS=${sanitizer_options}:quarantine_size_mb=1")
 endif()
 
+find_program(HAPROXY_FILE haproxy)
+mark_as_advanced(HAPROXY_FILE)
+if(HAPROXY_FILE AND MICROHTTPD_INCLUDE_DIR AND MICROHTTPD_LIBRARY)
+    host_program_test(tst_inputhostbalanced)
+    target_compile_definitions(tst_inputhostbalanced PRIVATE HAPROXY_FILE="${HAPROXY_FILE}"
+        SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+endif()
+
 # The rules for Prometheus, with what they are to find.
 find_program(PROMTOOL promtool)
 if(PROMTOOL)

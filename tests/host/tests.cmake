@@ -87,6 +87,16 @@ if(MICROHTTPD_INCLUDE_DIR AND MICROHTTPD_LIBRARY)
         ENVIRONMENT "PYTHONPATH=${PROJECT_SOURCE_DIR};ASAN_OPTIONS=${sanitizer_options}:quarantine_size_mb=1")
 endif()
 
+# A sanitizer's own library has to be the first that is loaded.
+if(MICROHTTPD_INCLUDE_DIR AND MICROHTTPD_LIBRARY AND NOT TCPINPUT_SANITIZE)
+    add_library(standstill MODULE ${CMAKE_CURRENT_LIST_DIR}/standstill.cpp)
+    target_link_libraries(standstill PRIVATE tcpinput_build_options ${CMAKE_DL_LIBS})
+    host_program_test(tst_inputhoststalledworker)
+    target_compile_definitions(tst_inputhoststalledworker PRIVATE
+        STANDSTILL_FILE="$<TARGET_FILE:standstill>")
+    add_dependencies(tst_inputhoststalledworker standstill)
+endif()
+
 find_program(HAPROXY_FILE haproxy)
 mark_as_advanced(HAPROXY_FILE)
 if(HAPROXY_FILE AND MICROHTTPD_INCLUDE_DIR AND MICROHTTPD_LIBRARY)

@@ -3,67 +3,15 @@
 
 #include "host/exitcodes.h"
 #include "tests/host/inputhosttest.h"
+#include "tests/host/servicemanager.h"
 #include "tests/kit/hangguard.h"
 
 #include <QtTest/QtTest>
 
 #include <csignal>
-#include <cstddef>
-#include <cstring>
-
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 using namespace host;
 using namespace inputhosttest;
-
-namespace {
-
-//! The service manager's end.
-class Manager
-{
-public:
-    // name: as in NOTIFY_SOCKET.
-    explicit Manager(const QByteArray &name)
-    {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        std::memcpy(address.sun_path, name.constData(), std::size_t(name.size()));
-        if (name.startsWith('@'))
-            address.sun_path[0] = '\0';
-        fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-        const auto size = socklen_t(offsetof(sockaddr_un, sun_path) + std::size_t(name.size()));
-        if (::bind(fd, reinterpret_cast<sockaddr *>(&address), size) != 0)
-            qFatal("Cannot bind the manager's socket");
-    }
-    ~Manager() { ::close(fd); }
-    Q_DISABLE_COPY_MOVE(Manager)
-
-    // All messages so far, in order.
-    const QByteArrayList &messages()
-    {
-        char buffer[1024];
-        for (ssize_t size = 0; (size = ::recv(fd, buffer, sizeof(buffer), 0)) >= 0;)
-            all += QByteArray(buffer, size);
-        return all;
-    }
-    // Where one begins like this, from that index on; -1: nowhere.
-    qsizetype find(const char *begin, qsizetype from = 0)
-    {
-        for (qsizetype n = from; n < messages().size(); ++n) {
-            if (all.at(n).startsWith(begin))
-                return n;
-        }
-        return -1;
-    }
-
-private:
-    int fd = -1;
-    QByteArrayList all;
-};
-
-} // namespace
 
 // What the program tells systemd.
 class tst_ServiceNotifier : public InputHostTest
@@ -87,12 +35,9 @@ void tst_ServiceNotifier::tells_data()
 void tst_ServiceNotifier::tells()
 {
     QFETCH(const QByteArray, socket);
-    Manager manager(socket);
+    ServiceManager manager(socket);
     Host host;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("NOTIFY_SOCKET"), QString::fromLocal8Bit(socket));
-    environment.insert(QStringLiteral("WATCHDOG_USEC"), QStringLiteral("3000000"));
-    host.process.setProcessEnvironment(environment);
+    host.process.setProcessEnvironment(watchedBy(socket, 3000000));
     const QString file = writeConfig(listenConfig(host.port));
     host.run({QStringLiteral("--config"), file});
 
@@ -116,11 +61,10 @@ void tst_ServiceNotifier::tells()
 
 void tst_ServiceNotifier::noWatchdogForOthers()
 {
-    Manager manager(folder.filePath(QStringLiteral("other")).toLocal8Bit());
+    const QByteArray socket = folder.filePath(QStringLiteral("other")).toLocal8Bit();
+    ServiceManager manager(socket);
     Host host;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("NOTIFY_SOCKET"), folder.filePath(QStringLiteral("other")));
-    environment.insert(QStringLiteral("WATCHDOG_USEC"), QStringLiteral("30000"));
+    QProcessEnvironment environment = watchedBy(socket, 30000);
     environment.insert(QStringLiteral("WATCHDOG_PID"), QStringLiteral("1"));
     host.process.setProcessEnvironment(environment);
     host.start();

@@ -95,6 +95,10 @@ if(MICROHTTPD_INCLUDE_DIR AND MICROHTTPD_LIBRARY AND NOT TCPINPUT_SANITIZE)
     target_compile_definitions(tst_inputhoststalledworker PRIVATE
         STANDSTILL_FILE="$<TARGET_FILE:standstill>")
     add_dependencies(tst_inputhoststalledworker standstill)
+    add_test(NAME systemd COMMAND /usr/bin/python3 -B ${CMAKE_CURRENT_SOURCE_DIR}/host/check_systemd.py
+        ${CMAKE_BINARY_DIR} $<TARGET_FILE:standstill>)
+    set_tests_properties(systemd PROPERTIES TIMEOUT 300 SKIP_RETURN_CODE 77
+        ENVIRONMENT "PYTHONPATH=${PROJECT_SOURCE_DIR}")
 endif()
 
 find_program(HAPROXY_FILE haproxy)

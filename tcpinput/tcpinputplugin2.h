@@ -107,8 +107,8 @@ private:
 
     // The plugin's thread only, except that discard() reads the pool's tasks in any thread.
     Servers servers{this};
-    AcceptLog acceptLog{servers, pluginId};
     Configuration configuration;
+    AcceptLog acceptLog{servers, pluginId, configuration.logPeers};
     Connection connTemplate;
     QTimer statusTimer;
     WorkerPool pool{makePool()};

@@ -5,7 +5,9 @@
 
 #include "plugin/cwrn.h"
 
-AcceptLog::AcceptLog(const Servers &servers, const QString &pluginId) : id(pluginId)
+AcceptLog::AcceptLog(const Servers &servers, const QString &pluginId, const bool &namesPeers)
+    : id(pluginId),
+      logsPeers(namesPeers)
 {
     follow(servers.tcp);
     follow(servers.tls);
@@ -15,6 +17,14 @@ AcceptLog::AcceptLog(const Servers &servers, const QString &pluginId) : id(plugi
                      QStringLiteral("TcpInputPlugin2(%1): Too many open TLS handshakes: %2 closed, "
                                     "the latest from %3"),
                      id, count, latest);
+            });
+    connect(&servers.tls.withoutTls, &MinuteNotice::due, this,
+            [this](quint64 count, const QString &latest) {
+                if (logsPeers)
+                    CWRN(QtWarningMsg,
+                         QStringLiteral(
+                                 "TcpInputPlugin2(%1): Not TLS: %2 closed, the latest from %3"),
+                         id, count, latest);
             });
 }
 

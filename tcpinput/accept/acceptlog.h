@@ -17,8 +17,9 @@
 class AcceptLog : public QObject
 {
 public:
-    // pluginId: for the lines; kept by reference.
-    AcceptLog(const Servers &servers, const QString &pluginId);
+    // pluginId: for the lines. namesPeers: whether connections without TLS have a line. Both are
+    // kept by reference.
+    AcceptLog(const Servers &servers, const QString &pluginId, const bool &namesPeers);
 
 private:
     template<class Server>
@@ -28,4 +29,5 @@ private:
     void followLimiter(const ConnectionLimiter &limiter);
 
     const QString &id;
+    const bool &logsPeers;
 };

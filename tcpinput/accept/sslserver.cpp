@@ -92,6 +92,8 @@ void SslServer::close()
     }
     crowds.finish();
     if (self)
+        withoutTls.finish();
+    if (self)
         proxies.close(); // its lines may run an event loop
 }
 
@@ -167,7 +169,13 @@ void SslServer::follow(TlsHandshake *handshake, const Acceptance &acceptance)
     QElapsedTimer since;
     since.start();
     connect(handshake, &TlsHandshake::cameOut, this,
-            [this, since](TlsHandshake::Outcome outcome) { count(outcome, since.nsecsElapsed()); });
+            [this, since, peer = acceptance.endpoints](TlsHandshake::Outcome outcome) {
+                count(outcome, since.nsecsElapsed());
+                if (outcome == TlsHandshake::Outcome::NoTls) // later: this is inside the socket
+                    QMetaObject::invokeMethod(
+                            this, [this, peer] { withoutTls.add(peer.peerText()); },
+                            Qt::QueuedConnection);
+            });
     const auto over = connect(handshake, &QObject::destroyed, this, [this] { --openHandshakes; });
     connect(handshake, &TlsHandshake::finished, this,
             [this, acceptance, over](TlsSocket *finished) {
@@ -270,7 +278,8 @@ void SslServer::settle(HandshakeResult &result)
         count(TlsHandshake::Outcome::TimedOut, result.ns);
         return tell(result);
     case Outcome::NoTls:
-        return count(TlsHandshake::Outcome::NoTls, result.ns);
+        count(TlsHandshake::Outcome::NoTls, result.ns);
+        return withoutTls.add(result.acceptance.endpoints.peerText());
     case Outcome::Silent:
         return proxies.countSilent();
     case Outcome::Crowded:

@@ -78,6 +78,8 @@ public:
 
     // Of handshakes that were closed to make room for others.
     MinuteNotice crowds;
+    // Of connections that were closed since their first byte was none of TLS.
+    MinuteNotice withoutTls;
 
 private:
     //! One of Qt's engine.

@@ -66,7 +66,7 @@ public:
     int timeoutMs = 60000; // idle time-out; more than 0
     int poolSize = 4; // threads; more than 0
     bool useTls = false;
-    bool logPeers = false; // log lines of failed handshakes name the peer
+    bool logPeers = false; // the log names peers whose handshake fails, or who speak no TLS
     std::optional<ProxyRule> proxies; // absent: no connection begins with a PROXY header
     std::optional<tls::Settings> tls; // if the latest object had it
 

@@ -42,6 +42,8 @@ private Q_SLOTS:
     void failedHandshakesLeaveNothing();
     void linesNameThePeer_data();
     void linesNameThePeer();
+    void peersWithoutTls_data();
+    void peersWithoutTls();
     void silentPeersDelayNobody();
     void silentPeersAreDropped();
     void answersThatWaitAreInTime();
@@ -183,6 +185,38 @@ void tst_TlsFaults::linesNameThePeer()
     QVERIFY(fail(failure, &ofLate)); // in this thread: it is over when the server looks
     QTRY_COMPARE_WITH_TIMEOUT(socketErrors(), 2, HangGuardMs);
     QVERIFY2(log.filter(line(ofLate)).size() == 1, qPrintable(log.join(u'\n')));
+}
+
+void tst_TlsFaults::peersWithoutTls_data()
+{
+    QTest::addColumn<bool>("named");
+    QTest::newRow("by default") << false;
+    QTest::newRow("logPeers") << true;
+}
+
+// One line at once, and one for all that follow.
+void tst_TlsFaults::peersWithoutTls()
+{
+    QFETCH(bool, named);
+    constexpr int Peers = 5;
+    start(serverTls(), {{text("logPeers"), named}});
+    quint16 first = 0;
+    quint16 last = 0;
+    QVERIFY(play([&] { fail(Failure::Garbage, &first); }));
+    QTRY_COMPARE_WITH_TIMEOUT(server().withoutTls.total(), 1, HangGuardMs);
+    for (int n = 1; n < Peers; ++n)
+        QVERIFY(play([&] { fail(Failure::Garbage, &last); }));
+    QTRY_COMPARE_WITH_TIMEOUT(server().withoutTls.total(), Peers, HangGuardMs);
+    plugin->stop();
+    const QString line =
+            text("^W: TcpInputPlugin2\\(t\\): Not TLS: %1 closed, the latest from 127[.0-9]+:%2$");
+    keepLog();
+    const auto shown = [&](int count, quint16 peer) {
+        return log.filter(QRegularExpression(line.arg(count).arg(peer))).size();
+    };
+    QCOMPARE(shown(1, first), named ? 1 : 0);
+    QCOMPARE(shown(Peers - 1, last), named ? 1 : 0);
+    QCOMPARE(log.filter(text("Not TLS")).size(), named ? 2 : 0);
 }
 
 void tst_TlsFaults::silentPeersDelayNobody()

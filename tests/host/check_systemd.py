@@ -13,7 +13,6 @@ import socket
 import subprocess
 import sys
 import tempfile
-import time
 
 from harness.hosts import free_port, host_command
 from harness.processes import wait_until
@@ -22,6 +21,7 @@ MANAGER = pathlib.Path("/lib/systemd/systemd")
 BOOTED = pathlib.Path("/run/systemd")  # a manager wants to see here that systemd has booted the machine
 INSIDE = "--inside"  # the second start of this script, in its own mount namespace
 MANAGERS = "name=systemd"  # the hierarchy of control groups, where there is more than one
+WATCHDOG_SECONDS = 2
 SKIPPED = 77  # exit status, for ctest
 
 UNIT = """[Unit]
@@ -31,7 +31,7 @@ Type=notify
 Environment=LD_PRELOAD={library} TCPINPUT_STANDSTILL={pipe}
 ExecStart={command}
 ExecReload=/bin/kill -HUP $MAINPID
-WatchdogSec=2
+WatchdogSec={watchdog}
 Restart=on-watchdog
 RestartSec=0
 StandardOutput=null
@@ -121,6 +121,10 @@ class Manager:
     def show(self, name, member):
         return self._systemctl("show", name, "--property", member, "--value").stdout.strip()
 
+    def fed(self, name):
+        """When its watchdog was fed last, in seconds."""
+        return int(self.show(name, "WatchdogTimestampMonotonic")) / 1e6
+
     def _systemctl(self, *words):
         return subprocess.run(["systemctl", "--user", *words], env=self._environment, text=True,
                               check=False, capture_output=True, timeout=120)
@@ -137,11 +141,12 @@ def play(manager, port, log):
     wait_until(lambda: manager.show("host", "StatusText") == "0 connections, 0 messages", "status")
     process = manager.show("host", "MainPID")
 
-    # Longer than WatchdogSec: it is fed.
     with socket.create_connection(("127.0.0.1", port)) as device:
         device.sendall(b"good\n")
         wait_until(lambda: manager.show("host", "StatusText") == "1 connections, 1 messages", "message")
-        time.sleep(3)
+    # Until it has been fed for longer than WatchdogSec.
+    first = manager.fed("host")
+    wait_until(lambda: manager.fed("host") > first + WATCHDOG_SECONDS, "food for the watchdog")
     expect("process", manager.show("host", "MainPID"), process)
 
     # systemd waits until the program says that it is ready again.
@@ -182,16 +187,17 @@ def inside(build, library):
 
 
 def run(build, library, folder):
-    pipe, log, port = folder / "pipe", folder / "log", free_port()
+    pipe, port = folder / "pipe", free_port()
     os.mkfifo(pipe)
     command = " ".join(map(str, host_command(build, "host/inputhost", port, {}, None)))
     manager = Manager(folder)
-    manager.add("host", UNIT.format(library=library, pipe=pipe, command=command, log=log))
-    manager.add("second", UNIT.format(library=library, pipe=pipe, command=command, log=folder / "second"))
+    for name in ("host", "second"):
+        manager.add(name, UNIT.format(library=library, pipe=pipe, command=command, log=folder / name,
+                                      watchdog=WATCHDOG_SECONDS))
     with manager:
         if not manager.can_run():
             skip("systemd --user does not run here")
-        play(manager, port, log)
+        play(manager, port, folder / "host")
 
 
 def skip(reason):

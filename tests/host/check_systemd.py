@@ -149,9 +149,10 @@ def play(manager, port, log):
     wait_until(lambda: manager.fed("host") > first + WATCHDOG_SECONDS, "food for the watchdog")
     expect("process", manager.show("host", "MainPID"), process)
 
-    # systemd waits until the program says that it is ready again.
+    # With Type=notify, systemd may take the reload for done before the program has begun with it.
     expect("reload", manager.command("reload", "host"), 0)
-    expect("reloads", log.read_text(encoding="utf-8").count("Listening on "), 2)
+    wait_until(lambda: log.read_text(encoding="utf-8").count("Listening on ") == 2, "reload")
+    wait_until(lambda: manager.show("host", "ActiveState") == "active", "end of the reload")
     expect("process", manager.show("host", "MainPID"), process)
 
     # Its port is in use: it is never ready.

@@ -14,6 +14,7 @@ void Bulletin::publish(Snapshot snapshot)
 {
     SharedSnapshot next = std::make_shared<const Snapshot>(std::move(snapshot));
     const QMutexLocker locker(&guard);
+    past.note(*next);
     latest.swap(next);
 }
 
@@ -32,6 +33,12 @@ Bulletin::SharedSnapshot Bulletin::snapshot() const
 {
     const QMutexLocker locker(&guard);
     return latest;
+}
+
+History::Samples Bulletin::history() const
+{
+    const QMutexLocker locker(&guard);
+    return past.samples();
 }
 
 Bulletin::SharedRows Bulletin::rows()

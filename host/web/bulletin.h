@@ -4,6 +4,7 @@
 #pragma once
 
 #include "host/web/connectionrow.h"
+#include "host/web/history.h"
 #include "host/web/snapshot.h"
 
 #include <QtCore/QMutex>
@@ -16,13 +17,13 @@
 namespace host {
 
 /*!
-    What the host's thread has made known last, for threads that read it. Readers never make the
-    host's thread wait, and it copies the connections at most once in RowsInterval, however often
-    they ask.
+    What the host's thread has made known last, and some of what it made known in the last hour, for
+    threads that read it. Readers never make the host's thread wait, and it copies the connections
+    at most once in RowsInterval, however often they ask.
 
     Thread: any, as said at each function.
     Owner:  the caller.
-    Locks:  one, held for the exchange of a pointer.
+    Locks:  one, held for the exchange of a pointer, and for a sample of the history.
 */
 class Bulletin
 {
@@ -43,6 +44,7 @@ public:
 
     // Never null behind the first publish().
     SharedSnapshot snapshot() const;
+    History::Samples history() const;
     // No older than RowsInterval if the host's thread answers within MostRowsWait; otherwise the
     // last ones, or none. While an answer is due, others do not wait. One thread at a time.
     SharedRows rows();
@@ -54,6 +56,7 @@ private:
     mutable QMutex guard;
     QWaitCondition answered;
     SharedSnapshot latest; // guarded
+    History past; // guarded
     SharedRows latestRows = std::make_shared<const ConnectionRows>(); // guarded
     Clock::time_point rowsTaken; // guarded
     bool hasRows = false; // guarded; some were published

@@ -6,7 +6,9 @@
 #include "host/web/bulletin.h"
 #include "host/web/connectionpage.h"
 #include "host/web/health.h"
+#include "host/web/history.h"
 #include "host/web/metrics.h"
+#include "host/web/page.h"
 #include "host/web/statusjson.h"
 
 #include <utility>
@@ -30,11 +32,16 @@ WebResponse health(const QStringList &reasons)
 
 Responder::Responder(Bulletin &published, std::function<Clock::time_point()> now)
     : bulletin(published),
+      policy(pagePolicy()),
       clock(std::move(now))
 {}
 
 WebResponse Responder::respond(const WebRequest &request)
 {
+    if (request.path == QLatin1String("/"))
+        return page();
+    if (request.path == QLatin1String("/history.json"))
+        return history();
     if (request.path == QLatin1String("/metrics"))
         return metrics();
     if (request.path == QLatin1String("/ready"))
@@ -43,19 +50,33 @@ WebResponse Responder::respond(const WebRequest &request)
         return health(reasonsNotAlive(*bulletin.snapshot(), clock()));
     if (request.path == QLatin1String("/status.json"))
         return status(request);
-    return text(NotFound, "There are /metrics, /ready, /live and /status.json.\n");
+    return text(NotFound,
+                "There are /, /history.json, /metrics, /ready, /live and /status.json.\n");
 }
 
 WebResponse Responder::text(int code, const QByteArray &body)
 {
-    return {code, QByteArrayLiteral("text/plain; charset=utf-8"), body};
+    return {code, QByteArrayLiteral("text/plain; charset=utf-8"), body, {}};
+}
+
+WebResponse Responder::page() const
+{
+    return {Ok, QByteArrayLiteral("text/html; charset=utf-8"), pageHtml(), policy};
+}
+
+WebResponse Responder::history()
+{
+    return {Ok,
+            QByteArrayLiteral("application/json"),
+            historyJson(bulletin.history(), clock()),
+            {}};
 }
 
 WebResponse Responder::metrics()
 {
     const auto snapshot = bulletin.snapshot();
     const std::chrono::duration<double> age = clock() - snapshot->taken;
-    return {Ok, QByteArray(MetricsType), metricsText(*snapshot, process(), age.count())};
+    return {Ok, QByteArray(MetricsType), metricsText(*snapshot, process(), age.count()), {}};
 }
 
 WebResponse Responder::status(const WebRequest &request)
@@ -66,8 +87,10 @@ WebResponse Responder::status(const WebRequest &request)
     if (!query)
         return text(BadRequest, fault.toUtf8() + ".\n");
     const auto rows = bulletin.rows();
-    return {Ok, QByteArrayLiteral("application/json"),
-            statusJson(*bulletin.snapshot(), clock(), process(), pageOf(*rows, *query))};
+    return {Ok,
+            QByteArrayLiteral("application/json"),
+            statusJson(*bulletin.snapshot(), clock(), process(), pageOf(*rows, *query)),
+            {}};
 }
 
 const ProcessFigures &Responder::process()

@@ -31,6 +31,7 @@ struct WebResponse
     int code = 200;
     QByteArray type;
     QByteArray body;
+    QByteArray policy; // its Content-Security-Policy; empty: nothing is allowed
 };
 
 /*!
@@ -53,11 +54,14 @@ public:
     static WebResponse text(int code, const QByteArray &body);
 
 private:
+    WebResponse page() const;
+    WebResponse history();
     WebResponse metrics();
     WebResponse status(const WebRequest &request);
     const ProcessFigures &process();
 
     Bulletin &bulletin;
+    const QByteArray policy; // the page's
     const std::function<Clock::time_point()> clock;
     ProcessFigures figures;
     std::optional<Clock::time_point> figuresRead; // nothing: not yet

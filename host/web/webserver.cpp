@@ -23,9 +23,6 @@ enum HttpCode { Forbidden = 403, WrongMethod = 405 };
 constexpr std::pair<const char *, const char *> Headers[] = {
         {"Cache-Control", "no-store"},
         {"Connection", "close"},
-        {"Content-Security-Policy",
-         "default-src 'none'; connect-src 'self'; img-src 'self'; script-src 'self'; "
-         "style-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'"},
         {"Cross-Origin-Resource-Policy", "same-origin"},
         {"Referrer-Policy", "no-referrer"},
         {"X-Content-Type-Options", "nosniff"},
@@ -35,6 +32,10 @@ int descriptorOf(MHD_Connection *connection)
 {
     return MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
 }
+
+// For what is no page.
+constexpr const char *StrictestPolicy =
+        "default-src 'none'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
 
 // The address that the peer has connected to.
 QHostAddress localAddress(MHD_Connection *connection)
@@ -81,6 +82,8 @@ MHD_Result queue(MHD_Connection *connection, const WebResponse &answer)
     for (const auto &[name, value] : Headers)
         MHD_add_response_header(response, name, value);
     MHD_add_response_header(response, "Content-Type", answer.type.constData());
+    MHD_add_response_header(response, "Content-Security-Policy",
+                            answer.policy.isEmpty() ? StrictestPolicy : answer.policy.constData());
     if (answer.code == WrongMethod)
         MHD_add_response_header(response, "Allow", "GET, HEAD");
     const MHD_Result result =

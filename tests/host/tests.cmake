@@ -6,7 +6,7 @@ foreach(name IN ITEMS
         tst_exactreading tst_fairturns tst_framing tst_heldanswers tst_hostconfiguration tst_hostoptions
         tst_hosttexts tst_logging tst_loglimit tst_messagereader tst_natsparts tst_nearestkey tst_offertracker
         tst_process tst_storesink tst_streamsink tst_tlschecks tst_trafficrecorder tst_unfinished
-        tst_webparts)
+        tst_webpage tst_webparts)
     plugin_test(${name})
     target_link_libraries(${name} PRIVATE inputhost_parts)
 endforeach()

@@ -64,6 +64,8 @@ void tst_WebServer::answers_data()
     QTest::addColumn<int>("code");
     QTest::addColumn<QByteArray>("body");
 
+    QTest::newRow("/") << 200 << QByteArray("<!DOCTYPE html>");
+    QTest::newRow("/history.json") << 200 << QByteArray("{\"bytesPerSecond\":[],");
     QTest::newRow("/ready") << 200 << QByteArray("ok\n");
     QTest::newRow("/live") << 200 << QByteArray("ok\n");
     QTest::newRow("/metrics") << 200 << QByteArray("# HELP inputhost_build_info ");
@@ -101,7 +103,7 @@ void tst_WebServer::isOnlyForItsOwnOrigin()
     QCOMPARE(codeOf(answer), 200);
     QVERIFY(!answer.contains("Access-Control"));
     for (const char *line : {"X-Content-Type-Options: nosniff", "Cache-Control: no-store",
-                             "Content-Security-Policy: default-src 'none';",
+                             "Content-Security-Policy: default-src 'none'; base-uri",
                              "Cross-Origin-Resource-Policy: same-origin"})
         QVERIFY2(answer.contains(QByteArray("\r\n") + line), answer.constData());
 }

@@ -58,6 +58,8 @@ Outputs:
   and "ends".
 
 Status for people and programs, with --http:
+  /             a page for people
+  /history.json the rates of the last hour
   /metrics      for Prometheus; --metrics-file writes the same to a file
   /ready        200, or 503 and why no device should be sent here
   /live         200, or 503 and which thread stands still

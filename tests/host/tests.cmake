@@ -123,6 +123,16 @@ if(PROMETHEUS AND MICROHTTPD_INCLUDE_DIR AND MICROHTTPD_LIBRARY)
         ENVIRONMENT "PYTHONPATH=${PROJECT_SOURCE_DIR};ASAN_OPTIONS=${sanitizer_options}")
 endif()
 
+# The page, in a browser.
+find_program(CHROMIUM chromium)
+find_program(CHROMEDRIVER chromedriver)
+if(CHROMIUM AND CHROMEDRIVER AND MICROHTTPD_INCLUDE_DIR AND MICROHTTPD_LIBRARY)
+    add_test(NAME page
+        COMMAND /usr/bin/python3 -B ${CMAKE_CURRENT_SOURCE_DIR}/host/check_page.py ${CMAKE_BINARY_DIR})
+    set_tests_properties(page PROPERTIES TIMEOUT 300
+        ENVIRONMENT "PYTHONPATH=${PROJECT_SOURCE_DIR};ASAN_OPTIONS=${sanitizer_options}")
+endif()
+
 target_link_libraries(tst_inputhostrecording PRIVATE tcpinput_recording)
 target_link_libraries(tst_trafficrecorder PRIVATE tcpinput_recording)
 test_uses_certificates(tst_inputhostreload) # its devices can TLS

@@ -19,10 +19,12 @@
 namespace host {
 namespace {
 
-// For the signal handler. Set before it is installed, restored after it is uninstalled.
-volatile std::sig_atomic_t writeEnd = -1;
-const std::atomic<qint64> *unsafe = nullptr; // null: the end says nothing
-static_assert(std::atomic<qint64>::is_always_lock_free); // a handler reads it
+// For the signal handler, which runs in any thread. Set before it is installed, restored after it is
+// uninstalled: in another thread it may still be at work then.
+std::atomic<int> writeEnd = -1;
+std::atomic<const std::atomic<qint64> *> unsafe = nullptr; // null: the end says nothing
+static_assert(decltype(writeEnd)::is_always_lock_free && decltype(unsafe)::is_always_lock_free
+              && std::atomic<qint64>::is_always_lock_free); // as a handler needs them
 
 constexpr int StopSignals[] = {SIGINT, SIGTERM};
 constexpr int OtherSignals[] = {SIGHUP, SIGUSR1, SIGUSR2};
@@ -39,11 +41,14 @@ void catchSignal(int number, int flags, void (*handler)(int))
 // reader of standard error.
 void tellLoss()
 {
+    const std::atomic<qint64> *count = unsafe;
+    if (!count)
+        return;
     constexpr std::string_view before = "warning: Ended by a second signal: ";
     constexpr std::string_view behind = " messages are not safe, and what the plugin has is lost\n";
     std::array<char, 128> line = {};
     char *end = std::copy(before.begin(), before.end(), line.begin());
-    end = std::to_chars(end, line.end(), unsafe->load()).ptr;
+    end = std::to_chars(end, line.end(), count->load()).ptr;
     end = std::copy(behind.begin(), behind.end(), end);
     pollfd request = {STDERR_FILENO, POLLOUT, 0};
     if (::poll(&request, 1, 0) != 1 || (request.revents & POLLOUT) == 0)

@@ -202,13 +202,15 @@ void tst_SessionTraps::acknowledgementsAfterTheSession()
                 }
             }));
     thread->start();
+    const auto end = qScopeGuard([&isOver, &thread] {
+        isOver = true;
+        thread->wait();
+    });
     QTRY_VERIFY_WITH_TIMEOUT(calls > 100, HangGuardMs);
-    QCOMPARE(session->counters()->buffered, quint64(0));
+    QTRY_COMPARE_WITH_TIMEOUT(session->counters()->buffered, quint64(0), HangGuardMs);
     session.reset();
     const int before = calls;
     QTRY_VERIFY_WITH_TIMEOUT(calls > before + 100, HangGuardMs);
-    isOver = true;
-    QVERIFY(thread->wait(HangGuardMs));
 }
 
 // They are meant for a plugin that is gone, and must not cut what the next one has received.

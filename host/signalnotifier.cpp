@@ -19,8 +19,8 @@
 namespace host {
 namespace {
 
-// For the signal handler, which runs in any thread. Set before it is installed, restored after it is
-// uninstalled: in another thread it may still be at work then.
+// For the signal handler, which runs in any thread. Set before it is installed, restored after it
+// is uninstalled: in another thread it may still be at work then.
 std::atomic<int> writeEnd = -1;
 std::atomic<const std::atomic<qint64> *> unsafe = nullptr; // null: the end says nothing
 static_assert(decltype(writeEnd)::is_always_lock_free && decltype(unsafe)::is_always_lock_free

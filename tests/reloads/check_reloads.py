@@ -32,7 +32,6 @@ from harness.processes import HANG_GUARD_SECONDS, exit_on_sigterm
 # More connections at a time would find the kernel's queue full, and wait a second.
 MOST_OPENING = 128
 PAUSE_SECONDS = 0.02
-WORKERS = 4  # of a plugin, by default
 # Of this process: no other test uses it.
 SOURCE = f"127.{64 + (os.getpid() >> 16 & 63)}.{os.getpid() >> 8 & 255}.{os.getpid() & 255}"
 
@@ -225,10 +224,10 @@ class Run:
 
 class Sending(Run):
     async def play_host(self):
-        threads = self.host.threads() + WORKERS
         self.devices = [Device(self, n) for n in range(self.arguments.devices)]
         tasks = [asyncio.create_task(device.send_without_end()) for device in self.devices]
         await self.wait_for_connections(1)
+        threads = self.host.threads()
         for number in range(self.arguments.reloads):
             await self.reload()
             await self.wait_for_connections(number + 2)

@@ -90,8 +90,7 @@ if(MICROHTTPD_INCLUDE_DIR AND MICROHTTPD_LIBRARY)
     endif()
 endif()
 
-# A sanitizer's own library has to be the first that is loaded.
-if(MICROHTTPD_INCLUDE_DIR AND MICROHTTPD_LIBRARY AND NOT TCPINPUT_SANITIZE)
+if(MICROHTTPD_INCLUDE_DIR AND MICROHTTPD_LIBRARY)
     add_library(standstill MODULE ${CMAKE_CURRENT_LIST_DIR}/standstill.cpp)
     target_link_libraries(standstill PRIVATE tcpinput_build_options ${CMAKE_DL_LIBS})
     host_program_test(tst_inputhoststalledworker)
@@ -102,6 +101,9 @@ if(MICROHTTPD_INCLUDE_DIR AND MICROHTTPD_LIBRARY AND NOT TCPINPUT_SANITIZE)
         ${CMAKE_BINARY_DIR} $<TARGET_FILE:standstill>)
     set_tests_properties(systemd PROPERTIES TIMEOUT 300 SKIP_RETURN_CODE 77
         ENVIRONMENT "PYTHONPATH=${PROJECT_SOURCE_DIR}")
+    if(TCPINPUT_SANITIZE) # its own library has to be the first that is loaded
+        set_tests_properties(tst_inputhoststalledworker systemd PROPERTIES DISABLED TRUE)
+    endif()
 endif()
 
 find_program(HAPROXY_FILE haproxy)

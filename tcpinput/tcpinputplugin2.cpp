@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "tcpinput/tcpinputplugin2.h"
+#include "tcpinput/accept/tlssocket.h"
 
 #include "plugin/acceptpause.h"
 #include "plugin/cwrn.h"
@@ -301,16 +302,13 @@ QStringList TcpInputPlugin2::onQuery(QString q)
 
 void TcpInputPlugin2::socketError(QSslSocket *socket, QAbstractSocket::SocketError)
 {
-    if (!configuration.logPeers) {
+    const auto *const known = dynamic_cast<const TlsSocket *>(socket);
+    if (configuration.logPeers && known)
+        CWRN(QtWarningMsg, QStringLiteral("TcpInputPlugin2(%1): SSL Socket error: %2, from %3"),
+             pluginId, socket->errorString(), known->peerText());
+    else
         CWRN(QtWarningMsg, QStringLiteral("TcpInputPlugin2(%1): SSL Socket error: %2"), pluginId,
              socket->errorString());
-        return;
-    }
-    Endpoints ends;
-    ends.peer = socket->peerAddress();
-    ends.peerPort = socket->peerPort();
-    CWRN(QtWarningMsg, QStringLiteral("TcpInputPlugin2(%1): SSL Socket error: %2, from %3"),
-         pluginId, socket->errorString(), ends.peerText());
 }
 
 void TcpInputPlugin2::threadFinished()

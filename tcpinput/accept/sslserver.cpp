@@ -109,7 +109,7 @@ TakenConnection SslServer::take()
                 next->acceptance};
     TlsSocket *socket = next->socket.get();
     socket->moveToThread(QThread::currentThread());
-    socket->restoreEndpoints(next->acceptance.endpoints);
+    socket->restoreEndpoints();
     connect(
             socket, &QAbstractSocket::errorOccurred, socket, [socket] { disconnectIfOver(socket); },
             Qt::QueuedConnection);
@@ -142,7 +142,7 @@ void SslServer::admit(qintptr descriptor, const Acceptance &acceptance)
 
 void SslServer::admitToQt(qintptr descriptor, const Acceptance &acceptance)
 {
-    auto socket = std::make_unique<TlsSocket>();
+    auto socket = std::make_unique<TlsSocket>(acceptance.endpoints);
     socket->setSslConfiguration(sslConfiguration());
     if (!socket->setSocketDescriptor(descriptor)) {
         ::close(static_cast<int>(descriptor));
@@ -150,8 +150,8 @@ void SslServer::admitToQt(qintptr descriptor, const Acceptance &acceptance)
         return;
     }
     if (acceptance.isProxied)
-        socket->replacePeer(acceptance.endpoints);
-    auto *handshake = new TlsHandshake(this, std::move(socket), acceptance.endpoints);
+        socket->replacePeer();
+    auto *handshake = new TlsHandshake(this, std::move(socket));
     if (acceptance.isProxied) {
         handshake->allowSilence(); // the proxy may only look whether somebody listens
         connect(handshake, &TlsHandshake::endedSilently, &proxies, &ProxyGate::countSilent);
@@ -298,8 +298,9 @@ void SslServer::tell(const HandshakeResult &result)
     const bool tellsBegin = result.begun && isSignalConnected(begun);
     if (!hasFailed && !tellsBegin && report.peerErrors.isEmpty() && report.alerts.isEmpty())
         return;
-    auto *const socket = new TlsSocket; // receivers may keep it until the next pass
-    socket->replacePeer(result.acceptance.endpoints);
+    auto *const socket =
+            new TlsSocket(result.acceptance.endpoints); // receivers may keep it until the next pass
+    socket->replacePeer();
     const QPointer<SslServer> self(this);
     const auto emitSafely = [self](auto emission) {
         if (self)

@@ -17,11 +17,10 @@ constexpr char HandshakeRecord = 0x16; // first byte of a ClientHello's record, 
 
 } // namespace
 
-TlsHandshake::TlsHandshake(QSslServer *owner, std::unique_ptr<TlsSocket> accepted, Endpoints known)
+TlsHandshake::TlsHandshake(QSslServer *owner, std::unique_ptr<TlsSocket> accepted)
     : QObject(owner),
       server(owner),
       socket(std::move(accepted)),
-      endpoints(std::move(known)),
       plainSocket(socket->findChild<QTcpSocket *>(QString(), Qt::FindDirectChildrenOnly))
 {
     forwardSignals();
@@ -198,7 +197,6 @@ void TlsHandshake::report(QAbstractSocket::SocketError error, const QString &tex
     if (interruption)
         tell(&QSslServer::handshakeInterruptedOnError, *interruption);
     socket->setErrorString(text);
-    socket->restoreEndpoints(endpoints); // Qt has forgotten them if the peer has gone
     tell(&QSslServer::errorOccurred, error);
     telling = within;
     end(); // not drop(), which aborts: an alert for the peer may be unsent

@@ -30,8 +30,8 @@ class TlsHandshake : public QObject
     Q_OBJECT
 
 public:
-    // accepted: not null, with descriptor and configuration set. known: its ends.
-    TlsHandshake(QSslServer *owner, std::unique_ptr<TlsSocket> accepted, Endpoints known);
+    // accepted: not null, with descriptor and configuration set.
+    TlsHandshake(QSslServer *owner, std::unique_ptr<TlsSocket> accepted);
     ~TlsHandshake() override;
 
     // If the peer goes before its first byte, that is no failure. Default: it is one.
@@ -80,7 +80,6 @@ private:
 
     const QPointer<QSslServer> server;
     std::unique_ptr<TlsSocket> socket;
-    const Endpoints endpoints;
     // The socket's own, which sends and receives for it. Null once that is handed over: a worker
     // may be deleting it then.
     QPointer<QTcpSocket> plainSocket;
